@@ -1,0 +1,57 @@
+#pragma once
+
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+/// The daemon's log: one line a call, flushed at once, never rotated, no size limit. Any thread
+/// may call any member; lines of different threads never mix.
+///
+/// A line is the local time, "#", the level's word, "#", the message:
+/// "Sun Nov 15 12:16:44 2026#NOTICE#Load cron task". Levels: 0 DEBUG, 1 INFO, 2 NOTICE, 3 WARNING,
+/// 4 ERRORS, 5 CRITICAL, 6 ALERT, 7 ERMERGENCY; any other level is written as INFO. Readers of the
+/// log depend on the words' spelling.
+///
+/// HandlerQuit writes too, on whatever thread SIGTERM finds: a thread that is inside a member
+/// keeps SIGTERM blocked, and writing a line allocates nothing.
+class logFile {
+ public:
+  /// Opens `path` for appending, creating it when missing, with threshold 1. Throws FileException
+  /// when the file cannot be opened.
+  explicit logFile(std::string path);
+
+  /// The same with `threshold`: lines of a lower level are dropped.
+  logFile(char threshold, std::string path);
+
+  /// Writes a line unless `lineLevel` is below the threshold, which is tested without the lock.
+  /// Opens the file again if it was closed; throws FileException when that fails.
+  void write(char lineLevel, std::string_view message);
+
+  /// Writes a line with `tag` in place of the level's word, whatever the threshold. Throws as
+  /// above.
+  void write(std::string_view tag, std::string_view message);
+
+  /// Writes `message` and a newline, without a time and whatever the threshold. Throws as above.
+  void write(std::string_view message);
+
+  /// The file's size in bytes. Throws std::filesystem::filesystem_error when the file is missing.
+  std::size_t size();
+
+  /// The path from its last "/" on, the slash included. Throws std::out_of_range without a "/".
+  std::string getFileName() const;
+
+  /// The path before its last "/"; the whole path without one.
+  std::string getDirectory() const;
+
+ private:
+  /// Opens the stream. Throws FileException when that fails. Caller holds mutex, or constructs.
+  void open();
+  /// Makes the stream ready for a line, opened again if it is closed. Caller holds mutex.
+  void prepare();
+
+  const signed char level;     // constant after construction
+  const std::string fileName;  // constant after construction
+  std::fstream stream;         // guarded by mutex
+  std::mutex mutex;
+};
