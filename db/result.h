@@ -1,0 +1,24 @@
+#pragma once
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <libpq-fe.h>
+
+/// A statement's result, cleared when it goes.
+struct ResultClearer {
+  void operator()(PGresult* result) const { PQclear(result); }
+};
+using ResultPtr = std::unique_ptr<PGresult, ResultClearer>;
+
+/// The text of a cell; "" for SQL NULL. Throws std::logic_error, which names `what`, when the
+/// result has no such row: a RETURNING statement found its row deleted.
+inline std::string cellText(const ResultPtr& result, int row, int column, const char* what) {
+  if (row >= PQntuples(result.get())) {
+    throw std::logic_error(std::string(what) +
+                           " returned no row: the task's row was deleted meanwhile; start the "
+                           "daemon again to go on with the other tasks");
+  }
+  return PQgetvalue(result.get(), row, column);
+}
