@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+class serviceCron;
+
+/// Orders a heap so that the task with the smallest ExecTime stands in front.
+class CompareTask {
+ public:
+  /// True when `first` is due later than `second`.
+  bool operator()(std::shared_ptr<serviceCron> first, std::shared_ptr<serviceCron> second) const;
+};
+
+/// The tasks that wait for their next run, earliest first; equal times in any order. Any thread
+/// may call any member; each holds the queue's lock for its whole duration, takes no other, and
+/// throws std::system_error when the lock cannot be taken.
+///
+/// A task's ExecTime is read whenever the heap is put in order, so it must not change while the
+/// task is inside. The loader's update of a known task may do so all the same: that task then
+/// stands at its old place until a push or a pop moves it.
+class CronTaskQueue {
+ public:
+  CronTaskQueue() = default;
+  virtual ~CronTaskQueue() = default;
+  CronTaskQueue(const CronTaskQueue&) = delete;
+  CronTaskQueue& operator=(const CronTaskQueue&) = delete;
+
+  void push(std::shared_ptr<serviceCron> task);
+
+  /// The earliest task, which stays in the queue; null when the queue is empty.
+  std::shared_ptr<serviceCron> front();
+
+  /// Removes and returns the earliest task; null when the queue is empty.
+  std::shared_ptr<serviceCron> pop();
+
+  bool empty();
+  /// The number of tasks.
+  std::size_t size();
+
+  /// Removes the tasks one by one, earliest first.
+  void clear();
+
+ private:
+  /// Removes and returns the earliest task. Caller holds mutex; the queue is not empty.
+  std::shared_ptr<serviceCron> take();
+
+  std::mutex mutex;
+  std::vector<std::shared_ptr<serviceCron>> heap;  // guarded by mutex
+};
