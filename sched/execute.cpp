@@ -1,0 +1,224 @@
+#include <fcntl.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <iterator>
+#include <string_view>
+#include <tuple>
+#include <utility>
+
+#include <utf8.h>
+
+#include "core/signals.h"
+#include "task/serviceSafe.h"
+#include "task/serviceSafeException.h"
+
+/// Both ends of a plugin's output, closed when it goes at the latest.
+class serviceSafe::Pipe {
+ public:
+  Pipe() { std::ignore = pipe2(ends.data(), O_CLOEXEC); }
+  ~Pipe() {
+    closeReadEnd();
+    closeWriteEnd();
+  }
+  Pipe(const Pipe&) = delete;
+  Pipe& operator=(const Pipe&) = delete;
+
+  /// False when the pipe could not be made; errno says why.
+  bool isOpen() const { return readEnd() >= 0; }
+  int readEnd() const { return ends[0]; }
+  int writeEnd() const { return ends[1]; }
+  void closeReadEnd() { closeOnce(ends[0]); }
+  void closeWriteEnd() { closeOnce(ends[1]); }
+
+ private:
+  static void closeOnce(int& end) {
+    if (end >= 0) {
+      close(std::exchange(end, -1));
+    }
+  }
+
+  std::array<int, 2> ends = {-1, -1};
+};
+
+namespace {
+
+constexpr int kCouldNotConnect = 255;
+constexpr int kHighestPassedThrough = 5;
+constexpr int kUnknown = 3;
+constexpr int kChildFailure = 2;
+
+/// The description of `error`. Unlike strerror, it neither locks nor allocates, so the child may
+/// ask for it.
+std::string_view describe(int error) {
+  const char* text = strerrordesc_np(error);
+  return text == nullptr ? "Unknown error" : text;
+}
+
+/// Writes `prefix`, the description of `error` and a newline to `descriptor`, as one write.
+void report(int descriptor, std::string_view prefix, int error) {
+  const auto part = [](std::string_view text) {
+    return iovec{const_cast<char*>(text.data()), text.size()};
+  };
+  const std::array<iovec, 3> parts = {part(prefix), part(describe(error)), part("\n")};
+  [[maybe_unused]] const auto written = writev(descriptor, parts.data(), parts.size());
+}
+
+/// The child's side: turns the child into the plugin with its standard output in the pipe, and
+/// ends it with code 2 when that fails. Takes no lock and allocates nothing, because the other
+/// threads, which may hold both, do not exist here.
+[[noreturn]] void becomePlugin(int readEnd, int writeEnd, char* const* arguments,
+                               const sigset_t& signalMask) {
+  close(readEnd);
+  if (dup2(writeEnd, STDOUT_FILENO) < 0) {
+    const int error = errno;
+    report(STDERR_FILENO, "EXEC fils: erreur de redirection de flux (dup2): ", error);
+    close(writeEnd);
+    _exit(kChildFailure);
+  }
+  close(writeEnd);
+  // The log and other workers' output files are open without close-on-exec.
+  close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+  // In this order: a SIGTERM that has come meanwhile ends the child; it must not run HandlerQuit.
+  std::signal(SIGTERM, SIG_DFL);
+  pthread_sigmask(SIG_SETMASK, &signalMask, nullptr);
+
+  std::array<char*, 1> emptyEnvironment = {nullptr};
+  execve(arguments[0], arguments, emptyEnvironment.data());
+  report(STDOUT_FILENO, "DAEMON: plugin is not executable ", errno);
+  _exit(kChildFailure);
+}
+
+/// Pointers to the arguments' characters, ended by a null pointer. Valid as long as `arguments`.
+std::vector<char*> pointersTo(std::vector<std::string>& arguments) {
+  std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
+  for (std::string& argument : arguments) {
+    pointers.push_back(argument.data());
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+/// Replaces each invalid UTF-8 sequence by one blank; leaves valid text alone.
+void repairUtf8(std::string& text) {
+  if (utf8::find_invalid(text.begin(), text.end()) == text.end()) {
+    return;
+  }
+  std::string repaired;
+  repaired.reserve(text.size());
+  utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(repaired), U' ');
+  text = std::move(repaired);
+}
+
+}  // namespace
+
+int serviceSafe::execute() {
+  Pipe pipe;
+  if (!pipe.isOpen()) {
+    const int error = errno;
+    const std::lock_guard lock(mutex);
+    throw serviceSafeException("Error open pipe " + taskTrailer(std::strerror(error)));
+  }
+  // Held over the whole run, so that one task never runs twice at a time.
+  const std::lock_guard lock(mutex);
+  ExecState = 0;
+  Stdout.clear();
+  const int pid = startPlugin(pipe);
+  std::string output = readOutput(pipe);
+  Stdout = output;
+  const int status = waitForPlugin(pid, pipe);
+  const int code = returnCodeOf(status, output);
+  repairUtf8(output);
+  ReturnCode = code;
+  storeOutput(std::move(output));
+  return code;
+}
+
+std::string serviceSafe::taskTrailer(const std::string& detail) const {
+  return name + "\npath:" + path + " " + parameter + detail;
+}
+
+int serviceSafe::startPlugin(Pipe& pipe) const {
+  std::vector<std::string> arguments = {path};
+  arguments.insert(arguments.end(), parameterVector.begin(), parameterVector.end());
+  const std::vector<char*> pointers = pointersTo(arguments);
+  pid_t pid = -1;
+  int error = 0;
+  {
+    // A signal that reached the child before it is the plugin would run HandlerQuit there.
+    const SignalBlock noSignals = SignalBlock::all();
+    pid = fork();
+    error = errno;
+    if (pid == 0) {
+      becomePlugin(pipe.readEnd(), pipe.writeEnd(), pointers.data(), noSignals.previous());
+    }
+  }
+  if (pid < 0) {
+    throw serviceSafeException("Error create fork " + taskTrailer(std::strerror(error)));
+  }
+  pipe.closeWriteEnd();
+  return pid;
+}
+
+std::string serviceSafe::readOutput(const Pipe& pipe) const {
+  std::string output;
+  std::array<char, 1024> chunk{};
+  for (;;) {
+    const ssize_t length = read(pipe.readEnd(), chunk.data(), chunk.size());
+    if (length == 0) {
+      return output;
+    }
+    if (length > 0) {
+      // A chunk counts up to its first NUL byte only.
+      output.append(chunk.data(), strnlen(chunk.data(), static_cast<std::size_t>(length)));
+    } else if (errno != EINTR) {
+      // The child is not waited for: it may live as long as it likes.
+      throw serviceSafeException("Error read buffer: " + taskTrailer(std::strerror(errno)));
+    }
+  }
+}
+
+int serviceSafe::waitForPlugin(int pid, Pipe& pipe) const {
+  int status = 0;
+  if (waitpid(pid, &status, WUNTRACED | WCONTINUED) == -1) {
+    throw serviceSafeException("Error execute " + taskTrailer(std::strerror(errno)));
+  }
+  pipe.closeReadEnd();
+  return status;
+}
+
+int serviceSafe::returnCodeOf(int status, const std::string& output) {
+  const int signal = status & 0x7f;
+  const int exitCode = (status >> 8) & 0xff;
+  if (signal != 0) {  // killed by a signal, or reported as stopped
+    ReturnCode = kUnknown;
+    Stdout = "Error: kodu can't execute " + path;
+    throw serviceSafeException("Error: kodu can't execute " + taskTrailer(output));
+  }
+  if (exitCode == kCouldNotConnect) {
+    Stdout = "UNKNOWN: KoduDaemon could not connect to host";
+    return kUnknown;
+  }
+  if (exitCode > kHighestPassedThrough) {
+    Stdout = "Error execute: Bad return code\n" + taskTrailer(" " + output);
+    return kUnknown;
+  }
+  return exitCode;
+}
+
+void serviceSafe::storeOutput(std::string output) {
+  if (output.empty() || output == "''") {
+    // Stdout keeps what returnCodeOf left there.
+    ReturnCode = kUnknown;
+    throw serviceSafeException("DAEMON: the plugin does not return anything on the stdout");
+  }
+  // Replaces a text of returnCodeOf as well: the code says that something is wrong, and the
+  // plugin's own words say what. ExecuteTest.KeepsThePluginsTextForExitCode255 holds this in place.
+  Stdout = std::move(output);
+}

@@ -1,0 +1,171 @@
+#include "sched/worker.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/globals.h"
+#include "core/logFile.h"
+#include "core/signals.h"
+#include "db/pgSafeThread.h"
+#include "db/result.h"
+#include "sched/nextTime.h"
+#include "sched/outputPath.h"
+#include "task/CronTaskQueue.h"
+#include "task/EmptyQueueException.h"
+#include "task/ExecuteQueue.h"
+#include "task/serviceCron.h"
+#include "task/serviceSafeException.h"
+
+namespace {
+
+using Task = std::shared_ptr<serviceCron>;
+
+constexpr int kAttempts = 3;
+constexpr int kCritical = 2;
+constexpr char kDeleted = 3;
+
+void logDebug(const std::string& message) {
+  fileLog->write(0, message);
+}
+
+void markAsRunning(const Task& task, std::vector<std::string>& parameters) {
+  parameters.push_back(task->GetService_idStr());
+  PQclear(pgSQL->executePrepareRequest("UpdateCronProcess", parameters));
+  logDebug("TH EXEC: crontask exec " + task->Getname());
+}
+
+/// Runs the plugin, again after a second when it could not be run; CRITICAL when it never could.
+int runPlugin(const Task& task) {
+  for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+    try {
+      const int code = task->execute();
+      logDebug("TH EXEC: crontask exec SUCCESS " + task->Getname());
+      return code;
+    } catch (const serviceSafeException& e) {
+      fileLog->write(4, "TH EXEC: Excute failed retry" + task->Getname() + " " +
+                            std::to_string(task->GetService_id()) + " " + e.what());
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
+  }
+  return kCritical;
+}
+
+void printRun(int code, const std::string& output) {
+  std::cout << "return" + std::to_string(code) + "\n" << std::flush;
+  std::cout << "output" + output + "\n" << std::flush;
+}
+
+void writeOutputFile(const std::string& path, const Task& task) {
+  // No O_TRUNC: readers of the file never find it empty, and what a shorter output leaves of a
+  // longer one stays behind it. WorkerTest.LeavesTheTailOfALongerOutput holds this in place.
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT, 0644);
+  if (file < 0) {
+    throw serviceSafeException(std::strerror(errno));
+  }
+  const std::string output = task->GetStdout();
+  flock(file, LOCK_EX);
+  [[maybe_unused]] const auto written = write(file, output.data(), output.size());
+  flock(file, LOCK_UN);
+  close(file);
+  task->clearOutput();
+}
+
+/// Keeps a copy of the failed run's output and a row that names it.
+void archiveFailure(const Task& task, const std::string& outputPath) {
+  logDebug("TH EXEC: FAILED EXEC STATE: " + task->Getname());
+  const std::string archiveName = replaceParameter(task->GetFilename(), task);
+  const std::string directory = archiveDirectory(task->GetService_idStr());
+  if (!std::filesystem::exists(std::filesystem::status(directory))) {
+    std::filesystem::create_directories(directory);
+  }
+  // Without options: a copy that is there already is a failed run's only trace and is never
+  // overwritten, even though the process ends here.
+  // WorkerCrashTest.EndsTheProcessWhenTheArchiveFileExists holds this in place.
+  std::filesystem::copy(outputPath, directory + archiveName);
+  PQclear(pgSQL->executePrepareRequest("insertCronError", {task->GetService_idStr(), archiveName}));
+}
+
+/// Sets the time of the next retry, in memory only, counted from this run's due time. False when
+/// the retries are spent.
+bool scheduleRetry(const Task& task) {
+  const int retry = task->GetRetrie() + 1;
+  if (retry > task->GetMaxRetrie()) {
+    return false;
+  }
+  logDebug("TH EXEC: TASK FAILED RETRIES: " + std::to_string(retry));
+  task->SetRetrie(retry);
+  const long retryTime = task->GetExecTimeSec() + task->GetRetrieTime();
+  task->SetExecTime(retryTime);
+  logDebug("TH EXEC: TASK FAILED RETRIES NEXT EXEC: " + std::to_string(retryTime));
+  return true;
+}
+
+/// Writes the run's final state and takes over the next time that the database gives.
+void completeRun(const Task& task, const std::string& state, std::vector<std::string>& parameters) {
+  task->SetRetrie(0);
+  logDebug("TH EXEC: UPDATE TASK STATE: " + state + " " + task->Getname());
+  parameters.push_back(state);
+  const ResultPtr result(pgSQL->executePrepareRequest("UpdateCronState", parameters));
+  const std::string nextExec = cellText(result, 0, 0, "UpdateCronState");
+  logDebug("change time exec: " + nextExec);
+  task->SetExecTime(static_cast<long>(
+      getNextTimeToExec(nextExec, task->Getinterval_exec_time(), task->GetService_idStr())));
+}
+
+/// One pass: everything from a task taken off the execution queue to the task put back.
+void processTask(const Task& task, std::vector<std::string>& parameters) {
+  if (task->GetExecState() == kDeleted) {
+    return;
+  }
+  markAsRunning(task, parameters);
+  const int code = runPlugin(task);
+  printRun(code, task->GetStdout());
+  const std::string outputPath = currentOutputPath(task);
+  writeOutputFile(outputPath, task);
+  bool isRetryPending = false;
+  if (code != 0) {
+    archiveFailure(task, outputPath);
+    isRetryPending = scheduleRetry(task);
+  }
+  if (!isRetryPending) {
+    completeRun(task, code == 0 ? "OK" : "FAILED", parameters);
+  }
+  parameters.clear();
+  serviceQueue->push(task);
+}
+
+}  // namespace
+
+void th_executeCronTaks(int number) {
+  installEmptySignalMask();
+  const std::string workerNumber = std::to_string(number);
+  std::vector<std::string> parameters;
+  while (die_kodu == 0) {
+    try {
+      queueExecTask->waitForTask(die_kodu);
+      logDebug("TH EXEC wake up " + workerNumber);
+      if (die_kodu == 0) {
+        processTask(queueExecTask->pop(), parameters);
+      }
+    } catch (const EmptyQueueException&) {
+      // Another worker was faster.
+    } catch (const serviceSafeException& e) {
+      // The task is not put back and `parameters` is not emptied: a directory that takes no output
+      // is no state to go on in, and the next statement, which gets too many parameters, ends the
+      // process. WorkerCrashTest.EndsTheProcessAtTheTaskAfterAnAbandonedPass holds this in place.
+      fileLog->write(5, e.what());
+    }
+  }
+  logDebug("TH EXEC END");
+}
