@@ -1,0 +1,68 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/Files.h"
+
+class Database;
+
+/// The built daemon as a child process, with INI files, log and output files below a directory of
+/// the test's own. Killed with its plugins when it goes.
+class Daemon {
+ public:
+  /// Writes the INI files for `database`; starts nothing.
+  explicit Daemon(const Database& database);
+  ~Daemon();
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  // What the INI files say; change it before start().
+
+  std::string threadNumber = "2";
+  std::string mainConfig() const { return directory / "cron.conf"; }
+  std::string databaseConfig() const { return directory / "database.conf"; }
+  std::string logPath() const { return directory / "cron.log"; }
+  std::string outputDirectory() const { return directory / "output"; }
+  /// Standard output and standard error of the daemon.
+  std::string consolePath() const { return directory / "console"; }
+  /// Writes both INI files again, with the present threadNumber.
+  void writeConfig() const;
+
+  /// Starts the daemon with `-f mainConfig()` and `options`, as "-D". Returns at once.
+  void start(const std::vector<std::string>& options = {});
+  /// Starts it with these arguments alone.
+  void startWith(const std::vector<std::string>& arguments);
+  /// Starts it and waits until its log says that it starts its threads. False after 20 s.
+  bool startAndWait(const std::vector<std::string>& options = {});
+
+  pid_t pid() const { return process; }
+  void signal(int number) const;
+
+  /// waitpid's status once the daemon has ended; nothing when it lives on for `limit`.
+  std::optional<int> waitForEnd(std::chrono::seconds limit = std::chrono::seconds(30));
+  bool isRunning();
+
+  /// Its log's messages in order, each as "LEVEL#message".
+  std::vector<std::string> log() const;
+  /// How often `line` ("LEVEL#message") stands in its log.
+  long logged(const std::string& line) const;
+  /// What it wrote on standard output and standard error.
+  std::string console() const;
+  /// The content of an output file, by its path below outputDirectory().
+  std::string output(const std::string& name) const;
+
+  TempDir directory;
+
+ private:
+  /// Notes the status when the daemon has ended.
+  void poll();
+
+  const Database& database;
+  pid_t process = -1;
+  std::optional<int> endStatus;
+};
