@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <unistd.h>
 
 #include <array>
@@ -132,6 +133,8 @@ Threads startService(const iniConfig& config) {
   prepareNamedStatements(*pgSQL);
   fileLog->write(2, "Load cron task");
   load_cron_task("ADD", nullptr);
+  // The rows of all tasks have passed through the heap once; nobody needs that room again.
+  malloc_trim(0);
   Threads threads = startThreads(workers);
   fileLog->write(0, "Join Thread");
   return threads;
