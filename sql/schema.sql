@@ -5,8 +5,8 @@
 --     ALTER ROLE kodu PASSWORD '...';
 --
 -- All times are `timestamp` columns that hold UTC: the daemon reads them as seconds since the
--- epoch. The database's time zone is set to UTC below, so that now() is right as it stands; a writer
--- who changes the zone of a session writes now() AT TIME ZONE 'UTC'.
+-- epoch. The database's time zone is set to UTC below, so that now() is right as it stands; a
+-- writer who changes the zone of a session writes now() AT TIME ZONE 'UTC'.
 --
 -- A database that is copied from this one with CREATE DATABASE ... TEMPLATE gets the tables, but
 -- not what the last section says about the database itself: load this file into the copy as well.
@@ -45,8 +45,8 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
     cron_status    character varying,  -- NULL until the first run
     cron_last_exec timestamp,          -- NULL until the first run
     -- The daemon's statements return this time as an integer count of seconds, which ends at the
-    -- limit below; its catch-up counts missed intervals in an integer too, from 1970 at most. Either
-    -- overflow would end the daemon at every restart, and with it all other tasks.
+    -- limit below; its catch-up counts missed intervals in an integer too, from 1970 at most.
+    -- Either overflow would end the daemon at every restart, and with it all other tasks.
     cron_next_exec timestamp NOT NULL DEFAULT date_trunc('second', now() AT TIME ZONE 'UTC')
         CONSTRAINT cron_next_exec_in_integer_seconds
             CHECK (cron_next_exec BETWEEN '1970-01-01 00:00:00' AND '2038-01-19 03:14:07'),
@@ -83,7 +83,7 @@ CREATE TABLE IF NOT EXISTS kodu_cron_error (
 -- ends at each failure it would record.
 ALTER SEQUENCE kodu_cron_error_cron_error_id_seq CYCLE;
 
--- Indexes: all other statements find their row by its primary key ------------------------------------
+-- Indexes: all other statements find their row by its primary key --------------------------------
 
 -- SelectDeleteCron, every two minutes: the flagged rows without reading all the others.
 CREATE INDEX IF NOT EXISTS kodu_cron_plugin_flagged ON kodu_cron_plugin (cron_id) WHERE cron_delete;
@@ -113,7 +113,7 @@ COMMENT ON TABLE kodu_cron_error IS 'One row a failed run; times are UTC';
 COMMENT ON COLUMN kodu_cron_error.cron_logfile IS
     'Name of the output''s copy in the task''s archive folder';
 
--- The role, its rights, the database ----------------------------------------------------------------
+-- The role, its rights, the database -------------------------------------------------------------
 
 DO $$
 BEGIN
