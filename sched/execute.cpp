@@ -7,14 +7,12 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <iterator>
 #include <string_view>
 #include <tuple>
 #include <utility>
 
-#include <utf8.h>
-
 #include "core/signals.h"
+#include "sched/pluginOutput.h"
 #include "task/serviceSafe.h"
 #include "task/serviceSafeException.h"
 
@@ -105,17 +103,6 @@ std::vector<char*> pointersTo(std::vector<std::string>& arguments) {
   return pointers;
 }
 
-/// Replaces each invalid UTF-8 sequence by one blank; leaves valid text alone.
-void repairUtf8(std::string& text) {
-  if (utf8::find_invalid(text.begin(), text.end()) == text.end()) {
-    return;
-  }
-  std::string repaired;
-  repaired.reserve(text.size());
-  utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(repaired), U' ');
-  text = std::move(repaired);
-}
-
 }  // namespace
 
 int serviceSafe::execute() {
@@ -175,8 +162,7 @@ std::string serviceSafe::readOutput(const Pipe& pipe) const {
       return output;
     }
     if (length > 0) {
-      // A chunk counts up to its first NUL byte only.
-      output.append(chunk.data(), strnlen(chunk.data(), static_cast<std::size_t>(length)));
+      appendChunk(output, {chunk.data(), static_cast<std::size_t>(length)});
     } else if (errno != EINTR) {
       // The child is not waited for: it may live as long as it likes.
       throw serviceSafeException("Error read buffer: " + taskTrailer(std::strerror(errno)));

@@ -1,0 +1,34 @@
+#include "admin/loaderRow.h"
+
+#include "core/globals.h"
+#include "core/logFile.h"
+#include "sched/nextTime.h"
+#include "task/serviceCron.h"
+
+std::string LoaderRow::text(Column column) const {
+  return cellText(result, row, column, "the task query");
+}
+
+std::shared_ptr<serviceCron> LoaderRow::makeTask() const {
+  auto task = std::make_shared<serviceCron>();
+  task->SetService_id(static_cast<unsigned long long>(id()));
+  task->Setname(text(kName));
+  fileLog->write(0, "Load cron task: " + task->Getname());
+  task->Setpath(text(kPath));
+  const auto interval = static_cast<unsigned int>(number(kInterval));
+  task->Setinterval_exec_time(interval);
+  task->Setparameter(text(kParameter));
+  task->SetFilename(text(kLogFile));
+  // SQL NULL leaves the record's own defaults.
+  if (!text(kRetries).empty()) {
+    task->SetMaxRetrie(number(kRetries));
+  }
+  if (!text(kRetriesInterval).empty()) {
+    task->SetRetrieTime(number(kRetriesInterval));
+  }
+  const std::string nextExec = text(kNextExec);
+  task->SetExecTime(
+      static_cast<long>(getNextTimeToExec(nextExec, interval, task->GetService_idStr())));
+  fileLog->write(0, "ADD cron task: " + nextExec);
+  return task;
+}

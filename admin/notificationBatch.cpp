@@ -1,0 +1,44 @@
+#include "admin/notificationBatch.h"
+
+#include <json/value.h>
+
+#include "admin/loader.h"
+#include "core/globals.h"
+#include "core/logFile.h"
+
+namespace {
+
+void loadAndEmpty(const char* mode, std::vector<int>& ids) {
+  if (!ids.empty()) {
+    load_cron_task(mode, &ids);
+    ids.clear();
+  }
+}
+
+}  // namespace
+
+void NotificationBatch::add(const std::string& payload) {
+  fileLog->write(0, "TH LISTENER# Notify string receive :" + payload);
+  Json::Value message;
+  if (!reader->parse(payload.data(), payload.data() + payload.size(), &message, &errors)) {
+    // The admin thread's name in it stays: those who watch the log look for this line.
+    fileLog->write(3, "TH ADMIN# Bad notify Json receive :" + payload);
+    return;
+  }
+  const std::string type = message["TYPE"].asString();
+  const std::string command = message["COMMAND"].asString();
+  fileLog->write(0, "TH LISTENER# Notify Json receive :" + payload);
+  if (type != "SERVICE") {
+    return;
+  }
+  if (command == "ADD") {
+    added.push_back(message["ID"].asInt());
+  } else if (command == "UPDATE") {
+    updated.push_back(message["ID"].asInt());
+  }
+}
+
+void NotificationBatch::load() {
+  loadAndEmpty("ADD", added);
+  loadAndEmpty("UPDATE", updated);
+}

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <json/reader.h>
+
+/// Collects the task ids that notifications name until the loader takes them. Owned by the listener
+/// thread.
+class NotificationBatch {
+ public:
+  /// Adds the id that `payload` names, if it names one. A payload that is no JSON is logged and
+  /// dropped. Throws Json::LogicError when a value is of the wrong type, and Json::RuntimeError
+  /// when the nesting is too deep; neither is caught by anybody.
+  void add(const std::string& payload);
+
+  /// Hands the ids to the loader, additions first, in the order in which they came, and forgets
+  /// them. Throws what the loader throws.
+  void load();
+
+  /// The ids that wait for load().
+  const std::vector<int>& additions() const { return added; }
+  const std::vector<int>& updates() const { return updated; }
+
+ private:
+  std::unique_ptr<Json::CharReader> reader{Json::CharReaderBuilder().newCharReader()};
+  Json::String errors;  // reused by every parse
+  std::vector<int> added;
+  std::vector<int> updated;
+};
