@@ -83,6 +83,14 @@ CREATE TABLE IF NOT EXISTS kodu_cron_error (
 -- ends at each failure it would record.
 ALTER SEQUENCE kodu_cron_error_cron_error_id_seq CYCLE;
 
+-- Runs that a life of the daemon left unfinished, as sql/repair.sql found them before the next life.
+CREATE TABLE IF NOT EXISTS kodu_cron_repair (
+    repair_id   bigint GENERATED ALWAYS AS IDENTITY PRIMARY KEY,
+    cron_id     integer NOT NULL,
+    repaired_at timestamp NOT NULL DEFAULT (now() AT TIME ZONE 'UTC'),
+    was_due     timestamp NOT NULL
+);
+
 -- Indexes: all other statements find their row by its primary key --------------------------------
 
 -- SelectDeleteCron, every two minutes: the flagged rows without reading all the others.
@@ -109,6 +117,7 @@ COMMENT ON COLUMN kodu_cron_plugin.cron_parameter IS
 COMMENT ON COLUMN kodu_cron_plugin.cron_delete IS
     'TRUE: the daemon removes the task, its files and its history within two minutes';
 COMMENT ON TABLE kodu_plugins IS 'Executables; those of plugin_type cron can be tasks';
+COMMENT ON TABLE kodu_cron_repair IS 'One row a run found unfinished at a start; times are UTC';
 COMMENT ON TABLE kodu_cron_error IS 'One row a failed run; times are UTC';
 COMMENT ON COLUMN kodu_cron_error.cron_logfile IS
     'Name of the output''s copy in the task''s archive folder';
@@ -129,6 +138,7 @@ GRANT SELECT ON kodu_plugins TO kodu;
 GRANT SELECT, UPDATE (cron_status, cron_last_exec, cron_next_exec), DELETE ON kodu_cron_plugin
     TO kodu;
 GRANT SELECT, INSERT, DELETE ON kodu_cron_error TO kodu;
+GRANT SELECT, INSERT ON kodu_cron_repair TO kodu;
 GRANT USAGE ON SEQUENCE kodu_cron_error_cron_error_id_seq TO kodu;
 
 DO $$
