@@ -722,12 +722,10 @@ TEST_F(ExecuteTest, ReportsAnOutputThatCannotBeRedirected) {
             "EXEC fils: erreur de redirection de flux (dup2): Bad file descriptor\n");
 }
 
-extern "C" void ignoreSignal(int) {}
-
 /// Lets SIGUSR1 interrupt whatever call it finds.
 void interruptBySigusr1() {
   struct sigaction action {};
-  action.sa_handler = ignoreSignal;
+  action.sa_handler = [](int) {};
   sigaction(SIGUSR1, &action, nullptr);
 }
 
