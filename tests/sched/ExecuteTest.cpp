@@ -25,6 +25,7 @@
 #include "task/serviceSafe.h"
 #include "task/serviceSafeException.h"
 #include "tests/support/Files.h"
+#include "tests/support/waitInShell.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
@@ -66,11 +67,6 @@ bool exists(const std::string& path) {
 /// Makes a file for a plugin that waits for it; opens no descriptor.
 void makeMark(const std::string& path) {
   std::filesystem::create_directory(path);
-}
-
-/// Shell text that waits until `path` exists.
-std::string waitFor(const std::string& path) {
-  return "while [ ! -e " + path + " ]; do /bin/sleep 0.01; done";
 }
 
 /// The hexadecimal bit set of `key` in a text like /proc/self/status.
@@ -266,7 +262,7 @@ TEST_F(ExecuteTest, ResetsTheExecState) {
 }
 
 TEST_F(ExecuteTest, KeepsADeletionThatComesDuringTheRun) {
-  usePlugin("> " + directory / "started; " + waitFor(directory / "go") + "; echo text");
+  usePlugin("> " + directory / "started; " + waitInShell(directory / "go") + "; echo text");
   auto run = start();
   ASSERT_TRUE(waitUntil([&] { return exists(directory / "started"); }));
 
@@ -335,7 +331,7 @@ TEST_F(ExecuteTest, TakesNulBytesAloneForSilence) {
 }
 
 TEST_F(ExecuteTest, ReadsUntilTheLastHolderOfTheOutputIsGone) {
-  usePlugin("(" + waitFor(directory / "go") + "; echo late) & echo early; exit 1");
+  usePlugin("(" + waitInShell(directory / "go") + "; echo late) & echo early; exit 1");
   auto run = start();
   // The plugin itself has ended when its process is a zombie; the one it left behind prints then.
   ASSERT_TRUE(waitUntil([] {
@@ -601,8 +597,9 @@ TEST_F(ExecuteTest, FailsWhenThePluginStops) {
 
 TEST_F(ExecuteTest, FailsWhenThePluginWasStoppedAndContinued) {
   // A process that it leaves behind holds the output open until the plugin has been continued.
-  usePlugin("(" + waitFor(directory / "go") + ") & echo $$ >" + directory / "pid; echo partial; " +
-            "exec >&-; kill -STOP $$; > " + directory / "continued; " + waitFor(directory / "end"));
+  usePlugin("(" + waitInShell(directory / "go") + ") & echo $$ >" +
+            directory / "pid; echo partial; " + "exec >&-; kill -STOP $$; > " +
+            directory / "continued; " + waitInShell(directory / "end"));
   auto run = startFailing();
   const auto pluginStopped = [&] {
     siginfo_t stopped{};
@@ -660,8 +657,8 @@ TEST_F(ExecuteTest, ClosesThePipeWithoutAChild) {
 
 TEST_F(ExecuteTest, FailsWhenTheReadFailsAndLeavesTheChild) {
   const std::vector<int> known = pipesBeside({});
-  usePlugin("> " + directory / "started; " + waitFor(directory / "go") + "; echo text; " +
-            waitFor(directory / "end"));
+  usePlugin("> " + directory / "started; " + waitInShell(directory / "go") + "; echo text; " +
+            waitInShell(directory / "end"));
   auto run = startFailing();
   ASSERT_TRUE(waitUntil([&] { return exists(directory / "started"); }));
   ASSERT_TRUE(waitUntil([&] { return pipesBeside(known).size() == 1; }));
@@ -703,7 +700,7 @@ TEST_F(ExecuteTest, ReportsAnOutputThatCannotBeRedirected) {
   // The second run makes its pipe and waits for the first one; meanwhile descriptor 1 goes out of
   // bounds, so that the child cannot make the pipe its standard output.
   const std::vector<int> known = pipesBeside({});
-  usePlugin("> " + directory / "started; " + waitFor(directory / "go") + "; echo text");
+  usePlugin("> " + directory / "started; " + waitInShell(directory / "go") + "; echo text");
   auto first = start();
   ASSERT_TRUE(waitUntil([&] { return exists(directory / "started"); }));
   ASSERT_TRUE(waitUntil([&] { return pipesBeside(known).size() == 1; }));
@@ -731,7 +728,7 @@ void interruptBySigusr1() {
 
 TEST_F(ExecuteTest, ReadsOnAfterASignal) {
   interruptBySigusr1();
-  usePlugin("> " + directory / "started; " + waitFor(directory / "go") + "; echo text");
+  usePlugin("> " + directory / "started; " + waitInShell(directory / "go") + "; echo text");
   std::atomic<bool> isDone = false;
   int code = -1;
   std::thread runner([&] {
@@ -753,7 +750,7 @@ TEST_F(ExecuteTest, ReadsOnAfterASignal) {
 
 TEST_F(ExecuteTest, FailsWhenASignalInterruptsTheWait) {
   interruptBySigusr1();
-  usePlugin("echo text; exec >&-; " + waitFor(directory / "end"));
+  usePlugin("echo text; exec >&-; " + waitInShell(directory / "end"));
   std::atomic<bool> isDone = false;
   std::string text;
   std::thread runner([&] {
@@ -774,7 +771,7 @@ TEST_F(ExecuteTest, FailsWhenASignalInterruptsTheWait) {
 
 // The record's lock, and what a run leaves behind.
 TEST_F(ExecuteTest, HoldsTheRecordsLockUntilThePluginEnds) {
-  usePlugin("> " + directory / "started; " + waitFor(directory / "go") + "; echo text");
+  usePlugin("> " + directory / "started; " + waitInShell(directory / "go") + "; echo text");
   auto run = start();
   ASSERT_TRUE(waitUntil([&] { return exists(directory / "started"); }));
   std::atomic<bool> isAsking = false;
@@ -793,8 +790,8 @@ TEST_F(ExecuteTest, HoldsTheRecordsLockUntilThePluginEnds) {
 
 TEST_F(ExecuteTest, NeverRunsOneTaskTwiceAtATime) {
   const std::string lock = directory / "running";
-  usePlugin("/bin/mkdir " + lock + " || exit 2; " + waitFor(directory / "go") + "; /bin/rmdir " +
-            lock + "; echo text");
+  usePlugin("/bin/mkdir " + lock + " || exit 2; " + waitInShell(directory / "go") +
+            "; /bin/rmdir " + lock + "; echo text");
   const std::vector<int> known = pipesBeside({});
   auto first = start();
   ASSERT_TRUE(waitUntil([&] { return exists(lock); }));

@@ -15,10 +15,12 @@
 #include "core/globals.h"
 #include "core/signals.h"
 #include "task/CronTaskQueue.h"
+#include "task/EmptyQueueException.h"
 #include "task/ExecuteQueue.h"
 #include "task/serviceCron.h"
 #include "tests/support/FixedClock.h"
 #include "tests/support/Globals.h"
+#include "tests/support/waitInShell.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
@@ -169,8 +171,8 @@ TEST_F(TimerTest, HandsOverWhatPopReturned) {
   const std::string go = directory / "go";
   const std::string started = directory / "started";
   const auto shown = makeTask(1, "", kMayDay - 1);
-  shown->Setpath(writePlugin(directory / "plugin", "> " + started + "; while [ ! -e " + go +
-                                                       " ]; do /bin/sleep 0.01; done; echo text"));
+  shown->Setpath(
+      writePlugin(directory / "plugin", "> " + started + "; " + waitInShell(go) + "; echo text"));
   std::thread run([&] { shown->execute(); });
   ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(started); }));
   serviceQueue->push(shown);
