@@ -1,0 +1,169 @@
+#include "task/CronTaskQueue.h"
+
+#include <algorithm>
+#include <random>
+#include <thread>
+#include <type_traits>
+
+#include <gtest/gtest.h>
+
+#include "task/serviceCron.h"
+
+namespace {
+
+std::shared_ptr<serviceCron> taskAt(long time) {
+  auto task = std::make_shared<serviceCron>();
+  task->SetExecTime(time);
+  return task;
+}
+
+TEST(CronTaskQueueTest, YieldsTheEarliestTaskFirst) {
+  CronTaskQueue queue;
+  for (const long time : {30, 10, 20}) {
+    queue.push(taskAt(time));
+  }
+
+  EXPECT_EQ(queue.pop()->GetExecTimeSec(), 10);
+  EXPECT_EQ(queue.pop()->GetExecTimeSec(), 20);
+  EXPECT_EQ(queue.pop()->GetExecTimeSec(), 30);
+}
+
+TEST(CronTaskQueueTest, OrdersManyTasks) {
+  std::vector<long> times(1000);
+  std::mt19937 random(7);
+  std::generate(times.begin(), times.end(),
+                [&] { return static_cast<long>(random() % 500) - 250; });
+  CronTaskQueue queue;
+  for (const long time : times) {
+    queue.push(taskAt(time));
+  }
+  std::sort(times.begin(), times.end());
+
+  for (const long time : times) {
+    ASSERT_EQ(queue.pop()->GetExecTimeSec(), time);
+  }
+  EXPECT_TRUE(queue.empty());
+}
+
+TEST(CronTaskQueueTest, CountsItsTasks) {
+  CronTaskQueue queue;
+  EXPECT_TRUE(queue.empty());
+  for (const long time : {1, 2, 3}) {
+    queue.push(taskAt(time));
+  }
+
+  queue.pop();
+
+  EXPECT_EQ(queue.size(), 2U);
+  EXPECT_FALSE(queue.empty());
+}
+
+TEST(CronTaskQueueTest, LeavesTheFrontTaskInside) {
+  CronTaskQueue queue;
+  const auto early = taskAt(1);
+  queue.push(taskAt(2));
+  queue.push(early);
+
+  EXPECT_EQ(queue.front(), early);
+  EXPECT_EQ(queue.front(), early);
+  EXPECT_EQ(queue.size(), 2U);
+  EXPECT_EQ(queue.pop(), early);
+}
+
+TEST(CronTaskQueueTest, YieldsBothOfTwoTasksWithEqualTimes) {
+  CronTaskQueue queue;
+  const auto one = taskAt(5);
+  const auto other = taskAt(5);
+  queue.push(one);
+  queue.push(other);
+
+  const auto first = queue.pop();
+  const auto second = queue.pop();
+
+  EXPECT_TRUE((first == one && second == other) || (first == other && second == one));
+}
+
+TEST(CronTaskQueueTest, ReleasesItsTasksWhenCleared) {
+  CronTaskQueue queue;
+  const auto kept = taskAt(1);
+  std::weak_ptr<serviceCron> released;
+  {
+    const auto task = taskAt(2);
+    released = task;
+    queue.push(task);
+  }
+  queue.push(kept);
+
+  queue.clear();
+
+  EXPECT_TRUE(queue.empty());
+  EXPECT_TRUE(released.expired());
+  EXPECT_EQ(kept.use_count(), 1);
+}
+
+TEST(CronTaskQueueTest, ReleasesItsTasksWhenItGoes) {
+  const auto task = taskAt(1);
+  {
+    CronTaskQueue queue;
+    queue.push(task);
+    EXPECT_EQ(task.use_count(), 2);
+  }
+
+  EXPECT_EQ(task.use_count(), 1);
+  EXPECT_TRUE(std::has_virtual_destructor_v<CronTaskQueue>);
+}
+
+TEST(CronTaskQueueTest, GivesAnEmptyPointerWhenEmpty) {
+  CronTaskQueue queue;
+
+  EXPECT_EQ(queue.front(), nullptr);
+  EXPECT_EQ(queue.pop(), nullptr);
+}
+
+TEST(CronTaskQueueTest, ReadsTheTimeWhenTheHeapIsPutInOrder) {
+  CronTaskQueue queue;
+  const auto moved = taskAt(10);
+  queue.push(moved);
+  queue.push(taskAt(20));
+  moved->SetExecTime(30L);
+  EXPECT_EQ(queue.front(), moved) << "nothing has put the heap in order yet";
+
+  EXPECT_EQ(queue.pop(), moved);
+  queue.push(moved);
+
+  EXPECT_EQ(queue.front()->GetExecTimeSec(), 20);
+}
+
+TEST(CronTaskQueueTest, LosesNothingAmongThreads) {
+  constexpr int kThreads = 4;
+  constexpr int kTasks = 500;
+  CronTaskQueue queue;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&queue, i] {
+      for (int n = 0; n < kTasks; ++n) {
+        queue.push(taskAt(n * kThreads + i));
+        queue.push(queue.pop());
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+
+  ASSERT_EQ(queue.size(), kThreads * kTasks);
+  for (long time = 0; time < kThreads * kTasks; ++time) {
+    ASSERT_EQ(queue.pop()->GetExecTimeSec(), time);
+  }
+}
+
+TEST(CompareTaskTest, IsTrueWhenTheFirstIsDueLater) {
+  const CompareTask compare;
+
+  EXPECT_TRUE(compare(taskAt(2), taskAt(1)));
+  EXPECT_FALSE(compare(taskAt(1), taskAt(2)));
+  EXPECT_FALSE(compare(taskAt(1), taskAt(1)));
+  EXPECT_FALSE(compare(taskAt(-1), taskAt(0)));
+}
+
+}  // namespace

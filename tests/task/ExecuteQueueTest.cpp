@@ -1,0 +1,197 @@
+#include "task/ExecuteQueue.h"
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/waitUntil.h"
+
+namespace {
+
+TEST(ExecuteQueueTest, YieldsInTheOrderOfThePushes) {
+  ExecuteQueue<std::string> queue;
+  for (const char* element : {"A", "B", "C"}) {
+    queue.push(element);
+  }
+
+  EXPECT_EQ(queue.pop(), "A");
+  EXPECT_EQ(queue.pop(), "B");
+  EXPECT_EQ(queue.pop(), "C");
+}
+
+TEST(ExecuteQueueTest, ThrowsWhenAnEmptyQueueIsPopped) {
+  ExecuteQueue<int> queue;
+  try {
+    queue.pop();
+    FAIL() << "nothing was thrown";
+  } catch (const EmptyQueueException& e) {
+    EXPECT_STREQ(e.what(), "queue is empty");
+  }
+
+  queue.push(1);
+  EXPECT_EQ(queue.pop(), 1) << "the queue is neither locked nor changed";
+}
+
+TEST(ExecuteQueueTest, DoesNotWaitWhileItHoldsAnElementOrTheFlagIsSet) {
+  ExecuteQueue<int> queue;
+  volatile int stop = 1;
+  queue.waitForTask(stop);
+
+  stop = 0;
+  queue.push(1);
+  queue.waitForTask(stop);
+
+  EXPECT_EQ(queue.pop(), 1);
+}
+
+/// Workers that take elements until they are told to stop, as the daemon's do.
+class Workers {
+ public:
+  Workers(ExecuteQueue<int>& sharedQueue, int count) : queue(sharedQueue) {
+    for (int i = 0; i < count; ++i) {
+      threads.emplace_back([this] { work(); });
+    }
+  }
+
+  /// Stops and joins them; false when one does not end.
+  bool stopAll() {
+    stop = 1;
+    // Again and again: a worker that does not wait yet misses a broadcast.
+    const bool haveEnded = waitUntil([&] {
+      queue.wakeAll();
+      return ended == static_cast<int>(threads.size());
+    });
+    for (std::thread& thread : threads) {
+      haveEnded ? thread.join() : thread.detach();
+    }
+    return haveEnded;
+  }
+
+  std::atomic<int> waiting = 0;
+  std::atomic<int> sum = 0;
+  std::atomic<int> taken = 0;
+
+ private:
+  void work() {
+    while (stop == 0) {
+      ++waiting;
+      queue.waitForTask(stop);
+      try {
+        sum += queue.pop();
+        ++taken;
+      } catch (const EmptyQueueException&) {
+        // Another worker was faster, or the end has come.
+      }
+    }
+    ++ended;
+  }
+
+  ExecuteQueue<int>& queue;
+  std::atomic<int> stop = 0;
+  std::atomic<int> ended = 0;
+  std::vector<std::thread> threads;
+};
+
+TEST(ExecuteQueueTest, GivesOneOfTwoWaitingWorkersTheElement) {
+  ExecuteQueue<int> queue;
+  Workers workers(queue, 2);
+  ASSERT_TRUE(waitUntil([&] { return workers.waiting >= 2; }));
+
+  queue.push(1);
+
+  EXPECT_TRUE(waitUntil([&] { return workers.taken == 1; }));
+  ASSERT_TRUE(workers.stopAll());
+  EXPECT_EQ(workers.taken, 1);
+}
+
+TEST(ExecuteQueueTest, ReleasesEveryWaitingWorkerWhenTheFlagIsSet) {
+  ExecuteQueue<int> queue;
+  std::atomic<int> stop = 0;
+  std::atomic<int> waiting = 0;
+  std::atomic<int> released = 0;
+  std::vector<std::thread> workers;
+  for (int i = 0; i < 4; ++i) {
+    workers.emplace_back([&] {
+      ++waiting;
+      queue.waitForTask(stop);
+      ++released;
+    });
+  }
+  ASSERT_TRUE(waitUntil([&] { return waiting == 4; }));
+  EXPECT_EQ(released, 0);
+
+  stop = 1;
+  EXPECT_TRUE(waitUntil([&] {
+    queue.wakeAll();
+    return released == 4;
+  }));
+  for (std::thread& worker : workers) {
+    worker.join();
+  }
+}
+
+TEST(ExecuteQueueTest, GoesOnWaitingAfterABroadcastWithoutAReason) {
+  ExecuteQueue<int> queue;
+  volatile int stop = 0;
+  std::atomic<bool> isReleased = false;
+  std::atomic<bool> isWaiting = false;
+  std::thread worker([&] {
+    isWaiting = true;
+    queue.waitForTask(stop);
+    isReleased = true;
+  });
+  ASSERT_TRUE(waitUntil([&] { return isWaiting.load(); }));
+  for (int i = 0; i < 100; ++i) {
+    queue.wakeAll();
+  }
+  EXPECT_FALSE(isReleased);
+
+  queue.push(1);
+  EXPECT_TRUE(waitUntil([&] { return isReleased.load(); }));
+  worker.join();
+}
+
+TEST(ExecuteQueueTest, ReleasesItsElementsWhenCleared) {
+  ExecuteQueue<std::shared_ptr<int>> queue;
+  const auto element = std::make_shared<int>(1);
+  queue.push(element);
+  queue.push(element);
+
+  queue.clear();
+
+  EXPECT_EQ(element.use_count(), 1);
+  EXPECT_THROW(queue.pop(), EmptyQueueException);
+}
+
+TEST(ExecuteQueueTest, ReleasesItsElementsWhenItGoes) {
+  const auto element = std::make_shared<int>(1);
+  {
+    ExecuteQueue<std::shared_ptr<int>> queue;
+    queue.push(element);
+    EXPECT_EQ(element.use_count(), 2);
+  }
+
+  EXPECT_EQ(element.use_count(), 1);
+  EXPECT_TRUE(std::has_virtual_destructor_v<ExecuteQueue<int>>);
+}
+
+TEST(ExecuteQueueTest, HandsEachElementToOneWorkerOnly) {
+  constexpr int kElements = 2000;
+  ExecuteQueue<int> queue;
+  Workers workers(queue, 4);
+  for (int i = 1; i <= kElements; ++i) {
+    queue.push(i);
+  }
+
+  EXPECT_TRUE(waitUntil([&] { return workers.taken == kElements; }));
+  ASSERT_TRUE(workers.stopAll());
+  EXPECT_EQ(workers.taken, kElements);
+  EXPECT_EQ(workers.sum, kElements * (kElements + 1) / 2);
+}
+
+}  // namespace

@@ -1,0 +1,390 @@
+#include "task/serviceSafe.h"
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <type_traits>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "task/serviceSafeException.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/// A record whose every field differs from the default.
+std::shared_ptr<serviceSafe> filledRecord() {
+  auto record = std::make_shared<serviceSafe>();
+  record->SetDevice_id(11);
+  record->SetPlugin_id(12);
+  record->SetService_id(13ULL);
+  record->SetReturnCode(2);
+  record->validateReturnCode();
+  record->SetReturnCode(1);
+  record->Setlast_exec_time(1000);
+  record->Setinterval_exec_time(300);
+  record->SetExecTime(2000L);
+  record->SetRetrie(3);
+  record->SetMaxRetrie(4);
+  record->SetRetrieTime(5);
+  record->SetExecState(3);
+  record->Setname("name");
+  record->Setparameter("-a b");
+  record->Setpath("/path");
+  record->SetStdout("output");
+  return record;
+}
+
+/// Proves that a locked accessor of `record` waits. The waiting thread is left behind: it holds the
+/// record, and the process ends it.
+bool isLeftLocked(const std::shared_ptr<serviceSafe>& record) {
+  auto done = std::make_shared<std::promise<void>>();
+  auto finished = done->get_future();
+  std::thread([record, done] {
+    record->Getname();
+    done->set_value();
+  }).detach();
+  return finished.wait_for(std::chrono::milliseconds(200)) == std::future_status::timeout;
+}
+
+TEST(ServiceSafeTest, BeginsWithItsDefaults) {
+  const serviceSafe record;
+
+  EXPECT_EQ(record.GetCost(), 1.0F);
+  EXPECT_EQ(record.GetMaxRetrie(), 1);
+  EXPECT_EQ(record.GetRetrieTime(), 120);
+  EXPECT_EQ(record.GetDevice_id(), 0U);
+  EXPECT_EQ(record.GetPlugin_id(), 0);
+  EXPECT_EQ(record.GetService_id(), 0U);
+  EXPECT_EQ(record.GetReturnCode(), 0);
+  EXPECT_EQ(record.GetLastValidateReturnCode(), 0);
+  EXPECT_EQ(record.Getlast_exec_time(), 0);
+  EXPECT_EQ(record.Getinterval_exec_time(), 0U);
+  EXPECT_EQ(record.GetExecTimeSec(), 0);
+  EXPECT_EQ(record.GetRetrie(), 0);
+  EXPECT_EQ(record.GetExecState(), 0);
+  EXPECT_EQ(record.GetService_idStr(), "");
+  EXPECT_EQ(record.Getname(), "");
+  EXPECT_EQ(record.Getpath(), "");
+  EXPECT_EQ(record.Getparameter(), "");
+  EXPECT_EQ(record.GetStdout(), "");
+  EXPECT_THAT(record.GetVectorParam(), IsEmpty());
+}
+
+TEST(ServiceSafeTest, KeepsWhatItsSettersStore) {
+  const auto record = filledRecord();
+
+  EXPECT_EQ(record->GetDevice_id(), 11U);
+  EXPECT_EQ(record->GetPlugin_id(), 12);
+  EXPECT_EQ(record->GetReturnCode(), 1);
+  EXPECT_EQ(record->Getlast_exec_time(), 1000);
+  EXPECT_EQ(record->Getinterval_exec_time(), 300U);
+  EXPECT_EQ(record->GetExecTimeSec(), 2000);
+  EXPECT_EQ(record->GetRetrie(), 3);
+  EXPECT_EQ(record->GetMaxRetrie(), 4);
+  EXPECT_EQ(record->GetRetrieTime(), 5);
+  EXPECT_EQ(record->GetExecState(), 3);
+  EXPECT_EQ(record->Getname(), "name");
+  EXPECT_EQ(record->Getpath(), "/path");
+  EXPECT_EQ(record->GetStdout(), "output");
+  record->SetCost(2.5F);
+  EXPECT_EQ(record->GetCost(), 2.5F);
+}
+
+TEST(ServiceSafeTest, ConfirmsTheReturnCodeOnlyWhenAsked) {
+  serviceSafe record;
+  record.SetReturnCode(2);
+  EXPECT_EQ(record.GetLastValidateReturnCode(), 0);
+
+  record.validateReturnCode();
+
+  EXPECT_EQ(record.GetLastValidateReturnCode(), 2);
+}
+
+TEST(ServiceSafeTest, ComputesTheCostFromTheInterval) {
+  serviceSafe record;
+
+  record.Setinterval_exec_time(300);
+  EXPECT_EQ(record.GetCost(), 1000.0F);
+  record.Setinterval_exec_time(400000);
+  EXPECT_EQ(record.GetCost(), 0.0F);
+}
+
+TEST(ServiceSafeTest, CutsTheCostToAWholeNumber) {
+  serviceSafe record;
+
+  record.Setinterval_exec_time(7);
+
+  EXPECT_EQ(record.GetCost(), 42857.0F);
+}
+
+TEST(ServiceSafeTest, RefusesAnIntervalOfZeroAndChangesNothing) {
+  serviceSafe record;
+  record.Setinterval_exec_time(300);
+
+  EXPECT_THROW(record.Setinterval_exec_time(0), std::invalid_argument);
+
+  EXPECT_EQ(record.Getinterval_exec_time(), 300U);
+  EXPECT_EQ(record.GetCost(), 1000.0F);
+  EXPECT_EQ(record.Getname(), "") << "the record is not left locked";
+}
+
+TEST(ServiceSafeTest, TakesANumericIdAsNumberAndText) {
+  serviceSafe record;
+
+  record.SetService_id(18446744073709551615ULL);
+
+  EXPECT_EQ(record.GetService_id(), 18446744073709551615ULL);
+  EXPECT_EQ(record.GetService_idStr(), "18446744073709551615");
+}
+
+TEST(ServiceSafeTest, TakesATextIdAsTextAndNumber) {
+  serviceSafe record;
+
+  record.SetService_id(std::string("42"));
+  EXPECT_EQ(record.GetService_id(), 42U);
+  EXPECT_EQ(record.GetService_idStr(), "42");
+
+  record.SetService_id(std::string(" 7x"));
+  EXPECT_EQ(record.GetService_id(), 7U);
+  EXPECT_EQ(record.GetService_idStr(), " 7x");
+}
+
+TEST(ServiceSafeTest, LeavesTheRecordLockedAfterABadId) {
+  // Never freed: a mutex that is locked must not be destroyed.
+  const auto& record = *new auto(std::make_shared<serviceSafe>());
+  try {
+    record->SetService_id(std::string("abc"));
+    FAIL() << "nothing was thrown";
+  } catch (const std::invalid_argument& e) {
+    EXPECT_STREQ(e.what(), "stoull");
+  }
+
+  EXPECT_TRUE(isLeftLocked(record));
+}
+
+TEST(ServiceSafeTest, LeavesTheRecordLockedAfterAnIdOutOfRange) {
+  const auto& record = *new auto(std::make_shared<serviceSafe>());
+  try {
+    record->SetService_id(std::string("18446744073709551616"));
+    FAIL() << "nothing was thrown";
+  } catch (const std::out_of_range& e) {
+    EXPECT_STREQ(e.what(), "stoull");
+  }
+
+  EXPECT_TRUE(isLeftLocked(record));
+}
+
+TEST(ServiceSafeTest, KeepsTheSecondsOfATimeOnly) {
+  serviceSafe record;
+
+  record.SetExecTime(timeval{100, 999999});
+
+  EXPECT_EQ(record.GetExecTime().tv_sec, 100);
+  EXPECT_EQ(record.GetExecTime().tv_usec, 0);
+  EXPECT_EQ(record.GetExecTimeuSec(), 0);
+}
+
+TEST(ServiceSafeTest, ComparesByExecTimeAlone) {
+  serviceSafe early;
+  serviceSafe late;
+  early.SetExecTime(-1L);
+  late.SetExecTime(1L);
+  EXPECT_TRUE(early < late);
+  EXPECT_FALSE(late < early);
+  EXPECT_TRUE(late > early);
+  EXPECT_FALSE(early > late);
+
+  late.SetExecTime(-1L);
+  EXPECT_FALSE(early < late);
+  EXPECT_FALSE(early > late);
+}
+
+TEST(ServiceSafeTest, ComparesTheIntervalWithTheExecTime) {
+  serviceSafe known;
+  auto changed = std::make_shared<serviceSafe>();
+  known.Setinterval_exec_time(300);
+  known.SetExecTime(1000L);
+  changed->Setinterval_exec_time(300);
+  changed->SetExecTime(1000L);
+  EXPECT_TRUE(known.isTimeParameterUpdate(*changed)) << "nothing differs, and yet";
+  EXPECT_TRUE(known.isTimeParameterUpdate(changed));
+
+  known.SetExecTime(300L);
+  changed->SetExecTime(300L);
+  changed->Setinterval_exec_time(600);
+  EXPECT_FALSE(known.isTimeParameterUpdate(*changed)) << "the intervals differ, and yet";
+  EXPECT_FALSE(known.isTimeParameterUpdate(changed));
+
+  changed->SetExecTime(301L);
+  EXPECT_TRUE(known.isTimeParameterUpdate(*changed));
+}
+
+TEST(ServiceSafeTest, TakesOverADefinition) {
+  const auto source = filledRecord();
+  serviceSafe known;
+
+  EXPECT_EQ(known.updateServiceParameter(source), 1);
+
+  EXPECT_EQ(known.Getname(), "name");
+  EXPECT_EQ(known.Getparameter(), "-a b");
+  EXPECT_THAT(known.GetVectorParam(), ElementsAre("-a", "b"));
+  EXPECT_EQ(known.Getpath(), "/path");
+  EXPECT_EQ(known.GetRetrie(), 3);
+  EXPECT_EQ(known.GetMaxRetrie(), 4);
+  EXPECT_EQ(known.GetRetrieTime(), 5);
+  EXPECT_EQ(known.GetExecState(), 1);
+  EXPECT_EQ(known.Getinterval_exec_time(), 300U);
+  EXPECT_EQ(known.GetCost(), 1000.0F);
+  EXPECT_EQ(known.GetExecTimeSec(), 2000);
+}
+
+TEST(ServiceSafeTest, KeepsItsIdentityAndResultsInAnUpdate) {
+  serviceSafe known;
+
+  known.updateServiceParameter(*filledRecord());
+
+  EXPECT_EQ(known.GetDevice_id(), 0U);
+  EXPECT_EQ(known.GetPlugin_id(), 0);
+  EXPECT_EQ(known.GetService_id(), 0U);
+  EXPECT_EQ(known.GetService_idStr(), "");
+  EXPECT_EQ(known.GetReturnCode(), 0);
+  EXPECT_EQ(known.GetLastValidateReturnCode(), 0);
+  EXPECT_EQ(known.Getlast_exec_time(), 0);
+  EXPECT_EQ(known.GetStdout(), "");
+}
+
+TEST(ServiceSafeTest, TakesOverTheIntervalUnlessItEqualsTheExecTime) {
+  serviceSafe known;
+  serviceSafe source;
+  source.Setinterval_exec_time(600);
+  known.Setinterval_exec_time(300);
+  known.SetExecTime(1000L);
+  source.SetExecTime(1000L);
+  EXPECT_EQ(known.updateServiceParameter(source), 1);
+  EXPECT_EQ(known.Getinterval_exec_time(), 600U);
+
+  known.Setinterval_exec_time(300);
+  known.SetExecTime(300L);
+  source.SetExecTime(300L);
+  EXPECT_EQ(known.updateServiceParameter(source), 0);
+  EXPECT_EQ(known.Getinterval_exec_time(), 300U);
+  EXPECT_EQ(known.GetExecState(), 1);
+}
+
+TEST(ServiceSafeTest, TakesOverTheExecTimeAlone) {
+  serviceSafe known;
+  serviceSafe source;
+  known.Setinterval_exec_time(300);
+  source.Setinterval_exec_time(600);
+  source.SetExecTime(300L);
+
+  EXPECT_EQ(known.updateServiceParameter(source), 1);
+
+  EXPECT_EQ(known.GetExecTimeSec(), 300);
+  EXPECT_EQ(known.Getinterval_exec_time(), 300U);
+}
+
+TEST(ServiceSafeTest, CopiesEveryFieldButTheLock) {
+  const auto source = filledRecord();
+  source->SetCost(2.5F);
+
+  const serviceSafe copy(*source);
+
+  EXPECT_EQ(copy.GetDevice_id(), 11U);
+  EXPECT_EQ(copy.GetPlugin_id(), 12);
+  EXPECT_EQ(copy.GetService_id(), 13U);
+  EXPECT_EQ(copy.GetService_idStr(), "13");
+  EXPECT_EQ(copy.GetReturnCode(), 1);
+  EXPECT_EQ(copy.GetLastValidateReturnCode(), 2);
+  EXPECT_EQ(copy.Getlast_exec_time(), 1000);
+  EXPECT_EQ(copy.Getinterval_exec_time(), 300U);
+  EXPECT_EQ(copy.GetExecTimeSec(), 2000);
+  EXPECT_EQ(copy.GetCost(), 2.5F);
+  EXPECT_EQ(copy.GetRetrie(), 3);
+  EXPECT_EQ(copy.GetMaxRetrie(), 4);
+  EXPECT_EQ(copy.GetRetrieTime(), 5);
+  EXPECT_EQ(copy.GetExecState(), 3);
+  EXPECT_EQ(copy.Getname(), "name");
+  EXPECT_EQ(copy.Getparameter(), "-a b");
+  EXPECT_THAT(copy.GetVectorParam(), ElementsAre("-a", "b"));
+  EXPECT_EQ(copy.Getpath(), "/path");
+  EXPECT_EQ(copy.GetStdout(), "output");
+}
+
+TEST(ServiceSafeTest, EmptiesItsOutputAndGivesTheStorageBack) {
+  serviceSafe record;
+  record.SetStdout(std::string(1'000'000, 'x'));
+
+  record.clearOutput();
+
+  EXPECT_EQ(record.GetStdout(), "");
+  EXPECT_TRUE(std::has_virtual_destructor_v<serviceSafe>);
+}
+
+TEST(ServiceSafeExceptionTest, TellsItsMessage) {
+  const serviceSafeException e("Error create fork ");
+
+  EXPECT_STREQ(e.what(), "Error create fork ");
+  EXPECT_TRUE((std::is_base_of_v<std::exception, serviceSafeException>));
+}
+
+std::vector<std::string> split(const std::string& text) {
+  serviceSafe record;
+  record.Setparameter(text);
+  EXPECT_EQ(record.Getparameter(), text);
+  return record.GetVectorParam();
+}
+
+TEST(SetparameterTest, SplitsAtSpaces) {
+  EXPECT_THAT(split("-H 10.0.0.1 -w 80"), ElementsAre("-H", "10.0.0.1", "-w", "80"));
+}
+
+TEST(SetparameterTest, DropsEmptyTokens) {
+  EXPECT_THAT(split("a  b"), ElementsAre("a", "b"));
+  EXPECT_THAT(split(" a "), ElementsAre("a"));
+  EXPECT_THAT(split("a \"\" b"), ElementsAre("a", "b"));
+  EXPECT_THAT(split(""), IsEmpty());
+  EXPECT_THAT(split("   "), IsEmpty());
+}
+
+TEST(SetparameterTest, KeepsTogetherWhatStandsBetweenQuotesOfEitherKind) {
+  EXPECT_THAT(split("-m \"two words\""), ElementsAre("-m", "two words"));
+  EXPECT_THAT(split("-m 'two words'"), ElementsAre("-m", "two words"));
+  EXPECT_THAT(split("--m='two words'x"), ElementsAre("--m=two wordsx"));
+}
+
+TEST(SetparameterTest, DoesNotPairTheKindsOfQuotes) {
+  EXPECT_THAT(split("-m \"it's\""), ElementsAre("-m", "its"));
+  EXPECT_THAT(split("\"a b' c"), ElementsAre("a b", "c"));
+}
+
+TEST(SetparameterTest, RunsAnUnclosedQuoteToTheEnd) {
+  EXPECT_THAT(split("a \"b c"), ElementsAre("a", "b c"));
+}
+
+TEST(SetparameterTest, HasNoEscapeCharacter) {
+  EXPECT_THAT(split("C:\\dir"), ElementsAre("C:\\dir"));
+  EXPECT_THAT(split("\\\"a b\\\""), ElementsAre("\\a b\\"));
+  EXPECT_THAT(split("end\\"), ElementsAre("end\\"));
+}
+
+TEST(SetparameterTest, SeparatesBySpaceAlone) {
+  EXPECT_THAT(split("a\tb\nc"), ElementsAre("a\tb\nc"));
+  EXPECT_THAT(split("$HOME `id` *.c ; | &"), ElementsAre("$HOME", "`id`", "*.c", ";", "|", "&"));
+}
+
+TEST(SetparameterTest, ReplacesTheArgumentsOfBefore) {
+  serviceSafe record;
+  record.Setparameter("a b c");
+
+  record.Setparameter("d");
+
+  EXPECT_THAT(record.GetVectorParam(), ElementsAre("d"));
+}
+
+}  // namespace
