@@ -105,7 +105,8 @@ TEST_F(CrashTest, LivesOnWithoutItsSessionAsLongAsItNeedsNone) {
   }
   const auto sent = [&] { return daemon.logged("DEBUG#TH TIME: Send task to execution task"); };
   ASSERT_TRUE(daemon.startAndWait({"-D"}));
-  ASSERT_TRUE(waitUntil([&] { return sent() >= 1; }, kPatience));
+  ASSERT_TRUE(
+      waitUntil([&] { return sent() >= 1 && daemon.logged("DEBUG#DELETE END") == 1; }, kPatience));
 
   endSession();
 

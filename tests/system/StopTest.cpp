@@ -36,7 +36,10 @@ class StopTest : public testing::Test {
   bool startAndSettle(const std::string& threadNumber) {
     startWith(threadNumber);
     return waitUntil(
-        [&] { return daemon.logged("DEBUG#Join Thread") == 1 && allThreadsWait(daemon.pid()); },
+        [&] {
+          return daemon.logged("DEBUG#Join Thread") == 1 &&
+                 daemon.logged("DEBUG#DELETE END") == 1 && allThreadsWait(daemon.pid());
+        },
         kPatience);
   }
 
@@ -121,7 +124,7 @@ TEST_F(StopTest, LogsNothingButTheStopWithoutDebugLines) {
 
   ASSERT_TRUE(stop());
 
-  ASSERT_TRUE(waitUntil([&] { return threadCount(daemon.pid()) == 2; }));
+  ASSERT_TRUE(waitUntil([&] { return threadCount(daemon.pid()) <= 2; }));
   EXPECT_THAT(logFrom(kStarting), ElementsAre(kStarting, kStop));
 }
 
@@ -265,7 +268,7 @@ TEST_F(StopTest, LeavesWhatIsDueWhenAllWorkersAreBusy) {
   ASSERT_TRUE(stop());
 
   EXPECT_TRUE(waitUntil(
-      [&] { return daemon.logged(kWorkerEnd) == 4 && threadCount(daemon.pid()) == 2; }, kPatience));
+      [&] { return daemon.logged(kWorkerEnd) == 4 && threadCount(daemon.pid()) <= 2; }, kPatience));
   // No pass is cut short.
   EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin WHERE cron_status = 'PROCESS'"),
             "0");
