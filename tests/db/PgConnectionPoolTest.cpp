@@ -1,0 +1,204 @@
+#include "db/pgConnectionPool.h"
+
+#include <atomic>
+#include <set>
+#include <thread>
+#include <type_traits>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "db/PostgresqlException.h"
+#include "db/pgSafeThread.h"
+#include "db/result.h"
+#include "tests/support/Database.h"
+#include "tests/support/waitUntil.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::StartsWith;
+
+template <typename Call>
+std::string failureOf(const Call& call) {
+  try {
+    call();
+  } catch (const PostgresqlException& e) {
+    return e.what();
+  }
+  return "nothing was thrown";
+}
+
+class PgConnectionPoolTest : public testing::Test {
+ protected:
+  static std::string valueOf(PGresult* owned) {
+    const ResultPtr result(owned);
+    return cellText(result, 0, 0, "the test's statement");
+  }
+  std::string sessionOf(pgConnectionPool& pool) {
+    return valueOf(pool.executeRequest("SELECT pg_backend_pid()"));
+  }
+  std::string sessions() const {
+    return database.value(
+        "SELECT count(*) FROM pg_stat_activity WHERE usename = 'kodu' AND "
+        "datname = current_database()");
+  }
+
+  Database database;
+};
+
+TEST_F(PgConnectionPoolTest, UsesItsConnectionsInTurn) {
+  pgConnectionPool pool(database.conninfo(), 3);
+  std::vector<int> ids = {pool.getNextConnectionID()};
+  std::vector<std::string> used;
+  for (int i = 0; i < 6; ++i) {
+    used.push_back(sessionOf(pool));
+    ids.push_back(pool.getNextConnectionID());
+  }
+
+  EXPECT_THAT(ids, ElementsAre(0, 1, 2, 3, 1, 2, 3));
+  EXPECT_EQ(std::set<std::string>(used.begin(), used.begin() + 3).size(), 3U);
+  EXPECT_TRUE(std::equal(used.begin(), used.begin() + 3, used.begin() + 3));
+}
+
+TEST_F(PgConnectionPoolTest, HandsItsConnectionsOutInTurn) {
+  pgConnectionPool pool(database.conninfo(), 2);
+  pgSafeThread* const first = pool.getNextConnection();
+  pgSafeThread* const second = pool.getNextConnection();
+
+  EXPECT_NE(first, second);
+  EXPECT_EQ(pool.getNextConnection(), first);
+  EXPECT_EQ(pool.getClientEncoding(), "UTF8");
+  EXPECT_EQ(pool.getNextConnection(), first) << "the encoding took the second's turn";
+}
+
+TEST_F(PgConnectionPoolTest, CountsItsConnections) {
+  pgConnectionPool pool(database.host(), database.port(), database.name(), database.user(),
+                        database.password(), 3);
+
+  EXPECT_EQ(pool.getConnectionNumber(), 3);
+  EXPECT_EQ(pool.getWaitRequest(), 0);
+  EXPECT_EQ(sessions(), "3");
+}
+
+TEST_F(PgConnectionPoolTest, IsEmptyForACountBelowOne) {
+  pgConnectionPool none(database.conninfo(), 0);
+  pgConnectionPool negative(database.conninfo(), -1);
+
+  EXPECT_EQ(none.getConnectionNumber(), 0);
+  EXPECT_EQ(negative.getConnectionNumber(), 0);
+}
+
+TEST_F(PgConnectionPoolTest, EndsItsSessionsWhenItGoes) {
+  { const pgConnectionPool pool(database.conninfo(), 3); }
+
+  EXPECT_TRUE(waitUntil([&] { return sessions() == "0"; }));
+  EXPECT_TRUE(std::has_virtual_destructor_v<pgConnectionPool>);
+}
+
+TEST_F(PgConnectionPoolTest, PreparesOnEveryConnection) {
+  pgConnectionPool pool(database.conninfo(), 3);
+
+  pool.prepareRequest("double", "SELECT $1::int * 2", 1);
+  pool.prepareRequest("seven", "SELECT 7");
+
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(valueOf(pool.executePrepareRequest("double", {"21"})), "42");
+  }
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(valueOf(pool.executePrepareRequest("seven")), "7");
+  }
+}
+
+TEST_F(PgConnectionPoolTest, StopsPreparingAtTheFirstFailure) {
+  pgConnectionPool pool(database.conninfo(), 3);
+  pool.getNextConnection();
+  pool.getNextConnection()->prepareRequest("taken", "SELECT 0");
+  pool.getNextConnection();
+
+  EXPECT_THAT(failureOf([&] { pool.prepareRequest("taken", "SELECT 1"); }),
+              StartsWith("prepare failed:  ERROR:  prepared statement \"taken\" already exists"));
+
+  EXPECT_EQ(valueOf(pool.executePrepareRequest("taken")), "1");
+  EXPECT_EQ(valueOf(pool.executePrepareRequest("taken")), "0");
+  EXPECT_THAT(failureOf([&] { pool.executePrepareRequest("taken"); }),
+              StartsWith("Exec prepareRequest failed:  ERROR:  prepared statement \"taken\" does"));
+}
+
+TEST_F(PgConnectionPoolTest, TracesSuccessesOnlyAndOnlyWhenTold) {
+  pgConnectionPool pool(database.conninfo(), 2);
+  testing::internal::CaptureStdout();
+  PQclear(pool.executeRequest("SELECT 1"));
+  pool.Trace("not shown");
+  PQclear(pool.executeRequest("SELECT 1"));
+
+  pool.enableDebugMode(true);
+  PQclear(pool.executeRequest("SELECT 1"));
+  PQclear(pool.executeParamRequest("SELECT $1", {"1"}));
+  EXPECT_THROW(pool.executeRequest("SELEKT"), PostgresqlException);
+  PQclear(pool.executeRequest("SET application_name TO x"));
+  pool.Trace("shown");
+  pool.enableDebugMode(false);
+  PQclear(pool.executeRequest("SELECT 1"));
+
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "   [ 0 ] exec status: PGRES_TUPLES_OK\n"
+            "   [ 1 ] exec status: PGRES_TUPLES_OK\n"
+            "   [ 1 ] exec status: PGRES_COMMAND_OK\n"
+            "shown\n");
+}
+
+TEST_F(PgConnectionPoolTest, PassesTheFailureOfAStatementOn) {
+  pgConnectionPool pool(database.conninfo(), 1);
+
+  EXPECT_THAT(failureOf([&] { pool.executeRequest("SELEKT"); }),
+              StartsWith("execute failed:  ERROR:  syntax error"));
+  EXPECT_THAT(failureOf([&] { pool.executeParamRequest("SELEKT", {}); }),
+              StartsWith("Execute failed:  ERROR:  syntax error"));
+  EXPECT_THAT(failureOf([&] { pool.executePrepareRequest("x", {"1"}); }),
+              StartsWith("Exec prepareRequest failed:  ERROR:  prepared statement"));
+}
+
+TEST_F(PgConnectionPoolTest, ThrowsLibpqsMessageForAWrongPassword) {
+  const std::string conninfo = database.conninfo() + "x";
+  const std::string alone = failureOf([&] { const pgSafeThread connection(conninfo); });
+
+  EXPECT_THAT(alone, testing::EndsWith("\n"));
+  EXPECT_EQ(failureOf([&] { const pgConnectionPool pool(conninfo, 2); }), alone);
+  EXPECT_EQ(failureOf([&] {
+              const pgConnectionPool pool(database.host(), database.port(), database.name(),
+                                          database.user(), database.password() + "x", 2);
+            }),
+            alone);
+}
+
+TEST_F(PgConnectionPoolTest, ClosesWhatItHadOpenedWhenOneConnectionFails) {
+  database.query("ALTER DATABASE " + database.name() + " CONNECTION LIMIT 3");
+
+  EXPECT_THAT(failureOf([&] { const pgConnectionPool pool(database.conninfo(), 5); }),
+              testing::HasSubstr("too many connections for database"));
+
+  EXPECT_TRUE(waitUntil([&] { return sessions() == "0"; }));
+}
+
+TEST_F(PgConnectionPoolTest, ServesThreadsAtTheSameTime) {
+  pgConnectionPool pool(database.conninfo(), 3);
+  std::atomic<int> wrong = 0;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 6; ++i) {
+    threads.emplace_back([&, i] {
+      const std::string number = std::to_string(i);
+      for (int n = 0; n < 50; ++n) {
+        wrong += valueOf(pool.executeParamRequest("SELECT $1::int", {number})) != number;
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(pool.getNextConnectionID(), 3);
+}
+
+}  // namespace
