@@ -1,0 +1,354 @@
+"""What the run is judged by: the ledger and the tables against the driver's journal.
+
+Each figure counts what was judged, what a documented behaviour explains and what nothing explains.
+An explanation always needs an event: one of the driver's, or the evidence in the ledger itself.
+"""
+
+import re
+from bisect import bisect_right
+from collections import defaultdict
+from dataclasses import dataclass, field
+
+NOTICED = 5  # seconds until a notification is acted upon at the latest; the listener looks each 1 s
+PASS_END = 8  # seconds from a plugin's end to its history row, on a busy machine, at the most
+ATTEMPTS = 3
+PER_ATTEMPT = 'killed', 'silent'  # kinds of which one pass makes three attempts
+RUN_LINE = re.compile(rb'run (\d+) (\d+) ([\d.]+)\n')
+
+# What the daemon prints when it ends itself, and the events of which one must explain it.
+CAUSES = [
+    (r'returned no row', 'row gone'),
+    (r'File exists', 'copy exists'),
+    (r'No space left|Read-only file system|supplies \d+ parameters', 'directory'),
+    (r'convertible|Json::|JsonCpp|requires objectValue|type to be', 'deadly'),
+    (r'server closed|terminating connection|connection|starting up|shutting down|SSL', 'session'),
+]
+
+
+@dataclass
+class Figure:
+    """One line of the verdict."""
+
+    name: str
+    judged: int = 0
+    explained: int = 0
+    violations: list = field(default_factory=list)
+
+    def take(self, explained, violation):
+        """Counts a deviation: explained, or one violation more."""
+        if explained:
+            self.explained += 1
+        else:
+            self.violations.append(violation)
+
+
+class Judge:
+    """Holds the run's facts in the shapes that the questions need."""
+
+    def __init__(self, world, facts):
+        self.world, self.facts = world, facts
+        self.begun, self.end = facts['begun'], facts['end']
+        self.tasks = world.population.tasks
+        self.runs = defaultdict(list)
+        for run in facts['runs']:
+            self.runs[run.task].append(run)
+        self.ends = world.journal.all('end')
+        self.readies = world.journal.all('ready')
+        self.purged = {task: at for task, flagged, by_daemon, at in facts['gone']
+                       if flagged and by_daemon}
+        self.passes = {task.id: failed_passes(self.runs[task.id]) for task in self.tasks.values()}
+
+    def figures(self):
+        return [self.recoveries(), self.restarts(), self.missed(), self.overlaps(),
+                self.next_times(), self.unfinished(), *self.archives(), self.after_purge(),
+                self.resources(), self.memory()]
+
+    def time(self, at):
+        """A moment as people read it: seconds from the begin."""
+        return f'{at - self.begun:.1f} s'
+
+    def windows(self, *kinds, after=0.0):
+        """From each such event to its end, and `after` seconds more."""
+        return [(event['time'], event.get('until', event['time']) + after)
+                for event in self.world.journal.all(*kinds)]
+
+    def death_of(self, life, at):
+        """The end of the life, when it came so soon after `at` that it cut the pass short."""
+        stalls = self.windows('stopped')
+        for event in self.ends:
+            if event['pid'] == life and event['time'] >= at:
+                length = sum(end - begin for begin, end in
+                             covered_parts(at, event['time'], stalls))
+                return event if event['time'] - at - length <= PASS_END else None
+        return None
+
+    # -- The daemon's lives ----------------------------------------------------------------------
+
+    def recoveries(self):
+        figure = Figure('faults without recovery')
+        for event in self.world.journal.all('fault'):
+            figure.judged += 1
+            if event.get('recovered') is None:
+                figure.take(False, f'{event["name"]} at {self.time(event["time"])}')
+        return figure
+
+    def restarts(self):
+        figure = Figure('ends of the daemon that no event explains')
+        for event in self.ends:
+            figure.judged += 1
+            figure.take(self._explains_end(event),
+                        f'pid {event["pid"]} {event["how"]} at {self.time(event["time"])}: '
+                        f'{event["words"]!r}')
+        return figure
+
+    def _explains_end(self, event):
+        at = event['time']
+        if event['how'] == 'ended by SIGKILL':
+            return any(kill['pid'] == event['pid'] for kill in self.world.journal.all('kill'))
+        if event['how'] == 'ended with exit status 1':
+            return covers(self.windows('server', after=5), at)
+        cause = next((cause for text, cause in CAUSES if re.search(text, event['words'])), None)
+        begin = self._birth(event['pid'])
+        return {
+            'row gone': lambda: any(begin - 5 <= gone[3] <= at for gone in self.facts['gone']),
+            'copy exists': lambda: self._has_twin(event),
+            'directory': lambda: covers(self.windows('directory', after=10), at),
+            'deadly': lambda: covers(self.windows('deadly', after=10), at),
+            'session': lambda: covers(self.windows('server', 'terminate', after=5), at),
+        }.get(cause, lambda: False)()
+
+    def _birth(self, pid):
+        return max((ready['time'] for ready in self.readies if ready['pid'] == pid),
+                   default=self.begun)
+
+    def _has_twin(self, event):
+        """Two failures of the task within one second have one name: the ledger shows both, or the
+        daemon's clock was set back, so that a second came twice."""
+        match = re.search(r'archive/(\d+)/', event['words'])
+        if not match:
+            return False
+        back = [step for step in self.world.journal.all('step') if step['seconds'] < 0]
+        ends = [run.end for run in self.runs[int(match[1])]
+                if run.end is not None and event['time'] - PASS_END <= run.end <= event['time']]
+        near = any(later - earlier <= 1.5 for earlier, later in zip(sorted(ends), sorted(ends)[1:]))
+        return near or covers([(step['time'], step['time'] - step['seconds'] + PASS_END)
+                               for step in back], event['time'])
+
+    # -- Runs ------------------------------------------------------------------------------------
+
+    def outages(self):
+        """When no task, or not every task, could run."""
+        found = self.windows('fault') + self.windows('directory', after=5)
+        for event in self.ends:
+            ready = min((ready['time'] for ready in self.readies if ready['time'] > event['time']),
+                        default=event['time'] + 10)
+            found.append((event['time'] - 1.5, ready + 1.5))
+        for step in self.world.journal.all('step'):
+            found.append((step['time'], step['time'] + max(0, -step['seconds']) + 2))
+        return found
+
+    def missed(self):
+        """No stretch without faults may pass without a run for longer than the definition says."""
+        figure = Figure('silences of a task that the faults do not explain')
+        outages = self.outages()
+        for task in self.tasks.values():
+            figure.judged += 1
+            excuses = outages + self._replacements(task)
+            until = min(self.end, task.gone or self.end)
+            moments = [task.born + NOTICED, *(run.begin for run in self.runs[task.id]), until]
+            moments = [moment for moment in moments if moment <= until]
+            for begin, end in zip(moments, moments[1:]):
+                silence, at = longest_stretch(begin, end, excuses)
+                if silence > task.longest_silence():
+                    figure.take(False, f'task {task.id} ({task.kind}, each {task.interval} s): '
+                                f'nothing for {silence:.1f} s from {self.time(at)}')
+        return figure
+
+    def _replacements(self, task):
+        """A definition that is replaced or added again during a run moves the next time twice, so
+        one interval more may pass."""
+        longest = max(task.interval, task.longest_interval)
+        return [(sent, sent + 2 * longest + NOTICED) for sent in task.updates + task.additions]
+
+    def overlaps(self):
+        figure = Figure('overlapping runs of a task within one life')
+        for task in self.tasks.values():
+            lives = defaultdict(list)
+            for run in self.runs[task.id]:
+                lives[run.life].append(run)
+            for life, runs in lives.items():
+                figure.judged += len(runs)
+                for earlier, later in zip(runs, runs[1:]):
+                    if earlier.end is None or earlier.end > later.begin:
+                        figure.take(self._was_replaced(task, runs, earlier, later),
+                                    f'task {task.id} ({task.kind}) at {self.time(later.begin)}, '
+                                    f'life {life}')
+        return figure
+
+    def _was_replaced(self, task, runs, earlier, later):
+        """An ADD of a loaded task leaves the old definition queued; an UPDATE leaves it running,
+        and queued as well when it came between a run's taking and its start."""
+        birth = runs[0].begin
+        if any(birth - NOTICED <= sent <= later.begin for sent in task.additions):
+            return True
+        return any(sent <= later.begin and
+                   (earlier.begin <= sent + NOTICED and sent >= birth - NOTICED or
+                    any(sent - 1 <= run.begin <= sent + NOTICED for run in runs))
+                   for sent in task.updates)
+
+    def next_times(self):
+        figure = Figure('next times off their first value plus whole intervals')
+        for task in self.tasks.values():
+            if task.id in self.facts['next']:
+                figure.judged += 1
+                at, _ = self.facts['next'][task.id]
+                if (at - task.anchor) % task.interval:
+                    figure.take(False, f'task {task.id}: {at}, {task.anchor} + n * {task.interval}')
+        return figure
+
+    def unfinished(self):
+        """A row at PROCESS whose run is long over."""
+        figure = Figure('rows left at PROCESS')
+        for task, (_, status) in self.facts['next'].items():
+            figure.judged += 1
+            last = max((run.begin for run in self.runs[task]), default=self.begun)
+            if status == 'PROCESS' and self.end - last > self.tasks[task].longest_silence():
+                figure.take(False, f'task {task} since {self.time(last)}')
+        return figure
+
+    # -- What failed runs leave ------------------------------------------------------------------
+
+    def archives(self):
+        """Each failed run has a copy of its output, and each copy a row."""
+        copies = Figure('failed runs without archive copy')
+        rows = Figure('failed runs without history row')
+        history = {(int(task), name) for task, name in self.facts['history']}
+        for task, passes in self.passes.items():
+            if task in self.purged:
+                continue  # its copies and rows went with it, as they should
+            found = match_copies(passes, self.world.output / 'archive' / str(task))
+            for run in passes:
+                copies.judged += 1
+                rows.judged += 1
+                told = f'task {task} ({run.kind}), run of {self.time(run.begin)}'
+                if run.identity not in found:
+                    copies.take(self._explains_loss(run), told)
+                    rows.take(self._explains_loss(run), told)
+                elif (task, found[run.identity]) not in history:
+                    rows.take(self._explains_loss(run), f'{told}, copy {found[run.identity]}')
+        return copies, rows
+
+    def _explains_loss(self, run):
+        """The pass was cut short by the end of its life, or its directory took no file. A crash of
+        the server, which may take back a row, ends the life as well."""
+        return (self.death_of(run.life, run.end) is not None or
+                any(begin - 1 <= run.end <= end for begin, end in self.windows('directory')) or
+                run.end > self.end - PASS_END)
+
+    def after_purge(self):
+        figure = Figure('runs of flagged tasks after their purge')
+        for task, at in self.purged.items():
+            figure.judged += 1
+            for run in self.runs[task]:
+                if run.begin > at + 2:  # what a worker had in hand already starts a little later
+                    runs = [other for other in self.runs[task] if other.life == run.life]
+                    figure.take(self._was_replaced(self.tasks[task], runs, run, run),
+                                f'task {task} at {self.time(run.begin)}, purged at {self.time(at)}')
+        return figure
+
+    # -- Resources -------------------------------------------------------------------------------
+
+    def resources(self):
+        figure = Figure('resources leaked')
+        before, after = self.facts['before'], self.facts['after']
+        for name in before:
+            figure.judged += 1
+            if after[name] > before[name]:
+                figure.take(False, f'{name}: {before[name]} at the start, {after[name]} at the end')
+        for name, count in self.facts['left'].items():
+            figure.judged += 1
+            if count:
+                figure.take(False, f'{name}: {count}')
+        return figure
+
+    def resident(self):
+        """Resident KiB of the first and the last life, each at the age of a minute."""
+        memory = self.world.daemon.memory
+        if not memory:
+            return 0, 0
+        return tuple(median_in(memory, self._age(pid)) for pid in (memory[0][1], memory[-1][1]))
+
+    def _age(self, pid):
+        samples = [sample for sample in self.world.daemon.memory if sample[1] == pid]
+        born = samples[0][0]
+        return pid, born + 35, born + 60
+
+    def memory(self):
+        figure = Figure('resident memory more than 10% above the first minute')
+        first, last = self.resident()
+        if self.facts['judges_memory']:
+            figure.judged = 1
+            if last > first * 1.1:
+                figure.take(False, f'{first} KiB, then {last} KiB')
+        return figure
+
+
+def median_in(memory, wanted):
+    """The median of the resident KiB of (pid, from, to); 0 when nothing was seen."""
+    pid, begin, end = wanted
+    values = sorted(kib for at, owner, kib in memory if owner == pid and begin <= at <= end)
+    return values[len(values) // 2] if values else 0
+
+
+def covers(windows, at):
+    return any(begin <= at <= end for begin, end in windows)
+
+
+def covered_parts(begin, end, windows):
+    """The parts of (begin, end) that lie inside the windows; these do not overlap."""
+    return [(max(begin, left), min(end, right)) for left, right in windows
+            if left < end and right > begin]
+
+
+def longest_stretch(begin, end, windows):
+    """(seconds, begin) of the longest part of (begin, end) outside all windows."""
+    longest, at = 0.0, begin
+    for left, right in sorted(windows):
+        if right <= begin or left >= end:
+            continue
+        longest, at = max((longest, at), (left - begin, begin))
+        begin = right
+    return max((longest, at), (end - begin, begin))
+
+
+def failed_passes(runs):
+    """The runs that must leave a copy and a row; of three attempts, the last."""
+    failed = [run for run in runs
+              if run.kind not in PER_ATTEMPT and run.code not in (0, None)]
+    attempts = defaultdict(list)
+    for run in runs:
+        if run.kind in PER_ATTEMPT and run.end is not None:
+            attempts[run.life].append(run)
+    for ended in attempts.values():
+        failed += ended[ATTEMPTS - 1::ATTEMPTS]
+    return sorted(failed, key=lambda run: run.end)
+
+
+def match_copies(passes, folder):
+    """Archive names by the identity of the run whose output they hold.
+
+    A copy says whose it is in its first line; the copy of a run without output belongs to the last
+    run that had ended when it was made. File times are the kernel's, whatever the daemon's clock.
+    """
+    found = {}
+    if not folder.is_dir():
+        return found
+    ends = [run.end for run in passes]
+    for path in sorted(folder.iterdir(), key=lambda path: path.stat().st_mtime):
+        with open(path, 'rb') as copy:
+            match = RUN_LINE.match(copy.readline(200))
+        if match:
+            found[int(match[2]), float(match[3])] = path.name
+        elif index := bisect_right(ends, path.stat().st_mtime):
+            found[passes[index - 1].identity] = path.name
+    return found
