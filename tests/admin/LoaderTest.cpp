@@ -1,29 +1,346 @@
 #include "admin/loader.h"
 
+#include <ctime>
+#include <mutex>
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "core/globals.h"
+#include "db/PostgresqlException.h"
 #include "task/CronTaskQueue.h"
 #include "task/serviceCron.h"
 #include "tests/support/Globals.h"
 
 namespace {
 
-using LoaderTest = DatabaseGlobalsTest;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class LoaderTest : public DatabaseGlobalsTest {
+ protected:
+  void insert(int id, const std::string& nextExec = "timestamp '2030-01-01 00:00:00'") {
+    TaskRow row;
+    row.id = id;
+    row.name = "name " + std::to_string(id);
+    row.nextExec = nextExec;
+    database.insertTask(row);
+  }
+
+  /// Loads `ids` in `mode`.
+  static void load(const std::string& mode, std::vector<int> ids) { load_cron_task(mode, &ids); }
+
+  static std::shared_ptr<serviceCron> loaded(int id) {
+    const std::lock_guard lock(mutexTaskMap);
+    const auto entry = cronTaskMap.find(id);
+    return entry == cronTaskMap.end() ? nullptr : entry->second;
+  }
+
+  static std::vector<int> loadedIds() {
+    std::vector<int> ids;
+    for (const auto& [id, task] : cronTaskMap) {
+      ids.push_back(id);
+    }
+    return ids;
+  }
+
+  /// Makes room for a row that the schema would refuse.
+  void dropCheck(const std::string& name) {
+    database.query("ALTER TABLE kodu_cron_plugin DROP CONSTRAINT " + name);
+  }
+
+  static constexpr long kDue = 1893456000;  // 2030-01-01 00:00:00 UTC
+};
 
 TEST_F(LoaderTest, LoadsEveryTaskWithoutAList) {
   for (const int id : {1, 2, 3}) {
-    TaskRow row;
-    row.id = id;
-    database.insertTask(row);
+    insert(id);
   }
 
   load_cron_task("ADD", nullptr);
 
-  EXPECT_EQ(cronTaskMap.size(), 3U);
-  EXPECT_TRUE(cronTaskMap.contains(1) && cronTaskMap.contains(2) && cronTaskMap.contains(3));
+  EXPECT_THAT(loadedIds(), ElementsAre(1, 2, 3));
   EXPECT_EQ(serviceQueue->size(), 3U);
   EXPECT_EQ(log().back(), "NOTICE#script reload successful");
+}
+
+TEST_F(LoaderTest, TurnsARowIntoATask) {
+  TaskRow row;
+  row.id = 42;
+  row.name = "load";
+  row.path = "/usr/bin/plugin";
+  row.parameter = "-w 5 -m 'two words'";
+  row.interval = "1 day";
+  row.nextExec = "timestamp '2030-01-01 00:00:00.9'";
+  row.logFile = "out_$DATE.txt";
+  row.retries = "4";
+  row.retriesInterval = "interval '1 minute'";
+  database.insertTask(row);
+
+  load_cron_task("ADD", nullptr);
+
+  const auto task = loaded(42);
+  ASSERT_NE(task, nullptr);
+  EXPECT_EQ(task->GetService_id(), 42U);
+  EXPECT_EQ(task->GetService_idStr(), "42");
+  EXPECT_EQ(task->Getname(), "load");
+  EXPECT_EQ(task->Getpath(), "/usr/bin/plugin");
+  EXPECT_EQ(task->Getparameter(), "-w 5 -m 'two words'");
+  EXPECT_THAT(task->GetVectorParam(), ElementsAre("-w", "5", "-m", "two words"));
+  EXPECT_EQ(task->Getinterval_exec_time(), 86400U);
+  EXPECT_EQ(task->GetFilename(), "out_$DATE.txt");
+  EXPECT_EQ(task->GetMaxRetrie(), 4);
+  EXPECT_EQ(task->GetRetrieTime(), 60);
+  EXPECT_EQ(task->GetRetrie(), 0);
+  EXPECT_EQ(task->GetExecState(), 0);
+  EXPECT_EQ(task->GetExecTimeSec(), kDue);
+}
+
+TEST_F(LoaderTest, LogsEachStepOfARow) {
+  insert(1);
+
+  load_cron_task("ADD", nullptr);
+
+  EXPECT_THAT(log(),
+              ElementsAre("DEBUG#Load cron task: name 1", "DEBUG#cron task: getNextTimeToExec",
+                          "DEBUG#ADD cron task: 1893456000", "NOTICE#script reload successful"));
+}
+
+TEST_F(LoaderTest, KeepsTheRecordsDefaultsForNulls) {
+  TaskRow row;
+  row.retries = "NULL";
+  row.retriesInterval = "NULL";
+  database.insertTask(row);
+  database.query("UPDATE kodu_cron_plugin SET cron_parameter = NULL");
+
+  load_cron_task("ADD", nullptr);
+
+  ASSERT_NE(loaded(1), nullptr);
+  EXPECT_EQ(loaded(1)->GetMaxRetrie(), 1);
+  EXPECT_EQ(loaded(1)->GetRetrieTime(), 120);
+  EXPECT_THAT(loaded(1)->GetVectorParam(), testing::IsEmpty());
+}
+
+TEST_F(LoaderTest, LeavesPluginsOfOtherTypesAlone) {
+  TaskRow row;
+  row.pluginType = "web";
+  database.insertTask(row);
+
+  load("ADD", {1});
+
+  EXPECT_THAT(loadedIds(), testing::IsEmpty());
+  EXPECT_TRUE(serviceQueue->empty());
+}
+
+TEST_F(LoaderTest, LoadsFlaggedTasksToo) {
+  insert(1);
+  database.query("UPDATE kodu_cron_plugin SET cron_delete = TRUE");
+
+  load_cron_task("ADD", nullptr);
+
+  EXPECT_THAT(loadedIds(), ElementsAre(1));
+}
+
+TEST_F(LoaderTest, MovesAnOverdueTaskOutOfThePast) {
+  insert(1, "date_trunc('second', now()) - interval '650 seconds'");
+  const long before = database.nextExec(1);
+
+  load_cron_task("ADD", nullptr);
+
+  EXPECT_EQ(database.nextExec(1), before + 900);
+  EXPECT_EQ(loaded(1)->GetExecTimeSec(), before + 900);
+  EXPECT_EQ(logged("DEBUG#ADD cron task: " + std::to_string(before)), 1)
+      << "the text as it was read";
+}
+
+TEST_F(LoaderTest, LoadsTheListedTasksOnly) {
+  for (const int id : {1, 2, 3}) {
+    insert(id);
+  }
+
+  load("ADD", {3, 1, 99});
+
+  EXPECT_THAT(loadedIds(), ElementsAre(1, 3));
+}
+
+TEST_F(LoaderTest, LoadsEveryTaskAgainWithAnEmptyList) {
+  insert(1);
+  insert(2);
+  load_cron_task("ADD", nullptr);
+  const auto first = loaded(1);
+
+  load("ADD", {});
+
+  EXPECT_NE(loaded(1), first);
+  EXPECT_EQ(serviceQueue->size(), 4U);
+}
+
+TEST_F(LoaderTest, ReplacesAKnownTaskAndLeavesItQueued) {
+  insert(1);
+  load_cron_task("ADD", nullptr);
+  const auto first = loaded(1);
+
+  load("ADD", {1});
+
+  EXPECT_NE(loaded(1), first);
+  EXPECT_EQ(first->GetExecState(), 0) << "nothing tells the old one to go";
+  EXPECT_EQ(serviceQueue->size(), 2U);
+}
+
+TEST_F(LoaderTest, DropsWhatItReadInAnyOtherMode) {
+  insert(1, "now() - interval '650 seconds'");
+  const long before = database.nextExec(1);
+
+  load("add", {1});
+
+  EXPECT_THAT(loadedIds(), testing::IsEmpty());
+  EXPECT_TRUE(serviceQueue->empty());
+  EXPECT_GT(database.nextExec(1), before) << "the catch-up has been made";
+  EXPECT_EQ(log().back(), "NOTICE#script reload successful");
+}
+
+TEST_F(LoaderTest, AddsNothingInAnUpdate) {
+  insert(7, "now() - interval '650 seconds'");
+  const long before = database.nextExec(7);
+
+  load("UPDATE", {7});
+
+  EXPECT_THAT(loadedIds(), testing::IsEmpty());
+  EXPECT_TRUE(serviceQueue->empty());
+  EXPECT_GT(database.nextExec(7), before);
+}
+
+TEST_F(LoaderTest, ReplacesATaskWhoseTimingChanged) {
+  insert(5);
+  load_cron_task("ADD", nullptr);
+  const auto old = loaded(5);
+  old->SetStdout("last output");
+  old->SetReturnCode(2);
+  old->SetRetrie(1);
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '60 s', cron_retries = 9");
+
+  load("UPDATE", {5});
+
+  const auto task = loaded(5);
+  ASSERT_NE(task, old);
+  EXPECT_EQ(old->GetExecState(), 3);
+  EXPECT_EQ(task->GetExecState(), 0);
+  EXPECT_EQ(task->GetStdout(), "last output");
+  EXPECT_EQ(task->GetReturnCode(), 2);
+  EXPECT_EQ(task->GetRetrie(), 1);
+  EXPECT_EQ(task->GetMaxRetrie(), 9);
+  EXPECT_EQ(task->Getinterval_exec_time(), 60U);
+  EXPECT_EQ(serviceQueue->size(), 2U) << "the old one leaves the queue when it is met";
+}
+
+// The one way to an update in place: the interval, in seconds, equals the next time.
+TEST_F(LoaderTest, UpdatesATaskInPlaceWhoseTimingDidNotChange) {
+  insert(5);
+  load_cron_task("ADD", nullptr);
+  const auto old = loaded(5);
+  old->Setinterval_exec_time(kDue);
+  database.query("UPDATE kodu_cron_plugin SET cron_parameter = '-c 10'");
+
+  load("UPDATE", {5});
+
+  EXPECT_EQ(loaded(5), old);
+  EXPECT_EQ(old->GetExecState(), 1);
+  EXPECT_EQ(old->Getparameter(), "-c 10");
+  EXPECT_THAT(old->GetVectorParam(), ElementsAre("-c", "10"));
+  EXPECT_EQ(old->Getinterval_exec_time(), static_cast<unsigned>(kDue));
+  EXPECT_EQ(serviceQueue->size(), 1U);
+}
+
+TEST_F(LoaderTest, ReplacesATaskWhoseParametersAloneChanged) {
+  insert(5);
+  load_cron_task("ADD", nullptr);
+  const auto old = loaded(5);
+  database.query("UPDATE kodu_cron_plugin SET cron_parameter = '-c 10'");
+
+  load("UPDATE", {5});
+
+  EXPECT_NE(loaded(5), old) << "the interval is compared with the next time, so any update counts";
+  EXPECT_EQ(loaded(5)->Getparameter(), "-c 10");
+  EXPECT_EQ(old->GetExecState(), 3);
+}
+
+TEST_F(LoaderTest, NamesTheRetryIntervalOfARowThatFails) {
+  dropCheck("cron_interval_from_second_to_year");
+  for (const int id : {1, 2, 3}) {
+    insert(id);
+  }
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '0' WHERE cron_id = 2");
+
+  load_cron_task("ADD", nullptr);
+
+  EXPECT_THAT(loadedIds(), ElementsAre(1, 3));
+  EXPECT_EQ(logged("ERRORS#Failed to initial load service: 2.000000interval of 0 s refused: set "
+                   "cron_interval to 1 second or more"),
+            1);
+  EXPECT_EQ(log().back(), "NOTICE#script reload successful");
+}
+
+TEST_F(LoaderTest, RefusesAnIntervalBelowASecond) {
+  dropCheck("cron_interval_from_second_to_year");
+  dropCheck("cron_interval_whole_seconds");
+  insert(1);
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '0.9 s'");
+
+  load_cron_task("ADD", nullptr);
+
+  EXPECT_THAT(loadedIds(), testing::IsEmpty());
+}
+
+TEST_F(LoaderTest, CutsAFractionOffTheInterval) {
+  dropCheck("cron_interval_whole_seconds");
+  insert(1);
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '7.9 s'");
+
+  load_cron_task("ADD", nullptr);
+
+  EXPECT_EQ(loaded(1)->Getinterval_exec_time(), 7U);
+}
+
+TEST_F(LoaderTest, LogsARowWhoseTextsAreNoNumbers) {
+  dropCheck("cron_next_exec_in_integer_seconds");
+  insert(1);
+  database.query("UPDATE kodu_cron_plugin SET cron_next_exec = '-infinity'");
+
+  load_cron_task("ADD", nullptr);
+
+  EXPECT_THAT(loadedIds(), testing::IsEmpty());
+  EXPECT_EQ(logged("ERRORS#Failed to initial load service: 2.000000stoll"), 1);
+}
+
+TEST_F(LoaderTest, LogsARowWhoseCatchUpFails) {
+  insert(1, "now() - interval '650 seconds'");
+  insert(2);
+  database.query(
+      "CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS "
+      "'BEGIN RAISE EXCEPTION ''refused''; END'");
+  database.query(
+      "CREATE TRIGGER refuse BEFORE UPDATE ON kodu_cron_plugin FOR EACH ROW EXECUTE "
+      "FUNCTION refuse()");
+
+  load_cron_task("ADD", nullptr);
+
+  EXPECT_THAT(loadedIds(), ElementsAre(2));
+  EXPECT_THAT(log(), testing::Contains(testing::StartsWith(
+                         "ERRORS#Failed to initial load service: 2.000000Exec prepareRequest "
+                         "failed:  ERROR:  refused")));
+}
+
+TEST_F(LoaderTest, ChangesNothingWhenTheQueryFails) {
+  insert(1);
+  load_cron_task("ADD", nullptr);
+  const auto before = loaded(1);
+  database.query("DROP TABLE kodu_plugins CASCADE");
+
+  EXPECT_THROW(load_cron_task("ADD", nullptr), PostgresqlException);
+
+  EXPECT_EQ(loaded(1), before);
+  EXPECT_EQ(serviceQueue->size(), 1U);
+  EXPECT_EQ(logged("NOTICE#script reload successful"), 1);
 }
 
 }  // namespace

@@ -1,0 +1,222 @@
+#include "admin/purge.h"
+
+#include <mutex>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "core/globals.h"
+#include "db/PostgresqlException.h"
+#include "db/pgSafeThread.h"
+#include "sched/outputPath.h"
+#include "task/CronTaskQueue.h"
+#include "task/serviceCron.h"
+#include "tests/support/Globals.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+namespace fs = std::filesystem;
+
+class DeleteTaskTest : public DatabaseGlobalsTest {
+ protected:
+  /// A task that is loaded, with an output file, two archive copies and two history rows.
+  std::shared_ptr<serviceCron> makeTaskWithFiles(int id, const std::string& filename) {
+    TaskRow row;
+    row.id = id;
+    row.logFile = filename;
+    database.insertTask(row);
+    for (const char* copy : {"one.txt", "two.txt"}) {
+      fs::create_directories(archiveDirectory(std::to_string(id)));
+      writeFile(archiveDirectory(std::to_string(id)) + copy, "old");
+      database.query("INSERT INTO kodu_cron_error(cron_id, cron_logfile) VALUES (" +
+                     std::to_string(id) + ", '" + copy + "')");
+    }
+    auto task = makeTask(id, "/bin/true");
+    task->SetFilename(filename);
+    writeFile(currentOutputPath(task), "output");
+    cronTaskMap[id] = task;
+    return task;
+  }
+
+  void flag(int id) {
+    database.query("UPDATE kodu_cron_plugin SET cron_delete = TRUE WHERE cron_id = " +
+                   std::to_string(id));
+  }
+};
+
+TEST_F(DeleteTaskTest, DoesNothingWithoutAFlaggedTask) {
+  makeTaskWithFiles(1, "report_$DATE.txt");
+
+  DeleteTask();
+
+  EXPECT_THAT(log(), ElementsAre("DEBUG#DELETE END"));
+  EXPECT_EQ(cronTaskMap.size(), 1U);
+  EXPECT_THAT(filesIn(log_directory), ElementsAre("archive", "report_last.txt"));
+  EXPECT_EQ(database.failures(1), 2);
+}
+
+TEST_F(DeleteTaskTest, RemovesTheTaskItsFilesAndItsRows) {
+  const auto task = makeTaskWithFiles(1, "report_$DATE.txt");
+  flag(1);
+
+  DeleteTask();
+
+  EXPECT_EQ(task->GetExecState(), 3);
+  EXPECT_TRUE(cronTaskMap.empty());
+  EXPECT_THAT(filesIn(log_directory), ElementsAre("archive"));
+  EXPECT_THAT(filesIn(log_directory + "/archive"), IsEmpty());
+  EXPECT_EQ(database.failures(1), 0);
+  EXPECT_EQ(database.task(1, "cron_id"), "");
+  EXPECT_THAT(log(), ElementsAre("DEBUG#DELETE TASK: 1", "DEBUG#DELETE END"));
+}
+
+TEST_F(DeleteTaskTest, LeavesOtherTasksAlone) {
+  makeTaskWithFiles(1, "$SERVICEID.txt");
+  const auto other = makeTaskWithFiles(12, "$SERVICEID.txt");
+  flag(1);
+
+  DeleteTask();
+
+  EXPECT_EQ(other->GetExecState(), 0);
+  EXPECT_TRUE(cronTaskMap.contains(12));
+  EXPECT_THAT(filesIn(log_directory), ElementsAre("12.txt", "archive"));
+  EXPECT_THAT(filesIn(log_directory + "/archive"), ElementsAre("12"));
+  EXPECT_EQ(database.failures(12), 2);
+}
+
+TEST_F(DeleteTaskTest, HandlesTheTasksInTheOrderOfTheRows) {
+  makeTaskWithFiles(9, "a_$SERVICEID.txt");
+  makeTaskWithFiles(4, "a_$SERVICEID.txt");
+  flag(9);
+  flag(4);
+  const auto rows = database.query("SELECT cron_id FROM kodu_cron_plugin WHERE cron_delete=TRUE;");
+  ASSERT_EQ(rows.size(), 2U);
+
+  DeleteTask();
+
+  EXPECT_THAT(log(), ElementsAre("DEBUG#DELETE TASK: " + rows[0][0],
+                                 "DEBUG#DELETE TASK: " + rows[1][0], "DEBUG#DELETE END"));
+}
+
+TEST_F(DeleteTaskTest, LeavesTheQueuesAsTheyAre) {
+  const auto task = makeTaskWithFiles(1, "a.txt");
+  serviceQueue->push(task);
+  flag(1);
+
+  DeleteTask();
+
+  EXPECT_EQ(serviceQueue->front(), task);
+}
+
+TEST_F(DeleteTaskTest, DeletesTheArchiveAndTheRowsOfATaskThatIsNotLoaded) {
+  makeTaskWithFiles(1, "a.txt");
+  cronTaskMap.clear();
+  flag(1);
+
+  DeleteTask();
+
+  EXPECT_THAT(filesIn(log_directory), ElementsAre("a.txt", "archive"));
+  EXPECT_THAT(filesIn(log_directory + "/archive"), IsEmpty());
+  EXPECT_EQ(database.failures(1), 0);
+  EXPECT_EQ(database.task(1, "cron_id"), "");
+}
+
+TEST_F(DeleteTaskTest, BearsFilesThatAreAbsentAlready) {
+  makeTaskWithFiles(1, "a.txt");
+  fs::remove_all(log_directory);
+  flag(1);
+
+  DeleteTask();
+
+  EXPECT_EQ(database.task(1, "cron_id"), "");
+}
+
+TEST_F(DeleteTaskTest, RemovesASecondDateOnlyWhereTheClockMadeIt) {
+  const auto task = makeTask(1, "/bin/true");
+  TaskRow row;
+  row.logFile = "$DATE.txt";
+  database.insertTask(row);
+  task->SetFilename("$DATE.txt");
+  cronTaskMap[1] = task;
+  writeFile(log_directory + "/last.txt", "current");
+  writeFile(log_directory + "/$DATE.txt", "another's");
+  flag(1);
+
+  DeleteTask();
+
+  EXPECT_THAT(filesIn(log_directory), ElementsAre("$DATE.txt"));
+}
+
+TEST_F(DeleteTaskTest, KeepsTheRowsWhenAFileCannotBeRemoved) {
+  const auto task = makeTaskWithFiles(1, "a.txt");
+  fs::remove(log_directory + "/a.txt");
+  fs::create_directories(log_directory + "/a.txt/not empty");
+  flag(1);
+
+  EXPECT_THROW(DeleteTask(), fs::filesystem_error);
+
+  EXPECT_TRUE(cronTaskMap.empty()) << "memory comes first";
+  EXPECT_EQ(task->GetExecState(), 3);
+  EXPECT_THAT(filesIn(archiveDirectory("1")), ElementsAre("one.txt", "two.txt"));
+  EXPECT_EQ(database.failures(1), 2);
+  EXPECT_EQ(database.task(1, "cron_delete"), "t");
+  EXPECT_THAT(log(), ElementsAre("DEBUG#DELETE TASK: 1"));
+}
+
+TEST_F(DeleteTaskTest, RepeatsTheStepsOfAPurgeThatWasCutShort) {
+  makeTaskWithFiles(1, "a.txt");
+  fs::remove(log_directory + "/a.txt");
+  fs::create_directories(log_directory + "/a.txt/not empty");
+  flag(1);
+  EXPECT_THROW(DeleteTask(), fs::filesystem_error);
+
+  fs::remove_all(log_directory + "/a.txt");
+  DeleteTask();
+
+  EXPECT_EQ(database.failures(1), 0);
+  EXPECT_EQ(database.task(1, "cron_id"), "");
+  EXPECT_THAT(filesIn(log_directory + "/archive"), IsEmpty());
+}
+
+TEST_F(DeleteTaskTest, DeletesTheHistoryBeforeTheRow) {
+  makeTaskWithFiles(1, "a.txt");
+  database.query(
+      "CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS "
+      "'BEGIN RAISE EXCEPTION ''refused''; END'");
+  database.query(
+      "CREATE TRIGGER refuse BEFORE DELETE ON kodu_cron_plugin FOR EACH ROW EXECUTE "
+      "FUNCTION refuse()");
+  flag(1);
+
+  EXPECT_THROW(DeleteTask(), PostgresqlException);
+
+  EXPECT_EQ(database.failures(1), 0);
+  EXPECT_EQ(database.task(1, "cron_delete"), "t");
+  EXPECT_EQ(logged("DEBUG#DELETE END"), 0);
+}
+
+TEST_F(DeleteTaskTest, ThrowsForAnIdThatIsNoNumber) {
+  database.query("DROP TABLE kodu_cron_plugin CASCADE");
+  database.query(
+      "CREATE VIEW kodu_cron_plugin AS SELECT 'x'::text AS cron_id, TRUE AS cron_delete");
+  database.query("GRANT SELECT ON kodu_cron_plugin TO kodu");
+  PQclear(pgSQL->executeRequest("DEALLOCATE \"SelectDeleteCron\""));
+  pgSQL->prepareRequest("SelectDeleteCron",
+                        "SELECT cron_id FROM kodu_cron_plugin WHERE cron_delete=TRUE;");
+
+  EXPECT_THROW(DeleteTask(), std::invalid_argument);
+}
+
+TEST_F(DeleteTaskTest, LeavesTheMapUnlocked) {
+  makeTaskWithFiles(1, "a.txt");
+  flag(1);
+
+  DeleteTask();
+
+  EXPECT_TRUE(mutexTaskMap.try_lock());
+  mutexTaskMap.unlock();
+}
+
+}  // namespace
