@@ -61,6 +61,12 @@ class World:
     def _environment():
         return {'PATH': '/usr/sbin:/usr/bin:/sbin:/bin', 'LC_ALL': 'C.UTF-8', 'TZ': 'UTC'}
 
+    def await_life(self):
+        """Returns when there is a daemon to break: it may just have ended by itself."""
+        end = time.time() + 10
+        while time.time() < end and self.daemon.pid() is None:
+            time.sleep(0.05)
+
     def await_end(self, act):
         """Does what must end the present life; returns when that has happened, a time."""
         pid = self.daemon.pid()
@@ -123,6 +129,7 @@ def resources(world):
 
 def inject(world, name, begun):
     """One fault and the wait for the recovery, with a line of progress."""
+    world.await_life()
     event = world.journal.add('fault', name=name)
     try:
         since = faults.FAULTS[name](world)

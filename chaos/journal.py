@@ -1,4 +1,4 @@
-"""The driver's log: every fault and every end of the daemon. An excuse counts only with an event."""
+"""The driver's log: every fault and every end of the daemon. No excuse counts without an event."""
 
 import json
 import threading
@@ -32,6 +32,10 @@ class Journal:
         with self._lock:
             chosen = [event for event in self._events if event['kind'] in kinds]
         return sorted(chosen, key=lambda event: event['time'])
+
+    def close(self):
+        """Nothing can be added any more."""
+        self._file.close()
 
     def _write(self, event):
         self._file.write(json.dumps(event) + '\n')

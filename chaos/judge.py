@@ -56,7 +56,7 @@ class Judge:
         self.readies = world.journal.all('ready')
         self.purged = {task: at for task, flagged, by_daemon, at in facts['gone']
                        if flagged and by_daemon}
-        self.passes = {task.id: failed_passes(self.runs[task.id]) for task in self.tasks.values()}
+        self.passes = {task: failed_passes(self.runs[task]) for task in self.tasks}
 
     def figures(self):
         return [self.recoveries(), self.restarts(), self.missed(), self.overlaps(),
@@ -106,16 +106,24 @@ class Judge:
         if event['how'] == 'ended by SIGKILL':
             return any(kill['pid'] == event['pid'] for kill in self.world.journal.all('kill'))
         if event['how'] == 'ended with exit status 1':
-            return covers(self.windows('server', after=5), at)
+            return covers(self.windows('server', 'terminate', after=5), at)
         cause = next((cause for text, cause in CAUSES if re.search(text, event['words'])), None)
         begin = self._birth(event['pid'])
         return {
-            'row gone': lambda: any(begin - 5 <= gone[3] <= at for gone in self.facts['gone']),
+            'row gone': lambda: self._ran_without_row(event, begin),
             'copy exists': lambda: self._has_twin(event),
             'directory': lambda: covers(self.windows('directory', after=10), at),
             'deadly': lambda: covers(self.windows('deadly', after=10), at),
             'session': lambda: covers(self.windows('server', 'terminate', after=5), at),
         }.get(cause, lambda: False)()
+
+    def _ran_without_row(self, event, birth):
+        """The life has just run a task whose row went during it."""
+        return any(birth - NOTICED <= gone_at <= event['time'] and
+                   any(run.life == event['pid'] and run.end is not None and
+                       event['time'] - PASS_END <= run.end <= event['time']
+                       for run in self.runs[task])
+                   for task, _, _, gone_at in self.facts['gone'])
 
     def _birth(self, pid):
         return max((ready['time'] for ready in self.readies if ready['pid'] == pid),
@@ -128,9 +136,9 @@ class Judge:
         if not match:
             return False
         back = [step for step in self.world.journal.all('step') if step['seconds'] < 0]
-        ends = [run.end for run in self.runs[int(match[1])]
-                if run.end is not None and event['time'] - PASS_END <= run.end <= event['time']]
-        near = any(later - earlier <= 1.5 for earlier, later in zip(sorted(ends), sorted(ends)[1:]))
+        ends = [run.end for run in self.passes.get(int(match[1]), [])
+                if event['time'] - PASS_END <= run.end <= event['time']]
+        near = any(later - earlier <= 1.2 for earlier, later in zip(ends, ends[1:]))
         return near or covers([(step['time'], step['time'] - step['seconds'] + PASS_END)
                                for step in back], event['time'])
 
@@ -153,7 +161,7 @@ class Judge:
         outages = self.outages()
         for task in self.tasks.values():
             figure.judged += 1
-            excuses = outages + self._replacements(task)
+            excuses = outages + self._replacements(task) + self._unheard_addition(task)
             until = min(self.end, task.gone or self.end)
             moments = [task.born + NOTICED, *(run.begin for run in self.runs[task.id]), until]
             moments = [moment for moment in moments if moment <= until]
@@ -170,19 +178,27 @@ class Judge:
         longest = max(task.interval, task.longest_interval)
         return [(sent, sent + 2 * longest + NOTICED) for sent in task.updates + task.additions]
 
+    def _unheard_addition(self, task):
+        """An ADD between a life's load and its LISTEN reaches nobody: the next life loads the row.
+        """
+        for ready in self.readies:
+            if task.born > self.begun + NOTICED and -2 <= task.born - ready['time'] <= 1:
+                later = (other['time'] for other in self.readies if other['time'] > task.born + 1)
+                return [(task.born, min(later, default=self.end))]
+        return []
+
     def overlaps(self):
         figure = Figure('overlapping runs of a task within one life')
         for task in self.tasks.values():
             lives = defaultdict(list)
             for run in self.runs[task.id]:
                 lives[run.life].append(run)
-            for life, runs in lives.items():
+            for runs in lives.values():
                 figure.judged += len(runs)
-                for earlier, later in zip(runs, runs[1:]):
-                    if earlier.end is None or earlier.end > later.begin:
-                        figure.take(self._was_replaced(task, runs, earlier, later),
-                                    f'task {task.id} ({task.kind}) at {self.time(later.begin)}, '
-                                    f'life {life}')
+                for earlier, later in overlapping(runs):
+                    figure.take(self._was_replaced(task, runs, earlier, later),
+                                f'task {task.id} ({task.kind}) at {self.time(later.begin)}, '
+                                f'life {later.life}')
         return figure
 
     def _was_replaced(self, task, runs, earlier, later):
@@ -228,6 +244,8 @@ class Judge:
                 continue  # its copies and rows went with it, as they should
             found = match_copies(passes, self.world.output / 'archive' / str(task))
             for run in passes:
+                if run.end > self.end - PASS_END:
+                    continue  # the tables were read before its pass was over
                 copies.judged += 1
                 rows.judged += 1
                 told = f'task {task} ({run.kind}), run of {self.time(run.begin)}'
@@ -242,8 +260,7 @@ class Judge:
         """The pass was cut short by the end of its life, or its directory took no file. A crash of
         the server, which may take back a row, ends the life as well."""
         return (self.death_of(run.life, run.end) is not None or
-                any(begin - 1 <= run.end <= end for begin, end in self.windows('directory')) or
-                run.end > self.end - PASS_END)
+                any(begin - 1 <= run.end <= end for begin, end in self.windows('directory')))
 
     def after_purge(self):
         figure = Figure('runs of flagged tasks after their purge')
@@ -272,30 +289,32 @@ class Judge:
         return figure
 
     def resident(self):
-        """Resident KiB of the first and the last life, each at the age of a minute."""
+        """Resident KiB of the first life and of the last, both at the last one's age at the end,
+        of a minute at the most; None when one of them was too young."""
         memory = self.world.daemon.memory
-        if not memory:
-            return 0, 0
-        return tuple(median_in(memory, self._age(pid)) for pid in (memory[0][1], memory[-1][1]))
+        first, last = memory[0][1], memory[-1][1]
+        age = min(60, self.end - self._born(last))
+        if age < 30 or last == first:
+            return None
+        both = tuple(median_in(memory, pid, self._born(pid) + age - 25, self._born(pid) + age)
+                     for pid in (first, last))
+        return both if all(both) else None
 
-    def _age(self, pid):
-        samples = [sample for sample in self.world.daemon.memory if sample[1] == pid]
-        born = samples[0][0]
-        return pid, born + 35, born + 60
+    def _born(self, pid):
+        return next(at for at, owner, _ in self.world.daemon.memory if owner == pid)
 
     def memory(self):
         figure = Figure('resident memory more than 10% above the first minute')
-        first, last = self.resident()
-        if self.facts['judges_memory']:
+        resident = self.resident()
+        if self.facts['judges_memory'] and resident:
             figure.judged = 1
-            if last > first * 1.1:
-                figure.take(False, f'{first} KiB, then {last} KiB')
+            if resident[1] > resident[0] * 1.1:
+                figure.take(False, f'{resident[0]} KiB, then {resident[1]} KiB')
         return figure
 
 
-def median_in(memory, wanted):
-    """The median of the resident KiB of (pid, from, to); 0 when nothing was seen."""
-    pid, begin, end = wanted
+def median_in(memory, pid, begin, end):
+    """The median of the life's resident KiB between the two moments; 0 when nothing was seen."""
     values = sorted(kib for at, owner, kib in memory if owner == pid and begin <= at <= end)
     return values[len(values) // 2] if values else 0
 
@@ -332,6 +351,21 @@ def failed_passes(runs):
     for ended in attempts.values():
         failed += ended[ATTEMPTS - 1::ATTEMPTS]
     return sorted(failed, key=lambda run: run.end)
+
+
+def overlapping(runs):
+    """(earlier, later) of each run that begins before a former one has ended; runs by begin. A run
+    without an end holds the place until its life's end."""
+    longest = None
+    for run in runs:
+        if longest is not None and (longest.end is None or longest.end > run.begin):
+            yield longest, run
+        if longest is None or ends_later(run, longest):
+            longest = run
+
+
+def ends_later(run, other):
+    return other.end is not None and (run.end is None or run.end > other.end)
 
 
 def match_copies(passes, folder):

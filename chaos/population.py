@@ -99,7 +99,7 @@ class Population:
         self._next_id += 1  # never used twice: an id stands for one task in all files
         return Task(id=self._next_id - 1, kind=kind, interval=interval,
                     retries=self._rng.randint(0, 1 if kind in SELDOM else 2),
-                    retry_interval=self._rng.randint(2, 4),
+                    retry_interval=self._rng.randint(3, 5),
                     anchor=int(now) + 3 + self._rng.randint(0, interval), born=now)
 
     def _insert(self, tasks, command=None):

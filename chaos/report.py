@@ -26,7 +26,7 @@ def print_faults(journal):
     for event in journal.all('fault'):
         times[event['name']].append(event.get('recovered'))
     reasons = {event['name']: event['reason'] for event in journal.all('not injected')}
-    print('\nRecovered: from the end of the fault, or of the life that it ended, to the next run.\n')
+    print("\nRecovered: from the fault's end, or the end of the life that it ended, to the next run.\n")
     print(f'{"fault":<46}{"injected":>9}{"median s":>10}{"worst s":>9}')
     for name in FAULTS:
         known = [seconds for seconds in times[name] if seconds is not None]
@@ -36,12 +36,13 @@ def print_faults(journal):
 
 
 def print_facts(world, facts):
-    first, last = facts['memory']
     print(f'\nruns {len(facts["runs"])}, tasks {len(world.population.tasks)}, '
           f'lives {len(world.journal.all("ready"))}, '
           f'purged {sum(1 for gone in facts["gone"] if gone[1] and gone[2])}')
-    print(f'resident memory at the age of a minute: {first} KiB in the first life, '
-          f'{last} KiB in the last')
+    if facts['memory']:
+        first, last = facts['memory']
+        print(f'resident memory at the same age: {first} KiB in the first life, {last} KiB in the '
+              f'last')
     for name, count in facts['after'].items():
         print(f'{name}: {facts["before"][name]} at the start, {count} at the end')
 
