@@ -37,7 +37,7 @@ TEST(DeleteListTest, TellsWhatItHolds) {
 
 TEST(DeleteListTest, ErasesTheFirstOfEqualIds) {
   DeleteList list;
-  for (const unsigned long long id : {3, 7, 3}) {
+  for (const unsigned long long id : {3ULL, 7ULL, 3ULL}) {
     list.push(id);
   }
   EXPECT_TRUE(list.erase(3));
