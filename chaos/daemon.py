@@ -92,7 +92,7 @@ class Daemon:
         return text[begin:begin + 600] if begin >= 0 else text[-300:]
 
     def _read_log(self):
-        """A life is ready when its threads start; the time of day in the log may be a false one."""
+        """A life is ready when its threads start; the times in the log may be false ones."""
         with open(self._log, encoding='utf-8', errors='replace') as lines:
             rest = ''
             while not self._over.wait(0.05):

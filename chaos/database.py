@@ -33,7 +33,7 @@ class Database:
                 '-v', 'ON_ERROR_STOP=1', *arguments]
 
     def query(self, sql, name='kodu'):
-        """The result's rows, each a list of texts. Through standard input: arguments show in ps."""
+        """The result's rows, each a list of texts. By standard input: arguments show in ps."""
         done = subprocess.run(self.psql_command('-d', name), input=sql, capture_output=True,
                               text=True, check=False, timeout=60)
         if done.returncode != 0:

@@ -7,6 +7,7 @@ Called by scripts/chaos, which provides the build, the cluster and the folder.
 import argparse
 import random
 import shlex
+import signal
 import sys
 import time
 from pathlib import Path
@@ -191,7 +192,13 @@ def read_rows(world):
         'history': world.database.query('SELECT cron_id, cron_logfile FROM kodu_cron_error')}
 
 
+def end_in_order(*_):
+    """SIGTERM ends the driver through its clean-up; nothing of the run may go on without it."""
+    sys.exit(143)
+
+
 def main():
+    signal.signal(signal.SIGTERM, end_in_order)
     parser = argparse.ArgumentParser()
     parser.add_argument('--home', type=Path, required=True)
     parser.add_argument('--seconds', type=int, required=True)

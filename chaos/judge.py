@@ -9,7 +9,7 @@ from bisect import bisect_right
 from collections import defaultdict
 from dataclasses import dataclass, field
 
-NOTICED = 5  # seconds until a notification is acted upon at the latest; the listener looks each 1 s
+NOTICED = 5  # seconds until a notification is acted upon at the latest; looked for each second
 PASS_END = 8  # seconds from a plugin's end to its history row, on a busy machine, at the most
 ATTEMPTS = 3
 PER_ATTEMPT = 'killed', 'silent'  # kinds of which one pass makes three attempts
@@ -219,7 +219,8 @@ class Judge:
                 figure.judged += 1
                 at, _ = self.facts['next'][task.id]
                 if (at - task.anchor) % task.interval:
-                    figure.take(False, f'task {task.id}: {at}, {task.anchor} + n * {task.interval}')
+                    figure.take(
+                        False, f'task {task.id}: {at}, {task.anchor} + n * {task.interval}')
         return figure
 
     def unfinished(self):
@@ -270,7 +271,8 @@ class Judge:
                 if run.begin > at + 2:  # what a worker had in hand already starts a little later
                     runs = [other for other in self.runs[task] if other.life == run.life]
                     figure.take(self._was_replaced(self.tasks[task], runs, run, run),
-                                f'task {task} at {self.time(run.begin)}, purged at {self.time(at)}')
+                                f'task {task} at {self.time(run.begin)}, purged at '
+                                f'{self.time(at)}')
         return figure
 
     # -- Resources -------------------------------------------------------------------------------
@@ -281,7 +283,8 @@ class Judge:
         for name in before:
             figure.judged += 1
             if after[name] > before[name]:
-                figure.take(False, f'{name}: {before[name]} at the start, {after[name]} at the end')
+                figure.take(
+                    False, f'{name}: {before[name]} at the start, {after[name]} at the end')
         for name, count in self.facts['left'].items():
             figure.judged += 1
             if count:

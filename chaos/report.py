@@ -26,7 +26,7 @@ def print_faults(journal):
     for event in journal.all('fault'):
         times[event['name']].append(event.get('recovered'))
     reasons = {event['name']: event['reason'] for event in journal.all('not injected')}
-    print("\nRecovered: from the fault's end, or the end of the life that it ended, to the next run.\n")
+    print("\nRecovered: from the fault's end, or that of the life it ended, to the next run.\n")
     print(f'{"fault":<46}{"injected":>9}{"median s":>10}{"worst s":>9}')
     for name in FAULTS:
         known = [seconds for seconds in times[name] if seconds is not None]
