@@ -133,8 +133,9 @@ TEST_F(TaskRoadTest, PrintsTheReturnCodeAndTheOutputOfEachRun) {
   daemon.writeConfig();
   const std::vector<int> codes = {0, 1, 2, 3, 4, 5, 6, 7, 255};
   for (const int code : codes) {
-    const std::string text = std::to_string(code);
-    database.insertTask(makeTask(code, "echo exits; echo " + text + "; exit " + text));
+    TaskRow row = makeTask(code, "echo exits; echo $1; exit $1");
+    row.parameter = std::to_string(code);
+    database.insertTask(row);
   }
   ASSERT_TRUE(daemon.startAndWait());
   ASSERT_TRUE(waitUntil(
@@ -208,7 +209,7 @@ TEST_F(TaskRoadTest, NamesTheCopyByTheLocalTime) {
   const char* end = strptime(name.c_str(), "out_1_%Y-%m-%d_%H-%M-%S", &time);
   ASSERT_NE(end, nullptr) << name;
   EXPECT_STREQ(end, ".txt");
-  const std::time_t copied = timegm(&time) - 9 * 3600;
+  const std::time_t copied = timegm(&time) - 9L * 3600;
   EXPECT_GE(copied, before);
   EXPECT_LE(copied, after);
 }
@@ -249,14 +250,14 @@ TEST_P(RetriesTest, FailsTheTaskOnceTheyAreSpent) {
   EXPECT_EQ(daemon.logged("DEBUG#TH EXEC: crontask exec SUCCESS task1"), retries + 1);
   for (int retry = 1; retry <= retries + 1; ++retry) {
     const long isMade = retry <= retries ? 1 : 0;
-    const std::string time = std::to_string(due + 2 * retry);
+    const std::string time = std::to_string(due + 2L * retry);
     EXPECT_EQ(daemon.logged("DEBUG#TH EXEC: TASK FAILED RETRIES: " + std::to_string(retry)),
               isMade);
     EXPECT_EQ(daemon.logged("DEBUG#TH EXEC: TASK FAILED RETRIES NEXT EXEC: " + time), isMade);
   }
   const auto starts = ledger(1);
   ASSERT_EQ(starts.size(), expected.size() - 1);
-  EXPECT_GT(starts.back(), due + 2 * retries);
+  EXPECT_GT(starts.back(), due + 2L * retries);
 }
 
 INSTANTIATE_TEST_SUITE_P(Retries, RetriesTest, testing::Values(0, 1, 2));
