@@ -8,6 +8,8 @@ import time
 from pathlib import Path
 
 WORKERS = 8
+TERMINATED = b'terminate called'
+LAST_WORDS = 600  # bytes that hold the whole of them
 RESTART = re.compile(r'RESTART: pid (\d+) (ended .*?); starting again')
 
 
@@ -19,6 +21,7 @@ class Daemon:
         self._log, self._journal = log, journal
         self._supervisor = None
         self._console = b''  # the end of what the daemon printed; guarded by _lock
+        self._words = b''  # what it printed from its terminate handler on; guarded by _lock
         self._pid = None  # guarded by _lock
         self._lock = threading.Lock()
         self._over = threading.Event()
@@ -70,7 +73,13 @@ class Daemon:
         """Keeps only the end: a task that prints a megabyte fills a disk within minutes."""
         while chunk := self._supervisor.stdout.read1(1 << 16):
             with self._lock:
-                self._console = (self._console + chunk)[-(1 << 16):]
+                if self._words:  # other threads may print a megabyte behind it
+                    self._words = (self._words + chunk)[:LAST_WORDS]
+                text = self._console + chunk
+                begin = text.find(TERMINATED)
+                if begin >= 0 and b'what()' not in self._words:
+                    self._words = text[begin:begin + LAST_WORDS]
+                self._console = text[-LAST_WORDS:]
 
     def _read_supervisor(self):
         for raw in self._supervisor.stderr:
@@ -87,9 +96,9 @@ class Daemon:
 
     def _last_words(self):
         with self._lock:
-            text, self._console = self._console.decode(errors='replace'), b''
-        begin = text.rfind('terminate called')
-        return text[begin:begin + 600] if begin >= 0 else text[-300:]
+            words = self._words or self._console
+            self._console = self._words = b''
+        return words.decode(errors='replace')
 
     def _read_log(self):
         """A life is ready when its threads start; the times in the log may be false ones."""

@@ -108,11 +108,16 @@ class Judge:
         if event['how'] == 'ended with exit status 1':
             return covers(self.windows('server', 'terminate', after=5), at)
         cause = next((cause for text, cause in CAUSES if re.search(text, event['words'])), None)
+        if 'what()' not in event['words']:
+            cause = 'unsaid'
         begin = self._birth(event['pid'])
         return {
             'row gone': lambda: self._ran_without_row(event, begin),
             'copy exists': lambda: self._has_twin(event),
             'directory': lambda: covers(self.windows('directory', after=10), at),
+            # Several threads ended it at once and took the word from one another.
+            'unsaid': lambda: covers(self.windows('server', 'terminate', 'directory', 'deadly',
+                                                  after=5), at),
             'deadly': lambda: covers(self.windows('deadly', after=10), at),
             'session': lambda: covers(self.windows('server', 'terminate', after=5), at),
         }.get(cause, lambda: False)()
@@ -387,5 +392,7 @@ def match_copies(passes, folder):
         if match:
             found[int(match[2]), float(match[3])] = path.name
         elif index := bisect_right(ends, path.stat().st_mtime):
-            found[passes[index - 1].identity] = path.name
+            # Other kinds have a first line; where it is missing, the daemon ended while it copied.
+            if passes[index - 1].kind in PER_ATTEMPT:
+                found[passes[index - 1].identity] = path.name
     return found

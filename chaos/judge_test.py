@@ -143,11 +143,26 @@ class JudgeTest(unittest.TestCase):
 
     def test_takes_an_end_by_the_cause_that_its_words_name_only(self):
         self.journal.add('end', time=1153.0, pid=LIFE, how='ended by SIGABRT',
-                         words='cannot copy: No space left on device')
+                         words='what(): cannot copy: No space left on device')
         self.journal.add('server', time=1152.0, until=1153.0)
         self.assertEqual([1], self.violations('restarts'))
         self.journal.add('directory', time=1152.0, until=1155.0)
         self.assertEqual([0], self.violations('restarts'))
+
+    def test_takes_an_end_without_words_by_a_deadly_fault_of_that_moment_only(self):
+        self.journal.add('end', time=1153.0, pid=LIFE, how='ended by SIGABRT',
+                         words='terminate called recursively')
+        self.journal.add('step', time=1152.0, seconds=3)
+        self.assertEqual([1], self.violations('restarts'))
+        self.journal.add('terminate', time=1152.0)
+        self.assertEqual([0], self.violations('restarts'))
+
+    def test_ignores_a_copy_that_was_cut_off_at_its_begin(self):
+        self.runs.append(self.run_at(1152, code=2))
+        self.copy_of(self.runs[-1])
+        self.copy_of(self.run_at(1160, kind='silent'), '1_b.txt')
+        self.facts['history'] = [['1', '1_a.txt']]
+        self.assertEqual([0, 0], self.violations('archives'))
 
     def test_sees_a_run_after_the_purge(self):
         self.facts['gone'] = [(1, True, True, 1200.0)]
