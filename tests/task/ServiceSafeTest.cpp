@@ -155,8 +155,8 @@ TEST(ServiceSafeTest, TakesATextIdAsTextAndNumber) {
 }
 
 TEST(ServiceSafeTest, LeavesTheRecordLockedAfterABadId) {
-  // Never freed: a mutex that is locked must not be destroyed.
-  const auto& record = *new auto(std::make_shared<serviceSafe>());
+  // Never freed: a mutex that is locked must not be destroyed, and the waiting thread stays.
+  static const auto& record = *new auto(std::make_shared<serviceSafe>());
   try {
     record->SetService_id(std::string("abc"));
     FAIL() << "nothing was thrown";
@@ -168,7 +168,7 @@ TEST(ServiceSafeTest, LeavesTheRecordLockedAfterABadId) {
 }
 
 TEST(ServiceSafeTest, LeavesTheRecordLockedAfterAnIdOutOfRange) {
-  const auto& record = *new auto(std::make_shared<serviceSafe>());
+  static const auto& record = *new auto(std::make_shared<serviceSafe>());
   try {
     record->SetService_id(std::string("18446744073709551616"));
     FAIL() << "nothing was thrown";
