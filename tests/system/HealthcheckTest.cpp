@@ -1,0 +1,141 @@
+// scripts/healthcheck against a running daemon that is broken in the ways it must see.
+
+#include <sys/wait.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/Daemon.h"
+#include "tests/support/Database.h"
+#include "tests/support/waitUntil.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+struct Health {
+  int status = -1;
+  std::string line;
+};
+
+class HealthcheckTest : public testing::Test {
+ protected:
+  Health check(const std::string& options = "") const {
+    const std::string command = std::string(std::getenv("KODU_TEST_SOURCE")) +
+                                "/scripts/healthcheck -f " + daemon.mainConfig() + " " + options +
+                                " 2>&1";
+    Health health;
+    FILE* output = popen(command.c_str(), "r");
+    std::array<char, 4096> buffer{};
+    while (std::fgets(buffer.data(), buffer.size(), output) != nullptr) {
+      health.line += buffer.data();
+    }
+    const int status = pclose(output);
+    health.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return health;
+  }
+
+  void insert(int id, const std::string& path, const std::string& parameter,
+              const std::string& nextExec) const {
+    TaskRow row;
+    row.id = id;
+    row.path = path;
+    row.parameter = parameter;
+    row.nextExec = nextExec;
+    database.insertTask(row);
+  }
+
+  Database database;
+  Daemon daemon{database};
+};
+
+TEST_F(HealthcheckTest, IsContentWithADaemonThatDoesItsWork) {
+  insert(1, "/bin/echo", "x", "now() + interval '1 hour'");
+  ASSERT_TRUE(daemon.startAndWait());
+
+  const Health health = check();
+
+  EXPECT_EQ(health.status, 0) << health.line;
+  EXPECT_EQ(health.line,
+            "KODUCRON OK - 1 tasks, none overdue | tasks=1 overdue=0 oldest_overdue=0s;10;60;0 "
+            "in_process_too_long=0 longest_in_process=0s;600;;0 failures_last_hour=0;;;0 "
+            "sessions=1\n");
+}
+
+TEST_F(HealthcheckTest, SeesADaemonThatWasStopped) {
+  ASSERT_TRUE(daemon.startAndWait());
+  daemon.signal(SIGKILL);
+  ASSERT_TRUE(daemon.waitForEnd().has_value());
+
+  Health health;
+  EXPECT_TRUE(waitUntil([&] { return (health = check()).status == 2; })) << health.line;
+  EXPECT_THAT(health.line, StartsWith("KODUCRON CRITICAL - 0 tasks, no session of the daemon |"));
+}
+
+TEST_F(HealthcheckTest, SeesWorkersThatHang) {
+  for (const int id : {1, 2, 3}) {
+    insert(id, "/bin/sleep", "600", "now()");
+  }
+  ASSERT_TRUE(daemon.startAndWait());
+
+  Health health;
+  EXPECT_TRUE(waitUntil([&] { return (health = check("-w 2 -p 2")).status == 1; })) << health.line;
+  EXPECT_THAT(health.line, HasSubstr("2 in PROCESS for more than 2 s"));
+  EXPECT_TRUE(waitUntil([&] { return (health = check("-w 1 -c 2 -p 2")).status == 2; }))
+      << health.line;
+  EXPECT_THAT(health.line, HasSubstr("1 overdue"));
+}
+
+TEST_F(HealthcheckTest, SeesATableThatIsLocked) {
+  ASSERT_TRUE(daemon.startAndWait());
+  database.query("BEGIN");
+  database.query("LOCK TABLE kodu_cron_plugin IN ACCESS EXCLUSIVE MODE");
+
+  const Health health = check("-t 1");
+
+  EXPECT_EQ(health.status, 2);
+  EXPECT_THAT(health.line,
+              StartsWith("KODUCRON CRITICAL - the database does not answer within 1 s: "
+                         "ERROR:  canceling statement due to statement timeout"));
+}
+
+TEST_F(HealthcheckTest, SeesADatabaseThatRefuses) {
+  const std::string config = readFile(daemon.databaseConfig());
+  writeFile(daemon.databaseConfig(), config.substr(0, config.find("PGSQL_pwd=")) + "PGSQL_pwd=x\n");
+
+  const Health health = check();
+
+  EXPECT_EQ(health.status, 2);
+  EXPECT_THAT(health.line, HasSubstr("password authentication failed"));
+}
+
+TEST_F(HealthcheckTest, CountsFailures) {
+  insert(1, "/bin/echo", "x", "now() + interval '1 hour'");
+  database.query(
+      "INSERT INTO kodu_cron_error(cron_id, cron_logfile, cron_date) VALUES "
+      "(1, 'a', now()), (1, 'b', now()), (1, 'c', now() - interval '2 hours')");
+  ASSERT_TRUE(daemon.startAndWait());
+
+  EXPECT_EQ(check("-e 2").status, 0);
+  const Health health = check("-e 1");
+
+  EXPECT_EQ(health.status, 1);
+  EXPECT_THAT(health.line, HasSubstr("2 failed runs within the last hour"));
+}
+
+TEST_F(HealthcheckTest, DoesNotKnowWithoutItsConfiguration) {
+  EXPECT_EQ(check("-x").status, 3);
+  EXPECT_EQ(check("-w ten").status, 3);
+  const Health health = check("-f /nowhere");
+
+  EXPECT_EQ(health.status, 3);
+  EXPECT_THAT(health.line, StartsWith("KODUCRON UNKNOWN - cannot read /nowhere"));
+}
+
+}  // namespace
