@@ -15,7 +15,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 class LoaderTest : public DatabaseGlobalsTest {
  protected:

@@ -45,7 +45,8 @@ TEST_F(LogFileTest, DropsLinesBelowTheThreshold) {
 
 TEST_F(LogFileTest, HasThresholdOneUnlessTold) {
   logFile log(path);
-  logFile same(path.c_str());
+  const char* const text = path.c_str();
+  logFile same(text);
 
   log.write(0, "debug");
   log.write(1, "info");

@@ -1,4 +1,3 @@
-#include <cstdlib>
 #include <stdexcept>
 
 #include <gmock/gmock.h>
@@ -20,9 +19,7 @@ class SchemaTest : public testing::Test {
  protected:
   /// Loads the shipped file into the test's own database: a copy of the template has the tables,
   /// but not what the file says about the database itself.
-  void loadSchema() const {
-    database.query(readFile(std::string(std::getenv("KODU_TEST_SOURCE")) + "/sql/schema.sql"));
-  }
+  void loadSchema() const { database.query(readFile(projectFile("sql/schema.sql"))); }
 
   Rows columns(const std::string& table) const {
     return database.query(
@@ -222,9 +219,7 @@ TEST_F(SchemaTest, LetsTheDaemonsUpdatesStayBesideTheirRows) {
 
 class RepairTest : public SchemaTest {
  protected:
-  void repair() const {
-    database.query(readFile(std::string(std::getenv("KODU_TEST_SOURCE")) + "/sql/repair.sql"));
-  }
+  void repair() const { database.query(readFile(projectFile("sql/repair.sql"))); }
 };
 
 TEST_F(RepairTest, EndsTheRunsOfALifeThatEnded) {
@@ -261,8 +256,7 @@ TEST_F(RepairTest, MayBeRunByTheDaemonsRole) {
   database.query("UPDATE kodu_cron_plugin SET cron_status = 'PROCESS'");
   pgSafeThread tool(database.conninfo() + " application_name=kodu_repair");
 
-  PQclear(tool.executeRequest(
-      readFile(std::string(std::getenv("KODU_TEST_SOURCE")) + "/sql/repair.sql")));
+  PQclear(tool.executeRequest(readFile(projectFile("sql/repair.sql"))));
 
   EXPECT_EQ(database.task(1, "cron_status"), "FAILED");
 }

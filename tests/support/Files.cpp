@@ -59,6 +59,14 @@ std::string writePlugin(const std::string& path, const std::string& body) {
   return path;
 }
 
+std::string projectFile(const std::string& name) {
+  const char* root = std::getenv("KODU_TEST_SOURCE");
+  if (root == nullptr) {
+    throw std::runtime_error("KODU_TEST_SOURCE is not set: run the tests by scripts/test");
+  }
+  return std::string(root) + "/" + name;
+}
+
 std::vector<std::string> filesIn(const std::string& directory) {
   std::vector<std::string> names;
   std::error_code ignored;

@@ -37,5 +37,8 @@ void writeFile(const std::string& path, const std::string& content);
 /// no environment: commands in `body` need their full paths, or `PATH=/usr/bin:/bin`.
 std::string writePlugin(const std::string& path, const std::string& body);
 
+/// The path of a file of the project, by its path from the root.
+std::string projectFile(const std::string& name);
+
 /// The files of a directory, by name, sorted; none when there is no such directory.
 std::vector<std::string> filesIn(const std::string& directory);

@@ -5,7 +5,6 @@
 #include <array>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -27,9 +26,8 @@ struct Health {
 class HealthcheckTest : public testing::Test {
  protected:
   Health check(const std::string& options = "") const {
-    const std::string command = std::string(std::getenv("KODU_TEST_SOURCE")) +
-                                "/scripts/healthcheck -f " + daemon.mainConfig() + " " + options +
-                                " 2>&1";
+    const std::string command =
+        projectFile("scripts/healthcheck") + " -f " + daemon.mainConfig() + " " + options + " 2>&1";
     Health health;
     FILE* output = popen(command.c_str(), "r");
     std::array<char, 4096> buffer{};
