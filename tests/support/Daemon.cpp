@@ -14,10 +14,10 @@
 
 namespace {
 
-std::string daemonPath() {
-  const char* path = std::getenv("KODU_TEST_DAEMON");
+std::string pathIn(const std::string& variable) {
+  const char* path = std::getenv(variable.c_str());
   if (path == nullptr) {
-    throw std::runtime_error("KODU_TEST_DAEMON is not set: run the tests by scripts/test");
+    throw std::runtime_error(variable + " is not set: run the tests by scripts/test");
   }
   return path;
 }
@@ -52,7 +52,7 @@ void Daemon::start(const std::vector<std::string>& options) {
 }
 
 void Daemon::startWith(const std::vector<std::string>& arguments) {
-  const std::string path = daemonPath();
+  const std::string path = pathIn(programVariable);
   std::vector<char*> pointers = {const_cast<char*>(path.c_str())};
   for (const std::string& argument : arguments) {
     pointers.push_back(const_cast<char*>(argument.c_str()));

@@ -24,6 +24,8 @@ class Daemon {
   // What the INI files say; change it before start().
 
   std::string threadNumber = "2";
+  /// The environment variable that holds the program's path.
+  std::string programVariable = "KODU_TEST_DAEMON";
   std::string mainConfig() const { return directory / "cron.conf"; }
   std::string databaseConfig() const { return directory / "database.conf"; }
   std::string logPath() const { return directory / "cron.log"; }

@@ -253,9 +253,7 @@ class ServerCrashTest : public testing::Test {
 
   /// Runs a script of the project for the cluster.
   int run(const std::string& script, const std::string& options = "") const {
-    return std::system((std::string(std::getenv("KODU_TEST_SOURCE")) + "/" + script + " " +
-                        cluster + " " + options)
-                           .c_str());
+    return std::system((projectFile(script) + " " + cluster + " " + options).c_str());
   }
 
   TempDir directory;

@@ -23,7 +23,7 @@ int rounds() {
 class StopStormTest : public testing::Test {
  protected:
   void SetUp() override {
-    setenv("KODU_TEST_DAEMON", std::getenv("KODU_TEST_SHORT_PURGE_DAEMON"), 1);
+    daemon.programVariable = std::string("KODU_TEST_SHORT_PURGE_DAEMON");
     daemon.threadNumber = std::string("8");  // a plain literal makes g++ 12 warn, wrongly
     daemon.writeConfig();
   }
