@@ -111,7 +111,11 @@ class Daemon:
                         self._journal.add('ready', pid=self.pid())
 
     def _sample(self):
+        looked = time.time()
         while not self._over.wait(0.5):
+            if time.time() > looked + 1.5:  # the machine had no time for anybody
+                self._journal.add('stall', time=looked, until=time.time())
+            looked = time.time()
             pid = self.pid()
             resident = resident_memory(pid) if pid else None
             if resident:

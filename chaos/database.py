@@ -29,13 +29,13 @@ class Database:
 
     def psql_command(self, *arguments):
         """psql's command line; for `supervise --before` too."""
-        return [self._script, 'psql', self._folder, '-X', '-q', '-A', '-t', '-F', SEPARATOR,
-                '-v', 'ON_ERROR_STOP=1', *arguments]
+        return [self._script, 'psql', self._folder, '-X', '-q', '-v', 'ON_ERROR_STOP=1',
+                *arguments]
 
     def query(self, sql, name='kodu'):
         """The result's rows, each a list of texts. By standard input: arguments show in ps."""
-        done = subprocess.run(self.psql_command('-d', name), input=sql, capture_output=True,
-                              text=True, check=False, timeout=60)
+        done = subprocess.run(self.psql_command('-A', '-t', '-F', SEPARATOR, '-d', name),
+                              input=sql, capture_output=True, text=True, check=False, timeout=60)
         if done.returncode != 0:
             raise RuntimeError(f'psql: {done.stderr.strip()}')
         return [line.split(SEPARATOR) for line in done.stdout.splitlines() if line]

@@ -9,7 +9,9 @@ from bisect import bisect_right
 from collections import defaultdict
 from dataclasses import dataclass, field
 
-NOTICED = 5  # seconds until a notification is acted upon at the latest; looked for each second
+NOTICED = 5  # seconds until a notification is acted upon, at the latest, on a busy machine
+TAKEN_UP = 2.5  # the same on a quiet one: the listener looks each second
+IN_HAND = 0.5  # what a worker had taken before the purge may start as much later
 PASS_END = 8  # seconds from a plugin's end to its history row, on a busy machine, at the most
 ATTEMPTS = 3
 PER_ATTEMPT = 'killed', 'silent'  # kinds of which one pass makes three attempts
@@ -21,7 +23,8 @@ CAUSES = [
     (r'File exists', 'copy exists'),
     (r'No space left|Read-only file system|supplies \d+ parameters', 'directory'),
     (r'convertible|Json::|JsonCpp|requires objectValue|type to be', 'deadly'),
-    (r'server closed|terminating connection|connection|starting up|shutting down|SSL', 'session'),
+    # The server's own words are empty where the listener was the first to see the session's end.
+    (r'prepareRequest failed: +\n|server closed|terminating connection|connection', 'session'),
 ]
 
 
@@ -113,7 +116,7 @@ class Judge:
         begin = self._birth(event['pid'])
         return {
             'row gone': lambda: self._ran_without_row(event, begin),
-            'copy exists': lambda: self._has_twin(event),
+            'copy exists': lambda: self._may_fail_twice(event),
             'directory': lambda: covers(self.windows('directory', after=10), at),
             # Several threads ended it at once and took the word from one another.
             'unsaid': lambda: covers(self.windows('server', 'terminate', 'directory', 'deadly',
@@ -134,18 +137,24 @@ class Judge:
         return max((ready['time'] for ready in self.readies if ready['pid'] == pid),
                    default=self.begun)
 
-    def _has_twin(self, event):
-        """Two failures of the task within one second have one name: the ledger shows both, or the
-        daemon's clock was set back, so that a second came twice."""
+    def _may_fail_twice(self, event):
+        """Two failures of a task within one second have one name. That takes two definitions of
+        it, a second that comes twice, or a backlog that makes its retry due as soon as it fails."""
         match = re.search(r'archive/(\d+)/', event['words'])
-        if not match:
+        task = self.tasks.get(int(match[1])) if match else None
+        if task is None:
             return False
-        back = [step for step in self.world.journal.all('step') if step['seconds'] < 0]
-        ends = [run.end for run in self.passes.get(int(match[1]), [])
-                if event['time'] - PASS_END <= run.end <= event['time']]
-        near = any(later - earlier <= 1.2 for earlier, later in zip(ends, ends[1:]))
-        return near or covers([(step['time'], step['time'] - step['seconds'] + PASS_END)
-                               for step in back], event['time'])
+        backlogs = self.windows('stopped', 'step', 'stall', after=15)
+        return covers(backlogs, event['time']) or self._has_twin(task, event['pid'], event['time'])
+
+    def _has_twin(self, task, life, at):
+        """At that time the life still holds a definition of the task that was replaced: an ADD
+        leaves it, and an UPDATE that came between a run's taking and its start."""
+        birth = self._birth(life) - NOTICED
+        begins = [run.begin for run in self.runs[task.id] if run.life == life]
+        return (any(birth <= sent <= at for sent in task.additions) or
+                any(birth <= sent <= at and sent <= begin <= sent + TAKEN_UP
+                    for sent in task.updates for begin in begins))
 
     # -- Runs ------------------------------------------------------------------------------------
 
@@ -201,21 +210,17 @@ class Judge:
             for runs in lives.values():
                 figure.judged += len(runs)
                 for earlier, later in overlapping(runs):
-                    figure.take(self._was_replaced(task, runs, earlier, later),
+                    figure.take(self._was_replaced(task, earlier, later),
                                 f'task {task.id} ({task.kind}) at {self.time(later.begin)}, '
                                 f'life {later.life}')
         return figure
 
-    def _was_replaced(self, task, runs, earlier, later):
-        """An ADD of a loaded task leaves the old definition queued; an UPDATE leaves it running,
-        and queued as well when it came between a run's taking and its start."""
-        birth = runs[0].begin
-        if any(birth - NOTICED <= sent <= later.begin for sent in task.additions):
-            return True
-        return any(sent <= later.begin and
-                   (earlier.begin <= sent + NOTICED and sent >= birth - NOTICED or
-                    any(sent - 1 <= run.begin <= sent + NOTICED for run in runs))
-                   for sent in task.updates)
+    def _was_replaced(self, task, earlier, later):
+        """The definition was replaced while the earlier run was under way, or there are two."""
+        birth = self._birth(later.life) - NOTICED
+        known = [sent for sent in task.updates if birth <= sent <= later.begin]
+        return (any(earlier.begin <= sent + NOTICED for sent in known) or
+                self._has_twin(task, later.life, later.begin))
 
     def next_times(self):
         figure = Figure('next times off their first value plus whole intervals')
@@ -273,9 +278,8 @@ class Judge:
         for task, at in self.purged.items():
             figure.judged += 1
             for run in self.runs[task]:
-                if run.begin > at + 2:  # what a worker had in hand already starts a little later
-                    runs = [other for other in self.runs[task] if other.life == run.life]
-                    figure.take(self._was_replaced(self.tasks[task], runs, run, run),
+                if run.begin > at + IN_HAND:
+                    figure.take(self._has_twin(self.tasks[task], run.life, run.begin),
                                 f'task {task} at {self.time(run.begin)}, purged at '
                                 f'{self.time(at)}')
         return figure

@@ -164,9 +164,23 @@ class JudgeTest(unittest.TestCase):
         self.facts['history'] = [['1', '1_a.txt']]
         self.assertEqual([0, 0], self.violations('archives'))
 
+    def test_excuses_two_failures_in_one_second_by_a_second_definition_only(self):
+        self.journal.add('end', time=1153.0, pid=LIFE, how='ended by SIGABRT',
+                         words='what(): cannot copy: File exists [/o/archive/1/1_a.txt]')
+        self.task.updates = [1051.0]
+        self.assertEqual([1], self.violations('restarts'))
+        self.task.additions = [1053.0]
+        self.assertEqual([0], self.violations('restarts'))
+
+    def test_excuses_two_failures_in_one_second_by_a_backlog(self):
+        self.journal.add('end', time=1153.0, pid=LIFE, how='ended by SIGABRT',
+                         words='what(): cannot copy: File exists [/o/archive/1/1_a.txt]')
+        self.journal.add('stopped', time=1142.0, until=1147.0)
+        self.assertEqual([0], self.violations('restarts'))
+
     def test_sees_a_run_after_the_purge(self):
         self.facts['gone'] = [(1, True, True, 1200.0)]
-        self.runs = [self.run_at(1199), self.run_at(1201), self.run_at(1205)]
+        self.runs = [self.run_at(1199), self.run_at(1200.4), self.run_at(1205)]
         self.assertEqual([1], self.violations('after_purge'))
 
     def test_sees_a_leak(self):
