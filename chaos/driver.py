@@ -15,6 +15,7 @@ from pathlib import Path
 import daemon as daemons
 import faults
 import ledger
+from case import Case
 from database import SCHEMA, Database
 from journal import Journal
 from judge import Judge
@@ -102,7 +103,7 @@ def prepare(world):
     write_configuration(world, password)
     if world.clock:
         faults.set_clock(world.clock, 0)
-    world.population.create_all(time.time())
+    world.population.create_all()
 
 
 def write_configuration(world, password):
@@ -211,7 +212,7 @@ def main():
     finally:
         world.daemon.stop()
     facts['runs'] = ledger.read(world.ledger)
-    judge = Judge(world, facts)
+    judge = Judge(Case(world, facts))
     facts['memory'] = judge.resident()
     return 0 if print_report(world, facts, judge.figures()) else 1
 

@@ -7,6 +7,8 @@ import subprocess
 import time
 from pathlib import Path
 
+from population import SIZE
+
 FLOOD = 5000
 HOLD_SECONDS = 3
 
@@ -79,8 +81,8 @@ def notify_deadly(world):
 
 def add_tasks(world):
     """As many as are missing; now and then also an ADD of a task that is loaded already."""
-    missing = 300 - len(world.population.present())
-    tasks = world.population.add(max(missing, 1), time.time())
+    missing = SIZE - len(world.population.present())
+    tasks = world.population.add(max(missing, 1))
     world.journal.add('added', ids=[task.id for task in tasks])
     if world.rng.random() < 0.3:
         task = world.rng.choice(world.population.present())
@@ -94,14 +96,14 @@ def add_tasks(world):
 def update_tasks(world):
     tasks = world.rng.sample(world.population.present(), 5)
     world.journal.add('updated', ids=[task.id for task in tasks])
-    world.population.update(tasks, time.time)
+    world.population.update(tasks)
     return time.time()
 
 
 def flag_tasks(world):
     tasks = world.rng.sample(world.population.present(), 3)
     world.journal.add('flagged', ids=[task.id for task in tasks])
-    world.population.flag(tasks, time.time())
+    world.population.flag(tasks)
     return time.time()
 
 
@@ -110,7 +112,7 @@ def delete_row(world):
     task = world.rng.choice([task for task in world.population.present('ok')
                              if task.interval <= 6])
     world.journal.add('row deleted', ids=[task.id])
-    return world.await_end(lambda: world.population.delete_row(task, time.time()))
+    return world.await_end(lambda: world.population.delete_row(task))
 
 
 def fill_output(world):

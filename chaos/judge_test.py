@@ -6,8 +6,10 @@ import unittest
 from pathlib import Path
 from types import SimpleNamespace
 
+from case import Case
+from evidence import longest_stretch
 from journal import Journal
-from judge import Judge, longest_stretch
+from judge import Judge
 from ledger import Run
 from population import Task
 
@@ -42,7 +44,7 @@ class JudgeTest(unittest.TestCase):
             journal=self.journal, population=SimpleNamespace(tasks={1: self.task}),
             output=self.home, daemon=SimpleNamespace(memory=self.memory))
         runs = sorted(self.runs, key=lambda run: run.begin)
-        return Judge(world, {**self.facts, 'runs': runs})
+        return Judge(Case(world, {**self.facts, 'runs': runs}))
 
     def violations(self, question):
         figures = getattr(self.judge(), question)()
@@ -143,7 +145,7 @@ class JudgeTest(unittest.TestCase):
 
     def test_takes_an_end_by_the_cause_that_its_words_name_only(self):
         self.journal.add('end', time=1153.0, pid=LIFE, how='ended by SIGABRT',
-                         words='what(): cannot copy: No space left on device')
+                         words='terminate called: what(): cannot copy: No space left on device')
         self.journal.add('server', time=1152.0, until=1153.0)
         self.assertEqual([1], self.violations('restarts'))
         self.journal.add('directory', time=1152.0, until=1155.0)
@@ -157,6 +159,12 @@ class JudgeTest(unittest.TestCase):
         self.journal.add('terminate', time=1152.0)
         self.assertEqual([0], self.violations('restarts'))
 
+    def test_never_excuses_a_corrupted_heap(self):
+        self.journal.add('terminate', time=1152.0)
+        self.journal.add('end', time=1153.0, pid=LIFE, how='ended by SIGABRT',
+                         words='double free or corruption (fasttop)')
+        self.assertEqual([1], self.violations('restarts'))
+
     def test_ignores_a_copy_that_was_cut_off_at_its_begin(self):
         self.runs.append(self.run_at(1152, code=2))
         self.copy_of(self.runs[-1])
@@ -166,7 +174,7 @@ class JudgeTest(unittest.TestCase):
 
     def test_excuses_two_failures_in_one_second_by_a_second_definition_only(self):
         self.journal.add('end', time=1153.0, pid=LIFE, how='ended by SIGABRT',
-                         words='what(): cannot copy: File exists [/o/archive/1/1_a.txt]')
+                         words='terminate called what() File exists [/o/archive/1/1_a.txt]')
         self.task.updates = [1051.0]
         self.assertEqual([1], self.violations('restarts'))
         self.task.additions = [1053.0]
@@ -174,7 +182,7 @@ class JudgeTest(unittest.TestCase):
 
     def test_excuses_two_failures_in_one_second_by_a_backlog(self):
         self.journal.add('end', time=1153.0, pid=LIFE, how='ended by SIGABRT',
-                         words='what(): cannot copy: File exists [/o/archive/1/1_a.txt]')
+                         words='terminate called what() File exists [/o/archive/1/1_a.txt]')
         self.journal.add('stopped', time=1142.0, until=1147.0)
         self.assertEqual([0], self.violations('restarts'))
 

@@ -1,5 +1,6 @@
 """The tasks of a chaos run: what each does, what was changed about it, when it had to run."""
 
+import time
 from dataclasses import dataclass, field
 from typing import Optional
 
@@ -49,23 +50,23 @@ class Population:
         return [task for task in self.tasks.values()
                 if task.gone is None and (not kinds or task.kind in kinds)]
 
-    def create_all(self, now):
+    def create_all(self):
         """The first 300."""
         self._database.query(
             f"INSERT INTO kodu_plugins (plugin_id, plugin_name, plugin_path) "
             f"VALUES (1, 'chaos', '{self._plugin}')")
         kinds = [kind for kind, share in SHARES.items() for _ in range(share)]
         kinds += ['ok'] * (SIZE - len(kinds))
-        self._insert([self._make(kind, now) for kind in kinds])
+        self._insert([self._make(kind) for kind in kinds])
 
-    def add(self, count, now):
+    def add(self, count):
         """New tasks of any kind, with the notification that loads them."""
         kinds = list(SHARES) + ['ok'] * 8
-        tasks = [self._make(self._rng.choice(kinds), now) for _ in range(count)]
+        tasks = [self._make(self._rng.choice(kinds)) for _ in range(count)]
         self._insert(tasks, 'ADD')
         return tasks
 
-    def update(self, tasks, now):
+    def update(self, tasks):
         """Gives each task another interval, with the notification that reloads it."""
         for task in tasks:
             task.longest_interval = max(task.longest_interval, task.interval)
@@ -76,25 +77,26 @@ class Population:
                 f"RETURNING cron_id, extract(epoch FROM cron_next_exec)::bigint AS next) "
                 f"SELECT next, {notify_call('UPDATE')} FROM changed")
             task.anchor = int(rows[0][0])
-            task.updates.append(now())
+            task.updates.append(time.time())
 
-    def flag(self, tasks, now):
+    def flag(self, tasks):
         """Marks the tasks for the purge."""
         ids = ','.join(str(task.id) for task in tasks)
         for task in tasks:
-            task.gone = now
+            task.gone = time.time()
         self._database.query(
             f"UPDATE kodu_cron_plugin SET cron_delete = TRUE WHERE cron_id IN ({ids})")
 
-    def delete_row(self, task, now):
+    def delete_row(self, task):
         """Takes the row away under the daemon, whose next completed run of it must end it."""
-        task.gone = now
+        task.gone = time.time()
         self._database.query(f'DELETE FROM kodu_cron_plugin WHERE cron_id = {task.id}')
 
     def _interval(self, kind):
         return self._rng.randint(14, 20) if kind in SELDOM else self._rng.randint(1, 20)
 
-    def _make(self, kind, now):
+    def _make(self, kind):
+        now = time.time()
         interval = self._interval(kind)
         self._next_id += 1  # never used twice: an id stands for one task in all files
         return Task(id=self._next_id - 1, kind=kind, interval=interval,
