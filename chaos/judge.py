@@ -97,12 +97,13 @@ class Judge:
     def next_times(self):
         figure = Figure('next times off their first value plus whole intervals')
         for task in self.case.tasks.values():
-            if task.id in self.case.facts['next']:
-                figure.judged += 1
-                at, _ = self.case.facts['next'][task.id]
-                if (at - task.anchor) % task.interval:
-                    figure.take(
-                        False, f'task {task.id}: {at}, {task.anchor} + n * {task.interval}')
+            figure.judged += 1
+            off = list(task.off_grid)
+            at, _ = self.case.facts['next'].get(task.id, (task.anchor, None))
+            if (at - task.anchor) % task.interval:
+                off.append((at, task.anchor, task.interval))
+            for found, anchor, interval in off:
+                figure.take(False, f'task {task.id}: {found}, not {anchor} + n * {interval}')
         return figure
 
     def unfinished(self):

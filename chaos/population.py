@@ -25,6 +25,7 @@ class Task:
     anchor: int  # a cron_next_exec from which it moves by whole intervals; epoch
     born: float
     longest_interval: int = 0
+    off_grid: list = field(default_factory=list)  # (found, anchor, interval) seen at an UPDATE
     gone: Optional[float] = None  # when it was flagged or its row deleted: owes no run since
     updates: list = field(default_factory=list)  # when UPDATE was sent
     additions: list = field(default_factory=list)  # when ADD was sent although it was loaded
@@ -69,15 +70,19 @@ class Population:
     def update(self, tasks):
         """Gives each task another interval, with the notification that reloads it."""
         for task in tasks:
-            task.longest_interval = max(task.longest_interval, task.interval)
+            former = task.interval
+            task.longest_interval = max(task.longest_interval, former)
             task.interval = self._interval(task.kind)
+            task.updates.append(time.time())
             rows = self._database.query(
                 f"WITH changed AS (UPDATE kodu_cron_plugin "
                 f"SET cron_interval = '{task.interval} s' WHERE cron_id = {task.id} "
                 f"RETURNING cron_id, extract(epoch FROM cron_next_exec)::bigint AS next) "
                 f"SELECT next, {notify_call('UPDATE')} FROM changed")
-            task.anchor = int(rows[0][0])
-            task.updates.append(time.time())
+            now_next = int(rows[0][0])
+            if (now_next - task.anchor) % former:
+                task.off_grid.append((now_next, task.anchor, former))
+            task.anchor = now_next
 
     def flag(self, tasks):
         """Marks the tasks for the purge."""
