@@ -1,7 +1,9 @@
 #include "admin/loader.h"
 
 #include <ctime>
+#include <filesystem>
 #include <mutex>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,6 +13,8 @@
 #include "task/CronTaskQueue.h"
 #include "task/serviceCron.h"
 #include "tests/support/Globals.h"
+#include "tests/support/waitInShell.h"
+#include "tests/support/waitUntil.h"
 
 namespace {
 
@@ -250,6 +254,65 @@ TEST_F(LoaderTest, UpdatesATaskInPlaceWhoseTimingDidNotChange) {
   EXPECT_EQ(serviceQueue->size(), 1U);
 }
 
+TEST_F(LoaderTest, KeepsTheResultButNotTheRetriesOfATaskThatIsUpdatedInPlace) {
+  insert(5);
+  load_cron_task("ADD", nullptr);
+  const auto task = loaded(5);
+  task->Setinterval_exec_time(kDue);
+  task->SetStdout("last output");
+  task->SetReturnCode(2);
+  task->SetRetrie(1);
+
+  load("UPDATE", {5});
+
+  ASSERT_EQ(loaded(5), task);
+  EXPECT_EQ(task->GetStdout(), "last output");
+  EXPECT_EQ(task->GetReturnCode(), 2);
+  EXPECT_EQ(task->GetRetrie(), 0);
+}
+
+TEST_F(LoaderTest, UpdatesTheListedTasksOnly) {
+  insert(5);
+  insert(6);
+  load_cron_task("ADD", nullptr);
+  const auto listed = loaded(5);
+  const auto other = loaded(6);
+
+  load("UPDATE", {5});
+
+  EXPECT_NE(loaded(5), listed);
+  EXPECT_EQ(loaded(6), other);
+  EXPECT_EQ(other->GetExecState(), 0);
+}
+
+TEST_F(LoaderTest, HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces) {
+  insert(5);
+  load_cron_task("ADD", nullptr);
+  const auto old = loaded(5);
+  old->Setpath(writePlugin(directory / "plugin", "echo begun >" + (directory / "begun") + "\n" +
+                                                     waitInShell(directory / "released") +
+                                                     "\necho fine"));
+  std::thread worker([&old] { old->execute(); });
+  EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(directory / "begun"); }));
+
+  std::thread loader([] { load("UPDATE", {5}); });
+  EXPECT_TRUE(waitUntil([&] { return logged("DEBUG#ADD cron task: 1893456000") == 2; }));
+  EXPECT_TRUE(waitUntil([] {
+    const bool isFree = mutexTaskMap.try_lock();
+    if (isFree) {
+      mutexTaskMap.unlock();
+    }
+    return !isFree;
+  }));
+  EXPECT_EQ(serviceQueue->size(), 1U);
+  writeFile(directory / "released", "");
+  worker.join();
+  loader.join();
+
+  EXPECT_EQ(loaded(5)->GetStdout(), "fine\n");
+  EXPECT_EQ(serviceQueue->size(), 2U);
+}
+
 TEST_F(LoaderTest, ReplacesATaskWhoseParametersAloneChanged) {
   insert(5);
   load_cron_task("ADD", nullptr);
@@ -277,6 +340,51 @@ TEST_F(LoaderTest, NamesTheRetryIntervalOfARowThatFails) {
                    "cron_interval to 1 second or more"),
             1);
   EXPECT_EQ(log().back(), "NOTICE#script reload successful");
+}
+
+TEST_F(LoaderTest, NamesNothingWhenTheRetryIntervalOfARowThatFailsIsNull) {
+  dropCheck("cron_interval_from_second_to_year");
+  insert(1);
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '0', cron_retries_interval = NULL");
+
+  load_cron_task("ADD", nullptr);
+
+  EXPECT_THAT(log(),
+              ElementsAre("DEBUG#Load cron task: name 1",
+                          "ERRORS#Failed to initial load service: interval of 0 s refused: set "
+                          "cron_interval to 1 second or more",
+                          "NOTICE#script reload successful"));
+}
+
+TEST_F(LoaderTest, StopsARowAtItsFirstFailure) {
+  dropCheck("cron_retries_interval_up_to_year");
+  insert(1, "now() - interval '650 seconds'");
+  database.query("UPDATE kodu_cron_plugin SET cron_retries_interval = '100 years'");
+  const long before = database.nextExec(1);
+
+  load_cron_task("ADD", nullptr);
+
+  EXPECT_THAT(log(), ElementsAre("DEBUG#Load cron task: name 1",
+                                 "ERRORS#Failed to initial load service: 3155760000.000000stoi",
+                                 "NOTICE#script reload successful"));
+  EXPECT_EQ(database.nextExec(1), before) << "the catch-up comes after the numbers";
+  EXPECT_TRUE(serviceQueue->empty());
+}
+
+TEST_F(LoaderTest, KeepsAKnownTaskWhoseNewRowFails) {
+  dropCheck("cron_interval_from_second_to_year");
+  insert(1);
+  load_cron_task("ADD", nullptr);
+  const auto known = loaded(1);
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '100 years'");
+
+  for (const char* mode : {"ADD", "UPDATE"}) {
+    load(mode, {1});
+
+    EXPECT_EQ(loaded(1), known) << mode;
+  }
+  EXPECT_EQ(known->GetExecState(), 0);
+  EXPECT_EQ(logged("ERRORS#Failed to initial load service: 2.000000stoi"), 2);
 }
 
 TEST_F(LoaderTest, RefusesAnIntervalBelowASecond) {
