@@ -20,8 +20,11 @@
 
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::KilledBySignal;
 
 class NotificationBatchTest : public GlobalsTest {
  protected:
@@ -63,7 +66,7 @@ TEST_F(NotificationBatchTest, IgnoresOtherTypesAndCommands) {
        {R"({"TYPE":"HOST","COMMAND":"ADD","ID":7})", R"({"TYPE":"service","COMMAND":"ADD","ID":7})",
         R"({"TYPE":"SERVICE","COMMAND":"update","ID":7})",
         R"({"TYPE":"SERVICE","COMMAND":"DELETE","ID":"x"})", R"({"COMMAND":"ADD","ID":7})",
-        R"({"TYPE":"SERVICE","ID":7})", "{}", "null"}) {
+        R"({"TYPE":"SERVICE","ID":7})", R"({"TYPE":null,"COMMAND":7,"ID":7})", "{}", "null"}) {
     batch.add(payload);
     EXPECT_EQ(log().back(), std::string("DEBUG#TH LISTENER# Notify Json receive :") + payload);
   }
@@ -76,6 +79,37 @@ TEST_F(NotificationBatchTest, ReadsAMissingIdAsZero) {
   batch.add(R"({"TYPE":"SERVICE","COMMAND":"ADD"})");
 
   EXPECT_THAT(batch.additions(), ElementsAre(0));
+}
+
+TEST_F(NotificationBatchTest, TakesWhatJsonCanTurnIntoAnInteger) {
+  for (const char* id : {"-1", "2147483647", "7.9", "true", "null"}) {
+    batch.add(R"({"TYPE":"SERVICE","COMMAND":"UPDATE","ID":)" + std::string(id) + "}");
+  }
+
+  EXPECT_THAT(batch.updates(), ElementsAre(-1, 2147483647, 7, 1, 0));
+}
+
+TEST_F(NotificationBatchTest, ThrowsForAnIdOutsideTheIntegers) {
+  for (const char* id : {"2147483648", "-2147483649", "1e99"}) {
+    EXPECT_THROW(batch.add(R"({"TYPE":"SERVICE","COMMAND":"ADD","ID":)" + std::string(id) + "}"),
+                 Json::LogicError)
+        << id;
+  }
+}
+
+TEST_F(NotificationBatchTest, ThrowsForANestingThatIsTooDeep) {
+  const std::string payload(1001, '[');
+
+  EXPECT_THROW(batch.add(payload), Json::RuntimeError);
+
+  EXPECT_THAT(log(), ElementsAre("DEBUG#TH LISTENER# Notify string receive :" + payload));
+}
+
+TEST_F(NotificationBatchTest, ReadsOnAfterABadPayload) {
+  batch.add("{");
+  batch.add(R"({"TYPE":"SERVICE","COMMAND":"ADD","ID":7})");
+
+  EXPECT_THAT(batch.additions(), ElementsAre(7));
 }
 
 TEST_F(NotificationBatchTest, ThrowsForAnIdOfTheWrongTypeAfterItsLogLine) {
@@ -113,7 +147,8 @@ class ListenerTest : public DatabaseGlobalsTest {
     ASSERT_TRUE(waitUntil([&] {
       return database.value(
                  "SELECT count(*) FROM pg_stat_activity WHERE usename = 'kodu' AND "
-                 "datname = current_database() AND query = 'LISTEN koducronchannel;'") == "1";
+                 "datname = current_database() AND state = 'idle' AND "
+                 "query = 'LISTEN koducronchannel;'") == "1";
     }));
   }
 
@@ -190,6 +225,20 @@ TEST_F(ListenerTest, KeepsTheOrderOfTheNotificationsInOneBatch) {
   EXPECT_THAT(loads(), ElementsAre("(3,1,2);"));
 }
 
+TEST_F(ListenerTest, ListsAnIdAsOftenAsItIsNotified) {
+  insert(7);
+  startListener();
+
+  // The server drops a payload that equals one before it in the transaction.
+  database.query("SELECT pg_notify('koducronchannel', '" + payload("ADD", 7) +
+                 "'), pg_notify('koducronchannel', ' " + payload("ADD", 7) + "')");
+
+  EXPECT_TRUE(waitUntil([] { return isLoaded(7); }));
+  EXPECT_THAT(loads(), ElementsAre("(7,7);"));
+  EXPECT_TRUE(waitUntil([&] { return logged("NOTICE#script reload successful") == 1; }));
+  EXPECT_EQ(serviceQueue->size(), 1U);
+}
+
 TEST_F(ListenerTest, HandsEachBatchOverOnce) {
   startListener();
   database.notify(payload("ADD", 1));
@@ -227,20 +276,17 @@ TEST_F(ListenerTest, TakesNotificationsThatCameWithAStatementsReply) {
 TEST_F(ListenerTest, TakesWhatComesWhileTheLoaderRunsInTheNextPass) {
   insert(1);
   insert(2);
+  startListener();
+  pgSafeThread other(database.conninfo());
+  const auto notify = [&](int id) {
+    PQclear(other.executeRequest("NOTIFY koducronchannel, '" + payload("ADD", id) + "'"));
+  };
   database.query("BEGIN");
   database.query("LOCK TABLE kodu_plugins IN ACCESS EXCLUSIVE MODE");
-  std::thread other([&] {
-    pgSafeThread writer(database.conninfo());
-    PQclear(
-        writer.executeRequest("SELECT pg_notify('koducronchannel', '" + payload("ADD", 1) + "')"));
-    waitUntil([&] { return loads().size() == 1; });
-    PQclear(
-        writer.executeRequest("SELECT pg_notify('koducronchannel', '" + payload("ADD", 2) + "')"));
-  });
-  listener = std::thread(th_listener);
-  ASSERT_TRUE(waitUntil([&] { return loads().size() == 1 || isLoaded(1); }));
-  other.join();
+  notify(1);
+  EXPECT_TRUE(waitUntil([&] { return loads().size() == 1; }));
   EXPECT_FALSE(isLoaded(1)) << "the loader waits for the table";
+  notify(2);
   database.query("COMMIT");
 
   EXPECT_TRUE(waitUntil([] { return isLoaded(1) && isLoaded(2); }));
@@ -258,6 +304,20 @@ TEST_F(ListenerTest, EndsWithinSecondsOfTheStopFlag) {
 
   EXPECT_TRUE(waitUntil([&] { return hasEnded.load(); }));
   watcher.join();
+}
+
+// Nobody catches what the subscription throws.
+using ListenerCrashTest = ListenerTest;
+
+TEST_F(ListenerCrashTest, EndsTheProcessWhenTheSubscriptionFails) {
+  PQclear(pgSQL->executeRequest("BEGIN"));
+  EXPECT_THROW(pgSQL->executeRequest("broken"), PostgresqlException);
+
+  EXPECT_EXIT(std::thread(th_listener).join(), KilledBySignal(SIGABRT),
+              AllOf(HasSubstr("instance of 'PostgresqlException'"),
+                    HasSubstr("execute failed:  ERROR:  current transaction is aborted")));
+
+  EXPECT_THAT(log(), ElementsAre("DEBUG#TH ADMIN#START "));
 }
 
 TEST_F(ListenerTest, RunsWithAllSignalsUnblocked) {
