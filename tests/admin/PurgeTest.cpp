@@ -1,6 +1,8 @@
 #include "admin/purge.h"
 
 #include <mutex>
+#include <stdexcept>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,6 +14,8 @@
 #include "task/CronTaskQueue.h"
 #include "task/serviceCron.h"
 #include "tests/support/Globals.h"
+#include "tests/support/waitInShell.h"
+#include "tests/support/waitUntil.h"
 
 namespace {
 
@@ -197,26 +201,124 @@ TEST_F(DeleteTaskTest, DeletesTheHistoryBeforeTheRow) {
   EXPECT_EQ(logged("DEBUG#DELETE END"), 0);
 }
 
-TEST_F(DeleteTaskTest, ThrowsForAnIdThatIsNoNumber) {
-  database.query("DROP TABLE kodu_cron_plugin CASCADE");
-  database.query(
-      "CREATE VIEW kodu_cron_plugin AS SELECT 'x'::text AS cron_id, TRUE AS cron_delete");
-  database.query("GRANT SELECT ON kodu_cron_plugin TO kodu");
-  PQclear(pgSQL->executeRequest("DEALLOCATE \"SelectDeleteCron\""));
-  pgSQL->prepareRequest("SelectDeleteCron",
-                        "SELECT cron_id FROM kodu_cron_plugin WHERE cron_delete=TRUE;");
+TEST_F(DeleteTaskTest, RemovesTheFilesBeforeTheRows) {
+  makeTaskWithFiles(1, "a.txt");
+  database.query("REVOKE DELETE ON kodu_cron_error FROM kodu");
+  flag(1);
 
-  EXPECT_THROW(DeleteTask(), std::invalid_argument);
+  EXPECT_THROW(DeleteTask(), PostgresqlException);
+
+  EXPECT_THAT(filesIn(log_directory), ElementsAre("archive"));
+  EXPECT_THAT(filesIn(log_directory + "/archive"), IsEmpty());
+  EXPECT_EQ(database.failures(1), 2);
+  EXPECT_EQ(database.task(1, "cron_delete"), "t");
 }
 
-TEST_F(DeleteTaskTest, LeavesTheMapUnlocked) {
-  makeTaskWithFiles(1, "a.txt");
+TEST_F(DeleteTaskTest, LeavesTheTasksBehindAFailureFlagged) {
+  for (const int id : {1, 2, 3}) {
+    makeTaskWithFiles(id, "$SERVICEID.txt");
+    flag(id);
+  }
+  fs::remove(log_directory + "/2.txt");
+  fs::create_directories(log_directory + "/2.txt/not empty");
+  const auto rows = database.query("SELECT cron_id FROM kodu_cron_plugin WHERE cron_delete=TRUE;");
+  ASSERT_THAT(rows, ElementsAre(ElementsAre("1"), ElementsAre("2"), ElementsAre("3")));
+
+  EXPECT_THROW(DeleteTask(), fs::filesystem_error);
+
+  EXPECT_EQ(database.task(1, "cron_id"), "");
+  EXPECT_EQ(database.task(2, "cron_delete"), "t");
+  EXPECT_EQ(database.task(3, "cron_delete"), "t");
+  EXPECT_TRUE(cronTaskMap.contains(3));
+  EXPECT_EQ(readFile(log_directory + "/3.txt"), "output");
+}
+
+/// Ids that the table could not hold come from a view in its place.
+class DeleteTaskIdTest : public DatabaseGlobalsTest {
+ protected:
+  void flagText(const std::string& id) {
+    database.query("DROP TABLE kodu_cron_plugin CASCADE");
+    database.query("CREATE VIEW kodu_cron_plugin AS SELECT '" + id +
+                   "'::text AS cron_id, TRUE AS cron_delete");
+    database.query("GRANT SELECT ON kodu_cron_plugin TO kodu");
+    PQclear(pgSQL->executeRequest("DEALLOCATE \"SelectDeleteCron\""));
+    pgSQL->prepareRequest("SelectDeleteCron",
+                          "SELECT cron_id FROM kodu_cron_plugin WHERE cron_delete=TRUE;");
+  }
+};
+
+TEST_F(DeleteTaskIdTest, ThrowsForAnIdThatIsNoNumber) {
+  flagText("x");
+
+  EXPECT_THROW(DeleteTask(), std::invalid_argument);
+
+  EXPECT_THAT(log(), IsEmpty());
+}
+
+TEST_F(DeleteTaskIdTest, ThrowsForAnIdAboveTheIntegers) {
+  flagText("2147483648");
+
+  EXPECT_THROW(DeleteTask(), std::out_of_range);
+
+  EXPECT_THAT(log(), IsEmpty());
+}
+
+TEST_F(DeleteTaskTest, TakesTheTaskOutUnderTheLockOfTheMap) {
+  const auto task = makeTaskWithFiles(1, "a.txt");
+  flag(1);
+  mutexTaskMap.lock();
+  std::thread admin(DeleteTask);
+
+  EXPECT_TRUE(waitUntil([&] { return logged("DEBUG#DELETE TASK: 1") == 1; }));
+  EXPECT_TRUE(cronTaskMap.contains(1));
+  EXPECT_EQ(task->GetExecState(), 0);
+  mutexTaskMap.unlock();
+  admin.join();
+
+  EXPECT_TRUE(cronTaskMap.empty());
+  EXPECT_EQ(task->GetExecState(), 3);
+}
+
+TEST_F(DeleteTaskTest, LeavesTheMapUnlockedDuringItsStatements) {
+  const auto task = makeTaskWithFiles(1, "a.txt");
+  makeTaskWithFiles(2, "b.txt");
+  flag(1);
+  database.query("BEGIN");
+  database.query("LOCK TABLE kodu_cron_error IN ACCESS EXCLUSIVE MODE");
+  std::thread admin(DeleteTask);
+
+  EXPECT_TRUE(waitUntil([&] { return !fs::exists(archiveDirectory("1")); }));
+  {
+    const std::lock_guard lock(mutexTaskMap);
+    EXPECT_THAT(cronTaskMap, ElementsAre(testing::Key(2)));
+    EXPECT_EQ(logged("DEBUG#DELETE END"), 0);
+  }
+  flag(2);
+  database.query("COMMIT");
+  admin.join();
+
+  EXPECT_EQ(database.task(1, "cron_id"), "");
+  EXPECT_EQ(database.task(2, "cron_delete"), "t") << "left to the next purge";
+  DeleteTask();
+  EXPECT_EQ(database.task(2, "cron_id"), "");
+}
+
+TEST_F(DeleteTaskTest, DoesNotWaitForTheRunOfTheTask) {
+  const auto task = makeTaskWithFiles(1, "a.txt");
+  task->Setpath(writePlugin(directory / "plugin", "echo begun >" + (directory / "begun") + "\n" +
+                                                      waitInShell(directory / "released") +
+                                                      "\necho fine"));
+  std::thread worker([&task] { task->execute(); });
+  EXPECT_TRUE(waitUntil([&] { return fs::exists(directory / "begun"); }));
   flag(1);
 
   DeleteTask();
 
-  EXPECT_TRUE(mutexTaskMap.try_lock());
-  mutexTaskMap.unlock();
+  EXPECT_EQ(database.task(1, "cron_id"), "");
+  EXPECT_EQ(task->GetExecState(), 3);
+  writeFile(directory / "released", "");
+  worker.join();
+  EXPECT_EQ(task->GetExecState(), 3) << "the worker drops the task after its run";
 }
 
 }  // namespace
