@@ -46,6 +46,7 @@ class HealthcheckTest : public testing::Test {
     row.path = path;
     row.parameter = parameter;
     row.nextExec = nextExec;
+    row.interval = "1 second";  // so that a slow start only costs a second
     database.insertTask(row);
   }
 

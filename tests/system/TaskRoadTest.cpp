@@ -108,10 +108,11 @@ TEST_F(TaskRoadTest, SkipsTheSlotsThatALongRunHasMissed) {
 }
 
 TEST_F(TaskRoadTest, HandsOverdueTasksOverEarliestFirst) {
+  // Counted from one moment for all three, and far enough ahead for a slow start.
+  const std::string base = database.value("SELECT date_trunc('second', now())");
   for (const int id : {3, 1, 2}) {
     TaskRow row = makeTask(id, "echo fine");
-    row.nextExec =
-        "date_trunc('second', now()) + interval '" + std::to_string(2 + id) + " seconds'";
+    row.nextExec = "timestamp '" + base + "' + interval '" + std::to_string(5 + id) + " seconds'";
     database.insertTask(row);
   }
   ASSERT_TRUE(daemon.startAndWait({"-D"}));
