@@ -9,7 +9,8 @@ from evidence import covers
 CAUSES = {
     r'returned no row': lambda case, event: ran_without_row(case, event),
     r'File exists': lambda case, event: may_fail_twice(case, event),
-    r'No space left|Read-only file system|supplies \d+ parameters':
+    # A copy of which only a part found room ends in the input/output error.
+    r'No space left|Input/output error|Read-only file system|supplies \d+ parameters':
         lambda case, event: covers(case.windows('directory', after=10), event['time']),
     r'convertible|Json::|requires objectValue|type to be':
         lambda case, event: covers(case.windows('deadly', after=10), event['time']),
