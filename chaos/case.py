@@ -6,7 +6,7 @@ from evidence import covered_parts, failed_passes
 
 NOTICED = 5  # seconds until a notification is acted upon, at the latest, on a busy machine
 TAKEN_UP = 2.5  # the same on a quiet one: the listener looks each second
-PASS_END = 8  # seconds from a plugin's end to its history row, on a busy machine, at the most
+PASS_END = 4  # seconds from a plugin's end to its history row at the most; a silent one naps first
 
 
 class Case:
