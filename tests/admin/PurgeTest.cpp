@@ -1,5 +1,6 @@
 #include "admin/purge.h"
 
+#include <atomic>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -308,12 +309,17 @@ TEST_F(DeleteTaskTest, DoesNotWaitForTheRunOfTheTask) {
   task->Setpath(writePlugin(directory / "plugin", "echo begun >" + (directory / "begun") + "\n" +
                                                       waitInShell(directory / "released") +
                                                       "\necho fine"));
-  std::thread worker([&task] { task->execute(); });
+  std::atomic<bool> hasRun = false;
+  std::thread worker([&] {
+    task->execute();
+    hasRun = true;
+  });
   EXPECT_TRUE(waitUntil([&] { return fs::exists(directory / "begun"); }));
   flag(1);
 
   DeleteTask();
 
+  EXPECT_FALSE(hasRun);
   EXPECT_EQ(database.task(1, "cron_id"), "");
   EXPECT_EQ(task->GetExecState(), 3);
   writeFile(directory / "released", "");
