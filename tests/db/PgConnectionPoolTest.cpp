@@ -1,6 +1,10 @@
 #include "db/pgConnectionPool.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cstdio>
 #include <set>
 #include <thread>
 #include <type_traits>
@@ -12,6 +16,7 @@
 #include "db/pgSafeThread.h"
 #include "db/result.h"
 #include "tests/support/Database.h"
+#include "tests/support/Files.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
@@ -148,6 +153,24 @@ TEST_F(PgConnectionPoolTest, TracesSuccessesOnlyAndOnlyWhenTold) {
             "shown\n");
 }
 
+TEST_F(PgConnectionPoolTest, FlushesItsTrace) {
+  pgConnectionPool pool(database.conninfo(), 1);
+  pool.enableDebugMode(true);
+  const TempDir directory;
+  const std::string path = directory / "trace";
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT, 0600);
+  std::fflush(stdout);
+  const int console = dup(STDOUT_FILENO);
+  dup2(file, STDOUT_FILENO);
+  close(file);
+  pool.Trace("line");
+  const std::string written = readFile(path);
+  dup2(console, STDOUT_FILENO);
+  close(console);
+
+  EXPECT_EQ(written, "line\n");
+}
+
 TEST_F(PgConnectionPoolTest, PassesTheFailureOfAStatementOn) {
   pgConnectionPool pool(database.conninfo(), 1);
 
@@ -170,6 +193,7 @@ TEST_F(PgConnectionPoolTest, ThrowsLibpqsMessageForAWrongPassword) {
                                           database.user(), database.password() + "x", 2);
             }),
             alone);
+  EXPECT_THAT(alone, testing::Not(testing::HasSubstr(database.password())));
 }
 
 TEST_F(PgConnectionPoolTest, ClosesWhatItHadOpenedWhenOneConnectionFails) {
@@ -179,6 +203,32 @@ TEST_F(PgConnectionPoolTest, ClosesWhatItHadOpenedWhenOneConnectionFails) {
               testing::HasSubstr("too many connections for database"));
 
   EXPECT_TRUE(waitUntil([&] { return sessions() == "0"; }));
+}
+
+// The second turn comes back while the first one's statement waits for the lock; the third meets
+// the connection of the first and waits, holding nothing that the others need.
+TEST_F(PgConnectionPoolTest, RunsStatementsBesideOneThatWaits) {
+  pgConnectionPool pool(database.conninfo(), 2);
+  std::atomic<int> ended = 0;
+  const auto waitForLock = [&] {
+    PQclear(pool.executeRequest("SELECT pg_advisory_lock_shared(1)"));
+    ++ended;
+  };
+  database.query("SELECT pg_advisory_lock(1)");
+  std::thread first(waitForLock);
+  EXPECT_TRUE(waitUntil(
+      [&] { return database.value("SELECT count(*) FROM pg_locks WHERE NOT granted") == "1"; }));
+
+  EXPECT_EQ(valueOf(pool.executeRequest("SELECT 2")), "2");
+  std::thread third(waitForLock);
+  EXPECT_TRUE(waitUntil([&] { return pool.getNextConnectionID() == 1; })) << "it took its turn";
+  EXPECT_EQ(valueOf(pool.executeRequest("SELECT 4")), "4");
+  EXPECT_EQ(ended, 0);
+
+  database.query("SELECT pg_advisory_unlock(1)");
+  first.join();
+  third.join();
+  EXPECT_EQ(ended, 2);
 }
 
 TEST_F(PgConnectionPoolTest, ServesThreadsAtTheSameTime) {

@@ -119,6 +119,13 @@ class StatementTest : public testing::Test {
     return rows;
   }
 
+  void insertOther(const std::string& nextExec) const {
+    TaskRow row;
+    row.id = 9;
+    row.nextExec = nextExec;
+    database.insertTask(row);
+  }
+
   static constexpr long kDue = 1893456000;  // 2030-01-01 00:00:00 UTC
 
   Database database;
@@ -138,6 +145,61 @@ TEST_F(StatementTest, UpdateCronStateMovesTheTimesByOneInterval) {
   EXPECT_EQ(database.task(7, "cron_status"), "OK");
   EXPECT_EQ(database.task(7, "cron_last_exec"), "2030-01-01 00:00:00");
   EXPECT_EQ(database.nextExec(7), kDue + 300);
+}
+
+TEST_F(StatementTest, UpdateCronStateAddsOneIntervalToATimeLongPast) {
+  insertOther("timestamp '2001-02-03 04:05:06'");
+
+  EXPECT_EQ(run("UpdateCronState", {"9", "FAILED"}), (Rows{{"981173406"}}));
+
+  EXPECT_EQ(database.task(9, "cron_status"), "FAILED");
+  EXPECT_EQ(database.task(9, "cron_last_exec"), "2001-02-03 04:05:06");
+  EXPECT_EQ(database.task(9, "cron_next_exec"), "2001-02-03 04:10:06");
+}
+
+// The query cuts, the two statements round: a time in the second half of its second comes back
+// one second later than it was loaded.
+TEST_F(StatementTest, TimesWithAFractionAreCutByTheQueryAndRoundedByTheStatements) {
+  database.query("UPDATE kodu_cron_plugin SET cron_next_exec = '2030-01-01 00:00:00.6'");
+  const ResultPtr loaded(connection.executeRequest(taskQuery(nullptr)));
+
+  EXPECT_EQ(PQgetvalue(loaded.get(), 0, 6), std::to_string(kDue));
+  EXPECT_EQ(run("updateCronExecTask", {"7", "0"}), (Rows{{std::to_string(kDue + 1)}}));
+  EXPECT_EQ(run("UpdateCronState", {"7", "OK"}), (Rows{{std::to_string(kDue + 301)}}));
+}
+
+TEST_F(StatementTest, StatementsLeaveOtherTasksAlone) {
+  insertOther("timestamp '2030-01-01 00:00:00'");
+  const std::string all = "SELECT * FROM kodu_cron_plugin WHERE cron_id = 9";
+  const Rows before = database.query(all);
+
+  run("UpdateCronProcess", {"7"});
+  run("UpdateCronState", {"7", "OK"});
+  run("updateCronExecTask", {"7", "2"});
+  run("DeleteCronHistory", {"7"});
+  run("DeleteCron", {"7"});
+
+  EXPECT_EQ(database.query(all), before);
+  EXPECT_EQ(database.task(7, "cron_id"), "");
+}
+
+TEST_F(StatementTest, AnUnknownTaskIsNoFailure) {
+  for (const char* name :
+       {"UpdateCronProcess", "DeleteCronHistory", "DeleteCron", "SelectCronHistory"}) {
+    EXPECT_EQ(run(name, {"8"}), Rows()) << name;
+  }
+}
+
+TEST_F(StatementTest, ATextThatIsNoNumberIsAFailure) {
+  std::string text = "nothing was thrown";
+  try {
+    run("UpdateCronProcess", {"seven"});
+  } catch (const PostgresqlException& e) {
+    text = e.what();
+  }
+
+  EXPECT_THAT(text, testing::StartsWith("Exec prepareRequest failed:  ERROR:  invalid input syntax "
+                                        "for type integer: \"seven\"\n"));
 }
 
 TEST_F(StatementTest, UpdateCronExecTaskSkipsWholeIntervals) {
@@ -169,8 +231,9 @@ TEST_F(StatementTest, HistoryIsInsertedReadAndDeleted) {
 }
 
 TEST_F(StatementTest, FlaggedTasksAreFoundAndDeleted) {
+  insertOther("now()");
   EXPECT_EQ(run("SelectDeleteCron", {}), Rows());
-  database.query("UPDATE kodu_cron_plugin SET cron_delete = TRUE");
+  database.query("UPDATE kodu_cron_plugin SET cron_delete = TRUE WHERE cron_id = 7");
   EXPECT_EQ(run("SelectDeleteCron", {}), (Rows{{"7"}}));
 
   run("DeleteCron", {"7"});
@@ -191,13 +254,27 @@ TEST_F(StatementTest, TheTaskQueryGivesTwelveColumnsOfTasksOfTypeCron) {
   ASSERT_EQ(PQnfields(result.get()), 12);
   EXPECT_STREQ(PQgetvalue(result.get(), 0, 0), "7");
   EXPECT_STREQ(PQgetvalue(result.get(), 0, 1), "task");
-  EXPECT_EQ(std::stoi(PQgetvalue(result.get(), 0, 3)), 86400);
+  EXPECT_STREQ(PQgetvalue(result.get(), 0, 3), "86400.000000");
   EXPECT_EQ(PQgetvalue(result.get(), 0, 6), std::to_string(kDue));
   EXPECT_STREQ(PQgetvalue(result.get(), 0, 7), "out_$SERVICEID_$DATE.txt");
   EXPECT_STREQ(PQgetvalue(result.get(), 0, 8), "0");
-  EXPECT_EQ(std::stoi(PQgetvalue(result.get(), 0, 9)), 2);
+  EXPECT_STREQ(PQgetvalue(result.get(), 0, 9), "2.000000");
   EXPECT_STREQ(PQgetvalue(result.get(), 0, 10), "/bin/true");
   EXPECT_STREQ(PQgetvalue(result.get(), 0, 11), "");
+}
+
+TEST_F(StatementTest, TheTaskQueryRunsWithEachOfItsEndings) {
+  insertOther("now()");
+  const std::vector<int> none;
+  const std::vector<int> some = {9, 8};
+  const auto rows = [&](const std::vector<int>* ids) {
+    const ResultPtr result(connection.executeRequest(taskQuery(ids)));
+    return PQntuples(result.get());
+  };
+
+  EXPECT_EQ(rows(nullptr), 2);
+  EXPECT_EQ(rows(&none), 2) << "an empty list asks for all";
+  EXPECT_EQ(rows(&some), 1);
 }
 
 TEST(ListenTest, SubscribesTheSession) {
