@@ -34,7 +34,9 @@ logFile::logFile(std::string path) : logFile(1, std::move(path)) {}
 
 logFile::logFile(char threshold, std::string path)
     : level(static_cast<signed char>(threshold)), fileName(std::move(path)) {
-  tzset();  // reads the time zone into the heap, which HandlerQuit's line must not do
+  // The first local time reads the time zone into the heap, which HandlerQuit's line must not do.
+  std::array<char, 64> buffer{};
+  timestamp(buffer);
   open();
 }
 

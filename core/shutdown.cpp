@@ -1,6 +1,7 @@
 #include "core/shutdown.h"
 
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <string_view>
 
@@ -24,9 +25,11 @@ void logStop(int sig) {
 }  // namespace
 
 void HandlerQuit(int sig) {
+  const int interruptedErrno = errno;  // the interrupted step may be about to look at it
   logStop(sig);
   die_kodu = 1;
   if (queueExecTask != nullptr) {
     queueExecTask->wakeAll();
   }
+  errno = interruptedErrno;
 }

@@ -39,9 +39,14 @@ class ExecuteQueue {
   }
 
   /// Returns once the queue holds an element or `stop` is not 0. Wakes for an element, and for
-  /// wakeAll; `stop` is any integer flag that other threads may set.
+  /// wakeAll; `stop` is any integer flag that other threads may set. SIGTERM is kept from the
+  /// thread meanwhile.
   template <typename Flag>
   void waitForTask(Flag& stop) {
+    // A waiting thread keeps a reference inside the condition variable, and a broadcast may wait
+    // for it to go: the handler's, on the very thread that waits, would wait for itself for ever.
+    // ExecuteQueueTest.BearsTheHandlerForAWaitingWorker holds this in place.
+    const SignalBlock noSigterm = SignalBlock::sigterm();
     const PosixLock lock(mutex);
     while (elements.empty() && stop == 0) {
       pthread_cond_wait(&condition, &mutex);

@@ -1,6 +1,7 @@
 #include "task/ExecuteQueue.h"
 
 #include <atomic>
+#include <csignal>
 #include <memory>
 #include <string>
 #include <thread>
@@ -58,6 +59,13 @@ class Workers {
     }
   }
 
+  /// Sends `number` to each of them.
+  void signalAll(int number) {
+    for (std::thread& thread : threads) {
+      pthread_kill(thread.native_handle(), number);
+    }
+  }
+
   /// Stops and joins them; false when one does not end.
   bool stopAll() {
     stop = 1;
@@ -96,6 +104,33 @@ class Workers {
   std::atomic<int> ended = 0;
   std::vector<std::thread> threads;
 };
+
+// The handler's broadcast and the worker that it finds in the wait, which had been waiting since
+// before another one waited again.
+TEST(ExecuteQueueTest, BearsTheHandlerForAWaitingWorker) {
+  static ExecuteQueue<int>* signalled = nullptr;
+  static std::atomic<int> handled = 0;
+  ExecuteQueue<int> queue;
+  signalled = &queue;
+  void (*previous)(int) = std::signal(SIGTERM, [](int) {
+    signalled->wakeAll();
+    ++handled;
+  });
+  Workers workers(queue, 3);
+  ASSERT_TRUE(waitUntil([&] { return workers.waiting == 3; }));
+  queue.push(1);
+  ASSERT_TRUE(waitUntil([&] { return workers.waiting == 4; }));
+
+  workers.signalAll(SIGTERM);
+  for (int i = 0; i < 100; ++i) {
+    queue.push(i);  // each worker leaves its wait some time, and the handler runs then
+  }
+
+  EXPECT_TRUE(waitUntil([&] { return workers.taken == 101; }));
+  EXPECT_TRUE(workers.stopAll());
+  EXPECT_EQ(handled, 3);
+  std::signal(SIGTERM, previous);
+}
 
 TEST(ExecuteQueueTest, GivesOneOfTwoWaitingWorkersTheElement) {
   ExecuteQueue<int> queue;
