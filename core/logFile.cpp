@@ -35,8 +35,9 @@ logFile::logFile(std::string path) : logFile(1, std::move(path)) {}
 logFile::logFile(char threshold, std::string path)
     : level(static_cast<signed char>(threshold)), fileName(std::move(path)) {
   // The first local time reads the time zone into the heap, which HandlerQuit's line must not do.
-  std::array<char, 64> buffer{};
-  timestamp(buffer);
+  const std::time_t anyTime = 0;
+  std::tm unused{};
+  localtime_r(&anyTime, &unused);
   open();
 }
 
