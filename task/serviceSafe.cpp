@@ -91,8 +91,11 @@ void serviceSafe::SetStdout(std::string text) {
 }
 
 void serviceSafe::clearOutput() {
-  // Not clear(), which would keep the largest output of every task in memory for ever.
-  std::string().swap(Stdout);
+  // Not clear(), which would keep the largest output of every task in memory for ever. Swapped out
+  // under the lock: an update that replaces the task may be copying the output this very moment.
+  std::string released;
+  const std::lock_guard lock(mutex);
+  released.swap(Stdout);
 }
 
 std::string serviceSafe::Getparameter() const {

@@ -80,8 +80,7 @@ class serviceSafe {
   void Setpath(std::string text);
   std::string GetStdout() const;
   void SetStdout(std::string text);
-  /// Empties the output and gives its storage back. Takes no lock: for the worker that runs the
-  /// task.
+  /// Empties the output and gives its storage back, under the lock.
   void clearOutput();
 
   std::string Getparameter() const;
@@ -150,6 +149,6 @@ class serviceSafe {
   std::string parameter;                     // guarded by mutex, but for Setparameter's store
   std::vector<std::string> parameterVector;  // guarded by mutex, but for GetVectorParam
   std::string path;                          // guarded by mutex
-  std::string Stdout;                        // guarded by mutex, but for clearOutput
+  std::string Stdout;                        // guarded by mutex
   mutable std::mutex mutex;
 };
