@@ -79,6 +79,9 @@ void writeOutputFile(const std::string& path, const Task& task) {
   flock(file, LOCK_UN);
   close(file);
   task->clearOutput();
+  // The storage as well, or every task would hold its largest output for ever. In a step of its
+  // own, under the lock: an update that replaces the task may be copying the output just now.
+  task->SetStdout({});
 }
 
 /// Keeps a copy of the failed run's output and a row that names it.

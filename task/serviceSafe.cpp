@@ -87,15 +87,8 @@ std::string serviceSafe::GetStdout() const {
 
 void serviceSafe::SetStdout(std::string text) {
   const std::lock_guard lock(mutex);
-  Stdout = std::move(text);
-}
-
-void serviceSafe::clearOutput() {
-  // Not clear(), which would keep the largest output of every task in memory for ever. Swapped out
-  // under the lock: an update that replaces the task may be copying the output this very moment.
-  std::string released;
-  const std::lock_guard lock(mutex);
-  released.swap(Stdout);
+  // A swap, so that the storage of a longer output goes with the argument.
+  Stdout.swap(text);
 }
 
 std::string serviceSafe::Getparameter() const {
@@ -109,7 +102,8 @@ void serviceSafe::Setparameter(std::string text) {
   // Before the lock: the text is in force even when the splitting below never ends well.
   parameter = text;
   // Explicit calls, not a guard: should memory run out the record stays locked, so that no plugin
-  // is run with half of its arguments.
+  // is run with half of its arguments. SetparameterTest.LeavesTheRecordLockedWhenMemoryRunsOut
+  // holds this in place.
   mutex.lock();
   parameterVector.clear();
   for (const std::string& argument : boost::tokenizer<Separator>(text, separator)) {

@@ -79,9 +79,12 @@ class serviceSafe {
   std::string Getpath() const;
   void Setpath(std::string text);
   std::string GetStdout() const;
+  /// Gives the storage of the output that was there back.
   void SetStdout(std::string text);
-  /// Empties the output and gives its storage back, under the lock.
-  void clearOutput();
+  /// Empties the output but keeps its storage. Takes no lock: for the worker between two runs. A
+  /// GetStdout at this very moment copies the output, or as many bytes whose first is a NUL.
+  /// ServiceSafeTest.EmptiesTheOutputBesideACopyOfIt holds this in place.
+  void clearOutput() { Stdout.clear(); }
 
   std::string Getparameter() const;
   /// Stores the plugin's parameter string and splits it into arguments: a space separates, either
@@ -110,7 +113,12 @@ class serviceSafe {
   /// Runs the plugin once, to its end, however long that takes, with the record locked. Returns
   /// the return code and stores it, and what the plugin printed (invalid UTF-8 replaced by
   /// blanks). Throws serviceSafeException when the plugin could not be run, was killed or printed
-  /// nothing; the lock is released then.
+  /// nothing. The lock is released then and the record keeps:
+  ///   no pipe:                 everything as it was;
+  ///   no child, no read:       ExecState 0, an empty output, the return code of before;
+  ///   no waitpid:              the same, with what was read as the output;
+  ///   killed, or stopped:      return code 3, "Error: kodu can't execute " and the path;
+  ///   nothing printed, or "''": return code 3, that text, or one for exit codes above 5.
   int execute();
 
  private:
@@ -149,6 +157,6 @@ class serviceSafe {
   std::string parameter;                     // guarded by mutex, but for Setparameter's store
   std::vector<std::string> parameterVector;  // guarded by mutex, but for GetVectorParam
   std::string path;                          // guarded by mutex
-  std::string Stdout;                        // guarded by mutex
+  std::string Stdout;                        // guarded by mutex, but for clearOutput
   mutable std::mutex mutex;
 };

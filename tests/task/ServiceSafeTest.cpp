@@ -1,15 +1,21 @@
 #include "task/serviceSafe.h"
 
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
+#include <new>
 #include <stdexcept>
+#include <thread>
 #include <type_traits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "task/serviceCron.h"
 #include "task/serviceSafeException.h"
+#include "tests/support/Heap.h"
+#include "tests/support/waitUntil.h"
 
 namespace {
 
@@ -39,16 +45,41 @@ std::shared_ptr<serviceSafe> filledRecord() {
   return record;
 }
 
-/// Proves that a locked accessor of `record` waits. The waiting thread is left behind: it holds the
-/// record, and the process ends it.
-bool isLeftLocked(const std::shared_ptr<serviceSafe>& record) {
+using Record = std::shared_ptr<serviceSafe>;
+
+/// A record that is never freed: one whose mutex stays locked must not be destroyed, and the
+/// threads that wait for it stay.
+Record keptRecord() {
+  static auto& kept = *new std::vector<Record>();
+  return kept.emplace_back(std::make_shared<serviceSafe>());
+}
+
+/// A record that a bad id has left locked.
+Record lockedRecord() {
+  Record record = keptRecord();
+  EXPECT_THROW(record->SetService_id(std::string("abc")), std::invalid_argument);
+  return record;
+}
+
+/// Starts `use` in a thread that holds `record` and that the process ends, if nothing else does.
+/// The future is ready when `use` has returned.
+std::future<void> startUse(const Record& record, const std::function<void(serviceSafe&)>& use) {
   auto done = std::make_shared<std::promise<void>>();
   auto finished = done->get_future();
-  std::thread([record, done] {
-    record->Getname();
+  std::thread([record, use, done] {
+    use(*record);
     done->set_value();
   }).detach();
-  return finished.wait_for(std::chrono::milliseconds(200)) == std::future_status::timeout;
+  return finished;
+}
+
+bool isWaiting(const std::future<void>& use) {
+  return use.wait_for(std::chrono::milliseconds(200)) == std::future_status::timeout;
+}
+
+/// Proves that a locked accessor of `record` waits.
+bool isLeftLocked(const Record& record) {
+  return isWaiting(startUse(record, [](serviceSafe& used) { used.Getname(); }));
 }
 
 TEST(ServiceSafeTest, BeginsWithItsDefaults) {
@@ -155,8 +186,7 @@ TEST(ServiceSafeTest, TakesATextIdAsTextAndNumber) {
 }
 
 TEST(ServiceSafeTest, LeavesTheRecordLockedAfterABadId) {
-  // Never freed: a mutex that is locked must not be destroyed, and the waiting thread stays.
-  static const auto& record = *new auto(std::make_shared<serviceSafe>());
+  const Record record = keptRecord();
   try {
     record->SetService_id(std::string("abc"));
     FAIL() << "nothing was thrown";
@@ -168,7 +198,7 @@ TEST(ServiceSafeTest, LeavesTheRecordLockedAfterABadId) {
 }
 
 TEST(ServiceSafeTest, LeavesTheRecordLockedAfterAnIdOutOfRange) {
-  static const auto& record = *new auto(std::make_shared<serviceSafe>());
+  const Record record = keptRecord();
   try {
     record->SetService_id(std::string("18446744073709551616"));
     FAIL() << "nothing was thrown";
@@ -177,6 +207,110 @@ TEST(ServiceSafeTest, LeavesTheRecordLockedAfterAnIdOutOfRange) {
   }
 
   EXPECT_TRUE(isLeftLocked(record));
+}
+
+TEST(ServiceSafeTest, LocksForEachStringAndForTheInterval) {
+  const Record record = lockedRecord();
+  const auto source = std::make_shared<serviceSafe>();
+  std::vector<std::future<void>> uses;
+  for (const std::function<void(serviceSafe&)>& use :
+       std::vector<std::function<void(serviceSafe&)>>{
+           [](serviceSafe& used) { used.Getname(); }, [](serviceSafe& used) { used.Setname("x"); },
+           [](serviceSafe& used) { used.Getpath(); }, [](serviceSafe& used) { used.Setpath("x"); },
+           [](serviceSafe& used) { used.Getparameter(); },
+           [](serviceSafe& used) { used.Setparameter("x"); },
+           [](serviceSafe& used) { used.GetStdout(); },
+           [](serviceSafe& used) { used.SetStdout("x"); },
+           [](serviceSafe& used) { used.GetService_idStr(); },
+           [](serviceSafe& used) { used.SetService_id(1ULL); },
+           [](serviceSafe& used) { used.SetService_id(std::string("1")); },
+           [](serviceSafe& used) { used.Setinterval_exec_time(1); },
+           [](serviceSafe& used) { const serviceSafe copy(used); },
+           [source](serviceSafe& used) { used.updateServiceParameter(source); }}) {
+    uses.push_back(startUse(record, use));
+  }
+
+  EXPECT_TRUE(isLeftLocked(record));  // also the time that the others had to go wrong
+  for (std::size_t i = 0; i < uses.size(); ++i) {
+    EXPECT_EQ(uses[i].wait_for(std::chrono::seconds(0)), std::future_status::timeout)
+        << "use " << i;
+  }
+}
+
+TEST(ServiceSafeTest, NeverWaitsForAScalar) {
+  const Record record = lockedRecord();
+
+  record->SetDevice_id(11);
+  record->SetPlugin_id(12);
+  record->SetReturnCode(1);
+  record->validateReturnCode();
+  record->Setlast_exec_time(1000);
+  record->SetExecTime(timeval{2000, 1});
+  record->SetCost(2.5F);
+  record->SetRetrie(3);
+  record->SetMaxRetrie(4);
+  record->SetRetrieTime(5);
+  record->SetExecState(3);
+  record->clearOutput();
+
+  EXPECT_EQ(record->GetDevice_id(), 11U);
+  EXPECT_EQ(record->GetPlugin_id(), 12);
+  EXPECT_EQ(record->GetService_id(), 0U) << "a bad id is no number";
+  EXPECT_EQ(record->GetReturnCode(), 1);
+  EXPECT_EQ(record->GetLastValidateReturnCode(), 1);
+  EXPECT_EQ(record->Getlast_exec_time(), 1000);
+  EXPECT_EQ(record->Getinterval_exec_time(), 0U);
+  EXPECT_EQ(record->GetExecTime().tv_sec, 2000);
+  EXPECT_EQ(record->GetCost(), 2.5F);
+  EXPECT_EQ(record->GetRetrie(), 3);
+  EXPECT_EQ(record->GetMaxRetrie(), 4);
+  EXPECT_EQ(record->GetRetrieTime(), 5);
+  EXPECT_EQ(record->GetExecState(), 3);
+  EXPECT_THAT(record->GetVectorParam(), IsEmpty());
+  EXPECT_FALSE(*record < *record || *record > *record);
+  EXPECT_TRUE(record->isTimeParameterUpdate(*record));
+}
+
+TEST(ServiceSafeTest, GivesAStringWholeWhileAnotherThreadStoresIt) {
+  const std::string one(100, '1');
+  const std::string other(200, '2');
+  serviceSafe record;
+  record.Setname(one);
+  std::atomic<bool> isDone = false;
+  std::thread writer([&] {
+    while (!isDone) {
+      record.Setname(other);
+      record.Setname(one);
+    }
+  });
+
+  for (int i = 0; i < 10000; ++i) {
+    const std::string name = record.Getname();
+    ASSERT_TRUE(name == one || name == other) << name;
+  }
+  isDone = true;
+  writer.join();
+}
+
+TEST(ServiceSafeTest, EmptiesTheOutputBesideACopyOfIt) {
+  const std::string output(4096, 'x');
+  const std::string torn = '\0' + output.substr(1);
+  serviceSafe record;
+  std::atomic<bool> isDone = false;
+  std::thread worker([&] {
+    while (!isDone) {
+      record.SetStdout(output);
+      record.clearOutput();
+      record.SetStdout({});
+    }
+  });
+
+  for (int i = 0; i < 20000; ++i) {
+    const std::string copy = record.GetStdout();
+    ASSERT_TRUE(copy.empty() || copy == output || copy == torn) << "copy " << i;
+  }
+  isDone = true;
+  worker.join();
 }
 
 TEST(ServiceSafeTest, KeepsTheSecondsOfATimeOnly) {
@@ -256,6 +390,17 @@ TEST(ServiceSafeTest, KeepsItsIdentityAndResultsInAnUpdate) {
   EXPECT_EQ(known.GetLastValidateReturnCode(), 0);
   EXPECT_EQ(known.Getlast_exec_time(), 0);
   EXPECT_EQ(known.GetStdout(), "");
+}
+
+TEST(ServiceSafeTest, HoldsItsLockInAnUpdateWhileItWaitsForTheSource) {
+  const Record source = lockedRecord();
+  const Record known = keptRecord();
+  const auto update =
+      startUse(known, [source](serviceSafe& used) { used.updateServiceParameter(source); });
+
+  EXPECT_TRUE(waitUntil([&] { return isLeftLocked(known); }));
+  EXPECT_EQ(update.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  EXPECT_EQ(known->GetExecState(), 0) << "the strings come first";
 }
 
 TEST(ServiceSafeTest, TakesOverTheIntervalUnlessItEqualsTheExecTime) {
@@ -385,6 +530,32 @@ TEST(SetparameterTest, ReplacesTheArgumentsOfBefore) {
   record.Setparameter("d");
 
   EXPECT_THAT(record.GetVectorParam(), ElementsAre("d"));
+}
+
+TEST(SetparameterTest, LeavesTheRecordLockedWhenMemoryRunsOut) {
+  if (!isHeapWatched()) {
+    GTEST_SKIP() << "the heap is the sanitizer's";
+  }
+  const std::string one(100, '1');
+  const std::string other(100, '2');
+  Record record;
+  bool isSplit = false;
+  // One request more each time, until the failing one is that for the second argument.
+  for (long granted = 0; record == nullptr || record->GetVectorParam().empty(); ++granted) {
+    ASSERT_FALSE(isSplit) << "no request failed between the arguments";
+    record = keptRecord();
+    std::string text = one + " " + other;
+    try {
+      const HeapLimit limit(granted);
+      record->Setparameter(std::move(text));
+      isSplit = true;
+    } catch (const std::bad_alloc&) {
+      continue;
+    }
+  }
+
+  EXPECT_THAT(record->GetVectorParam(), ElementsAre(one));
+  EXPECT_TRUE(isLeftLocked(record));
 }
 
 }  // namespace
