@@ -81,6 +81,14 @@ TEST_F(IniConfigTest, SkipsCommentsByTheNumberSignOnly) {
   EXPECT_EQ(configOf("[LOG]\n; log_file=/x\n").getKey("LOG", "log_file"), "/x");
 }
 
+TEST_F(IniConfigTest, FindsAnIndentedHeader) {
+  const auto config = configOf(" \t[LOG]\nlog_file=/x\n  [CRON]\nthread_number=4\n");
+
+  EXPECT_EQ(config.getKey("LOG", "log_file"), "/x");
+  EXPECT_EQ(config.getKey("LOG", "thread_number"), "");
+  EXPECT_EQ(config.getKey("CRON", "thread_number"), "4");
+}
+
 TEST_F(IniConfigTest, MatchesAHeaderExactly) {
   EXPECT_EQ(configOf("[CRON] \nthread_number=4\n").getKey("CRON", "thread_number"), "");
   EXPECT_EQ(configOf("[ CRON ]\nthread_number=4\n").getKey("CRON", "thread_number"), "");
@@ -137,7 +145,7 @@ TEST_F(IniConfigTest, AddsTheValuesOfALaterSectionToTheSameMap) {
   EXPECT_EQ(second, (Values{{"[S]", ""}, {"[T]", ""}, {"a", "1"}, {"b", "2"}}));
 }
 
-TEST_F(IniConfigTest, ThrowsAtTheFirstLookupOfAMissingFile) {
+TEST_F(IniConfigTest, NamesAFileThatCannotBeOpened) {
   iniConfig config(directory / "missing");
 
   try {

@@ -1,7 +1,9 @@
 #include "core/logFile.h"
 
+#include <sys/resource.h>
+
+#include <csignal>
 #include <ctime>
-#include <regex>
 #include <thread>
 #include <vector>
 
@@ -39,6 +41,7 @@ TEST_F(LogFileTest, DropsLinesBelowTheThreshold) {
   log.write(0, "debug");
   log.write(1, "info");
   log.write(2, "notice");
+  log.write(static_cast<char>(-1), "negative");
 
   EXPECT_THAT(readLog(path), ElementsAre("NOTICE#notice"));
 }
@@ -108,6 +111,26 @@ TEST_F(LogFileTest, GoesOnWritingToADeletedFile) {
 
   EXPECT_EQ(readFile(kept), "still here\n");
   EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(LogFileTest, WritesAgainAfterALineThatFoundNoRoom) {
+  const auto limitFiles = [](rlim_t bytes) {
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = bytes;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  };
+  std::signal(SIGXFSZ, SIG_IGN);
+  logFile log(0, path);
+  log.write("before");
+  limitFiles(log.size());
+  log.write("lost");
+  EXPECT_EQ(readFile(path), "before\n");
+  limitFiles(RLIM_INFINITY);
+
+  log.write("after");
+
+  EXPECT_THAT(readFile(path), testing::EndsWith("\nafter\n"));
 }
 
 TEST_F(LogFileTest, KeepsLinesOfDifferentThreadsApart) {

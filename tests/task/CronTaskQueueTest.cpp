@@ -101,6 +101,21 @@ TEST(CronTaskQueueTest, ReleasesItsTasksWhenCleared) {
   EXPECT_EQ(kept.use_count(), 1);
 }
 
+TEST(CronTaskQueueTest, ReleasesTheEarliestFirstWhenCleared) {
+  std::vector<long> released;
+  CronTaskQueue queue;
+  for (const long time : {30, 10, 40, 20}) {
+    queue.push({new serviceCron(*taskAt(time)), [&released](const serviceCron* task) {
+                  released.push_back(task->GetExecTimeSec());
+                  delete task;
+                }});
+  }
+
+  queue.clear();
+
+  EXPECT_EQ(released, (std::vector<long>{10, 20, 30, 40}));
+}
+
 TEST(CronTaskQueueTest, ReleasesItsTasksWhenItGoes) {
   const auto task = taskAt(1);
   {

@@ -144,23 +144,34 @@ TEST(ExecuteQueueTest, GivesOneOfTwoWaitingWorkersTheElement) {
   EXPECT_EQ(workers.taken, 1);
 }
 
+/// A stop flag that counts how often it was looked at: before a wait, and after each wake-up that
+/// found no element.
+class CountingFlag {
+ public:
+  bool operator==(int value) const {
+    ++looks;
+    return stop == value;
+  }
+
+  std::atomic<int> stop = 0;
+  mutable std::atomic<int> looks = 0;
+};
+
 TEST(ExecuteQueueTest, ReleasesEveryWaitingWorkerWhenTheFlagIsSet) {
   ExecuteQueue<int> queue;
-  std::atomic<int> stop = 0;
-  std::atomic<int> waiting = 0;
+  CountingFlag flag;
   std::atomic<int> released = 0;
   std::vector<std::thread> workers;
   for (int i = 0; i < 4; ++i) {
     workers.emplace_back([&] {
-      ++waiting;
-      queue.waitForTask(stop);
+      queue.waitForTask(flag);
       ++released;
     });
   }
-  ASSERT_TRUE(waitUntil([&] { return waiting == 4; }));
+  ASSERT_TRUE(waitUntil([&] { return flag.looks == 4; }));
   EXPECT_EQ(released, 0);
 
-  stop = 1;
+  flag.stop = 1;
   EXPECT_TRUE(waitUntil([&] {
     queue.wakeAll();
     return released == 4;
@@ -172,18 +183,16 @@ TEST(ExecuteQueueTest, ReleasesEveryWaitingWorkerWhenTheFlagIsSet) {
 
 TEST(ExecuteQueueTest, GoesOnWaitingAfterABroadcastWithoutAReason) {
   ExecuteQueue<int> queue;
-  volatile int stop = 0;
+  CountingFlag flag;
   std::atomic<bool> isReleased = false;
-  std::atomic<bool> isWaiting = false;
   std::thread worker([&] {
-    isWaiting = true;
-    queue.waitForTask(stop);
+    queue.waitForTask(flag);
     isReleased = true;
   });
-  ASSERT_TRUE(waitUntil([&] { return isWaiting.load(); }));
-  for (int i = 0; i < 100; ++i) {
+  EXPECT_TRUE(waitUntil([&] {
     queue.wakeAll();
-  }
+    return flag.looks >= 3;
+  }));
   EXPECT_FALSE(isReleased);
 
   queue.push(1);
@@ -201,6 +210,21 @@ TEST(ExecuteQueueTest, ReleasesItsElementsWhenCleared) {
 
   EXPECT_EQ(element.use_count(), 1);
   EXPECT_THROW(queue.pop(), EmptyQueueException);
+}
+
+TEST(ExecuteQueueTest, ReleasesTheOldestFirstWhenCleared) {
+  std::vector<int> released;
+  ExecuteQueue<std::shared_ptr<int>> queue;
+  for (const int value : {3, 1, 2}) {
+    queue.push({new int(value), [&released](const int* element) {
+                  released.push_back(*element);
+                  delete element;
+                }});
+  }
+
+  queue.clear();
+
+  EXPECT_EQ(released, (std::vector<int>{3, 1, 2}));
 }
 
 TEST(ExecuteQueueTest, ReleasesItsElementsWhenItGoes) {
