@@ -40,6 +40,7 @@ NotifyPtr nextNotification() {
 void th_listener() {
   installEmptySignalMask();
   // The admin thread's words: the log has no start line of the listener's own.
+  // ListenerTest.BeginsWithTheAdminThreadsLine holds this in place.
   fileLog->write(0, "TH ADMIN#START ");
   const ResultPtr subscription(pgSQL->executeRequest(kListen));
   NotificationBatch batch;

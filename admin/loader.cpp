@@ -20,7 +20,9 @@ using Task = std::shared_ptr<serviceCron>;
 
 void add(int id, const Task& task) {
   {
-    // A task that is replaced here may be queued still, and then runs beside the new one.
+    // A task that is replaced here may be queued still, and then runs beside the new one: an
+    // addition says that there was none. LoaderTest.ReplacesAKnownTaskAndLeavesItQueued holds this
+    // in place.
     const std::lock_guard lock(mutexTaskMap);
     cronTaskMap[id] = task;
   }
@@ -67,7 +69,7 @@ void enter(const std::string& mode, const LoaderRow& row) {
 }  // namespace
 
 void load_cron_task(std::string mode, std::vector<int>* ids) {
-  const ResultPtr result(pgSQL->executeRequest(taskQuery(ids)));
+  ResultPtr result(pgSQL->executeRequest(taskQuery(ids)));
   for (int index = 0; index < PQntuples(result.get()); ++index) {
     const LoaderRow row(result, index);
     try {
@@ -78,5 +80,6 @@ void load_cron_task(std::string mode, std::vector<int>* ids) {
       fileLog->write(4, "Failed to initial load service: " + row.retriesInterval() + e.what());
     }
   }
+  result.reset();
   fileLog->write(2, "script reload successful");
 }

@@ -22,6 +22,7 @@ void NotificationBatch::add(const std::string& payload) {
   Json::Value message;
   if (!reader->parse(payload.data(), payload.data() + payload.size(), &message, &errors)) {
     // The admin thread's name in it stays: those who watch the log look for this line.
+    // NotificationBatchTest.WarnsOfAPayloadThatIsNoJson holds this in place.
     fileLog->write(3, "TH ADMIN# Bad notify Json receive :" + payload);
     return;
   }

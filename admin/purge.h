@@ -6,8 +6,12 @@
 /// the next one repeats the steps; what is absent already is no error. A flagged id that is not
 /// loaded loses its archive directory and rows all the same.
 ///
-/// Throws PostgresqlException, std::invalid_argument or std::out_of_range for an id that is no
-/// number, std::filesystem::filesystem_error for a file that cannot be removed; the task is out of
-/// the map and its rows are there by then. Called by the admin thread; takes mutexTaskMap for the
-/// map's step alone.
+/// What it throws, and what has happened by then to the task of that row (those before it are
+/// purged, those behind it untouched):
+///   PostgresqlException of the query for flagged rows: nothing, to any task;
+///   std::invalid_argument, std::out_of_range for an id that is no number: nothing;
+///   std::filesystem::filesystem_error for a file that cannot be removed: out of the map, marked;
+///   PostgresqlException of a delete: also without its files, and without its history when it was
+///   the row's own delete.
+/// Called by the admin thread; takes mutexTaskMap for the map's step alone.
 void DeleteTask();

@@ -34,7 +34,8 @@ extern int debug;
 /// The stop flag: 0 running, 1 stop requested. Any thread may read it; HandlerQuit alone sets it.
 extern std::atomic<int> die_kodu;
 
-/// The daemon's log. Created and deleted by `main`; locks for itself.
+/// The daemon's log. Created by `main`, and deleted by it when no worker was started: workers are
+/// never joined and may write until the process ends. Locks for itself.
 extern logFile* fileLog;
 
 /// The one connection that all threads share. Never deleted; locks for itself.

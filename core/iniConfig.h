@@ -28,7 +28,7 @@ class iniConfig {
   /// Every line of `section`, split at its first "=" into name and value. The map belongs to this
   /// object, lives as long as it and is never emptied: the values of a later call are added and
   /// replace earlier ones of the same name. Throws FileException when the file cannot be opened.
-  const std::map<std::string, std::string>& getSection(const std::string& section);
+  std::map<std::string, std::string>& getSection(const std::string& section);
 
  private:
   /// Calls `visit` with each line of `section`, comments left out, until it returns false. Throws

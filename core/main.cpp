@@ -68,15 +68,17 @@ void redirectStandardError() {
   if (dup2(STDOUT_FILENO, STDERR_FILENO) != -1) {
     return;
   }
+  const int error = errno;
   const std::string message =
-      std::string("erreur de redirection de flux stderr (dup2): ") + std::strerror(errno);
+      std::string("erreur de redirection de flux stderr (dup2): ") + std::strerror(error);
   std::cout << message << std::endl;
+  errno = error;  // the line above may have failed too
   std::perror(message.c_str());
   std::exit(2);
 }
 
 /// A directory that exists is left as it is, without an archive directory too: the workers make
-/// that.
+/// that. StartUpTest.CreatesNothingInAnExistingLogDirectory holds this in place.
 void prepareLogDirectory(const iniConfig& config) {
   const std::string configured = config.getKey("LOG", "log_path_task");
   if (!configured.empty()) {
@@ -126,6 +128,9 @@ Threads startThreads(int workers) {
 Threads startService(const iniConfig& config) {
   const SignalBlock noSigterm = SignalBlock::sigterm();
   std::signal(SIGTERM, HandlerQuit);
+  // Whoever started the daemon may have left it ignored: no plugin could be waited for then.
+  // StartUpTest.WaitsForPluginsWhereSigchldIsIgnored holds this in place.
+  std::signal(SIGCHLD, SIG_DFL);
   // Nobody catches what a text that is no number throws: the process ends.
   const int workers = std::stoi(config.getKey("CRON", "thread_number"));
   connectDatabase(config.getKey("CRON", "kodu_conf_file"));

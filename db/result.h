@@ -17,8 +17,7 @@ using ResultPtr = std::unique_ptr<PGresult, ResultClearer>;
 inline std::string cellText(const ResultPtr& result, int row, int column, const char* what) {
   if (row >= PQntuples(result.get())) {
     throw std::logic_error(std::string(what) +
-                           " returned no row: the task's row was deleted meanwhile; start the "
-                           "daemon again to go on with the other tasks");
+                           " returned no row: the task's row was deleted meanwhile");
   }
   return PQgetvalue(result.get(), row, column);
 }

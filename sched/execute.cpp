@@ -114,6 +114,7 @@ int serviceSafe::execute() {
   }
   // Held over the whole run, so that one task never runs twice at a time.
   const std::lock_guard lock(mutex);
+  // Wipes a deletion mark that came since the worker looked at it, too.
   ExecState = 0;
   Stdout.clear();
   const int pid = startPlugin(pipe);

@@ -1,7 +1,8 @@
 -- The tables of koducron, the role that its daemon connects as, and the database's settings.
 --
--- Load it as the owner of the database, with psql -f or any other client; loading it again changes
--- nothing. The role `kodu` has no password until whoever installs the database gives it one:
+-- Load it as the owner of the database, who may create roles, with psql -f or any other client;
+-- loading it again changes nothing. The role `kodu` has no password until whoever installs the
+-- database gives it one:
 --     ALTER ROLE kodu PASSWORD '...';
 --
 -- All times are `timestamp` columns that hold UTC: the daemon reads them as seconds since the
@@ -144,6 +145,10 @@ GRANT USAGE ON SEQUENCE kodu_cron_error_cron_error_id_seq TO kodu;
 DO $$
 BEGIN
     EXECUTE format('ALTER DATABASE %I SET timezone = %L', current_database(), 'UTC');
+    -- A transaction that somebody opened, changed a task in and forgot would stop the daemon at that
+    -- task's row, and all other tasks behind it. A session with a reason may set its own limit.
+    EXECUTE format('ALTER DATABASE %I SET idle_in_transaction_session_timeout = %L',
+                   current_database(), '60s');
     -- Whoever may connect may notify the daemon, and a wrong notification ends it.
     EXECUTE format('REVOKE CONNECT ON DATABASE %I FROM PUBLIC', current_database());
     EXECUTE format('GRANT CONNECT ON DATABASE %I TO kodu', current_database());

@@ -312,7 +312,7 @@ TEST_F(SchemaTest, SetsTheDatabasesTimeZoneToUtc) {
   EXPECT_EQ(zone(), "UTC");
 }
 
-TEST_F(SchemaTest, LetsOnlyTheDaemonCommitWithoutWaiting) {
+TEST_F(SchemaTest, SetsWhatTheDatabaseAndTheDaemonNeed) {
   loadSchema();
 
   EXPECT_EQ(database.query("SELECT COALESCE(rolname, 'all'), unnest(setconfig) FROM "
@@ -320,6 +320,7 @@ TEST_F(SchemaTest, LetsOnlyTheDaemonCommitWithoutWaiting) {
                            "LEFT JOIN pg_roles r ON r.oid = setrole "
                            "WHERE datname = current_database() ORDER BY 1, 2"),
             (Rows{{"all", "TimeZone=UTC"},
+                  {"all", "idle_in_transaction_session_timeout=60s"},
                   {"kodu", "search_path=public"},
                   {"kodu", "synchronous_commit=off"}}));
 }

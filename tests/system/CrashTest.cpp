@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
+#include "db/pgSafeThread.h"
 #include "db/result.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Database.h"
@@ -129,6 +130,29 @@ TEST_F(CrashTest, EndsWhenTheRowIsDeletedDuringItsRun) {
   expectAbort("std::logic_error", "");
   EXPECT_EQ(daemon.output("out_1_last.txt"), "released\n");
   expectResumed(2);
+}
+
+TEST_F(CrashTest, GoesOnWhenAForgottenTransactionIsEnded) {
+  insertTask(1, "echo fine");
+  insertTask(2, "echo fine");
+  pgSafeThread forgetful(database.conninfo());
+  for (const char* statement : {"SET idle_in_transaction_session_timeout = '3s'", "BEGIN",
+                                "UPDATE kodu_cron_plugin SET cron_status = '' WHERE cron_id = 1"}) {
+    PQclear(forgetful.executeRequest(statement));
+  }
+
+  daemon.start();
+
+  EXPECT_TRUE(waitUntil(
+      [&] {
+        return database.value(
+                   "SELECT count(*) FROM pg_stat_activity WHERE wait_event_type = 'Lock' AND "
+                   "datname = current_database() AND usename = 'kodu'") == "1";
+      },
+      kPatience));
+  EXPECT_TRUE(waitForStatus(1, "OK"));
+  EXPECT_TRUE(waitForStatus(2, "OK"));
+  EXPECT_TRUE(daemon.isRunning());
 }
 
 TEST_F(CrashTest, EndsWhenTheArchiveFileIsThere) {

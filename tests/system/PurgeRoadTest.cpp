@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -8,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/DaemonTest.h"
+#include "tests/support/Process.h"
 
 namespace {
 
@@ -130,7 +132,7 @@ TEST_F(PurgeRoadTest, CompletesAnInterruptedPurge) {
   flag(1);
   database.query("REVOKE DELETE ON kodu_cron_plugin FROM kodu");
   daemon.start({"-D"});
-  ASSERT_TRUE(daemon.waitForEnd());
+  EXPECT_EQ(signalOf(daemon.waitForEnd()), SIGABRT);
   EXPECT_TRUE(hasRow(1));
   EXPECT_EQ(database.failures(1), 0);
   EXPECT_FALSE(fs::exists(archive(1)));

@@ -244,6 +244,20 @@ TEST_F(StartUpTest, RefusesAClientLibraryWithoutThreads) {
   EXPECT_FALSE(fs::exists(daemon.logPath()));
 }
 
+TEST_F(StartUpTest, WaitsForPluginsWhereSigchldIsIgnored) {
+  TaskRow row;
+  row.path = writePlugin(daemon.directory / "plugin", "echo fine");
+  row.nextExec = "date_trunc('second', now()) + interval '2 seconds'";
+  row.interval = "5 seconds";
+  database.insertTask(row);
+  void (*const previous)(int) = std::signal(SIGCHLD, SIG_IGN);
+  daemon.start();
+  std::signal(SIGCHLD, previous);
+
+  EXPECT_TRUE(
+      waitUntil([&] { return database.task(1, "cron_status") == "OK"; }, std::chrono::seconds(30)));
+}
+
 TEST_F(StartUpTest, EndsWithoutItsConfiguration) {
   fs::remove(daemon.mainConfig());
 
