@@ -2,7 +2,7 @@
 # $kHome set: the folder that all of it is kept in.
 # shellcheck shell=bash
 
-kCluster=$kHome/postgres
+kCluster=${kHome:?}/postgres
 
 fail() { printf '%s: %s\n' "$0" "$*" >&2; exit 1; }
 
