@@ -225,7 +225,7 @@ TEST(ServiceSafeTest, LocksForEachStringAndForTheInterval) {
            [](serviceSafe& used) { used.SetService_id(1ULL); },
            [](serviceSafe& used) { used.SetService_id(std::string("1")); },
            [](serviceSafe& used) { used.Setinterval_exec_time(1); },
-           [](serviceSafe& used) { const serviceSafe copy(used); },
+           [](serviceSafe& used) { std::make_shared<serviceSafe>(used); },
            [source](serviceSafe& used) { used.updateServiceParameter(source); }}) {
     uses.push_back(startUse(record, use));
   }
@@ -544,7 +544,8 @@ TEST(SetparameterTest, LeavesTheRecordLockedWhenMemoryRunsOut) {
   for (long granted = 0; record == nullptr || record->GetVectorParam().empty(); ++granted) {
     ASSERT_FALSE(isSplit) << "no request failed between the arguments";
     record = keptRecord();
-    std::string text = one + " " + other;
+    std::string text = one;
+    text += " " + other;
     try {
       const HeapLimit limit(granted);
       record->Setparameter(std::move(text));
