@@ -11,6 +11,6 @@
 inline constexpr std::chrono::seconds kPurgePeriod(KODU_PURGE_PERIOD_SECONDS);
 
 /// The admin thread: purges deleted tasks at once and then every kPurgePeriod. Looks at the stop
-/// flag between sleeps only, so it returns up to kPurgePeriod after the flag is set. What
-/// DeleteTask throws ends the process.
+/// flag between sleeps only, so it returns up to kPurgePeriod, and the purge in progress, after the
+/// flag is set. What DeleteTask throws ends the process.
 void th_admin();

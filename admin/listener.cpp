@@ -42,7 +42,7 @@ void th_listener() {
   // The admin thread's words: the log has no start line of the listener's own.
   // ListenerTest.BeginsWithTheAdminThreadsLine holds this in place.
   fileLog->write(0, "TH ADMIN#START ");
-  const ResultPtr subscription(pgSQL->executeRequest(kListen));
+  ResultPtr subscription(pgSQL->executeRequest(kListen));
   NotificationBatch batch;
   while (die_kodu == 0) {
     readFromServer();
@@ -52,4 +52,5 @@ void th_listener() {
     batch.load();
     std::this_thread::sleep_for(std::chrono::seconds(1));
   }
+  subscription.reset();
 }

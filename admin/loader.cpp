@@ -42,7 +42,8 @@ void replace(int id, const Task& known, const Task& task) {
 
 void update(int id, const Task& task) {
   // Held over the queue's push and the records' locks, so that the purge finds either the old task
-  // or the new one.
+  // or the new one. LoaderTest.HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces holds this in
+  // place.
   const std::lock_guard lock(mutexTaskMap);
   const auto entry = cronTaskMap.find(id);
   if (entry == cronTaskMap.end()) {

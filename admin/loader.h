@@ -11,5 +11,6 @@
 ///
 /// A row that cannot be made into a task is logged and skipped; what was done for it stays. Throws
 /// PostgresqlException when the query fails; nothing has been changed then. Called by `main` before
-/// the threads start and by the listener after; takes mutexTaskMap itself.
+/// the threads start and by the listener after; takes mutexTaskMap itself, and
+/// in "UPDATE" waits with it for the end of a run of the task that it replaces or updates.
 void load_cron_task(std::string mode, std::vector<int>* ids);

@@ -32,6 +32,7 @@ void purge(const std::string& id) {
   fileLog->write(0, "DELETE TASK: " + id);
   if (const auto task = takeFromMap(number); task != nullptr) {
     // The queues are not searched: whoever takes the task next sees the mark.
+    // DeleteTaskTest.LeavesTheQueuesAsTheyAre holds this in place.
     task->SetExecState(3);
     std::filesystem::remove(currentOutputPath(task));
   }
@@ -43,9 +44,10 @@ void purge(const std::string& id) {
 }  // namespace
 
 void DeleteTask() {
-  const ResultPtr flagged(pgSQL->executePrepareRequest("SelectDeleteCron"));
+  ResultPtr flagged(pgSQL->executePrepareRequest("SelectDeleteCron"));
   for (int row = 0; row < PQntuples(flagged.get()); ++row) {
     purge(cellText(flagged, row, 0, "SelectDeleteCron"));
   }
+  flagged.reset();
   fileLog->write(0, "DELETE END");
 }

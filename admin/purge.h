@@ -10,8 +10,10 @@
 /// purged, those behind it untouched):
 ///   PostgresqlException of the query for flagged rows: nothing, to any task;
 ///   std::invalid_argument, std::out_of_range for an id that is no number: nothing;
-///   std::filesystem::filesystem_error for a file that cannot be removed: out of the map, marked;
+///   std::filesystem::filesystem_error for its output file: out of the map, marked;
+///   the same for its archive: also without its output file, perhaps without a part of the archive;
 ///   PostgresqlException of a delete: also without its files, and without its history when it was
 ///   the row's own delete.
-/// Called by the admin thread; takes mutexTaskMap for the map's step alone.
+/// Called by the admin thread; takes mutexTaskMap for the map's step alone, and the record's lock
+/// for a file name with "$SERVICEID": it waits for the end of that task's run then.
 void DeleteTask();

@@ -36,6 +36,9 @@ std::string taskQuery(const std::vector<int>* ids) {
     return std::string(kTaskQuery) + ";";
   }
   if (ids->empty()) {
+    // All tasks again, and no ";": the ending belongs to the list that is not there.
+    // LoaderTest.LoadsEveryTaskAgainWithAnEmptyList and TaskQueryTest.HasNoEndingWithAnEmptyList
+    // hold this in place.
     return kTaskQuery;
   }
   return std::string(kTaskQuery) + " AND cron_id IN (" + joined(*ids) + ");";

@@ -115,7 +115,8 @@ int serviceSafe::execute() {
   }
   // Held over the whole run, so that one task never runs twice at a time.
   const std::lock_guard lock(mutex);
-  // Wipes a deletion mark that came since the worker looked at it, too.
+  // Wipes a deletion mark as well that came since the worker looked: a run that has begun is a run
+  // of the task as it is. ExecuteTest.WipesADeletionThatCameBeforeTheRun holds this in place.
   ExecState = 0;
   Stdout.clear();
   const int pid = startPlugin(pipe);
@@ -152,13 +153,15 @@ int serviceSafe::startPlugin(Pipe& pipe) const {
     error = errno;
   }
   if (pid < 0) {
+    pipe.closeReadEnd();
+    pipe.closeWriteEnd();
     throw serviceSafeException("Error create fork " + taskTrailer(std::strerror(error)));
   }
   pipe.closeWriteEnd();
   return pid;
 }
 
-std::string serviceSafe::readOutput(const Pipe& pipe) const {
+std::string serviceSafe::readOutput(Pipe& pipe) const {
   std::string output;
   std::array<char, 1024> chunk{};
   for (;;) {
@@ -170,17 +173,21 @@ std::string serviceSafe::readOutput(const Pipe& pipe) const {
       appendChunk(output, {chunk.data(), static_cast<std::size_t>(length)});
     } else if (errno != EINTR) {
       // The child is not waited for: it may live as long as it likes.
-      throw serviceSafeException("Error read buffer: " + taskTrailer(std::strerror(errno)));
+      const std::string message = "Error read buffer: " + taskTrailer(std::strerror(errno));
+      pipe.closeReadEnd();
+      throw serviceSafeException(message);
     }
   }
 }
 
 int serviceSafe::waitForPlugin(int pid, Pipe& pipe) const {
   int status = 0;
-  if (waitpid(pid, &status, WUNTRACED | WCONTINUED) == -1) {
-    throw serviceSafeException("Error execute " + taskTrailer(std::strerror(errno)));
-  }
+  const pid_t ended = waitpid(pid, &status, WUNTRACED | WCONTINUED);
+  const int error = errno;
   pipe.closeReadEnd();
+  if (ended == -1) {
+    throw serviceSafeException("Error execute " + taskTrailer(std::strerror(error)));
+  }
   return status;
 }
 

@@ -99,7 +99,9 @@ std::string serviceSafe::Getparameter() const {
 void serviceSafe::Setparameter(std::string text) {
   using Separator = boost::escaped_list_separator<char>;
   const Separator separator("", " ", "\"'");
-  // Before the lock: the text is in force even when the splitting below never ends well.
+  // Before the lock: the text shows, in the message of a run that fails, even while that run keeps
+  // the arguments as they were. ExecuteTest.ShowsParametersThatCameDuringTheRun holds this in
+  // place.
   parameter = text;
   // Explicit calls, not a guard: should memory run out the record stays locked, so that no plugin
   // is run with half of its arguments. SetparameterTest.LeavesTheRecordLockedWhenMemoryRunsOut

@@ -70,7 +70,7 @@ class serviceSafe {
   int GetRetrieTime() const { return RetrieTime; }
   void SetRetrieTime(int seconds) { RetrieTime = seconds; }
 
-  /// 0 normal, 1 updated while known, 3 deleted: a worker that meets it drops the task.
+  /// 0 normal, 1 updated while known, 3 deleted or replaced: a worker that meets it drops the task.
   char GetExecState() const { return ExecState; }
   void SetExecState(char state) { ExecState = state; }
 
@@ -106,7 +106,8 @@ class serviceSafe {
 
   /// Takes over the definition of `other`, which must be another record: name, parameters, path,
   /// retry fields, interval, ExecTime; sets ExecState to 1. Returns 1 when the interval or the
-  /// ExecTime was taken over, else 0. Locks this record, then the other.
+  /// ExecTime was taken over, else 0. Locks this record, then the other. Throws
+  /// std::invalid_argument for an interval of 0; interval and ExecTime stay as they were then.
   int updateServiceParameter(const serviceSafe& other);
   int updateServiceParameter(const std::shared_ptr<serviceSafe>& other);
 
@@ -131,7 +132,7 @@ class serviceSafe {
   /// Starts the plugin with its standard output in `pipe` and returns its pid.
   int startPlugin(Pipe& pipe) const;
   /// All that the plugin prints until the last holder of its standard output closes it.
-  std::string readOutput(const Pipe& pipe) const;
+  std::string readOutput(Pipe& pipe) const;
   /// Waits until the plugin has ended, or is stopped or continued; returns waitpid's status.
   int waitForPlugin(int pid, Pipe& pipe) const;
   /// The return code for waitpid's status; leaves a text in Stdout for unusual ones.

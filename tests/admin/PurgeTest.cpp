@@ -45,6 +45,13 @@ class DeleteTaskTest : public DatabaseGlobalsTest {
     return task;
   }
 
+  /// The plugin writes the file "begun" and ends once there is a file "released".
+  void usePluginThatWaits(const std::shared_ptr<serviceCron>& task) const {
+    task->Setpath(writePlugin(directory / "plugin", "echo begun >" + (directory / "begun") + "\n" +
+                                                        waitInShell(directory / "released") +
+                                                        "\necho fine"));
+  }
+
   void flag(int id) {
     database.query("UPDATE kodu_cron_plugin SET cron_delete = TRUE WHERE cron_id = " +
                    std::to_string(id));
@@ -304,11 +311,79 @@ TEST_F(DeleteTaskTest, LeavesTheMapUnlockedDuringItsStatements) {
   EXPECT_EQ(database.task(2, "cron_id"), "");
 }
 
-TEST_F(DeleteTaskTest, DoesNotWaitForTheRunOfTheTask) {
+TEST_F(DeleteTaskTest, LeavesAllAsItIsWhenTheQueryFails) {
   const auto task = makeTaskWithFiles(1, "a.txt");
-  task->Setpath(writePlugin(directory / "plugin", "echo begun >" + (directory / "begun") + "\n" +
-                                                      waitInShell(directory / "released") +
-                                                      "\necho fine"));
+  flag(1);
+  PQclear(pgSQL->executeRequest("DEALLOCATE \"SelectDeleteCron\""));
+
+  EXPECT_THROW(DeleteTask(), PostgresqlException);
+
+  EXPECT_TRUE(cronTaskMap.contains(1));
+  EXPECT_EQ(task->GetExecState(), 0);
+  EXPECT_EQ(readFile(log_directory + "/a.txt"), "output");
+  EXPECT_EQ(database.task(1, "cron_delete"), "t");
+  EXPECT_TRUE(log().empty());
+}
+
+TEST_F(DeleteTaskTest, KeepsTheRowsWhenTheArchiveCannotBeRemoved) {
+  const auto task = makeTaskWithFiles(1, "a.txt");
+  fs::remove_all(log_directory + "/archive");
+  writeFile(log_directory + "/archive", "no directory");
+  flag(1);
+
+  EXPECT_THROW(DeleteTask(), fs::filesystem_error);
+
+  EXPECT_FALSE(fs::exists(log_directory + "/a.txt")) << "the output comes first";
+  EXPECT_EQ(task->GetExecState(), 3);
+  EXPECT_EQ(database.failures(1), 2);
+  EXPECT_EQ(database.task(1, "cron_delete"), "t");
+}
+
+TEST_F(DeleteTaskTest, KeepsTheRowsHandledDeletedWhenAStatementFails) {
+  makeTaskWithFiles(1, "a.txt");
+  makeTaskWithFiles(2, "b.txt");
+  database.query(
+      "CREATE FUNCTION refuse() RETURNS trigger LANGUAGE plpgsql AS "
+      "'BEGIN RAISE EXCEPTION ''refused''; END'");
+  database.query(
+      "CREATE TRIGGER refuse BEFORE DELETE ON kodu_cron_plugin FOR EACH ROW "
+      "WHEN (OLD.cron_id = 2) EXECUTE FUNCTION refuse()");
+  flag(1);
+  flag(2);
+
+  EXPECT_THROW(DeleteTask(), PostgresqlException);
+
+  EXPECT_EQ(database.task(1, "cron_id"), "");
+  EXPECT_EQ(database.task(2, "cron_delete"), "t");
+  EXPECT_EQ(logged("DEBUG#DELETE END"), 0);
+}
+
+TEST_F(DeleteTaskTest, WaitsForTheRunOfATaskWithItsIdInTheFileName) {
+  const auto task = makeTaskWithFiles(1, "$SERVICEID.txt");
+  usePluginThatWaits(task);
+  std::thread worker([&] { task->execute(); });
+  EXPECT_TRUE(waitUntil([&] { return fs::exists(directory / "begun"); }));
+  flag(1);
+  std::thread admin(DeleteTask);
+
+  EXPECT_TRUE(waitUntil([&] { return task->GetExecState() == 3; }));
+  {
+    const std::lock_guard lock(mutexTaskMap);
+    EXPECT_TRUE(cronTaskMap.empty());
+  }
+  EXPECT_EQ(readFile(log_directory + "/1.txt"), "output");
+  EXPECT_EQ(database.task(1, "cron_delete"), "t");
+  writeFile(directory / "released", "");
+  worker.join();
+  admin.join();
+
+  EXPECT_FALSE(fs::exists(log_directory + "/1.txt"));
+  EXPECT_EQ(database.task(1, "cron_id"), "");
+}
+
+TEST_F(DeleteTaskTest, DoesNotWaitForTheRunOfATaskWithoutItsIdInTheFileName) {
+  const auto task = makeTaskWithFiles(1, "a.txt");
+  usePluginThatWaits(task);
   std::atomic<bool> hasRun = false;
   std::thread worker([&] {
     task->execute();

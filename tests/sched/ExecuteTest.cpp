@@ -270,6 +270,36 @@ TEST_F(ExecuteTest, ResetsTheExecState) {
   EXPECT_EQ(task.GetExecState(), 0);
 }
 
+TEST_F(ExecuteTest, WipesADeletionThatCameBeforeTheRun) {
+  usePlugin("echo text");
+  task.SetExecState(3);
+
+  task.execute();
+
+  EXPECT_EQ(task.GetExecState(), 0);
+}
+
+TEST_F(ExecuteTest, ShowsParametersThatCameDuringTheRun) {
+  usePlugin("> " + directory / "started; " + waitInShell(directory / "go") + "; kill -KILL $$");
+  task.Setparameter("old");
+  std::string message;
+  std::thread worker([&] {
+    try {
+      task.execute();
+    } catch (const serviceSafeException& e) {
+      message = e.what();
+    }
+  });
+  EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(directory / "started"); }));
+  auto change = std::async(std::launch::async, [&] { task.Setparameter("new"); });
+  EXPECT_EQ(change.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  writeFile(directory / "go", "");
+  worker.join();
+  change.get();
+
+  EXPECT_THAT(message, EndsWith(" new"));
+}
+
 TEST_F(ExecuteTest, KeepsADeletionThatComesDuringTheRun) {
   usePlugin("> " + directory / "started; " + waitInShell(directory / "go") + "; echo text");
   auto run = start();

@@ -1,6 +1,7 @@
 #include "sched/worker.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -595,6 +596,21 @@ TEST_F(WorkerTest, WritesWhyAPluginIsNotExecutable) {
             "DAEMON: plugin is not executable No such file or directory\n");
   EXPECT_EQ(logged("DEBUG#TH EXEC: crontask exec SUCCESS task 1"), 1) << "it counts as a run";
   EXPECT_EQ(status(1), "FAILED");
+}
+
+TEST_F(WorkerTest, LeavesNoStorageOfTheOutputWithTheTask) {
+  constexpr std::size_t kLength = 100'000;
+  if (mallinfo2().uordblks == 0) {
+    GTEST_SKIP() << "the heap is the sanitizer's";
+  }
+  const Task task = addTask(1, "printf '%100000s' end");
+  ASSERT_TRUE(runTask(addTask(2, "echo fine")));  // what a first run makes for good
+  const auto bytesBefore = mallinfo2().uordblks;
+
+  ASSERT_TRUE(runTask(task));
+
+  EXPECT_EQ(output("out_1_last.txt").size(), kLength);
+  EXPECT_LT(mallinfo2().uordblks, bytesBefore + kLength / 2);
 }
 
 // The thread itself.

@@ -136,7 +136,7 @@ TEST_F(CrashTest, GoesOnWhenAForgottenTransactionIsEnded) {
   insertTask(1, "echo fine");
   insertTask(2, "echo fine");
   pgSafeThread forgetful(database.conninfo());
-  for (const char* statement : {"SET idle_in_transaction_session_timeout = '3s'", "BEGIN",
+  for (const char* statement : {"SET idle_in_transaction_session_timeout = '10s'", "BEGIN",
                                 "UPDATE kodu_cron_plugin SET cron_status = '' WHERE cron_id = 1"}) {
     PQclear(forgetful.executeRequest(statement));
   }
