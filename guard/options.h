@@ -1,0 +1,14 @@
+#pragma once
+
+/// What a command line asks for.
+struct Options {
+  long timeLimitSeconds = 30;
+  long graceSeconds = 5;     // between TERM and KILL
+  long outputLimit = 65536;  // bytes, standard output and standard error together
+  bool withStandardError = false;
+  char** plugin = nullptr;  // path and arguments, ended by a null pointer; part of argv
+};
+
+/// Reads `arguments`, argv without its first element, into `options`. False when there is nothing
+/// to run, after having said why on standard output.
+bool parseOptions(char** arguments, Options& options);

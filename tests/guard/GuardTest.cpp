@@ -1,0 +1,505 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "task/serviceSafe.h"
+#include "tests/support/Files.h"
+#include "tests/support/Process.h"
+#include "tests/support/waitInShell.h"
+#include "tests/support/waitUntil.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+const char* const kTimedOut = "UNKNOWN - timed out after 1 s\n";
+const char* const kLeft =
+    "[koduguard: ended processes that held the output open when the plugin had ended]\n";
+
+std::string guardPath() {
+  const char* path = std::getenv("KODU_TEST_GUARD");
+  return path == nullptr ? "KODU_TEST_GUARD is not set" : path;
+}
+
+/// True until the process has ended and its parent has waited for it.
+bool lives(pid_t pid) {
+  return kill(pid, 0) == 0 &&
+         readFile("/proc/" + std::to_string(pid) + "/stat").find(") Z") == std::string::npos;
+}
+
+class GuardTest : public testing::Test {
+ protected:
+  ~GuardTest() override {
+    if (guard > 0) {
+      kill(guard, SIGKILL);
+      waitpid(guard, nullptr, 0);
+    }
+  }
+
+  /// Starts the guard with an empty environment; `prepare` is called in the child before.
+  void start(
+      std::vector<std::string> arguments, const std::function<void()>& prepare = [] {}) {
+    arguments.insert(arguments.begin(), guardPath());
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments) {
+      pointers.push_back(argument.data());
+    }
+    pointers.push_back(nullptr);
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const std::string console = directory / "console";
+    begin = Clock::now();
+    guard = fork();
+    if (guard == 0) {
+      std::array<char*, 2> environment = {const_cast<char*>(variable), nullptr};
+      dup2(ends[1], STDOUT_FILENO);
+      dup2(open(console.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDERR_FILENO);
+      prepare();
+      execve(pointers[0], pointers.data(), environment.data());
+      _exit(127);
+    }
+    close(ends[1]);
+    reader = ends[0];
+  }
+
+  /// Reads the guard's output to its end and waits for it.
+  void finish() {
+    std::array<char, 4096> chunk{};
+    for (ssize_t length = 0; (length = read(reader, chunk.data(), chunk.size())) > 0;) {
+      output.append(chunk.data(), static_cast<std::size_t>(length));
+    }
+    close(reader);
+    int raw = 0;
+    waitpid(guard, &raw, 0);
+    guard = -1;
+    duration = Clock::now() - begin;
+    status = raw;
+    errors = readFile(directory / "console");
+  }
+
+  void run(
+      const std::vector<std::string>& arguments, const std::function<void()>& prepare = [] {}) {
+    output.clear();
+    start(arguments, prepare);
+    finish();
+  }
+
+  /// Runs a shell script with this body behind `options`.
+  void runScript(std::vector<std::string> options, const std::string& body) {
+    addScript(options, body);
+    run(options);
+  }
+  void addScript(std::vector<std::string>& options, const std::string& body) const {
+    options.insert(options.end(),
+                   {"--", writePlugin(directory / "plugin", "PATH=/usr/bin:/bin\n" + body)});
+  }
+
+  /// Starts a script that notes its process before it goes on, and waits for that.
+  void startNoting(std::vector<std::string> options, const std::string& body) {
+    addScript(options, "echo $$ >" + notePath() + ".new; mv " + notePath() + ".new " + notePath() +
+                           "\n" + body);
+    start(options);
+    ASSERT_TRUE(waitUntil([&] { return noted() > 0; }));
+  }
+  std::string notePath() const { return directory / "note"; }
+  /// The process that a script has noted; 0 before.
+  pid_t noted() const {
+    const std::string text = readFile(notePath());
+    return text.empty() ? 0 : std::stoi(text);
+  }
+
+  int code() const { return exitStatusOf(status); }
+
+  TempDir directory;
+  const char* variable = nullptr;  // the environment, "NAME=value"
+  pid_t guard = -1;
+  int reader = -1;
+  Clock::time_point begin;
+  Clock::duration duration{};
+  std::optional<int> status;
+  std::string output;
+  std::string errors;
+};
+
+// What passes through.
+
+TEST_F(GuardTest, PassesOutputAndExitCodeThrough) {
+  for (const int exitCode : {0, 1, 2, 3, 4, 5, 7, 255}) {
+    runScript({}, "echo words; echo lost >&2; exit " + std::to_string(exitCode));
+    EXPECT_EQ(output, "words\n");
+    EXPECT_EQ(errors, "lost\n");
+    EXPECT_EQ(code(), exitCode);
+  }
+}
+
+TEST_F(GuardTest, LeavesEachByteOfTheOutputAlone) {
+  runScript({}, R"(printf 'a\000b\377c')");
+  EXPECT_EQ(output, std::string("a\0b\377c", 5));
+}
+
+TEST_F(GuardTest, HandsTheArgumentsOverAsTheyAre) {
+  run({"-t", "9", "--", writePlugin(directory / "arguments", "for a; do echo \"<$a>\"; done"),
+       "two words", "", "--", "-t", "$1"});
+  EXPECT_EQ(output, "<two words>\n<>\n<-->\n<-t>\n<$1>\n");
+}
+
+TEST_F(GuardTest, HandsTheEnvironmentOver) {
+  run({"--", "/usr/bin/env"});
+  EXPECT_EQ(output, "/usr/bin/env printed nothing, exit code 0\n");
+  variable = "KEY=value";
+  run({"--", "/usr/bin/env"});
+  EXPECT_EQ(output, "KEY=value\n");
+}
+
+TEST_F(GuardTest, HandsStandardInputAndNoOtherDescriptorOver) {
+  writeFile(directory / "input", "typed\n");
+  const std::string input = directory / "input";
+  run({"-e", "--", "/bin/sh", "-c", "/bin/cat; /bin/ls /proc/self/fd"}, [&] {
+    dup2(open(input.c_str(), O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+    close_range(STDERR_FILENO + 1, ~0U, 0);
+  });
+  EXPECT_EQ(output, "typed\n0\n1\n2\n3\n");  // 3 is the list's own
+}
+
+TEST_F(GuardTest, LeavesTheSignalMaskAlone) {
+  run({"--", "/bin/grep", "SigBlk", "/proc/self/status"});
+  EXPECT_EQ(output, "SigBlk:\t0000000000000000\n");
+}
+
+TEST_F(GuardTest, RunsThePluginInAGroupOfItsOwn) {
+  runScript({}, "set -- $(cat /proc/$$/stat); echo $(($1 - $5))");  // its number, its group's
+  EXPECT_EQ(output, "0\n");
+}
+
+TEST_F(GuardTest, BearsClosedStandardFiles) {
+  run({"-e", "--", "/bin/sh", "-c", "echo out; echo err >&2"}, [] {
+    close(STDIN_FILENO);
+    close(STDERR_FILENO);
+  });
+  EXPECT_EQ(output, "out\nerr\n");
+}
+
+TEST_F(GuardTest, BearsAnInheritedIgnoranceOfItsChildren) {
+  run({"--", "/bin/sh", "-c", "echo out; exit 2"}, [] { std::signal(SIGCHLD, SIG_IGN); });
+  EXPECT_EQ(output, "out\n");
+  EXPECT_EQ(code(), 2);
+}
+
+TEST_F(GuardTest, WaitsForAReaderThatDoesNotWait) {
+  // Far more than the pipe holds, into a pipe that refuses instead of waiting.
+  start({"-o", "1000000", "--", "/usr/bin/head", "-c", "1000000", "/dev/zero"},
+        [] { fcntl(STDOUT_FILENO, F_SETFL, O_NONBLOCK); });
+  pollfd file = {reader, POLLIN, 0};
+  ASSERT_EQ(poll(&file, 1, 10'000), 1);
+  finish();
+  EXPECT_EQ(output.size(), 1'000'000U);
+  EXPECT_EQ(code(), 0);
+}
+
+// The time limit.
+
+TEST_F(GuardTest, EndsAPluginAtTheTimeLimit) {
+  runScript({"-t", "1"}, "echo $$; exec sleep 60");
+  EXPECT_THAT(output, StartsWith(kTimedOut));
+  EXPECT_EQ(code(), 3);
+  EXPECT_GE(duration, milliseconds(1000));
+  EXPECT_LT(duration, milliseconds(5000));  // not the grace as well
+  EXPECT_FALSE(lives(std::stoi(output.substr(std::string(kTimedOut).size()))));
+}
+
+TEST_F(GuardTest, SendsTermAtTheTimeLimit) {
+  runScript({"-t", "1"}, "trap 'echo bye; exit 0' TERM; echo hello; sleep 60 & wait");
+  EXPECT_EQ(output, std::string(kTimedOut) + "hello\nbye\n");
+  EXPECT_EQ(code(), 3);
+}
+
+TEST_F(GuardTest, SendsKillAfterTheGrace) {
+  runScript({"-t", "1", "-k", "1"}, "trap '' TERM; echo hello; while :; do sleep 0.1; done");
+  EXPECT_EQ(output, std::string(kTimedOut) + "hello\n");
+  EXPECT_GE(duration, milliseconds(2000));
+  EXPECT_LT(duration, milliseconds(10'000));
+}
+
+TEST_F(GuardTest, GivesNoGraceWhereNoneIsGiven) {
+  runScript({"-t", "1", "-k", "0"}, "trap '' TERM; while :; do sleep 0.1; done");
+  EXPECT_EQ(output, kTimedOut);
+  EXPECT_LT(duration, milliseconds(5000));
+}
+
+TEST_F(GuardTest, EndsTheWholeGroupAtTheTimeLimit) {
+  // The one in the background neither holds the output nor takes TERM.
+  runScript({"-t", "1", "-k", "1"}, "(trap '' TERM; exec sleep 60) >/dev/null & echo $! >" +
+                                        notePath() + "; exec sleep 60");
+  EXPECT_EQ(output, kTimedOut);
+  EXPECT_FALSE(lives(noted()));
+}
+
+TEST_F(GuardTest, EndsAStoppedPlugin) {
+  runScript({"-t", "1"}, "echo before; kill -STOP $$; echo after");
+  EXPECT_EQ(output, std::string(kTimedOut) + "before\n");
+  EXPECT_LT(duration, milliseconds(5000));
+}
+
+TEST_F(GuardTest, WaitsForAPluginThatHasClosedItsOutput) {
+  runScript({}, "echo words; exec >&-; sleep 0.3; exit 2");
+  EXPECT_EQ(output, "words\n");
+  EXPECT_EQ(code(), 2);
+}
+
+TEST_F(GuardTest, EndsAPluginThatHasClosedItsOutputAndHangs) {
+  runScript({"-t", "1"}, "echo words; exec >&-; exec sleep 60");
+  EXPECT_EQ(output, std::string(kTimedOut) + "words\n");
+}
+
+TEST_F(GuardTest, KeepsItsTimeThoughItWasStopped) {
+  startNoting({"-t", "1"}, "exec sleep 60");
+  const pid_t plugin = noted();
+  kill(guard, SIGSTOP);
+  kill(guard, SIGCONT);
+  finish();
+  EXPECT_EQ(output, kTimedOut);
+  EXPECT_LT(duration, milliseconds(5000));
+  EXPECT_FALSE(lives(plugin));
+}
+
+// The output limit.
+
+TEST_F(GuardTest, LeavesAnOutputOfJustTheLimitAlone) {
+  runScript({"-o", "6"}, "echo 12345");
+  EXPECT_EQ(output, "12345\n");
+}
+
+TEST_F(GuardTest, MarksAnOutputBeyondTheLimit) {
+  runScript({"-o", "5"}, "echo 12345; exit 1");
+  EXPECT_EQ(output, "12345\n[koduguard: output cut at 5 bytes, 1 dropped; -o sets the limit]\n");
+  EXPECT_EQ(code(), 1);
+}
+
+TEST_F(GuardTest, ReadsOnBehindTheLimit) {
+  run({"-o", "65536", "--", "/usr/bin/head", "-c", "10000000", "/dev/zero"});
+  EXPECT_THAT(output, HasSubstr(" 9934464 dropped;"));
+  EXPECT_EQ(code(), 0);
+}
+
+TEST_F(GuardTest, KeepsBothLimitsUnderAFlood) {
+  run({"-t", "1", "-o", "4", "--", "/usr/bin/yes"});
+  EXPECT_THAT(output, StartsWith(std::string(kTimedOut) + "y\ny\n[koduguard: output cut at 4 "));
+  EXPECT_LT(duration, milliseconds(5000));
+}
+
+// Standard error.
+
+TEST_F(GuardTest, AddsStandardErrorAfterTheOutput) {
+  runScript({"-e"}, "echo second >&2; echo first");
+  EXPECT_EQ(output, "first\nsecond\n");
+  EXPECT_EQ(errors, "");
+}
+
+TEST_F(GuardTest, BeginsALineForStandardError) {
+  runScript({"-e"}, "echo second >&2; printf first");
+  EXPECT_EQ(output, "first\nsecond\n");
+}
+
+TEST_F(GuardTest, CountsBothStreamsTogether) {
+  runScript({"-e", "-o", "8"}, "echo 12345 >&2; echo 67890");
+  EXPECT_EQ(output,
+            "67890\n12\n[koduguard: output cut at 8 bytes, 4 dropped; -o sets the limit]\n");
+}
+
+TEST_F(GuardTest, AddsStandardErrorOfAHungPlugin) {
+  runScript({"-e", "-t", "1"}, "echo second >&2; echo first; exec sleep 60");
+  EXPECT_EQ(output, std::string(kTimedOut) + "first\nsecond\n");
+}
+
+// A plugin that prints nothing, or that a signal ends.
+
+TEST_F(GuardTest, SaysThatAPluginPrintedNothing) {
+  for (const int exitCode : {0, 2, 255}) {
+    runScript({}, "echo lost >&2; exit " + std::to_string(exitCode));
+    EXPECT_EQ(output, directory / "plugin" + " printed nothing, exit code " +
+                          std::to_string(exitCode) + "\n");
+    EXPECT_EQ(code(), exitCode);
+  }
+}
+
+TEST_F(GuardTest, TakesTwoQuotesForNothing) {
+  runScript({}, "printf \"''\"");
+  EXPECT_EQ(output, directory / "plugin" + " printed nothing, exit code 0\n");
+}
+
+TEST_F(GuardTest, TakesStandardErrorForSomethingWhereItIsAdded) {
+  runScript({"-e"}, "echo words >&2");
+  EXPECT_EQ(output, "words\n");
+}
+
+TEST_F(GuardTest, SaysWhichSignalEndedAPlugin) {
+  runScript({}, "echo words; kill -SEGV $$");
+  EXPECT_EQ(output,
+            "UNKNOWN - " + directory / "plugin" + " was ended by SIGSEGV (signal 11)\nwords\n");
+  EXPECT_EQ(code(), 3);
+}
+
+TEST_F(GuardTest, SaysWhatTheDaemonSaysOfAPluginThatCannotBeExecuted) {
+  writeFile(directory / "text", "no program");
+  writeFile(directory / "binary", std::string("\177ELF\0\0", 6));
+  chmod((directory / "binary").c_str(), 0700);
+  for (const std::string& path : {directory / "missing", directory / "text", directory / "binary",
+                                  directory / "text/below", directory.path()}) {
+    serviceSafe task;
+    task.Setpath(path);
+    const int daemonsCode = task.execute();
+    run({"--", path});
+    EXPECT_THAT(output, StartsWith(task.GetStdout()));
+    EXPECT_THAT(output, HasSubstr("koduguard: cannot run " + path + "; give the whole path of"));
+    EXPECT_EQ(code(), daemonsCode);
+  }
+}
+
+// What a plugin leaves behind.
+
+TEST_F(GuardTest, EndsAGrandchildThatHoldsTheOutput) {
+  runScript({"-t", "30"}, "sleep 60 & echo $! >" + notePath() + "; echo words; exit 1");
+  EXPECT_EQ(output, std::string("words\n") + kLeft);
+  EXPECT_EQ(code(), 1);
+  EXPECT_LT(duration, milliseconds(10'000));
+  EXPECT_FALSE(lives(noted()));
+}
+
+TEST_F(GuardTest, EndsAGrandchildThatHoldsTheOutputAndIgnoresTerm) {
+  runScript({"-t", "30", "-k", "1"},
+            "(trap '' TERM; exec sleep 60) & echo $! >" + notePath() + "; echo words");
+  EXPECT_EQ(output, std::string("words\n") + kLeft);
+  EXPECT_FALSE(lives(noted()));
+}
+
+TEST_F(GuardTest, EndsAGrandchildThatHasLeftTheGroup) {
+  runScript({"-t", "30"}, "setsid sleep 60 & echo words; exit 1");
+  EXPECT_EQ(output, std::string("words\n") + kLeft);
+  EXPECT_EQ(code(), 1);
+  EXPECT_LT(duration, milliseconds(10'000));
+}
+
+TEST_F(GuardTest, EndsGenerationsThatHaveLeftTheGroupAndIgnoreTerm) {
+  const std::string inner =
+      writePlugin(directory / "inner",
+                  "trap '' TERM; echo $$ >" + notePath() + "; while :; do /bin/sleep 0.1; done");
+  const std::string outer =
+      writePlugin(directory / "outer", "trap '' TERM\n/usr/bin/setsid " + inner + " & wait");
+  runScript({"-t", "1", "-k", "1"}, "setsid " + outer + " & echo words; wait");
+  EXPECT_EQ(output, std::string(kTimedOut) + "words\n");
+  EXPECT_FALSE(lives(noted()));
+}
+
+TEST_F(GuardTest, TakesWhatAGrandchildHadOnItsWay) {
+  runScript({}, "(sleep 0.05; echo late) & echo early");
+  EXPECT_EQ(output, "early\nlate\n");
+}
+
+TEST_F(GuardTest, LeavesAGrandchildAloneThatDoesNotHoldTheOutput) {
+  const std::string mark = directory / "mark";
+  runScript({}, "setsid sh -c '" + waitInShell(mark) + "; rm " + mark +
+                    "' >/dev/null 2>&1 </dev/null & echo words");
+  EXPECT_EQ(output, "words\n");
+  writeFile(mark, "");
+  EXPECT_TRUE(waitUntil([&] { return !std::filesystem::exists(mark); }));
+}
+
+// Signals to the guard.
+
+TEST_F(GuardTest, PassesSignalsOnToTheGroup) {
+  for (const auto& [signal, name] : {std::pair{SIGTERM, "TERM"}, std::pair{SIGINT, "INT"},
+                                     std::pair{SIGHUP, "HUP"}, std::pair{SIGQUIT, "QUIT"}}) {
+    std::filesystem::remove(notePath());
+    output.clear();
+    startNoting({}, std::string("trap 'echo caught; exit 0' ") + name + "; echo ready >" +
+                        (directory / "ready") + "; while :; do sleep 0.01; done");
+    ASSERT_TRUE(waitUntil([&] { return !readFile(directory / "ready").empty(); }));
+    std::filesystem::remove(directory / "ready");
+    kill(guard, signal);
+    finish();
+    EXPECT_EQ(output, std::string("UNKNOWN - interrupted by SIG") + name + "\ncaught\n");
+    EXPECT_EQ(code(), 3);
+  }
+}
+
+TEST_F(GuardTest, KillsAPluginThatIgnoresASignalPassedOn) {
+  startNoting({"-k", "1"}, "trap '' TERM; echo ready >" + (directory / "ready") +
+                               "; while :; do sleep 0.1; done");
+  ASSERT_TRUE(waitUntil([&] { return !readFile(directory / "ready").empty(); }));
+  kill(guard, SIGTERM);
+  finish();
+  EXPECT_EQ(output, "UNKNOWN - interrupted by SIGTERM\n");
+  EXPECT_FALSE(lives(noted()));
+}
+
+TEST_F(GuardTest, TakesThePluginWithItWhenItIsKilled) {
+  startNoting({}, "exec sleep 60");
+  const pid_t plugin = noted();
+  ASSERT_TRUE(lives(plugin));
+  kill(guard, SIGKILL);
+  finish();
+  EXPECT_EQ(signalOf(status), SIGKILL);
+  EXPECT_TRUE(waitUntil([&] { return !lives(plugin); }));
+}
+
+// The command line.
+
+TEST_F(GuardTest, RunsThePluginWithoutOptions) {
+  run({"/bin/echo", "-t", "words"});
+  EXPECT_EQ(output, "-t words\n");
+}
+
+TEST_F(GuardTest, RefusesAWrongCommandLine) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{}, "no plugin was given; write its path and arguments behind --"},
+      {{"-t", "1", "--"}, "no plugin was given; write its path and arguments behind --"},
+      {{"-x", "--", "/bin/echo"}, "there is no option -x"},
+      {{"-t"}, "-t takes whole seconds from 1 to 86400, not \"\""},
+      {{"-t", "0", "--", "/bin/echo"}, "-t takes whole seconds from 1 to 86400, not \"0\""},
+      {{"-t", "86401", "/bin/echo"}, "-t takes whole seconds from 1 to 86400, not \"86401\""},
+      {{"-t", "1.5", "/bin/echo"}, "-t takes whole seconds from 1 to 86400, not \"1.5\""},
+      {{"-k", "-1", "/bin/echo"}, "-k takes whole seconds from 0 to 3600, not \"-1\""},
+      {{"-k", "99999999999999999999", "x"},
+       "-k takes whole seconds from 0 to 3600, not \"99999999999999999999\""},
+      {{"-o", "1k", "/bin/echo"}, "-o takes bytes from 1 to 1073741824, not \"1k\""},
+      {{"-h"}, "help was asked for"},
+  };
+  for (const auto& [arguments, reason] : cases) {
+    run(arguments);
+    EXPECT_THAT(output, StartsWith("UNKNOWN - koduguard: " + reason + "\nusage: koduguard [-t "));
+    EXPECT_EQ(code(), 3);
+  }
+}
+
+TEST_F(GuardTest, TakesTheLargestNumbers) {
+  run({"-t", "86400", "-k", "3600", "-o", "1073741824", "--", "/bin/echo", "words"});
+  EXPECT_EQ(output, "words\n");
+}
+
+TEST_F(GuardTest, NeedsNoLoaderAndNoLibrary) {
+  EXPECT_THAT(readFile(guardPath()), Not(HasSubstr("/ld-linux")));
+}
+
+}  // namespace
