@@ -1,0 +1,108 @@
+"""The measurements. Each returns plain numbers; rounds alternate with what they are compared to."""
+
+import math
+import time
+from statistics import median
+
+from world import Daemon, server_cpu_seconds
+
+BURST = 4000
+
+
+def percentile(values, share):
+    ordered = sorted(values)
+    return ordered[min(len(ordered) - 1, math.ceil(share * len(ordered)) - 1)]
+
+
+def load_once(world):
+    """(seconds of the load, seconds of the bare query, resident bytes, peak bytes)."""
+    bare = world.run_program('readTasks')[0]
+    with Daemon(world) as daemon:
+        seconds = daemon.wait_until_loaded()
+        time.sleep(0.5)
+        return (seconds, bare, *daemon.memory_bytes())
+
+
+def burst_once(world, count, load_seconds):
+    """`count` tasks due in one second, drained: the daemon's figures for a run, then the floor's."""
+    due = int(time.time() + load_seconds * 1.5) + 3
+    world.plan(count, due)
+    with Daemon(world) as daemon:
+        daemon.wait_until_loaded()
+        before, server_before = daemon.cpu_seconds(), server_cpu_seconds(world)
+        time.sleep(max(0.0, due + 2.5 - time.time()))
+        daemon.wait_for_runs(count)
+        after, server = daemon.cpu_seconds(), server_cpu_seconds(world) - server_before
+    finished = world.finish_times(count)
+    elapsed, own, children, _ = world.run_floor(count)
+    return {'rate': count / (max(finished) - min(finished)),
+            'own': (after[0] - before[0]) / count, 'children': (after[1] - before[1]) / count,
+            'server': server / count,
+            'floor rate': count / elapsed, 'floor own': own / count,
+            'floor children': children / count}
+
+
+def bursts(world, count, load_seconds, rounds):
+    """The median of each figure, and of the ratios of each round."""
+    taken = [burst_once(world, count, load_seconds) for _ in range(rounds)]
+    figures = {name: median(one[name] for one in taken) for name in taken[0]}
+    figures['rate ratio'] = median(one['rate'] / one['floor rate'] for one in taken)
+    figures['cpu ratio'] = median(one['own'] / one['floor own'] for one in taken)
+    return figures
+
+
+def lateness(world, runs_a_second, seconds, load_seconds):
+    """Seconds from due to the end of the run, of as many runs each second: (median, p99, worst)."""
+    count = int(runs_a_second * seconds)
+    world.make_output_files(count)
+    first = int(time.time() + load_seconds * 1.5) + 4
+    world.plan(count, first, seconds)
+    with Daemon(world) as daemon:
+        daemon.wait_until_loaded()
+        time.sleep(max(0.0, first + seconds + 2 - time.time()))
+        daemon.wait_for_runs(count)
+    late = [finished - (first + number % seconds)
+            for number, finished in enumerate(world.finish_times(count), start=1)]
+    return median(late), percentile(late, 0.99), max(late)
+
+
+def notify_seconds(world, daemon, task, samples):
+    """Seconds from NOTIFY to the loaded task, one after the other."""
+    taken = []
+    for _ in range(samples):
+        begin = time.time()
+        world.query(f"""NOTIFY koducronchannel,
+                    '{{"TYPE":"SERVICE","COMMAND":"ADD","ID":{task}}}'""")
+        taken.append(daemon.wait_for('#script reload successful') - begin)
+    return taken
+
+
+def notification(world, count, load_seconds, samples):
+    """p99 of the seconds from NOTIFY to loaded task: (while idle, while `count` runs saturate it).
+
+    The task that is loaded is the one behind the `count` that run.
+    """
+    due = int(time.time() + load_seconds * 1.5) + 3 + samples
+    world.make_output_files(count)
+    world.plan(count, due)
+    with Daemon(world) as daemon:
+        daemon.wait_until_loaded()
+        time.sleep(1.5)  # its subscription
+        idle = notify_seconds(world, daemon, count + 1, samples)
+        time.sleep(max(0.0, due + 2.2 - time.time()))
+        busy = notify_seconds(world, daemon, count + 1, samples)
+        still_busy = world.query('SELECT count(*) FROM kodu_cron_plugin WHERE cron_last_exec IS NULL '
+                                 f'AND cron_id <= {count}') != [['0']]
+    if not still_busy:
+        raise RuntimeError(f'{count} runs were over before {samples} notifications')
+    return percentile(idle, 0.99), percentile(busy, 0.99)
+
+
+def catch_up(world, count):
+    """Seconds of loading `count` overdue tasks, and of as many bare statements."""
+    world.plan(count, int(time.time()) - 600)
+    with Daemon(world) as daemon:
+        seconds = daemon.wait_until_loaded()
+    world.plan(count, int(time.time()) - 600)
+    world.vacuum()
+    return seconds, world.run_program('readTasks', count)[0]

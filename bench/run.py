@@ -1,0 +1,150 @@
+"""Measures the daemon against the floor at several numbers of loaded tasks; see scripts/bench."""
+
+import argparse
+import csv
+import platform
+import shutil
+import subprocess
+import sys
+import time
+from pathlib import Path
+from statistics import median
+
+import figures
+from world import World
+
+# Of --quick: 0.8 of what the full run is to show, since one minute on a shared machine tells no more.
+LEAST_RATE_RATIO = 0.8 * 0.95
+MOST_CPU_RATIO = 1.15 / 0.8
+
+
+class Table:
+    """Rows of (loaded tasks, figure, value, unit); told as they come."""
+
+    def __init__(self):
+        self.rows = []
+
+    def add(self, loaded, name, value, unit=''):
+        self.rows.append((loaded, name, value, unit))
+        print(f'{loaded:>9,}  {name:<34}{value:>14,.3f} {unit}', flush=True)
+
+    def value(self, loaded, name):
+        return next(row[2] for row in self.rows if row[:2] == (loaded, name))
+
+
+def measure_load(world, table, loaded, rounds, empty_bytes):
+    taken = [figures.load_once(world) for _ in range(rounds)]
+    seconds, bare, resident, peak = (median(values) for values in zip(*taken))
+    table.add(loaded, 'load', seconds, 's')
+    table.add(loaded, 'bare query', bare, 's')
+    table.add(loaded, 'load ratio', median(one[0] / one[1] for one in taken))
+    table.add(loaded, 'load of a task', seconds / loaded * 1e6, 'us')
+    table.add(loaded, 'bytes a task', (resident - empty_bytes) / loaded, 'B')
+    table.add(loaded, 'peak ratio', peak / resident)
+    return seconds
+
+
+def measure_burst(world, table, loaded, load_seconds, rounds):
+    found = figures.bursts(world, min(loaded, figures.BURST), load_seconds, rounds)
+    for name in ('rate', 'floor rate'):
+        table.add(loaded, name, found[name], 'runs/s')
+    table.add(loaded, 'rate ratio', found['rate ratio'])
+    for name in ('own', 'children', 'server', 'floor own', 'floor children'):
+        table.add(loaded, f'{name} CPU a run', found[name] * 1e6, 'us')
+    table.add(loaded, 'cpu ratio', found['cpu ratio'])
+    return found['rate']
+
+
+def measure_all(world, table, sizes, rounds, lateness_shares):
+    """Every figure at each number of loaded tasks."""
+    world.create_tasks(1)
+    empty_bytes = figures.load_once(world)[2]
+    for loaded in sizes:
+        world.create_tasks(loaded)
+        world.make_output_files(min(loaded, figures.BURST))
+        load_seconds = measure_load(world, table, loaded, rounds, empty_bytes)
+        rate = measure_burst(world, table, loaded, load_seconds, rounds)
+        world.vacuum()
+        for share in lateness_shares:
+            seconds = int(min(20, loaded / (share * rate)))
+            if seconds < 3:
+                continue
+            late = figures.lateness(world, share * rate, seconds, load_seconds)
+            for name, value in zip(('median', 'p99', 'worst'), late):
+                table.add(loaded, f'late {name} at {share:.0%}', value, 's')
+        if loaded >= 100000:
+            idle, busy = figures.notification(world, int(9 * rate), load_seconds, 6)
+            table.add(loaded, 'NOTIFY to loaded, idle', idle, 's')
+            table.add(loaded, 'NOTIFY to loaded, saturated', busy, 's')
+            table.add(loaded, 'catch-up ratio',
+                      median(taken / bare for taken, bare in
+                             (figures.catch_up(world, 100000) for _ in range(rounds))))
+        world.vacuum()
+
+
+def quick_check(world, table, rounds):
+    """The ratios alone at 4,000 tasks; false when one is below 0.8 of its target."""
+    world.create_tasks(figures.BURST)
+    world.make_output_files(figures.BURST)
+    found = figures.bursts(world, figures.BURST, 0.1, rounds)
+    for name in ('rate', 'floor rate', 'rate ratio', 'cpu ratio'):
+        table.add(figures.BURST, name, found[name])
+    if found['rate ratio'] >= LEAST_RATE_RATIO and found['cpu ratio'] <= MOST_CPU_RATIO:
+        return True
+    print(f'FAILED: rate ratio below {LEAST_RATE_RATIO:.2f} or CPU ratio above {MOST_CPU_RATIO:.2f}')
+    return False
+
+
+def write_tables(table, home, heading):
+    with open(home / 'bench.csv', 'w', encoding='utf-8', newline='') as file:
+        writer = csv.writer(file)
+        writer.writerow(('loaded tasks', 'figure', 'value', 'unit'))
+        writer.writerows(table.rows)
+    sizes = sorted({row[0] for row in table.rows})
+    names = list(dict.fromkeys((row[1], row[3]) for row in table.rows))
+    values = {(row[0], row[1]): row[2] for row in table.rows}
+    with open(home / 'bench.md', 'w', encoding='utf-8') as file:
+        file.write(f'{heading}\n\n| figure | {" | ".join(f"{size:,}" for size in sizes)} |\n')
+        file.write(f'| --- |{" ---: |" * len(sizes)}\n')
+        for name, unit in names:
+            cells = (f'{values[size, name]:,.3f}' if (size, name) in values else ''
+                     for size in sizes)
+            file.write(f'| {name}{f", {unit}" if unit else ""} | {" | ".join(cells)} |\n')
+    print(f'{home}/bench.md, {home}/bench.csv')
+
+
+def machine():
+    model = next((line.split(':')[1].strip() for line in Path('/proc/cpuinfo').read_text()
+                  .splitlines() if line.startswith('model name')), platform.machine())
+    compiler = subprocess.run(['c++', '--version'], capture_output=True, text=True,
+                              check=True).stdout.splitlines()[0]
+    return f'{time.strftime("%F")}, {platform.release()}, {model}, {compiler}'
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument('--home', type=Path, required=True)
+    parser.add_argument('--workers', type=int, required=True)
+    parser.add_argument('--quick', action='store_true')
+    parser.add_argument('--durable', action='store_true')
+    parser.add_argument('--rounds', type=int, default=5)
+    parser.add_argument('--loaded', default='1000,10000,100000,1000000')
+    options = parser.parse_args()
+    world, table = World(options.home, options.workers), Table()
+    shutil.copy(options.home / 'benchPlugin', world.plugin)
+    world.commit_without_waiting(not options.durable)
+    try:
+        if options.quick:
+            return 0 if quick_check(world, table, options.rounds) else 1
+        measure_all(world, table, [int(size) for size in options.loaded.split(',')],
+                    options.rounds, (0.25, 0.5, 0.8))
+        write_tables(table, options.home,
+                     f'{machine()}, {options.workers} workers, synchronous_commit '
+                     f'{"on" if options.durable else "off"}, {options.rounds} rounds')
+    finally:
+        world.plugin.unlink()
+    return 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())
