@@ -24,7 +24,8 @@ void add(int id, const Task& task) {
     // addition says that there was none. LoaderTest.ReplacesAKnownTaskAndLeavesItQueued holds this
     // in place.
     const std::lock_guard lock(mutexTaskMap);
-    cronTaskMap[id] = task;
+    // The hint: rows mostly come in the order of their ids.
+    cronTaskMap.insert_or_assign(cronTaskMap.end(), id, task);
   }
   serviceQueue->push(task);
 }

@@ -5,6 +5,16 @@
 #include "sched/nextTime.h"
 #include "task/serviceCron.h"
 
+namespace {
+
+void logDebug(const char* prefix, const std::string& text) {
+  if (fileLog->writes(0)) {
+    fileLog->write(0, prefix + text);
+  }
+}
+
+}  // namespace
+
 std::string LoaderRow::text(Column column) const {
   return cellText(result, row, column, "the task query");
 }
@@ -12,23 +22,24 @@ std::string LoaderRow::text(Column column) const {
 std::shared_ptr<serviceCron> LoaderRow::makeTask() const {
   auto task = std::make_shared<serviceCron>();
   task->SetService_id(static_cast<unsigned long long>(id()));
-  task->Setname(text(kName));
-  fileLog->write(0, "Load cron task: " + task->Getname());
+  const std::string name = text(kName);
+  task->Setname(name);
+  logDebug("Load cron task: ", name);
   task->Setpath(text(kPath));
   const auto interval = static_cast<unsigned int>(number(kInterval));
   task->Setinterval_exec_time(interval);
   task->Setparameter(text(kParameter));
   task->SetFilename(text(kLogFile));
   // SQL NULL leaves the record's own defaults.
-  if (!text(kRetries).empty()) {
-    task->SetMaxRetrie(number(kRetries));
+  if (const std::string retries = text(kRetries); !retries.empty()) {
+    task->SetMaxRetrie(std::stoi(retries));
   }
-  if (!text(kRetriesInterval).empty()) {
-    task->SetRetrieTime(number(kRetriesInterval));
+  if (const std::string seconds = text(kRetriesInterval); !seconds.empty()) {
+    task->SetRetrieTime(std::stoi(seconds));
   }
   const std::string nextExec = text(kNextExec);
   task->SetExecTime(
       static_cast<long>(getNextTimeToExec(nextExec, interval, task->GetService_idStr())));
-  fileLog->write(0, "ADD cron task: " + nextExec);
+  logDebug("ADD cron task: ", nextExec);
   return task;
 }

@@ -76,9 +76,10 @@ def measure_all(world, table, sizes, rounds, lateness_shares):
             idle, busy = figures.notification(world, int(9 * rate), load_seconds, 6)
             table.add(loaded, 'NOTIFY to loaded, idle', idle, 's')
             table.add(loaded, 'NOTIFY to loaded, saturated', busy, 's')
+        if loaded == 100000:
             table.add(loaded, 'catch-up ratio',
-                      median(taken / bare for taken, bare in
-                             (figures.catch_up(world, 100000) for _ in range(rounds))))
+                      median(daemon / bare for daemon, bare in
+                             (figures.catch_up(world, loaded) for _ in range(rounds))))
         world.vacuum()
 
 

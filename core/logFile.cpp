@@ -42,11 +42,9 @@ logFile::logFile(char threshold, std::string path)
 }
 
 void logFile::write(char lineLevel, std::string_view message) {
-  const auto wanted = static_cast<signed char>(lineLevel);
-  if (level > wanted) {
-    return;
+  if (writes(lineLevel)) {
+    write(levelWord(static_cast<signed char>(lineLevel)), message);
   }
-  write(levelWord(wanted), message);
 }
 
 void logFile::write(std::string_view tag, std::string_view message) {

@@ -24,6 +24,9 @@ class logFile {
   /// The same with `threshold`: lines of a lower level are dropped.
   logFile(char threshold, std::string path);
 
+  /// True when lines of `lineLevel` are written: what costs to be put together need not be else.
+  bool writes(char lineLevel) const { return level <= static_cast<signed char>(lineLevel); }
+
   /// Writes a line unless `lineLevel` is below the threshold, which is tested without the lock.
   /// Opens the file again if it was closed; throws FileException when that fails.
   void write(char lineLevel, std::string_view message);

@@ -93,12 +93,12 @@ void report(int descriptor, std::string_view prefix, int error) {
   _exit(kChildFailure);
 }
 
-/// Pointers to the arguments' characters, ended by a null pointer. Valid as long as `arguments`.
-std::vector<char*> pointersTo(std::vector<std::string>& arguments) {
+/// Pointers to the strings in `packed`, each of which a NUL ends, and a null pointer behind them.
+/// Valid as long as `packed`.
+std::vector<char*> pointersInto(std::string& packed) {
   std::vector<char*> pointers;
-  pointers.reserve(arguments.size() + 1);
-  for (std::string& argument : arguments) {
-    pointers.push_back(argument.data());
+  for (std::size_t at = 0; at < packed.size(); at = packed.find('\0', at) + 1) {
+    pointers.push_back(packed.data() + at);
   }
   pointers.push_back(nullptr);
   return pointers;
@@ -135,9 +135,8 @@ std::string serviceSafe::taskTrailer(const std::string& detail) const {
 }
 
 int serviceSafe::startPlugin(Pipe& pipe) const {
-  std::vector<std::string> arguments = {path};
-  arguments.insert(arguments.end(), parameterVector.begin(), parameterVector.end());
-  const std::vector<char*> pointers = pointersTo(arguments);
+  std::string arguments = path + '\0' + parameterVector.characters();
+  const std::vector<char*> pointers = pointersInto(arguments);
   pid_t pid = -1;
   int error = 0;
   {

@@ -22,7 +22,7 @@ serviceSafe::serviceSafe(const serviceSafe& other)
       Service_idStr(other.GetService_idStr()),
       name(other.Getname()),
       parameter(other.Getparameter()),
-      parameterVector(other.GetVectorParam()),
+      parameterVector(other.parameterVector),
       path(other.Getpath()),
       Stdout(other.GetStdout()) {}
 
@@ -108,9 +108,10 @@ void serviceSafe::Setparameter(std::string text) {
   // holds this in place.
   mutex.lock();
   parameterVector.clear();
+  parameterVector.reserve(text.size() + 1);
   for (const std::string& argument : boost::tokenizer<Separator>(text, separator)) {
     if (!argument.empty()) {
-      parameterVector.push_back(argument);
+      parameterVector.append(argument);
     }
   }
   mutex.unlock();

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "task/ArgumentList.h"
+
 /// The record of one periodic task: what to run, when, how often to try again, and what the last
 /// run said. Shared by the timer, the workers, the loader and the purge.
 ///
@@ -93,7 +95,7 @@ class serviceSafe {
   /// left locked, with the arguments found so far.
   void Setparameter(std::string text);
   /// A copy of the arguments. Takes no lock, so it must not run beside Setparameter.
-  std::vector<std::string> GetVectorParam() const { return parameterVector; }
+  std::vector<std::string> GetVectorParam() const { return parameterVector.toVector(); }
 
   /// By ExecTime alone.
   bool operator<(const serviceSafe& other) const { return ExecTime < other.ExecTime; }
@@ -153,11 +155,11 @@ class serviceSafe {
   std::atomic<std::int32_t> MaxRetrie = 1;
   std::atomic<std::int32_t> RetrieTime = 120;
   std::atomic<char> ExecState = 0;
-  std::string Service_idStr;                 // guarded by mutex
-  std::string name;                          // guarded by mutex
-  std::string parameter;                     // guarded by mutex, but for Setparameter's store
-  std::vector<std::string> parameterVector;  // guarded by mutex, but for GetVectorParam
-  std::string path;                          // guarded by mutex
-  std::string Stdout;                        // guarded by mutex, but for clearOutput
+  std::string Service_idStr;     // guarded by mutex
+  std::string name;              // guarded by mutex
+  std::string parameter;         // guarded by mutex, but for Setparameter's store
+  ArgumentList parameterVector;  // guarded by mutex, but for GetVectorParam
+  std::string path;              // guarded by mutex
+  std::string Stdout;            // guarded by mutex, but for clearOutput
   mutable std::mutex mutex;
 };

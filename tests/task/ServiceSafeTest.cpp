@@ -569,7 +569,7 @@ TEST(SetparameterTest, LeavesTheRecordLockedWhenMemoryRunsOut) {
     GTEST_SKIP() << "the heap is the sanitizer's";
   }
   const std::string one(100, '1');
-  const std::string other(100, '2');
+  const std::string other(1000, '2');
   Record record;
   bool isSplit = false;
   // One request more each time, until the failing one is that for the second argument.

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+/// A plugin's arguments, one behind the other in one string, each ended by a NUL, as execve takes
+/// them. There is one for each of a million tasks: a vector of strings takes ten times the room.
+/// Not locked.
+class ArgumentList {
+ public:
+  void clear() { packed.clear(); }
+  /// Room for so many bytes of arguments, their NULs included.
+  void reserve(std::size_t bytes) { packed.reserve(bytes); }
+  /// Appends `argument` up to its first NUL, where execve would end it.
+  void append(const std::string& argument) {
+    packed.append(argument.c_str());
+    packed.push_back('\0');
+  }
+
+  /// A copy of the arguments, in order.
+  std::vector<std::string> toVector() const {
+    std::vector<std::string> arguments;
+    for (std::size_t at = 0; at < packed.size(); at += arguments.back().size() + 1) {
+      arguments.emplace_back(packed.data() + at);
+    }
+    return arguments;
+  }
+
+  /// The arguments' characters. Belongs to the list; lives until it is changed.
+  const std::string& characters() const { return packed; }
+
+ private:
+  std::string packed;
+};
