@@ -33,6 +33,7 @@ int Capture::open(std::size_t mostBytes) {
   }
   reader = ends[0];
   writer = ends[1];
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel answers by numbers.
   buffer = reinterpret_cast<char*>(room);
   limit = mostBytes;
   return 0;

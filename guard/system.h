@@ -3,6 +3,8 @@
 #include <sys/syscall.h>
 #include <sys/types.h>
 
+#include <array>
+
 // The guard calls the kernel itself. A C library's start-up asks the processor for its features,
 // and on a virtual machine each question is a trip to the host: 0.25 of the 0.33 ms that the run of
 // a static program takes which does nothing. The guard would pay that before each plugin.
@@ -24,7 +26,7 @@ long callKernel(long number, long a, long b, long c, long d, long e, long f);
 template <typename... Arguments>
 long kernel(long number, Arguments... arguments) {
   // A plain cast, because no other takes both.
-  const long words[6] = {(long)arguments...};
+  const std::array<long, 6> words = {(long)arguments...};
   return callKernel(number, words[0], words[1], words[2], words[3], words[4], words[5]);
 }
 

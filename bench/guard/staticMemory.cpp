@@ -1,8 +1,7 @@
 // A static plugin as small ones are: reads /proc/meminfo and writes one line with a figure, which
 // ends in the time of its start as in staticNothing.cpp.
 
-#include <time.h>
-
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <map>

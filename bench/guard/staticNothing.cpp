@@ -1,9 +1,8 @@
 // The least that a static plugin can be: writes the time of its start, in nanoseconds of the
 // monotonic clock.
 
-#include <time.h>
-
 #include <cstdio>
+#include <ctime>
 
 int main() {
   timespec start{};

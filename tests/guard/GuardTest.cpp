@@ -1,13 +1,19 @@
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -20,14 +26,13 @@
 #include "task/serviceSafe.h"
 #include "tests/support/Files.h"
 #include "tests/support/Process.h"
+#include "tests/support/guardPath.h"
 #include "tests/support/waitInShell.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 
@@ -38,15 +43,27 @@ const char* const kTimedOut = "UNKNOWN - timed out after 1 s\n";
 const char* const kLeft =
     "[koduguard: ended processes that held the output open when the plugin had ended]\n";
 
-std::string guardPath() {
-  const char* path = std::getenv("KODU_TEST_GUARD");
-  return path == nullptr ? "KODU_TEST_GUARD is not set" : path;
-}
-
 /// True until the process has ended and its parent has waited for it.
 bool lives(pid_t pid) {
   return kill(pid, 0) == 0 &&
          readFile("/proc/" + std::to_string(pid) + "/stat").find(") Z") == std::string::npos;
+}
+
+/// Makes kill fail in this process and those it starts, as for one that the kernel does not end.
+void forbidKill() {
+  std::array<sock_filter, 4> filter = {
+      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_kill, 0, 1),
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
+  prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+}
+
+void limit(__rlimit_resource resource, rlim_t most) {
+  const rlimit value = {most, most};
+  setrlimit(resource, &value);
 }
 
 class GuardTest : public testing::Test {
@@ -193,6 +210,14 @@ TEST_F(GuardTest, RunsThePluginInAGroupOfItsOwn) {
   EXPECT_EQ(output, "0\n");
 }
 
+TEST_F(GuardTest, OpensStandardFilesThatAreClosed) {
+  run({"--", "/bin/ls", "/proc/self/fd"}, [] {
+    close(STDIN_FILENO);
+    close_range(STDERR_FILENO, ~0U, 0);
+  });
+  EXPECT_EQ(output, "0\n1\n2\n3\n");  // 3 is the list's own
+}
+
 TEST_F(GuardTest, BearsClosedStandardFiles) {
   run({"-e", "--", "/bin/sh", "-c", "echo out; echo err >&2"}, [] {
     close(STDIN_FILENO);
@@ -282,6 +307,16 @@ TEST_F(GuardTest, KeepsItsTimeThoughItWasStopped) {
   EXPECT_EQ(output, kTimedOut);
   EXPECT_LT(duration, milliseconds(5000));
   EXPECT_FALSE(lives(plugin));
+}
+
+TEST_F(GuardTest, GivesUpWhatKillDoesNotEnd) {
+  run({"-t", "1", "-k", "0", "--", "/bin/sh", "-c", "echo words; exec /bin/sleep 60"}, forbidKill);
+  EXPECT_EQ(output, std::string(kTimedOut) +
+                        "words\n[koduguard: some processes of the plugin could not be ended; "
+                        "look for them by ps]\n");
+  EXPECT_EQ(code(), 3);
+  EXPECT_GE(duration, milliseconds(2000));
+  EXPECT_LT(duration, milliseconds(10'000));
 }
 
 // The output limit.
@@ -395,10 +430,12 @@ TEST_F(GuardTest, EndsAGrandchildThatHoldsTheOutputAndIgnoresTerm) {
 }
 
 TEST_F(GuardTest, EndsAGrandchildThatHasLeftTheGroup) {
-  runScript({"-t", "30"}, "setsid sleep 60 & echo words; exit 1");
+  runScript({"-t", "30"},
+            "setsid sh -c 'echo $$ >" + notePath() + "; exec sleep 60' & echo words; exit 1");
   EXPECT_EQ(output, std::string("words\n") + kLeft);
   EXPECT_EQ(code(), 1);
   EXPECT_LT(duration, milliseconds(10'000));
+  EXPECT_FALSE(lives(noted()));
 }
 
 TEST_F(GuardTest, EndsGenerationsThatHaveLeftTheGroupAndIgnoreTerm) {
@@ -491,6 +528,16 @@ TEST_F(GuardTest, RefusesAWrongCommandLine) {
     EXPECT_THAT(output, StartsWith("UNKNOWN - koduguard: " + reason + "\nusage: koduguard [-t "));
     EXPECT_EQ(code(), 3);
   }
+}
+
+TEST_F(GuardTest, SaysWhyItCannotOpenThePipes) {
+  run({"--", "/bin/echo"}, [] { limit(RLIMIT_NOFILE, 4); });
+  EXPECT_THAT(output, StartsWith("UNKNOWN - koduguard: cannot open the pipes for /bin/echo: Too "
+                                 "many open files; raise the limits "));
+  EXPECT_EQ(code(), 3);
+  run({"-o", "1073741824", "--", "/bin/echo"}, [] { limit(RLIMIT_AS, 1UL << 28); });
+  EXPECT_THAT(output, HasSubstr("/bin/echo: Cannot allocate memory; "));
+  EXPECT_EQ(code(), 3);
 }
 
 TEST_F(GuardTest, TakesTheLargestNumbers) {

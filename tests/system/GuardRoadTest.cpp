@@ -1,4 +1,3 @@
-#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -7,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/DaemonTest.h"
+#include "tests/support/guardPath.h"
 
 namespace {
 
@@ -56,14 +56,13 @@ class SlowGuardRoadTest : public DaemonTest {
 
   void insertHanging() const {
     const std::string plugin = writeHangingPlugin();
-    database.query("INSERT INTO kodu_plugins VALUES (1, 'guarded', '" +
-                   std::string(std::getenv("KODU_TEST_GUARD")) + "', 'cron')");
+    database.query("INSERT INTO kodu_plugins VALUES (1, 'guarded', '" + guardPath() + "', 'cron')");
     database.query(
         "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_next_exec,"
-        " cron_log_file, cron_parameter) SELECT id, 1, interval '1 hour',"
+        " cron_log_file, cron_retries, cron_parameter) SELECT id, 1, interval '1 hour',"
         " date_trunc('second', now() + interval '5 seconds' + id * interval '" +
         std::to_string(kSpreadSeconds) + " seconds' / " + std::to_string(kHanging) +
-        "), 'out_$SERVICEID_$DATE.txt', '-t 1 -k 1 -- " + plugin +
+        "), 'out_$SERVICEID_$DATE.txt', 0, '-t 1 -k 1 -- " + plugin +
         " ' || id"
         " FROM generate_series(1, " +
         std::to_string(kHanging) + ") id");
