@@ -49,12 +49,12 @@ bool lives(pid_t pid) {
          readFile("/proc/" + std::to_string(pid) + "/stat").find(") Z") == std::string::npos;
 }
 
-/// Makes kill fail in this process and those it starts, as for one that the kernel does not end.
-void forbidKill() {
+/// Makes a call to the kernel fail with `error`, in this process and those it starts.
+void forbid(unsigned call, unsigned error) {
   std::array<sock_filter, 4> filter = {
       sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_kill, 0, 1),
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
       sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
   const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
@@ -310,7 +310,8 @@ TEST_F(GuardTest, KeepsItsTimeThoughItWasStopped) {
 }
 
 TEST_F(GuardTest, GivesUpWhatKillDoesNotEnd) {
-  run({"-t", "1", "-k", "0", "--", "/bin/sh", "-c", "echo words; exec /bin/sleep 60"}, forbidKill);
+  run({"-t", "1", "-k", "0", "--", "/bin/sh", "-c", "echo words; exec /bin/sleep 60"},
+      [] { forbid(SYS_kill, EPERM); });
   EXPECT_EQ(output, std::string(kTimedOut) +
                         "words\n[koduguard: some processes of the plugin could not be ended; "
                         "look for them by ps]\n");
@@ -537,6 +538,14 @@ TEST_F(GuardTest, SaysWhyItCannotOpenThePipes) {
   EXPECT_EQ(code(), 3);
   run({"-o", "1073741824", "--", "/bin/echo"}, [] { limit(RLIMIT_AS, 1UL << 28); });
   EXPECT_THAT(output, HasSubstr("/bin/echo: Cannot allocate memory; "));
+  EXPECT_EQ(code(), 3);
+}
+
+TEST_F(GuardTest, SaysWhyItCannotMakeAProcess) {
+  run({"--", "/bin/echo"}, [] { forbid(SYS_clone, EAGAIN); });
+  EXPECT_EQ(output,
+            "UNKNOWN - koduguard: cannot make a process for /bin/echo: Resource temporarily "
+            "unavailable; raise the limit of processes of this user\n");
   EXPECT_EQ(code(), 3);
 }
 
