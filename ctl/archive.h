@@ -1,0 +1,25 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+class Session;
+struct Task;
+
+/// A failed run: its row in the history and the copy of its output.
+struct FailedRun {
+  long time = 0;     // seconds since the epoch
+  std::string name;  // of the copy, below the task's archive folder
+  std::string path;
+  std::optional<std::uintmax_t> size;  // bytes; nothing when the copy is gone
+};
+
+/// The task's latest failed runs, the latest first, at most `limit` of them.
+std::vector<FailedRun> readFailedRuns(Session& session, const Task& task, int limit);
+
+/// True for a name that stays below the folder it is joined to.
+bool staysBelow(const std::string& name);
+
+/// The bytes of a file. Throws Failure (kNotFound, kNotPermitted) when it cannot be read.
+std::string readOutput(const std::string& path);

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <vector>
+
+class Findings;
+class Session;
+struct DaemonConfig;
+struct DaemonIdentity;
+struct Task;
+
+// The parts of koductl check. Each adds what it finds and goes on.
+
+/// Both INI files, the log and the directories that they name.
+void checkConfig(const DaemonConfig& config, const DaemonIdentity& daemon, Findings& findings);
+
+/// The role's rights, the session's time zone, whether the daemon is connected.
+void checkDatabase(Session& session, const DaemonIdentity& daemon, Findings& findings);
+
+/// Every task's row, plugin and output file.
+void checkTasks(const std::vector<Task>& tasks, const DaemonIdentity& daemon, Findings& findings);

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <functional>
+
+#include "ctl/options.h"
+
+/// What a command line asks for: `run` with `options`. Without `run` the parser has printed its
+/// answer (help, version, or what is wrong) already, and `exitCode` is the end.
+struct Request {
+  Options options;
+  std::function<int(const Options&)> run;
+  int exitCode = 0;
+};
+
+/// Reads the command line. "--" ends koductl's own arguments; what follows is the plugin's.
+Request parseCommandLine(int argc, const char* const* argv);

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+/// What koductl ends with. Below 64 a command speaks of what it looked at (check: 0, 1, 2; rerun:
+/// the plugin's return code), from 64 on of what it could not do, with the numbers of sysexits.h.
+enum ExitCode {
+  kDone = 0,
+  kWrongUsage = 64,    // the command line
+  kRefused = 65,       // the database or the parameter grammar refuses the values
+  kNotFound = 66,      // no such task, output or archived output
+  kNoDatabase = 69,    // the database does not answer
+  kNotPermitted = 77,  // a right is missing, in the database or on the disk
+  kWrongConfig = 78,   // an INI file cannot be read or says nothing usable
+};
+
+/// Ends the command: `what()` goes to standard error, `exitCode` to the caller of koductl. The text
+/// says what is wrong and what to do about it.
+class Failure : public std::runtime_error {
+ public:
+  Failure(ExitCode code, const std::string& text) : std::runtime_error(text), exitCode(code) {}
+
+  const ExitCode exitCode;
+};

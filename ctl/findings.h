@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+/// What a check has found, in the order in which it was found. Owned by one thread.
+class Findings {
+ public:
+  enum class Severity { kWarning, kError };
+
+  void addError(const std::string& text) { add(Severity::kError, text); }
+  void addWarning(const std::string& text) { add(Severity::kWarning, text); }
+  // The same about a task: findings of one text become one line that names the tasks.
+  void addError(const std::string& text, int task) { add(Severity::kError, text, task); }
+  void addWarning(const std::string& text, int task) { add(Severity::kWarning, text, task); }
+
+  /// 0 nothing found, 1 warnings only, 2 an error at least.
+  int exitCode() const;
+
+  /// A line each, errors first; one line that says so when there is nothing.
+  void print() const;
+  Json::Value toJson() const;
+
+ private:
+  struct Finding {
+    Severity severity;
+    std::string text;
+    std::vector<int> tasks;
+  };
+
+  void add(Severity severity, const std::string& text);
+  void add(Severity severity, const std::string& text, int task);
+  Finding& findingFor(Severity severity, const std::string& text);
+  long countOf(Severity severity) const;
+
+  std::vector<Finding> all;
+};

@@ -1,0 +1,128 @@
+// koductl output: what a task's last run printed, or a failed one of before.
+
+#include <fmt/core.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <optional>
+#include <string>
+
+#include "ctl/archive.h"
+#include "ctl/commands.h"
+#include "ctl/failure.h"
+#include "ctl/options.h"
+#include "ctl/session.h"
+#include "ctl/task.h"
+#include "ctl/terminal.h"
+#include "ctl/text.h"
+
+namespace {
+
+std::optional<int> wholeNumber(const std::string& text) {
+  int number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool isWhole = error == std::errc() && end == text.data() + text.size() && number > 0;
+  return isWhole ? std::optional(number) : std::nullopt;
+}
+
+/// The path of the output that the options ask for.
+std::string pathOf(Session& session, const Task& task, const std::string& archived) {
+  if (archived.empty()) {
+    return task.outputPath();
+  }
+  if (const auto number = wholeNumber(archived)) {
+    const auto runs = readFailedRuns(session, task, *number);
+    if (static_cast<int>(runs.size()) < *number) {
+      throw Failure(kNotFound,
+                    fmt::format("task {} has only {}; koductl history {} lists them", task.id,
+                                counted(static_cast<long>(runs.size()), "failed run"), task.id));
+    }
+    return runs.back().path;
+  }
+  if (!staysBelow(archived)) {
+    throw Failure(kWrongUsage, "give a number or a name that koductl history lists, no path");
+  }
+  return task.archivePath() + archived;
+}
+
+void printText(const std::string& text) {
+  const std::string shown = printable(text);
+  std::fwrite(shown.data(), 1, shown.size(), stdout);
+  if (isTerminal() && !shown.empty() && shown.back() != '\n') {
+    std::fputc('\n', stdout);
+  }
+  std::fflush(stdout);
+}
+
+/// What tells one run's output from the next: the daemon writes it over the former one.
+struct Version {
+  timespec changed{};
+  off_t size = -1;
+
+  bool operator==(const Version& other) const {
+    return changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec &&
+           size == other.size;
+  }
+};
+
+Version versionOf(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    return {};
+  }
+  return {status.st_mtim, status.st_size};
+}
+
+[[noreturn]] void follow(const std::string& path) {
+  std::signal(SIGINT, [](int) { _exit(0); });
+  std::signal(SIGTERM, [](int) { _exit(0); });
+  Version shown;
+  for (;;) {
+    const Version present = versionOf(path);
+    if (!(present == shown) && present.size >= 0) {
+      fmt::print("==> {} UTC <==\n", timeText(present.changed.tv_sec));
+      printText(readOutput(path));
+    }
+    shown = present;
+    usleep(200000);
+  }
+}
+
+void printAsJson(const Task& task, const std::string& path) {
+  Json::Value json;
+  json["id"] = task.id;
+  json["path"] = path;
+  json["written_at"] = jsonTime(versionOf(path).changed.tv_sec);
+  json["output"] = readOutput(path);
+  printJson(json);
+}
+
+}  // namespace
+
+int runOutput(const Options& options) {
+  std::string path;
+  std::optional<Task> task;
+  {
+    Session session(options);
+    session.makeReadOnly();
+    task = readTask(session, options.id);
+    path = pathOf(session, *task, options.archived);
+  }
+  if (options.follow) {
+    follow(path);
+  }
+  if (!task->status && options.archived.empty()) {
+    throw Failure(kNotFound, fmt::format("task {} has not run yet; it is due at {} UTC", task->id,
+                                         timeText(task->next.value_or(0))));
+  }
+  if (options.asJson) {
+    printAsJson(*task, path);
+  } else {
+    printText(readOutput(path));
+  }
+  return 0;
+}

@@ -1,0 +1,89 @@
+#include "ctl/session.h"
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+#include "core/iniConfig.h"
+#include "ctl/failure.h"
+#include "ctl/options.h"
+#include "db/PostgresqlException.h"
+#include "db/pgSafeThread.h"
+
+namespace {
+
+std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::string& user) {
+  try {
+    auto connection = std::make_unique<pgSafeThread>(connectionString(config, user));
+    // Whatever the role or the environment says: times are UTC, and names are the schema's.
+    PQclear(connection->executeRequest(
+        "SET timezone = 'UTC'; SET search_path = public; SET client_encoding = 'UTF8'"));
+    return connection;
+  } catch (const PostgresqlException& e) {
+    throw Failure(kNoDatabase, fmt::format("{}\nlook whether the server runs, and at {}",
+                                           trim(e.what()), config.databaseFile));
+  }
+}
+
+}  // namespace
+
+int Rows::indexOf(const char* column) const {
+  const int index = PQfnumber(result.get(), column);
+  if (index < 0) {
+    throw std::logic_error(std::string("no column ") + column);
+  }
+  return index;
+}
+
+bool Rows::isNull(int row, const char* column) const {
+  return PQgetisnull(result.get(), row, indexOf(column)) == 1;
+}
+
+std::string Rows::text(int row, const char* column) const {
+  return PQgetvalue(result.get(), row, indexOf(column));
+}
+
+std::optional<std::string> Rows::optionalText(int row, const char* column) const {
+  return isNull(row, column) ? std::nullopt : std::optional(text(row, column));
+}
+
+long Rows::number(int row, const char* column) const {
+  return optionalNumber(row, column).value_or(0);
+}
+
+std::optional<long> Rows::optionalNumber(int row, const char* column) const {
+  return isNull(row, column) ? std::nullopt : std::optional(std::stol(text(row, column)));
+}
+
+Session::Session(const Options& options)
+    : config(readConfig(options.configFile)), connection(connect(config, options.user)) {}
+
+Session::~Session() = default;
+
+void Session::makeReadOnly() {
+  query("SET default_transaction_read_only = on");
+}
+
+Rows Session::query(const std::string& sql, const std::vector<std::string>& params) {
+  try {
+    return Rows(connection->executeParamRequest(sql, params));
+  } catch (const PostgresqlException& e) {
+    const bool isLost = PQstatus(connection->connection) != CONNECTION_OK;
+    throw Failure(isLost ? kNoDatabase : kRefused, serverMessage(e.what()));
+  }
+}
+
+std::string serverMessage(const std::string& text) {
+  std::string message = text;
+  // "Execute failed:  ERROR:  ..."; the severity's word is the server's language.
+  for (int part = 0; part < 2; ++part) {
+    const auto end = message.find(":  ");
+    if (end != std::string::npos && end < message.find('\n')) {
+      message.erase(0, end + 3);
+    }
+  }
+  if (const auto context = message.find("\nCONTEXT:"); context != std::string::npos) {
+    message.erase(context);
+  }
+  return trim(message);
+}

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ctl/config.h"
+#include "db/result.h"
+
+class pgSafeThread;
+struct Options;
+
+/// A statement's rows, read by column name. A name that the statement does not have is a
+/// std::logic_error.
+class Rows {
+ public:
+  explicit Rows(PGresult* owned) : result(owned) {}
+
+  int count() const { return PQntuples(result.get()); }
+  bool isNull(int row, const char* column) const;
+  /// "" for SQL NULL.
+  std::string text(int row, const char* column) const;
+  std::optional<std::string> optionalText(int row, const char* column) const;
+  /// 0 for SQL NULL.
+  long number(int row, const char* column) const;
+  std::optional<long> optionalNumber(int row, const char* column) const;
+  bool isTrue(int row, const char* column) const { return text(row, column) == "t"; }
+
+ private:
+  int indexOf(const char* column) const;
+
+  ResultPtr result;
+};
+
+/// koductl's own session in the daemon's database, in UTC. Failures are thrown as Failure.
+class Session {
+ public:
+  /// Reads the INI files and connects as the options say.
+  explicit Session(const Options& options);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  const DaemonConfig config;
+
+  /// Refuses every change of the database from now on.
+  void makeReadOnly();
+
+  /// Runs one statement with $1 to $n from `params`.
+  Rows query(const std::string& sql, const std::vector<std::string>& params = {});
+
+ private:
+  std::unique_ptr<pgSafeThread> connection;
+};
+
+/// The server's words without what only a developer of functions reads: prefix and context.
+std::string serverMessage(const std::string& text);

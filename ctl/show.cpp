@@ -1,0 +1,84 @@
+// koductl show: everything that is known of one task.
+
+#include <fmt/core.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ctl/commands.h"
+#include "ctl/options.h"
+#include "ctl/session.h"
+#include "ctl/task.h"
+#include "ctl/terminal.h"
+#include "ctl/text.h"
+#include "task/serviceCron.h"
+
+namespace {
+
+std::string timeOrNever(std::optional<long> time) {
+  return time ? timeText(*time) + " UTC" : "never";
+}
+
+std::string dueText(const Task& task) {
+  const std::string late =
+      task.isLate() ? fmt::format(" ({} late)", durationText(task.lateSeconds())) : "";
+  return timeOrNever(task.next) + late;
+}
+
+std::string argumentsText(const Task& task) {
+  std::string text;
+  for (const std::string& argument : task.record()->GetVectorParam()) {
+    text += fmt::format("{}[{}]", text.empty() ? "" : " ", oneLine(argument));
+  }
+  return text.empty() ? "none" : text;
+}
+
+std::string flagsText(const Task& task) {
+  if (task.isFlagged) {
+    return " (to be deleted)";
+  }
+  return task.isPaused ? " (paused)" : "";
+}
+
+void printForPeople(const Task& task) {
+  const std::vector<std::pair<const char*, std::string>> fields = {
+      {"task", fmt::format("{}  {}", task.id, task.name)},
+      {"plugin", task.path},
+      {"arguments", argumentsText(task)},
+      {"every", task.every ? durationText(*task.every) : "no interval"},
+      {"status", coloured(task.status.value_or("not run yet"), colourOf(task.status.value_or(""))) +
+                     flagsText(task)},
+      {"last due", timeOrNever(task.lastDue)},
+      {"next due", dueText(task)},
+      {"retries", fmt::format("{} of {} used, {} apart", task.failedAttempts, task.maxRetries(),
+                              durationText(task.retryDelay()))},
+      {"failures",
+       fmt::format("{} in the last hour, {} in the last day", task.failuresHour, task.failuresDay)},
+      {"failing", task.failingSince ? "since " + timeText(*task.failingSince) + " UTC" : "no"},
+      {"output", task.outputPath()},
+      {"archive", task.archivePath()},
+  };
+  for (const auto& [name, value] : fields) {
+    fmt::print("{:<10}{}\n", name, value);
+  }
+}
+
+}  // namespace
+
+int runShow(const Options& options) {
+  Session session(options);
+  session.makeReadOnly();
+  const Task task = readTask(session, options.id);
+  if (!options.asJson) {
+    printForPeople(task);
+    return 0;
+  }
+  Json::Value json = toJson(task);
+  json["arguments"] = Json::Value(Json::arrayValue);
+  for (const std::string& argument : task.record()->GetVectorParam()) {
+    json["arguments"].append(argument);
+  }
+  printJson(json);
+  return 0;
+}

@@ -1,0 +1,159 @@
+// koductl status: the tasks as a table, once or each second.
+
+#include <fmt/core.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "ctl/commands.h"
+#include "ctl/options.h"
+#include "ctl/session.h"
+#include "ctl/table.h"
+#include "ctl/task.h"
+#include "ctl/terminal.h"
+#include "ctl/text.h"
+
+namespace {
+
+/// The tasks that the options ask for.
+std::vector<Task> selectTasks(Session& session, const Options& options) {
+  std::vector<Task> tasks = readTasks(session);
+  std::erase_if(tasks, [&](const Task& task) {
+    return (options.onlyFailed && !task.isFailing()) || (options.onlyLate && !task.isLate());
+  });
+  return tasks;
+}
+
+std::string statusWord(const Task& task) {
+  if (task.isFlagged) {
+    return "deleted";
+  }
+  if (task.isPaused) {
+    return "paused";
+  }
+  return task.status.value_or("-");
+}
+
+std::string lateText(const Task& task) {
+  return task.isLate() ? durationText(task.lateSeconds()) : "-";
+}
+
+Table tableOf(const std::vector<Task>& tasks) {
+  constexpr auto kRight = Table::Align::kRight;
+  Table table({{"ID", kRight},
+               {"NAME"},
+               {"STATUS"},
+               {"LATE", kRight},
+               {"LAST DUE"},
+               {"NEXT DUE"},
+               {"EVERY", kRight},
+               {"RETRIES", kRight},
+               {"FAILED 1H", kRight},
+               {"24H", kRight},
+               {"FAILING SINCE"}});
+  for (const Task& task : tasks) {
+    table.add({std::to_string(task.id),
+               cutTo(task.name, 30),
+               {statusWord(task), colourOf(statusWord(task))},
+               {lateText(task), task.isLate() ? Colour::kYellow : Colour::kNone},
+               shortTime(task.lastDue, task.now),
+               shortTime(task.next, task.now),
+               task.every ? durationText(*task.every) : "-",
+               fmt::format("{}/{}", task.failedAttempts, task.maxRetries()),
+               std::to_string(task.failuresHour),
+               std::to_string(task.failuresDay),
+               shortTime(task.failingSince, task.now)});
+  }
+  return table;
+}
+
+/// "3 tasks: 2 OK, 1 FAILED; 1 late. Times are UTC."
+std::string headline(const std::vector<Task>& tasks) {
+  std::string states;
+  for (const char* word : {"OK", "FAILED", "PROCESS", "-", "paused", "deleted"}) {
+    const auto count = std::count_if(tasks.begin(), tasks.end(),
+                                     [&](const Task& task) { return statusWord(task) == word; });
+    if (count > 0) {
+      states += fmt::format("{}{} {}", states.empty() ? ": " : ", ", count,
+                            std::string(word) == "-" ? "not run yet" : word);
+    }
+  }
+  const auto late =
+      std::count_if(tasks.begin(), tasks.end(), [](const Task& task) { return task.isLate(); });
+  return fmt::format("{}{}; {} late. Times are UTC.",
+                     counted(static_cast<long>(tasks.size()), "task"), states, late);
+}
+
+void printTasks(const std::vector<Task>& tasks, const Options& options) {
+  if (options.asJson) {
+    Json::Value list(Json::arrayValue);
+    for (const Task& task : tasks) {
+      list.append(toJson(task));
+    }
+    printJson(list);
+    return;
+  }
+  tableOf(tasks).print();
+  fmt::print("{}\n", headline(tasks));
+}
+
+/// Draws over the former picture, line by line, so that nothing flickers; what does not fit into
+/// the terminal's height is counted instead of shown.
+void draw(const std::vector<Task>& tasks) {
+  const TerminalSize size = terminalSize();
+  const std::vector<std::string> lines = tableOf(tasks).render(size.columns);
+  const auto room = static_cast<std::size_t>(std::max(size.rows - 3, 1));
+  std::string screen = "\x1b[H" + cutTo(headline(tasks), size.columns) + "\x1b[K\n\x1b[K\n";
+  for (std::size_t i = 0; i < std::min(lines.size(), room); ++i) {
+    screen += lines[i] + "\x1b[K\n";
+  }
+  if (lines.size() > room) {
+    screen += fmt::format("... and {} more\x1b[K", lines.size() - room);
+  }
+  fmt::print("{}\x1b[J", screen);
+}
+
+/// Ctrl-C is how a watch ends: with the cursor back, and as a success.
+void endWatch(int) {
+  constexpr std::string_view kShowCursor = "\x1b[?25h\n";
+  if (isatty(STDOUT_FILENO) == 1) {
+    [[maybe_unused]] const auto written =
+        write(STDOUT_FILENO, kShowCursor.data(), kShowCursor.size());
+  }
+  _exit(0);
+}
+
+[[noreturn]] void watch(Session& session, const Options& options) {
+  std::signal(SIGINT, endWatch);
+  std::signal(SIGTERM, endWatch);
+  const bool isDrawn = isTerminal() && !options.asJson;
+  if (isDrawn) {
+    fmt::print("\x1b[?25l\x1b[2J");
+  }
+  for (;;) {
+    const std::vector<Task> tasks = selectTasks(session, options);
+    if (isDrawn) {
+      draw(tasks);
+    } else {
+      printTasks(tasks, options);
+    }
+    std::fflush(stdout);
+    sleep(1);
+  }
+}
+
+}  // namespace
+
+int runStatus(const Options& options) {
+  Session session(options);
+  session.makeReadOnly();
+  if (options.watch) {
+    watch(session, options);
+  }
+  printTasks(selectTasks(session, options), options);
+  return 0;
+}

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+class Session;
+class serviceCron;
+
+/// A task's row with its plugin and its recent history. Times are seconds since the epoch, periods
+/// seconds.
+struct Task {
+  int id = 0;
+  std::string name, path, type, parameter, fileName;
+  std::optional<std::string> status;  // nothing before the first run
+  std::optional<long> lastDue;        // when the last completed run was due
+  std::optional<long> next;           // when the next run, or the present one, is due
+  std::optional<long> every;
+  std::optional<long> retries, retryAfter;  // nothing: the daemon's defaults
+  bool isFlagged = false;                   // waits for the purge
+  bool isPaused = false;
+  long failuresHour = 0, failuresDay = 0;
+  long failedAttempts = 0;  // of the present run, which has begun
+  std::optional<long> failingSince;
+  long now = 0;  // the server's clock
+
+  bool isRunning() const { return status == "PROCESS"; }
+  bool isFailing() const { return status == "FAILED" || failingSince.has_value(); }
+  /// Seconds since a run was due that has not begun; 0 for a task that is to wait.
+  long lateSeconds() const;
+  /// More than the two seconds that a timer, which looks once a second, may take.
+  bool isLate() const { return lateSeconds() > 2; }
+
+  long maxRetries() const { return retries.value_or(kDefaultRetries); }
+  long retryDelay() const { return retryAfter.value_or(kDefaultRetryAfter); }
+
+  /// The path of the current output file.
+  std::string outputPath() const;
+  /// The folder of the failed runs' outputs, with a trailing slash.
+  std::string archivePath() const;
+  /// The record that the daemon would make of it.
+  std::shared_ptr<serviceCron> record() const;
+
+ private:
+  static constexpr long kDefaultRetries = 1;
+  static constexpr long kDefaultRetryAfter = 120;
+};
+
+/// All tasks, by id; rows whose plugin is no task's (plugin_type) are among them.
+std::vector<Task> readTasks(Session& session);
+
+/// One task. Throws Failure (kNotFound) when there is none.
+Task readTask(Session& session, int id);
+
+/// Everything above as a JSON object.
+Json::Value toJson(const Task& task);

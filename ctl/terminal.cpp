@@ -1,0 +1,103 @@
+#include "ctl/terminal.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace {
+
+bool isControl(char c) {
+  return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
+/// A byte of UTF-8 that continues a character.
+bool isContinuation(char c) {
+  return (static_cast<unsigned char>(c) & 0xc0U) == 0x80U;
+}
+
+bool isColourWanted() {
+  const char* noColour = std::getenv("NO_COLOR");
+  const char* terminal = std::getenv("TERM");
+  return isTerminal() && (noColour == nullptr || *noColour == '\0') && terminal != nullptr &&
+         std::string_view(terminal) != "dumb";
+}
+
+const char* sequenceOf(Colour colour) {
+  switch (colour) {
+    case Colour::kGreen:
+      return "\x1b[32m";
+    case Colour::kRed:
+      return "\x1b[31m";
+    case Colour::kYellow:
+      return "\x1b[33m";
+    case Colour::kBold:
+      return "\x1b[1m";
+    case Colour::kNone:
+      break;
+  }
+  return "";
+}
+
+}  // namespace
+
+bool isTerminal() {
+  return isatty(STDOUT_FILENO) == 1;
+}
+
+std::string coloured(const std::string& text, Colour colour) {
+  if (colour == Colour::kNone || !isColourWanted()) {
+    return text;
+  }
+  return sequenceOf(colour) + text + "\x1b[0m";
+}
+
+Colour colourOf(const std::string& status) {
+  if (status == "OK") {
+    return Colour::kGreen;
+  }
+  if (status == "FAILED") {
+    return Colour::kRed;
+  }
+  return status == "PROCESS" ? Colour::kYellow : Colour::kNone;
+}
+
+TerminalSize terminalSize() {
+  winsize size{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+    return {24, 80};
+  }
+  return {size.ws_row, size.ws_col};
+}
+
+std::string printable(const std::string& text) {
+  std::string safe = text;
+  if (isTerminal()) {
+    std::replace_if(
+        safe.begin(), safe.end(), [](char c) { return isControl(c) && c != '\n' && c != '\t'; },
+        '?');
+  }
+  return safe;
+}
+
+std::string oneLine(std::string_view text) {
+  std::string line(text);
+  std::replace_if(line.begin(), line.end(), isControl, ' ');
+  return line;
+}
+
+int widthOf(std::string_view text) {
+  return static_cast<int>(
+      std::count_if(text.begin(), text.end(), [](char c) { return !isContinuation(c); }));
+}
+
+std::string cutTo(std::string_view text, int columns) {
+  std::size_t end = 0;
+  for (int count = 0; end < text.size(); ++end) {
+    if (!isContinuation(text[end]) && count++ == columns) {
+      break;
+    }
+  }
+  return std::string(text.substr(0, end));
+}

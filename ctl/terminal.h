@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+/// True when standard output is a terminal.
+bool isTerminal();
+
+enum class Colour { kNone, kGreen, kRed, kYellow, kBold };
+
+/// `text` in a colour; as it is where standard output is no terminal, TERM is "dumb" or NO_COLOR is
+/// set to anything.
+std::string coloured(const std::string& text, Colour colour);
+
+/// Green, red and yellow for OK, FAILED and PROCESS.
+Colour colourOf(const std::string& status);
+
+struct TerminalSize {
+  int rows = 0;
+  int columns = 0;
+};
+
+/// The size of the terminal; 24 rows and 80 columns when it does not say.
+TerminalSize terminalSize();
+
+/// `text` as a terminal may safely show it: control characters but newline and tab become "?", as
+/// a plugin's output may hold sequences that command the terminal. Elsewhere as it is.
+std::string printable(const std::string& text);
+
+/// `text` in one line: control characters become blanks.
+std::string oneLine(std::string_view text);
+
+/// The number of columns that UTF-8 text takes, counted as one a character.
+int widthOf(std::string_view text);
+
+/// The first `columns` characters of UTF-8 text.
+std::string cutTo(std::string_view text, int columns);
