@@ -1,0 +1,856 @@
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <libpq-fe.h>
+
+#include "db/pgSafeThread.h"
+#include "db/result.h"
+#include "db/statements.h"
+#include "tests/support/Database.h"
+#include "tests/support/Files.h"
+#include "tests/support/waitUntil.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Rows = std::vector<Database::Row>;
+
+/// A database with sql/functions.sql, and a session that hears what is told to the daemon.
+class FunctionsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    loadFunctions();
+    PQclear(listener.executeRequest(kListen));
+  }
+
+  void loadFunctions() const { database.query(readFile(projectFile("sql/functions.sql"))); }
+
+  /// The payloads that were sent since the last call.
+  std::vector<std::string> heard() {
+    database.notify("last");
+    std::vector<std::string> payloads;
+    waitUntil([&] {
+      PQconsumeInput(listener.connection);
+      while (PGnotify* notification = PQnotifies(listener.connection)) {
+        payloads.emplace_back(notification->extra);
+        PQfreemem(notification);
+      }
+      return !payloads.empty() && payloads.back() == "last";
+    });
+    payloads.pop_back();
+    return payloads;
+  }
+  static std::string payload(const std::string& command, int id) {
+    return R"({"TYPE":"SERVICE","COMMAND":")" + command + R"(","ID":)" + std::to_string(id) + "}";
+  }
+
+  /// A task that is not due while a test lasts, and that nobody has heard of.
+  void insertTask(int id) {
+    TaskRow row;
+    row.id = id;
+    row.name = "task" + std::to_string(id);
+    row.path = "/bin/task" + std::to_string(id);
+    database.insertTask(row);
+    heard();
+  }
+
+  /// What the server says to `sql`; "" when it takes it.
+  std::string refusalOf(const std::string& sql) const {
+    try {
+      database.query(sql);
+    } catch (const std::runtime_error& e) {
+      return e.what();
+    }
+    return "";
+  }
+  void expectRefused(const std::string& call, const std::string& message,
+                     const std::string& hint) const {
+    const std::string refusal = refusalOf("SELECT " + call);
+    EXPECT_THAT(refusal,
+                testing::AllOf(HasSubstr(": ERROR:  " + message), HasSubstr("\nHINT:  " + hint)))
+        << call;
+  }
+
+  void call(const std::string& function) const { database.query("SELECT " + function); }
+  std::string status(int id, const std::string& column) const {
+    return database.value("SELECT " + column +
+                          " FROM kodu_task_status WHERE id = " + std::to_string(id));
+  }
+  /// How far the next time is from now, in seconds.
+  long nextIn(int id) const {
+    return std::stol(
+        database.task(id, "round(EXTRACT(EPOCH FROM cron_next_exec - clock_timestamp()))"));
+  }
+  void set(int id, const std::string& assignment) const {
+    database.query("UPDATE kodu_cron_plugin SET " + assignment +
+                   " WHERE cron_id = " + std::to_string(id));
+  }
+
+  Database database;
+  pgSafeThread listener{database.conninfo()};
+};
+
+TEST_F(FunctionsTest, TellsOfEachInsertedTask) {
+  database.insertTask(TaskRow());
+  database.query(
+      "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_log_file) "
+      "SELECT id, 1, '60 s', 'a' FROM generate_series(5, 6) id");
+
+  EXPECT_THAT(heard(), ElementsAre(payload("ADD", 1), payload("ADD", 5), payload("ADD", 6)));
+}
+
+TEST_F(FunctionsTest, TellsOfEachColumnOfTheDefinition) {
+  insertTask(2);
+  insertTask(7);
+
+  for (const std::string assignment :
+       {"cron_plugin_id = 2", "cron_interval = '7 s'", "cron_log_file = 'b'", "cron_retries = NULL",
+        "cron_retries_interval = NULL", "cron_parameter = 'p'"}) {
+    set(7, assignment);
+    EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7))) << assignment;
+    set(7, assignment);
+    EXPECT_THAT(heard(), IsEmpty()) << assignment << " once more";
+  }
+}
+
+TEST_F(FunctionsTest, TellsOfAPluginsNewNameAndPath) {
+  insertTask(2);
+  insertTask(7);
+  set(7, "cron_plugin_id = 2");
+  heard();
+
+  database.query("UPDATE kodu_plugins SET plugin_path = '/bin/new' WHERE plugin_id = 2");
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 2), payload("UPDATE", 7)));
+  database.query("UPDATE kodu_plugins SET plugin_name = 'new' WHERE plugin_id = 2");
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 2), payload("UPDATE", 7)));
+  database.query("UPDATE kodu_plugins SET plugin_name = plugin_name, plugin_type = plugin_type");
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+TEST_F(FunctionsTest, LeavesTheDaemonsOwnStatementsSilentAndAsTheyWere) {
+  insertTask(1);
+  pgSafeThread daemon(database.conninfo());
+  prepareNamedStatements(daemon);
+  PQclear(daemon.executeRequest("BEGIN"));
+  for (const auto& [statement, second] : {std::pair("UpdateCronProcess", ""),
+                                          {"UpdateCronState", "OK"},
+                                          {"updateCronExecTask", "3"}}) {
+    std::vector<std::string> parameters{"1"};
+    if (*second != '\0') {
+      parameters.emplace_back(second);
+    }
+    PQclear(daemon.executePrepareRequest(statement, parameters));
+  }
+  const ResultPtr hot(
+      daemon.executeRequest("SELECT n_tup_upd, n_tup_hot_upd FROM pg_stat_xact_user_tables "
+                            "WHERE relname = 'kodu_cron_plugin'"));
+  EXPECT_EQ(cellText(hot, 0, 0, "statistics"), "3");
+  EXPECT_EQ(cellText(hot, 0, 1, "statistics"), "3");
+  PQclear(daemon.executeRequest("COMMIT"));
+  PQclear(daemon.executePrepareRequest("insertCronError", {"1", "a.txt"}));
+  set(1, "cron_delete = TRUE");
+  PQclear(daemon.executePrepareRequest("DeleteCronHistory", {"1"}));
+  PQclear(daemon.executePrepareRequest("DeleteCron", {"1"}));
+
+  EXPECT_THAT(heard(), IsEmpty());
+  EXPECT_EQ(database.task(1, "cron_id"), "") << "they did their work";
+}
+
+TEST_F(FunctionsTest, DeletesAPausedTaskByTheDaemonsStatement) {
+  insertTask(1);
+  call("kodu_task_pause(1)");
+  pgSafeThread daemon(database.conninfo());
+  prepareNamedStatements(daemon);
+
+  PQclear(daemon.executePrepareRequest("DeleteCron", {"1"}));
+
+  EXPECT_THAT(database.query("SELECT FROM kodu_cron_pause"), IsEmpty());
+}
+
+TEST_F(FunctionsTest, AddsATaskByItsPluginsNameAlone) {
+  database.query("INSERT INTO kodu_plugins(plugin_name, plugin_path) VALUES ('load', '/bin/load')");
+
+  EXPECT_EQ(database.value("SELECT kodu_task_add('load', '5 minutes')"), "1");
+
+  EXPECT_EQ(
+      database.query("SELECT cron_plugin_id, cron_interval, cron_status IS NULL, cron_log_file, "
+                     "cron_retries IS NULL, cron_retries_interval IS NULL, cron_parameter IS NULL "
+                     "FROM kodu_cron_plugin"),
+      (Rows{{"1", "00:05:00", "t", "$SERVICEID_$DATE.txt", "t", "t", "t"}}));
+  EXPECT_THAT(nextIn(1), testing::AllOf(testing::Ge(0), testing::Le(3)));
+  EXPECT_THAT(heard(), ElementsAre(payload("ADD", 1)));
+}
+
+TEST_F(FunctionsTest, AddsATaskWithAllThatIsNamed) {
+  database.query("SET timezone = 'Asia/Tokyo'");
+
+  call(
+      "kodu_task_add(plugin => '/opt/check it', every => '1 day', parameters => '-w \"a b\"', "
+      "retries => 0, retry_after => '9 s', file_name => 'it_$DATE.txt', "
+      "first_run => '2035-11-21 09:00:00', name => 'it')");
+
+  EXPECT_EQ(database.query("SELECT plugin_name, plugin_path, plugin_type FROM kodu_plugins"),
+            (Rows{{"it", "/opt/check it", "cron"}}));
+  EXPECT_EQ(
+      database.query("SELECT cron_interval, cron_parameter, cron_retries, "
+                     "cron_retries_interval, cron_log_file, cron_next_exec "
+                     "FROM kodu_cron_plugin"),
+      (Rows{{"1 day", "-w \"a b\"", "0", "00:00:09", "it_$DATE.txt", "2035-11-21 00:00:00"}}));
+}
+
+TEST_F(FunctionsTest, MovesAPastFirstRunByWholeIntervals) {
+  call(
+      "kodu_task_add('/bin/a', '1 hour', first_run => date_trunc('second', now()) - '59 min'::"
+      "interval)");
+
+  EXPECT_NEAR(static_cast<double>(nextIn(1)), 60, 2);
+}
+
+TEST_F(FunctionsTest, CataloguesAPathOnceForEachName) {
+  call("kodu_task_add('/opt/check_a', '60 s')");
+  call("kodu_task_add('/opt/check_a', '60 s')");
+  call("kodu_task_add('check_a', '60 s', name => 'other')");
+  call("kodu_task_add('other', '60 s')");
+
+  EXPECT_EQ(database.query("SELECT plugin_name, plugin_path FROM kodu_plugins ORDER BY plugin_id"),
+            (Rows{{"check_a", "/opt/check_a"}, {"other", "/opt/check_a"}}));
+  EXPECT_EQ(database.query("SELECT cron_plugin_id FROM kodu_cron_plugin ORDER BY cron_id"),
+            (Rows{{"1"}, {"1"}, {"2"}, {"2"}}));
+}
+
+TEST_F(FunctionsTest, RunsATaskWithATimeoutThroughTheGuard) {
+  call("kodu_task_add('/opt/a', '60 s', parameters => '-w 5', timeout => '30 s')");
+  call("kodu_task_add('/opt/b c', '60 s', timeout => '2 minutes')");
+  call("kodu_task_add('a', '60 s')");
+
+  EXPECT_EQ(database.query("SELECT plugin_name, plugin_path, cron_parameter FROM kodu_cron_plugin "
+                           "JOIN kodu_plugins ON plugin_id = cron_plugin_id ORDER BY cron_id"),
+            (Rows{{"a", "/usr/bin/koduguard", "-t 30 -- /opt/a -w 5"},
+                  {"b c", "/usr/bin/koduguard", "-t 120 -- \"/opt/b c\""},
+                  {"a", "/opt/a", ""}}));
+}
+
+TEST_F(FunctionsTest, TakesTheGuardFromTheCatalogue) {
+  call("kodu_plugin_at('/opt/bin/koduguard', NULL)");
+
+  call("kodu_task_add('/opt/a', '60 s', timeout => '30 s')");
+
+  EXPECT_EQ(database.value("SELECT plugin_path FROM kodu_cron_plugin "
+                           "JOIN kodu_plugins ON plugin_id = cron_plugin_id"),
+            "/opt/bin/koduguard");
+}
+
+TEST_F(FunctionsTest, SaysWhatIsWrongWithANewTask) {
+  database.query(
+      "INSERT INTO kodu_plugins(plugin_name, plugin_path, plugin_type) VALUES ('web', '/w', "
+      "'service'), ('twin', '/a', 'cron'), ('twin', '/b', 'cron')");
+  const auto expectAddRefused = [&](const std::string& arguments, const std::string& message,
+                                    const std::string& hint) {
+    expectRefused("kodu_task_add(" + arguments + ")", message, hint);
+  };
+
+  expectAddRefused("'lod', '60 s'", "there is no plugin 'lod'", "Name one of SELECT plugin_name");
+  expectAddRefused("NULL, '60 s'", "there is no plugin NULL", "Name one of");
+  expectAddRefused("'', '60 s'", "there is no plugin ''", "Name one of");
+  expectAddRefused("'web', '60 s'", "the plugin 'web' is not of the type cron but service",
+                   "The daemon runs no other");
+  expectAddRefused("'twin', '60 s'", "there are 2 plugins named 'twin'", "Give the plugin's path.");
+  for (const std::string every : {"'0'", "'0.5 s'", "'-1 s'", "'367 days'", "NULL"}) {
+    expectAddRefused("'/a', " + every, "the interval must lie between 1 second and 366 days",
+                     "Say every => '5 minutes'");
+  }
+  expectAddRefused("'/a', '1.5 s'", "the interval must be whole seconds", "The daemon counts no");
+  expectAddRefused("'/a', '0', first_run => '2020-01-01'", "the interval must lie", "Say every");
+  expectAddRefused("'/a', '60 s', retries => -1", "the number of retries must not be negative",
+                   "Say retries => 0");
+  expectAddRefused("'/a', '60 s', retry_after => '-1 s'",
+                   "the time to a retry must lie between 0 and 366 days", "Say retry_after");
+  for (const std::string time : {"'infinity'", "'-infinity'", "'2036-01-01'", "'1969-01-01'"}) {
+    expectAddRefused("'/a', '60 s', first_run => " + time,
+                     "the time of a run must lie between 1970 and 2035", "Say now() + interval");
+  }
+  for (const std::string timeout : {"'0'", "'1.5 s'", "'1 day 1 s'"}) {
+    expectAddRefused("'/a', '60 s', timeout => " + timeout,
+                     "the timeout must be whole seconds, from 1 second to 1 day", "Say timeout =>");
+  }
+  expectAddRefused("'/a\"', '60 s', timeout => '1 s'", "the path '/a\"' cannot be an argument",
+                   "A task's parameters cannot hold a quote.");
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin"), "0");
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_plugins"), "3");
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+TEST_F(FunctionsTest, SaysWhatIsWrongWithAFileName) {
+  const auto expectNameRefused = [&](const std::string& name, const std::string& message,
+                                     const std::string& hint) {
+    expectRefused("kodu_task_add('/a', '60 s', file_name => " + name + ")", message, hint);
+  };
+
+  expectNameRefused("'a.txt'", "the file name 'a.txt' lacks $DATE", "Without it the copies");
+  expectNameRefused("'/a_$DATE'", "the file name must stay below the daemon's output directory",
+                    "Write no /");
+  expectNameRefused("'../a_$DATE'", "the file name must stay below", "Write no /");
+  expectNameRefused("'$DATE/'", "the file name must name a file, in 240 bytes at most",
+                    "It cannot be empty");
+  expectNameRefused("E'\\n$DATE'", "the file name must not hold control characters", "Line feeds");
+}
+
+TEST_F(FunctionsTest, SetsWhatIsNamedAndNoMore) {
+  insertTask(7);
+  const Database::Row before = database.query("SELECT * FROM kodu_cron_plugin").front();
+
+  call("kodu_task_set(7, retries => 4)");
+  Database::Row expected = before;
+  expected.at(7) = "4";
+  EXPECT_EQ(database.query("SELECT * FROM kodu_cron_plugin").front(), expected);
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+
+  call(
+      "kodu_task_set(7, plugin => '/opt/new', every => '7 s', parameters => '', retry_after => "
+      "'8 s', file_name => 'n_$DATE', name => 'called')");
+  EXPECT_EQ(database.query("SELECT cron_interval, cron_parameter, cron_retries, "
+                           "cron_retries_interval, cron_log_file FROM kodu_cron_plugin"),
+            (Rows{{"00:00:07", "", "4", "00:00:08", "n_$DATE"}}));
+  EXPECT_EQ(status(7, "name"), "called");
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+
+  call("kodu_task_set(7, retries => 4)");
+  EXPECT_THAT(heard(), IsEmpty()) << "nothing has changed";
+}
+
+TEST_F(FunctionsTest, SetsTheNextRun) {
+  insertTask(7);
+
+  call("kodu_task_set(7, next_run => now() + interval '10 minutes')");
+
+  EXPECT_NEAR(static_cast<double>(nextIn(7)), 600, 2);
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+}
+
+TEST_F(FunctionsTest, NamesOneTaskOfSeveralWithAPlugin) {
+  insertTask(7);
+  call("kodu_task_add('task7', '60 s')");
+
+  call("kodu_task_set(7, name => 'mine')");
+
+  EXPECT_EQ(status(7, "name"), "mine");
+  EXPECT_EQ(status(1, "name"), "task7");
+}
+
+TEST_F(FunctionsTest, SaysWhatIsWrongWithAChange) {
+  insertTask(7);
+  insertTask(8);
+  call("kodu_task_delete(8)");
+  heard();
+
+  expectRefused("kodu_task_set(7)", "there is nothing to set for task 7", "Say kodu_task_set(7, ");
+  expectRefused("kodu_task_set(7, plugin => 'x')", "there is no plugin 'x'", "Name one of");
+  expectRefused("kodu_task_set(7, every => '0')", "the interval must lie", "Say every");
+  expectRefused("kodu_task_set(7, file_name => 'a')", "the file name 'a' lacks $DATE", "Without");
+  expectRefused("kodu_task_set(7, file_name => '/$DATE')", "the file name must stay", "Write no /");
+  expectRefused("kodu_task_set(7, next_run => '2037-01-01')", "the time of a run must",
+                "Say now()");
+  for (const std::string function : {"set", "pause", "resume", "run_now"}) {
+    expectRefused("kodu_task_" + function + "(8)", "task 8 is being deleted", "Add it anew");
+  }
+  for (const std::string function : {"set", "pause", "resume", "run_now", "delete"}) {
+    expectRefused("kodu_task_" + function + "(99)", "there is no task 99", "SELECT id, name");
+    expectRefused("kodu_task_" + function + "(NULL)", "there is no task NULL", "SELECT id, name");
+  }
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+TEST_F(FunctionsTest, ResumesAPausedTaskAtItsOldTimes) {
+  insertTask(7);
+  const long before = database.nextExec(7);
+
+  call("kodu_task_pause(7, 'new disks')");
+  EXPECT_EQ(database.task(7, "cron_next_exec"), "2036-01-01 00:00:00");
+  EXPECT_EQ(database.query("SELECT EXTRACT(EPOCH FROM next_exec)::bigint, paused_by, reason "
+                           "FROM kodu_cron_pause"),
+            (Rows{{std::to_string(before), database.value("SELECT session_user"), "new disks"}}));
+  EXPECT_EQ(status(7, "paused || ' ' || (next_run IS NULL) || ' ' || due || ' ' || lateness"),
+            "true true false 0");
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+
+  call("kodu_task_resume(7)");
+  EXPECT_EQ(database.nextExec(7), before);
+  EXPECT_EQ(status(7, "paused"), "f");
+  EXPECT_THAT(database.query("SELECT FROM kodu_cron_pause"), IsEmpty());
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+}
+
+TEST_F(FunctionsTest, ResumesAtTheNextOfTheTimesThatAreNotPast) {
+  insertTask(7);
+  set(7, "cron_interval = '1 hour'");
+  call("kodu_task_pause(7)");
+  database.query(
+      "UPDATE kodu_cron_pause SET next_exec = date_trunc('second', now()) - interval '119 min'");
+
+  call("kodu_task_resume(7)");
+
+  EXPECT_NEAR(static_cast<double>(nextIn(7)), 60, 2);
+}
+
+TEST_F(FunctionsTest, TellsNothingOfAPauseWhileARunGoesOn) {
+  insertTask(7);
+  set(7, "cron_status = 'PROCESS', cron_next_exec = date_trunc('second', now()) - '1 s'::interval");
+  const long due = database.nextExec(7);
+
+  call("kodu_task_pause(7)");
+  EXPECT_THAT(heard(), IsEmpty()) << "the end of the run takes the time from the row";
+
+  pgSafeThread daemon(database.conninfo());
+  prepareNamedStatements(daemon);
+  PQclear(daemon.executePrepareRequest("UpdateCronState", {"7", "OK"}));
+  EXPECT_EQ(database.task(7, "cron_next_exec"), "2036-01-01 00:05:00");
+  EXPECT_EQ(status(7, "paused"), "t");
+  EXPECT_EQ(status(7, "EXTRACT(EPOCH FROM last_run)::bigint"), std::to_string(due));
+  call("kodu_task_resume(7)");
+  EXPECT_EQ(database.nextExec(7), due + 300);
+  EXPECT_EQ(database.task(7, "EXTRACT(EPOCH FROM cron_last_exec)::bigint"), std::to_string(due));
+}
+
+TEST_F(FunctionsTest, KeepsAPauseOfTheLongestIntervalWithinTheTable) {
+  insertTask(7);
+  set(7, "cron_interval = '366 days'");
+  call("kodu_task_pause(7)");
+  pgSafeThread daemon(database.conninfo());
+  prepareNamedStatements(daemon);
+
+  PQclear(daemon.executePrepareRequest("UpdateCronState", {"7", "OK"}));
+  EXPECT_NO_THROW(PQclear(daemon.executePrepareRequest("UpdateCronState", {"7", "OK"})));
+}
+
+TEST_F(FunctionsTest, LeavesAPauseAndARunningTaskAloneTheSecondTime) {
+  insertTask(7);
+  call("kodu_task_resume(7)");
+  EXPECT_THAT(heard(), IsEmpty());
+  call("kodu_task_pause(7, 'first')");
+  heard();
+
+  call("kodu_task_pause(7, 'second')");
+
+  EXPECT_THAT(heard(), IsEmpty());
+  EXPECT_EQ(database.value("SELECT reason FROM kodu_cron_pause"), "first");
+}
+
+TEST_F(FunctionsTest, ChangesAPausedTaskWithoutResumingIt) {
+  insertTask(7);
+  call("kodu_task_pause(7)");
+  heard();
+
+  call("kodu_task_set(7, every => '10 minutes')");
+
+  EXPECT_EQ(status(7, "paused"), "t");
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+  expectRefused("kodu_task_set(7, next_run => now())", "task 7 is paused",
+                "Call kodu_task_resume(7) first.");
+  expectRefused("kodu_task_run_now(7)", "task 7 is paused", "Call kodu_task_resume(7) first.");
+}
+
+TEST_F(FunctionsTest, RunsATaskAMomentAhead) {
+  insertTask(7);
+
+  const std::string due = database.value("SELECT kodu_task_run_now(7)");
+
+  EXPECT_EQ(database.task(7, "cron_next_exec"), due);
+  EXPECT_THAT(nextIn(7), testing::AllOf(testing::Ge(1), testing::Le(3)));
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+}
+
+TEST_F(FunctionsTest, FlagsATaskAndPutsItsRunOffUntilThePurge) {
+  insertTask(7);
+  set(7, "cron_next_exec = date_trunc('second', now()) + interval '10 seconds'");
+  const long before = database.nextExec(7);
+
+  call("kodu_task_delete(7)");
+  EXPECT_EQ(database.task(7, "cron_delete"), "t");
+  EXPECT_EQ(database.nextExec(7), before + 300);
+  EXPECT_EQ(status(7, "deleting"), "t");
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+
+  call("kodu_task_delete(7)");
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+TEST_F(FunctionsTest, LeavesTheRunOfADeletedTaskAlone) {
+  insertTask(7);
+  set(7, "cron_status = 'PROCESS', cron_next_exec = date_trunc('second', now()) - '1 s'::interval");
+  const long due = database.nextExec(7);
+
+  call("kodu_task_delete(7)");
+
+  EXPECT_EQ(database.task(7, "cron_delete"), "t");
+  EXPECT_THAT(heard(), IsEmpty());
+  EXPECT_EQ(database.nextExec(7), due + 300) << "and the end of the run adds another interval";
+}
+
+TEST_F(FunctionsTest, ShowsWhatATaskDoes) {
+  insertTask(7);
+  set(7, "cron_status = 'OK', cron_last_exec = '2026-01-01', cron_retries = NULL");
+  EXPECT_EQ(database.query("SELECT id, name, status, due, lateness, last_run, next_run = "
+                           "cron_next_exec, s.interval, retries, failures_hour, failures_day, "
+                           "failing_since IS NULL, paused, deleting "
+                           "FROM kodu_task_status s, kodu_cron_plugin"),
+            (Rows{{"7", "task7", "OK", "f", "0", "2026-01-01 00:00:00", "t", "00:05:00", "1", "0",
+                   "0", "t", "f", "f"}}));
+
+  set(7, "cron_next_exec = now() - interval '90.5 seconds'");
+  EXPECT_EQ(status(7, "due"), "t");
+  EXPECT_EQ(status(7, "lateness"), "90");
+}
+
+TEST_F(FunctionsTest, ShowsNoTaskThatTheDaemonDoesNotRun) {
+  insertTask(7);
+  database.query("UPDATE kodu_plugins SET plugin_type = 'service'");
+
+  EXPECT_EQ(status(7, "id"), "");
+}
+
+/// A task that fails every five minutes.
+class FailingTest : public FunctionsTest {
+ protected:
+  void SetUp() override {
+    FunctionsTest::SetUp();
+    insertTask(7);
+    set(7, "cron_status = 'FAILED'");
+  }
+  void failAgo(const std::vector<int>& minutes) const {
+    for (const int ago : minutes) {
+      database.query(
+          "INSERT INTO kodu_cron_error(cron_id, cron_date, cron_logfile) VALUES (7, "
+          "now() - interval '1 minute' * " +
+          std::to_string(ago) + ", 'a')");
+    }
+  }
+  /// Minutes, or "" when it does not fail.
+  std::string failingFor() const {
+    return status(7, "round(EXTRACT(EPOCH FROM now() - failing_since) / 60)");
+  }
+};
+
+TEST_F(FailingTest, CountsTheFailuresOfTheLastHourAndDay) {
+  failAgo({1, 59, 61, 60 * 23, 60 * 25});
+
+  EXPECT_EQ(status(7, "failures_hour"), "2");
+  EXPECT_EQ(status(7, "failures_day"), "4");
+}
+
+TEST_F(FailingTest, FailsSinceTheFirstFailureAfterAGap) {
+  failAgo({30, 25, 14, 12, 9, 7, 4, 2});
+
+  EXPECT_EQ(failingFor(), "14");
+}
+
+TEST_F(FailingTest, AllowsTheGapsOfItsRetries) {
+  set(7, "cron_retries_interval = '20 minutes'");
+  failAgo({90, 45, 25, 5});
+
+  EXPECT_EQ(failingFor(), "45");
+}
+
+TEST_F(FailingTest, FailsNoMoreAfterASuccess) {
+  failAgo({14, 9, 4});
+  set(7, "cron_status = 'OK'");
+
+  EXPECT_EQ(failingFor(), "");
+}
+
+TEST_F(FailingTest, FailsWhileItWaitsForARetry) {
+  failAgo({4});
+  set(7, "cron_status = 'PROCESS', cron_next_exec = now() - interval '5 minutes'");
+  EXPECT_EQ(failingFor(), "4");
+
+  set(7, "cron_next_exec = now() - interval '1 minute'");
+  EXPECT_EQ(failingFor(), "") << "a run whose end nobody knows yet";
+}
+
+TEST_F(FunctionsTest, PrunesOldHistory) {
+  database.query(
+      "INSERT INTO kodu_cron_error(cron_id, cron_date, cron_logfile) VALUES "
+      "(1, now() - interval '31 days', 'a'), (2, now() - interval '40 days', 'b'), "
+      "(1, now() - interval '29 days', 'c')");
+
+  EXPECT_EQ(database.value("SELECT kodu_history_prune('30 days')"), "2");
+
+  EXPECT_EQ(database.query("SELECT cron_logfile FROM kodu_cron_error"), (Rows{{"c"}}));
+  for (const std::string age : {"'0'", "'-1 day'", "NULL"}) {
+    expectRefused("kodu_history_prune(" + age + ")", "the age must be longer than 0",
+                  "Say kodu_history_prune('30 days')");
+  }
+}
+
+/// Ten tasks of five minutes that are all due in the same second.
+class StaggerTest : public FunctionsTest {
+ protected:
+  void SetUp() override {
+    FunctionsTest::SetUp();
+    database.query("INSERT INTO kodu_plugins(plugin_name, plugin_path) VALUES ('a', '/a')");
+    insertTasks("1, 10", "5 minutes");
+    heard();
+  }
+  void insertTasks(const std::string& ids, const std::string& interval) const {
+    database.query(
+        "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_next_exec, "
+        "cron_log_file) SELECT id, 1, '" +
+        interval +
+        "', date_trunc('second', now()) + interval '1 minute', 'a' FROM generate_series(" + ids +
+        ") id");
+  }
+  /// How far each next time is from the one before.
+  std::string distances() const {
+    return database.value(
+        "SELECT string_agg(DISTINCT distance::text, ' ') FROM (SELECT cron_next_exec - "
+        "lag(cron_next_exec) OVER (ORDER BY cron_next_exec) AS distance FROM kodu_cron_plugin) d");
+  }
+};
+
+TEST_F(StaggerTest, ProposesWithoutChangingAnything) {
+  const Rows before = database.query("SELECT cron_next_exec FROM kodu_cron_plugin");
+
+  EXPECT_EQ(database.query("SELECT count(*), count(DISTINCT proposed), min(busiest_before), "
+                           "max(busiest_after), min(name), min(\"interval\") FROM kodu_stagger()"),
+            (Rows{{"10", "10", "10", "1", "a", "00:05:00"}}));
+
+  EXPECT_EQ(database.query("SELECT cron_next_exec FROM kodu_cron_plugin"), before);
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+TEST_F(StaggerTest, SpreadsTheTasksEvenly) {
+  const std::string moved = database.value(
+      "SELECT count(*) FROM kodu_stagger(dry_run => FALSE) WHERE proposed <> next_run");
+
+  EXPECT_EQ(distances(), "00:00:30");
+  EXPECT_EQ(std::to_string(heard().size()), moved);
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin WHERE cron_next_exec BETWEEN "
+                           "clock_timestamp() AND clock_timestamp() + interval '303 seconds'"),
+            "10");
+}
+
+TEST_F(StaggerTest, MovesNothingTheSecondTime) {
+  call("kodu_stagger(FALSE)");
+  const Rows once =
+      database.query("SELECT cron_id, cron_next_exec FROM kodu_cron_plugin ORDER BY 1");
+  heard();
+
+  call("kodu_stagger(FALSE)");
+
+  EXPECT_EQ(database.query("SELECT cron_id, cron_next_exec FROM kodu_cron_plugin ORDER BY 1"),
+            once);
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+TEST_F(StaggerTest, KeepsTasksOfDifferentIntervalsApart) {
+  insertTasks("11, 20", "10 minutes");
+
+  EXPECT_EQ(database.query("SELECT DISTINCT busiest_before, busiest_after FROM kodu_stagger()"),
+            (Rows{{"20", "1"}}));
+}
+
+TEST_F(StaggerTest, LeavesLongIntervalsWhereTheyAre) {
+  insertTasks("11, 12", "1 day");
+
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_stagger() WHERE id > 10"), "0");
+  EXPECT_EQ(database.query("SELECT count(*), count(DISTINCT proposed) "
+                           "FROM kodu_stagger(longest => '1 day') WHERE id > 10"),
+            (Rows{{"2", "2"}}));
+}
+
+TEST_F(StaggerTest, PassesOverPausedAndDeletedTasks) {
+  call("kodu_task_pause(3)");
+  call("kodu_task_delete(4)");
+
+  EXPECT_EQ(database.query("SELECT count(*), min(busiest_before) FROM kodu_stagger(FALSE)"),
+            (Rows{{"8", "8"}}));
+  EXPECT_EQ(status(3, "paused"), "t");
+}
+
+TEST_F(StaggerTest, HasTheEndOfARunMoveItsTask) {
+  set(5, "cron_status = 'PROCESS', cron_next_exec = date_trunc('second', now()) - '2 s'::interval");
+  heard();
+
+  const std::string proposed = database.value(
+      "SELECT EXTRACT(EPOCH FROM proposed)::bigint FROM kodu_stagger(FALSE) WHERE id = 5");
+
+  EXPECT_THAT(heard(), testing::Not(testing::Contains(payload("UPDATE", 5))));
+  EXPECT_EQ(std::to_string(database.nextExec(5) + 300), proposed);
+}
+
+TEST_F(StaggerTest, DoesNotMakeTheBusiestSecondBusier) {
+  // Runs of 6 s in even seconds and of 4 s in odd ones. Spread evenly, the two of 6 s have both.
+  database.query("DELETE FROM kodu_cron_plugin WHERE cron_id > 3");
+  set(1, "cron_interval = '6 s', cron_next_exec = '2030-01-01 00:00:00'");
+  set(2, "cron_interval = '6 s', cron_next_exec = '2030-01-01 00:00:02'");
+  set(3, "cron_interval = '4 s', cron_next_exec = '2030-01-01 00:00:01'");
+  database.query(
+      "UPDATE kodu_cron_plugin SET cron_next_exec = cron_next_exec - cron_interval * "
+      "floor(EXTRACT(EPOCH FROM cron_next_exec - now() - interval '1 min') / "
+      "EXTRACT(EPOCH FROM cron_interval))");
+
+  EXPECT_EQ(database.query("SELECT DISTINCT busiest_before, busiest_after, proposed = next_run "
+                           "FROM kodu_stagger()"),
+            (Rows{{"1", "1", "t"}}));
+}
+
+TEST_F(StaggerTest, SaysWhatIsWrong) {
+  expectRefused("kodu_stagger(NULL)", "dry_run must be TRUE or FALSE", "Say kodu_stagger(");
+  expectRefused("kodu_stagger(longest => '0')", "dry_run must be TRUE or FALSE, longest one second",
+                "Say kodu_stagger(");
+}
+
+TEST_F(FunctionsTest, ForecastsTheRunsOfEachMinute) {
+  database.query("INSERT INTO kodu_plugins(plugin_name, plugin_path) VALUES ('a', '/a')");
+  database.query(
+      "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_next_exec, "
+      "cron_log_file) SELECT id, 1, '20 s', date_trunc('minute', now()) + interval '1 minute' + "
+      "interval '10 s' * (id / 4), 'a' FROM generate_series(1, 4) id");
+  database.query(
+      "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_log_file) "
+      "SELECT id, 1, '1 s', 'a' FROM generate_series(5, 6) id");
+  call("kodu_task_pause(5)");
+  call("kodu_task_delete(6)");
+  // Three at 0, 20 and 40 seconds, one at 10, 30 and 50.
+  const auto secondMinute = [&](const std::string& arguments) {
+    return database.query(
+        "SELECT minute = date_trunc('minute', now()) + interval '2 minutes', runs, "
+        "busiest_second - minute, busiest_runs, workers FROM kodu_forecast(" +
+        arguments + ") OFFSET 2 LIMIT 1");
+  };
+
+  EXPECT_EQ(secondMinute("1"), (Rows{{"t", "12", "00:00:00", "3", "3"}}));
+  EXPECT_EQ(secondMinute("1, 10"), (Rows{{"t", "12", "00:00:00", "3", "3"}}));
+  EXPECT_EQ(secondMinute("1, 10.5"), (Rows{{"t", "12", "00:00:00", "3", "4"}}));
+  EXPECT_EQ(secondMinute("1, 1000"), (Rows{{"t", "12", "00:00:00", "3", "4"}}));
+  EXPECT_EQ(secondMinute("1, 1, '{\"4\": 11, \"99\": 5}'"),
+            (Rows{{"t", "12", "00:00:00", "3", "4"}}));
+  EXPECT_THAT(database.value("SELECT count(*) FROM kodu_forecast(1)"), testing::AnyOf("60", "61"));
+}
+
+TEST_F(FunctionsTest, ForecastsMinutesWithoutRuns) {
+  EXPECT_EQ(database.query("SELECT DISTINCT runs, busiest_second IS NULL, busiest_runs, workers "
+                           "FROM kodu_forecast(0.5)"),
+            (Rows{{"0", "t", "0", "0"}}));
+}
+
+TEST_F(FunctionsTest, SaysWhatIsWrongWithAForecast) {
+  for (const std::string arguments : {"0", "-1", "169", "NULL", "1, -1", "1, NULL"}) {
+    expectRefused("kodu_forecast(" + arguments + ")", "hours must lie between 0 and 168",
+                  "Say kodu_forecast(");
+  }
+  for (const std::string durations : {"NULL", "'[1]'", "'{\"7\": \"a\"}'", "'{\"7\": -1}'"}) {
+    expectRefused("kodu_forecast(1, 1, " + durations + ")",
+                  "durations must be an object of task ids and seconds", "Say durations =>");
+  }
+}
+
+TEST_F(FunctionsTest, CanBeLoadedAgain) {
+  insertTask(7);
+  call("kodu_task_pause(7)");
+  const auto everything = [&] {
+    return database.query(
+        "SELECT concat(oid::regprocedure, prosrc, proacl) FROM pg_proc "
+        " WHERE pronamespace = 'public'::regnamespace "
+        "UNION ALL SELECT pg_get_triggerdef(oid) FROM pg_trigger WHERE NOT tgisinternal "
+        "UNION ALL SELECT concat(relname, relacl) FROM pg_class "
+        " WHERE relnamespace = 'public'::regnamespace "
+        "UNION ALL SELECT concat(attrelid::regclass, attname, attacl) FROM pg_attribute "
+        " WHERE attrelid IN ('kodu_plugins'::regclass, 'kodu_cron_plugin'::regclass) "
+        "UNION ALL SELECT concat(t.*) FROM kodu_cron_plugin t "
+        "UNION ALL SELECT concat(p.*) FROM kodu_cron_pause p ORDER BY 1");
+  };
+  const Rows once = everything();
+
+  loadFunctions();
+  EXPECT_EQ(everything(), once);
+  database.query(readFile(projectFile("sql/schema.sql")));
+  EXPECT_EQ(everything(), once);
+}
+
+TEST_F(FunctionsTest, CanBeLoadedByTheDatabasesOwner) {
+  const std::string owner = "owner_of_" + database.name();
+  database.query("DROP SCHEMA public CASCADE; CREATE SCHEMA public; CREATE ROLE " + owner +
+                 " CREATEROLE; ALTER SCHEMA public OWNER TO pg_database_owner; ALTER DATABASE " +
+                 database.name() + " OWNER TO " + owner + "; SET ROLE " + owner);
+  database.query(readFile(projectFile("sql/schema.sql")));
+
+  EXPECT_NO_THROW(loadFunctions());
+  EXPECT_NO_THROW(loadFunctions());
+
+  database.query("RESET ROLE; SET ROLE kodu_admin");
+  EXPECT_NO_THROW(call("kodu_task_add('/bin/true', '60 s')"));
+  database.query("RESET ROLE; REASSIGN OWNED BY " + owner + " TO CURRENT_USER; DROP OWNED BY " +
+                 owner + "; DROP ROLE " + owner);
+}
+
+TEST_F(FunctionsTest, LetsAnAdministratorCallEveryFunction) {
+  database.query("SET ROLE kodu_admin");
+
+  for (const std::string function :
+       {"kodu_task_add('/bin/true', '60 s', timeout => '5 s')",
+        "kodu_task_set(1, plugin => '/bin/false', name => 'n', next_run => now())",
+        "kodu_task_pause(1)", "kodu_task_resume(1)", "kodu_task_run_now(1)", "kodu_stagger(FALSE)",
+        "kodu_forecast(1)", "kodu_task_delete(1)", "kodu_history_prune('1 day')",
+        "* FROM kodu_task_status", "* FROM kodu_cron_pause", "* FROM kodu_cron_error",
+        "* FROM kodu_cron_plugin", "* FROM kodu_plugins"}) {
+    EXPECT_EQ(refusalOf("SELECT " + function), "");
+  }
+  EXPECT_EQ(refusalOf("INSERT INTO kodu_cron_plugin(cron_plugin_id, cron_interval, cron_log_file) "
+                      "SELECT min(plugin_id), '60 s', 'a' FROM kodu_plugins"),
+            "");
+  EXPECT_EQ(refusalOf("UPDATE kodu_cron_plugin SET cron_parameter = 'x'"), "");
+}
+
+TEST_F(FunctionsTest, RefusesAnAdministratorAllElse) {
+  insertTask(7);
+  database.query("SET ROLE kodu_admin");
+
+  for (const std::string sql :
+       {"UPDATE kodu_cron_plugin SET cron_status = 'OK'", "UPDATE kodu_cron_plugin SET cron_id = 8",
+        "DELETE FROM kodu_cron_plugin", "TRUNCATE kodu_cron_plugin",
+        "UPDATE kodu_plugins SET plugin_path = '/x'", "DELETE FROM kodu_plugins",
+        "INSERT INTO kodu_cron_error(cron_id, cron_logfile) VALUES (7, 'a')",
+        "UPDATE kodu_cron_error SET cron_logfile = 'a'", "DELETE FROM kodu_cron_repair",
+        "CREATE TABLE public.mine()", "CREATE SCHEMA mine", "CREATE ROLE mine",
+        "SELECT pg_read_file('PG_VERSION')"}) {
+    EXPECT_THAT(refusalOf(sql), HasSubstr("permission denied")) << sql;
+  }
+  EXPECT_THAT(refusalOf("DROP VIEW kodu_task_status"), HasSubstr("must be owner"));
+  EXPECT_THAT(refusalOf("ALTER TABLE kodu_cron_plugin DISABLE TRIGGER ALL"),
+              HasSubstr("must be owner"));
+  EXPECT_EQ(
+      database.query("SELECT rolcanlogin, rolsuper, rolcreaterole, rolcreatedb, rolreplication, "
+                     "rolbypassrls, (SELECT count(*) FROM pg_auth_members WHERE member = r.oid) "
+                     "FROM pg_roles r WHERE rolname = 'kodu_admin'"),
+      (Rows{{"f", "f", "f", "f", "f", "f", "0"}}));
+}
+
+TEST_F(FunctionsTest, GivesTheDaemonNoFunctionAndNoTable) {
+  EXPECT_EQ(database.query("SELECT proname FROM pg_proc WHERE proname LIKE 'kodu\\_%' "
+                           "AND has_function_privilege('kodu', oid, 'EXECUTE') ORDER BY 1"),
+            (Rows{{"kodu_notify_of_plugin"}, {"kodu_notify_of_task"}, {"kodu_pause_time"}}));
+  EXPECT_EQ(database.query("SELECT prosecdef, count(*) > 20 FROM pg_proc "
+                           "WHERE proname LIKE 'kodu\\_%' GROUP BY 1"),
+            (Rows{{"f", "t"}}))
+      << "none has the rights of its owner";
+  EXPECT_EQ(database.value("SELECT has_table_privilege('kodu', 'kodu_cron_pause', 'SELECT, INSERT, "
+                           "UPDATE, DELETE') OR has_table_privilege('kodu', 'kodu_task_status', "
+                           "'SELECT')"),
+            "f");
+}
+
+TEST_F(FunctionsTest, LooksIntoNoSchemaOfItsCallers) {
+  insertTask(7);
+  database.query(
+      "CREATE SCHEMA trap; CREATE FUNCTION trap.kodu_soon() RETURNS timestamp LANGUAGE sql AS "
+      "'SELECT NULL::timestamp'; SET search_path = trap, public");
+
+  EXPECT_EQ(refusalOf("SELECT kodu_task_run_now(7)"), "");
+}
+
+}  // namespace
