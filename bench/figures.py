@@ -27,17 +27,20 @@ def burst_once(world, count, load_seconds):
     """`count` tasks due in one second, drained: the daemon's figures for a run, then the floor's."""
     due = int(time.time() + load_seconds * 1.5) + 3
     world.plan(count, due)
+    updates_before = world.updates()
     with Daemon(world) as daemon:
         daemon.wait_until_loaded()
         before, server_before = daemon.cpu_seconds(), server_cpu_seconds(world)
         time.sleep(max(0.0, due + 2.5 - time.time()))
         daemon.wait_for_runs(count)
         after, server = daemon.cpu_seconds(), server_cpu_seconds(world) - server_before
+    time.sleep(1)  # its session ends and reports
+    updates = [now - then for now, then in zip(world.updates(), updates_before)]
     finished = world.finish_times(count)
     elapsed, own, children, _ = world.run_floor(count)
     return {'rate': count / (max(finished) - min(finished)),
             'own': (after[0] - before[0]) / count, 'children': (after[1] - before[1]) / count,
-            'server': server / count,
+            'server': server / count, 'hot share': updates[1] / updates[0],
             'floor rate': count / elapsed, 'floor own': own / count,
             'floor children': children / count}
 

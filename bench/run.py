@@ -52,6 +52,7 @@ def measure_burst(world, table, loaded, load_seconds, rounds):
     for name in ('own', 'children', 'server', 'floor own', 'floor children'):
         table.add(loaded, f'{name} CPU a run', found[name] * 1e6, 'us')
     table.add(loaded, 'cpu ratio', found['cpu ratio'])
+    table.add(loaded, 'HOT updates', found['hot share'] * 100, '%')
     return found['rate']
 
 

@@ -72,6 +72,12 @@ class World:
         """When each of the tasks 1 to count wrote its output; epoch."""
         return [os.stat(self.output_file(number)).st_mtime for number in range(1, count + 1)]
 
+    def updates(self):
+        """(all, HOT ones) of the task table, of sessions that have ended."""
+        [row] = self.query("SELECT n_tup_upd, n_tup_hot_upd FROM pg_stat_user_tables "
+                           "WHERE relname = 'kodu_cron_plugin'")
+        return int(row[0]), int(row[1])
+
     def commit_without_waiting(self, is_on):
         self.query(f"ALTER ROLE kodu IN DATABASE kodu SET synchronous_commit = "
                    f"{'off' if is_on else 'on'}")
