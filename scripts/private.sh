@@ -61,13 +61,13 @@ repair_command() {
   printf '%q ' scripts/cluster psql "$kCluster" -X -q -d kodu -f sql/repair.sql
 }
 
-# A running cluster with the schema loaded, and INI files that lead to it.
+# A running cluster with the schema and the functions loaded, and INI files that lead to it.
 prepare_database() {  # $1: workers
   local password
   quietly cluster scripts/cluster start "$kCluster"
   [[ $(on_database -d postgres -At -c "SELECT 1 FROM pg_database WHERE datname = 'kodu'") ]] ||
     on_database -d postgres -c 'CREATE DATABASE kodu'
-  quietly schema on_database -d kodu -f sql/schema.sql
+  quietly schema on_database -d kodu -f sql/schema.sql -f sql/functions.sql
   password=$(od -An -v -N24 -tx1 /dev/urandom | tr -d ' \n')
   on_database -d kodu <<<"ALTER ROLE kodu PASSWORD '$password'"  # arguments would show in ps
   write_configuration "$1" "$password"
