@@ -36,11 +36,6 @@ constexpr const char* kZone = R"(
 SELECT reset_val AS zone, now() AT TIME ZONE reset_val = now() AT TIME ZONE 'UTC' AS is_utc
 FROM pg_settings WHERE name = 'TimeZone')";
 
-constexpr const char* kSessions = R"(
-SELECT count(*) AS sessions FROM pg_stat_activity
-WHERE usename = $1 AND datname = current_database()
-  AND coalesce(application_name, '') NOT LIKE 'kodu\_%')";
-
 void checkRights(Session& session, const std::string& role, Findings& findings) {
   const Rows missing = session.query(kMissingRights, {role});
   for (int row = 0; row < missing.count(); ++row) {
@@ -65,7 +60,7 @@ void checkDatabase(Session& session, const DaemonIdentity& daemon, Findings& fin
   const std::string role = trim(session.config.user);
   checkRights(session, role, findings);
   checkZone(session, findings);
-  if (session.query(kSessions, {role}).number(0, "sessions") > 0) {
+  if (isDaemonConnected(session)) {
     return;
   }
   findings.addWarning(daemon.pid ? "the daemon runs, but no session of it is in this database"

@@ -7,6 +7,17 @@ struct Options;
 
 int runStatus(const Options& options);
 int runShow(const Options& options);
+int runExplain(const Options& options);
 int runHistory(const Options& options);
 int runOutput(const Options& options);
 int runCheck(const Options& options);
+int runRerun(const Options& options);
+int runAdd(const Options& options);
+int runSet(const Options& options);
+int runPause(const Options& options);
+int runResume(const Options& options);
+int runRun(const Options& options);
+int runDelete(const Options& options);
+int runForecast(const Options& options);
+int runStagger(const Options& options);
+int runPrune(const Options& options);

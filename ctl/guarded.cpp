@@ -10,9 +10,17 @@ bool isGuarded(const Task& task) {
   return std::filesystem::path(task.path).filename() == "koduguard";
 }
 
-std::string guardedPlugin(const Task& task) {
-  const auto arguments = task.record()->GetVectorParam();
+std::vector<std::string> guardArguments(const Task& task) {
+  auto arguments = task.record()->GetVectorParam();
   const auto separator = std::find(arguments.begin(), arguments.end(), "--");
-  const bool isNamed = separator != arguments.end() && separator + 1 != arguments.end();
-  return isNamed ? *(separator + 1) : "";
+  if (separator != arguments.end() && separator + 1 != arguments.end()) {
+    arguments.erase(separator + 2, arguments.end());
+  }
+  return arguments;
+}
+
+std::string guardedPlugin(const Task& task) {
+  const auto arguments = guardArguments(task);
+  const bool isNamed = arguments.size() > 1 && *(arguments.end() - 2) == "--";
+  return isNamed ? arguments.back() : "";
 }

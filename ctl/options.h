@@ -18,25 +18,29 @@ struct Options {
   bool onlyLate = false;
   bool watch = false;
 
-  // history, output, rerun
+  // history, output
   int count = 20;        // rows
   std::string archived;  // "": the last output; a file name, or a number counted from the latest
   bool follow = false;
 
-  // add, set; without a value the database's default, or what is there, stays
-  std::string plugin;
-  std::optional<std::string> every, fileName, retryAfter, first;
+  // add, set; without a value the database's default, or what is there, stays. Periods are
+  // intervals as PostgreSQL reads them ("90 s", "5m"), times likewise ("2030-01-01 12:00",
+  // "tomorrow").
+  std::optional<std::string> plugin, name, every, fileName, retryAfter, next, timeout;
   std::optional<int> retries;
-  std::optional<int> timeoutSeconds;
   /// What stood behind "--"; nothing without a "--".
   std::optional<std::vector<std::string>> pluginArguments;
 
-  // delete, stagger, prune
-  bool isConfirmed = false;
+  std::optional<std::string> reason;  // pause
+  bool isConfirmed = false;           // delete
 
-  // forecast, stagger, prune
-  int hours = 24;
-  std::string durationSeconds;
+  // forecast: hours and seconds as numbers, and "ID=SECONDS"
+  std::string hours = "1", runSeconds = "1";
+  std::vector<std::string> took;
+
+  // stagger
   bool apply = false;
-  std::string olderThan;
+  std::string longest = "1 hour";
+
+  std::string olderThan;  // prune
 };

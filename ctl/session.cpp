@@ -12,9 +12,15 @@
 
 namespace {
 
+/// "NOTICE:  task 7 is paused already" on standard error, in koductl's own form.
+void printNotice(void*, const char* message) {
+  fmt::print(stderr, "koductl: {}\n", serverMessage(message));
+}
+
 std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::string& user) {
   try {
     auto connection = std::make_unique<pgSafeThread>(connectionString(config, user));
+    PQsetNoticeProcessor(connection->connection, printNotice, nullptr);
     // Whatever the role or the environment says: times are UTC, and names are the schema's.
     PQclear(connection->executeRequest(
         "SET timezone = 'UTC'; SET search_path = public; SET client_encoding = 'UTF8'"));
@@ -73,9 +79,19 @@ Rows Session::query(const std::string& sql, const std::vector<std::string>& para
   }
 }
 
+bool isDaemonConnected(Session& session) {
+  // Tools name themselves kodu_ and something; the daemon does not name itself.
+  const Rows rows = session.query(
+      "SELECT count(*) AS sessions FROM pg_stat_activity"
+      " WHERE usename = $1 AND datname = current_database()"
+      " AND coalesce(application_name, '') NOT LIKE 'kodu\\_%'",
+      {trim(session.config.user)});
+  return rows.number(0, "sessions") > 0;
+}
+
 std::string serverMessage(const std::string& text) {
   std::string message = text;
-  // "Execute failed:  ERROR:  ..."; the severity's word is the server's language.
+  // "Execute failed:  ERROR:  ..." or "NOTICE:  ..."; severities come in the server's language.
   for (int part = 0; part < 2; ++part) {
     const auto end = message.find(":  ");
     if (end != std::string::npos && end < message.find('\n')) {
@@ -84,6 +100,9 @@ std::string serverMessage(const std::string& text) {
   }
   if (const auto context = message.find("\nCONTEXT:"); context != std::string::npos) {
     message.erase(context);
+  }
+  if (const auto hint = message.find("\nHINT:  "); hint != std::string::npos) {
+    message.replace(hint + 1, 7, "hint: ");
   }
   return trim(message);
 }

@@ -54,5 +54,8 @@ class Session {
   std::unique_ptr<pgSafeThread> connection;
 };
 
+/// True when a session of the daemon is in the database.
+bool isDaemonConnected(Session& session);
+
 /// The server's words without what only a developer of functions reads: prefix and context.
 std::string serverMessage(const std::string& text);

@@ -6,10 +6,13 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ctl/commands.h"
+#include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session.h"
 #include "ctl/table.h"
@@ -61,7 +64,7 @@ Table tableOf(const std::vector<Task>& tasks) {
                {statusWord(task), colourOf(statusWord(task))},
                {lateText(task), task.isLate() ? Colour::kYellow : Colour::kNone},
                shortTime(task.lastDue, task.now),
-               shortTime(task.next, task.now),
+               shortTime(task.isPaused ? std::nullopt : task.next, task.now),
                task.every ? durationText(*task.every) : "-",
                fmt::format("{}/{}", task.failedAttempts, task.maxRetries()),
                std::to_string(task.failuresHour),
@@ -127,7 +130,32 @@ void endWatch(int) {
   _exit(0);
 }
 
-[[noreturn]] void watch(Session& session, const Options& options) {
+/// The tasks, over a new session when the former one was lost; nothing while there is none to be
+/// had: `failure` says why.
+std::optional<std::vector<Task>> look(std::optional<Session>& session, const Options& options,
+                                      std::string& failure) {
+  try {
+    if (!session) {
+      session.emplace(options);
+      session->makeReadOnly();
+    }
+    return selectTasks(*session, options);
+  } catch (const Failure& e) {
+    failure = e.what();
+    session.reset();
+    return std::nullopt;
+  }
+}
+
+void showFailure(const std::string& failure, bool isDrawn) {
+  if (isDrawn) {
+    fmt::print("\x1b[H{}\x1b[K\n\x1b[J", oneLine(failure));
+  } else {
+    fmt::print(stderr, "koductl: {}\n", failure);
+  }
+}
+
+[[noreturn]] void watch(std::optional<Session>& session, const Options& options) {
   std::signal(SIGINT, endWatch);
   std::signal(SIGTERM, endWatch);
   const bool isDrawn = isTerminal() && !options.asJson;
@@ -135,11 +163,14 @@ void endWatch(int) {
     fmt::print("\x1b[?25l\x1b[2J");
   }
   for (;;) {
-    const std::vector<Task> tasks = selectTasks(session, options);
-    if (isDrawn) {
-      draw(tasks);
+    std::string failure;
+    const auto tasks = look(session, options, failure);
+    if (!tasks) {
+      showFailure(failure, isDrawn);
+    } else if (isDrawn) {
+      draw(*tasks);
     } else {
-      printTasks(tasks, options);
+      printTasks(*tasks, options);
     }
     std::fflush(stdout);
     sleep(1);
@@ -149,11 +180,12 @@ void endWatch(int) {
 }  // namespace
 
 int runStatus(const Options& options) {
-  Session session(options);
-  session.makeReadOnly();
+  // A watch ends at a failure here, too: a wrong configuration does not heal.
+  std::optional<Session> session(std::in_place, options);
+  session->makeReadOnly();
   if (options.watch) {
     watch(session, options);
   }
-  printTasks(selectTasks(session, options), options);
+  printTasks(selectTasks(*session, options), options);
   return 0;
 }

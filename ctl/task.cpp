@@ -121,6 +121,12 @@ Task readTask(Session& session, int id) {
   return taskOf(rows, 0);
 }
 
+long countRunning(Session& session) {
+  return session
+      .query("SELECT count(*) AS running FROM kodu_cron_plugin WHERE cron_status = 'PROCESS'")
+      .number(0, "running");
+}
+
 Json::Value toJson(const Task& task) {
   Json::Value json(Json::objectValue);
   json["id"] = task.id;
@@ -128,7 +134,7 @@ Json::Value toJson(const Task& task) {
   json["plugin"] = task.path;
   json["parameters"] = task.parameter;
   json["status"] = jsonText(task.status);
-  json["due"] = jsonTime(task.next);
+  json["due"] = jsonTime(task.isPaused ? std::nullopt : task.next);
   json["last_due"] = jsonTime(task.lastDue);
   json["late_seconds"] = Json::Int64{task.lateSeconds()};
   json["every_seconds"] = jsonNumber(task.every);

@@ -55,5 +55,8 @@ std::vector<Task> readTasks(Session& session);
 /// One task. Throws Failure (kNotFound) when there is none.
 Task readTask(Session& session, int id);
 
+/// How many rows are in PROCESS: runs that go on, and pending retries.
+long countRunning(Session& session);
+
 /// Everything above as a JSON object.
 Json::Value toJson(const Task& task);

@@ -1,0 +1,159 @@
+// koductl add, set, pause, resume, run, delete: each is one call of a function in the database,
+// which tells the daemon.
+
+#include <fmt/core.h>
+#include <unistd.h>
+
+#include <iostream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ctl/arguments.h"
+#include "ctl/call.h"
+#include "ctl/commands.h"
+#include "ctl/failure.h"
+#include "ctl/guarded.h"
+#include "ctl/options.h"
+#include "ctl/session.h"
+#include "ctl/task.h"
+#include "ctl/terminal.h"
+#include "ctl/text.h"
+
+namespace {
+
+std::string nextText(const Task& task) {
+  if (task.isPaused || !task.next) {
+    return "";
+  }
+  const long wait = *task.next - task.now;
+  return fmt::format("; next due at {} UTC ({})", timeText(*task.next),
+                     wait < 0 ? durationText(-wait) + " ago" : "in " + durationText(wait));
+}
+
+/// Prints what is so now: "task 7 (load) added; next due at ...".
+void report(Session& session, const Options& options, int id, const std::string& done) {
+  const Task task = readTask(session, id);
+  if (options.asJson) {
+    printJson(toJson(task));
+  } else {
+    fmt::print("task {} ({}) {}{}\n", id, oneLine(task.name), done, nextText(task));
+  }
+}
+
+std::optional<std::string> parametersOf(const Options& options) {
+  return options.pluginArguments ? std::optional(parameterString(*options.pluginArguments))
+                                 : std::nullopt;
+}
+
+/// The same for a task that is there: where koduguard is its plugin, the guard's own arguments and
+/// the guarded plugin stay.
+std::optional<std::string> parametersFor(const Task& task, const Options& options) {
+  if (!isGuarded(task)) {
+    return parametersOf(options);
+  }
+  if (options.plugin) {
+    throw Failure(kRefused, fmt::format("task {} runs its plugin within koduguard: to run another "
+                                        "one, delete it and add it anew",
+                                        task.id));
+  }
+  if (!options.pluginArguments) {
+    return std::nullopt;
+  }
+  std::vector<std::string> arguments = guardArguments(task);
+  arguments.insert(arguments.end(), options.pluginArguments->begin(),
+                   options.pluginArguments->end());
+  return parameterString(arguments);
+}
+
+/// The arguments that add and set share, but for the plugin's own.
+void giveDefinition(Call& call, const Options& options) {
+  call.with("every", "interval", options.every)
+      .with("retries", options.retries)
+      .with("retry_after", "interval", options.retryAfter)
+      .with("file_name", "text", options.fileName)
+      .with("name", "text", options.name);
+}
+
+/// A command that calls a function with nothing but the task's id.
+int callWithTask(const Options& options, const char* function, const std::string& done) {
+  Session session(options);
+  Call(function).with("task", options.id).run(session);
+  report(session, options, options.id, done);
+  return kDone;
+}
+
+void askBeforeDeletion(const Task& task) {
+  if (isatty(STDIN_FILENO) == 0) {
+    throw Failure(kWrongUsage, "nobody can be asked here: say --yes to delete without a question");
+  }
+  fmt::print(stderr, "Delete task {} ({}), its output, archive and history? [y/N] ", task.id,
+             printable(oneLine(task.name)));
+  std::string answer;
+  std::getline(std::cin, answer);
+  if (answer != "y" && answer != "yes") {
+    throw Failure(kRefused, "nothing is deleted");
+  }
+}
+
+}  // namespace
+
+int runAdd(const Options& options) {
+  Call call("kodu_task_add");
+  call.with("plugin", "text", options.plugin)
+      .with("first_run", "timestamptz", options.next)
+      .with("timeout", "interval", options.timeout)
+      .with("parameters", "text", parametersOf(options));
+  giveDefinition(call, options);
+  Session session(options);
+  const Rows added = call.run(session);
+  report(session, options, static_cast<int>(added.number(0, "result")), "added");
+  return kDone;
+}
+
+int runSet(const Options& options) {
+  Session session(options);
+  Call call("kodu_task_set");
+  call.with("task", options.id)
+      .with("plugin", "text", options.plugin)
+      .with("next_run", "timestamptz", options.next)
+      .with("parameters", "text", parametersFor(readTask(session, options.id), options));
+  giveDefinition(call, options);
+  call.run(session);
+  report(session, options, options.id, "changed");
+  return kDone;
+}
+
+int runPause(const Options& options) {
+  Session session(options);
+  Call("kodu_task_pause")
+      .with("task", options.id)
+      .with("reason", "text", options.reason)
+      .run(session);
+  report(session, options, options.id, "paused");
+  return kDone;
+}
+
+int runResume(const Options& options) {
+  return callWithTask(options, "kodu_task_resume", "resumed");
+}
+
+int runRun(const Options& options) {
+  return callWithTask(options, "kodu_task_run_now", "will run");
+}
+
+int runDelete(const Options& options) {
+  Session session(options);
+  const Task task = readTask(session, options.id);
+  if (!options.isConfirmed) {
+    askBeforeDeletion(task);
+  }
+  Call("kodu_task_delete").with("task", options.id).run(session);
+  if (options.asJson) {
+    printJson(toJson(readTask(session, options.id)));
+  } else {
+    fmt::print("task {} ({}) will be gone, with its files, within two minutes\n", task.id,
+               oneLine(task.name));
+  }
+  return kDone;
+}

@@ -1,0 +1,42 @@
+// koductl explain: what is going on with one task, in sentences.
+
+#include <fmt/format.h>
+
+#include <string>
+#include <vector>
+
+#include "core/helpers.h"
+#include "ctl/commands.h"
+#include "ctl/daemonProcess.h"
+#include "ctl/explanation.h"
+#include "ctl/failure.h"
+#include "ctl/options.h"
+#include "ctl/session.h"
+#include "ctl/task.h"
+#include "ctl/terminal.h"
+#include "ctl/text.h"
+
+int runExplain(const Options& options) {
+  Session session(options);
+  session.makeReadOnly();
+  const Task task = readTask(session, options.id);
+  Surroundings around;
+  around.daemon = findDaemon(session.config);
+  around.isConnected = isDaemonConnected(session);
+  around.workers = stringToInt(session.config.threadNumber);
+  around.runningTasks = countRunning(session);
+  const std::vector<std::string> sentences = explain(task, around);
+  if (options.asJson) {
+    Json::Value json = toJson(task);
+    json["explanation"] = Json::Value(Json::arrayValue);
+    for (const std::string& sentence : sentences) {
+      json["explanation"].append(sentence);
+    }
+    printJson(json);
+    return kDone;
+  }
+  for (const std::string& sentence : sentences) {
+    fmt::print("{}\n", oneLine(sentence));
+  }
+  return kDone;
+}

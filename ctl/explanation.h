@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "ctl/daemonProcess.h"
+
+struct Task;
+
+/// What an explanation needs besides the task's own row.
+struct Surroundings {
+  DaemonIdentity daemon;
+  bool isConnected = false;  // a session of the daemon is in the database
+  int workers = 0;           // as the INI file has it
+  long runningTasks = 0;     // rows in PROCESS, pending retries among them
+};
+
+/// Sentences: what the task is, how its last run ended, what it waits for, which rule set its next
+/// time, since when it fails, whether its plugin can be run and its output be written.
+std::vector<std::string> explain(const Task& task, const Surroundings& around);

@@ -1,0 +1,195 @@
+// koductl forecast and stagger: what is to come, and how to spread it.
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "ctl/call.h"
+#include "ctl/commands.h"
+#include "ctl/failure.h"
+#include "ctl/options.h"
+#include "ctl/session.h"
+#include "ctl/table.h"
+#include "ctl/text.h"
+
+namespace {
+
+constexpr std::size_t kShownMinutes = 10;
+
+/// A minute that is to come.
+struct Minute {
+  std::string time, busiestSecond;  // UTC; no busiest second where nothing is due
+  long runs = 0, busiestRuns = 0, workers = 0;
+};
+
+/// ["7=12.5", "8=3"] as the object {"7": 12.5, "8": 3}.
+std::string durationsObject(const std::vector<std::string>& durations) {
+  std::string members;
+  for (const std::string& duration : durations) {
+    const auto sign = duration.find('=');
+    if (sign == std::string::npos) {
+      throw Failure(kWrongUsage, "--took wants ID=SECONDS, not " + duration);
+    }
+    members += fmt::format("{}\"{}\": {}", members.empty() ? "" : ", ", duration.substr(0, sign),
+                           duration.substr(sign + 1));
+  }
+  return "{" + members + "}";
+}
+
+std::vector<Minute> readForecast(const Options& options, Session& session) {
+  const Rows rows = Call("kodu_forecast")
+                        .with("hours", "numeric", options.hours)
+                        .with("run_seconds", "numeric", options.runSeconds)
+                        .with("durations", "jsonb", durationsObject(options.took))
+                        .run(session);
+  std::vector<Minute> minutes;
+  for (int row = 0; row < rows.count(); ++row) {
+    minutes.push_back({rows.text(row, "minute"), rows.text(row, "busiest_second"),
+                       rows.number(row, "runs"), rows.number(row, "busiest_runs"),
+                       rows.number(row, "workers")});
+  }
+  return minutes;
+}
+
+Json::Value toJson(const std::vector<Minute>& minutes) {
+  Json::Value list(Json::arrayValue);
+  for (const Minute& minute : minutes) {
+    Json::Value entry;
+    entry["minute"] = minute.time;
+    entry["runs"] = Json::Int64{minute.runs};
+    entry["busiest_second"] = minute.busiestSecond;
+    entry["busiest_runs"] = Json::Int64{minute.busiestRuns};
+    entry["workers"] = Json::Int64{minute.workers};
+    list.append(entry);
+  }
+  return list;
+}
+
+void printBusiestMinutes(std::vector<Minute> minutes) {
+  std::stable_sort(minutes.begin(), minutes.end(),
+                   [](const Minute& a, const Minute& b) { return a.runs > b.runs; });
+  minutes.resize(std::min(minutes.size(), kShownMinutes));
+  constexpr auto kRight = Table::Align::kRight;
+  Table table({{"BUSIEST MINUTES (UTC)"},
+               {"RUNS", kRight},
+               {"BUSIEST SECOND"},
+               {"RUNS", kRight},
+               {"WORKERS", kRight}});
+  for (const Minute& minute : minutes) {
+    table.add({minute.time, std::to_string(minute.runs), minute.busiestSecond,
+               std::to_string(minute.busiestRuns), std::to_string(minute.workers)});
+  }
+  table.print();
+}
+
+void printSummary(const std::vector<Minute>& minutes, const Options& options,
+                  const std::string& threadNumber) {
+  long runs = 0;
+  Minute busiest;
+  long workers = 0;
+  for (const Minute& minute : minutes) {
+    runs += minute.runs;
+    workers = std::max(workers, minute.workers);
+    if (minute.busiestRuns > busiest.busiestRuns) {
+      busiest = minute;
+    }
+  }
+  fmt::print("{} in {} h", counted(runs, "run"), options.hours);
+  if (busiest.busiestRuns > 0) {
+    fmt::print("; the busiest second is {} with {}", busiest.busiestSecond, busiest.busiestRuns);
+  }
+  fmt::print(".\nWith runs of {} s, {} at work at once; thread_number is {}.\n\n",
+             options.runSeconds, counted(workers, "worker"), threadNumber);
+}
+
+/// What a stagger proposes.
+struct Plan {
+  long tasks = 0;
+  long busiestBefore = 0, busiestAfter = 0;  // runs within one second
+  struct Move {
+    std::string id, name, every, nextRun, proposed;
+  };
+  std::vector<Move> moves;
+};
+
+Plan readPlan(const Options& options, Session& session) {
+  session.query("SET client_min_messages = warning");  // the notice says what the plan says
+  const Rows rows = Call("kodu_stagger")
+                        .with("dry_run", "boolean", options.apply ? "false" : "true")
+                        .with("longest", "interval", options.longest)
+                        .run(session);
+  Plan plan;
+  plan.tasks = rows.count();
+  for (int row = 0; row < rows.count(); ++row) {
+    plan.busiestBefore = rows.number(row, "busiest_before");
+    plan.busiestAfter = rows.number(row, "busiest_after");
+    if (rows.text(row, "proposed") != rows.text(row, "next_run")) {
+      plan.moves.push_back({rows.text(row, "id"), rows.text(row, "name"),
+                            rows.text(row, "interval"), rows.text(row, "next_run"),
+                            rows.text(row, "proposed")});
+    }
+  }
+  return plan;
+}
+
+void printPlan(const Plan& plan, bool isApplied) {
+  Table table(
+      {{"ID", Table::Align::kRight}, {"NAME"}, {"EVERY"}, {"NEXT RUN (UTC)"}, {"PROPOSED"}});
+  for (const Plan::Move& move : plan.moves) {
+    table.add({move.id, move.name, move.every, move.nextRun, move.proposed});
+  }
+  if (!plan.moves.empty()) {
+    table.print();
+  }
+  fmt::print("{} of {} {}; busiest second: {} before, {} after\n", plan.moves.size(),
+             counted(plan.tasks, "task"), isApplied ? "moved" : "to be moved",
+             counted(plan.busiestBefore, "run"), plan.busiestAfter);
+  if (!isApplied && !plan.moves.empty()) {
+    fmt::print("Nothing is changed yet: say --apply.\n");
+  }
+}
+
+Json::Value toJson(const Plan& plan, bool isApplied) {
+  Json::Value json;
+  json["applied"] = isApplied;
+  json["busiest_before"] = Json::Int64{plan.busiestBefore};
+  json["busiest_after"] = Json::Int64{plan.busiestAfter};
+  json["moves"] = Json::Value(Json::arrayValue);
+  for (const Plan::Move& move : plan.moves) {
+    Json::Value entry;
+    entry["id"] = std::stoi(move.id);
+    entry["name"] = move.name;
+    entry["next_run"] = move.nextRun;
+    entry["proposed"] = move.proposed;
+    json["moves"].append(entry);
+  }
+  return json;
+}
+
+}  // namespace
+
+int runForecast(const Options& options) {
+  Session session(options);
+  session.makeReadOnly();
+  const std::vector<Minute> minutes = readForecast(options, session);
+  if (options.asJson) {
+    printJson(toJson(minutes));
+    return kDone;
+  }
+  printSummary(minutes, options, session.config.threadNumber);
+  printBusiestMinutes(minutes);
+  return kDone;
+}
+
+int runStagger(const Options& options) {
+  Session session(options);
+  const Plan plan = readPlan(options, session);
+  if (options.asJson) {
+    printJson(toJson(plan, options.apply));
+  } else {
+    printPlan(plan, options.apply);
+  }
+  return kDone;
+}

@@ -1,0 +1,184 @@
+#include <sys/stat.h>
+
+#include <string>
+
+#include "tests/ctl/CtlTest.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+/// koductl check.
+class CheckTest : public CtlTest {
+ protected:
+  void SetUp() override {
+    CtlTest::SetUp();
+    std::filesystem::create_directories(daemon.outputDirectory());
+    // A copy of the template has its own time zone to be set.
+    database.query("ALTER DATABASE " + database.name() + " SET timezone = 'UTC'");
+    chmod(daemon.databaseConfig().c_str(), 0600);
+  }
+
+  /// A task with a time limit.
+  TaskRow guardedTask(int id) const {
+    TaskRow row = quietTask(id);
+    row.parameter = "-t 5 -- " + row.path;
+    row.path = std::getenv("KODU_TEST_GUARD");
+    return row;
+  }
+  std::string check(int exitCode) const {
+    const CtlResult result = run({"check"});
+    EXPECT_EQ(result.exitCode, exitCode) << result.out << result.err;
+    return result.out;
+  }
+};
+
+TEST_F(CheckTest, FindsNothingWhereAllIsWell) {
+  database.insertTask(guardedTask(1));
+  ASSERT_TRUE(daemon.startAndWait());
+  const std::string text = check(0);
+  EXPECT_THAT(text, HasSubstr("OK       nothing found\n"));
+  EXPECT_THAT(text, HasSubstr("DUE NEXT (UTC)"));
+  EXPECT_THAT(text, HasSubstr("task1"));
+}
+
+TEST_F(CheckTest, WarnsOfTasksWithoutATimeLimitAndOfAMissingDaemon) {
+  database.insertTask(quietTask(1));
+  database.insertTask(quietTask(2));
+  const std::string text = check(1);
+  EXPECT_THAT(text, HasSubstr("WARNING  tasks 1, 2: no time limit"));
+  EXPECT_THAT(text, HasSubstr("WARNING  no session of the daemon is in this database"));
+  EXPECT_THAT(text, HasSubstr("0 errors, 2 warnings\n"));
+}
+
+TEST_F(CheckTest, FindsPluginsThatCannotBeRun) {
+  TaskRow missing = quietTask(1);
+  std::filesystem::remove(missing.path);
+  database.insertTask(missing);
+  TaskRow locked = quietTask(2);
+  chmod(locked.path.c_str(), 0644);
+  database.insertTask(locked);
+  TaskRow text = quietTask(3);
+  writeFile(text.path, "no program\n");
+  database.insertTask(text);
+  TaskRow script = quietTask(4);
+  writeFile(script.path, "#!/nowhere/sh\n");
+  database.insertTask(script);
+  const std::string found = check(2);
+  EXPECT_THAT(found, HasSubstr("ERROR    task 1: plugin " + missing.path +
+                               " cannot be run: No such file or directory\n"));
+  EXPECT_THAT(found, HasSubstr("task 2: plugin " + locked.path + " cannot be run: Permission"));
+  EXPECT_THAT(found, HasSubstr("task 3: plugin " + text.path + " cannot be run: it is neither"));
+  EXPECT_THAT(found, HasSubstr("task 4: plugin " + script.path +
+                               " cannot be run: its interpreter '/nowhere/sh': No such file"));
+}
+
+TEST_F(CheckTest, FindsFileNamesThatEndTheDaemon) {
+  TaskRow noDate = guardedTask(1);
+  noDate.logFile = "fixed.txt";
+  database.insertTask(noDate);
+  TaskRow noFolder = guardedTask(2);
+  noFolder.logFile = "nowhere/$DATE.txt";
+  database.insertTask(noFolder);
+  TaskRow same = guardedTask(3);
+  same.logFile = "fixed.txt";
+  database.insertTask(same);
+  const std::string found = check(2);
+  EXPECT_THAT(found, HasSubstr("tasks 1, 3: no $DATE in the file name"));
+  EXPECT_THAT(found, HasSubstr("task 2: output file cannot be written: directory " +
+                               daemon.outputDirectory() + "/nowhere: No such file"));
+  EXPECT_THAT(found, HasSubstr("task 3: writes the same output file as task 1"));
+}
+
+TEST_F(CheckTest, FindsRowsThatTheDaemonWouldRefuse) {
+  for (const char* constraint :
+       {"cron_interval_from_second_to_year", "cron_log_file_names_a_file"}) {
+    database.query(std::string("ALTER TABLE kodu_cron_plugin DROP CONSTRAINT ") + constraint);
+  }
+  database.query("ALTER TABLE kodu_cron_plugin ALTER cron_next_exec DROP NOT NULL");
+  for (const int id : {1, 2, 3, 4}) {
+    database.insertTask(guardedTask(id));
+  }
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '0' WHERE cron_id = 1");
+  database.query("UPDATE kodu_cron_plugin SET cron_next_exec = NULL WHERE cron_id = 2");
+  database.query("UPDATE kodu_cron_plugin SET cron_log_file = '' WHERE cron_id = 3");
+  database.query("UPDATE kodu_plugins SET plugin_type = 'other' WHERE plugin_id = 4");
+  const std::string found = check(2);
+  EXPECT_THAT(found, HasSubstr("task 1: refused by the daemon: cron_interval"));
+  EXPECT_THAT(found, HasSubstr("task 2: refused by the daemon: cron_next_exec"));
+  EXPECT_THAT(found, HasSubstr("task 3: cron_log_file is empty"));
+  EXPECT_THAT(found, HasSubstr("task 4: plugin_type is 'other'"));
+}
+
+TEST_F(CheckTest, WarnsOfAQuoteThatIsNotClosed) {
+  TaskRow row = guardedTask(1);
+  row.parameter += " \"a b";
+  database.insertTask(row);
+  EXPECT_THAT(check(1), HasSubstr("task 1: a quote in the parameters is not closed"));
+}
+
+TEST_F(CheckTest, FindsWhatTheIniFilesGetWrong) {
+  writeFile(daemon.mainConfig(),
+            "[LOG]\nlog_file=/nowhere/x.log\nlog_path_task=" + daemon.outputDirectory() +
+                " \n[CRON]\nthread_number=many\nold_kodu_conf_file=x\n"
+                "kodu_conf_file=" +
+                daemon.databaseConfig() + "\n");
+  std::string found = check(2);
+  EXPECT_THAT(found, HasSubstr("cannot read x: No such file"));
+
+  writeFile(daemon.mainConfig(),
+            "[LOG]\nlog_file=/nowhere/x.log\nlog_path_task=" + daemon.outputDirectory() +
+                " \n[CRON]\nthread_number=many\n"
+                "kodu_conf_file=" +
+                daemon.databaseConfig() + "\n");
+  chmod(daemon.databaseConfig().c_str(), 0644);
+  found = check(2);
+  EXPECT_THAT(found, HasSubstr("thread_number is no number"));
+  EXPECT_THAT(found, HasSubstr("log_path_task in [LOG] begins or ends with a blank"));
+  EXPECT_THAT(found, HasSubstr("cannot write the log /nowhere/x.log: directory /nowhere: No such"));
+  EXPECT_THAT(found, HasSubstr("cannot write task output: directory"));
+  EXPECT_THAT(found, HasSubstr("everybody may read it: chmod o-r"));
+}
+
+TEST_F(CheckTest, WarnsOfALineThatIsTakenForAnother) {
+  writeFile(daemon.mainConfig(),
+            "[LOG]\nmy_log_file=/tmp/no\nlog_file=" + daemon.logPath() +
+                "\nlog_path_task=" + daemon.outputDirectory() +
+                "\n[CRON]\nthread_number=2\nkodu_conf_file=" + daemon.databaseConfig() + "\n");
+  EXPECT_THAT(check(1), HasSubstr("log_file in [LOG] is taken from another line"));
+}
+
+TEST_F(CheckTest, FindsRightsThatAreMissing) {
+  database.query("REVOKE DELETE ON kodu_cron_error FROM kodu");
+  database.query("REVOKE UPDATE (cron_status) ON kodu_cron_plugin FROM kodu");
+  database.query("REVOKE USAGE ON SEQUENCE kodu_cron_error_cron_error_id_seq FROM kodu");
+  const std::string found = check(2);
+  EXPECT_THAT(found, HasSubstr("role kodu lacks DELETE on kodu_cron_error"));
+  EXPECT_THAT(found, HasSubstr("role kodu lacks UPDATE (cron_status) on kodu_cron_plugin"));
+  EXPECT_THAT(found, HasSubstr("role kodu lacks USAGE on sequence"));
+}
+
+TEST_F(CheckTest, FindsAnotherTimeZone) {
+  database.query("ALTER DATABASE " + database.name() + " SET timezone = 'Asia/Tokyo'");
+  EXPECT_THAT(check(2), HasSubstr("sessions have the time zone Asia/Tokyo"));
+}
+
+TEST_F(CheckTest, EndsWith2WhereTheDatabaseDoesNotAnswer) {
+  writeFile(daemon.databaseConfig(),
+            "[POSTGRESQL]\nPGSQL_host=127.0.0.1\nPGSQL_port=1\nPGSQL_db=x\nPGSQL_username=kodu\n");
+  chmod(daemon.databaseConfig().c_str(), 0600);
+  EXPECT_THAT(check(2), HasSubstr("Connection refused"));
+}
+
+TEST_F(CheckTest, GivesItsFindingsAsJson) {
+  database.insertTask(quietTask(1));
+  const CtlResult result = run({"check", "--json"});
+  const Json::Value json = parsed(result.out);
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(json["exit_code"].asInt(), 1);
+  EXPECT_EQ(json["findings"].size(), 2U);
+  EXPECT_EQ(json["findings"][0]["severity"].asString(), "warning");
+  EXPECT_EQ(json["due_next"][0]["id"].asInt(), 1);
+}
+
+}  // namespace

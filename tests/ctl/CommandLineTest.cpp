@@ -1,0 +1,94 @@
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tests/ctl/CtlTest.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+/// What koductl says and ends with where it cannot begin.
+class CommandLineTest : public CtlTest {};
+
+TEST_F(CommandLineTest, PrintsHelpAndVersion) {
+  const CtlResult help = runWith({"--help"});
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_THAT(help.out, HasSubstr("rerun"));
+  const CtlResult version = runWith({"--version"});
+  EXPECT_EQ(version.exitCode, 0);
+  EXPECT_THAT(version.out, testing::MatchesRegex("koductl [0-9.]+\n"));
+}
+
+TEST_F(CommandLineTest, EndsWith64ForAWrongCommandLine) {
+  for (const std::vector<std::string>& wrong : {std::vector<std::string>{},
+                                                {"foo"},
+                                                {"show"},
+                                                {"show", "x"},
+                                                {"show", "1", "2"},
+                                                {"status", "--", "x"},
+                                                {"history", "1", "-n", "0"},
+                                                {"add", "plugin"}}) {
+    const CtlResult result = run(wrong);
+    EXPECT_EQ(result.exitCode, 64) << testing::PrintToString(wrong);
+    EXPECT_NE(result.err, "");
+    EXPECT_EQ(result.out, "");
+  }
+  EXPECT_THAT(run({"foo"}).err, HasSubstr("there is no command foo"));
+}
+
+TEST_F(CommandLineTest, EndsWith78WithoutAConfiguration) {
+  const CtlResult result = runWith({"-f", "/nowhere/cron.conf", "status"});
+  EXPECT_EQ(result.exitCode, 78);
+  EXPECT_EQ(result.err,
+            "koductl: cannot read /nowhere/cron.conf: No such file or directory; name the daemon's "
+            "main INI file with -f\n");
+}
+
+TEST_F(CommandLineTest, EndsWith78WithoutADatabaseFile) {
+  std::filesystem::remove(daemon.databaseConfig());
+  const CtlResult result = run({"status"});
+  EXPECT_EQ(result.exitCode, 78);
+  EXPECT_THAT(result.err, HasSubstr("kodu_conf_file in " + daemon.mainConfig() + " names it"));
+}
+
+TEST_F(CommandLineTest, EndsWith69WhereNoDatabaseAnswers) {
+  writeFile(daemon.databaseConfig(),
+            "[POSTGRESQL]\nPGSQL_host=127.0.0.1\nPGSQL_port=1\nPGSQL_db=x\nPGSQL_username=kodu\n"
+            "PGSQL_pwd=x\n");
+  const CtlResult result = run({"status"});
+  EXPECT_EQ(result.exitCode, 69);
+  EXPECT_THAT(result.err, HasSubstr("Connection refused"));
+  EXPECT_THAT(result.err, HasSubstr("look whether the server runs"));
+}
+
+TEST_F(CommandLineTest, EndsWith66ForATaskThatIsNotThere) {
+  for (const char* command : {"show", "explain", "history", "output", "rerun"}) {
+    const CtlResult result = run({command, "99"});
+    EXPECT_EQ(result.exitCode, 66) << command;
+    EXPECT_EQ(result.err, "koductl: there is no task 99; koductl status lists them\n");
+  }
+}
+
+TEST_F(CommandLineTest, TakesTheCommonOptionsBehindTheCommandToo) {
+  database.insertTask(quietTask(1));
+  const CtlResult result = runWith({"status", "--json", "-f", daemon.mainConfig()});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(parsed(result.out)[0]["name"].asString(), "task1");
+}
+
+TEST_F(CommandLineTest, NamesItselfAsAToolToTheDatabase) {
+  database.insertTask(quietTask(1));
+  const pid_t pid = start({"-f", daemon.mainConfig(), "status", "--watch"});
+  const bool isSeen = waitUntil([&] {
+    return database.value(
+               "SELECT count(*) FROM pg_stat_activity WHERE application_name ="
+               " 'kodu_ctl' AND datname = current_database()") == "1";
+  });
+  kill(pid, SIGTERM);
+  waitpid(pid, nullptr, 0);
+  EXPECT_TRUE(isSeen);
+}
+
+}  // namespace

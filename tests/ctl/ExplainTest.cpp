@@ -1,0 +1,136 @@
+#include <sys/stat.h>
+
+#include <string>
+
+#include "tests/ctl/CtlTest.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+
+/// koductl explain.
+class ExplainTest : public CtlTest {
+ protected:
+  std::string explain(int id) const {
+    const CtlResult result = run({"explain", std::to_string(id)});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    return result.out;
+  }
+  void set(int id, const std::string& columns) const {
+    database.query("UPDATE kodu_cron_plugin SET " + columns +
+                   " WHERE cron_id = " + std::to_string(id));
+  }
+};
+
+TEST_F(ExplainTest, SaysWhatANewTaskWaitsFor) {
+  TaskRow row = quietTask(1);
+  row.parameter = "a b";
+  database.insertTask(row);
+  EXPECT_THAT(
+      explain(1),
+      AllOf(HasSubstr("Task 1 (task1) runs " + row.path + " with 2 arguments every 5m.\n"),
+            HasSubstr("It has not run yet.\n"), ContainsRegex("It waits for its time: .*in"),
+            HasSubstr("Whoever added the task chose that time"),
+            HasSubstr("No run has failed in the last day.")));
+}
+
+TEST_F(ExplainTest, SaysWhichRuleSetTheNextTime) {
+  database.insertTask(quietTask(1));
+  set(1, "cron_status = 'OK', cron_last_exec = cron_next_exec - interval '300 s'");
+  EXPECT_THAT(explain(1), HasSubstr("That is one interval, 5m, after the due time"));
+  set(1, "cron_last_exec = cron_next_exec - interval '600 s'");
+  EXPECT_THAT(explain(1), HasSubstr("That is 2 intervals after the due time of the last run: one "
+                                    "has been skipped"));
+  set(1, "cron_last_exec = cron_next_exec - interval '1500 s'");
+  EXPECT_THAT(explain(1), HasSubstr("That is 5 intervals after the due time of the last run: 4 "
+                                    "have been skipped"));
+  set(1, "cron_last_exec = cron_next_exec - interval '301 s'");
+  EXPECT_THAT(explain(1), HasSubstr("That is no whole number of intervals"));
+}
+
+TEST_F(ExplainTest, CountsTheRetriesOfARunThatFails) {
+  TaskRow row = makeTask(1, "echo bad; exit 2");
+  row.interval = "1 hour";
+  row.retries = "2";
+  row.retriesInterval = "interval '1000 seconds'";
+  database.insertTask(row);
+  ASSERT_TRUE(daemon.startAndWait());
+  ASSERT_TRUE(waitUntil([&] { return database.failures(1) == 1; }, kPatience));
+  EXPECT_THAT(
+      explain(1),
+      AllOf(ContainsRegex("has failed 1 time; retry 1 of 2 is what it waits for, due at .*in "
+                          "16m"),
+            HasSubstr("The due time stays until the run is completed"),
+            ContainsRegex("It fails since .*1 run in the last hour and 1 in the last day")));
+}
+
+TEST_F(ExplainTest, SaysThatARunGoesOn) {
+  database.insertTask(makeTask(1, waitForRelease() + "echo fine"));
+  ASSERT_TRUE(daemon.startAndWait());
+  ASSERT_TRUE(waitForRuns(1, 1));
+  EXPECT_THAT(explain(1),
+              ContainsRegex("A run goes on that was due at .*: it waits for the plugin"));
+  release();
+}
+
+TEST_F(ExplainTest, SaysThatALateTaskWaitsForAFreeWorker) {
+  daemon.threadNumber = "1";
+  daemon.writeConfig();
+  database.insertTask(makeTask(1, waitForRelease() + "echo fine"));
+  ASSERT_TRUE(daemon.startAndWait());
+  ASSERT_TRUE(waitForRuns(1, 1));
+  TaskRow row = quietTask(2);
+  row.nextExec = "now() - interval '1 minute'";
+  database.insertTask(row);
+  EXPECT_THAT(explain(2),
+              HasSubstr("There are 1 worker, and 1 task in PROCESS: it waits for a free"));
+  release();
+}
+
+TEST_F(ExplainTest, SaysThatNoDaemonIsThere) {
+  TaskRow row = quietTask(1);
+  row.nextExec = "now() - interval '1 minute'";
+  database.insertTask(row);
+  EXPECT_THAT(explain(1), HasSubstr("No daemon is connected to the database, so nothing runs."));
+  setStatus(1, "PROCESS");
+  EXPECT_THAT(explain(1), HasSubstr("no daemon is connected: that run was left behind"));
+}
+
+TEST_F(ExplainTest, KnowsPausedAndDeletedTasks) {
+  database.insertTask(quietTask(1));
+  database.query("SELECT kodu_task_pause(1)");
+  EXPECT_THAT(explain(1), HasSubstr("It is paused, and waits for koductl resume 1."));
+  database.query("SELECT kodu_task_delete(1)");
+  EXPECT_THAT(explain(1), HasSubstr("It is marked for deletion"));
+}
+
+TEST_F(ExplainTest, SaysWhyPluginOrOutputCannotBeUsed) {
+  TaskRow row = quietTask(1);
+  chmod(row.path.c_str(), 0644);
+  row.logFile = "missing/x.txt";
+  database.insertTask(row);
+  const std::string text = explain(1);
+  EXPECT_THAT(text, HasSubstr("cannot run " + row.path + ": Permission denied."));
+  EXPECT_THAT(text, HasSubstr("cannot write its output to " + daemon.outputDirectory() +
+                              "/missing/x.txt: directory " + daemon.outputDirectory() +
+                              "/missing: No such file or directory. The daemon ends over this."));
+}
+
+TEST_F(ExplainTest, LooksThroughTheGuardAtThePlugin) {
+  TaskRow row = quietTask(1);
+  row.path = std::getenv("KODU_TEST_GUARD");
+  row.parameter = "-t 5 -- /nowhere/plugin a";
+  database.insertTask(row);
+  EXPECT_THAT(explain(1), HasSubstr("cannot run /nowhere/plugin: No such file or directory."));
+}
+
+TEST_F(ExplainTest, GivesTheSentencesAsJsonToo) {
+  database.insertTask(quietTask(1));
+  const Json::Value json = parsed(run({"explain", "1", "--json"}).out);
+  EXPECT_EQ(json["id"].asInt(), 1);
+  EXPECT_EQ(json["explanation"][1].asString(), "It has not run yet.");
+}
+
+}  // namespace

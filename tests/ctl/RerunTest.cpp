@@ -1,0 +1,103 @@
+#include <string>
+
+#include "tests/ctl/CtlTest.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+/// koductl rerun.
+class RerunTest : public CtlTest {
+ protected:
+  /// Runs a task whose plugin is a script with this body.
+  CtlResult rerun(const std::string& body, const std::string& parameter = "") const {
+    TaskRow row = quietTask(1);
+    writePlugin(row.path, body);
+    row.parameter = parameter;
+    database.insertTask(row);
+    return run({"rerun", "1"});
+  }
+};
+
+TEST_F(RerunTest, RunsThePluginAndEndsWithItsReturnCode) {
+  const CtlResult result = rerun("echo bad; exit 2");
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_THAT(result.out, StartsWith("bad\n--- return code 2 (CRITICAL), "));
+  EXPECT_THAT(result.out, HasSubstr("no stored output to compare with"));
+}
+
+TEST_F(RerunTest, MapsExitCodesAsTheDaemonDoes) {
+  EXPECT_EQ(rerun("echo x; exit 7").exitCode, 3);
+}
+
+TEST_F(RerunTest, GivesTheArgumentsAndNoEnvironment) {
+  const CtlResult result = rerun(
+      "echo \"$# <$1> <$2>\"; /usr/bin/tr '\\0' '\\n' </proc/$$/environ; read x; echo \"[$x]\"",
+      "-m \"two words\"");
+  EXPECT_THAT(result.out, StartsWith("2 <-m> <two words>\n[]\n--- return code 0 (OK)"));
+}
+
+TEST_F(RerunTest, RunsInTheDirectoryOfTheRunningDaemon) {
+  ASSERT_TRUE(daemon.startAndWait());
+  const std::string directory =
+      std::filesystem::read_symlink("/proc/" + std::to_string(daemon.pid()) + "/cwd");
+  const CtlResult result = rerun("pwd");
+  EXPECT_THAT(result.out, StartsWith(directory + "\n"));
+  EXPECT_THAT(result.out, HasSubstr(" in " + directory + "\n"));
+}
+
+TEST_F(RerunTest, SaysWhereNoDaemonRuns) {
+  EXPECT_THAT(rerun("pwd").out,
+              AllOf(StartsWith("/\n"), HasSubstr("no daemon with this configuration runs here")));
+}
+
+TEST_F(RerunTest, ShowsWhatDiffersFromTheStoredOutput) {
+  writeOutput("out_1_last.txt", "same\nold\n");
+  EXPECT_THAT(rerun("echo same; echo new").out, HasSubstr("out_1_last.txt:\n-old\n+new\n"));
+}
+
+TEST_F(RerunTest, SaysThatNothingDiffers) {
+  writeOutput("out_1_last.txt", "same\n");
+  EXPECT_THAT(rerun("echo same").out, HasSubstr("--- the same as the stored output, "));
+}
+
+TEST_F(RerunTest, KnowsTheTailOfAnOlderLongerOutput) {
+  writeOutput("out_1_last.txt", "same\nrest\n");
+  EXPECT_THAT(rerun("echo same").out, HasSubstr("but for 5 bytes of an older, longer one"));
+}
+
+TEST_F(RerunTest, SaysWhatTheDaemonDoesWithAPluginThatPrintsNothing) {
+  const CtlResult result = rerun("exit 0");
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_THAT(result.out, HasSubstr("DAEMON: the plugin does not return anything on the stdout"));
+  EXPECT_THAT(result.out, HasSubstr("the daemon tries this three times"));
+}
+
+TEST_F(RerunTest, LeavesDatabaseAndFilesAlone) {
+  TaskRow row = quietTask(1);
+  writePlugin(row.path, "echo bad; exit 2");
+  database.insertTask(row);
+  writeOutput("out_1_last.txt", "old\n");
+  const std::string before =
+      database.value("SELECT md5(string_agg(t::text, '')) FROM kodu_cron_plugin t");
+  run({"rerun", "1"});
+  EXPECT_EQ(database.value("SELECT md5(string_agg(t::text, '')) FROM kodu_cron_plugin t"), before);
+  EXPECT_EQ(database.failures(1), 0);
+  EXPECT_EQ(daemon.output("out_1_last.txt"), "old\n");
+  EXPECT_FALSE(std::filesystem::exists(archive(1)));
+}
+
+TEST_F(RerunTest, GivesItAllAsJson) {
+  writeOutput("out_1_last.txt", "old\n");
+  TaskRow row = quietTask(1);
+  database.insertTask(row);
+  const Json::Value json = parsed(run({"rerun", "1", "--json"}).out);
+  EXPECT_EQ(json["return_code"].asInt(), 0);
+  EXPECT_EQ(json["output"].asString(), "fine\n");
+  EXPECT_EQ(json["stored_output"].asString(), "old\n");
+  EXPECT_EQ(json["diff"][1].asString(), "+fine");
+}
+
+}  // namespace

@@ -1,0 +1,50 @@
+#include "ctl/text.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "ctl/table.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+TEST(DurationTextTest, ShowsTheTwoLargestUnits) {
+  EXPECT_EQ(durationText(0), "0s");
+  EXPECT_EQ(durationText(59), "59s");
+  EXPECT_EQ(durationText(60), "1m");
+  EXPECT_EQ(durationText(3599), "59m 59s");
+  EXPECT_EQ(durationText(3601), "1h");
+  EXPECT_EQ(durationText(90061), "1d 1h");
+}
+
+TEST(ShortTimeTest, LeavesTheDateOutOnTheSameDay) {
+  constexpr long kNoon = 1714564800;  // 2024-05-01 12:00:00
+  EXPECT_EQ(shortTime(kNoon + 61, kNoon), "12:01:01");
+  EXPECT_EQ(shortTime(kNoon + 86400, kNoon), "2024-05-02 12:00:00");
+  EXPECT_EQ(shortTime(std::nullopt, kNoon), "-");
+}
+
+TEST(TableTest, MakesColumnsAsWideAsTheirWidestCell) {
+  Table table({{"ID", Table::Align::kRight}, {"NAME"}, {"LAST"}});
+  table.add({"7"s, "\xc3\xa9t\xc3\xa9"s, "x"s});
+  table.add({"100"s, "a"s, "line\nbreak"s});
+  EXPECT_EQ(table.render(),
+            (std::vector<std::string>{" ID  NAME  LAST", "  7  \xc3\xa9t\xc3\xa9   x",
+                                      "100  a     line break"}));
+}
+
+TEST(TableTest, CutsLinesToAWidth) {
+  Table table({{"NAME"}, {"LAST"}});
+  table.add({"\xc3\xa9t\xc3\xa9"s, "x"s});
+  EXPECT_EQ(table.render(2).back(), "\xc3\xa9t");
+}
+
+TEST(CutToTest, CountsCharactersNotBytes) {
+  EXPECT_EQ(cutTo("\xc3\xa9t\xc3\xa9", 2), "\xc3\xa9t");
+  EXPECT_EQ(cutTo("ab", 5), "ab");
+  EXPECT_EQ(widthOf("\xc3\xa9t\xc3\xa9"), 3);
+}
+
+}  // namespace
