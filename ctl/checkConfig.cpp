@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <stdexcept>
 #include <string>
 
@@ -19,15 +20,15 @@ struct Key {
   bool isNeeded;
 };
 
-constexpr Key kMainKeys[] = {{"LOG", "log_file", true},
-                             {"LOG", "log_path_task", false},
-                             {"CRON", "thread_number", true},
-                             {"CRON", "kodu_conf_file", true}};
-constexpr Key kDatabaseKeys[] = {{"POSTGRESQL", "PGSQL_host", true},
-                                 {"POSTGRESQL", "PGSQL_port", true},
-                                 {"POSTGRESQL", "PGSQL_db", true},
-                                 {"POSTGRESQL", "PGSQL_username", true},
-                                 {"POSTGRESQL", "PGSQL_pwd", false}};
+constexpr std::array<Key, 4> kMainKeys = {{{"LOG", "log_file", true},
+                                           {"LOG", "log_path_task", false},
+                                           {"CRON", "thread_number", true},
+                                           {"CRON", "kodu_conf_file", true}}};
+constexpr std::array<Key, 5> kDatabaseKeys = {{{"POSTGRESQL", "PGSQL_host", true},
+                                               {"POSTGRESQL", "PGSQL_port", true},
+                                               {"POSTGRESQL", "PGSQL_db", true},
+                                               {"POSTGRESQL", "PGSQL_username", true},
+                                               {"POSTGRESQL", "PGSQL_pwd", false}}};
 
 /// What the daemon makes of a key, where that is hardly what the writer of the file meant.
 void checkKey(const std::string& file, const Key& key, Findings& findings) {
@@ -47,7 +48,7 @@ void checkKey(const std::string& file, const Key& key, Findings& findings) {
 }
 
 template <std::size_t kCount>
-void checkKeys(const std::string& file, const Key (&keys)[kCount], Findings& findings) {
+void checkKeys(const std::string& file, const std::array<Key, kCount>& keys, Findings& findings) {
   for (const Key& key : keys) {
     checkKey(file, key, findings);
   }

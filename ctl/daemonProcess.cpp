@@ -33,6 +33,7 @@ std::vector<std::string> argumentsOf(const fs::path& process) {
 /// The value of -f as the daemon reads it, or its default.
 std::string configArgument(std::vector<std::string> arguments) {
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) {
     pointers.push_back(argument.data());
   }

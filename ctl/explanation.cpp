@@ -86,8 +86,9 @@ std::string lateReason(const Task& task, const Surroundings& around) {
                        counted(around.workers, "worker"), counted(around.runningTasks, "task"));
   }
   return late +
-         " The daemon is connected and has workers to spare, so it may not have been told of the "
-         "task: koductl run makes it load it.";
+         " The daemon is connected and has workers to spare: either it was never told of the task, "
+         "or "
+         "it dropped it because the output could not be written. A restart of the daemon loads it.";
 }
 
 std::string waitingFor(const Task& task, const Surroundings& around) {

@@ -97,7 +97,7 @@ void printAsJson(const Task& task, const std::string& path) {
   json["id"] = task.id;
   json["path"] = path;
   json["written_at"] = jsonTime(versionOf(path).changed.tv_sec);
-  json["output"] = readOutput(path);
+  json["output"] = jsonOutput(readOutput(path));
   printJson(json);
 }
 

@@ -45,6 +45,7 @@ std::vector<Minute> readForecast(const Options& options, Session& session) {
                         .with("durations", "jsonb", durationsObject(options.took))
                         .run(session);
   std::vector<Minute> minutes;
+  minutes.reserve(static_cast<std::size_t>(rows.count()));
   for (int row = 0; row < rows.count(); ++row) {
     minutes.push_back({rows.text(row, "minute"), rows.text(row, "busiest_second"),
                        rows.number(row, "runs"), rows.number(row, "busiest_runs"),

@@ -123,15 +123,15 @@ void printAsJson(const Task& task, const DaemonIdentity& daemon, const Run& run,
   Json::Value json;
   json["id"] = task.id;
   json["return_code"] = run.code;
-  json["output"] = run.output;
+  json["output"] = jsonOutput(run.output);
   json["failure"] = run.failure.empty() ? Json::Value() : Json::Value(run.failure);
   json["seconds"] = run.seconds;
   json["user"] = daemon.userName();
   json["directory"] = daemon.directory;
-  json["stored_output"] = jsonText(stored);
+  json["stored_output"] = stored ? jsonOutput(*stored) : Json::Value();
   json["diff"] = Json::Value(Json::arrayValue);
   for (const std::string& line : diffLines(stored.value_or(""), run.output)) {
-    json["diff"].append(line);
+    json["diff"].append(jsonOutput(line));
   }
   printJson(json);
 }

@@ -106,6 +106,7 @@ std::string Task::archivePath() const {
 std::vector<Task> readTasks(Session& session) {
   const Rows rows = session.query(std::string(kSelect) + "ORDER BY task.cron_id");
   std::vector<Task> tasks;
+  tasks.reserve(static_cast<std::size_t>(rows.count()));
   for (int row = 0; row < rows.count(); ++row) {
     tasks.push_back(taskOf(rows, row));
   }

@@ -7,6 +7,8 @@
 #include <memory>
 #include <utility>
 
+#include "sched/pluginOutput.h"
+
 namespace {
 
 std::string formatted(long time, const char* pattern) {
@@ -64,6 +66,11 @@ Json::Value jsonNumber(std::optional<long> number) {
 
 Json::Value jsonText(const std::optional<std::string>& text) {
   return text ? Json::Value(*text) : Json::Value();
+}
+
+Json::Value jsonOutput(std::string bytes) {
+  repairUtf8(bytes);
+  return bytes;
 }
 
 void printJson(const Json::Value& value) {

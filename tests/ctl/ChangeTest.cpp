@@ -41,7 +41,7 @@ TEST_F(ChangeTest, SetsWhatIsGivenAndLeavesTheRest) {
 
 TEST_F(ChangeTest, AddsATaskWithATimeLimitAndKeepsItsGuard) {
   database.query("INSERT INTO kodu_plugins (plugin_name, plugin_path) VALUES ('guard', '" +
-                 std::string(std::getenv("KODU_TEST_GUARD")) + "')");
+                 guard() + "')");
   const std::string path = plugin(1);
   ASSERT_EQ(runAsAdmin({"add", path, "--every", "1h", "--timeout", "10s", "--", "a"}).exitCode, 0);
   EXPECT_EQ(database.task(1, "cron_parameter"), "-t 10 -- " + path + " a");

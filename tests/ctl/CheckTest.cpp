@@ -23,7 +23,7 @@ class CheckTest : public CtlTest {
   TaskRow guardedTask(int id) const {
     TaskRow row = quietTask(id);
     row.parameter = "-t 5 -- " + row.path;
-    row.path = std::getenv("KODU_TEST_GUARD");
+    row.path = guard();
     return row;
   }
   std::string check(int exitCode) const {

@@ -80,13 +80,8 @@ class CtlTest : public DaemonTest {
     return pid;
   }
 
-  static std::string program() {
-    const char* path = std::getenv("KODU_TEST_CTL");
-    if (path == nullptr) {
-      throw std::runtime_error("KODU_TEST_CTL is not set: run the tests by scripts/test");
-    }
-    return path;
-  }
+  static std::string program() { return pathIn("KODU_TEST_CTL"); }
+  static std::string guard() { return pathIn("KODU_TEST_GUARD"); }
 
   /// A task that is not due for an hour, with a plugin that prints "fine".
   TaskRow quietTask(int id) const {
@@ -149,6 +144,14 @@ class CtlTest : public DaemonTest {
   std::vector<std::string> environment;  // of koductl
 
  private:
+  static std::string pathIn(const char* variable) {
+    const char* path = std::getenv(variable);
+    if (path == nullptr) {
+      throw std::runtime_error(std::string(variable) +
+                               " is not set: run the tests by scripts/test");
+    }
+    return path;
+  }
   static std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
     for (std::string& text : texts) {

@@ -120,7 +120,7 @@ TEST_F(ExplainTest, SaysWhyPluginOrOutputCannotBeUsed) {
 
 TEST_F(ExplainTest, LooksThroughTheGuardAtThePlugin) {
   TaskRow row = quietTask(1);
-  row.path = std::getenv("KODU_TEST_GUARD");
+  row.path = guard();
   row.parameter = "-t 5 -- /nowhere/plugin a";
   database.insertTask(row);
   EXPECT_THAT(explain(1), HasSubstr("cannot run /nowhere/plugin: No such file or directory."));

@@ -50,6 +50,13 @@ TEST_F(OutputTest, PrintsTheLastOutputAsItIs) {
   EXPECT_EQ(run({"output", "1"}).out, std::string("a\x1b[31m\0b\n", 9));
 }
 
+TEST_F(OutputTest, RepairsInvalidTextForJson) {
+  writeOutput("out_1_last.txt",
+              "a\xff"
+              "b");
+  EXPECT_EQ(parsed(run({"output", "1", "--json"}).out)["output"].asString(), "a b");
+}
+
 TEST_F(OutputTest, PrintsAnArchivedOneByNumberAndByName) {
   EXPECT_EQ(run({"output", "1", "1"}).out, "newer\n");
   EXPECT_EQ(run({"output", "1", "2"}).out, "older\n");

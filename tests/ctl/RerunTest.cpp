@@ -1,3 +1,6 @@
+#include <pwd.h>
+#include <unistd.h>
+
 #include <string>
 
 #include "tests/ctl/CtlTest.h"
@@ -15,6 +18,7 @@ class RerunTest : public CtlTest {
   CtlResult rerun(const std::string& body, const std::string& parameter = "") const {
     TaskRow row = quietTask(1);
     writePlugin(row.path, body);
+    std::filesystem::permissions(row.path, std::filesystem::perms(0755));
     row.parameter = parameter;
     database.insertTask(row);
     return run({"rerun", "1"});
@@ -33,9 +37,9 @@ TEST_F(RerunTest, MapsExitCodesAsTheDaemonDoes) {
 }
 
 TEST_F(RerunTest, GivesTheArgumentsAndNoEnvironment) {
-  const CtlResult result = rerun(
-      "echo \"$# <$1> <$2>\"; /usr/bin/tr '\\0' '\\n' </proc/$$/environ; read x; echo \"[$x]\"",
-      "-m \"two words\"");
+  const CtlResult result =
+      rerun(R"(echo "$# <$1> <$2>"; /usr/bin/tr '\0' '\n' </proc/$$/environ; read x; echo "[$x]")",
+            "-m \"two words\"");
   EXPECT_THAT(result.out, StartsWith("2 <-m> <two words>\n[]\n--- return code 0 (OK)"));
 }
 
@@ -51,6 +55,29 @@ TEST_F(RerunTest, RunsInTheDirectoryOfTheRunningDaemon) {
 TEST_F(RerunTest, SaysWhereNoDaemonRuns) {
   EXPECT_THAT(rerun("pwd").out,
               AllOf(StartsWith("/\n"), HasSubstr("no daemon with this configuration runs here")));
+}
+
+TEST_F(RerunTest, RunsAsTheUserOfTheDaemon) {
+  const passwd* user = getpwnam("postgres");
+  if (geteuid() != 0 || user == nullptr) {
+    GTEST_SKIP() << "only root can become another user";
+  }
+  std::filesystem::permissions(daemon.directory.path(), std::filesystem::perms(0755));
+  std::filesystem::create_directories(daemon.outputDirectory());
+  ASSERT_EQ(chown(daemon.outputDirectory().c_str(), user->pw_uid, user->pw_gid), 0);
+  const CtlResult result = rerun("/usr/bin/id -un; /usr/bin/id -gn; /usr/bin/id -Gn");
+  EXPECT_THAT(result.out, StartsWith("postgres\npostgres\npostgres"));
+  EXPECT_THAT(result.out, HasSubstr("as user postgres in /"));
+}
+
+TEST_F(RerunTest, TakesTheUserOfTheRunningDaemonFirst) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can become another user";
+  }
+  const passwd* user = getpwnam("postgres");
+  ASSERT_TRUE(daemon.startAndWait());
+  ASSERT_EQ(chown(daemon.outputDirectory().c_str(), user->pw_uid, user->pw_gid), 0);
+  EXPECT_THAT(rerun("/usr/bin/id -un").out, StartsWith("root\n"));
 }
 
 TEST_F(RerunTest, ShowsWhatDiffersFromTheStoredOutput) {
