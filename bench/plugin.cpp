@@ -2,7 +2,10 @@
 
 #include <unistd.h>
 
+#include <string_view>
+
 int main() {
-  constexpr char kLine[] = "OK - fine\n";
-  return write(STDOUT_FILENO, kLine, sizeof kLine - 1) == sizeof kLine - 1 ? 0 : 2;
+  constexpr std::string_view kLine = "OK - fine\n";
+  return write(STDOUT_FILENO, kLine.data(), kLine.size()) == static_cast<ssize_t>(kLine.size()) ? 0
+                                                                                                : 2;
 }

@@ -35,6 +35,8 @@ void moveTasks(pgSafeThread& connection, int count) {
 
 }  // namespace
 
+// A failure ends it, with the text of its exception.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char* argv[]) {
   if (argc < 2) {
     std::fputs("usage: readTasks CONNINFO [OVERDUE]\n", stderr);

@@ -14,7 +14,7 @@ class ArgumentList {
   void reserve(std::size_t bytes) { packed.reserve(bytes); }
   /// Appends `argument` up to its first NUL, where execve would end it.
   void append(const std::string& argument) {
-    packed.append(argument.c_str());
+    packed.append(argument, 0, argument.find('\0'));
     packed.push_back('\0');
   }
 

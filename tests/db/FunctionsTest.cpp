@@ -743,7 +743,7 @@ TEST_F(FunctionsTest, SaysWhatIsWrongWithAForecast) {
     expectRefused("kodu_forecast(" + arguments + ")", "hours must lie between 0 and 168",
                   "Say kodu_forecast(");
   }
-  for (const std::string durations : {"NULL", "'[1]'", "'{\"7\": \"a\"}'", "'{\"7\": -1}'"}) {
+  for (const std::string durations : {"NULL", "'[1]'", R"('{"7": "a"}')", R"('{"7": -1}')"}) {
     expectRefused("kodu_forecast(1, 1, " + durations + ")",
                   "durations must be an object of task ids and seconds", "Say durations =>");
   }

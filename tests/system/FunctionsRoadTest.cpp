@@ -37,7 +37,7 @@ class FunctionsRoadTest : public DaemonTest {
   /// Calls a function as an administrator.
   std::string call(const std::string& function) const {
     database.query("SET ROLE kodu_admin");
-    const std::string result = database.value("SELECT " + function);
+    std::string result = database.value("SELECT " + function);
     database.query("RESET ROLE");
     return result;
   }

@@ -167,7 +167,7 @@ TEST(CronTaskQueueTest, LosesNothingAmongThreads) {
   }
 
   ASSERT_EQ(queue.size(), kThreads * kTasks);
-  for (long time = 0; time < kThreads * kTasks; ++time) {
+  for (long time = 0; time < long{kThreads} * kTasks; ++time) {
     ASSERT_EQ(queue.pop()->GetExecTimeSec(), time);
   }
 }
