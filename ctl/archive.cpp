@@ -38,6 +38,15 @@ bool staysBelow(const std::string& name) {
   return !name.empty() && name.front() != '/' && name.find("..") == std::string::npos;
 }
 
+std::string firstLineOf(const std::string& path) {
+  constexpr std::size_t kMaxBytes = 240;
+  std::ifstream file(path, std::ios::binary);
+  std::string begin(kMaxBytes, '\0');
+  file.read(begin.data(), kMaxBytes);
+  begin.resize(static_cast<std::size_t>(file.gcount()));
+  return begin.substr(0, begin.find('\n'));
+}
+
 std::string readOutput(const std::string& path) {
   const std::ifstream file(path, std::ios::binary);
   if (!file.is_open()) {

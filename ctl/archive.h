@@ -21,5 +21,8 @@ std::vector<FailedRun> readFailedRuns(Session& session, const Task& task, int li
 /// True for a name that stays below the folder it is joined to.
 bool staysBelow(const std::string& name);
 
+/// The begin of a file's first line, 240 bytes at most: outputs may be large, and all one line.
+std::string firstLineOf(const std::string& path);
+
 /// The bytes of a file. Throws Failure (kNotFound, kNotPermitted) when it cannot be read.
 std::string readOutput(const std::string& path);

@@ -71,6 +71,7 @@ class Parser {
     CLI::App* status = addCommand("status", "List the tasks", runStatus);
     status->add_flag("--failed", options.onlyFailed, "Only tasks that fail");
     status->add_flag("--late", options.onlyLate, "Only tasks that should have begun by now");
+    status->add_flag("--output", options.withOutput, "Show what the last runs said first");
     status->add_flag("--watch", options.watch, "Show it anew each second, until Ctrl-C");
 
     addTaskCommand("show", "Show all that is known of a task", runShow);

@@ -1,8 +1,8 @@
 // koductl history: the failed runs of one task.
 
 #include <fmt/core.h>
+#include <unistd.h>
 
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -23,12 +23,10 @@ std::string firstLine(const FailedRun& run) {
   if (!run.size) {
     return "(gone)";
   }
-  std::ifstream file(run.path);
-  std::string line;
-  if (!std::getline(file, line)) {
-    return file.is_open() ? "" : "(not readable)";
+  if (access(run.path.c_str(), R_OK) != 0) {
+    return "(not readable)";
   }
-  return cutTo(line, kShownCharacters);
+  return cutTo(firstLineOf(run.path), kShownCharacters);
 }
 
 void printForPeople(const Task& task, const std::vector<FailedRun>& runs) {

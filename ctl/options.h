@@ -16,6 +16,7 @@ struct Options {
   // status
   bool onlyFailed = false;
   bool onlyLate = false;
+  bool withOutput = false;
   bool watch = false;
 
   // history, output

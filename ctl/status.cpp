@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "ctl/archive.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
@@ -45,8 +46,19 @@ std::string lateText(const Task& task) {
   return task.isLate() ? durationText(task.lateSeconds()) : "-";
 }
 
-Table tableOf(const std::vector<Task>& tasks) {
-  constexpr auto kRight = Table::Align::kRight;
+constexpr auto kRight = Table::Align::kRight;
+
+/// How a task fares, with what stands in both tables.
+void addState(std::vector<Table::Cell>& line, const Task& task) {
+  line.emplace_back(std::to_string(task.id));
+  line.emplace_back(cutTo(task.name, 30));
+  line.emplace_back(statusWord(task), colourOf(statusWord(task)));
+  line.emplace_back(lateText(task), task.isLate() ? Colour::kYellow : Colour::kNone);
+  line.emplace_back(shortTime(task.lastDue, task.now));
+  line.emplace_back(shortTime(task.isPaused ? std::nullopt : task.next, task.now));
+}
+
+Table tableOfTimes(const std::vector<Task>& tasks) {
   Table table({{"ID", kRight},
                {"NAME"},
                {"STATUS"},
@@ -59,19 +71,40 @@ Table tableOf(const std::vector<Task>& tasks) {
                {"24H", kRight},
                {"FAILING SINCE"}});
   for (const Task& task : tasks) {
-    table.add({std::to_string(task.id),
-               cutTo(task.name, 30),
-               {statusWord(task), colourOf(statusWord(task))},
-               {lateText(task), task.isLate() ? Colour::kYellow : Colour::kNone},
-               shortTime(task.lastDue, task.now),
-               shortTime(task.isPaused ? std::nullopt : task.next, task.now),
-               task.every ? durationText(*task.every) : "-",
-               fmt::format("{}/{}", task.failedAttempts, task.maxRetries()),
-               std::to_string(task.failuresHour),
-               std::to_string(task.failuresDay),
-               shortTime(task.failingSince, task.now)});
+    std::vector<Table::Cell> line;
+    addState(line, task);
+    line.emplace_back(task.every ? durationText(*task.every) : "-");
+    line.emplace_back(fmt::format("{}/{}", task.failedAttempts, task.maxRetries()));
+    line.emplace_back(std::to_string(task.failuresHour));
+    line.emplace_back(std::to_string(task.failuresDay));
+    line.emplace_back(shortTime(task.failingSince, task.now));
+    table.add(std::move(line));
   }
   return table;
+}
+
+/// A file that is there before the task's first run belonged to another.
+Table tableOfOutputs(const std::vector<Task>& tasks) {
+  Table table({{"ID", kRight},
+               {"NAME"},
+               {"STATUS"},
+               {"LATE", kRight},
+               {"LAST DUE"},
+               {"NEXT DUE"},
+               {"FAILED 24H", kRight},
+               {"OUTPUT"}});
+  for (const Task& task : tasks) {
+    std::vector<Table::Cell> line;
+    addState(line, task);
+    line.emplace_back(std::to_string(task.failuresDay));
+    line.emplace_back(task.status ? firstLineOf(task.outputPath()) : "");
+    table.add(std::move(line));
+  }
+  return table;
+}
+
+Table tableOf(const std::vector<Task>& tasks, const Options& options) {
+  return options.withOutput ? tableOfOutputs(tasks) : tableOfTimes(tasks);
 }
 
 /// "3 tasks: 2 OK, 1 FAILED; 1 late. Times are UTC."
@@ -100,15 +133,15 @@ void printTasks(const std::vector<Task>& tasks, const Options& options) {
     printJson(list);
     return;
   }
-  tableOf(tasks).print();
+  tableOf(tasks, options).print();
   fmt::print("{}\n", headline(tasks));
 }
 
 /// Draws over the former picture, line by line, so that nothing flickers; what does not fit into
 /// the terminal's height is counted instead of shown.
-void draw(const std::vector<Task>& tasks) {
+void draw(const std::vector<Task>& tasks, const Options& options) {
   const TerminalSize size = terminalSize();
-  const std::vector<std::string> lines = tableOf(tasks).render(size.columns);
+  const std::vector<std::string> lines = tableOf(tasks, options).render(size.columns);
   const auto room = static_cast<std::size_t>(std::max(size.rows - 3, 1));
   std::string screen = "\x1b[H" + cutTo(headline(tasks), size.columns) + "\x1b[K\n\x1b[K\n";
   for (std::size_t i = 0; i < std::min(lines.size(), room); ++i) {
@@ -168,7 +201,7 @@ void showFailure(const std::string& failure, bool isDrawn) {
     if (!tasks) {
       showFailure(failure, isDrawn);
     } else if (isDrawn) {
-      draw(*tasks);
+      draw(*tasks, options);
     } else {
       printTasks(*tasks, options);
     }

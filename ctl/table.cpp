@@ -62,6 +62,7 @@ std::vector<std::string> Table::render(int maxWidth) const {
       line.add(text, cell.colour);
       line.add(isLast ? "" : std::string(kGap, ' '), Colour::kNone);
     }
+    line.content.erase(line.content.find_last_not_of(' ') + 1);
     return line.content;
   };
   std::vector<std::string> rendered;

@@ -40,7 +40,7 @@ _koductl() {
   local words=$common
   case $command in
     '') words="$commands $common --version" ;;
-    status) words+=' --failed --late --watch' ;;
+    status) words+=' --failed --late --output --watch' ;;
     history) words+=' --count' ;;
     output) words+=' --follow' ;;
     add) words+=" $definition --first --timeout --" ;;

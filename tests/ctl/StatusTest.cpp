@@ -10,6 +10,7 @@
 
 namespace {
 
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -88,6 +89,22 @@ TEST_F(StatusTest, ListsOnlyWhatIsLate) {
   ASSERT_EQ(tasks.size(), 1U);
   EXPECT_EQ(tasks[0]["id"].asInt(), 4);
   EXPECT_GE(tasks[0]["late_seconds"].asInt(), 90);
+}
+
+TEST_F(StatusTest, ShowsWhatTheLastRunsSaidFirst) {
+  for (const int id : {1, 2, 3}) {
+    database.insertTask(quietTask(id));
+  }
+  setStatus(1, "OK");
+  setStatus(2, "OK");
+  writeOutput("out_1_last.txt", "OK: \x1b[31mall well\nmore\n");
+  writeOutput("out_2_last.txt", std::string(5000, 'x'));
+  writeOutput("out_3_last.txt", "another task's");
+  const CtlResult result = run({"status", "--output"});
+  EXPECT_THAT(result.out, HasSubstr("FAILED 24H  OUTPUT\n"));
+  EXPECT_THAT(result.out, HasSubstr("  OK:  [31mall well\n"));
+  EXPECT_THAT(result.out, HasSubstr("  " + std::string(240, 'x') + "\n"));
+  EXPECT_THAT(result.out, ContainsRegex("3  task3 .* 0\n"));
 }
 
 TEST_F(StatusTest, FollowsTheSeriesOfFailuresBackToTheLastSuccess) {
