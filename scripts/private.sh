@@ -25,9 +25,9 @@ lock_home() {
   flock -n "$lock" || fail "another run works in $kHome"
 }
 
-build_daemon() {  # $1: preset
+build_daemon() {  # $1: preset; $2...: what else to build
   quietly configure cmake --preset "$1"
-  quietly build cmake --build --preset "$1" --target koducron --parallel "$(nproc)"
+  quietly build cmake --build --preset "$1" --target koducron "${@:2}" --parallel "$(nproc)"
 }
 
 port_of_cluster() { sed 's/.* port=\([0-9]*\) .*/\1/' "$kCluster/conninfo"; }
