@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/helpers.h"
+#include "ctl/archive.h"
 #include "ctl/commands.h"
 #include "ctl/daemonProcess.h"
 #include "ctl/explanation.h"
@@ -25,6 +26,9 @@ int runExplain(const Options& options) {
   around.isConnected = isDaemonConnected(session);
   around.workers = stringToInt(session.config.threadNumber);
   around.runningTasks = countRunning(session);
+  if (const auto runs = readFailedRuns(session, task, 1); !runs.empty()) {
+    around.failureText = firstLineOf(runs.front().path);
+  }
   const std::vector<std::string> sentences = explain(task, around);
   if (options.asJson) {
     Json::Value json = toJson(task);

@@ -145,12 +145,14 @@ std::string nextTimeRule(const Task& task) {
          "set, resume or stagger, or the interval was changed.";
 }
 
-std::string failing(const Task& task) {
+std::string failing(const Task& task, const Surroundings& around) {
   const std::string counts = fmt::format("{} in the last hour and {} in the last day",
                                          counted(task.failuresHour, "run"), task.failuresDay);
   if (task.failingSince) {
-    return fmt::format("It fails since {}: {} failed, see koductl history {}.",
-                       moment(*task.failingSince, task.now), counts, task.id);
+    const std::string said =
+        around.failureText.empty() ? "" : fmt::format(" It said: {}", around.failureText);
+    return fmt::format("It fails since {}: {} failed, see koductl history {}.{}",
+                       moment(*task.failingSince, task.now), counts, task.id, said);
   }
   if (task.isFailing()) {
     return "It fails; since when is not in the history any more.";
@@ -187,7 +189,7 @@ std::vector<std::string> explain(const Task& task, const Surroundings& around) {
   if (task.next && task.every && *task.every > 0 && !task.isFlagged) {
     sentences.push_back(nextTimeRule(task));
   }
-  sentences.push_back(failing(task));
+  sentences.push_back(failing(task, around));
   if (!around.daemon.canBeTaken()) {
     sentences.push_back(
         fmt::format("What follows is seen with your rights, not with those of user {}.",

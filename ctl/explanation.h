@@ -13,8 +13,10 @@ struct Surroundings {
   bool isConnected = false;  // a session of the daemon is in the database
   int workers = 0;           // as the INI file has it
   long runningTasks = 0;     // rows in PROCESS, pending retries among them
+  std::string failureText;  // what the latest failed run said first; empty when nothing can be read
 };
 
 /// Sentences: what the task is, how its last run ended, what it waits for, which rule set its next
-/// time, since when it fails, whether its plugin can be run and its output be written.
+/// time, since when it fails and with which text, whether its plugin can be run and its output be
+/// written.
 std::vector<std::string> explain(const Task& task, const Surroundings& around);

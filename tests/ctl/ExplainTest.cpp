@@ -66,6 +66,14 @@ TEST_F(ExplainTest, CountsTheRetriesOfARunThatFails) {
             ContainsRegex("It fails since .*1 run in the last hour and 1 in the last day")));
 }
 
+TEST_F(ExplainTest, SaysWhatTheLatestFailedRunSaid) {
+  database.insertTask(quietTask(1));
+  setStatus(1, "FAILED");
+  addFailure(1, 100, "out_1_a.txt", "CRITICAL: first\n");
+  addFailure(1, 50, "out_1_b.txt", "CRITICAL: second\nmore\n");
+  EXPECT_THAT(explain(1), ContainsRegex("It fails since .* It said: CRITICAL: second\n"));
+}
+
 TEST_F(ExplainTest, SaysThatARunGoesOn) {
   database.insertTask(makeTask(1, waitForRelease() + "echo fine"));
   ASSERT_TRUE(daemon.startAndWait());
