@@ -48,8 +48,13 @@ std::string lateText(const Task& task) {
 
 constexpr auto kRight = Table::Align::kRight;
 
-/// How a task fares, with what stands in both tables.
-void addState(std::vector<Table::Cell>& line, const Task& task) {
+using Columns = std::vector<Table::Column>;
+using Cells = std::vector<Table::Cell>;
+
+/// What stands in each table of tasks: how a task fares.
+const Columns kStateColumns = {{"ID", kRight},   {"NAME"},     {"STATUS"},
+                               {"LATE", kRight}, {"LAST DUE"}, {"NEXT DUE"}};
+void addState(Cells& line, const Task& task) {
   line.emplace_back(std::to_string(task.id));
   line.emplace_back(cutTo(task.name, 30));
   line.emplace_back(statusWord(task), colourOf(statusWord(task)));
@@ -58,53 +63,38 @@ void addState(std::vector<Table::Cell>& line, const Task& task) {
   line.emplace_back(shortTime(task.isPaused ? std::nullopt : task.next, task.now));
 }
 
-Table tableOfTimes(const std::vector<Task>& tasks) {
-  Table table({{"ID", kRight},
-               {"NAME"},
-               {"STATUS"},
-               {"LATE", kRight},
-               {"LAST DUE"},
-               {"NEXT DUE"},
-               {"EVERY", kRight},
-               {"RETRIES", kRight},
-               {"FAILED 1H", kRight},
-               {"24H", kRight},
-               {"FAILING SINCE"}});
-  for (const Task& task : tasks) {
-    std::vector<Table::Cell> line;
-    addState(line, task);
-    line.emplace_back(task.every ? durationText(*task.every) : "-");
-    line.emplace_back(fmt::format("{}/{}", task.failedAttempts, task.maxRetries()));
-    line.emplace_back(std::to_string(task.failuresHour));
-    line.emplace_back(std::to_string(task.failuresDay));
-    line.emplace_back(shortTime(task.failingSince, task.now));
-    table.add(std::move(line));
-  }
-  return table;
+const Columns kHistoryColumns = {{"EVERY", kRight},
+                                 {"RETRIES", kRight},
+                                 {"FAILED 1H", kRight},
+                                 {"24H", kRight},
+                                 {"FAILING SINCE"}};
+void addHistory(Cells& line, const Task& task) {
+  line.emplace_back(task.every ? durationText(*task.every) : "-");
+  line.emplace_back(fmt::format("{}/{}", task.failedAttempts, task.maxRetries()));
+  line.emplace_back(std::to_string(task.failuresHour));
+  line.emplace_back(std::to_string(task.failuresDay));
+  line.emplace_back(shortTime(task.failingSince, task.now));
 }
 
+const Columns kOutputColumns = {{"FAILED 24H", kRight}, {"OUTPUT"}};
 /// A file that is there before the task's first run belonged to another.
-Table tableOfOutputs(const std::vector<Task>& tasks) {
-  Table table({{"ID", kRight},
-               {"NAME"},
-               {"STATUS"},
-               {"LATE", kRight},
-               {"LAST DUE"},
-               {"NEXT DUE"},
-               {"FAILED 24H", kRight},
-               {"OUTPUT"}});
-  for (const Task& task : tasks) {
-    std::vector<Table::Cell> line;
-    addState(line, task);
-    line.emplace_back(std::to_string(task.failuresDay));
-    line.emplace_back(task.status ? firstLineOf(task.outputPath()) : "");
-    table.add(std::move(line));
-  }
-  return table;
+void addOutput(Cells& line, const Task& task) {
+  line.emplace_back(std::to_string(task.failuresDay));
+  line.emplace_back(task.status ? firstLineOf(task.outputPath()) : "");
 }
 
 Table tableOf(const std::vector<Task>& tasks, const Options& options) {
-  return options.withOutput ? tableOfOutputs(tasks) : tableOfTimes(tasks);
+  Columns columns = kStateColumns;
+  const Columns& further = options.withOutput ? kOutputColumns : kHistoryColumns;
+  columns.insert(columns.end(), further.begin(), further.end());
+  Table table(std::move(columns));
+  for (const Task& task : tasks) {
+    Cells line;
+    addState(line, task);
+    (options.withOutput ? addOutput : addHistory)(line, task);
+    table.add(std::move(line));
+  }
+  return table;
 }
 
 /// "3 tasks: 2 OK, 1 FAILED; 1 late. Times are UTC."
