@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -24,16 +25,28 @@ struct Minute {
   long runs = 0, busiestRuns = 0, workers = 0;
 };
 
+/// "2024-05-01 13:02:09" as "2024-05-01T13:02:09Z"; null for nothing.
+Json::Value jsonMoment(std::string time) {
+  if (time.empty()) {
+    return {};
+  }
+  std::replace(time.begin(), time.end(), ' ', 'T');
+  return time + "Z";
+}
+
 /// ["7=12.5", "8=3"] as the object {"7": 12.5, "8": 3}.
 std::string durationsObject(const std::vector<std::string>& durations) {
+  static const std::regex kDuration("([0-9]{1,10})=([0-9]{1,9}([.][0-9]{1,9})?)");
   std::string members;
   for (const std::string& duration : durations) {
-    const auto sign = duration.find('=');
-    if (sign == std::string::npos) {
-      throw Failure(kWrongUsage, "--took wants ID=SECONDS, not " + duration);
+    std::smatch parts;
+    if (!std::regex_match(duration, parts, kDuration)) {
+      throw Failure(kWrongUsage,
+                    fmt::format("--took wants ID=SECONDS, as 7=12.5, not {}", duration));
     }
-    members += fmt::format("{}\"{}\": {}", members.empty() ? "" : ", ", duration.substr(0, sign),
-                           duration.substr(sign + 1));
+    // As a number again, since JSON has no zeros in front of one.
+    members += fmt::format("{}\"{}\": {}", members.empty() ? "" : ", ", parts[1].str(),
+                           std::stod(parts[2].str()));
   }
   return "{" + members + "}";
 }
@@ -58,9 +71,9 @@ Json::Value toJson(const std::vector<Minute>& minutes) {
   Json::Value list(Json::arrayValue);
   for (const Minute& minute : minutes) {
     Json::Value entry;
-    entry["minute"] = minute.time;
+    entry["minute"] = jsonMoment(minute.time);
     entry["runs"] = Json::Int64{minute.runs};
-    entry["busiest_second"] = minute.busiestSecond;
+    entry["busiest_second"] = jsonMoment(minute.busiestSecond);
     entry["busiest_runs"] = Json::Int64{minute.busiestRuns};
     entry["workers"] = Json::Int64{minute.workers};
     list.append(entry);
@@ -162,8 +175,9 @@ Json::Value toJson(const Plan& plan, bool isApplied) {
     Json::Value entry;
     entry["id"] = std::stoi(move.id);
     entry["name"] = move.name;
-    entry["next_run"] = move.nextRun;
-    entry["proposed"] = move.proposed;
+    entry["every"] = move.every;
+    entry["next_run"] = jsonMoment(move.nextRun);
+    entry["proposed"] = jsonMoment(move.proposed);
     json["moves"].append(entry);
   }
   return json;

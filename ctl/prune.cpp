@@ -60,6 +60,19 @@ void removeFile(const fs::path& path, Removal& removal) {
   }
 }
 
+/// Deletes the rows and returns their number; `paths` get the files that go with them.
+long deleteRows(Session& session, const std::string& olderThan, std::vector<fs::path>& paths) {
+  // In one transaction now() is one moment: a row that grows too old meanwhile stays with its file.
+  session.query("BEGIN");
+  paths = pathsOfOldRows(session, olderThan);
+  const long rows = Call("kodu_history_prune")
+                        .with("older_than", "interval", olderThan)
+                        .run(session)
+                        .number(0, "result");
+  session.query("COMMIT");
+  return rows;
+}
+
 /// Before any row goes: without its row nobody finds a copy again.
 void requireArchiveAccess() {
   const std::string archive = log_directory + "/archive";
@@ -95,11 +108,8 @@ int runPrune(const Options& options) {
   const DaemonIdentity daemon = findDaemon(session.config);
   const AsDaemon rights(daemon);
   requireArchiveAccess();
-  const std::vector<fs::path> paths = pathsOfOldRows(session, options.olderThan);
-  const long rows = Call("kodu_history_prune")
-                        .with("older_than", "interval", options.olderThan)
-                        .run(session)
-                        .number(0, "result");
+  std::vector<fs::path> paths;
+  const long rows = deleteRows(session, options.olderThan, paths);
   Removal removal;
   for (const fs::path& path : paths) {
     removeFile(path, removal);

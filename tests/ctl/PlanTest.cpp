@@ -6,6 +6,8 @@ namespace {
 
 using testing::HasSubstr;
 
+constexpr const char* kJsonTime = "....-..-..T..:..:..Z";
+
 /// koductl forecast, stagger and prune.
 class PlanTest : public CtlTest {
  protected:
@@ -40,7 +42,20 @@ TEST_F(PlanTest, ForecastsWithTheDurationOfATask) {
   EXPECT_GE(minutes.size(), 60U);
   EXPECT_EQ(minutes[30]["runs"].asInt(), 1);
   EXPECT_EQ(minutes[30]["workers"].asInt(), 1);
-  EXPECT_EQ(runAsAdmin({"forecast", "--took", "30"}).exitCode, 64);
+  EXPECT_THAT(minutes[30]["busiest_second"].asString(), testing::MatchesRegex(kJsonTime));
+}
+
+TEST_F(PlanTest, RefusesDurationsThatAreNone) {
+  for (const char* wrong : {"30", "1=", "=1", "1=x", "1=1, \"2\": 3", "1=-1", ""}) {
+    const CtlResult result = runAsAdmin({"forecast", "--took", wrong});
+    EXPECT_EQ(result.exitCode, 64) << wrong;
+    EXPECT_THAT(result.err, HasSubstr("--took wants ID=SECONDS, as 7=12.5")) << wrong;
+  }
+  EXPECT_EQ(runAsAdmin({"forecast", "--took", "1=007.5"}).exitCode, 0);
+}
+
+TEST_F(PlanTest, GivesNoBusiestSecondWhereNothingIsDue) {
+  EXPECT_TRUE(parsed(runAsAdmin({"forecast", "--json"}).out)[0]["busiest_second"].isNull());
 }
 
 TEST_F(PlanTest, ProposesTimesAndSetsThemWhenToldTo) {
@@ -54,6 +69,8 @@ TEST_F(PlanTest, ProposesTimesAndSetsThemWhenToldTo) {
   const Json::Value applied = parsed(runAsAdmin({"stagger", "--apply", "--json"}).out);
   EXPECT_TRUE(applied["applied"].asBool());
   EXPECT_EQ(applied["busiest_after"].asInt(), 1);
+  EXPECT_EQ(applied["moves"][0]["every"].asString(), "01:00:00");
+  EXPECT_THAT(applied["moves"][0]["proposed"].asString(), testing::MatchesRegex(kJsonTime));
   EXPECT_EQ(database.value("SELECT count(DISTINCT cron_next_exec) FROM kodu_cron_plugin"), "4");
 }
 
@@ -77,6 +94,15 @@ TEST_F(PlanTest, KeepsTheOutputThatAYoungerRowNames) {
   EXPECT_EQ(json["rows"].asInt(), 1);
   EXPECT_EQ(json["files"].asInt(), 0);
   EXPECT_EQ(readFile(archive(1) + "/out_1_same.txt"), "new");
+}
+
+TEST_F(PlanTest, LooksForOldRowsAndDeletesThemInOneTransaction) {
+  // In two, a row that grows too old in between would go without its file.
+  database.query(
+      "CREATE OR REPLACE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint"
+      " LANGUAGE sql AS $$SELECT count(*) FROM pg_locks WHERE pid = pg_backend_pid()"
+      " AND relation = 'kodu_cron_error'::regclass AND mode = 'AccessShareLock'$$");
+  EXPECT_THAT(runAsAdmin({"prune", "--older-than", "1d"}).out, HasSubstr("1 history row and 0 "));
 }
 
 TEST_F(PlanTest, RefusesToPruneWithoutAnAge) {
