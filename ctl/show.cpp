@@ -43,8 +43,8 @@ std::string flagsText(const Task& task) {
 
 void printForPeople(const Task& task) {
   const std::vector<std::pair<const char*, std::string>> fields = {
-      {"task", fmt::format("{}  {}", task.id, task.name)},
-      {"plugin", task.path},
+      {"task", fmt::format("{}  {}", task.id, oneLine(task.name))},
+      {"plugin", oneLine(task.path)},
       {"arguments", argumentsText(task)},
       {"every", task.every ? durationText(*task.every) : "no interval"},
       {"status", coloured(task.status.value_or("not run yet"), colourOf(task.status.value_or(""))) +
@@ -56,7 +56,7 @@ void printForPeople(const Task& task) {
       {"failures",
        fmt::format("{} in the last hour, {} in the last day", task.failuresHour, task.failuresDay)},
       {"failing", task.failingSince ? "since " + timeText(*task.failingSince) + " UTC" : "no"},
-      {"output", task.outputPath()},
+      {"output", oneLine(task.outputPath())},
       {"archive", task.archivePath()},
   };
   for (const auto& [name, value] : fields) {

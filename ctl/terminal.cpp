@@ -12,6 +12,31 @@ bool isControl(char c) {
   return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
 }
 
+/// The bytes of the control character that `text` begins with; 0 for another one. Those from U+0080
+/// to U+009F are some too: terminals take U+009B for an escape and a bracket.
+std::size_t controlLength(std::string_view text) {
+  if (isControl(text.front())) {
+    return 1;
+  }
+  const bool isHigh = text.size() > 1 && text[0] == '\xc2' &&
+                      static_cast<unsigned char>(text[1]) >= 0x80 &&
+                      static_cast<unsigned char>(text[1]) < 0xa0;
+  return isHigh ? 2 : 0;
+}
+
+/// With `substitute` for each control character that is not among `allowed`.
+std::string withoutControls(std::string_view text, char substitute, std::string_view allowed) {
+  std::string safe;
+  safe.reserve(text.size());
+  while (!text.empty()) {
+    const bool isAllowed = allowed.find(text.front()) != std::string_view::npos;
+    const std::size_t length = isAllowed ? 0 : controlLength(text);
+    safe += length > 0 ? substitute : text.front();
+    text.remove_prefix(length > 0 ? length : 1);
+  }
+  return safe;
+}
+
 /// A byte of UTF-8 that continues a character.
 bool isContinuation(char c) {
   return (static_cast<unsigned char>(c) & 0xc0U) == 0x80U;
@@ -72,19 +97,11 @@ TerminalSize terminalSize() {
 }
 
 std::string printable(const std::string& text) {
-  std::string safe = text;
-  if (isTerminal()) {
-    std::replace_if(
-        safe.begin(), safe.end(), [](char c) { return isControl(c) && c != '\n' && c != '\t'; },
-        '?');
-  }
-  return safe;
+  return isTerminal() ? withoutControls(text, '?', "\n\t") : text;
 }
 
 std::string oneLine(std::string_view text) {
-  std::string line(text);
-  std::replace_if(line.begin(), line.end(), isControl, ' ');
-  return line;
+  return withoutControls(text, ' ', "");
 }
 
 int widthOf(std::string_view text) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "ctl/table.h"
+#include "ctl/terminal.h"
 
 namespace {
 
@@ -24,6 +25,12 @@ TEST(ShortTimeTest, LeavesTheDateOutOnTheSameDay) {
   EXPECT_EQ(shortTime(kNoon + 61, kNoon), "12:01:01");
   EXPECT_EQ(shortTime(kNoon + 86400, kNoon), "2024-05-02 12:00:00");
   EXPECT_EQ(shortTime(std::nullopt, kNoon), "-");
+}
+
+TEST(OneLineTest, LeavesNoControlCharacter) {
+  EXPECT_EQ(oneLine("a\x1b[31m\nb\tc\x7f"), "a [31m b c ");
+  EXPECT_EQ(oneLine("\u009b31mé\u00a0\u0080\u009f"), " 31mé\u00a0  ");
+  EXPECT_EQ(oneLine("cut off \xc2"), "cut off \xc2");
 }
 
 TEST(TableTest, MakesColumnsAsWideAsTheirWidestCell) {
