@@ -55,7 +55,6 @@ void printText(const std::string& text) {
   if (isTerminal() && !shown.empty() && shown.back() != '\n') {
     std::fputc('\n', stdout);
   }
-  std::fflush(stdout);
 }
 
 /// What tells one run's output from the next: the daemon writes it over the former one.
@@ -77,21 +76,6 @@ Version versionOf(const std::string& path) {
   return {status.st_mtim, status.st_size};
 }
 
-[[noreturn]] void follow(const std::string& path) {
-  std::signal(SIGINT, [](int) { _exit(0); });
-  std::signal(SIGTERM, [](int) { _exit(0); });
-  Version shown;
-  for (;;) {
-    const Version present = versionOf(path);
-    if (!(present == shown) && present.size >= 0) {
-      fmt::print("==> {} UTC <==\n", timeText(present.changed.tv_sec));
-      printText(readOutput(path));
-    }
-    shown = present;
-    usleep(200000);
-  }
-}
-
 void printAsJson(const Task& task, const std::string& path) {
   Json::Value json;
   json["id"] = task.id;
@@ -99,6 +83,26 @@ void printAsJson(const Task& task, const std::string& path) {
   json["written_at"] = jsonTime(versionOf(path).changed.tv_sec);
   json["output"] = jsonOutput(readOutput(path));
   printJson(json);
+}
+
+[[noreturn]] void follow(const Task& task, const std::string& path, bool asJson) {
+  std::signal(SIGINT, [](int) { _exit(0); });
+  std::signal(SIGTERM, [](int) { _exit(0); });
+  Version shown;
+  for (;;) {
+    const Version present = versionOf(path);
+    if (!(present == shown) && present.size >= 0) {
+      if (asJson) {
+        printAsJson(task, path);
+      } else {
+        fmt::print("==> {} UTC <==\n", timeText(present.changed.tv_sec));
+        printText(readOutput(path));
+      }
+      std::fflush(stdout);
+    }
+    shown = present;
+    usleep(200000);
+  }
 }
 
 }  // namespace
@@ -113,7 +117,7 @@ int runOutput(const Options& options) {
     path = pathOf(session, *task, options.archived);
   }
   if (options.follow) {
-    follow(path);
+    follow(*task, path, options.asJson);
   }
   if (!task->status && options.archived.empty()) {
     throw Failure(kNotFound, fmt::format("task {} has not run yet; it is due at {} UTC", task->id,

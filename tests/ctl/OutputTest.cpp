@@ -92,4 +92,14 @@ TEST_F(OutputTest, FollowsWhatTheDaemonWrites) {
   EXPECT_EQ(exitStatusOf(status), 0);
 }
 
+TEST_F(OutputTest, FollowsAsJsonToo) {
+  const pid_t pid = start({"-f", daemon.mainConfig(), "output", "1", "--follow", "--json"});
+  const bool isSeen =
+      waitUntil([&] { return readFile(outPath()).find("}\n") != std::string::npos; });
+  kill(pid, SIGINT);
+  waitpid(pid, nullptr, 0);
+  ASSERT_TRUE(isSeen) << readFile(outPath());
+  EXPECT_EQ(parsed(readFile(outPath()))["output"].asString(), "the last\n");
+}
+
 }  // namespace
