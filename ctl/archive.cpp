@@ -15,7 +15,7 @@
 std::vector<FailedRun> readFailedRuns(Session& session, const Task& task, int limit) {
   const Rows rows = session.query(
       "SELECT floor(EXTRACT(EPOCH FROM cron_date))::bigint AS time, cron_logfile AS name"
-      " FROM kodu_cron_error WHERE cron_id = $1::int"
+      " FROM kodu_cron_error WHERE cron_id = $1::int AND isfinite(cron_date)"
       " ORDER BY cron_date DESC, cron_error_id DESC LIMIT $2::int",
       {std::to_string(task.id), std::to_string(limit)});
   std::vector<FailedRun> runs;

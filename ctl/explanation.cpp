@@ -35,7 +35,7 @@ std::string lastRun(const Task& task) {
   if (!task.lastDue) {
     return task.status ? "No run of it has been completed yet." : "It has not run yet.";
   }
-  if (task.isRunning()) {
+  if (task.status == "PROCESS") {
     return fmt::format("Its last completed run was due at {}.", moment(*task.lastDue, task.now));
   }
   const std::string retries = task.status == "FAILED" && task.maxRetries() > 0

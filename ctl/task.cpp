@@ -22,6 +22,7 @@ SELECT task.cron_id AS id, plugin_name AS name, plugin_path AS path, plugin_type
        cron_status AS status, cron_delete IS TRUE AS flagged, cron_retries AS retries,
        coalesce(cron_next_exec >= '2036-01-01', false) AS paused,
        CASE WHEN cron_last_exec < '2036-01-01'
+             AND isfinite(cron_last_exec)
             THEN floor(EXTRACT(EPOCH FROM cron_last_exec))::bigint END AS last,
        floor(EXTRACT(EPOCH FROM cron_next_exec))::bigint AS next,
        floor(EXTRACT(EPOCH FROM cron_interval))::bigint AS every,
@@ -49,7 +50,8 @@ LEFT JOIN LATERAL (
                                             coalesce(cron_retries_interval, '120 seconds')))
                      OVER (ORDER BY cron_date DESC) AS breaks
           FROM (SELECT cron_date, lead(cron_date) OVER (ORDER BY cron_date) - cron_date AS gap
-                FROM kodu_cron_error AS error WHERE error.cron_id = task.cron_id) AS gaps
+                FROM kodu_cron_error AS error
+                WHERE error.cron_id = task.cron_id AND isfinite(cron_date)) AS gaps
          ) AS failures
     ) AS series ON cron_status IN ('FAILED', 'PROCESS')
 )";
@@ -124,7 +126,9 @@ Task readTask(Session& session, int id) {
 
 long countRunning(Session& session) {
   return session
-      .query("SELECT count(*) AS running FROM kodu_cron_plugin WHERE cron_status = 'PROCESS'")
+      .query(
+          "SELECT count(*) AS running FROM kodu_cron_plugin"
+          " WHERE cron_status = 'PROCESS' AND cron_next_exec <= now()")
       .number(0, "running");
 }
 

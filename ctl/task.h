@@ -27,7 +27,9 @@ struct Task {
   std::optional<long> failingSince;
   long now = 0;  // the server's clock
 
-  bool isRunning() const { return status == "PROCESS"; }
+  /// A run, or its wait for a retry, goes on: until it ends its due time stays. PROCESS with a due
+  /// time to come is what a run left that the daemon dropped, or that a pause overtook.
+  bool isRunning() const { return status == "PROCESS" && next.value_or(now) <= now; }
   bool isFailing() const { return status == "FAILED" || failingSince.has_value(); }
   /// Seconds since a run was due that has not begun; 0 for a task that is to wait.
   long lateSeconds() const;

@@ -561,7 +561,7 @@ LEFT JOIN LATERAL (
     SELECT cron_date AS since
     FROM (SELECT cron_date, lead(cron_date) OVER latest_first AS earlier
           FROM kodu_cron_error AS error
-          WHERE error.cron_id = kodu_cron_plugin.cron_id
+          WHERE error.cron_id = kodu_cron_plugin.cron_id AND isfinite(cron_date)
           WINDOW latest_first AS (ORDER BY cron_date DESC)) AS failure
     CROSS JOIN LATERAL (
         SELECT 1.5 * greatest(cron_interval,

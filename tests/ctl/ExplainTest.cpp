@@ -66,6 +66,14 @@ TEST_F(ExplainTest, CountsTheRetriesOfARunThatFails) {
             ContainsRegex("It fails since .*1 run in the last hour and 1 in the last day")));
 }
 
+TEST_F(ExplainTest, TakesNoRowInProcessForARunBeforeItsTime) {
+  database.insertTask(quietTask(1));
+  set(1, "cron_status = 'PROCESS', cron_last_exec = cron_next_exec - interval '300 s'");
+  EXPECT_THAT(explain(1), AllOf(HasSubstr("Its last completed run was due at "),
+                                HasSubstr("It waits for its time: ")));
+  EXPECT_EQ(parsed(run({"check", "--json"}).out)["due_next"][0]["id"].asInt(), 1);
+}
+
 TEST_F(ExplainTest, SaysWhatTheLatestFailedRunSaid) {
   database.insertTask(quietTask(1));
   setStatus(1, "FAILED");

@@ -158,6 +158,27 @@ TEST_F(StatusTest, ColoursOnATerminalUnlessNoColorIsSet) {
   EXPECT_THAT(runOnTerminal({"TERM=dumb", "NO_COLOR="}), Not(HasSubstr("\x1b")));
 }
 
+TEST_F(StatusTest, BearsTimesWithoutAnEnd) {
+  database.insertTask(quietTask(1));
+  setStatus(1, "FAILED");
+  for (const char* time : {"infinity", "-infinity"}) {
+    database.query(std::string("UPDATE kodu_cron_plugin SET cron_last_exec = '") + time + "'");
+    database.query(std::string("INSERT INTO kodu_cron_error (cron_id, cron_date, cron_logfile)"
+                               " VALUES (1, '") +
+                   time + "', 'x')");
+    EXPECT_EQ(cell(run({"status"}).out, "1", 2), "FAILED");
+    EXPECT_EQ(run({"history", "1"}).exitCode, 0);
+    EXPECT_EQ(database.value("SELECT status FROM kodu_task_status"), "FAILED");
+  }
+}
+
+TEST_F(StatusTest, ShowsNoControlCharacterOfAName) {
+  TaskRow row = quietTask(7);
+  row.name = "a\x1b[31m\u009b31mb";
+  database.insertTask(row);
+  EXPECT_THAT(run({"show", "7"}).out, HasSubstr("task      7  a [31m 31mb\n"));
+}
+
 TEST_F(StatusTest, ShowsOneTaskWithItsArgumentsAndFiles) {
   TaskRow row = quietTask(7);
   row.parameter = "-m \"two words\"";
