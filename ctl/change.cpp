@@ -78,6 +78,7 @@ void giveDefinition(Call& call, const Options& options) {
 /// A command that calls a function with nothing but the task's id.
 int callWithTask(const Options& options, const char* function, const std::string& done) {
   Session session(options);
+  readTask(session, options.id);  // says it in koductl's own words when there is none
   Call(function).with("task", options.id).run(session);
   report(session, options, options.id, done);
   return kDone;
@@ -126,6 +127,7 @@ int runSet(const Options& options) {
 
 int runPause(const Options& options) {
   Session session(options);
+  readTask(session, options.id);
   Call("kodu_task_pause")
       .with("task", options.id)
       .with("reason", "text", options.reason)

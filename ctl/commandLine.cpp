@@ -156,7 +156,14 @@ class Parser {
                 << "; koductl --help lists them\n";
       return kWrongUsage;
     }
-    return app.exit(e) == 0 ? kDone : kWrongUsage;
+    if (e.get_exit_code() == 0) {
+      return app.exit(e);
+    }
+    const auto commands = app.get_subcommands();
+    std::cerr << "koductl: " << e.what() << "; koductl "
+              << (commands.empty() ? "" : commands.front()->get_name() + " ")
+              << "--help tells more\n";
+    return kWrongUsage;
   }
 
   void refuseStrayArguments() const {

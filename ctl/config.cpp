@@ -50,6 +50,11 @@ DaemonConfig readConfig(const std::string& mainFile) {
     config.outputDirectory = log_directory;
   }
   log_directory = config.outputDirectory;
+  if (config.databaseFile.empty()) {
+    throw Failure(kWrongConfig, fmt::format("{} names no database file: write kodu_conf_file=PATH "
+                                            "into its section [CRON]",
+                                            mainFile));
+  }
   requireReadable(config.databaseFile,
                   fmt::format("kodu_conf_file in {} names it; run koductl as the daemon's user or "
                               "as root where only they may read it",

@@ -11,6 +11,7 @@ enum ExitCode {
   kRefused = 65,       // the database or the parameter grammar refuses the values
   kNotFound = 66,      // no such task, output or archived output
   kNoDatabase = 69,    // the database does not answer
+  kNotWritten = 74,    // standard output takes no more
   kNotPermitted = 77,  // a right is missing, in the database or on the disk
   kWrongConfig = 78,   // an INI file cannot be read or says nothing usable
 };

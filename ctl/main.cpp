@@ -2,16 +2,26 @@
 
 #include <fmt/core.h>
 
-#include <exception>
+#include <cerrno>
+#include <cstdio>
+#include <string>
+#include <system_error>
 
 #include "ctl/commandLine.h"
 #include "ctl/failure.h"
 
 namespace {
 
-int fail(const std::exception& e, int exitCode) {
-  fmt::print(stderr, "koductl: {}\n", e.what());
+int fail(const std::string& reason, int exitCode) {
+  fmt::print(stderr, "koductl: {}\n", reason);
   return exitCode;
+}
+
+/// What stands in the buffers is part of the answer, too.
+void requireWritten() {
+  if (std::fflush(stdout) != 0) {
+    throw std::system_error(errno, std::generic_category());
+  }
 }
 
 }  // namespace
@@ -24,8 +34,12 @@ int main(int argc, char* argv[]) {
     return request.exitCode;
   }
   try {
-    return request.run(request.options);
+    const int exitCode = request.run(request.options);
+    requireWritten();
+    return exitCode;
   } catch (const Failure& e) {
-    return fail(e, e.exitCode);
+    return fail(e.what(), e.exitCode);
+  } catch (const std::system_error& e) {  // of a print
+    return fail("cannot write to standard output: " + e.code().message(), kNotWritten);
   }
 }

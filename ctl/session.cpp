@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "core/iniConfig.h"
@@ -17,9 +18,15 @@ void printNotice(void*, const char* message) {
   fmt::print(stderr, "koductl: {}\n", serverMessage(message));
 }
 
+/// Whether the server's words, in whatever language, are about a right: "ERROR:  42501: ...".
+bool isAboutRights(const std::string& message) {
+  return message.substr(0, message.find('\n')).find(":  42501: ") != std::string::npos;
+}
+
 std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::string& user) {
   try {
     auto connection = std::make_unique<pgSafeThread>(connectionString(config, user));
+    PQsetErrorVerbosity(connection->connection, PQERRORS_VERBOSE);  // with the SQLSTATE
     PQsetNoticeProcessor(connection->connection, printNotice, nullptr);
     // Whatever the role or the environment says: times are UTC, and names are the schema's.
     PQclear(connection->executeRequest(
@@ -74,8 +81,10 @@ Rows Session::query(const std::string& sql, const std::vector<std::string>& para
   try {
     return Rows(connection->executeParamRequest(sql, params));
   } catch (const PostgresqlException& e) {
-    const bool isLost = PQstatus(connection->connection) != CONNECTION_OK;
-    throw Failure(isLost ? kNoDatabase : kRefused, serverMessage(e.what()));
+    if (PQstatus(connection->connection) != CONNECTION_OK) {
+      throw Failure(kNoDatabase, serverMessage(e.what()));
+    }
+    throw Failure(isAboutRights(e.what()) ? kNotPermitted : kRefused, serverMessage(e.what()));
   }
 }
 
@@ -98,8 +107,12 @@ std::string serverMessage(const std::string& text) {
       message.erase(0, end + 3);
     }
   }
-  if (const auto context = message.find("\nCONTEXT:"); context != std::string::npos) {
-    message.erase(context);
+  // The SQLSTATE, five letters or digits.
+  if (message.find(": ") == 5) {
+    message.erase(0, 7);
+  }
+  for (const char* developers : {"\nCONTEXT:", "\nSCHEMA NAME:", "\nLOCATION:"}) {
+    message.erase(std::min(message.find(developers), message.size()));
   }
   if (const auto hint = message.find("\nHINT:  "); hint != std::string::npos) {
     message.replace(hint + 1, 7, "hint: ");

@@ -3,8 +3,6 @@
 #include <fmt/format.h>
 
 #include <array>
-#include <iostream>
-#include <memory>
 #include <utility>
 
 #include "sched/pluginOutput.h"
@@ -77,7 +75,5 @@ void printJson(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;
-  const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
-  writer->write(value, &std::cout);
-  std::cout << std::endl;
+  fmt::print("{}\n", Json::writeString(builder, value));
 }

@@ -1,3 +1,4 @@
+#include <cstdlib>
 #include <string>
 
 #include "tests/ctl/CtlTest.h"
@@ -13,6 +14,16 @@ class ChangeTest : public CtlTest {
   /// A plugin that notes its runs and its arguments.
   std::string plugin(int id, const std::string& body = "echo \"$@\"") const {
     return makeTask(id, body).path;
+  }
+
+  /// The exit status of `delete 1` on a terminal where somebody types that; outPath() gets the
+  /// rest.
+  int deleteAnswering(const std::string& answer) const {
+    const std::string command =
+        program() + " -f " + daemon.mainConfig() + " --user " + admin() + " delete 1";
+    const std::string line = "echo " + answer + " | PGPASSWORD=secret script -qec '" + command +
+                             "' /dev/null >" + outPath();
+    return exitStatusOf(std::system(line.c_str()));
   }
 };
 
@@ -85,6 +96,13 @@ TEST_F(ChangeTest, SaysWhichRoleMayChangeTasks) {
   }
 }
 
+TEST_F(ChangeTest, EndsWith77WhereARoleMayNotEvenLook) {
+  database.query("REVOKE SELECT ON kodu_cron_plugin FROM kodu_admin");
+  const CtlResult result = runAsAdmin({"status"});
+  EXPECT_EQ(result.exitCode, 77);
+  EXPECT_EQ(result.err, "koductl: permission denied for table kodu_cron_plugin\n");
+}
+
 TEST_F(ChangeTest, SaysThatTheFunctionsAreMissing) {
   database.insertTask(quietTask(1));
   database.query("DROP FUNCTION kodu_task_resume");
@@ -127,6 +145,16 @@ TEST_F(ChangeTest, DeletesATaskOnlyWhenToldTo) {
   const CtlResult told = runAsAdmin({"delete", "1", "--yes"});
   EXPECT_EQ(told.exitCode, 0);
   EXPECT_EQ(told.out, "task 1 (task1) will be gone, with its files, within two minutes\n");
+  EXPECT_EQ(database.task(1, "cron_delete"), "t");
+}
+
+TEST_F(ChangeTest, AsksOnATerminalBeforeItDeletes) {
+  database.insertTask(quietTask(1));
+  EXPECT_EQ(deleteAnswering("n"), 65);
+  EXPECT_EQ(database.task(1, "cron_delete"), "f");
+  EXPECT_THAT(readFile(outPath()),
+              HasSubstr("Delete task 1 (task1), its output, archive and history? [y/N] "));
+  EXPECT_EQ(deleteAnswering("y"), 0);
   EXPECT_EQ(database.task(1, "cron_delete"), "t");
 }
 

@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 
@@ -32,10 +33,11 @@ TEST_F(CommandLineTest, EndsWith64ForAWrongCommandLine) {
                                                 {"add", "plugin"}}) {
     const CtlResult result = run(wrong);
     EXPECT_EQ(result.exitCode, 64) << testing::PrintToString(wrong);
-    EXPECT_NE(result.err, "");
+    EXPECT_THAT(result.err, testing::StartsWith("koductl: "));
     EXPECT_EQ(result.out, "");
   }
   EXPECT_THAT(run({"foo"}).err, HasSubstr("there is no command foo"));
+  EXPECT_EQ(run({"show"}).err, "koductl: ID is required; koductl show --help tells more\n");
 }
 
 TEST_F(CommandLineTest, EndsWith78WithoutAConfiguration) {
@@ -53,6 +55,25 @@ TEST_F(CommandLineTest, EndsWith78WithoutADatabaseFile) {
   EXPECT_THAT(result.err, HasSubstr("kodu_conf_file in " + daemon.mainConfig() + " names it"));
 }
 
+TEST_F(CommandLineTest, EndsWith78WhereTheMainFileNamesNoDatabaseFile) {
+  const CtlResult result = runWith({"-f", "/dev/null", "status"});
+  EXPECT_EQ(result.exitCode, 78);
+  EXPECT_EQ(result.err,
+            "koductl: /dev/null names no database file: write kodu_conf_file=PATH into its section "
+            "[CRON]\n");
+}
+
+TEST_F(CommandLineTest, EndsWith74WhereNobodyTakesItsOutput) {
+  database.insertTask(quietTask(1));
+  for (const std::string command : {"status", "status --json", "history 1"}) {
+    const std::string line =
+        program() + " -f " + daemon.mainConfig() + " " + command + " >/dev/full 2>" + errPath();
+    EXPECT_EQ(exitStatusOf(std::system(line.c_str())), 74) << command;
+    EXPECT_EQ(readFile(errPath()),
+              "koductl: cannot write to standard output: No space left on device\n");
+  }
+}
+
 TEST_F(CommandLineTest, EndsWith69WhereNoDatabaseAnswers) {
   writeFile(daemon.databaseConfig(),
             "[POSTGRESQL]\nPGSQL_host=127.0.0.1\nPGSQL_port=1\nPGSQL_db=x\nPGSQL_username=kodu\n"
@@ -64,7 +85,8 @@ TEST_F(CommandLineTest, EndsWith69WhereNoDatabaseAnswers) {
 }
 
 TEST_F(CommandLineTest, EndsWith66ForATaskThatIsNotThere) {
-  for (const char* command : {"show", "explain", "history", "output", "rerun"}) {
+  for (const char* command : {"show", "explain", "history", "output", "rerun", "set", "pause",
+                              "resume", "run", "delete"}) {
     const CtlResult result = run({command, "99"});
     EXPECT_EQ(result.exitCode, 66) << command;
     EXPECT_EQ(result.err, "koductl: there is no task 99; koductl status lists them\n");
