@@ -4,7 +4,7 @@
 _koductl_ids() {
   local i config=()
   for ((i = 1; i < ${#COMP_WORDS[@]} - 1; i++)); do
-    [[ ${COMP_WORDS[i]} != -f ]] || config=(-f "${COMP_WORDS[i + 1]}")
+    [[ ${COMP_WORDS[i]} != -f && ${COMP_WORDS[i]} != --config ]] || config=(-f "${COMP_WORDS[i + 1]}")
   done
   "${COMP_WORDS[0]}" "${config[@]}" status 2>/dev/null | awk '$1 ~ /^[0-9]+$/ && $2 !~ /^tasks?:$/ { print $1 }'
 }

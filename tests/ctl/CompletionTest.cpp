@@ -75,6 +75,7 @@ TEST_F(CompletionTest, ProposesTheIdsOfTheTasks) {
     database.insertTask(quietTask(id));
   }
   EXPECT_EQ(complete(program() + " -f " + daemon.mainConfig() + " show 1"), "1 12\n");
+  EXPECT_EQ(complete(program() + " --config " + daemon.mainConfig() + " show 1"), "1 12\n");
 }
 
 }  // namespace
