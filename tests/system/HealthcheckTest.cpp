@@ -11,6 +11,7 @@
 
 #include "tests/support/Daemon.h"
 #include "tests/support/Database.h"
+#include "tests/support/Files.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
@@ -65,6 +66,20 @@ TEST_F(HealthcheckTest, IsContentWithADaemonThatDoesItsWork) {
             "KODUCRON OK - 1 tasks, none overdue | tasks=1 overdue=0 oldest_overdue=0s;10;60;0 "
             "in_process_too_long=0 longest_in_process=0s;600;;0 failures_last_hour=0;;;0 "
             "sessions=1\n");
+}
+
+TEST_F(HealthcheckTest, ReadsTheConnectionAsTheDaemonDoes) {
+  std::string config = readFile(daemon.databaseConfig());
+  const std::size_t host = config.find('\n', config.find("PGSQL_host="));
+  config.insert(host, " keepalives_idle=30 tcp_user_timeout=60000");
+  const std::size_t password = config.find(database.password());
+  config.replace(password, database.password().size(), "'\\" + database.password() + "'");
+  writeFile(daemon.databaseConfig(), config);
+  ASSERT_TRUE(daemon.startAndWait());
+
+  const Health health = check();
+
+  EXPECT_EQ(health.status, 0) << health.line;
 }
 
 TEST_F(HealthcheckTest, SeesADaemonThatWasStopped) {
