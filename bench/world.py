@@ -136,7 +136,7 @@ class Daemon:
     def cpu_seconds(self):
         """(own, its ended children's)."""
         fields = stat_of(self._process.pid)
-        return (fields[11] + fields[12]) / TICK, (fields[13] + fields[14]) / TICK
+        return cpu_seconds_of(self._process.pid), (fields[13] + fields[14]) / TICK
 
     def memory_bytes(self):
         """(resident, its peak)."""
@@ -161,7 +161,13 @@ def stat_of(pid):
     return [0] + [int(field) for field in text.rsplit(')', 1)[1].split()[1:]]
 
 
+def cpu_seconds_of(pid):
+    """CPU time of a process by its own clock: a tick of /proc is two percent of a burst."""
+    cpu_clock = ~pid << 3 | 2
+    return time.clock_gettime(cpu_clock)
+
+
 def server_cpu_seconds(world):
     """CPU time of the server's process for the daemon's or the floor's session."""
     pids = world.query("SELECT pid FROM pg_stat_activity WHERE usename = 'kodu'")
-    return sum((stat_of(pid)[11] + stat_of(pid)[12]) / TICK for [pid] in pids)
+    return sum(cpu_seconds_of(int(pid)) for [pid] in pids)
