@@ -3,7 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <regex>
+#include <charconv>
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -34,19 +35,26 @@ Json::Value jsonMoment(std::string time) {
   return time + "Z";
 }
 
+/// "7=12.5" as a member of a JSON object.
+std::string durationMember(const std::string& duration) {
+  const char* end = duration.data() + duration.size();
+  int id = -1;
+  const auto [sign, idError] = std::from_chars(duration.data(), end, id);
+  if (idError == std::errc() && id >= 0 && sign != end && *sign == '=') {
+    double seconds = -1;
+    const auto [rest, error] = std::from_chars(sign + 1, end, seconds, std::chars_format::fixed);
+    if (error == std::errc() && rest == end && seconds >= 0 && std::isfinite(seconds)) {
+      return fmt::format("\"{}\": {}", id, seconds);
+    }
+  }
+  throw Failure(kWrongUsage, fmt::format("--took wants ID=SECONDS, as 7=12.5, not {}", duration));
+}
+
 /// ["7=12.5", "8=3"] as the object {"7": 12.5, "8": 3}.
 std::string durationsObject(const std::vector<std::string>& durations) {
-  static const std::regex kDuration("([0-9]{1,10})=([0-9]{1,9}([.][0-9]{1,9})?)");
   std::string members;
   for (const std::string& duration : durations) {
-    std::smatch parts;
-    if (!std::regex_match(duration, parts, kDuration)) {
-      throw Failure(kWrongUsage,
-                    fmt::format("--took wants ID=SECONDS, as 7=12.5, not {}", duration));
-    }
-    // As a number again, since JSON has no zeros in front of one.
-    members += fmt::format("{}\"{}\": {}", members.empty() ? "" : ", ", parts[1].str(),
-                           std::stod(parts[2].str()));
+    members += (members.empty() ? "" : ", ") + durationMember(duration);
   }
   return "{" + members + "}";
 }
