@@ -23,7 +23,7 @@ from population import Population
 from report import print_report
 
 ROOT = Path(__file__).resolve().parent.parent
-LIBFAKETIME = Path('/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1')
+LIBFAKETIME = next(Path('/usr/lib').glob('*/faketime/libfaketimeMT.so.1'), None)
 SETTLE_SECONDS = 60  # without faults, at the end: every task comes due, and memory to rest
 RECOVERY_LIMIT = 60
 
@@ -41,7 +41,7 @@ class World:
         self.journal = Journal(home / 'journal')
         self.database = Database(ROOT, home / 'postgres')
         self.population = Population(self.database, self.rng, self.plugin, self.ledger)
-        self.clock = home / 'clock' if LIBFAKETIME.exists() else None
+        self.clock = home / 'clock' if LIBFAKETIME else None
         self.clock_offset = 0
         self.daemon = daemons.Daemon(self._command(), self._environment(), home / 'koducron.log',
                                      self.journal)

@@ -172,14 +172,16 @@ class Judge:
 
     def resident(self):
         """Resident KiB of the first life and of the last, both at the last one's age at the end,
-        of a minute at the most; None when one of them was too young."""
-        memory = self.case.samples
+        of a minute at the most; of the only life, after its first minute and at the end. None when
+        one of them was too young."""
+        memory, end = self.case.samples, self.case.end
         first, last = memory[0][1], memory[-1][1]
-        age = min(60, self.case.end - self._born(last))
-        if age < 30 or last == first:
+        age = min(60, end - self._born(last))
+        if age < 30:
             return None
-        both = tuple(median_in(memory, pid, self._born(pid) + age - 25, self._born(pid) + age)
-                     for pid in (first, last))
+        at_end = end if last == first else self._born(last) + age
+        both = tuple(median_in(memory, pid, at - 25, at)
+                     for pid, at in ((first, self._born(first) + age), (last, at_end)))
         return both if all(both) else None
 
     def _born(self, pid):
@@ -188,8 +190,10 @@ class Judge:
     def memory(self):
         figure = Figure('resident memory more than 10% above the first minute')
         resident = self.resident()
-        if self.case.facts['judges_memory'] and resident:
+        if self.case.facts['judges_memory']:
             figure.judged = 1
-            if resident[1] > resident[0] * 1.1:
+            if not resident:
+                figure.take(False, 'the first life or the last one was too short to compare')
+            elif resident[1] > resident[0] * 1.1:
                 figure.take(False, f'{resident[0]} KiB, then {resident[1]} KiB')
         return figure

@@ -200,6 +200,15 @@ class JudgeTest(unittest.TestCase):
                        [(at, 78, 1101) for at in range(1100, 1300)])
         self.assertEqual([1], self.violations('memory'))
 
+    def test_sees_growth_of_the_only_life(self):
+        self.memory = [(at, LIFE, 1000 if at < 1200 else 1101) for at in range(1001, 1300)]
+        self.assertEqual([1], self.violations('memory'))
+
+    def test_takes_a_last_life_that_is_too_young_for_a_violation(self):
+        self.memory = ([(at, LIFE, 1000) for at in range(1001, 1280)] +
+                       [(at, 78, 1000) for at in range(1280, 1300)])
+        self.assertEqual([1], self.violations('memory'))
+
     def test_takes_the_longest_stretch_outside_all_windows(self):
         self.assertEqual((5, 15), longest_stretch(10, 20, [(13, 15), (14, 15), (8, 11)]))
 
