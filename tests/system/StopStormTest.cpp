@@ -58,8 +58,8 @@ class StopStormTest : public testing::Test {
     waitUntil([&] { return std::chrono::steady_clock::now() >= moment; });
     daemon.signal(SIGTERM);
     const auto status = daemon.waitForEnd(std::chrono::seconds(60));
-    ASSERT_TRUE(status.has_value()) << "hangs since SIGTERM";
-    ASSERT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGABRT) << "status " << *status;
+    ASSERT_TRUE(status.has_value()) << "hangs since SIGTERM; seed " << seed;
+    ASSERT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGABRT) << "status " << *status << "; seed " << seed;
     ASSERT_EQ(daemon.logged("NOTICE#stop koduCron... SIGTERM: 15"), 1);
     ASSERT_NE(daemon.console().find("terminate called without an active exception"),
               std::string::npos);
@@ -69,7 +69,8 @@ class StopStormTest : public testing::Test {
 
   Database database;
   Daemon daemon{database};
-  std::mt19937 random{20261121};
+  const unsigned seed = std::random_device()();
+  std::mt19937 random{seed};
 };
 
 TEST_F(StopStormTest, EndsDuringAStartUpWithTwentyThousandTasks) {
