@@ -17,6 +17,7 @@
 #include "tests/support/DaemonTest.h"
 #include "tests/support/Files.h"
 #include "tests/support/Process.h"
+#include "tests/support/builtProgram.h"
 
 /// What a run of koductl left.
 struct CtlResult {
@@ -80,8 +81,8 @@ class CtlTest : public DaemonTest {
     return pid;
   }
 
-  static std::string program() { return pathIn("KODU_TEST_CTL"); }
-  static std::string guard() { return pathIn("KODU_TEST_GUARD"); }
+  static std::string program() { return builtProgram("KODU_TEST_CTL"); }
+  static std::string guard() { return builtProgram("KODU_TEST_GUARD"); }
 
   /// A task that is not due for an hour, with a plugin that prints "fine".
   TaskRow quietTask(int id) const {
@@ -144,14 +145,6 @@ class CtlTest : public DaemonTest {
   std::vector<std::string> environment;  // of koductl
 
  private:
-  static std::string pathIn(const char* variable) {
-    const char* path = std::getenv(variable);
-    if (path == nullptr) {
-      throw std::runtime_error(std::string(variable) +
-                               " is not set: run the tests by scripts/test");
-    }
-    return path;
-  }
   static std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
     for (std::string& text : texts) {

@@ -26,7 +26,7 @@
 #include "task/serviceSafe.h"
 #include "tests/support/Files.h"
 #include "tests/support/Process.h"
-#include "tests/support/guardPath.h"
+#include "tests/support/builtProgram.h"
 #include "tests/support/waitInShell.h"
 #include "tests/support/waitUntil.h"
 
@@ -78,7 +78,7 @@ class GuardTest : public testing::Test {
   /// Starts the guard with an empty environment; `prepare` is called in the child before.
   void start(
       std::vector<std::string> arguments, const std::function<void()>& prepare = [] {}) {
-    arguments.insert(arguments.begin(), guardPath());
+    arguments.insert(arguments.begin(), builtProgram("KODU_TEST_GUARD"));
     std::vector<char*> pointers;
     for (std::string& argument : arguments) {
       pointers.push_back(argument.data());
@@ -555,7 +555,7 @@ TEST_F(GuardTest, TakesTheLargestNumbers) {
 }
 
 TEST_F(GuardTest, NeedsNoLoaderAndNoLibrary) {
-  EXPECT_THAT(readFile(guardPath()), Not(HasSubstr("/ld-linux")));
+  EXPECT_THAT(readFile(builtProgram("KODU_TEST_GUARD")), Not(HasSubstr("/ld-linux")));
 }
 
 }  // namespace

@@ -10,19 +10,8 @@
 #include <stdexcept>
 
 #include "tests/support/Database.h"
+#include "tests/support/builtProgram.h"
 #include "tests/support/waitUntil.h"
-
-namespace {
-
-std::string pathIn(const std::string& variable) {
-  const char* path = std::getenv(variable.c_str());
-  if (path == nullptr) {
-    throw std::runtime_error(variable + " is not set: run the tests by scripts/test");
-  }
-  return path;
-}
-
-}  // namespace
 
 Daemon::Daemon(const Database& testDatabase) : database(testDatabase) {
   writeConfig();
@@ -52,7 +41,7 @@ void Daemon::start(const std::vector<std::string>& options) {
 }
 
 void Daemon::startWith(const std::vector<std::string>& arguments) {
-  const std::string path = pathIn(programVariable);
+  const std::string path = builtProgram(programVariable);
   std::vector<char*> pointers = {const_cast<char*>(path.c_str())};
   for (const std::string& argument : arguments) {
     pointers.push_back(const_cast<char*>(argument.c_str()));

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/DaemonTest.h"
-#include "tests/support/guardPath.h"
+#include "tests/support/builtProgram.h"
 
 namespace {
 
@@ -56,7 +56,8 @@ class SlowGuardRoadTest : public DaemonTest {
 
   void insertHanging() const {
     const std::string plugin = writeHangingPlugin();
-    database.query("INSERT INTO kodu_plugins VALUES (1, 'guarded', '" + guardPath() + "', 'cron')");
+    database.query("INSERT INTO kodu_plugins VALUES (1, 'guarded', '" +
+                   builtProgram("KODU_TEST_GUARD") + "', 'cron')");
     database.query(
         "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_next_exec,"
         " cron_log_file, cron_retries, cron_parameter) SELECT id, 1, interval '1 hour',"

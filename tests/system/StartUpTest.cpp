@@ -14,6 +14,7 @@
 #include "tests/support/Daemon.h"
 #include "tests/support/Database.h"
 #include "tests/support/Process.h"
+#include "tests/support/builtProgram.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
@@ -47,7 +48,7 @@ void replaceLine(const std::string& path, const std::string& key, const std::str
 /// What libpq says when a connection to `conninfo` fails.
 std::string connectError(const std::string& conninfo) {
   PGconn* connection = PQconnectdb(conninfo.c_str());
-  const std::string message = PQerrorMessage(connection);
+  std::string message = PQerrorMessage(connection);
   PQfinish(connection);
   return message;
 }
@@ -93,7 +94,7 @@ class StartUpTest : public testing::Test {
     database.insertTask(row);
   }
 
-  std::string daemonPath() const { return std::getenv("KODU_TEST_DAEMON"); }
+  static std::string daemonPath() { return builtProgram("KODU_TEST_DAEMON"); }
 
   Database database;
   Daemon daemon{database};

@@ -59,7 +59,8 @@ class StopStormTest : public testing::Test {
     daemon.signal(SIGTERM);
     const auto status = daemon.waitForEnd(std::chrono::seconds(60));
     ASSERT_TRUE(status.has_value()) << "hangs since SIGTERM; seed " << seed;
-    ASSERT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGABRT) << "status " << *status << "; seed " << seed;
+    ASSERT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGABRT)
+        << "status " << *status << "; seed " << seed;
     ASSERT_EQ(daemon.logged("NOTICE#stop koduCron... SIGTERM: 15"), 1);
     ASSERT_NE(daemon.console().find("terminate called without an active exception"),
               std::string::npos);

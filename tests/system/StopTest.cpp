@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -193,9 +194,11 @@ class SilentServer {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof(address);
-    bind(listener, reinterpret_cast<sockaddr*>(&address), length);
-    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-    listen(listener, 1);
+    const bool listens = bind(listener, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+                         listen(listener, 1) == 0;
+    if (!listens || getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      throw std::runtime_error("no port to listen on");
+    }
   }
   ~SilentServer() { hangUp(); }
   SilentServer(const SilentServer&) = delete;
