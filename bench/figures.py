@@ -104,6 +104,7 @@ def notification(world, count, load_seconds, samples):
 def catch_up(world, count):
     """Seconds of loading `count` overdue tasks, and of as many bare statements."""
     world.plan(count, int(time.time()) - 600)
+    world.vacuum()
     with Daemon(world) as daemon:
         seconds = daemon.wait_until_loaded()
     world.plan(count, int(time.time()) - 600)
