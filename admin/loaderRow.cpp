@@ -5,16 +5,6 @@
 #include "sched/nextTime.h"
 #include "task/serviceCron.h"
 
-namespace {
-
-void logDebug(const char* prefix, const std::string& text) {
-  if (fileLog->writes(0)) {
-    fileLog->write(0, prefix + text);
-  }
-}
-
-}  // namespace
-
 std::string LoaderRow::text(Column column) const {
   return cellText(result, row, column, "the task query");
 }
@@ -24,7 +14,7 @@ std::shared_ptr<serviceCron> LoaderRow::makeTask() const {
   task->SetService_id(static_cast<unsigned long long>(id()));
   const std::string name = text(kName);
   task->Setname(name);
-  logDebug("Load cron task: ", name);
+  fileLog->write(0, [&] { return "Load cron task: " + name; });
   task->Setpath(text(kPath));
   const auto interval = static_cast<unsigned int>(number(kInterval));
   task->Setinterval_exec_time(interval);
@@ -40,6 +30,6 @@ std::shared_ptr<serviceCron> LoaderRow::makeTask() const {
   const std::string nextExec = text(kNextExec);
   task->SetExecTime(
       static_cast<long>(getNextTimeToExec(nextExec, interval, task->GetService_idStr())));
-  logDebug("ADD cron task: ", nextExec);
+  fileLog->write(0, [&] { return "ADD cron task: " + nextExec; });
   return task;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -24,12 +25,18 @@ class logFile {
   /// The same with `threshold`: lines of a lower level are dropped.
   logFile(char threshold, std::string path);
 
-  /// True when lines of `lineLevel` are written: what costs to be put together need not be else.
-  bool writes(char lineLevel) const { return level <= static_cast<signed char>(lineLevel); }
-
   /// Writes a line unless `lineLevel` is below the threshold, which is tested without the lock.
   /// Opens the file again if it was closed; throws FileException when that fails.
   void write(char lineLevel, std::string_view message);
+
+  /// The same with what `message` returns, which is called for lines that are written only: putting
+  /// together what nobody reads would cost every run.
+  template <std::invocable Message>
+  void write(char lineLevel, const Message& message) {
+    if (writes(lineLevel)) {
+      write(lineLevel, std::string_view(message()));
+    }
+  }
 
   /// Writes a line with `tag` in place of the level's word, whatever the threshold. Throws as
   /// above.
@@ -48,6 +55,7 @@ class logFile {
   std::string getDirectory() const;
 
  private:
+  bool writes(char lineLevel) const { return level <= static_cast<signed char>(lineLevel); }
   /// Opens the stream. Throws FileException when that fails. Caller holds mutex, or constructs.
   void open();
   /// Makes the stream ready for a line, opened again if it is closed. Caller holds mutex.

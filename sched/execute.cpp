@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -97,6 +98,7 @@ void report(int descriptor, std::string_view prefix, int error) {
 /// Valid as long as `packed`.
 std::vector<char*> pointersInto(std::string& packed) {
   std::vector<char*> pointers;
+  pointers.reserve(static_cast<std::size_t>(std::ranges::count(packed, '\0')) + 2);
   for (std::size_t at = 0; at < packed.size(); at = packed.find('\0', at) + 1) {
     pointers.push_back(packed.data() + at);
   }

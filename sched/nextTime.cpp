@@ -37,12 +37,14 @@ long long getNextTimeToExec(std::string nextExecText, unsigned int interval, std
   }
   const auto gapSeconds = static_cast<double>(now - next);
   const int count = intervalsIn(gapSeconds, interval);
-  fileLog->write(0, "calc time exec: calcule: " + std::to_string(gapSeconds) + " / " +
-                        std::to_string(interval) + " = " + std::to_string(count));
+  fileLog->write(0, [&] {
+    return "calc time exec: calcule: " + std::to_string(gapSeconds) + " / " +
+           std::to_string(interval) + " = " + std::to_string(count);
+  });
   const ResultPtr result(
       pgSQL->executePrepareRequest("updateCronExecTask", {taskId, std::to_string(count)}));
   const std::string changed = cellText(result, 0, 0, "updateCronExecTask");
   const long long changedTime = std::stoll(changed);
-  fileLog->write(0, "change time exec: " + changed);
+  fileLog->write(0, [&] { return "change time exec: " + changed; });
   return changedTime;
 }

@@ -34,7 +34,7 @@ void th_readPqeue() {
       std::this_thread::sleep_for(std::chrono::seconds(1));
       continue;
     }
-    fileLog->write(0, "TH TIME: Send task to execution " + task->Getname());
+    fileLog->write(0, [&] { return "TH TIME: Send task to execution " + task->Getname(); });
     // What pop returns, not what front showed: a worker may have pushed an earlier task in
     // between, and handing over the one that was shown would queue it twice and lose the other.
     queueExecTask->push(serviceQueue->pop());

@@ -35,14 +35,10 @@ constexpr int kAttempts = 3;
 constexpr int kCritical = 2;
 constexpr char kDeleted = 3;
 
-void logDebug(const std::string& message) {
-  fileLog->write(0, message);
-}
-
 void markAsRunning(const Task& task, std::vector<std::string>& parameters) {
   parameters.push_back(task->GetService_idStr());
   PQclear(pgSQL->executePrepareRequest("UpdateCronProcess", parameters));
-  logDebug("TH EXEC: crontask exec " + task->Getname());
+  fileLog->write(0, [&] { return "TH EXEC: crontask exec " + task->Getname(); });
 }
 
 /// Runs the plugin, again after a second when it could not be run; CRITICAL when it never could.
@@ -50,7 +46,7 @@ int runPlugin(const Task& task) {
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     try {
       const int code = task->execute();
-      logDebug("TH EXEC: crontask exec SUCCESS " + task->Getname());
+      fileLog->write(0, [&] { return "TH EXEC: crontask exec SUCCESS " + task->Getname(); });
       return code;
     } catch (const serviceSafeException& e) {
       fileLog->write(4, "TH EXEC: Excute failed retry" + task->Getname() + " " +
@@ -86,7 +82,7 @@ void writeOutputFile(const std::string& path, const Task& task) {
 
 /// Keeps a copy of the failed run's output and a row that names it.
 void archiveFailure(const Task& task, const std::string& outputPath) {
-  logDebug("TH EXEC: FAILED EXEC STATE: " + task->Getname());
+  fileLog->write(0, [&] { return "TH EXEC: FAILED EXEC STATE: " + task->Getname(); });
   const std::string archiveName = replaceParameter(task->GetFilename(), task);
   const std::string directory = archiveDirectory(task->GetService_idStr());
   if (!std::filesystem::exists(std::filesystem::status(directory))) {
@@ -106,22 +102,23 @@ bool scheduleRetry(const Task& task) {
   if (retry > task->GetMaxRetrie()) {
     return false;
   }
-  logDebug("TH EXEC: TASK FAILED RETRIES: " + std::to_string(retry));
+  fileLog->write(0, [&] { return "TH EXEC: TASK FAILED RETRIES: " + std::to_string(retry); });
   task->SetRetrie(retry);
   const long retryTime = task->GetExecTimeSec() + task->GetRetrieTime();
   task->SetExecTime(retryTime);
-  logDebug("TH EXEC: TASK FAILED RETRIES NEXT EXEC: " + std::to_string(retryTime));
+  fileLog->write(
+      0, [&] { return "TH EXEC: TASK FAILED RETRIES NEXT EXEC: " + std::to_string(retryTime); });
   return true;
 }
 
 /// Writes the run's final state and takes over the next time that the database gives.
 void completeRun(const Task& task, const std::string& state, std::vector<std::string>& parameters) {
   task->SetRetrie(0);
-  logDebug("TH EXEC: UPDATE TASK STATE: " + state + " " + task->Getname());
+  fileLog->write(0, [&] { return "TH EXEC: UPDATE TASK STATE: " + state + " " + task->Getname(); });
   parameters.push_back(state);
   const ResultPtr result(pgSQL->executePrepareRequest("UpdateCronState", parameters));
   const std::string nextExec = cellText(result, 0, 0, "UpdateCronState");
-  logDebug("change time exec: " + nextExec);
+  fileLog->write(0, [&] { return "change time exec: " + nextExec; });
   task->SetExecTime(static_cast<long>(
       getNextTimeToExec(nextExec, task->Getinterval_exec_time(), task->GetService_idStr())));
 }
@@ -157,7 +154,7 @@ void th_executeCronTaks(int number) {
   while (die_kodu == 0) {
     try {
       queueExecTask->waitForTask(die_kodu);
-      logDebug("TH EXEC wake up " + workerNumber);
+      fileLog->write(0, [&] { return "TH EXEC wake up " + workerNumber; });
       if (die_kodu == 0) {
         processTask(queueExecTask->pop(), parameters);
       }
@@ -170,5 +167,5 @@ void th_executeCronTaks(int number) {
       fileLog->write(5, e.what());
     }
   }
-  logDebug("TH EXEC END");
+  fileLog->write(0, "TH EXEC END");
 }

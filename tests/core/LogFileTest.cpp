@@ -46,6 +46,17 @@ TEST_F(LogFileTest, DropsLinesBelowTheThreshold) {
   EXPECT_THAT(readLog(path), ElementsAre("NOTICE#notice"));
 }
 
+TEST_F(LogFileTest, PutsTogetherOnlyWhatIsWritten) {
+  logFile log(2, path);
+  int calls = 0;
+  const auto message = [&calls] { return "call " + std::to_string(++calls); };
+
+  log.write(1, message);
+  log.write(2, message);
+
+  EXPECT_THAT(readLog(path), ElementsAre("NOTICE#call 1"));
+}
+
 TEST_F(LogFileTest, HasThresholdOneUnlessTold) {
   logFile log(path);
   const char* const text = path.c_str();
