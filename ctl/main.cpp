@@ -3,6 +3,7 @@
 #include <fmt/core.h>
 
 #include <cerrno>
+#include <clocale>
 #include <cstdio>
 #include <string>
 #include <system_error>
@@ -29,6 +30,8 @@ void requireWritten() {
 // What is not caught here is a fault of koductl itself.
 // NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char* argv[]) {
+  // What the database and the plugins say is UTF-8, whatever the caller's locale.
+  std::setlocale(LC_CTYPE, "C.UTF-8");
   const Request request = parseCommandLine(argc, argv);
   if (!request.run) {
     return request.exitCode;

@@ -33,8 +33,9 @@ std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::str
         "SET timezone = 'UTC'; SET search_path = public; SET client_encoding = 'UTF8'"));
     return connection;
   } catch (const PostgresqlException& e) {
-    throw Failure(kNoDatabase, fmt::format("{}\nlook whether the server runs, and at {}",
-                                           trim(e.what()), config.databaseFile));
+    const std::string password = user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
+    throw Failure(kNoDatabase, fmt::format("{}\nlook whether the server runs, and at {}{}",
+                                           trim(e.what()), config.databaseFile, password));
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cwchar>
 
 namespace {
 
@@ -37,9 +38,18 @@ std::string withoutControls(std::string_view text, char substitute, std::string_
   return safe;
 }
 
-/// A byte of UTF-8 that continues a character.
-bool isContinuation(char c) {
-  return (static_cast<unsigned char>(c) & 0xc0U) == 0x80U;
+struct Character {
+  std::size_t bytes;
+  int columns;
+};
+
+/// The one that `text` begins with. A byte that is no UTF-8 is shown as one column.
+Character firstCharacter(std::string_view text) {
+  std::mbstate_t state{};
+  wchar_t character = 0;
+  const std::size_t length = std::mbrtowc(&character, text.data(), text.size(), &state);
+  const bool isValid = length > 0 && length <= text.size();
+  return isValid ? Character{length, std::max(0, wcwidth(character))} : Character{1, 1};
 }
 
 bool isColourWanted() {
@@ -105,16 +115,24 @@ std::string oneLine(std::string_view text) {
 }
 
 int widthOf(std::string_view text) {
-  return static_cast<int>(
-      std::count_if(text.begin(), text.end(), [](char c) { return !isContinuation(c); }));
+  int width = 0;
+  while (!text.empty()) {
+    const Character first = firstCharacter(text);
+    width += first.columns;
+    text.remove_prefix(first.bytes);
+  }
+  return width;
 }
 
 std::string cutTo(std::string_view text, int columns) {
   std::size_t end = 0;
-  for (int count = 0; end < text.size(); ++end) {
-    if (!isContinuation(text[end]) && count++ == columns) {
+  for (int width = 0; end < text.size();) {
+    const Character next = firstCharacter(text.substr(end));
+    width += next.columns;
+    if (width > columns) {
       break;
     }
+    end += next.bytes;
   }
   return std::string(text.substr(0, end));
 }

@@ -30,8 +30,9 @@ std::string printable(const std::string& text);
 /// `text` in one line: control characters become blanks.
 std::string oneLine(std::string_view text);
 
-/// The number of columns that UTF-8 text takes, counted as one a character.
+/// The number of columns that UTF-8 text takes on a terminal: two for a wide character, none for an
+/// accent that stands on the one before it. Asks the C locale, which main sets.
 int widthOf(std::string_view text);
 
-/// The first `columns` characters of UTF-8 text.
+/// As much of the begin of UTF-8 text as fits into `columns`, in whole characters. Asks it, too.
 std::string cutTo(std::string_view text, int columns);

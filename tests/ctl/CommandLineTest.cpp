@@ -9,6 +9,7 @@
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 
 /// What koductl says and ends with where it cannot begin.
 class CommandLineTest : public CtlTest {};
@@ -82,6 +83,8 @@ TEST_F(CommandLineTest, EndsWith69WhereNoDatabaseAnswers) {
   EXPECT_EQ(result.exitCode, 69);
   EXPECT_THAT(result.err, HasSubstr("Connection refused"));
   EXPECT_THAT(result.err, HasSubstr("look whether the server runs"));
+  EXPECT_THAT(result.err, Not(HasSubstr("PGPASSWORD")));
+  EXPECT_THAT(run({"status", "--user", "someone"}).err, HasSubstr("--user reads PGPASSWORD"));
 }
 
 TEST_F(CommandLineTest, EndsWith66ForATaskThatIsNotThere) {

@@ -1,5 +1,6 @@
 #include "ctl/text.h"
 
+#include <clocale>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -33,7 +34,14 @@ TEST(OneLineTest, LeavesNoControlCharacter) {
   EXPECT_EQ(oneLine("cut off \xc2"), "cut off \xc2");
 }
 
-TEST(TableTest, MakesColumnsAsWideAsTheirWidestCell) {
+/// As koductl's main sets it: what a character is depends on the locale.
+class TableTest : public testing::Test {
+ protected:
+  TableTest() { std::setlocale(LC_CTYPE, "C.UTF-8"); }
+  ~TableTest() override { std::setlocale(LC_CTYPE, "C"); }
+};
+
+TEST_F(TableTest, MakesColumnsAsWideAsTheirWidestCell) {
   Table table({{"ID", Table::Align::kRight}, {"NAME"}, {"LAST"}});
   table.add({"7"s, "\xc3\xa9t\xc3\xa9"s, "x"s});
   table.add({"100"s, "a"s, "line\nbreak"s});
@@ -42,16 +50,24 @@ TEST(TableTest, MakesColumnsAsWideAsTheirWidestCell) {
                                       "100  a     line break"}));
 }
 
-TEST(TableTest, CutsLinesToAWidth) {
+TEST_F(TableTest, CutsLinesToAWidth) {
   Table table({{"NAME"}, {"LAST"}});
   table.add({"\xc3\xa9t\xc3\xa9"s, "x"s});
   EXPECT_EQ(table.render(2).back(), "\xc3\xa9t");
 }
 
-TEST(CutToTest, CountsCharactersNotBytes) {
+TEST_F(TableTest, CountsCharactersNotBytes) {
   EXPECT_EQ(cutTo("\xc3\xa9t\xc3\xa9", 2), "\xc3\xa9t");
   EXPECT_EQ(cutTo("ab", 5), "ab");
   EXPECT_EQ(widthOf("\xc3\xa9t\xc3\xa9"), 3);
+}
+
+TEST_F(TableTest, GivesACharacterTheColumnsThatATerminalGivesIt) {
+  EXPECT_EQ(widthOf("日本"), 4);
+  EXPECT_EQ(cutTo("日本", 3), "日");
+  EXPECT_EQ(widthOf("e\u0301t"), 2);  // an accent of its own
+  EXPECT_EQ(cutTo("e\u0301t", 1), "e\u0301");
+  EXPECT_EQ(widthOf("a\xff\xc3"), 3);  // no UTF-8
 }
 
 }  // namespace
