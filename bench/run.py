@@ -150,7 +150,7 @@ def main():
     parser.add_argument('--quick', action='store_true')
     parser.add_argument('--durable', action='store_true')
     parser.add_argument('--rounds', type=int, default=5)
-    parser.add_argument('--loaded', default='1000,10000,100000,1000000')
+    parser.add_argument('--loaded', default='1000,4000,10000,100000,1000000')
     options = parser.parse_args()
     world, table = World(options.home, options.workers), Table()
     shutil.copy(options.home / 'benchPlugin', world.plugin)
