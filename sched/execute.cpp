@@ -70,10 +70,11 @@ void report(int descriptor, std::string_view prefix, int error) {
 
 /// The child's side: turns the child into the plugin with its standard output in the pipe, and
 /// ends it with code 2 when that fails. It runs in the parent's memory, on the stack below the
-/// parent's frame, while the parent's thread stands still and its other threads go on: it changes
-/// nothing of theirs, takes no lock and allocates nothing.
-[[noreturn]] void becomePlugin(int readEnd, int writeEnd, char* const* arguments,
-                               const sigset_t& signalMask) {
+/// parent's frame (so it must not become part of that), while the parent's thread stands still and
+/// its other threads go on: it changes nothing of theirs but that thread's errno, takes no lock and
+/// allocates nothing.
+[[noreturn, gnu::noinline]] void becomePlugin(int readEnd, int writeEnd, char* const* arguments,
+                                              const sigset_t& signalMask) {
   close(readEnd);
   if (dup2(writeEnd, STDOUT_FILENO) < 0) {
     const int error = errno;
@@ -112,7 +113,7 @@ int serviceSafe::execute() {
   Pipe pipe;
   if (!pipe.isOpen()) {
     const int error = errno;
-    const std::lock_guard lock(mutex);
+    const std::lock_guard lock(mutex);  // for the strings of the trailer
     throw serviceSafeException("Error open pipe " + taskTrailer(std::strerror(error)));
   }
   // Held over the whole run, so that one task never runs twice at a time.
@@ -137,7 +138,8 @@ std::string serviceSafe::taskTrailer(const std::string& detail) const {
 }
 
 int serviceSafe::startPlugin(Pipe& pipe) const {
-  std::string arguments = path + '\0' + parameterVector.characters();
+  // The path up to its first NUL, as the list has its arguments.
+  std::string arguments = path.c_str() + ('\0' + parameterVector.characters());
   const std::vector<char*> pointers = pointersInto(arguments);
   pid_t pid = -1;
   int error = 0;

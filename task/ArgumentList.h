@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// A plugin's arguments, one behind the other in one string, each ended by a NUL, as execve takes
@@ -12,10 +13,12 @@ class ArgumentList {
   void clear() { packed.clear(); }
   /// Room for so many bytes of arguments, their NULs included.
   void reserve(std::size_t bytes) { packed.reserve(bytes); }
-  /// Appends `argument` up to its first NUL, where execve would end it.
+  /// Appends `argument` up to its first NUL, where execve would end it, unless nothing is left.
   void append(const std::string& argument) {
-    packed.append(argument, 0, argument.find('\0'));
-    packed.push_back('\0');
+    const std::string_view word = argument.c_str();
+    if (!word.empty()) {
+      packed.append(word).push_back('\0');
+    }
   }
 
   /// A copy of the arguments, in order.

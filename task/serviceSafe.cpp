@@ -110,9 +110,7 @@ void serviceSafe::Setparameter(std::string text) {
   parameterVector.clear();
   parameterVector.reserve(text.size() + 1);
   for (const std::string& argument : boost::tokenizer<Separator>(text, separator)) {
-    if (!argument.empty()) {
-      parameterVector.append(argument);
-    }
+    parameterVector.append(argument);
   }
   mutex.unlock();
 }

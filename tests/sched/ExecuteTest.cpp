@@ -148,6 +148,15 @@ class ExecuteTest : public testing::Test {
   serviceSafe task;
 };
 
+TEST_F(ExecuteTest, EndsThePathAtANul) {
+  task.Setpath(std::string("/bin/echo\0first", 15));
+  task.Setparameter("second third");
+
+  EXPECT_EQ(task.execute(), 0);
+
+  EXPECT_EQ(task.GetStdout(), "second third\n");
+}
+
 // Return codes and what stays in Stdout.
 TEST_F(ExecuteTest, StoresCodeAndOutputOfASuccessfulRun) {
   usePlugin("printf 'OK - fine'");

@@ -555,6 +555,11 @@ TEST(SetparameterTest, SeparatesBySpaceAlone) {
   EXPECT_THAT(split("$HOME `id` *.c ; | &"), ElementsAre("$HOME", "`id`", "*.c", ";", "|", "&"));
 }
 
+TEST(SetparameterTest, EndsAnArgumentAtANul) {
+  using namespace std::string_literals;
+  EXPECT_THAT(split("a\0b \0c d"s), ElementsAre("a", "d"));
+}
+
 TEST(SetparameterTest, ReplacesTheArgumentsOfBefore) {
   serviceSafe record;
   record.Setparameter("a b c");
