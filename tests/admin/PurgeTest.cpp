@@ -145,7 +145,7 @@ TEST_F(DeleteTaskTest, BearsFilesThatAreAbsentAlready) {
   EXPECT_EQ(database.task(1, "cron_id"), "");
 }
 
-TEST_F(DeleteTaskTest, RemovesASecondDateOnlyWhereTheClockMadeIt) {
+TEST_F(DeleteTaskTest, LeavesAFileThatIsNamedLikeThePlaceholder) {
   const auto task = makeTask(1, "/bin/true");
   TaskRow row;
   row.logFile = "$DATE.txt";
