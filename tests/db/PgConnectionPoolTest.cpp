@@ -14,9 +14,9 @@
 
 #include "db/PostgresqlException.h"
 #include "db/pgSafeThread.h"
-#include "db/result.h"
 #include "tests/support/Database.h"
 #include "tests/support/Files.h"
+#include "tests/support/statements.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
@@ -24,22 +24,8 @@ namespace {
 using testing::ElementsAre;
 using testing::StartsWith;
 
-template <typename Call>
-std::string failureOf(const Call& call) {
-  try {
-    call();
-  } catch (const PostgresqlException& e) {
-    return e.what();
-  }
-  return "nothing was thrown";
-}
-
 class PgConnectionPoolTest : public testing::Test {
  protected:
-  static std::string valueOf(PGresult* owned) {
-    const ResultPtr result(owned);
-    return cellText(result, 0, 0, "the test's statement");
-  }
   std::string sessionOf(pgConnectionPool& pool) {
     return valueOf(pool.executeRequest("SELECT pg_backend_pid()"));
   }

@@ -11,6 +11,7 @@
 #include "db/PostgresqlException.h"
 #include "db/result.h"
 #include "tests/support/Database.h"
+#include "tests/support/statements.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
@@ -18,24 +19,8 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-/// The text that `call` throws as PostgresqlException.
-template <typename Call>
-std::string failureOf(const Call& call) {
-  try {
-    call();
-  } catch (const PostgresqlException& e) {
-    return e.what();
-  }
-  return "nothing was thrown";
-}
-
 class PgSafeThreadTest : public testing::Test {
  protected:
-  std::string valueOf(PGresult* owned) {
-    const ResultPtr result(owned);
-    return cellText(result, 0, 0, "the test's statement");
-  }
-
   Database database;
   pgSafeThread connection{database.conninfo()};
 };

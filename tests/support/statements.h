@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include "db/PostgresqlException.h"
+#include "db/result.h"
+
+/// The text that `call` throws as PostgresqlException.
+template <typename Call>
+std::string failureOf(const Call& call) {
+  try {
+    call();
+  } catch (const PostgresqlException& e) {
+    return e.what();
+  }
+  return "nothing was thrown";
+}
+
+/// The first cell of a result, which goes.
+inline std::string valueOf(PGresult* owned) {
+  const ResultPtr result(owned);
+  return cellText(result, 0, 0, "the test's statement");
+}
