@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <libpq-fe.h>
 
 #include "tests/support/Daemon.h"
 #include "tests/support/Database.h"
@@ -17,6 +18,7 @@
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 struct Health {
@@ -27,8 +29,8 @@ struct Health {
 class HealthcheckTest : public testing::Test {
  protected:
   Health check(const std::string& options = "") const {
-    const std::string command =
-        projectFile("scripts/healthcheck") + " -f " + daemon.mainConfig() + " " + options + " 2>&1";
+    const std::string command = "'" + projectFile("scripts/healthcheck") + "' -f " +
+                                daemon.mainConfig() + " " + options + " 2>&1";
     Health health;
     FILE* output = popen(command.c_str(), "r");
     std::array<char, 4096> buffer{};
@@ -92,6 +94,30 @@ TEST_F(HealthcheckTest, SeesADaemonThatWasStopped) {
   EXPECT_THAT(health.line, StartsWith("KODUCRON CRITICAL - 0 tasks, no session of the daemon |"));
 }
 
+TEST_F(HealthcheckTest, SeesASecondDaemon) {
+  ASSERT_TRUE(daemon.startAndWait());
+  Daemon second(database);
+  ASSERT_TRUE(second.startAndWait());
+
+  const Health health = check();
+
+  EXPECT_EQ(health.status, 1);
+  EXPECT_THAT(health.line,
+              StartsWith("KODUCRON WARNING - 0 tasks, 2 daemons are connected: one may run |"));
+}
+
+TEST_F(HealthcheckTest, TakesNoNamedSessionForADaemon) {
+  ASSERT_TRUE(daemon.startAndWait());
+  PGconn* client = PQconnectdb((database.conninfo() + " application_name=psql").c_str());
+  ASSERT_EQ(PQstatus(client), CONNECTION_OK);
+
+  const Health health = check();
+  PQfinish(client);
+
+  EXPECT_EQ(health.status, 0) << health.line;
+  EXPECT_THAT(health.line, HasSubstr("sessions=2\n"));
+}
+
 TEST_F(HealthcheckTest, SeesWorkersThatHang) {
   for (const int id : {1, 2, 3}) {
     insert(id, "/bin/sleep", "600", "now()");
@@ -116,7 +142,7 @@ TEST_F(HealthcheckTest, SeesATableThatIsLocked) {
   EXPECT_EQ(health.status, 2);
   EXPECT_THAT(health.line,
               StartsWith("KODUCRON CRITICAL - the database does not answer within 1 s: "
-                         "ERROR:  canceling statement due to statement timeout"));
+                         "ERROR: canceling statement due to statement timeout"));
 }
 
 TEST_F(HealthcheckTest, SeesADatabaseThatRefuses) {
@@ -127,6 +153,19 @@ TEST_F(HealthcheckTest, SeesADatabaseThatRefuses) {
 
   EXPECT_EQ(health.status, 2);
   EXPECT_THAT(health.line, HasSubstr("password authentication failed"));
+}
+
+TEST_F(HealthcheckTest, PutsAMessageOfSeveralLinesOnOne) {
+  std::string config = readFile(daemon.databaseConfig());
+  const std::string port = "PGSQL_port=" + std::to_string(database.port());
+  config.replace(config.find(port), port.size(), "PGSQL_port=1");
+  writeFile(daemon.databaseConfig(), config);
+
+  const Health health = check();
+
+  EXPECT_EQ(health.status, 2);
+  EXPECT_THAT(health.line, HasSubstr("Connection refused Is the server running"));
+  EXPECT_THAT(health.line, Not(HasSubstr("\t")));
 }
 
 TEST_F(HealthcheckTest, CountsFailures) {
