@@ -54,15 +54,23 @@ void checkZone(Session& session, Findings& findings) {
   }
 }
 
+void checkDaemons(Session& session, const DaemonIdentity& daemon, Findings& findings) {
+  if (!isDaemonConnected(session)) {
+    findings.addWarning(daemon.pid ? "the daemon runs, but no session of it is in this database"
+                                   : "no session of the daemon is in this database: nothing runs");
+  } else if (const long count = countDaemons(session); count > 1) {
+    findings.addWarning(
+        fmt::format("{} daemons are in this database: they run each task as many times and end "
+                    "each other; stop all but one",
+                    count));
+  }
+}
+
 }  // namespace
 
 void checkDatabase(Session& session, const DaemonIdentity& daemon, Findings& findings) {
   const std::string role = trim(session.config.user);
   checkRights(session, role, findings);
   checkZone(session, findings);
-  if (isDaemonConnected(session)) {
-    return;
-  }
-  findings.addWarning(daemon.pid ? "the daemon runs, but no session of it is in this database"
-                                 : "no session of the daemon is in this database: nothing runs");
+  checkDaemons(session, daemon, findings);
 }

@@ -13,7 +13,7 @@ struct Task;
 /// Both INI files, the log and the directories that they name.
 void checkConfig(const DaemonConfig& config, const DaemonIdentity& daemon, Findings& findings);
 
-/// The role's rights, the session's time zone, whether the daemon is connected.
+/// The role's rights, the session's time zone, whether one daemon is connected.
 void checkDatabase(Session& session, const DaemonIdentity& daemon, Findings& findings);
 
 /// Every task's row, plugin and output file.

@@ -34,8 +34,9 @@ std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::str
     return connection;
   } catch (const PostgresqlException& e) {
     const std::string password = user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
-    throw Failure(kNoDatabase, fmt::format("{}\nlook whether the server runs, and at {}{}",
-                                           trim(e.what()), config.databaseFile, password));
+    throw Failure(kNoDatabase,
+                  fmt::format("{}\nlook whether the server runs, and at {}{}",
+                              withoutTabs(trim(e.what())), config.databaseFile, password));
   }
 }
 
@@ -97,6 +98,17 @@ bool isDaemonConnected(Session& session) {
       " AND coalesce(application_name, '') NOT LIKE 'kodu\\_%'",
       {trim(session.config.user)});
   return rows.number(0, "sessions") > 0;
+}
+
+long countDaemons(Session& session) {
+  // By the empty name, not by those that are no kodu_ one: an operator's psql may take the role
+  // too.
+  const Rows rows = session.query(
+      "SELECT count(*) AS sessions FROM pg_stat_activity"
+      " WHERE usename = $1 AND datname = current_database()"
+      " AND application_name = '' AND backend_type = 'client backend'",
+      {trim(session.config.user)});
+  return rows.number(0, "sessions");
 }
 
 std::string serverMessage(const std::string& text) {

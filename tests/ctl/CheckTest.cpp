@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "db/pgSafeThread.h"
 #include "tests/ctl/CtlTest.h"
 
 namespace {
@@ -49,6 +50,16 @@ TEST_F(CheckTest, WarnsOfTasksWithoutATimeLimitAndOfAMissingDaemon) {
   EXPECT_THAT(text, HasSubstr("WARNING  tasks 1, 2: no time limit"));
   EXPECT_THAT(text, HasSubstr("WARNING  no session of the daemon is in this database"));
   EXPECT_THAT(text, HasSubstr("0 errors, 2 warnings\n"));
+}
+
+TEST_F(CheckTest, WarnsOfASecondDaemonButNotOfOtherSessionsOfItsRole) {
+  database.insertTask(guardedTask(1));
+  const pgSafeThread daemonsSession(database.conninfo());
+  const pgSafeThread operatorsSession(database.conninfo() + " application_name=psql");
+  EXPECT_THAT(check(0), HasSubstr("OK       nothing found\n"));
+  const pgSafeThread secondDaemonsSession(database.conninfo());
+  EXPECT_THAT(check(1), HasSubstr("WARNING  2 daemons are in this database: they run each task as "
+                                  "many times and end each other; stop all but one\n"));
 }
 
 TEST_F(CheckTest, FindsPluginsThatCannotBeRun) {
