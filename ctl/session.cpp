@@ -23,6 +23,14 @@ bool isAboutRights(const std::string& message) {
   return message.substr(0, message.find('\n')).find(":  42501: ") != std::string::npos;
 }
 
+/// libpq begins the further lines of some of its messages with a tab.
+std::string withoutTabs(std::string message) {
+  for (std::size_t at = 0; (at = message.find("\n\t", at)) != std::string::npos;) {
+    message.erase(at + 1, 1);
+  }
+  return message;
+}
+
 std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::string& user) {
   try {
     auto connection = std::make_unique<pgSafeThread>(connectionString(config, user));
@@ -130,5 +138,5 @@ std::string serverMessage(const std::string& text) {
   if (const auto hint = message.find("\nHINT:  "); hint != std::string::npos) {
     message.replace(hint + 1, 7, "hint: ");
   }
-  return trim(message);
+  return withoutTabs(trim(message));
 }
