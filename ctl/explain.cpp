@@ -28,6 +28,7 @@ int runExplain(const Options& options) {
   around.runningTasks = countRunning(session);
   if (const auto runs = readFailedRuns(session, task, 1); !runs.empty()) {
     around.failureText = firstLineOf(runs.front().path);
+    around.isFailureSilent = runs.front().size == 0U;
   }
   const std::vector<std::string> sentences = explain(task, around);
   if (options.asJson) {

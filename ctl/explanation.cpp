@@ -145,14 +145,20 @@ std::string nextTimeRule(const Task& task) {
          "set, resume or stagger, or the interval was changed.";
 }
 
+/// What the latest failed run printed, as the end of a line.
+std::string said(const Surroundings& around) {
+  if (around.isFailureSilent) {
+    return " It printed nothing, which counts as failed.";
+  }
+  return around.failureText.empty() ? "" : fmt::format(" It said: {}", around.failureText);
+}
+
 std::string failing(const Task& task, const Surroundings& around) {
   const std::string counts = fmt::format("{} in the last hour and {} in the last day",
                                          counted(task.failuresHour, "run"), task.failuresDay);
   if (task.failingSince) {
-    const std::string said =
-        around.failureText.empty() ? "" : fmt::format(" It said: {}", around.failureText);
     return fmt::format("It fails since {}: {} failed, see koductl history {}.{}",
-                       moment(*task.failingSince, task.now), counts, task.id, said);
+                       moment(*task.failingSince, task.now), counts, task.id, said(around));
   }
   if (task.isFailing()) {
     return "It fails; since when is not in the history any more.";

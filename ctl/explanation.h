@@ -14,6 +14,7 @@ struct Surroundings {
   int workers = 0;           // as the INI file has it
   long runningTasks = 0;     // rows in PROCESS, pending retries among them
   std::string failureText;  // what the latest failed run said first; empty when nothing can be read
+  bool isFailureSilent = false;  // the latest failed run's output is there, and empty
 };
 
 /// Sentences: what the task is, how its last run ended, what it waits for, which rule set its next

@@ -82,6 +82,17 @@ TEST_F(ExplainTest, SaysWhatTheLatestFailedRunSaid) {
   EXPECT_THAT(explain(1), ContainsRegex("It fails since .* It said: CRITICAL: second\n"));
 }
 
+TEST_F(ExplainTest, SaysThatTheLatestFailedRunPrintedNothing) {
+  database.insertTask(quietTask(1));
+  setStatus(1, "FAILED");
+  addFailure(1, 100, "out_1_a.txt", "CRITICAL: first\n");
+  addFailure(1, 50, "out_1_b.txt", "");
+  EXPECT_THAT(explain(1),
+              HasSubstr("see koductl history 1. It printed nothing, which counts as failed.\n"));
+  std::filesystem::remove(archive(1) + "/out_1_b.txt");
+  EXPECT_THAT(explain(1), HasSubstr("see koductl history 1.\n"));
+}
+
 TEST_F(ExplainTest, SaysThatARunGoesOn) {
   database.insertTask(makeTask(1, waitForRelease() + "echo fine"));
   ASSERT_TRUE(daemon.startAndWait());
