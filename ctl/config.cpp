@@ -49,6 +49,10 @@ DaemonConfig readConfig(const std::string& mainFile) {
   if (config.outputDirectory.empty()) {
     config.outputDirectory = log_directory;
   }
+  // The daemon puts a slash of its own behind it: its "output//1_last.txt" is this very file.
+  while (config.outputDirectory.size() > 1 && config.outputDirectory.ends_with('/')) {
+    config.outputDirectory.pop_back();
+  }
   log_directory = config.outputDirectory;
   if (config.databaseFile.empty()) {
     throw Failure(kWrongConfig, fmt::format("{} names no database file: write kodu_conf_file=PATH "

@@ -2,7 +2,8 @@
 
 #include <string>
 
-/// What the daemon's two INI files say, each value exactly as written.
+/// What the daemon's two INI files say, each value exactly as written but for outputDirectory,
+/// which has no slash at its end.
 struct DaemonConfig {
   std::string mainFile;
   std::string logFile;

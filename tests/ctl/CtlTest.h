@@ -113,6 +113,13 @@ class CtlTest : public DaemonTest {
     writeFile(daemon.outputDirectory() + "/" + name, content);
   }
 
+  /// Has the INI file name the output directory with two slashes at its end.
+  void endOutputDirectoryInSlash() const {
+    std::string config = readFile(daemon.mainConfig());
+    config.insert(config.find(daemon.outputDirectory()) + daemon.outputDirectory().size(), "//");
+    writeFile(daemon.mainConfig(), config);
+  }
+
   static Json::Value parsed(const std::string& text) {
     Json::Value value;
     std::istringstream stream(text);

@@ -145,6 +145,16 @@ TEST_F(ExplainTest, SaysWhyPluginOrOutputCannotBeUsed) {
                               "/missing: No such file or directory. The daemon ends over this."));
 }
 
+TEST_F(ExplainTest, ShowsNoTwoSlashesWhereTheOutputDirectoryEndsInOne) {
+  database.insertTask(quietTask(1));
+  endOutputDirectoryInSlash();
+  const std::string output = daemon.outputDirectory();
+  EXPECT_THAT(explain(1), HasSubstr(" its output to " + output + "/out_1_last.txt"));
+  const Json::Value json = parsed(run({"show", "1", "--json"}).out);
+  EXPECT_EQ(json["output_file"].asString(), output + "/out_1_last.txt");
+  EXPECT_EQ(json["archive"].asString(), output + "/archive/1/");
+}
+
 TEST_F(ExplainTest, LooksThroughTheGuardAtThePlugin) {
   TaskRow row = quietTask(1);
   row.path = guard();
