@@ -36,6 +36,9 @@ std::string pathOf(Session& session, const Task& task, const std::string& archiv
   }
   if (const auto number = wholeNumber(archived)) {
     const auto runs = readFailedRuns(session, task, *number);
+    if (runs.empty()) {
+      throw Failure(kNotFound, fmt::format("task {} has no failed runs", task.id));
+    }
     if (static_cast<int>(runs.size()) < *number) {
       throw Failure(kNotFound,
                     fmt::format("task {} has only {}; koductl history {} lists them", task.id,

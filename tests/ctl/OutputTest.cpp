@@ -75,6 +75,7 @@ TEST_F(OutputTest, EndsWith66WithoutSuchAnOutput) {
   EXPECT_EQ(run({"output", "1", "other.txt"}).exitCode, 66);
   database.insertTask(quietTask(2));
   EXPECT_THAT(run({"output", "2"}).err, HasSubstr("task 2 has not run yet"));
+  EXPECT_EQ(run({"output", "2", "1"}).err, "koductl: task 2 has no failed runs\n");
 }
 
 TEST_F(OutputTest, FollowsWhatTheDaemonWrites) {
