@@ -12,7 +12,9 @@
 #include "ctl/arguments.h"
 #include "ctl/call.h"
 #include "ctl/commands.h"
+#include "ctl/daemonProcess.h"
 #include "ctl/failure.h"
+#include "ctl/fileCheck.h"
 #include "ctl/guarded.h"
 #include "ctl/options.h"
 #include "ctl/session.h"
@@ -38,6 +40,36 @@ void report(Session& session, const Options& options, int id, const std::string&
     printJson(toJson(task));
   } else {
     fmt::print("task {} ({}) {}{}\n", id, oneLine(task.name), done, nextText(task));
+  }
+}
+
+/// What is said of a file that cannot be run; nothing of one that can.
+std::optional<std::string> whyNotRun(const std::string& path, const DaemonIdentity& daemon) try {
+  const AsDaemon rights(daemon);
+  const auto reason = whyNotExecutable(path, daemon.directory);
+  return reason ? std::optional(fmt::format("user {} cannot run {} here: {}", daemon.userName(),
+                                            path, *reason))
+                : std::nullopt;
+} catch (const Failure& e) {  // of a root without all rights; the task is changed already
+  return e.what();
+}
+
+/// Warns of each file that the task starts and that cannot be run on this machine, which need not
+/// be the daemon's: so the task is changed nevertheless.
+void warnOfPlugin(Session& session, int id) {
+  const Task task = readTask(session, id);
+  DaemonIdentity daemon = findDaemon(session.config);
+  if (!daemon.canBeTaken()) {
+    daemon.uid = geteuid();  // whose rights these are
+  }
+  std::vector<std::string> paths = {task.path};
+  if (isGuarded(task)) {
+    paths.push_back(guardedPlugin(task));
+  }
+  for (const std::string& path : paths) {
+    if (const auto warning = whyNotRun(path, daemon)) {
+      fmt::print(stderr, "koductl: warning: {}\n", oneLine(*warning));
+    }
   }
 }
 
@@ -108,7 +140,9 @@ int runAdd(const Options& options) {
   giveDefinition(call, options);
   Session session(options);
   const Rows added = call.run(session);
-  report(session, options, static_cast<int>(added.number(0, "result")), "added");
+  const auto id = static_cast<int>(added.number(0, "result"));
+  report(session, options, id, "added");
+  warnOfPlugin(session, id);
   return kDone;
 }
 
@@ -122,6 +156,9 @@ int runSet(const Options& options) {
   giveDefinition(call, options);
   call.run(session);
   report(session, options, options.id, "changed");
+  if (options.plugin) {
+    warnOfPlugin(session, options.id);
+  }
   return kDone;
 }
 

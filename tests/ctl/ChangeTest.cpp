@@ -1,4 +1,8 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "tests/ctl/CtlTest.h"
@@ -6,6 +10,7 @@
 namespace {
 
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing::StartsWith;
 
 /// koductl add, set, pause, resume, run and delete.
@@ -32,7 +37,7 @@ TEST_F(ChangeTest, AddsATaskThatTheRunningDaemonRuns) {
   const CtlResult added = runAsAdmin({"add", plugin(1), "--every", "1h", "--name", "mine",
                                       "--retries", "0", "--", "-m", "two words"});
   EXPECT_EQ(added.exitCode, 0) << added.err;
-  EXPECT_THAT(added.out, testing::MatchesRegex("task 1 \\(mine\\) added; next due at .*\n"));
+  EXPECT_THAT(added.out, MatchesRegex("task 1 \\(mine\\) added; next due at .*\n"));
   EXPECT_EQ(database.task(1, "cron_parameter"), "-m \"two words\"");
   EXPECT_EQ(database.task(1, "cron_retries"), "0");
   ASSERT_TRUE(waitForStatus(1, "OK"));
@@ -61,6 +66,44 @@ TEST_F(ChangeTest, AddsATaskWithATimeLimitAndKeepsItsGuard) {
   const CtlResult refused = runAsAdmin({"set", "1", "--plugin", path});
   EXPECT_EQ(refused.exitCode, 65);
   EXPECT_THAT(refused.err, HasSubstr("runs its plugin within koduguard"));
+}
+
+TEST_F(ChangeTest, WarnsOfAPluginThatCannotBeRunHere) {
+  const CtlResult added = runAsAdmin({"add", "/nowhere/plugin", "--every", "5m"});
+  EXPECT_EQ(added.exitCode, 0);
+  EXPECT_THAT(added.out, StartsWith("task 1 (plugin) added; "));
+  EXPECT_THAT(added.err, MatchesRegex("koductl: warning: user [^ ]+ cannot run /nowhere/plugin "
+                                      "here: No such file or directory\n"));
+  EXPECT_EQ(runAsAdmin({"set", "1", "--every", "6m"}).err, "");
+  EXPECT_EQ(runAsAdmin({"set", "1", "--plugin", plugin(1)}).err, "");
+  const std::string locked = plugin(2);
+  chmod(locked.c_str(), 0644);
+  const CtlResult set = runAsAdmin({"set", "1", "--plugin", locked});
+  EXPECT_EQ(set.exitCode, 0);
+  EXPECT_THAT(set.err, HasSubstr(" cannot run " + locked + " here: Permission denied\n"));
+}
+
+TEST_F(ChangeTest, WarnsOfAGuardAndAGuardedPluginThatCannotBeRunHere) {
+  database.query(
+      "INSERT INTO kodu_plugins (plugin_name, plugin_path) VALUES ('g', '/nowhere/koduguard')");
+  const CtlResult added =
+      runAsAdmin({"add", "/nowhere/plugin", "--every", "5m", "--timeout", "10s"});
+  EXPECT_EQ(added.exitCode, 0);
+  EXPECT_THAT(added.err, HasSubstr(" cannot run /nowhere/koduguard here: No such file"));
+  EXPECT_THAT(added.err, HasSubstr(" cannot run /nowhere/plugin here: No such file"));
+}
+
+TEST_F(ChangeTest, AddsATaskAsARootThatCannotTakeTheDaemonsRights) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root is refused this way";
+  }
+  std::filesystem::create_directories(daemon.outputDirectory());
+  ASSERT_EQ(chown(daemon.outputDirectory().c_str(), 65534, 65534), 0);
+  const std::string command = "PGPASSWORD=secret setpriv --bounding-set -setgid,-setuid " +
+                              program() + " -f " + daemon.mainConfig() + " --user " + admin() +
+                              " add " + plugin(1) + " --every 5m >" + outPath() + " 2>" + errPath();
+  EXPECT_EQ(exitStatusOf(std::system(command.c_str())), 0);
+  EXPECT_THAT(readFile(errPath()), HasSubstr("warning: cannot look with the rights of user "));
 }
 
 TEST_F(ChangeTest, RefusesArgumentsThatTheDaemonCannotBeGiven) {
