@@ -629,7 +629,8 @@ $$;
 
 -- A time for each task up to the longest interval. The tasks of one interval stand evenly in it, and
 -- those of another begin within the shortest of the distances. The places hang on ids and intervals
--- alone, so that a second call moves nothing.
+-- alone, so that a second call moves nothing. A task that is due later than in one interval is one
+-- whose owner has it begin then: its place stays free for it.
 CREATE OR REPLACE FUNCTION kodu_stagger_plan(longest interval, OUT id integer, OUT first bigint,
                                              OUT every bigint, OUT place bigint)
 RETURNS SETOF record
@@ -648,15 +649,17 @@ LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
         FROM ranked
     )
     SELECT id, first, every,
-           CASE WHEN every > EXTRACT(EPOCH FROM longest) OR first % every = phase THEN first
+           CASE WHEN every > EXTRACT(EPOCH FROM longest) OR first > soon + every
+                     OR first % every = phase THEN first
                 ELSE soon + ((phase - soon % every) + every) % every
            END
     FROM placed, (SELECT EXTRACT(EPOCH FROM kodu_soon())::bigint AS soon) AS moment
 $$;
 
 -- Proposes times that spread the tasks of equal interval evenly, and with dry_run => FALSE sets them.
--- Tasks of more than `longest` stay where they are: a nightly job is not to run at noon. The busiest
--- second is that of the next 24 hours; when the plan would make it busier, nothing is moved.
+-- Tasks of more than `longest` stay where they are: a nightly job is not to run at noon; so do those
+-- that are to begin later than in one interval. The busiest second is that of the next 24 hours; when
+-- the plan would make it busier, nothing is moved.
 CREATE OR REPLACE FUNCTION kodu_stagger(dry_run boolean DEFAULT TRUE,
                                         longest interval DEFAULT '1 hour')
 RETURNS TABLE (id integer, name text, "interval" interval, next_run timestamp, proposed timestamp,

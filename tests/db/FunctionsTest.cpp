@@ -662,6 +662,20 @@ TEST_F(StaggerTest, LeavesLongIntervalsWhereTheyAre) {
             (Rows{{"2", "2"}}));
 }
 
+TEST_F(StaggerTest, LeavesATaskThatIsToBeginLaterThanInOneInterval) {
+  set(3, "cron_next_exec = date_trunc('second', now()) + interval '1 day 1 second'");
+  const long chosen = database.nextExec(3);
+  set(4, "cron_next_exec = date_trunc('second', now()) + cron_interval");
+
+  call("kodu_stagger(FALSE)");
+
+  EXPECT_EQ(database.nextExec(3), chosen);
+  EXPECT_EQ(database.value("SELECT count(DISTINCT cron_next_exec) FROM kodu_cron_plugin "
+                           "WHERE cron_id <> 3 AND EXTRACT(EPOCH FROM cron_next_exec) % 30 = 0"),
+            "9");
+  EXPECT_EQ(database.value("SELECT proposed = next_run FROM kodu_stagger() WHERE id = 3"), "t");
+}
+
 TEST_F(StaggerTest, PassesOverPausedAndDeletedTasks) {
   call("kodu_task_pause(3)");
   call("kodu_task_delete(4)");
@@ -690,7 +704,7 @@ TEST_F(StaggerTest, DoesNotMakeTheBusiestSecondBusier) {
   set(3, "cron_interval = '4 s', cron_next_exec = '2030-01-01 00:00:01'");
   database.query(
       "UPDATE kodu_cron_plugin SET cron_next_exec = cron_next_exec - cron_interval * "
-      "floor(EXTRACT(EPOCH FROM cron_next_exec - now() - interval '1 min') / "
+      "floor(EXTRACT(EPOCH FROM cron_next_exec - now() - interval '1 s') / "
       "EXTRACT(EPOCH FROM cron_interval))");
 
   EXPECT_EQ(database.query("SELECT DISTINCT busiest_before, busiest_after, proposed = next_run "
