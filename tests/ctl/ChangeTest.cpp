@@ -25,7 +25,7 @@ class ChangeTest : public CtlTest {
   /// rest.
   int deleteAnswering(const std::string& answer) const {
     const std::string command =
-        program() + " -f " + daemon.mainConfig() + " --user " + admin() + " delete 1";
+        "\"" + program() + "\" -f " + daemon.mainConfig() + " --user " + admin() + " delete 1";
     const std::string line = "echo " + answer + " | PGPASSWORD=secret script -qec '" + command +
                              "' /dev/null >" + outPath();
     return exitStatusOf(std::system(line.c_str()));
@@ -99,8 +99,8 @@ TEST_F(ChangeTest, AddsATaskAsARootThatCannotTakeTheDaemonsRights) {
   }
   std::filesystem::create_directories(daemon.outputDirectory());
   ASSERT_EQ(chown(daemon.outputDirectory().c_str(), 65534, 65534), 0);
-  const std::string command = "PGPASSWORD=secret setpriv --bounding-set -setgid,-setuid " +
-                              program() + " -f " + daemon.mainConfig() + " --user " + admin() +
+  const std::string command = "PGPASSWORD=secret setpriv --bounding-set -setgid,-setuid '" +
+                              program() + "' -f " + daemon.mainConfig() + " --user " + admin() +
                               " add " + plugin(1) + " --every 5m >" + outPath() + " 2>" + errPath();
   EXPECT_EQ(exitStatusOf(std::system(command.c_str())), 0);
   EXPECT_THAT(readFile(errPath()), HasSubstr("warning: cannot look with the rights of user "));

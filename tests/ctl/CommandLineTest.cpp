@@ -67,8 +67,8 @@ TEST_F(CommandLineTest, EndsWith78WhereTheMainFileNamesNoDatabaseFile) {
 TEST_F(CommandLineTest, EndsWith74WhereNobodyTakesItsOutput) {
   database.insertTask(quietTask(1));
   for (const std::string command : {"status", "status --json", "history 1"}) {
-    const std::string line =
-        program() + " -f " + daemon.mainConfig() + " " + command + " >/dev/full 2>" + errPath();
+    const std::string line = "'" + program() + "' -f " + daemon.mainConfig() + " " + command +
+                             " >/dev/full 2>" + errPath();
     EXPECT_EQ(exitStatusOf(std::system(line.c_str())), 74) << command;
     EXPECT_EQ(readFile(errPath()),
               "koductl: cannot write to standard output: No space left on device\n");

@@ -15,8 +15,8 @@ class CompletionTest : public CtlTest {
  protected:
   /// What bash proposes for the last of these words.
   std::string complete(const std::string& words) const {
-    const std::string command = "bash -c 'source " + projectFile("ctl/completion/koductl.bash") +
-                                "; COMP_WORDS=(" + words +
+    const std::string command = "bash -c 'source \"" + projectFile("ctl/completion/koductl.bash") +
+                                "\"; COMP_WORDS=(" + words +
                                 "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _koductl; "
                                 "echo \"${COMPREPLY[@]}\"'";
     FILE* pipe = popen(command.c_str(), "r");

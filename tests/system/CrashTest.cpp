@@ -271,13 +271,16 @@ class ServerCrashTest : public testing::Test {
  protected:
   void SetUp() override {
     setenv("KODU_TEST_CLUSTER", cluster.c_str(), 1);
-    ASSERT_EQ(run("tests/testCluster start"), 0);
+    ASSERT_EQ(run("tests/testCluster", "start"), 0);
   }
-  void TearDown() override { EXPECT_EQ(run("tests/testCluster stop"), 0); }
+  void TearDown() override { EXPECT_EQ(run("tests/testCluster", "stop"), 0); }
 
-  /// Runs a script of the project for the cluster.
-  int run(const std::string& script, const std::string& options = "") const {
-    return std::system((projectFile(script) + " " + cluster + " " + options).c_str());
+  /// Runs a command of one of the project's scripts for the cluster.
+  int run(const std::string& script, const std::string& command,
+          const std::string& option = "") const {
+    const std::string line =
+        "'" + projectFile(script) + "' " + command + " " + cluster + " " + option;
+    return std::system(line.c_str());
   }
 
   TempDir directory;
@@ -304,7 +307,7 @@ TEST_F(ServerCrashTest, ResumesTheTaskWhenTheServerIsBack) {
   ASSERT_TRUE(waitUntil([&] { return database.task(1, "cron_status") == "OK"; }, kPatience));
   database.query("CHECKPOINT");  // commits do not wait for the disk
 
-  ASSERT_EQ(run("scripts/cluster stop", "--immediate"), 0);
+  ASSERT_EQ(run("scripts/cluster", "stop", "--immediate"), 0);
 
   EXPECT_EQ(signalOf(daemon.waitForEnd()), SIGABRT);
   EXPECT_THAT(daemon.console(), HasSubstr("instance of 'PostgresqlException'"));
@@ -312,7 +315,7 @@ TEST_F(ServerCrashTest, ResumesTheTaskWhenTheServerIsBack) {
   EXPECT_EQ(exitStatusOf(daemon.waitForEnd()), 1);
   EXPECT_THAT(daemon.console(), HasSubstr("Connection refused"));
 
-  ASSERT_EQ(run("scripts/cluster restart"), 0);
+  ASSERT_EQ(run("scripts/cluster", "restart"), 0);
   const std::string kEpoch = "SELECT EXTRACT(EPOCH FROM ";
   const long slot = valueOf(database, kEpoch + "cron_next_exec)::bigint FROM kodu_cron_plugin");
   ASSERT_GT(slot, 0);
