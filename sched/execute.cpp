@@ -139,7 +139,8 @@ std::string serviceSafe::taskTrailer(const std::string& detail) const {
 
 int serviceSafe::startPlugin(Pipe& pipe) const {
   // The path up to its first NUL, as the list has its arguments.
-  std::string arguments = path.c_str() + ('\0' + parameterVector.characters());
+  std::string arguments(path, 0, path.find('\0'));
+  arguments += '\0' + parameterVector.characters();
   const std::vector<char*> pointers = pointersInto(arguments);
   pid_t pid = -1;
   int error = 0;
