@@ -431,8 +431,9 @@ TEST_F(GuardTest, EndsAGrandchildThatHoldsTheOutputAndIgnoresTerm) {
 }
 
 TEST_F(GuardTest, EndsAGrandchildThatHasLeftTheGroup) {
-  runScript({"-t", "30"},
-            "setsid sh -c 'echo $$ >" + notePath() + "; exec sleep 60' & echo words; exit 1");
+  runScript({"-t", "30"}, "setsid sh -c 'echo $$ >" + notePath() +
+                              "; exec sleep 60' & until [ -s " + notePath() +
+                              " ]; do sleep 0.01; done; echo words; exit 1");
   EXPECT_EQ(output, std::string("words\n") + kLeft);
   EXPECT_EQ(code(), 1);
   EXPECT_LT(duration, milliseconds(10'000));
