@@ -48,6 +48,16 @@ std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::str
   }
 }
 
+/// The sessions of the daemon's role in the database that `condition` holds for.
+long countSessions(Session& session, const std::string& condition) {
+  const Rows rows = session.query(
+      "SELECT count(*) AS sessions FROM pg_stat_activity"
+      " WHERE usename = $1 AND datname = current_database() AND " +
+          condition,
+      {trim(session.config.user)});
+  return rows.number(0, "sessions");
+}
+
 }  // namespace
 
 int Rows::indexOf(const char* column) const {
@@ -100,23 +110,13 @@ Rows Session::query(const std::string& sql, const std::vector<std::string>& para
 
 bool isDaemonConnected(Session& session) {
   // Tools name themselves kodu_ and something; the daemon does not name itself.
-  const Rows rows = session.query(
-      "SELECT count(*) AS sessions FROM pg_stat_activity"
-      " WHERE usename = $1 AND datname = current_database()"
-      " AND coalesce(application_name, '') NOT LIKE 'kodu\\_%'",
-      {trim(session.config.user)});
-  return rows.number(0, "sessions") > 0;
+  return countSessions(session, "coalesce(application_name, '') NOT LIKE 'kodu\\_%'") > 0;
 }
 
 long countDaemons(Session& session) {
   // By the empty name, not by those that are no kodu_ one: an operator's psql may take the role
   // too.
-  const Rows rows = session.query(
-      "SELECT count(*) AS sessions FROM pg_stat_activity"
-      " WHERE usename = $1 AND datname = current_database()"
-      " AND application_name = '' AND backend_type = 'client backend'",
-      {trim(session.config.user)});
-  return rows.number(0, "sessions");
+  return countSessions(session, "application_name = '' AND backend_type = 'client backend'");
 }
 
 std::string serverMessage(const std::string& text) {
