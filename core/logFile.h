@@ -29,8 +29,9 @@ class logFile {
   /// Opens the file again if it was closed; throws FileException when that fails.
   void write(char lineLevel, std::string_view message);
 
-  /// The same with what `message` returns, which is called for lines that are written only: putting
-  /// together what nobody reads would cost every run.
+  /// The same with what `message` returns, which is called for lines that are written only, by the
+  /// calling thread and before the lock: it may take others. Putting together what nobody reads
+  /// would cost every run. What it throws passes, and nothing is written then.
   template <std::invocable Message>
   void write(char lineLevel, const Message& message) {
     if (writes(lineLevel)) {
