@@ -102,11 +102,14 @@ def notification(world, count, load_seconds, samples):
 
 
 def catch_up(world, count):
-    """Seconds of loading `count` overdue tasks, and of as many bare statements."""
+    """Loading `count` overdue tasks against as many bare statements: the ratio of the times, and of
+    the CPU times, each of a process and its session."""
     world.plan(count, int(time.time()) - 600)
     world.vacuum()
     with Daemon(world) as daemon:
         seconds = daemon.wait_until_loaded()
+        cpu = daemon.cpu_seconds()[0] + server_cpu_seconds(world)
     world.plan(count, int(time.time()) - 600)
     world.vacuum()
-    return seconds, world.run_program('readTasks', count)[0]
+    bare, *bare_cpu = world.run_program('readTasks', count)
+    return seconds / bare, cpu / sum(bare_cpu)

@@ -1,4 +1,5 @@
-// The least that loading can cost. Prints seconds.
+// The least that loading can cost. Prints seconds, and the CPU seconds of this process and of its
+// session in the server, which must run on this machine.
 //
 //   readTasks CONNINFO            the loader's query, every cell of its result read
 //   readTasks CONNINFO OVERDUE    updateCronExecTask by one interval for the tasks 1 to OVERDUE
@@ -7,8 +8,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <stdexcept>
 #include <string>
+
+#include <libpq-fe.h>
 
 #include "db/pgSafeThread.h"
 #include "db/result.h"
@@ -33,6 +37,15 @@ void moveTasks(pgSafeThread& connection, int count) {
   }
 }
 
+double cpuSeconds(pid_t process) {
+  clockid_t clock = 0;
+  timespec time{};
+  if (clock_getcpuclockid(process, &clock) != 0 || clock_gettime(clock, &time) != 0) {
+    throw std::runtime_error("no CPU clock of process " + std::to_string(process));
+  }
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
 }  // namespace
 
 // A failure ends it, with the text of its exception.
@@ -53,6 +66,7 @@ int main(int argc, char* argv[]) {
     moveTasks(connection, std::atoi(argv[2]));
   }
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begin;
-  std::printf("%.6f\n", elapsed.count());
+  std::printf("%.6f %.6f %.6f\n", elapsed.count(), cpuSeconds(0),
+              cpuSeconds(PQbackendPID(connection.connection)));
   return EXIT_SUCCESS;
 }

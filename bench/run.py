@@ -16,11 +16,13 @@ import figures
 from world import World
 
 MANY = 100000
-OVERDUE = 20000  # of --quick: with so many a round is short, and the server's buffers hold the table
+# Of --quick. Where the scheduler places a process and its session decides whether a statement takes 50
+# or 150 us, for as long as they live: only CPU time tells in a minute, and only in several lives.
+OVERDUE, CATCH_UPS = 10000, 7
 # Of --quick: 0.8 of what the full run is to show, since one minute on a shared machine tells no more.
 LEAST = {(figures.BURST, 'rate ratio'): 0.8 * 0.95, (MANY, 'rate against few'): 0.8 * 0.90}
 MOST = {(figures.BURST, 'cpu ratio'): 1.15 / 0.8, (MANY, 'load ratio'): 2.0 / 0.8,
-        (MANY, 'peak ratio'): 1.6 / 0.8, (OVERDUE, 'catch-up ratio'): 1.1 / 0.8}
+        (MANY, 'peak ratio'): 1.6 / 0.8, (OVERDUE, 'catch-up CPU ratio'): 1.1 / 0.8}
 
 
 class Table:
@@ -62,8 +64,9 @@ def measure_burst(world, table, loaded, load_seconds, rounds):
 
 
 def measure_catch_up(world, table, loaded, rounds):
-    taken = [figures.catch_up(world, loaded) for _ in range(rounds)]
-    table.add(loaded, 'catch-up ratio', median(daemon / bare for daemon, bare in taken))
+    times, cpu_times = zip(*(figures.catch_up(world, loaded) for _ in range(rounds)))
+    table.add(loaded, 'catch-up ratio', median(times))
+    table.add(loaded, 'catch-up CPU ratio', median(cpu_times))
 
 
 def measure_all(world, table, sizes, rounds, lateness_shares):
@@ -105,7 +108,7 @@ def quick_check(world, rounds):
         rates.append(measure_burst(world, table, loaded, seconds, rounds))
     table.add(MANY, 'rate against few', rates[1] / rates[0])
     world.create_tasks(OVERDUE)
-    measure_catch_up(world, table, OVERDUE, rounds)
+    measure_catch_up(world, table, OVERDUE, CATCH_UPS)
     worse = [(place, limit) for place, limit in LEAST.items() if table.value(*place) < limit]
     worse += [(place, limit) for place, limit in MOST.items() if table.value(*place) > limit]
     for (loaded, name), limit in worse:
