@@ -106,11 +106,12 @@ TEST_F(ExplainTest, SaysThatALateTaskWaitsForAFreeWorker) {
   daemon.threadNumber = "1";
   daemon.writeConfig();
   database.insertTask(makeTask(1, waitForRelease() + "echo fine"));
+  database.insertTask(quietTask(2));
   ASSERT_TRUE(daemon.startAndWait());
   ASSERT_TRUE(waitForRuns(1, 1));
-  TaskRow row = quietTask(2);
-  row.nextExec = "now() - interval '1 minute'";
-  database.insertTask(row);
+  // A row that is added would be loaded soon, and its time moved on.
+  database.query(
+      "UPDATE kodu_cron_plugin SET cron_next_exec = now() - interval '1 minute' WHERE cron_id = 2");
   EXPECT_THAT(explain(2),
               HasSubstr("There are 1 worker, and 1 task in PROCESS: it waits for a free"));
   release();
