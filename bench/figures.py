@@ -37,7 +37,7 @@ def burst_once(world, count, load_seconds):
     time.sleep(1)  # its session ends and reports
     updates = [now - then for now, then in zip(world.updates(), updates_before)]
     finished = world.finish_times(count)
-    elapsed, own, children, _ = world.run_floor(count)
+    elapsed, own, children = world.run_floor(count)
     return {'rate': count / (max(finished) - min(finished)),
             'own': (after[0] - before[0]) / count, 'children': (after[1] - before[1]) / count,
             'server': server / count, 'hot share': updates[1] / updates[0],
