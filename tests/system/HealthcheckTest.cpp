@@ -1,4 +1,4 @@
-// scripts/healthcheck against a running daemon that is broken in the ways it must see.
+// ops/healthcheck against a running daemon that is broken in the ways it must see.
 
 #include <sys/wait.h>
 
@@ -29,7 +29,7 @@ struct Health {
 class HealthcheckTest : public testing::Test {
  protected:
   Health check(const std::string& options = "") const {
-    const std::string command = "'" + projectFile("scripts/healthcheck") + "' -f " +
+    const std::string command = "'" + projectFile("ops/healthcheck") + "' -f " +
                                 daemon.mainConfig() + " " + options + " 2>&1";
     Health health;
     FILE* output = popen(command.c_str(), "r");

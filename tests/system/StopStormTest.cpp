@@ -1,5 +1,5 @@
 // SIGTERM at random moments, on a daemon whose purge period is two seconds. KODU_STORM_ROUNDS says
-// how many stops each test makes; scripts/storm makes 75 of each of the four.
+// how many stops each test makes; lab/storm/run makes 75 of each of the four.
 
 #include <sys/wait.h>
 
