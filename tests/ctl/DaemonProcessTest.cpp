@@ -156,9 +156,12 @@ TEST_F(DaemonProcessTest, RefusesADaemonOfTwoUsers) {
 
 TEST_F(DaemonProcessTest, RunsNothingAsRootByAGuess) {
   ASSERT_EQ(chown(daemon.outputDirectory().c_str(), 0, 0), 0);
-  const CtlResult result = run({"rerun", "1"});
-  EXPECT_EQ(result.exitCode, 77);
-  EXPECT_THAT(result.err, HasSubstr("its files do not tell its user: start it, or run koductl"));
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"rerun", "1"}, {"prune", "--older-than", "1 day"}}) {
+    const CtlResult result = runAsAdmin(command);
+    EXPECT_EQ(result.exitCode, 77);
+    EXPECT_THAT(result.err, HasSubstr("its files do not tell its user: start it, or run koductl"));
+  }
   // A log that root alone writes does.
   writeFile(daemon.logPath(), "");
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
