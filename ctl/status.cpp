@@ -92,7 +92,7 @@ Table tableOf(const std::vector<Task>& tasks, const Options& options) {
   Table table(std::move(columns));
   std::optional<AsDaemon> rights;  // with root's own, who writes rows could have any file shown
   if (options.withOutput) {
-    rights.emplace(findDaemon(readConfig(options.configFile)));
+    rights.emplace(findDaemon(readConfig(options.configFile, options.user)));
   }
   for (const Task& task : tasks) {
     Cells line;
