@@ -56,7 +56,7 @@ std::optional<std::string> whyNotRun(const std::string& path, const DaemonIdenti
 
 /// Warns of each file that the task starts and that cannot be run on this machine, which need not
 /// be the daemon's: so the task is changed nevertheless.
-void warnOfPlugin(Session& session, int id) {
+void warnOfPlugin(Session& session, int id) try {
   const Task task = readTask(session, id);
   DaemonIdentity daemon = findDaemon(session.config);
   if (!daemon.canBeTaken()) {
@@ -71,6 +71,8 @@ void warnOfPlugin(Session& session, int id) {
       fmt::print(stderr, "koductl: warning: {}\n", oneLine(*warning));
     }
   }
+} catch (const Failure& e) {  // of finding the daemon
+  fmt::print(stderr, "koductl: warning: {}\n", oneLine(e.what()));
 }
 
 std::optional<std::string> parametersOf(const Options& options) {

@@ -64,7 +64,7 @@ void printAsJson(const Findings& findings, const std::vector<Task>& next) {
 /// Looks at everything that can be reached; a file or a database that cannot is a finding itself.
 std::vector<Task> lookAtAll(const Options& options, Findings& findings) {
   try {
-    const DaemonConfig config = readConfig(options.configFile);
+    const DaemonConfig config = readConfig(options.configFile, options.user);
     const DaemonIdentity daemon = findDaemon(config);
     if (!daemon.canBeTaken()) {
       findings.addWarning(
@@ -76,6 +76,9 @@ std::vector<Task> lookAtAll(const Options& options, Findings& findings) {
     Session session(options);
     session.makeReadOnly();
     checkDatabase(session, daemon, findings);
+    if (options.isQuick) {
+      return {};
+    }
     std::vector<Task> tasks = readTasks(session);
     checkTasks(tasks, daemon, findings);
     return tasks;

@@ -96,7 +96,11 @@ void checkPaths(const DaemonConfig& config, const DaemonIdentity& daemon, Findin
 
 void checkConfig(const DaemonConfig& config, const DaemonIdentity& daemon, Findings& findings) {
   checkKeys(config.mainFile, kMainKeys, findings);
-  checkKeys(config.databaseFile, kDatabaseKeys, findings);
+  if (config.isDatabaseFileRead) {
+    checkKeys(config.databaseFile, kDatabaseKeys, findings);
+  } else {
+    findings.addWarning("not looked at, since you may not read it: " + config.databaseFile);
+  }
   checkThreadNumber(config, findings);
   checkPasswordFile(config.databaseFile, findings);
   checkPaths(config, daemon, findings);

@@ -33,7 +33,8 @@ WHERE NOT has_sequence_privilege($1, counter, 'USAGE'))";
 
 // The zone that a session of this role has before koductl sets its own.
 constexpr const char* kZone = R"(
-SELECT reset_val AS zone, now() AT TIME ZONE reset_val = now() AT TIME ZONE 'UTC' AS is_utc
+SELECT reset_val AS zone, current_database() AS database,
+       now() AT TIME ZONE reset_val = now() AT TIME ZONE 'UTC' AS is_utc
 FROM pg_settings WHERE name = 'TimeZone')";
 
 void checkRights(Session& session, const std::string& role, Findings& findings) {
@@ -50,7 +51,7 @@ void checkZone(Session& session, Findings& findings) {
     findings.addError(
         fmt::format("sessions have the time zone {}, but the daemon's times are UTC: "
                     "ALTER DATABASE {} SET timezone = 'UTC'",
-                    zone.text(0, "zone"), session.config.database));
+                    zone.text(0, "zone"), zone.text(0, "database")));
   }
 }
 

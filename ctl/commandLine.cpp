@@ -88,7 +88,9 @@ class Parser {
     output->add_flag("--follow", options.follow, "Print each run's output, until Ctrl-C");
 
     addTaskCommand("rerun", "Run a task's plugin as the daemon does, and change nothing", runRerun);
-    addCommand("check", "Look for what keeps daemon and tasks from working", runCheck);
+    CLI::App* check =
+        addCommand("check", "Look for what keeps daemon and tasks from working", runCheck);
+    check->add_flag("--quick", options.isQuick, "Look at no single task");
   }
 
   void addChangingCommands() {

@@ -1,8 +1,11 @@
 #include "ctl/config.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
@@ -35,9 +38,38 @@ std::string quoted(const std::string& value) {
   return text + "'";
 }
 
+void readDatabaseFile(DaemonConfig& config) {
+  const iniConfig database(config.databaseFile);
+  config.host = database.getKey("POSTGRESQL", "PGSQL_host");
+  config.port = database.getKey("POSTGRESQL", "PGSQL_port");
+  config.database = database.getKey("POSTGRESQL", "PGSQL_db");
+  config.user = database.getKey("POSTGRESQL", "PGSQL_username");
+  config.password = database.getKey("POSTGRESQL", "PGSQL_pwd");
+}
+
+bool mayRead(const std::string& path) {
+  return faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) == 0 || errno != EACCES;
+}
+
+bool isInEnvironment(const char* name) {
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): there is one thread
+  return value != nullptr && *value != '\0';
+}
+
+/// For a role of the caller's own, whose password is not in the file.
+void requireDatabaseInEnvironment(const DaemonConfig& config) {
+  if (!isInEnvironment("PGDATABASE") && !isInEnvironment("PGSERVICE")) {
+    throw Failure(
+        kNotPermitted,
+        fmt::format("cannot read {}: {}; with --user, name the database by PGHOST, PGPORT "
+                    "and PGDATABASE, or by PGSERVICE",
+                    config.databaseFile, std::strerror(EACCES)));
+  }
+}
+
 }  // namespace
 
-DaemonConfig readConfig(const std::string& mainFile) {
+DaemonConfig readConfig(const std::string& mainFile, const std::string& user) {
   requireReadable(mainFile, "name the daemon's main INI file with -f");
   const iniConfig mainConfig(mainFile);
   DaemonConfig config;
@@ -59,25 +91,29 @@ DaemonConfig readConfig(const std::string& mainFile) {
                                             "into its section [CRON]",
                                             mainFile));
   }
+  config.isDatabaseFileRead = user.empty() || mayRead(config.databaseFile);
+  if (!config.isDatabaseFileRead) {
+    requireDatabaseInEnvironment(config);
+    config.user = "kodu";
+    return config;
+  }
   requireReadable(config.databaseFile,
                   fmt::format("kodu_conf_file in {} names it; run koductl as the daemon's user or "
-                              "as root where only they may read it",
+                              "as root where only they may read it, or with --user ROLE",
                               mainFile));
-  const iniConfig database(config.databaseFile);
-  config.host = database.getKey("POSTGRESQL", "PGSQL_host");
-  config.port = database.getKey("POSTGRESQL", "PGSQL_port");
-  config.database = database.getKey("POSTGRESQL", "PGSQL_db");
-  config.user = database.getKey("POSTGRESQL", "PGSQL_username");
-  config.password = database.getKey("POSTGRESQL", "PGSQL_pwd");
+  readDatabaseFile(config);
   return config;
 }
 
 std::string connectionString(const DaemonConfig& config, const std::string& user) {
+  const std::string own = "application_name=kodu_ctl connect_timeout=10";
+  if (!config.isDatabaseFileRead) {
+    return own + " user=" + quoted(user);
+  }
   // Unquoted, as the daemon inserts them: a value may bring further settings of libpq with it. Ours
   // stand first, so that those win; the healthcheck does not take a kodu_ session for the daemon.
   const std::string place =
-      fmt::format("application_name=kodu_ctl connect_timeout=10 host={} port={} dbname={}",
-                  config.host, config.port, config.database);
+      fmt::format("{} host={} port={} dbname={}", own, config.host, config.port, config.database);
   if (!user.empty()) {
     return place + " user=" + quoted(user);
   }

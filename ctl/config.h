@@ -10,12 +10,17 @@ struct DaemonConfig {
   std::string outputDirectory;  // never empty: without a value the daemon's default
   std::string threadNumber;
   std::string databaseFile;
+  /// False when this user may not read it: then the environment names the database, `user` is the
+  /// role that sql/schema.sql makes, and the other four are empty.
+  bool isDatabaseFileRead = true;
   std::string host, port, database, user, password;
 };
 
 /// Reads both files as the daemon does, and sets log_directory, by which sched/outputPath.h finds a
-/// task's files. Throws Failure (kWrongConfig, kNotPermitted) when one cannot be read.
-DaemonConfig readConfig(const std::string& mainFile);
+/// task's files. Throws Failure (kWrongConfig, kNotPermitted) when one cannot be read; the database
+/// file, which holds the daemon's password, need not be readable for a `user` who connects with
+/// another one, when PGDATABASE or PGSERVICE names the database.
+DaemonConfig readConfig(const std::string& mainFile, const std::string& user);
 
 /// The libpq connection string for the daemon's role; for `user` when that is not empty, and then
 /// without a password, which libpq takes from PGPASSWORD or ~/.pgpass.

@@ -6,29 +6,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <charconv>
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <tuple>
 
 #include "core/globals.h"
 #include "ctl/config.h"
 #include "ctl/failure.h"
+#include "ctl/process.h"
+#include "ctl/serviceManager.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-/// The arguments of a process; none when it is gone.
-std::vector<std::string> argumentsOf(const fs::path& process) {
-  std::ifstream file(process / "cmdline", std::ios::binary);
-  std::vector<std::string> arguments;
-  for (std::string argument; std::getline(file, argument, '\0');) {
-    arguments.push_back(argument);
-  }
-  return arguments;
-}
 
 /// The value of -f as the daemon reads it, or its default.
 std::string configArgument(std::vector<std::string> arguments) {
@@ -52,66 +42,110 @@ std::string configArgument(std::vector<std::string> arguments) {
   return path;
 }
 
-std::string directoryOf(const fs::path& process) {
-  std::error_code error;
-  const fs::path directory = fs::read_symlink(process / "cwd", error);
-  return error ? "/" : directory.string();
-}
-
-bool isDaemonWith(const fs::path& process, const std::string& mainFile) {
-  const std::vector<std::string> arguments = argumentsOf(process);
-  if (arguments.empty() ||
-      !fs::path(arguments.front()).filename().string().starts_with("koducron")) {
-    return false;
-  }
+bool hasConfig(pid_t process, const std::string& mainFile) {
   std::error_code error;
   // A path that is relative is so to the daemon's directory; joining drops it for an absolute one.
-  return fs::equivalent(fs::path(directoryOf(process)) / configArgument(arguments), mainFile,
-                        error);
+  return fs::equivalent(fs::path(directoryOf(process)) / configArgument(argumentsOf(process)),
+                        mainFile, error);
 }
 
-/// User, groups and mode mask out of /proc/PID/status.
-void readStatus(const fs::path& process, DaemonIdentity& identity) {
-  std::ifstream file(process / "status");
-  for (std::string line; std::getline(file, line);) {
-    std::istringstream fields(line);
-    std::string name;
-    fields >> name;
-    if (name == "Umask:") {
-      fields >> std::oct >> identity.umask;
-    } else if (name == "Uid:") {
-      fields >> identity.uid >> identity.uid;  // the second is the effective one
-    } else if (name == "Gid:") {
-      fields >> identity.gid >> identity.gid;
-    } else if (name == "Groups:") {
-      for (gid_t group = 0; fields >> group;) {
-        identity.groups.push_back(group);
-      }
-    }
-  }
-}
-
-std::optional<pid_t> numberOf(const fs::path& process) {
-  const std::string name = process.filename();
-  pid_t pid = 0;
-  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
-  return error == std::errc() && end == name.data() + name.size() ? std::optional(pid)
-                                                                  : std::nullopt;
-}
-
-std::optional<DaemonIdentity> findRunning(const std::string& mainFile) {
+/// Where the daemon's executable may lie: beside koductl in a folder of builds, and where the
+/// package, or an installation by hand, puts the one that belongs to this koductl.
+std::vector<fs::path> executables() {
   std::error_code error;
-  for (const auto& entry : fs::directory_iterator("/proc", error)) {
-    const auto pid = numberOf(entry.path());
-    if (pid && isDaemonWith(entry.path(), mainFile)) {
-      DaemonIdentity identity;
-      identity.pid = pid;
-      identity.directory = directoryOf(entry.path());
-      readStatus(entry.path(), identity);
-      return identity;
+  const fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();
+  return {folder / "koducron", folder.parent_path() / "sbin/koducron", "/usr/sbin/koducron"};
+}
+
+bool runsDaemon(pid_t process) {
+  const std::vector<fs::path> allowed = executables();
+  return std::ranges::any_of(allowed,
+                             [&](const fs::path& path) { return isRunning(process, path); });
+}
+
+/// True when writing the log proves something: not everybody may, and it is no device.
+bool isLogGuarded(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+         (status.st_mode & S_IWOTH) == 0;
+}
+
+bool isDaemonOf(pid_t process, const DaemonConfig& config) {
+  return runsDaemon(process) && hasConfig(process, config.mainFile) &&
+         isLogGuarded(fs::path(directoryOf(process)) / config.logFile) &&
+         holdsForWriting(process, config.logFile);
+}
+
+/// The processes that have the daemon's executable and configuration and write its log.
+std::vector<pid_t> writersOfLog(const DaemonConfig& config) {
+  std::vector<pid_t> found;
+  std::vector<pid_t> parents;
+  for (const pid_t process : processes()) {
+    const pid_t parent = statusOf(process).parent;  // asked before it may have ended
+    if (isDaemonOf(process, config)) {
+      found.push_back(process);
+      parents.push_back(parent);
     }
   }
-  return std::nullopt;
+  // The daemon's child is a copy of it until it has become a plugin.
+  std::vector<pid_t> daemons;
+  for (std::size_t i = 0; i < found.size(); ++i) {
+    if (std::ranges::count(found, parents[i]) == 0) {
+      daemons.push_back(found[i]);
+    }
+  }
+  return daemons;
+}
+
+/// The process of the service manager's unit, when that has this configuration.
+std::optional<pid_t> findService(const DaemonConfig& config) {
+  const std::optional<pid_t> process = daemonOfServiceManager();
+  if (!process || !hasConfig(*process, config.mainFile)) {
+    return std::nullopt;
+  }
+  // Who may not see its executable cannot take its rights either.
+  if (const std::string path = executableOf(*process); !path.empty() && !runsDaemon(*process)) {
+    throw Failure(
+        kNotPermitted,
+        fmt::format("the service koducron runs {} (pid {}), which is not the daemon of this "
+                    "koductl: use the koductl that was installed with it",
+                    path, *process));
+  }
+  return process;
+}
+
+std::optional<pid_t> findRunning(const DaemonConfig& config) {
+  if (const auto service = findService(config)) {
+    return service;
+  }
+  const std::vector<pid_t> found = writersOfLog(config);
+  if (found.size() > 1) {
+    throw Failure(
+        kNotPermitted,
+        fmt::format("{} processes write the log {}, and each could be the daemon (pids {}): "
+                    "stop all but one",
+                    found.size(), config.logFile, fmt::join(found, ", ")));
+  }
+  return found.empty() ? std::nullopt : std::optional(found.front());
+}
+
+DaemonIdentity identityOf(pid_t process) {
+  const ProcessStatus status = statusOf(process);
+  if (!status.isOneUser()) {
+    throw Failure(
+        kNotPermitted,
+        fmt::format("the daemon (pid {}) has more than one user or group at a time, so that "
+                    "its rights are not clear: start it again as one user",
+                    process));
+  }
+  DaemonIdentity identity;
+  identity.pid = process;
+  identity.uid = status.uids.front();
+  identity.gid = status.gids.front();
+  identity.groups = status.groups;
+  identity.umask = status.umask;
+  identity.directory = directoryOf(process);
+  return identity;
 }
 
 void addGroupsOfUser(DaemonIdentity& identity) {
@@ -120,10 +154,27 @@ void addGroupsOfUser(DaemonIdentity& identity) {
     return;
   }
   identity.gid = user->pw_gid;
-  int count = 256;
+  int count = 0;
+  getgrouplist(user->pw_name, user->pw_gid, nullptr, &count);  // tells how many
   identity.groups.resize(static_cast<std::size_t>(count));
-  getgrouplist(user->pw_name, user->pw_gid, identity.groups.data(), &count);
+  if (getgrouplist(user->pw_name, user->pw_gid, identity.groups.data(), &count) < 0) {
+    throw Failure(kNotPermitted, fmt::format("cannot tell the groups of user {}", user->pw_name));
+  }
   identity.groups.resize(static_cast<std::size_t>(count));
+}
+
+/// Where no daemon runs: the user whom its files belong to.
+DaemonIdentity identityOfOwner(const DaemonConfig& config) {
+  DaemonIdentity identity;
+  struct stat status {};
+  const bool hasLog = stat(config.logFile.c_str(), &status) == 0;
+  const bool hasOwner = hasLog || stat(config.outputDirectory.c_str(), &status) == 0;
+  identity.uid = hasOwner ? status.st_uid : geteuid();
+  identity.gid = hasOwner ? status.st_gid : getegid();
+  // A folder that root made, or a log that others may write, does not make the daemon root's.
+  identity.isKnown = identity.uid != 0 || (hasLog && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0);
+  addGroupsOfUser(identity);
+  return identity;
 }
 
 std::vector<gid_t> groupsOfThisProcess() {
@@ -144,18 +195,18 @@ bool DaemonIdentity::canBeTaken() const {
   return geteuid() == 0 || geteuid() == uid;
 }
 
-DaemonIdentity findDaemon(const DaemonConfig& config) {
-  if (auto running = findRunning(config.mainFile)) {
-    return *running;
+void DaemonIdentity::requireKnown() const {
+  if (!isKnown && geteuid() == 0) {
+    throw Failure(
+        kNotPermitted,
+        "no daemon with this configuration runs here, and its files do not tell its user: "
+        "start it, or run koductl as its user");
   }
-  DaemonIdentity identity;
-  identity.directory = "/";
-  struct stat status {};
-  const bool isThere = stat(config.outputDirectory.c_str(), &status) == 0;
-  identity.uid = isThere ? status.st_uid : geteuid();
-  identity.gid = isThere ? status.st_gid : getegid();
-  addGroupsOfUser(identity);
-  return identity;
+}
+
+DaemonIdentity findDaemon(const DaemonConfig& config) {
+  const std::optional<pid_t> process = findRunning(config);
+  return process ? identityOf(*process) : identityOfOwner(config);
 }
 
 AsDaemon::AsDaemon(const DaemonIdentity& identity) {
@@ -181,6 +232,7 @@ AsDaemon::~AsDaemon() {
 }
 
 void becomeDaemonUser(const DaemonIdentity& identity) {
+  identity.requireKnown();
   if (!identity.canBeTaken()) {
     throw Failure(kNotPermitted,
                   fmt::format("the daemon works as user {}: run koductl as that user, "

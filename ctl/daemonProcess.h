@@ -15,16 +15,24 @@ struct DaemonIdentity {
   gid_t gid = 0;
   std::vector<gid_t> groups;
   mode_t umask = 022;
-  std::string directory;  // its working directory; "/" when that cannot be read
+  std::string directory = "/";  // its working directory, or this when that cannot be read
+  bool isKnown = true;          // false when it does not run and nothing but the guess names root
 
   /// "kodu", or the number of a user without a name.
   std::string userName() const;
   /// True when this process can look with the daemon's rights: as root, or as the same user.
   bool canBeTaken() const;
+  /// Before anything is run or deleted: throws Failure (kNotPermitted) when root would do it with
+  /// its own rights because of a guess.
+  void requireKnown() const;
 };
 
-/// The identity of the running daemon whose -f names the same file; else that of the user who owns
-/// the output directory; else the caller's own.
+/// The identity of the running daemon with this configuration: the service manager's process for
+/// it, else the one process that writes its log, each with the daemon's executable. Where none
+/// runs, that of the user who owns the log, else the output directory; else the caller's own.
+///
+/// Throws Failure (kNotPermitted) when two processes could be the daemon, when the service runs
+/// another program, or when the daemon has more than one user.
 DaemonIdentity findDaemon(const DaemonConfig& config);
 
 /// While it lives, this process has the daemon's rights on files, when it can take them; otherwise

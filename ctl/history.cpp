@@ -8,6 +8,7 @@
 
 #include "ctl/archive.h"
 #include "ctl/commands.h"
+#include "ctl/daemonProcess.h"
 #include "ctl/options.h"
 #include "ctl/session.h"
 #include "ctl/table.h"
@@ -66,6 +67,8 @@ int runHistory(const Options& options) {
   Session session(options);
   session.makeReadOnly();
   const Task task = readTask(session, options.id);
+  // Who writes rows or outputs chooses what is read: with root's rights that would be any file.
+  const AsDaemon rights(findDaemon(session.config));
   const std::vector<FailedRun> runs = readFailedRuns(session, task, options.count);
   if (options.asJson) {
     printAsJson(runs);

@@ -13,6 +13,8 @@ struct Options {
 
   int id = 0;
 
+  bool isQuick = false;  // check
+
   // status
   bool onlyFailed = false;
   bool onlyLate = false;

@@ -13,6 +13,7 @@
 
 #include "ctl/archive.h"
 #include "ctl/commands.h"
+#include "ctl/daemonProcess.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session.h"
@@ -113,12 +114,16 @@ void printAsJson(const Task& task, const std::string& path) {
 int runOutput(const Options& options) {
   std::string path;
   std::optional<Task> task;
+  DaemonIdentity daemon;
   {
     Session session(options);
     session.makeReadOnly();
     task = readTask(session, options.id);
     path = pathOf(session, *task, options.archived);
+    daemon = findDaemon(session.config);
   }
+  // Who writes rows or outputs chooses what is read: with root's rights that would be any file.
+  const AsDaemon rights(daemon);
   if (options.follow) {
     follow(*task, path, options.asJson);
   }

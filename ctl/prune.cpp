@@ -1,8 +1,13 @@
 // koductl prune: old history, rows and archived outputs together.
 
 #include <fmt/core.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -46,45 +51,81 @@ std::vector<fs::path> pathsOfOldRows(Session& session, const std::string& olderT
 struct Removal {
   long files = 0;
   std::uintmax_t bytes = 0;
-  std::string firstFailure;
 };
 
-void removeFile(const fs::path& path, Removal& removal) {
-  std::error_code error;
-  const std::uintmax_t size = fs::file_size(path, error);
-  if (fs::remove(path, error)) {
-    ++removal.files;
-    removal.bytes += size;
-  } else if (error && removal.firstFailure.empty()) {
-    removal.firstFailure = fmt::format("{}: {}", path.string(), error.message());
+/// Before anything changes: each folder either is not there, or files can be removed from it.
+void requireAccess(const std::vector<fs::path>& paths) {
+  std::set<fs::path> folders = {log_directory};
+  for (const fs::path& path : paths) {
+    folders.insert(path.parent_path());
+  }
+  for (const fs::path& folder : folders) {
+    struct stat status {};
+    // The output folder itself is there wherever the daemon works.
+    const bool isMissing = stat(folder.c_str(), &status) != 0 && errno == ENOENT;
+    if (isMissing && folder != log_directory) {
+      continue;
+    }
+    if (const auto reason = whyNoFilesIn(folder)) {
+      throw Failure(kNotPermitted,
+                    fmt::format("nothing is deleted, since archived outputs cannot "
+                                "be: {}; run koductl on the daemon's machine, as its "
+                                "user or as root",
+                                *reason));
+    }
   }
 }
 
-/// Deletes the rows and returns their number; `paths` get the files that go with them.
-long deleteRows(Session& session, const std::string& olderThan, std::vector<fs::path>& paths) {
+/// A file that is gone already is none to be removed: a former prune was interrupted.
+void removeFile(const fs::path& path, Removal& removal) {
+  struct stat status {};
+  const bool isThere = lstat(path.c_str(), &status) == 0;
+  if (isThere && unlink(path.c_str()) == 0) {
+    ++removal.files;
+    removal.bytes += static_cast<std::uintmax_t>(status.st_size);
+  } else if (errno != ENOENT) {
+    throw Failure(kNotPermitted,
+                  fmt::format("cannot delete {}: {}; {} deleted, and no history row: prune again "
+                              "once it can be",
+                              path.string(), std::strerror(errno),
+                              counted(removal.files, "archived output")));
+  }
+}
+
+/// Deletes the rows and returns their number, when the transaction is committed.
+long deleteRows(Session& session, const std::string& olderThan) {
+  return Call("kodu_history_prune")
+      .with("older_than", "interval", olderThan)
+      .run(session)
+      .number(0, "result");
+}
+
+/// Has the database say all that it has against it, before the first file goes. Rolled back at
+/// once: the daemon's purge would wait for the rows until all files are removed, and every task
+/// with it.
+void rehearse(Session& session, const std::string& olderThan) {
+  session.query("BEGIN");
+  deleteRows(session, olderThan);
+  session.query("ROLLBACK");
+}
+
+/// Removes the files, then their rows, and returns the number of rows. Interrupted anywhere, it
+/// leaves the rows of all files that are still there, so that the next prune finds them.
+long removeOld(Session& session, const std::string& olderThan, Removal& removal) {
   // In one transaction now() is one moment: a row that grows too old meanwhile stays with its file.
   session.query("BEGIN");
-  paths = pathsOfOldRows(session, olderThan);
-  const long rows = Call("kodu_history_prune")
-                        .with("older_than", "interval", olderThan)
-                        .run(session)
-                        .number(0, "result");
+  // Removing many files takes longer than the server keeps an idle transaction.
+  session.query("SET LOCAL idle_in_transaction_session_timeout = 0");
+  const std::vector<fs::path> paths = pathsOfOldRows(session, olderThan);
+  if (!paths.empty()) {
+    requireAccess(paths);
+  }
+  for (const fs::path& path : paths) {
+    removeFile(path, removal);
+  }
+  const long rows = deleteRows(session, olderThan);
   session.query("COMMIT");
   return rows;
-}
-
-/// Before any row goes: without its row nobody finds a copy again.
-void requireArchiveAccess() {
-  const std::string archive = log_directory + "/archive";
-  std::error_code error;
-  if (!fs::exists(archive, error)) {
-    return;
-  }
-  if (const auto reason = whyNoFilesIn(archive)) {
-    throw Failure(kNotPermitted, fmt::format("cannot delete archived outputs: {}; run koductl as "
-                                             "the daemon's user or as root",
-                                             *reason));
-  }
 }
 
 void report(const Options& options, long rows, const Removal& removal) {
@@ -106,18 +147,11 @@ void report(const Options& options, long rows, const Removal& removal) {
 int runPrune(const Options& options) {
   Session session(options);
   const DaemonIdentity daemon = findDaemon(session.config);
+  daemon.requireKnown();
   const AsDaemon rights(daemon);
-  requireArchiveAccess();
-  std::vector<fs::path> paths;
-  const long rows = deleteRows(session, options.olderThan, paths);
+  rehearse(session, options.olderThan);
   Removal removal;
-  for (const fs::path& path : paths) {
-    removeFile(path, removal);
-  }
+  const long rows = removeOld(session, options.olderThan, removal);
   report(options, rows, removal);
-  if (!removal.firstFailure.empty()) {
-    throw Failure(kNotPermitted,
-                  "not every archived output could be deleted: " + removal.firstFailure);
-  }
   return kDone;
 }

@@ -41,10 +41,10 @@ std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::str
         "SET timezone = 'UTC'; SET search_path = public; SET client_encoding = 'UTF8'"));
     return connection;
   } catch (const PostgresqlException& e) {
+    const std::string place = config.isDatabaseFileRead ? config.databaseFile : "PGHOST and PGPORT";
     const std::string password = user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
-    throw Failure(kNoDatabase,
-                  fmt::format("{}\nlook whether the server runs, and at {}{}",
-                              withoutTabs(trim(e.what())), config.databaseFile, password));
+    throw Failure(kNoDatabase, fmt::format("{}\nlook whether the server runs, and at {}{}",
+                                           withoutTabs(trim(e.what())), place, password));
   }
 }
 
@@ -89,7 +89,8 @@ std::optional<long> Rows::optionalNumber(int row, const char* column) const {
 }
 
 Session::Session(const Options& options)
-    : config(readConfig(options.configFile)), connection(connect(config, options.user)) {}
+    : config(readConfig(options.configFile, options.user)),
+      connection(connect(config, options.user)) {}
 
 Session::~Session() = default;
 

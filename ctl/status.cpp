@@ -13,6 +13,8 @@
 
 #include "ctl/archive.h"
 #include "ctl/commands.h"
+#include "ctl/config.h"
+#include "ctl/daemonProcess.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session.h"
@@ -88,6 +90,10 @@ Table tableOf(const std::vector<Task>& tasks, const Options& options) {
   const Columns& further = options.withOutput ? kOutputColumns : kHistoryColumns;
   columns.insert(columns.end(), further.begin(), further.end());
   Table table(std::move(columns));
+  std::optional<AsDaemon> rights;  // with root's own, who writes rows could have any file shown
+  if (options.withOutput) {
+    rights.emplace(findDaemon(readConfig(options.configFile, options.user)));
+  }
   for (const Task& task : tasks) {
     Cells line;
     addState(line, task);

@@ -42,6 +42,7 @@ _koductl() {
     '') words="$commands $common --version" ;;
     status) words+=' --failed --late --output --watch' ;;
     history) words+=' --count' ;;
+    check) words+=' --quick' ;;
     output) words+=' --follow' ;;
     add) words+=" $definition --first --timeout --" ;;
     set) words+=" $definition --plugin --next --" ;;

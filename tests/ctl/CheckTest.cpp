@@ -1,6 +1,9 @@
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <chrono>
 #include <string>
+#include <vector>
 
 #include "db/pgSafeThread.h"
 #include "tests/ctl/CtlTest.h"
@@ -157,6 +160,34 @@ TEST_F(CheckTest, WarnsOfALineThatIsTakenForAnother) {
                 "\nlog_path_task=" + daemon.outputDirectory() +
                 "\n[CRON]\nthread_number=2\nkodu_conf_file=" + daemon.databaseConfig() + "\n");
   EXPECT_THAT(check(1), HasSubstr("log_file in [LOG] is taken from another line"));
+}
+
+TEST_F(CheckTest, LooksAtNoTaskWhenItIsToBeQuick) {
+  TaskRow missing = quietTask(1);
+  std::filesystem::remove(missing.path);
+  database.insertTask(missing);
+  database.query("REVOKE DELETE ON kodu_cron_error FROM kodu");
+  const CtlResult result = run({"check", "--quick"});
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_THAT(result.out, HasSubstr("role kodu lacks DELETE on kodu_cron_error"));
+  EXPECT_THAT(result.out, testing::EndsWith("1 error, 1 warning\n"));
+}
+
+TEST_F(CheckTest, IsQuickWith100000Tasks) {
+  database.insertTask(quietTask(1));
+  database.query(
+      "INSERT INTO kodu_cron_plugin (cron_id, cron_plugin_id, cron_interval,"
+      " cron_next_exec, cron_log_file) SELECT n, 1, '1 hour', now() + interval '1 hour',"
+      " '$SERVICEID_$DATE.txt' FROM generate_series(2, 100000) AS n");
+  using Clock = std::chrono::steady_clock;
+  std::vector<Clock::duration> times;
+  for (int i = 0; i < 5; ++i) {
+    const auto begin = Clock::now();
+    EXPECT_EQ(run({"check", "--quick"}).exitCode, 1);
+    times.push_back(Clock::now() - begin);
+  }
+  std::sort(times.begin(), times.end());
+  EXPECT_LT(times[2], std::chrono::seconds(1));
 }
 
 TEST_F(CheckTest, FindsRightsThatAreMissing) {

@@ -1,3 +1,8 @@
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <string>
 
 #include "tests/ctl/CtlTest.h"
@@ -11,6 +16,11 @@ constexpr const char* kJsonTime = "....-..-..T..:..:..Z";
 /// koductl forecast, stagger and prune.
 class PlanTest : public CtlTest {
  protected:
+  void SetUp() override {
+    CtlTest::SetUp();
+    writeFile(daemon.logPath(), "");  // whose owner the daemon's user is, while none runs
+  }
+
   /// Tasks 1 to `count`, each hour, all at the same second.
   void insertCrowd(int count) const {
     const std::string moment =
@@ -105,9 +115,119 @@ TEST_F(PlanTest, LooksForOldRowsAndDeletesThemInOneTransaction) {
   EXPECT_THAT(runAsAdmin({"prune", "--older-than", "1d"}).out, HasSubstr("1 history row and 0 "));
 }
 
-TEST_F(PlanTest, RefusesToPruneWithoutAnAge) {
+TEST_F(PlanTest, DeletesNothingThatTheDatabaseRefuses) {
+  database.insertTask(quietTask(1));
+  addFailure(1, 100000, "out_1_old.txt", "12345");
   EXPECT_EQ(runAsAdmin({"prune"}).exitCode, 64);
   EXPECT_EQ(runAsAdmin({"prune", "--older-than", "0 s"}).exitCode, 65);
+  EXPECT_EQ(run({"prune", "--older-than", "1d"}).exitCode, 77);
+  EXPECT_THAT(filesIn(archive(1)), testing::ElementsAre("out_1_old.txt"));
+  EXPECT_EQ(database.failures(1), 1);
+}
+
+/// koductl prune that something keeps from its end.
+class PruneTest : public PlanTest {
+ protected:
+  /// Failed runs of long ago, each with its archived output.
+  void addOldFailures(int count) const {
+    database.insertTask(quietTask(1));
+    database.query(
+        "INSERT INTO kodu_cron_error (cron_id, cron_date, cron_logfile)"
+        " SELECT 1, now() - interval '2 days', n || '.txt' FROM generate_series(1, " +
+        std::to_string(count) + ") AS n");
+    std::filesystem::create_directories(archive(1));
+    for (int i = 1; i <= count; ++i) {
+      writeFile(archive(1) + "/" + std::to_string(i) + ".txt", "x");
+    }
+  }
+  std::size_t fileCount() const { return filesIn(archive(1)).size(); }
+
+  /// Starts a prune and kills it once so few files are left.
+  void pruneUntilFilesAre(std::size_t few) {
+    environment.emplace_back("PGPASSWORD=secret");
+    const pid_t process =
+        start({"-f", daemon.mainConfig(), "--user", admin(), "prune", "--older-than", "1d"});
+    environment.pop_back();
+    EXPECT_TRUE(waitUntil([&] { return fileCount() <= few; }));
+    kill(process, SIGKILL);
+    waitpid(process, nullptr, 0);
+  }
+  void expectNothingDeleted(const std::string& reason) {
+    const CtlResult result = runAsAdmin({"prune", "--older-than", "1d"});
+    EXPECT_EQ(result.exitCode, 77) << result.out;
+    EXPECT_EQ(result.out, "");
+    EXPECT_THAT(result.err,
+                HasSubstr("nothing is deleted, since archived outputs cannot be: " + reason));
+    EXPECT_EQ(database.failures(1), 3);
+  }
+};
+
+TEST_F(PruneTest, FinishesWhatAKillBetweenFilesAndRowsLeft) {
+  addOldFailures(3);
+  // The rehearsal passes; the deletion itself waits.
+  database.query(
+      "CREATE SEQUENCE calls; GRANT USAGE ON SEQUENCE calls TO kodu_admin;"
+      "ALTER FUNCTION kodu_history_prune RENAME TO prune_in_fact;"
+      "CREATE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint LANGUAGE plpgsql"
+      " AS $$BEGIN IF nextval('calls') = 2 THEN PERFORM pg_sleep(600); END IF;"
+      " RETURN prune_in_fact(older_than); END$$");
+  pruneUntilFilesAre(0);
+  ASSERT_EQ(database.failures(1), 3);
+  EXPECT_EQ(runAsAdmin({"prune", "--older-than", "1d"}).out,
+            "3 history rows and 0 archived outputs deleted, 0 bytes\n");
+}
+
+TEST_F(PruneTest, FinishesWhatAKillAmongTheFilesLeft) {
+  constexpr int kCount = 20000;
+  addOldFailures(kCount);
+  pruneUntilFilesAre(kCount - 1);
+  const std::size_t left = fileCount();
+  EXPECT_GE(database.failures(1), static_cast<int>(left));
+  EXPECT_EQ(runAsAdmin({"prune", "--older-than", "1d"}).exitCode, 0);
+  EXPECT_EQ(fileCount(), 0U);
+  EXPECT_EQ(database.failures(1), 0);
+}
+
+TEST_F(PruneTest, ChangesNothingWhereAFolderCannotBeLookedInto) {
+  const passwd* user = getpwnam("postgres");
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can take rights away from the daemon's user";
+  }
+  addOldFailures(3);
+  chmod(daemon.directory.path().c_str(), 0755);
+  ASSERT_EQ(chown(daemon.logPath().c_str(), user->pw_uid, user->pw_gid), 0);
+  for (const std::string& folder :
+       {daemon.outputDirectory(), daemon.outputDirectory() + "/archive", archive(1)}) {
+    for (const std::string& path :
+         {daemon.outputDirectory(), daemon.outputDirectory() + "/archive", archive(1)}) {
+      ASSERT_EQ(chown(path.c_str(), user->pw_uid, user->pw_gid), 0);
+    }
+    ASSERT_EQ(chown(folder.c_str(), 0, 0), 0);
+    chmod(folder.c_str(), 0700);
+    expectNothingDeleted("");
+    EXPECT_EQ(fileCount(), 3U) << folder;
+    chmod(folder.c_str(), 0755);
+  }
+}
+
+TEST_F(PruneTest, ChangesNothingWhereTheOutputFolderIsNotOnThisMachine) {
+  addOldFailures(3);
+  std::filesystem::rename(daemon.outputDirectory(), daemon.directory / "elsewhere");
+  expectNothingDeleted("directory " + daemon.outputDirectory() + ": No such file or directory");
+}
+
+TEST_F(PruneTest, KeepsTheRowsWhileAFileCannotBeDeleted) {
+  addOldFailures(3);
+  std::filesystem::remove(archive(1) + "/2.txt");
+  std::filesystem::create_directory(archive(1) + "/2.txt");
+  const CtlResult result = runAsAdmin({"prune", "--older-than", "1d"});
+  EXPECT_EQ(result.exitCode, 77);
+  EXPECT_THAT(result.err, HasSubstr("cannot delete " + archive(1) + "/2.txt: Is a directory; "));
+  EXPECT_EQ(database.failures(1), 3);
+  std::filesystem::remove(archive(1) + "/2.txt");
+  EXPECT_EQ(runAsAdmin({"prune", "--older-than", "1d"}).exitCode, 0);
+  EXPECT_EQ(fileCount(), 0U);
+  EXPECT_EQ(database.failures(1), 0);
 }
 
 }  // namespace

@@ -14,6 +14,11 @@ using testing::StartsWith;
 /// koductl rerun.
 class RerunTest : public CtlTest {
  protected:
+  void SetUp() override {
+    CtlTest::SetUp();
+    writeFile(daemon.logPath(), "");  // whose owner the daemon's user is, while none runs
+  }
+
   /// Runs a task whose plugin is a script with this body.
   CtlResult rerun(const std::string& body, const std::string& parameter = "") const {
     TaskRow row = quietTask(1);
@@ -63,8 +68,7 @@ TEST_F(RerunTest, RunsAsTheUserOfTheDaemon) {
     GTEST_SKIP() << "only root can become another user";
   }
   std::filesystem::permissions(daemon.directory.path(), std::filesystem::perms(0755));
-  std::filesystem::create_directories(daemon.outputDirectory());
-  ASSERT_EQ(chown(daemon.outputDirectory().c_str(), user->pw_uid, user->pw_gid), 0);
+  ASSERT_EQ(chown(daemon.logPath().c_str(), user->pw_uid, user->pw_gid), 0);
   const CtlResult result = rerun("/usr/bin/id -un; /usr/bin/id -gn; /usr/bin/id -Gn");
   EXPECT_THAT(result.out, StartsWith("postgres\npostgres\npostgres"));
   EXPECT_THAT(result.out, HasSubstr("as user postgres in /"));
