@@ -2,13 +2,13 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <iostream>
 #include <string>
 #include <vector>
 
 #include "core/globals.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
+#include "ctl/print.h"
 
 namespace {
 
@@ -152,17 +152,16 @@ class Parser {
   int explain(const CLI::ParseError& e) {
     const std::vector<std::string> unknown = app.remaining();
     if (app.get_subcommands().empty() && !unknown.empty()) {
-      std::cerr << "koductl: there is no command " << unknown.front()
-                << "; koductl --help lists them\n";
+      printError("koductl: there is no command {}; koductl --help lists them\n",
+                 oneLine(unknown.front()));
       return kWrongUsage;
     }
     if (e.get_exit_code() == 0) {
       return app.exit(e);
     }
     const auto commands = app.get_subcommands();
-    std::cerr << "koductl: " << e.what() << "; koductl "
-              << (commands.empty() ? "" : commands.front()->get_name() + " ")
-              << "--help tells more\n";
+    printError("koductl: {}; koductl {}--help tells more\n", oneLine(e.what()),
+               commands.empty() ? "" : commands.front()->get_name() + " ");
     return kWrongUsage;
   }
 

@@ -8,6 +8,7 @@
 #include "core/iniConfig.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "db/PostgresqlException.h"
 #include "db/pgSafeThread.h"
 
@@ -15,7 +16,7 @@ namespace {
 
 /// "NOTICE:  task 7 is paused already" on standard error, in koductl's own form.
 void printNotice(void*, const char* message) {
-  fmt::print(stderr, "koductl: {}\n", serverMessage(message));
+  printError("koductl: {}\n", serverMessage(message));
 }
 
 /// Whether the server's words, in whatever language, are about a right: "ERROR:  42501: ...".
