@@ -46,8 +46,17 @@ class Parser {
     app.add_option("--user", options.user,
                    "Connect as this role, with its password from PGPASSWORD or ~/.pgpass")
         ->option_text("ROLE");
+    addTimeout("--lock-timeout", options.lockTimeout, "Wait so long for a lock; 0: for ever");
+    addTimeout("--statement-timeout", options.statementTimeout,
+               "Wait so long for a statement; 0: for ever");
     app.add_flag("--json", options.asJson, "Print data as JSON");
     app.set_version_flag("--version", std::string("koductl " KODU_VERSION));
+  }
+
+  void addTimeout(const char* name, int& seconds, const char* description) {
+    app.add_option(name, seconds, description)
+        ->option_text("SECONDS (" + std::to_string(seconds) + ")")
+        ->check(CLI::Range(0, 86400));
   }
 
   CLI::App* addCommand(const char* name, const char* description, int (*command)(const Options&)) {

@@ -143,6 +143,22 @@ TEST_F(PrintTest, ShowsWhatTheServerSaysWithoutThem) {
   EXPECT_EQ(result.err, "koductl: noted ?[31m\nkoductl: refused ?31m\nhint: a hint ?\n");
 }
 
+TEST_F(PrintTest, ShowsWhatTheServerSaysAtTheConnectionWithoutThem) {
+  database.query(
+      "UPDATE pg_database SET datcollversion = E'\\x1b[31m'"
+      " WHERE datname = current_database()");
+  const CtlResult result = run({"status"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.err, StartsWith("koductl: WARNING:  database \""));
+  EXPECT_EQ(unsafeIn(result.err), "");
+}
+
+TEST_F(PrintTest, KeepsTwoBlanksBehindAColonOfAMessage) {
+  replaceRunNow("plpgsql", "BEGIN RAISE NOTICE 'all of this:  is the message'; END");
+  database.insertTask(quietTask(7));
+  EXPECT_EQ(runAsAdmin({"run", "7"}).err, "koductl: all of this:  is the message\n");
+}
+
 TEST_F(PrintTest, LeavesNoHalfCharacterAtTheEndOfAFirstLine) {
   database.insertTask(quietTask(7));
   setStatus(7, "OK");
