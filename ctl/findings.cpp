@@ -27,9 +27,8 @@ std::string prefixOf(const std::vector<int>& tasks) {
 }  // namespace
 
 Findings::Finding& Findings::findingFor(Severity severity, const std::string& text) {
-  const auto known = std::find_if(all.begin(), all.end(),
-                                  [&](const Finding& finding) { return finding.text == text; });
-  return known != all.end() ? *known : all.emplace_back(Finding{severity, text, {}});
+  const auto [known, isNew] = places.emplace(text, all.size());
+  return isNew ? all.emplace_back(Finding{severity, text, {}}) : all[known->second];
 }
 
 void Findings::add(Severity severity, const std::string& text) {
