@@ -2,15 +2,30 @@
 
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "ctl/failure.h"
+#include "ctl/regularFile.h"
 #include "ctl/session.h"
 #include "ctl/task.h"
+
+namespace {
+
+/// `text` without the beginning of a character at its end, whose rest was not read.
+std::string withoutCutCharacter(std::string text) {
+  std::size_t last = text.size();
+  while (last > 0 && (static_cast<unsigned char>(text[last - 1]) & 0xc0U) == 0x80U) {
+    --last;
+  }
+  const unsigned lead = last > 0 ? static_cast<unsigned char>(text[last - 1]) : 0U;
+  const std::size_t length = lead < 0xc0 ? 1 : 2 + (lead >= 0xe0 ? 1 : 0) + (lead >= 0xf0 ? 1 : 0);
+  if (last > 0 && text.size() - last + 1 < length) {
+    text.resize(last - 1);
+  }
+  return text;
+}
+
+}  // namespace
 
 std::vector<FailedRun> readFailedRuns(Session& session, const Task& task, int limit) {
   const Rows rows = session.query(
@@ -40,21 +55,14 @@ bool staysBelow(const std::string& name) {
 
 std::string firstLineOf(const std::string& path) {
   constexpr std::size_t kMaxBytes = 240;
-  std::ifstream file(path, std::ios::binary);
-  std::string begin(kMaxBytes, '\0');
-  file.read(begin.data(), kMaxBytes);
-  begin.resize(static_cast<std::size_t>(file.gcount()));
-  return begin.substr(0, begin.find('\n'));
+  try {
+    const std::string begin = readRegularFile(path, kMaxBytes);
+    return withoutCutCharacter(begin.substr(0, begin.find('\n')));
+  } catch (const Failure&) {
+    return "";
+  }
 }
 
 std::string readOutput(const std::string& path) {
-  const std::ifstream file(path, std::ios::binary);
-  if (!file.is_open()) {
-    const int error = errno;
-    throw Failure(error == EACCES ? kNotPermitted : kNotFound,
-                  fmt::format("cannot read {}: {}", path, std::strerror(error)));
-  }
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
+  return readRegularFile(path);
 }

@@ -1,7 +1,7 @@
 // koductl add, set, pause, resume, run, delete: each is one call of a function in the database,
 // which tells the daemon.
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <iostream>
@@ -17,6 +17,7 @@
 #include "ctl/fileCheck.h"
 #include "ctl/guarded.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "ctl/session.h"
 #include "ctl/task.h"
 #include "ctl/terminal.h"
@@ -39,7 +40,7 @@ void report(Session& session, const Options& options, int id, const std::string&
   if (options.asJson) {
     printJson(toJson(task));
   } else {
-    fmt::print("task {} ({}) {}{}\n", id, oneLine(task.name), done, nextText(task));
+    print("task {} ({}) {}{}\n", id, oneLine(task.name), done, nextText(task));
   }
 }
 
@@ -68,7 +69,7 @@ void warnOfPlugin(Session& session, int id) try {
   }
   for (const std::string& path : paths) {
     if (const auto warning = whyNotRun(path, daemon)) {
-      fmt::print(stderr, "koductl: warning: {}\n", oneLine(*warning));
+      printError("koductl: warning: {}\n", oneLine(*warning));
     }
   }
 } catch (const Failure& e) {  // of finding the daemon
@@ -122,8 +123,8 @@ void askBeforeDeletion(const Task& task) {
   if (isatty(STDIN_FILENO) == 0) {
     throw Failure(kWrongUsage, "nobody can be asked here: say --yes to delete without a question");
   }
-  fmt::print(stderr, "Delete task {} ({}), its output, archive and history? [y/N] ", task.id,
-             printable(oneLine(task.name)));
+  printError("Delete task {} ({}), its output, archive and history? [y/N] ", task.id,
+             oneLine(task.name));
   std::string answer;
   std::getline(std::cin, answer);
   if (answer != "y" && answer != "yes") {
@@ -193,8 +194,8 @@ int runDelete(const Options& options) {
   if (options.asJson) {
     printJson(toJson(readTask(session, options.id)));
   } else {
-    fmt::print("task {} ({}) will be gone, with its files, within two minutes\n", task.id,
-               oneLine(task.name));
+    print("task {} ({}) will be gone, with its files, within two minutes\n", task.id,
+          oneLine(task.name));
   }
   return kDone;
 }

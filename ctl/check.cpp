@@ -1,6 +1,6 @@
 // koductl check: what keeps the daemon or its tasks from working.
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <memory>
@@ -14,6 +14,7 @@
 #include "ctl/failure.h"
 #include "ctl/findings.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "ctl/session.h"
 #include "ctl/table.h"
 #include "ctl/task.h"
@@ -46,7 +47,7 @@ void printForPeople(const Findings& findings, const std::vector<Task>& next) {
     table.add({timeText(*task.next), wait < 0 ? "now" : durationText(wait), std::to_string(task.id),
                task.name});
   }
-  fmt::print("\n");
+  print("\n");
   table.print();
 }
 

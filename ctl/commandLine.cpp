@@ -2,13 +2,13 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <iostream>
 #include <string>
 #include <vector>
 
 #include "core/globals.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
+#include "ctl/print.h"
 
 namespace {
 
@@ -46,8 +46,17 @@ class Parser {
     app.add_option("--user", options.user,
                    "Connect as this role, with its password from PGPASSWORD or ~/.pgpass")
         ->option_text("ROLE");
+    addTimeout("--lock-timeout", options.lockTimeout, "Wait so long for a lock; 0: for ever");
+    addTimeout("--statement-timeout", options.statementTimeout,
+               "Wait so long for a statement; 0: for ever");
     app.add_flag("--json", options.asJson, "Print data as JSON");
     app.set_version_flag("--version", std::string("koductl " KODU_VERSION));
+  }
+
+  void addTimeout(const char* name, int& seconds, const char* description) {
+    app.add_option(name, seconds, description)
+        ->option_text("SECONDS (" + std::to_string(seconds) + ")")
+        ->check(CLI::Range(0, 86400));
   }
 
   CLI::App* addCommand(const char* name, const char* description, int (*command)(const Options&)) {
@@ -154,17 +163,16 @@ class Parser {
   int explain(const CLI::ParseError& e) {
     const std::vector<std::string> unknown = app.remaining();
     if (app.get_subcommands().empty() && !unknown.empty()) {
-      std::cerr << "koductl: there is no command " << unknown.front()
-                << "; koductl --help lists them\n";
+      printError("koductl: there is no command {}; koductl --help lists them\n",
+                 oneLine(unknown.front()));
       return kWrongUsage;
     }
     if (e.get_exit_code() == 0) {
       return app.exit(e);
     }
     const auto commands = app.get_subcommands();
-    std::cerr << "koductl: " << e.what() << "; koductl "
-              << (commands.empty() ? "" : commands.front()->get_name() + " ")
-              << "--help tells more\n";
+    printError("koductl: {}; koductl {}--help tells more\n", oneLine(e.what()),
+               commands.empty() ? "" : commands.front()->get_name() + " ");
     return kWrongUsage;
   }
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,18 +13,22 @@
 #include "core/globals.h"
 #include "core/iniConfig.h"
 #include "ctl/failure.h"
+#include "ctl/regularFile.h"
 
 namespace {
 
 /// Before the first lookup, since the reader's own message does not say why.
 void requireReadable(const std::string& path, const std::string& advice) {
-  const std::ifstream file(path);
+  struct stat status {};
+  const auto kind = stat(path.c_str(), &status) == 0 ? waitingKind(status.st_mode) : std::nullopt;
+  const std::ifstream file(kind ? "" : path);
   if (file.is_open()) {
     return;
   }
   const int error = errno;
-  throw Failure(error == EACCES ? kNotPermitted : kWrongConfig,
-                fmt::format("cannot read {}: {}; {}", path, std::strerror(error), advice));
+  throw Failure(
+      error == EACCES ? kNotPermitted : kWrongConfig,
+      fmt::format("cannot read {}: {}; {}", path, kind.value_or(std::strerror(error)), advice));
 }
 
 /// `value` as libpq reads it behind a "=".

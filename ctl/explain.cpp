@@ -1,7 +1,5 @@
 // koductl explain: what is going on with one task, in sentences.
 
-#include <fmt/format.h>
-
 #include <string>
 #include <vector>
 
@@ -12,6 +10,7 @@
 #include "ctl/explanation.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "ctl/session.h"
 #include "ctl/task.h"
 #include "ctl/terminal.h"
@@ -43,7 +42,7 @@ int runExplain(const Options& options) {
     return kDone;
   }
   for (const std::string& sentence : sentences) {
-    fmt::print("{}\n", oneLine(sentence));
+    print("{}\n", oneLine(sentence));
   }
   return kDone;
 }

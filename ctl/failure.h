@@ -10,7 +10,7 @@ enum ExitCode {
   kWrongUsage = 64,    // the command line
   kRefused = 65,       // the database or the parameter grammar refuses the values
   kNotFound = 66,      // no such task, output or archived output
-  kNoDatabase = 69,    // the database does not answer
+  kNoDatabase = 69,    // the database does not answer, or not in time
   kNotWritten = 74,    // standard output takes no more
   kNotPermitted = 77,  // a right is missing, in the database or on the disk
   kWrongConfig = 78,   // an INI file cannot be read or says nothing usable

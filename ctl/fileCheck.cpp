@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "ctl/regularFile.h"
+
 namespace {
 
 /// By the effective user, unlike access(2).
@@ -66,6 +68,9 @@ std::optional<std::string> whyNotWritable(const std::string& path) {
   }
   if (S_ISDIR(status.st_mode)) {
     return "it is a directory";
+  }
+  if (const auto kind = waitingKind(status.st_mode)) {
+    return *kind + ", and its writer waits for a reader";
   }
   return isAllowed(path, W_OK) ? std::nullopt : std::optional(lastError());
 }

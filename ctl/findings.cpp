@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "ctl/print.h"
 #include "ctl/terminal.h"
 #include "ctl/text.h"
 
@@ -26,9 +27,8 @@ std::string prefixOf(const std::vector<int>& tasks) {
 }  // namespace
 
 Findings::Finding& Findings::findingFor(Severity severity, const std::string& text) {
-  const auto known = std::find_if(all.begin(), all.end(),
-                                  [&](const Finding& finding) { return finding.text == text; });
-  return known != all.end() ? *known : all.emplace_back(Finding{severity, text, {}});
+  const auto [known, isNew] = places.emplace(text, all.size());
+  return isNew ? all.emplace_back(Finding{severity, text, {}}) : all[known->second];
 }
 
 void Findings::add(Severity severity, const std::string& text) {
@@ -54,19 +54,19 @@ int Findings::exitCode() const {
 void Findings::print() const {
   for (const Severity severity : {Severity::kError, Severity::kWarning}) {
     const bool isError = severity == Severity::kError;
-    const std::string word =
+    const Styled word =
         coloured(isError ? "ERROR  " : "WARNING", isError ? Colour::kRed : Colour::kYellow);
     for (const Finding& finding : all) {
       if (finding.severity == severity) {
-        fmt::print("{}  {}{}\n", word, prefixOf(finding.tasks), oneLine(finding.text));
+        ::print("{}  {}{}\n", word, prefixOf(finding.tasks), oneLine(finding.text));
       }
     }
   }
   if (all.empty()) {
-    fmt::print("{}       nothing found\n", coloured("OK", Colour::kGreen));
+    ::print("{}       nothing found\n", coloured("OK", Colour::kGreen));
   } else {
-    fmt::print("{}, {}\n", counted(countOf(Severity::kError), "error"),
-               counted(countOf(Severity::kWarning), "warning"));
+    ::print("{}, {}\n", counted(countOf(Severity::kError), "error"),
+            counted(countOf(Severity::kWarning), "warning"));
   }
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <json/json.h>
@@ -36,4 +38,5 @@ class Findings {
   long countOf(Severity severity) const;
 
   std::vector<Finding> all;
+  std::unordered_map<std::string, std::size_t> places;  // of each text in `all`
 };

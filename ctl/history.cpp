@@ -1,6 +1,5 @@
 // koductl history: the failed runs of one task.
 
-#include <fmt/core.h>
 #include <unistd.h>
 
 #include <string>
@@ -10,6 +9,7 @@
 #include "ctl/commands.h"
 #include "ctl/daemonProcess.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "ctl/session.h"
 #include "ctl/table.h"
 #include "ctl/task.h"
@@ -32,7 +32,7 @@ std::string firstLine(const FailedRun& run) {
 
 void printForPeople(const Task& task, const std::vector<FailedRun>& runs) {
   if (runs.empty()) {
-    fmt::print("No failed run of task {} ({}) is recorded.\n", task.id, oneLine(task.name));
+    print("No failed run of task {} ({}) is recorded.\n", task.id, oneLine(task.name));
     return;
   }
   Table table({{"#", Table::Align::kRight},

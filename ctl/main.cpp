@@ -1,7 +1,5 @@
 // koductl: what the operator of a koducron asks it, and tells it to do.
 
-#include <fmt/core.h>
-
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
@@ -10,11 +8,12 @@
 
 #include "ctl/commandLine.h"
 #include "ctl/failure.h"
+#include "ctl/print.h"
 
 namespace {
 
 int fail(const std::string& reason, int exitCode) {
-  fmt::print(stderr, "koductl: {}\n", reason);
+  printError("koductl: {}\n", reason);
   return exitCode;
 }
 

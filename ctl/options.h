@@ -10,6 +10,7 @@ struct Options {
   std::string configFile;  // the daemon's main INI file
   std::string user;        // "": the role of the INI file
   bool asJson = false;
+  int lockTimeout = 5, statementTimeout = 60;  // seconds; 0 is no limit
 
   int id = 0;
 

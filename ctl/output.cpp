@@ -1,6 +1,6 @@
 // koductl output: what a task's last run printed, or a failed one of before.
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +16,7 @@
 #include "ctl/daemonProcess.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "ctl/session.h"
 #include "ctl/task.h"
 #include "ctl/terminal.h"
@@ -54,11 +55,8 @@ std::string pathOf(Session& session, const Task& task, const std::string& archiv
 }
 
 void printText(const std::string& text) {
-  const std::string shown = printable(text);
-  std::fwrite(shown.data(), 1, shown.size(), stdout);
-  if (isTerminal() && !shown.empty() && shown.back() != '\n') {
-    std::fputc('\n', stdout);
-  }
+  const bool isLineOpen = !text.empty() && text.back() != '\n';
+  printOutput(isTerminal() && isLineOpen ? text + "\n" : text);
 }
 
 /// What tells one run's output from the next: the daemon writes it over the former one.
@@ -85,7 +83,7 @@ void printAsJson(const Task& task, const std::string& path) {
   json["id"] = task.id;
   json["path"] = path;
   json["written_at"] = jsonTime(versionOf(path).changed.tv_sec);
-  json["output"] = jsonOutput(readOutput(path));
+  json["output"] = readOutput(path);
   printJson(json);
 }
 
@@ -99,7 +97,7 @@ void printAsJson(const Task& task, const std::string& path) {
       if (asJson) {
         printAsJson(task, path);
       } else {
-        fmt::print("==> {} UTC <==\n", timeText(present.changed.tv_sec));
+        print("==> {} UTC <==\n", timeText(present.changed.tv_sec));
         printText(readOutput(path));
       }
       std::fflush(stdout);

@@ -12,6 +12,7 @@
 #include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "ctl/session.h"
 #include "ctl/table.h"
 #include "ctl/text.h"
@@ -118,12 +119,12 @@ void printSummary(const std::vector<Minute>& minutes, const Options& options,
       busiest = minute;
     }
   }
-  fmt::print("{} in {} h", counted(runs, "run"), options.hours);
+  print("{} in {} h", counted(runs, "run"), options.hours);
   if (busiest.busiestRuns > 0) {
-    fmt::print("; the busiest second is {} with {}", busiest.busiestSecond, busiest.busiestRuns);
+    print("; the busiest second is {} with {}", busiest.busiestSecond, busiest.busiestRuns);
   }
-  fmt::print(".\nWith runs of {} s, {} at work at once; thread_number is {}.\n\n",
-             options.runSeconds, counted(workers, "worker"), threadNumber);
+  print(".\nWith runs of {} s, {} at work at once; thread_number is {}.\n\n", options.runSeconds,
+        counted(workers, "worker"), threadNumber);
 }
 
 /// What a stagger proposes.
@@ -165,11 +166,11 @@ void printPlan(const Plan& plan, bool isApplied) {
   if (!plan.moves.empty()) {
     table.print();
   }
-  fmt::print("{} of {} {}; busiest second: {} before, {} after\n", plan.moves.size(),
-             counted(plan.tasks, "task"), isApplied ? "moved" : "to be moved",
-             counted(plan.busiestBefore, "run"), plan.busiestAfter);
+  print("{} of {} {}; busiest second: {} before, {} after\n", plan.moves.size(),
+        counted(plan.tasks, "task"), isApplied ? "moved" : "to be moved",
+        counted(plan.busiestBefore, "run"), plan.busiestAfter);
   if (!isApplied && !plan.moves.empty()) {
-    fmt::print("Nothing is changed yet: say --apply.\n");
+    print("Nothing is changed yet: say --apply.\n");
   }
 }
 

@@ -1,6 +1,6 @@
 // koductl prune: old history, rows and archived outputs together.
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +19,7 @@
 #include "ctl/failure.h"
 #include "ctl/fileCheck.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "ctl/session.h"
 #include "ctl/text.h"
 #include "sched/outputPath.h"
@@ -136,9 +137,9 @@ void report(const Options& options, long rows, const Removal& removal) {
     json["bytes"] = Json::UInt64{removal.bytes};
     printJson(json);
   } else {
-    fmt::print("{} and {} deleted, {}\n", counted(rows, "history row"),
-               counted(removal.files, "archived output"),
-               counted(static_cast<long>(removal.bytes), "byte"));
+    print("{} and {} deleted, {}\n", counted(rows, "history row"),
+          counted(removal.files, "archived output"),
+          counted(static_cast<long>(removal.bytes), "byte"));
   }
 }
 

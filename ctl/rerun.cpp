@@ -13,11 +13,13 @@
 #include <vector>
 
 #include "ctl/archive.h"
+#include "ctl/capturedErrors.h"
 #include "ctl/commands.h"
 #include "ctl/daemonProcess.h"
 #include "ctl/diff.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "ctl/session.h"
 #include "ctl/task.h"
 #include "ctl/terminal.h"
@@ -61,6 +63,11 @@ void closeInput() {
 Run runOnce(const std::shared_ptr<serviceCron>& record) {
   using Clock = std::chrono::steady_clock;
   Run run;
+  // What the plugin writes to a terminal by itself would not be made printable.
+  std::optional<CapturedErrors> errors;
+  if (isatty(STDERR_FILENO) == 1) {
+    errors.emplace();
+  }
   const auto begin = Clock::now();
   try {
     run.code = record->execute();
@@ -69,6 +76,9 @@ Run runOnce(const std::shared_ptr<serviceCron>& record) {
   }
   run.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
   run.output = record->GetStdout();
+  if (errors) {
+    printError("{}", errors->take());
+  }
   return run;
 }
 
@@ -81,39 +91,45 @@ std::optional<std::string> storedOutput(const Task& task) {
   }
 }
 
+void printDifference(const std::string& line) {
+  if (isTerminal()) {
+    print("{}\n", coloured(line, line.front() == '-' ? Colour::kRed : Colour::kGreen));
+  } else {
+    printOutput(line + "\n");
+  }
+}
+
 void printComparison(const Task& task, const Run& run, const std::optional<std::string>& stored) {
   if (!stored) {
-    fmt::print("--- no stored output to compare with ({})\n", task.outputPath());
+    print("--- no stored output to compare with ({})\n", task.outputPath());
     return;
   }
   if (*stored == run.output) {
-    fmt::print("--- the same as the stored output, {}\n", task.outputPath());
+    print("--- the same as the stored output, {}\n", task.outputPath());
     return;
   }
   // The daemon does not cut the file, so a shorter output has the end of a longer one behind it.
   if (stored->starts_with(run.output)) {
-    fmt::print("--- the same as the stored output, {}, but for {} of an older, longer one\n",
-               task.outputPath(),
-               counted(static_cast<long>(stored->size() - run.output.size()), "byte"));
+    print("--- the same as the stored output, {}, but for {} of an older, longer one\n",
+          task.outputPath(),
+          counted(static_cast<long>(stored->size() - run.output.size()), "byte"));
     return;
   }
-  fmt::print("--- compared with the stored output, {}:\n", task.outputPath());
+  print("--- compared with the stored output, {}:\n", task.outputPath());
   for (const std::string& line : diffLines(*stored, run.output)) {
-    fmt::print("{}\n",
-               coloured(printable(line), line.front() == '-' ? Colour::kRed : Colour::kGreen));
+    printDifference(line);
   }
 }
 
 void printForPeople(const Task& task, const DaemonIdentity& daemon, const Run& run,
                     const std::optional<std::string>& stored) {
   const bool endsInLine = run.output.empty() || run.output.back() == '\n';
-  fmt::print("{}{}", printable(run.output), endsInLine ? "" : "\n");
-  fmt::print("--- return code {} ({}), {:.2f} s, as user {} in {}{}\n", run.code, wordFor(run.code),
-             run.seconds, daemon.userName(), daemon.directory,
-             daemon.pid ? "" : " (no daemon with this configuration runs here)");
+  printOutput(endsInLine ? run.output : run.output + "\n");
+  print("--- return code {} ({}), {:.2f} s, as user {} in {}{}\n", run.code, wordFor(run.code),
+        run.seconds, daemon.userName(), daemon.directory,
+        daemon.pid ? "" : " (no daemon with this configuration runs here)");
   if (!run.failure.empty()) {
-    fmt::print("--- {}\n--- the daemon tries this three times, then the run has failed\n",
-               printable(run.failure));
+    print("--- {}\n--- the daemon tries this three times, then the run has failed\n", run.failure);
   }
   printComparison(task, run, stored);
 }
@@ -123,15 +139,15 @@ void printAsJson(const Task& task, const DaemonIdentity& daemon, const Run& run,
   Json::Value json;
   json["id"] = task.id;
   json["return_code"] = run.code;
-  json["output"] = jsonOutput(run.output);
+  json["output"] = run.output;
   json["failure"] = run.failure.empty() ? Json::Value() : Json::Value(run.failure);
   json["seconds"] = run.seconds;
   json["user"] = daemon.userName();
   json["directory"] = daemon.directory;
-  json["stored_output"] = stored ? jsonOutput(*stored) : Json::Value();
+  json["stored_output"] = stored ? Json::Value(*stored) : Json::Value();
   json["diff"] = Json::Value(Json::arrayValue);
   for (const std::string& line : diffLines(stored.value_or(""), run.output)) {
-    json["diff"].append(jsonOutput(line));
+    json["diff"].append(line);
   }
   printJson(json);
 }

@@ -3,24 +3,27 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
+#include <chrono>
 #include <stdexcept>
+#include <string_view>
 
 #include "core/iniConfig.h"
+#include "ctl/capturedErrors.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
-#include "db/PostgresqlException.h"
-#include "db/pgSafeThread.h"
+#include "ctl/print.h"
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
+/// What a server that ends a statement in time may need to say so.
+constexpr std::chrono::seconds kGrace{5};
+
 /// "NOTICE:  task 7 is paused already" on standard error, in koductl's own form.
 void printNotice(void*, const char* message) {
-  fmt::print(stderr, "koductl: {}\n", serverMessage(message));
-}
-
-/// Whether the server's words, in whatever language, are about a right: "ERROR:  42501: ...".
-bool isAboutRights(const std::string& message) {
-  return message.substr(0, message.find('\n')).find(":  42501: ") != std::string::npos;
+  printError("koductl: {}\n", serverMessage(message));
 }
 
 /// libpq begins the further lines of some of its messages with a tab.
@@ -31,21 +34,54 @@ std::string withoutTabs(std::string message) {
   return message;
 }
 
-std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::string& user) {
-  try {
-    auto connection = std::make_unique<pgSafeThread>(connectionString(config, user));
-    PQsetErrorVerbosity(connection->connection, PQERRORS_VERBOSE);  // with the SQLSTATE
-    PQsetNoticeProcessor(connection->connection, printNotice, nullptr);
-    // Whatever the role or the environment says: times are UTC, and names are the schema's.
-    PQclear(connection->executeRequest(
-        "SET timezone = 'UTC'; SET search_path = public; SET client_encoding = 'UTF8'"));
-    return connection;
-  } catch (const PostgresqlException& e) {
-    const std::string place = config.isDatabaseFileRead ? config.databaseFile : "PGHOST and PGPORT";
-    const std::string password = user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
-    throw Failure(kNoDatabase, fmt::format("{}\nlook whether the server runs, and at {}{}",
-                                           withoutTabs(trim(e.what())), place, password));
+Connection connect(const std::string& conninfo) {
+  // Until the processor of notices is set, libpq writes them to standard error itself.
+  CapturedErrors libpqErrors;
+  Connection connection(PQconnectdb(conninfo.c_str()));
+  if (const std::string text = libpqErrors.take(); !text.empty()) {
+    printNotice(nullptr, text.c_str());
   }
+  PQsetErrorVerbosity(connection.get(), PQERRORS_VERBOSE);  // with the SQLSTATE
+  PQsetNoticeProcessor(connection.get(), printNotice, nullptr);
+  return connection;
+}
+
+// Whatever the role or the environment says: times are UTC, names are the schema's, and nothing
+// waits for ever.
+constexpr const char* kSettings = R"(
+SELECT set_config('timezone', 'UTC', false), set_config('search_path', 'public', false),
+       set_config('client_encoding', 'UTF8', false), set_config('lock_timeout', $1, false),
+       set_config('statement_timeout', $2, false))";
+
+Connection connectAs(const Options& options, const DaemonConfig& config,
+                     const std::string& conninfo) {
+  Connection connection = connect(conninfo);
+  if (PQstatus(connection.get()) == CONNECTION_OK) {
+    return connection;
+  }
+  const std::string place = config.isDatabaseFileRead ? config.databaseFile : "PGHOST and PGPORT";
+  const std::string password =
+      options.user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
+  throw Failure(kNoDatabase,
+                fmt::format("{}\nlook whether the server runs, and at {}{}",
+                            withoutTabs(trim(PQerrorMessage(connection.get()))), place, password));
+}
+
+std::string sqlState(const ResultPtr& result) {
+  const char* state = PQresultErrorField(result.get(), PG_DIAG_SQLSTATE);
+  return state == nullptr ? "" : state;
+}
+
+/// Why a statement has ended that waited for a lock longer than `limit`, by the option's name.
+std::string lockedText(const LockWatch& watch, int seconds, const char* option) {
+  const std::string holders =
+      watch.holders().empty() ? "which session has the lock is not known" : watch.holders();
+  const std::string remedy =
+      watch.remedy().empty() ? "" : fmt::format(", or end that with {}", watch.remedy());
+  return fmt::format(
+      "{} was locked for {} s; nothing was changed\nthe lock is with {}\ntry again when the "
+      "transaction there has ended{}; {} SECONDS waits longer",
+      watch.lock().empty() ? "something" : watch.lock(), seconds, holders, remedy, option);
 }
 
 /// The sessions of the daemon's role in the database that `condition` holds for.
@@ -90,7 +126,12 @@ std::optional<long> Rows::optionalNumber(int row, const char* column) const {
 
 Session::Session(const Options& options)
     : config(readConfig(options.configFile, options.user)),
-      connection(connect(config, options.user)) {}
+      conninfo(connectionString(config, options.user)),
+      lockTimeout(options.lockTimeout),
+      statementTimeout(options.statementTimeout),
+      connection(connectAs(options, config, conninfo)) {
+  query(kSettings, {fmt::format("{}s", lockTimeout), fmt::format("{}s", statementTimeout)});
+}
 
 Session::~Session() = default;
 
@@ -99,14 +140,59 @@ void Session::makeReadOnly() {
 }
 
 Rows Session::query(const std::string& sql, const std::vector<std::string>& params) {
-  try {
-    return Rows(connection->executeParamRequest(sql, params));
-  } catch (const PostgresqlException& e) {
-    if (PQstatus(connection->connection) != CONNECTION_OK) {
-      throw Failure(kNoDatabase, serverMessage(e.what()));
+  std::vector<const char*> values;
+  std::transform(params.begin(), params.end(), std::back_inserter(values),
+                 [](const std::string& param) { return param.c_str(); });
+  PQsendQueryParams(connection.get(), sql.c_str(), static_cast<int>(values.size()), nullptr,
+                    values.data(), nullptr, nullptr, 0);
+  return Rows(awaitResult().release());
+}
+
+/// The result of what was sent; a failed one is thrown. Meanwhile a watch looks for a lock each
+/// second, or four times within a shorter limit.
+ResultPtr Session::awaitResult() {
+  const std::chrono::milliseconds step(lockTimeout > 0 ? std::min(1000, lockTimeout * 250) : 1000);
+  const auto end = Clock::now() + std::chrono::seconds(statementTimeout) + kGrace;
+  LockWatch watch(conninfo + " connect_timeout=2", PQbackendPID(connection.get()));
+  while (!hasReplied(connection.get(), step)) {
+    watch.look();
+    if (statementTimeout > 0 && Clock::now() > end) {
+      throw Failure(kNoDatabase,
+                    fmt::format("the server has not ended the statement after {} s: it hangs, or "
+                                "the network is cut; what has become of the statement is not known",
+                                statementTimeout));
     }
-    throw Failure(isAboutRights(e.what()) ? kNotPermitted : kRefused, serverMessage(e.what()));
   }
+  ResultPtr result = replyOf(connection.get());
+  const ExecStatusType status = PQresultStatus(result.get());
+  if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+    fail(result, watch);
+  }
+  return result;
+}
+
+void Session::fail(const ResultPtr& result, const LockWatch& watch) const {
+  constexpr std::string_view kLockTimeout = "55P03";
+  constexpr std::string_view kCancelled = "57014";  // also by the statement's timeout
+  constexpr std::string_view kNoRight = "42501";
+  const std::string said =
+      serverMessage(result ? PQresultErrorMessage(result.get()) : PQerrorMessage(connection.get()));
+  const std::string state = sqlState(result);
+  if (PQstatus(connection.get()) != CONNECTION_OK) {
+    throw Failure(kNoDatabase, said);
+  }
+  if (state == kLockTimeout) {
+    throw Failure(kNoDatabase, lockedText(watch, lockTimeout, "--lock-timeout"));
+  }
+  if (state == kCancelled && !watch.lock().empty()) {
+    throw Failure(kNoDatabase, lockedText(watch, statementTimeout, "--statement-timeout"));
+  }
+  if (state == kCancelled) {
+    throw Failure(kNoDatabase, fmt::format("{}; nothing was changed\nits limit is {} s: "
+                                           "--statement-timeout SECONDS gives it longer",
+                                           said, statementTimeout));
+  }
+  throw Failure(state == kNoRight ? kNotPermitted : kRefused, said);
 }
 
 bool isDaemonConnected(Session& session) {
@@ -122,16 +208,14 @@ long countDaemons(Session& session) {
 
 std::string serverMessage(const std::string& text) {
   std::string message = text;
-  // "Execute failed:  ERROR:  ..." or "NOTICE:  ..."; severities come in the server's language.
-  for (int part = 0; part < 2; ++part) {
-    const auto end = message.find(":  ");
-    if (end != std::string::npos && end < message.find('\n')) {
-      message.erase(0, end + 3);
-    }
-  }
-  // The SQLSTATE, five letters or digits.
-  if (message.find(": ") == 5) {
-    message.erase(0, 7);
+  // "ERROR:  42501: ..."; the severity comes in the server's language, the code is five letters or
+  // digits. Without a code the beginning may be the message itself.
+  const auto end = message.find(":  ");
+  const std::string_view code = std::string_view(message).substr(std::min(end, message.size()));
+  if (code.size() > 9 && end < message.find('\n') && code.substr(8, 2) == ": " &&
+      std::all_of(code.begin() + 3, code.begin() + 8,
+                  [](unsigned char c) { return std::isalnum(c) != 0; })) {
+    message.erase(0, end + 10);
   }
   for (const char* developers : {"\nCONTEXT:", "\nSCHEMA NAME:", "\nLOCATION:"}) {
     message.erase(std::min(message.find(developers), message.size()));

@@ -1,14 +1,13 @@
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "ctl/config.h"
+#include "ctl/lockWatch.h"
 #include "db/result.h"
 
-class pgSafeThread;
 struct Options;
 
 /// A statement's rows, read by column name. A name that the statement does not have is a
@@ -33,7 +32,8 @@ class Rows {
   ResultPtr result;
 };
 
-/// koductl's own session in the daemon's database, in UTC. Failures are thrown as Failure.
+/// koductl's own session in the daemon's database, in UTC. Failures are thrown as Failure. No
+/// statement waits longer for a lock, or in all, than the options say.
 class Session {
  public:
   /// Reads the INI files and connects as the options say.
@@ -47,11 +47,18 @@ class Session {
   /// Refuses every change of the database from now on.
   void makeReadOnly();
 
-  /// Runs one statement with $1 to $n from `params`.
+  /// Runs one statement with $1 to $n from `params`. Throws Failure: kNoDatabase when the session
+  /// is lost or a limit is reached, and then names the lock and who has it; kNotPermitted when a
+  /// right is missing; else kRefused with the server's words.
   Rows query(const std::string& sql, const std::vector<std::string>& params = {});
 
  private:
-  std::unique_ptr<pgSafeThread> connection;
+  ResultPtr awaitResult();
+  [[noreturn]] void fail(const ResultPtr& result, const LockWatch& watch) const;
+
+  const std::string conninfo;
+  const int lockTimeout, statementTimeout;  // seconds; 0 is no limit
+  Connection connection;
 };
 
 /// True when a session of the daemon is in the database.
@@ -61,5 +68,5 @@ bool isDaemonConnected(Session& session);
 /// not see the names of another's sessions.
 long countDaemons(Session& session);
 
-/// The server's words without what only a developer of functions reads: prefix and context.
+/// The server's words without what only a developer of functions reads: severity, code and context.
 std::string serverMessage(const std::string& text);

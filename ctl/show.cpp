@@ -1,13 +1,13 @@
 // koductl show: everything that is known of one task.
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "ctl/commands.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "ctl/session.h"
 #include "ctl/task.h"
 #include "ctl/terminal.h"
@@ -29,7 +29,7 @@ std::string dueText(const Task& task) {
 std::string argumentsText(const Task& task) {
   std::string text;
   for (const std::string& argument : task.record()->GetVectorParam()) {
-    text += fmt::format("{}[{}]", text.empty() ? "" : " ", oneLine(argument));
+    text += fmt::format("{}[{}]", text.empty() ? "" : " ", argument);
   }
   return text.empty() ? "none" : text;
 }
@@ -41,14 +41,20 @@ std::string flagsText(const Task& task) {
   return task.isPaused ? " (paused)" : "";
 }
 
+struct Field {
+  const char* name;
+  std::string value;
+  Colour colour = Colour::kNone;
+};
+
 void printForPeople(const Task& task) {
-  const std::vector<std::pair<const char*, std::string>> fields = {
-      {"task", fmt::format("{}  {}", task.id, oneLine(task.name))},
-      {"plugin", oneLine(task.path)},
+  const std::string status = task.status.value_or("not run yet");
+  const std::vector<Field> fields = {
+      {"task", fmt::format("{}  {}", task.id, task.name)},
+      {"plugin", task.path},
       {"arguments", argumentsText(task)},
       {"every", task.every ? durationText(*task.every) : "no interval"},
-      {"status", coloured(task.status.value_or("not run yet"), colourOf(task.status.value_or(""))) +
-                     flagsText(task)},
+      {"status", status + flagsText(task), colourOf(status)},
       {"last due", timeOrNever(task.lastDue)},
       {"next due", dueText(task)},
       {"retries", fmt::format("{} of {} used, {} apart", task.failedAttempts, task.maxRetries(),
@@ -56,11 +62,11 @@ void printForPeople(const Task& task) {
       {"failures",
        fmt::format("{} in the last hour, {} in the last day", task.failuresHour, task.failuresDay)},
       {"failing", task.failingSince ? "since " + timeText(*task.failingSince) + " UTC" : "no"},
-      {"output", oneLine(task.outputPath())},
+      {"output", task.outputPath()},
       {"archive", task.archivePath()},
   };
-  for (const auto& [name, value] : fields) {
-    fmt::print("{:<10}{}\n", name, value);
+  for (const Field& field : fields) {
+    print("{:<10}{}\n", field.name, coloured(oneLine(field.value), field.colour));
   }
 }
 

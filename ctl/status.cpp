@@ -1,6 +1,6 @@
 // koductl status: the tasks as a table, once or each second.
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +17,7 @@
 #include "ctl/daemonProcess.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "ctl/session.h"
 #include "ctl/table.h"
 #include "ctl/task.h"
@@ -58,7 +59,7 @@ const Columns kStateColumns = {{"ID", kRight},   {"NAME"},     {"STATUS"},
                                {"LATE", kRight}, {"LAST DUE"}, {"NEXT DUE"}};
 void addState(Cells& line, const Task& task) {
   line.emplace_back(std::to_string(task.id));
-  line.emplace_back(cutTo(task.name, 30));
+  line.emplace_back(cutTo(oneLine(task.name), 30));
   line.emplace_back(statusWord(task), colourOf(statusWord(task)));
   line.emplace_back(lateText(task), task.isLate() ? Colour::kYellow : Colour::kNone);
   line.emplace_back(shortTime(task.lastDue, task.now));
@@ -130,7 +131,7 @@ void printTasks(const std::vector<Task>& tasks, const Options& options) {
     return;
   }
   tableOf(tasks, options).print();
-  fmt::print("{}\n", headline(tasks));
+  print("{}\n", headline(tasks));
 }
 
 /// Draws over the former picture, line by line, so that nothing flickers; what does not fit into
@@ -146,7 +147,7 @@ void draw(const std::vector<Task>& tasks, const Options& options) {
   if (lines.size() > room) {
     screen += fmt::format("... and {} more\x1b[K", lines.size() - room);
   }
-  fmt::print("{}\x1b[J", screen);
+  print("{}\x1b[J", Styled(screen));
 }
 
 /// Ctrl-C is how a watch ends: with the cursor back, and as a success.
@@ -178,9 +179,9 @@ std::optional<std::vector<Task>> look(std::optional<Session>& session, const Opt
 
 void showFailure(const std::string& failure, bool isDrawn) {
   if (isDrawn) {
-    fmt::print("\x1b[H{}\x1b[K\n\x1b[J", oneLine(failure));
+    print("\x1b[H{}\x1b[K\n\x1b[J", oneLine(failure));
   } else {
-    fmt::print(stderr, "koductl: {}\n", failure);
+    printError("koductl: {}\n", failure);
   }
 }
 
@@ -189,7 +190,7 @@ void showFailure(const std::string& failure, bool isDrawn) {
   std::signal(SIGTERM, endWatch);
   const bool isDrawn = isTerminal() && !options.asJson;
   if (isDrawn) {
-    fmt::print("\x1b[?25l\x1b[2J");
+    print("\x1b[?25l\x1b[2J");
   }
   for (;;) {
     std::string failure;

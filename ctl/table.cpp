@@ -1,9 +1,9 @@
 #include "ctl/table.h"
 
-#include <fmt/core.h>
-
 #include <algorithm>
 #include <utility>
+
+#include "ctl/print.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ class Line {
   void add(const std::string& text, Colour colour) {
     const std::string shown = maxWidth > 0 ? cutTo(text, std::max(0, maxWidth - width)) : text;
     width += widthOf(shown);
-    content += coloured(shown, colour);
+    content += coloured(shown, colour).text;
   }
 
   std::string content;
@@ -76,6 +76,6 @@ std::vector<std::string> Table::render(int maxWidth) const {
 
 void Table::print() const {
   for (const std::string& line : render(isTerminal() ? terminalSize().columns : 0)) {
-    fmt::print("{}\n", line);
+    ::print("{}\n", Styled(line));
   }
 }

@@ -7,49 +7,34 @@
 #include <cstdlib>
 #include <cwchar>
 
+#include "common/plainText.h"
+
 namespace {
 
-bool isControl(char c) {
-  return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-}
-
-/// The bytes of the control character that `text` begins with; 0 for another one. Those from U+0080
-/// to U+009F are some too: terminals take U+009B for an escape and a bracket.
-std::size_t controlLength(std::string_view text) {
-  if (isControl(text.front())) {
-    return 1;
-  }
-  const bool isHigh = text.size() > 1 && text[0] == '\xc2' &&
-                      static_cast<unsigned char>(text[1]) >= 0x80 &&
-                      static_cast<unsigned char>(text[1]) < 0xa0;
-  return isHigh ? 2 : 0;
-}
-
-/// With `substitute` for each control character that is not among `allowed`.
-std::string withoutControls(std::string_view text, char substitute, std::string_view allowed) {
+/// `text` with `forUnsafe(character)` in the place of each character that is unsafe.
+template <typename Substitute>
+std::string withoutUnsafe(std::string_view text, const Substitute& forUnsafe) {
   std::string safe;
   safe.reserve(text.size());
   while (!text.empty()) {
-    const bool isAllowed = allowed.find(text.front()) != std::string_view::npos;
-    const std::size_t length = isAllowed ? 0 : controlLength(text);
-    safe += length > 0 ? substitute : text.front();
-    text.remove_prefix(length > 0 ? length : 1);
+    const Utf8Character first = firstUtf8Character(text);
+    if (isUnsafe(first.code)) {
+      safe += forUnsafe(text.front());
+    } else {
+      safe += text.substr(0, first.bytes);
+    }
+    text.remove_prefix(first.bytes);
   }
   return safe;
 }
 
-struct Character {
-  std::size_t bytes;
-  int columns;
-};
+bool isOneOf(std::string_view characters, char c) {
+  return characters.find(c) != std::string_view::npos;
+}
 
-/// The one that `text` begins with. A byte that is no UTF-8 is shown as one column.
-Character firstCharacter(std::string_view text) {
-  std::mbstate_t state{};
-  wchar_t character = 0;
-  const std::size_t length = std::mbrtowc(&character, text.data(), text.size(), &state);
-  const bool isValid = length > 0 && length <= text.size();
-  return isValid ? Character{length, std::max(0, wcwidth(character))} : Character{1, 1};
+/// The columns that a character takes. A byte that is no UTF-8 takes one.
+int columnsOf(char32_t code) {
+  return code == kNoCharacter ? 1 : std::max(0, wcwidth(static_cast<wchar_t>(code)));
 }
 
 bool isColourWanted() {
@@ -81,11 +66,12 @@ bool isTerminal() {
   return isatty(STDOUT_FILENO) == 1;
 }
 
-std::string coloured(const std::string& text, Colour colour) {
+Styled coloured(const std::string& text, Colour colour) {
+  const std::string safe = printable(text);
   if (colour == Colour::kNone || !isColourWanted()) {
-    return text;
+    return Styled(safe);
   }
-  return sequenceOf(colour) + text + "\x1b[0m";
+  return Styled(sequenceOf(colour) + safe + "\x1b[0m");
 }
 
 Colour colourOf(const std::string& status) {
@@ -106,19 +92,19 @@ TerminalSize terminalSize() {
   return {size.ws_row, size.ws_col};
 }
 
-std::string printable(const std::string& text) {
-  return isTerminal() ? withoutControls(text, '?', "\n\t") : text;
+std::string printable(std::string_view text) {
+  return withoutUnsafe(text, [](char c) { return isOneOf("\n\t", c) ? c : '?'; });
 }
 
 std::string oneLine(std::string_view text) {
-  return withoutControls(text, ' ', "");
+  return withoutUnsafe(text, [](char c) { return isOneOf("\t\n\v\f\r", c) ? ' ' : '?'; });
 }
 
 int widthOf(std::string_view text) {
   int width = 0;
   while (!text.empty()) {
-    const Character first = firstCharacter(text);
-    width += first.columns;
+    const Utf8Character first = firstUtf8Character(text);
+    width += columnsOf(first.code);
     text.remove_prefix(first.bytes);
   }
   return width;
@@ -127,8 +113,8 @@ int widthOf(std::string_view text) {
 std::string cutTo(std::string_view text, int columns) {
   std::size_t end = 0;
   for (int width = 0; end < text.size();) {
-    const Character next = firstCharacter(text.substr(end));
-    width += next.columns;
+    const Utf8Character next = firstUtf8Character(text.substr(end));
+    width += columnsOf(next.code);
     if (width > columns) {
       break;
     }

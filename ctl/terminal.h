@@ -2,15 +2,24 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
 /// True when standard output is a terminal.
 bool isTerminal();
 
 enum class Colour { kNone, kGreen, kRed, kYellow, kBold };
 
-/// `text` in a colour; as it is where standard output is no terminal, TERM is "dumb" or NO_COLOR is
-/// set to anything.
-std::string coloured(const std::string& text, Colour colour);
+/// Text that goes to the terminal as it is: sequences of koductl's own around text that is
+/// printable already.
+struct Styled {
+  explicit Styled(std::string content) : text(std::move(content)) {}
+
+  std::string text;
+};
+
+/// `text` in a colour, and printable; without the colour where standard output is no terminal, TERM
+/// is "dumb" or NO_COLOR is set to anything.
+Styled coloured(const std::string& text, Colour colour);
 
 /// Green, red and yellow for OK, FAILED and PROCESS.
 Colour colourOf(const std::string& status);
@@ -23,11 +32,11 @@ struct TerminalSize {
 /// The size of the terminal; 24 rows and 80 columns when it does not say.
 TerminalSize terminalSize();
 
-/// `text` as a terminal may safely show it: control characters but newline and tab become "?", as
-/// a plugin's output may hold sequences that command the terminal. Elsewhere as it is.
-std::string printable(const std::string& text);
+/// `text` as a terminal may safely show it: a "?" takes the place of each character that is unsafe
+/// by common/plainText.h, but for newlines and tabs.
+std::string printable(std::string_view text);
 
-/// `text` in one line: control characters become blanks.
+/// The same in one line: blanks take the place of newlines, tabs and their like.
 std::string oneLine(std::string_view text);
 
 /// The number of columns that UTF-8 text takes on a terminal: two for a wide character, none for an

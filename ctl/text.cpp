@@ -3,8 +3,11 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <string_view>
 #include <utility>
 
+#include "common/plainText.h"
+#include "ctl/print.h"
 #include "sched/pluginOutput.h"
 
 namespace {
@@ -16,6 +19,23 @@ std::string formatted(long time, const char* pattern) {
   std::array<char, 64> text{};
   const std::size_t length = std::strftime(text.data(), text.size(), pattern, &parts);
   return {text.data(), length};
+}
+
+/// JSON text with the unsafe characters that a writer of JSON lets pass in the form "\u009b".
+/// Outside of its strings JSON has none but the newlines that indent it.
+std::string escaped(std::string_view json) {
+  std::string text;
+  text.reserve(json.size());
+  while (!json.empty()) {
+    const Utf8Character first = firstUtf8Character(json);
+    if (isUnsafe(first.code) && first.code != '\n') {
+      text += fmt::format("\\u{:04x}", static_cast<unsigned>(first.code));
+    } else {
+      text += json.substr(0, first.bytes);
+    }
+    json.remove_prefix(first.bytes);
+  }
+  return text;
 }
 
 }  // namespace
@@ -66,14 +86,11 @@ Json::Value jsonText(const std::optional<std::string>& text) {
   return text ? Json::Value(*text) : Json::Value();
 }
 
-Json::Value jsonOutput(std::string bytes) {
-  repairUtf8(bytes);
-  return bytes;
-}
-
 void printJson(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;
-  fmt::print("{}\n", Json::writeString(builder, value));
+  std::string text = Json::writeString(builder, value);
+  repairUtf8(text);
+  print("{}\n", Styled(escaped(text)));
 }

@@ -22,7 +22,6 @@ std::string counted(long count, const std::string& noun);
 Json::Value jsonTime(std::optional<long> time);
 Json::Value jsonNumber(std::optional<long> number);
 Json::Value jsonText(const std::optional<std::string>& text);
-/// A plugin's output, whose invalid UTF-8 no JSON may hold: blanks take its place.
-Json::Value jsonOutput(std::string bytes);
-/// Prints a value, indented, with a newline.
+/// Prints a value, indented, with a newline. Bytes that are no UTF-8 become blanks, as in what the
+/// daemon stores; characters that common/plainText.h calls unsafe are escaped.
 void printJson(const Json::Value& value);

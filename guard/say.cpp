@@ -1,11 +1,14 @@
 #include "guard/say.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 
+#include "common/plainText.h"
 #include "guard/system.h"
 
 namespace {
@@ -31,6 +34,27 @@ void write(std::string_view text) {
   }
 }
 
+/// The same for a terminal: a "?" takes the place of each character that may command it.
+void writePrintable(std::string_view text) {
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const Utf8Character next = firstUtf8Character(rest);
+    rest.remove_prefix(next.bytes);
+    const bool isLayout = next.code == '\n' || next.code == '\t';
+    if (isUnsafe(next.code) && !isLayout) {
+      write({text.data(), text.size() - rest.size() - next.bytes});
+      write("?");
+      text = rest;
+    }
+  }
+  write(text);
+}
+
+bool isTerminal() {
+  termios settings{};
+  return kernel(SYS_ioctl, STDOUT_FILENO, TCGETS, &settings) == 0;
+}
+
 }  // namespace
 
 Digits::Digits(long number)
@@ -38,7 +62,8 @@ Digits::Digits(long number)
                                       text.begin())) {}
 
 void say(std::initializer_list<std::string_view> pieces) {
+  const bool isShown = isTerminal();
   for (const std::string_view piece : pieces) {
-    write(piece);
+    isShown ? writePrintable(piece) : write(piece);
   }
 }

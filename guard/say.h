@@ -16,6 +16,7 @@ class Digits {
   std::size_t length;
 };
 
-/// Writes the pieces to standard output, one behind the other, each in full. Gives up without a
-/// word when nobody can read them: there is no other place to say so.
+/// Writes the pieces to standard output, one behind the other, each in full; to a terminal with a
+/// "?" in the place of what common/plainText.h calls unsafe, but for newlines and tabs. Gives up
+/// without a word when nobody can read them: there is no other place to say so.
 void say(std::initializer_list<std::string_view> pieces);

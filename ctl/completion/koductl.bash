@@ -11,7 +11,7 @@ _koductl_ids() {
 
 _koductl() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} i command=''
-  local common='-f --config --user --json --help'
+  local common='-f --config --user --lock-timeout --statement-timeout --json --help'
   local commands='status show explain history output rerun check add set pause resume run delete
     forecast stagger prune'
   COMPREPLY=()
@@ -20,7 +20,7 @@ _koductl() {
   done
   for ((i = 1; i < COMP_CWORD; i++)); do
     case ${COMP_WORDS[i]} in
-      -f | --config | --user) ((++i)) ;;
+      -f | --config | --user | --lock-timeout | --statement-timeout) ((++i)) ;;
       -*) ;;
       *)
         command=${COMP_WORDS[i]}
@@ -33,7 +33,7 @@ _koductl() {
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
       return
       ;;
-    --user | --name | --every | --retries | --retry-after | --file | --first | --next | --timeout | \
+    --user | --lock-timeout | --statement-timeout | --name | --every | --retries | --retry-after | --file | --first | --next | --timeout | \
       --reason | --older-than | --longest | --run-seconds | --took | -n | --count) return ;;
   esac
   local definition='--name --every --retries --retry-after --file'

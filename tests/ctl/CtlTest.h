@@ -1,8 +1,12 @@
 #pragma once
 
 #include <fcntl.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -39,6 +43,14 @@ class CtlTest : public DaemonTest {
 
   /// A role of this test's own: roles belong to the whole cluster.
   std::string admin() const { return "admin_of_" + database.name(); }
+
+  /// Has `koductl run` call a function of the test's own.
+  void replaceRunNow(const std::string& language, const std::string& body) const {
+    database.query(
+        "DROP FUNCTION kodu_task_run_now; CREATE FUNCTION kodu_task_run_now(task int)"
+        " RETURNS void LANGUAGE " +
+        language + " AS $body$" + body + "$body$");
+  }
 
   /// Runs koductl with the daemon's configuration and waits for its end.
   CtlResult run(const std::vector<std::string>& arguments) const {
@@ -79,6 +91,33 @@ class CtlTest : public DaemonTest {
       _exit(127);
     }
     return pid;
+  }
+
+  /// What koductl writes on a terminal of 100 columns, standard output and error together.
+  std::string runOnTerminal(const std::vector<std::string>& arguments,
+                            const std::vector<std::string>& variables = {"TERM=xterm",
+                                                                         "NO_COLOR=1"}) const {
+    std::vector<std::string> all = {program(), "-f", daemon.mainConfig()};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    const std::vector<char*> pointers = pointersTo(all);
+    winsize size{24, 100, 0, 0};
+    int terminal = -1;
+    const pid_t pid = forkpty(&terminal, nullptr, nullptr, &size);
+    if (pid == 0) {
+      for (const std::string& variable : variables) {
+        putenv(const_cast<char*>(variable.c_str()));
+      }
+      execv(pointers[0], pointers.data());
+      _exit(127);
+    }
+    std::string output;
+    std::array<char, 4096> chunk{};
+    for (ssize_t length = 0; (length = read(terminal, chunk.data(), chunk.size())) > 0;) {
+      output.append(chunk.data(), static_cast<std::size_t>(length));
+    }
+    close(terminal);
+    waitpid(pid, nullptr, 0);
+    return output;
   }
 
   static std::string program() { return builtProgram("KODU_TEST_CTL"); }

@@ -1,8 +1,5 @@
-#include <pty.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
 #include <csignal>
 #include <string>
 
@@ -17,32 +14,6 @@ using testing::Not;
 /// koductl status and show.
 class StatusTest : public CtlTest {
  protected:
-  /// What koductl writes on a terminal of 100 columns.
-  std::string runOnTerminal(const std::vector<std::string>& variables) const {
-    std::string path = program();
-    std::string config = daemon.mainConfig();
-    std::array<char*, 5> arguments = {path.data(), const_cast<char*>("-f"), config.data(),
-                                      const_cast<char*>("status"), nullptr};
-    winsize size{24, 100, 0, 0};
-    int terminal = -1;
-    const pid_t pid = forkpty(&terminal, nullptr, nullptr, &size);
-    if (pid == 0) {
-      for (const std::string& variable : variables) {
-        putenv(const_cast<char*>(variable.c_str()));
-      }
-      execv(arguments[0], arguments.data());
-      _exit(127);
-    }
-    std::string output;
-    std::array<char, 4096> chunk{};
-    for (ssize_t length = 0; (length = read(terminal, chunk.data(), chunk.size())) > 0;) {
-      output.append(chunk.data(), static_cast<std::size_t>(length));
-    }
-    close(terminal);
-    waitpid(pid, nullptr, 0);
-    return output;
-  }
-
   /// One task of each kind: 1 is fine, 2 fails, 3 runs, 4 is late, 5 has not run.
   void insertOneOfEach() const {
     for (const int id : {1, 2, 3, 4, 5}) {
@@ -102,7 +73,7 @@ TEST_F(StatusTest, ShowsWhatTheLastRunsSaidFirst) {
   writeOutput("out_3_last.txt", "another task's");
   const CtlResult result = run({"status", "--output"});
   EXPECT_THAT(result.out, HasSubstr("FAILED 24H  OUTPUT\n"));
-  EXPECT_THAT(result.out, HasSubstr("  OK:  [31mall well\n"));
+  EXPECT_THAT(result.out, HasSubstr("  OK: ?[31mall well\n"));
   EXPECT_THAT(result.out, HasSubstr("  " + std::string(240, 'x') + "\n"));
   EXPECT_THAT(result.out, ContainsRegex("3  task3 .* 0\n"));
 }
@@ -153,9 +124,9 @@ TEST_F(StatusTest, GoesOnWatchingWhenTheSessionIsLost) {
 TEST_F(StatusTest, ColoursOnATerminalUnlessNoColorIsSet) {
   database.insertTask(quietTask(1));
   setStatus(1, "FAILED");
-  EXPECT_THAT(runOnTerminal({"TERM=xterm", "NO_COLOR="}), HasSubstr("\x1b[31mFAILED"));
-  EXPECT_THAT(runOnTerminal({"TERM=xterm", "NO_COLOR=1"}), Not(HasSubstr("\x1b")));
-  EXPECT_THAT(runOnTerminal({"TERM=dumb", "NO_COLOR="}), Not(HasSubstr("\x1b")));
+  EXPECT_THAT(runOnTerminal({"status"}, {"TERM=xterm", "NO_COLOR="}), HasSubstr("\x1b[31mFAILED"));
+  EXPECT_THAT(runOnTerminal({"status"}, {"TERM=xterm", "NO_COLOR=1"}), Not(HasSubstr("\x1b")));
+  EXPECT_THAT(runOnTerminal({"status"}, {"TERM=dumb", "NO_COLOR="}), Not(HasSubstr("\x1b")));
 }
 
 TEST_F(StatusTest, BearsTimesWithoutAnEnd) {
@@ -176,7 +147,7 @@ TEST_F(StatusTest, ShowsNoControlCharacterOfAName) {
   TaskRow row = quietTask(7);
   row.name = "a\x1b[31m\u009b31mb";
   database.insertTask(row);
-  EXPECT_THAT(run({"show", "7"}).out, HasSubstr("task      7  a [31m 31mb\n"));
+  EXPECT_THAT(run({"show", "7"}).out, HasSubstr("task      7  a?[31m?31mb\n"));
 }
 
 TEST_F(StatusTest, ShowsOneTaskWithItsArgumentsAndFiles) {

@@ -2,6 +2,7 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
+#include <pty.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -128,6 +129,13 @@ class GuardTest : public testing::Test {
     addScript(options, body);
     run(options);
   }
+  /// The same with `terminal`, which is closed then, as its standard output.
+  void runScriptOn(int terminal, const std::string& body) {
+    std::vector<std::string> options;
+    addScript(options, body);
+    run(options, [terminal] { dup2(terminal, STDOUT_FILENO); });
+    close(terminal);
+  }
   void addScript(std::vector<std::string>& options, const std::string& body) const {
     options.insert(options.end(),
                    {"--", writePlugin(directory / "plugin", "PATH=/usr/bin:/bin\n" + body)});
@@ -169,6 +177,19 @@ TEST_F(GuardTest, PassesOutputAndExitCodeThrough) {
     EXPECT_EQ(errors, "lost\n");
     EXPECT_EQ(code(), exitCode);
   }
+}
+
+TEST_F(GuardTest, GivesATerminalNoControlCharacter) {
+  int terminal = -1;
+  int end = -1;
+  ASSERT_EQ(openpty(&terminal, &end, nullptr, nullptr, nullptr), 0);
+  runScriptOn(end, R"(printf 'a\033[31m\tb\302\23331m\177\377 \303\251\342\200\256\n')");
+  std::array<char, 256> shown{};
+  const ssize_t length = read(terminal, shown.data(), shown.size());
+  close(terminal);
+  ASSERT_GT(length, 0);
+  EXPECT_EQ(std::string(shown.data(), static_cast<std::size_t>(length)),
+            "a?[31m\tb?31m?? \303\251?\r\n");
 }
 
 TEST_F(GuardTest, LeavesEachByteOfTheOutputAlone) {

@@ -155,6 +155,19 @@ TEST_F(HealthcheckTest, SeesADatabaseThatRefuses) {
   EXPECT_THAT(health.line, HasSubstr("password authentication failed"));
 }
 
+TEST_F(HealthcheckTest, ShowsNoControlCharacterOfAMessage) {
+  std::string config = readFile(daemon.databaseConfig());
+  const std::string name = "PGSQL_db=" + database.name();
+  config.replace(config.find(name), name.size(),
+                 "PGSQL_db='x\\\\033[31m\x1b[31m\u009b31m\u202e\x7f\xff'");
+  writeFile(daemon.databaseConfig(), config);
+
+  const Health health = check();
+
+  EXPECT_EQ(health.status, 2);
+  EXPECT_THAT(health.line, HasSubstr("\"x\\033[31m?[31m?31m??\" does not exist"));
+}
+
 TEST_F(HealthcheckTest, PutsAMessageOfSeveralLinesOnOne) {
   std::string config = readFile(daemon.databaseConfig());
   const std::string port = "PGSQL_port=" + std::to_string(database.port());

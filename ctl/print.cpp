@@ -1,0 +1,5 @@
+#include "ctl/print.h"
+
+void printOutput(const std::string& bytes) {
+  fmt::print(stdout, "{}", isTerminal() ? printable(bytes) : bytes);
+}

@@ -1,0 +1,182 @@
+#include "ctl/print.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "common/plainText.h"
+#include "tests/ctl/CtlTest.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+// An escape, a C1 control, DEL, an override of the direction, and a byte that is no UTF-8.
+const std::string kNasty = "\x1b[31m \u009b31m \x7f \u202e\u2067 \xff";
+const std::string kNastyUtf8 = kNasty.substr(0, kNasty.size() - 1);
+const std::string kShownNasty = "?[31m ?31m ? ?? ?";
+
+/// The unsafe characters of what was printed for people, each as its code; newlines and tabs are
+/// none, and a terminal ends lines in a carriage return, too.
+std::string unsafeIn(std::string_view text) {
+  std::string found;
+  while (!text.empty()) {
+    const Utf8Character first = firstUtf8Character(text);
+    if (isUnsafe(first.code) && first.code != '\n' && first.code != '\t' && first.code != '\r') {
+      found += fmt::format("{:x} ", static_cast<unsigned>(first.code));
+    }
+    text.remove_prefix(first.bytes);
+  }
+  return found;
+}
+
+TEST(PrintableTest, PutsAQuestionMarkForEachUnsafeCharacter) {
+  EXPECT_EQ(printable(kNasty), kShownNasty);
+  EXPECT_EQ(printable("line\n\ttab\r"), "line\n\ttab?");
+  EXPECT_EQ(printable("\u061c\u200e\u200f\u2028\u2029\u202a\u202e\u2066\u2069"), "?????????");
+  EXPECT_EQ(printable("é \u00a0 日本 \U0001f600 \u200d"), "é \u00a0 日本 \U0001f600 \u200d");
+}
+
+TEST(PrintableTest, TakesNoByteForACharacterThatIsNone) {
+  for (const char* wrong :
+       {"\x80", "\xc2", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
+        "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80", "\xe2\x80"}) {
+    const std::string text = std::string(wrong) + "a";
+    EXPECT_EQ(printable(text), std::string(text.size() - 1, '?') + "a");
+  }
+}
+
+/// What koductl prints of names, outputs and messages that command a terminal.
+class PrintTest : public CtlTest {
+ protected:
+  /// A task whose name, plugin, arguments and file are nasty, which has run and failed.
+  TaskRow nastyTask() const {
+    TaskRow row = quietTask(7);
+    row.name = kNastyUtf8;
+    row.path =
+        writePlugin(daemon.directory / ("plugin" + kNastyUtf8),
+                    "printf '%b' 'said \\033[31m\\n'; printf '%b' 'to err \\033[31m\\n' >&2");
+    row.parameter = "-m \"" + kNastyUtf8 + "\"";
+    row.logFile = "out" + kNastyUtf8 + "$DATE.txt";
+    return row;
+  }
+  void insertNastyTask() const {
+    // As a schema of an earlier version takes it.
+    database.query("ALTER TABLE kodu_cron_plugin DROP CONSTRAINT cron_log_file_without_controls");
+    database.insertTask(nastyTask());
+    setStatus(7, "FAILED");
+    writeOutput("out" + kNastyUtf8 + "last.txt", kNasty + "\n");
+    addFailure(7, 30, "x" + kNastyUtf8, kNasty + "\n");
+  }
+};
+
+TEST_F(PrintTest, GivesATerminalNoneOfThem) {
+  insertNastyTask();
+  const std::vector<std::vector<std::string>> commands = {{"status"},
+                                                          {"status", "--output"},
+                                                          {"show", "7"},
+                                                          {"explain", "7"},
+                                                          {"check"},
+                                                          {"history", "7"},
+                                                          {"output", "7"},
+                                                          {"output", "7", "1"},
+                                                          {"rerun", "7"},
+                                                          {"output", "7", kNasty},
+                                                          {"forecast"},
+                                                          {kNasty},
+                                                          {"show", "7", kNasty},
+                                                          {"status", "--" + kNasty},
+                                                          {"status", "--user", kNastyUtf8},
+                                                          {"-f", kNasty, "status"},
+                                                          {"add", kNasty, "--every", kNasty}};
+  for (const auto& command : commands) {
+    const std::string text = runOnTerminal(command);
+    EXPECT_NE(text, "");
+    EXPECT_EQ(unsafeIn(text), "") << testing::PrintToString(command) << "\n" << text;
+  }
+}
+
+TEST_F(PrintTest, GivesAFileNoneOfThemButInAPluginsOutput) {
+  insertNastyTask();
+  for (const auto& command : std::vector<std::vector<std::string>>{
+           {"status", "--output"}, {"show", "7"}, {"explain", "7"}, {"check"}, {"history", "7"}}) {
+    const CtlResult result = run(command);
+    EXPECT_EQ(unsafeIn(result.out + result.err), "") << testing::PrintToString(command);
+  }
+  EXPECT_EQ(run({"output", "7"}).out, kNasty + "\n");
+  const CtlResult rerun = run({"rerun", "7"});
+  EXPECT_THAT(rerun.out, StartsWith("said \x1b[31m\n"));
+  EXPECT_EQ(rerun.err, "to err \x1b[31m\n");
+}
+
+TEST_F(PrintTest, EscapesThemInJson) {
+  insertNastyTask();
+  for (const auto& command : std::vector<std::vector<std::string>>{{"status"},
+                                                                   {"show", "7"},
+                                                                   {"explain", "7"},
+                                                                   {"check"},
+                                                                   {"history", "7"},
+                                                                   {"output", "7"},
+                                                                   {"rerun", "7"}}) {
+    std::vector<std::string> asJson = command;
+    asJson.emplace_back("--json");
+    const std::string text = run(asJson).out;
+    EXPECT_EQ(unsafeIn(text), "") << testing::PrintToString(command);
+    parsed(text);
+  }
+  EXPECT_EQ(parsed(run({"show", "7", "--json"}).out)["name"].asString(), kNastyUtf8);
+  EXPECT_EQ(parsed(run({"output", "7", "--json"}).out)["output"].asString(), kNastyUtf8 + " \n");
+}
+
+TEST_F(PrintTest, ShowsWhatTheServerSaysWithoutThem) {
+  replaceRunNow("plpgsql",
+                "BEGIN RAISE NOTICE E'noted \\x1b[31m'; RAISE EXCEPTION E'refused \\u009b31m'"
+                " USING HINT = E'a hint \\x7f'; END");
+  database.insertTask(quietTask(7));
+  const CtlResult result = runAsAdmin({"run", "7"});
+  EXPECT_EQ(result.exitCode, 65);
+  EXPECT_EQ(result.err, "koductl: noted ?[31m\nkoductl: refused ?31m\nhint: a hint ?\n");
+}
+
+TEST_F(PrintTest, ShowsWhatTheServerSaysAtTheConnectionWithoutThem) {
+  database.query(
+      "UPDATE pg_database SET datcollversion = E'\\x1b[31m'"
+      " WHERE datname = current_database()");
+  const CtlResult result = run({"status"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.err, StartsWith("koductl: WARNING:  database \""));
+  EXPECT_EQ(unsafeIn(result.err), "");
+}
+
+TEST_F(PrintTest, KeepsTwoBlanksBehindAColonOfAMessage) {
+  replaceRunNow("plpgsql", "BEGIN RAISE NOTICE 'all of this:  is the message'; END");
+  database.insertTask(quietTask(7));
+  EXPECT_EQ(runAsAdmin({"run", "7"}).err, "koductl: all of this:  is the message\n");
+}
+
+TEST_F(PrintTest, LeavesNoHalfCharacterAtTheEndOfAFirstLine) {
+  database.insertTask(quietTask(7));
+  setStatus(7, "OK");
+  writeOutput("out_7_last.txt", "a" + std::string(400, 'x').replace(238, 3, "日"));
+  EXPECT_THAT(run({"status", "--output"}).out, HasSubstr("a" + std::string(238, 'x') + "\n"));
+}
+
+TEST_F(PrintTest, IsTheOnlyWayOut) {
+  for (const std::string& name : filesIn(projectFile("ctl"))) {
+    if (name.starts_with("print.") || !(name.ends_with(".cpp") || name.ends_with(".h"))) {
+      continue;
+    }
+    const std::string source = readFile(projectFile("ctl/" + name));
+    for (const char* other :
+         {"fmt::print", "std::cout", "std::cerr", "printf(", "fputs(", "fputc(", "fwrite("}) {
+      EXPECT_THAT(source, Not(HasSubstr(other))) << name;
+    }
+  }
+}
+
+}  // namespace
