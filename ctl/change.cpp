@@ -73,7 +73,7 @@ void warnOfPlugin(Session& session, int id) try {
     }
   }
 } catch (const Failure& e) {  // of finding the daemon
-  fmt::print(stderr, "koductl: warning: {}\n", oneLine(e.what()));
+  printError("koductl: warning: {}\n", oneLine(e.what()));
 }
 
 std::optional<std::string> parametersOf(const Options& options) {

@@ -54,6 +54,11 @@ TEST(PrintableTest, TakesNoByteForACharacterThatIsNone) {
 /// What koductl prints of names, outputs and messages that command a terminal.
 class PrintTest : public CtlTest {
  protected:
+  void SetUp() override {
+    CtlTest::SetUp();
+    writeFile(daemon.logPath(), "");  // whose owner the daemon's user is, while none runs
+  }
+
   /// A task whose name, plugin, arguments and file are nasty, which has run and failed.
   TaskRow nastyTask() const {
     TaskRow row = quietTask(7);
