@@ -97,16 +97,28 @@ TEST_F(NotificationBatchTest, ThrowsForAnIdOutsideTheIntegers) {
   }
 }
 
-TEST_F(NotificationBatchTest, ThrowsForANestingThatIsTooDeep) {
+TEST_F(NotificationBatchTest, WarnsOfANestingThatIsTooDeep) {
   const std::string payload(1001, '[');
 
-  EXPECT_THROW(batch.add(payload), Json::RuntimeError);
+  batch.add(payload);
 
-  EXPECT_THAT(log(), ElementsAre("DEBUG#TH LISTENER# Notify string receive :" + payload));
+  EXPECT_THAT(log(), ElementsAre("DEBUG#TH LISTENER# Notify string receive :" + payload,
+                                 "WARNING#TH ADMIN# Bad notify Json receive :" + payload));
+}
+
+TEST_F(NotificationBatchTest, TakesANestingThatIsJustWithinTheLimit) {
+  const std::string depth(998, '[');
+  const std::string payload =
+      R"({"TYPE":"SERVICE","COMMAND":"ADD","ID":7,"x":)" + depth + std::string(998, ']') + "}";
+
+  batch.add(payload);
+
+  EXPECT_THAT(batch.additions(), ElementsAre(7));
 }
 
 TEST_F(NotificationBatchTest, ReadsOnAfterABadPayload) {
   batch.add("{");
+  batch.add(std::string(1001, '['));
   batch.add(R"({"TYPE":"SERVICE","COMMAND":"ADD","ID":7})");
 
   EXPECT_THAT(batch.additions(), ElementsAre(7));
