@@ -122,11 +122,17 @@ Threads startThreads(int workers) {
   return {std::move(timer), std::move(admin), std::move(listener)};
 }
 
-/// Everything from the signal handler to the running threads. A SIGTERM that comes meanwhile is
-/// kept until there is a thread that waits or starts: the handler needs the log, and nothing here
-/// may be cut short half-way.
-Threads startService(const iniConfig& config) {
+void createQueues() {
+  serviceQueue = new CronTaskQueue();
+  // HandlerQuit, on this thread, finds either no queue or a complete one.
   const SignalBlock noSigterm = SignalBlock::sigterm();
+  queueExecTask = new ExecuteQueue<std::shared_ptr<serviceCron>>();
+}
+
+/// Everything from the signal handler to the running threads. A SIGTERM takes effect at once
+/// whatever is done here; it cuts nothing short, but the threads end at their first look at the
+/// stop flag, and no purge begins. Tested by StopInStartUpTest.TakesASignalAtOnceDuringTheLoad.
+Threads startService(const iniConfig& config) {
   std::signal(SIGTERM, HandlerQuit);
   // Whoever started the daemon may have left it ignored: no plugin could be waited for then.
   // StartUpTest.WaitsForPluginsWhereSigchldIsIgnored holds this in place.
@@ -134,8 +140,7 @@ Threads startService(const iniConfig& config) {
   // Nobody catches what a text that is no number throws: the process ends.
   const int workers = std::stoi(config.getKey("CRON", "thread_number"));
   connectDatabase(config.getKey("CRON", "kodu_conf_file"));
-  serviceQueue = new CronTaskQueue();
-  queueExecTask = new ExecuteQueue<std::shared_ptr<serviceCron>>();
+  createQueues();
   prepareNamedStatements(*pgSQL);
   fileLog->write(2, "Load cron task");
   load_cron_task("ADD", nullptr);

@@ -19,7 +19,7 @@ void logStop(int sig) {
   std::array<char, kStopText.size() + 12> line{};
   char* const number = line.data() + kStopText.copy(line.data(), kStopText.size());
   const auto written = std::to_chars(number, line.data() + line.size(), sig);
-  fileLog->write(2, std::string_view(line.data(), written.ptr));
+  fileLog->writeInHandler(2, std::string_view(line.data(), written.ptr));
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ void loadAndEmpty(const char* mode, std::vector<int>& ids) {
 void NotificationBatch::add(const std::string& payload) {
   fileLog->write(0, "TH LISTENER# Notify string receive :" + payload);
   Json::Value message;
-  if (!reader->parse(payload.data(), payload.data() + payload.size(), &message, &errors)) {
+  if (!parse(payload, message)) {
     // The admin thread's name in it stays: those who watch the log look for this line.
     // NotificationBatchTest.WarnsOfAPayloadThatIsNoJson holds this in place.
     fileLog->write(3, "TH ADMIN# Bad notify Json receive :" + payload);
@@ -36,6 +36,14 @@ void NotificationBatch::add(const std::string& payload) {
     added.push_back(message["ID"].asInt());
   } else if (command == "UPDATE") {
     updated.push_back(message["ID"].asInt());
+  }
+}
+
+bool NotificationBatch::parse(const std::string& payload, Json::Value& message) {
+  try {
+    return reader->parse(payload.data(), payload.data() + payload.size(), &message, &errors);
+  } catch (const Json::RuntimeError&) {  // too deep; the reader starts anew with the next text
+    return false;
   }
 }
 

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <concepts>
-#include <fstream>
+#include <ctime>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -14,8 +17,11 @@
 /// 4 ERRORS, 5 CRITICAL, 6 ALERT, 7 ERMERGENCY; any other level is written as INFO. Readers of the
 /// log depend on the words' spelling.
 ///
-/// HandlerQuit writes too, on whatever thread SIGTERM finds: a thread that is inside a member
-/// keeps SIGTERM blocked, and writing a line allocates nothing.
+/// A line that finds no room on the disk is lost, or its end is; the next one that finds room
+/// begins on a line of its own, also when a former life of the daemon left the half line.
+///
+/// HandlerQuit writes too, on whatever thread SIGTERM finds: a thread that holds the log's mutex
+/// keeps SIGTERM blocked, and neither waits for anything but the disk nor allocates.
 class logFile {
  public:
   /// Opens `path` for appending, creating it when missing, with threshold 1. Throws FileException
@@ -24,6 +30,10 @@ class logFile {
 
   /// The same with `threshold`: lines of a lower level are dropped.
   logFile(char threshold, std::string path);
+
+  ~logFile();
+  logFile(const logFile&) = delete;
+  logFile& operator=(const logFile&) = delete;
 
   /// Writes a line unless `lineLevel` is below the threshold, which is tested without the lock.
   /// Opens the file again if it was closed; throws FileException when that fails.
@@ -38,6 +48,10 @@ class logFile {
       write(lineLevel, std::string_view(message()));
     }
   }
+
+  /// Writes HandlerQuit's line, unless its level is below the threshold: as above, but without the
+  /// heap and with the time zone as the last look at it found it.
+  void writeInHandler(char lineLevel, std::string_view message);
 
   /// Writes a line with `tag` in place of the level's word, whatever the threshold. Throws as
   /// above.
@@ -57,13 +71,20 @@ class logFile {
 
  private:
   bool writes(char lineLevel) const { return level <= static_cast<signed char>(lineLevel); }
-  /// Opens the stream. Throws FileException when that fails. Caller holds mutex, or constructs.
-  void open();
-  /// Makes the stream ready for a line, opened again if it is closed. Caller holds mutex.
-  void prepare();
 
-  const signed char level;     // constant after construction
-  const std::string fileName;  // constant after construction
-  std::fstream stream;         // guarded by mutex
+  /// Opens the file, close-on-exec. Throws FileException when that fails. Caller holds mutex, or
+  /// constructs.
+  void open();
+  /// Writes a line whose time is `offset` seconds ahead of UTC.
+  void writeLine(long offset, std::string_view tag, std::string_view message);
+  /// Writes `parts` and a newline, all at once. Caller holds mutex.
+  void append(std::initializer_list<std::string_view> parts);
+  /// True when the file ends in the middle of a line. Caller holds mutex.
+  bool endsInsideLine() const;
+
+  const signed char level;       // constant after construction
+  const std::string fileName;    // constant after construction
+  int file = -1;                 // guarded by mutex
+  bool isLastLineWhole = false;  // guarded by mutex; false also when it is not known
   std::mutex mutex;
 };

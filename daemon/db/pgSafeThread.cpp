@@ -1,5 +1,6 @@
 #include "db/pgSafeThread.h"
 
+#include <mutex>
 #include <utility>
 
 #include "core/posixLock.h"

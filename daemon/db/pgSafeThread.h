@@ -2,11 +2,12 @@
 
 #include <pthread.h>
 
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <libpq-fe.h>
+
+#include "db/turn.h"
 
 /// One PostgreSQL connection that several threads share. Any thread may call any member. The
 /// connection is made once and never renewed: when the server goes away, every later call throws.
@@ -15,7 +16,8 @@
 /// is held around every single libpq call on the connection, by the statements (after `mutex`) and
 /// by the listener (alone, never `mutex`), because libpq must not be entered twice at once: the
 /// reader of notifications would swallow another thread's reply, and that thread would wait for it
-/// for ever.
+/// for ever. A statement that waits for a row's lock holds both as long as that lasts, so the
+/// listener waits for `wire` for a limited time only.
 ///
 /// Statements that fail throw PostgresqlException: a fixed prefix that ends in two blanks, then
 /// the server's message, its trailing newline kept. The locks are released and the failed result
@@ -63,7 +65,7 @@ class pgSafeThread {
   PGconn* connection = nullptr;
 
   /// Held around every libpq call on `connection`, for that one call.
-  std::mutex wire;
+  Turn wire;
 
  private:
   enum class MessageSource { kConnection, kResult };

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "core/globals.h"
-#include "core/signals.h"
+#include "core/localTime.h"
 #include "task/serviceCron.h"
 
 namespace {
@@ -16,12 +16,7 @@ constexpr std::string_view kServiceId = "$SERVICEID";
 
 std::string localTimeText() {
   const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  {
-    // HandlerQuit's log line asks for the local time too, under the C library's one lock.
-    const SignalBlock noSigterm = SignalBlock::sigterm();
-    localtime_r(&now, &local);
-  }
+  const std::tm local = calendarTime(now + utcOffset(now));
   std::ostringstream text;
   text << std::put_time(&local, "%Y-%m-%d_%H-%M-%S");
   return text.str();

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "core/globals.h"
+#include "core/localTime.h"
 #include "core/logFile.h"
 #include "core/signals.h"
 #include "task/CronTaskQueue.h"
@@ -29,6 +30,7 @@ std::shared_ptr<serviceCron> nextDueTask() {
 void th_readPqeue() {
   installEmptySignalMask();
   while (die_kodu == 0) {
+    followZone();  // for HandlerQuit's line, in a daemon that writes no other
     const std::shared_ptr<serviceCron> task = nextDueTask();
     if (task == nullptr) {
       std::this_thread::sleep_for(std::chrono::seconds(1));

@@ -4,15 +4,19 @@
 //   updateDefinition    one record that takes over another's definition
 //   repairOutput/BYTES  the UTF-8 check of a valid output
 //   fillPlaceholders    the name of a failed run's copy
+//   localTime/SECONDS   the local time of a run: in the second of the last look at the zone (0), or
+//                       in another one (1), with a look
 //   logLine/LEVEL       one line of the log: below its threshold (0), written (2)
 //   runPlugin           one run of a static plugin that prints a line
 
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
 
 #include <benchmark/benchmark.h>
 
+#include "core/localTime.h"
 #include "core/logFile.h"
 #include "sched/outputPath.h"
 #include "sched/pluginOutput.h"
@@ -75,6 +79,15 @@ void fillPlaceholders(benchmark::State& state) {
   }
 }
 BENCHMARK(fillPlaceholders);
+
+void localTime(benchmark::State& state) {
+  std::time_t now = 1'714'568'529;
+  while (state.KeepRunning()) {
+    now += state.range(0);
+    benchmark::DoNotOptimize(calendarTime(now + utcOffset(now)));
+  }
+}
+BENCHMARK(localTime)->Arg(0)->Arg(1);
 
 void logLine(benchmark::State& state) {
   const std::string path = std::filesystem::temp_directory_path() / "koducron-partsBench.log";

@@ -28,10 +28,14 @@ void Daemon::writeConfig() const {
   writeFile(mainConfig(), "[LOG]\nlog_file=" + logPath() + "\nlog_path_task=" + outputDirectory() +
                               "\n[CRON]\nthread_number=" + threadNumber +
                               "\nkodu_conf_file=" + databaseConfig() + "\n");
-  writeFile(databaseConfig(), "[POSTGRESQL]\nPGSQL_host=" + database.host() +
-                                  "\nPGSQL_port=" + std::to_string(database.port()) +
-                                  "\nPGSQL_db=" + database.name() + "\nPGSQL_username=" +
-                                  database.user() + "\nPGSQL_pwd=" + database.password() + "\n");
+  writeDatabaseConfig(database.host(), database.port());
+}
+
+void Daemon::writeDatabaseConfig(const std::string& host, int port) const {
+  writeFile(databaseConfig(),
+            "[POSTGRESQL]\nPGSQL_host=" + host + "\nPGSQL_port=" + std::to_string(port) +
+                "\nPGSQL_db=" + database.name() + "\nPGSQL_username=" + database.user() +
+                "\nPGSQL_pwd=" + database.password() + "\n");
 }
 
 void Daemon::start(const std::vector<std::string>& options) {

@@ -34,6 +34,8 @@ class Daemon {
   std::string consolePath() const { return directory / "console"; }
   /// Writes both INI files again, with the present threadNumber.
   void writeConfig() const;
+  /// Writes the database's INI file alone, with these values of its host and port lines.
+  void writeDatabaseConfig(const std::string& host, int port) const;
 
   /// Starts the daemon with `-f mainConfig()` and `options`, as "-D". Returns at once.
   void start(const std::vector<std::string>& options = {});

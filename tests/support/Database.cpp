@@ -138,6 +138,13 @@ int Database::failures(int id) const {
       value("SELECT count(*) FROM kodu_cron_error WHERE cron_id = " + std::to_string(id)));
 }
 
+int Database::waitingSessions() const {
+  query("SELECT pg_stat_clear_snapshot()");
+  return std::stoi(
+      value("SELECT count(*) FROM pg_locks WHERE NOT granted AND pid IN (SELECT pid FROM "
+            "pg_stat_activity WHERE datname = current_database())"));
+}
+
 void Database::notify(const std::string& payload) const {
   query("SELECT pg_notify('koducronchannel', " + quoted(payload) + ")");
 }

@@ -55,6 +55,9 @@ class Database {
   long nextExec(int id) const;
   /// The number of the task's history rows.
   int failures(int id) const;
+  /// The number of this database's sessions that wait for a lock. Sees the present also within a
+  /// transaction.
+  int waitingSessions() const;
   /// Sends a notification on the daemon's channel.
   void notify(const std::string& payload) const;
   /// The log lines of the server that are about this database, without their prefix, in order.

@@ -45,3 +45,15 @@ inline bool allThreadsWait(pid_t pid) {
   }
   return true;
 }
+
+/// How many threads of a process are in the system call `number` (SYS_futex and others).
+inline int threadsIn(pid_t pid, long number) {
+  int count = 0;
+  std::error_code ignored;
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  for (const auto& thread : std::filesystem::directory_iterator(tasks, ignored)) {
+    const std::string call = readFile(thread.path() / "syscall");
+    count += call.starts_with(std::to_string(number) + " ") ? 1 : 0;
+  }
+  return count;
+}

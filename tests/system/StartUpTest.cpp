@@ -2,6 +2,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,6 +12,7 @@
 #include <libpq-fe.h>
 
 #include "core/globals.h"
+#include "core/iniConfig.h"
 #include "tests/support/Daemon.h"
 #include "tests/support/Database.h"
 #include "tests/support/Process.h"
@@ -409,6 +411,22 @@ TEST_F(StartUpTest, EndsWhenTheServerIsDown) {
       "connection to server at \"127.0.0.1\", port 1 failed: Connection refused\n"
       "\tIs the server running on that host and accepting TCP/IP connections?\n\n\n");
   EXPECT_THAT(daemon.log(), ElementsAre(kBanner, kNoDirectory, kConnecting));
+}
+
+TEST(SampleConfigurationTest, LimitsTheAttemptToConnect) {
+  const iniConfig sample(projectFile("etc/database.conf"));
+  const std::string text = "host=" + sample.getKey("POSTGRESQL", "PGSQL_host") +
+                           " port=" + sample.getKey("POSTGRESQL", "PGSQL_port");
+  PQconninfoOption* const options = PQconninfoParse(text.c_str(), nullptr);
+  ASSERT_NE(options, nullptr) << text;
+  std::map<std::string, std::string> values;
+  for (const PQconninfoOption* option = options; option->keyword != nullptr; ++option) {
+    values[option->keyword] = option->val == nullptr ? "" : option->val;
+  }
+  PQconninfoFree(options);
+
+  EXPECT_EQ(values["host"], "127.0.0.1");
+  EXPECT_EQ(values["connect_timeout"], "10");
 }
 
 class DatabaseKeyTest : public StartUpTest, public testing::WithParamInterface<std::string> {

@@ -1,24 +1,38 @@
 // SIGTERM at random moments, on a daemon whose purge period is two seconds. KODU_STORM_ROUNDS says
-// how many stops each test makes; lab/storm/run makes 75 of each of the four.
+// how many stops each test makes, KODU_STORM_TASKS how many tasks a long load has; lab/storm/run
+// makes 34 stops of each kind, with 200,000 tasks.
 
-#include <sys/wait.h>
-
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <iostream>
 #include <random>
 
 #include <gtest/gtest.h>
 
 #include "tests/support/Daemon.h"
 #include "tests/support/Database.h"
+#include "tests/support/Process.h"
+#include "tests/support/SilentServer.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
 
-int rounds() {
-  const char* text = std::getenv("KODU_STORM_ROUNDS");
-  return text == nullptr ? 2 : std::stoi(text);
+int numberFrom(const char* variable, int otherwise) {
+  const char* text = std::getenv(variable);
+  return text == nullptr ? otherwise : std::stoi(text);
 }
+
+int rounds() {
+  return numberFrom("KODU_STORM_ROUNDS", 2);
+}
+
+int manyTasks() {
+  return numberFrom("KODU_STORM_TASKS", 20'000);
+}
+
+constexpr const char* kStop = "NOTICE#stop koduCron... SIGTERM: 15";
+constexpr const char* kStarting = "NOTICE#Start Thread";
 
 class StopStormTest : public testing::Test {
  protected:
@@ -50,20 +64,39 @@ class StopStormTest : public testing::Test {
   /// Sends SIGTERM once `line` is in the log and up to `spreadMs` have passed, and expects the end
   /// that a daemon with workers has.
   void stopAfter(const std::string& line, int spreadMs) {
+    signalAfter(line, spreadMs);
+    const auto status = daemon.waitForEnd(std::chrono::seconds(60));
+    ASSERT_TRUE(status.has_value()) << "hangs since SIGTERM; seed " << seed;
+    ASSERT_EQ(signalOf(status), SIGABRT) << "status " << *status << "; seed " << seed;
+    ASSERT_NE(daemon.console().find("terminate called without an active exception"),
+              std::string::npos);
+    expectNoPurgeAfterAnEarlyStop();
+    forget();
+  }
+
+  void signalAfter(const std::string& line, int spreadMs) {
     ASSERT_TRUE(waitUntil([&] { return daemon.logged(line) > 0; }, std::chrono::seconds(60)))
         << daemon.console();
     const auto moment =
         std::chrono::steady_clock::now() +
-        std::chrono::milliseconds(std::uniform_int_distribution(0, spreadMs)(random));
+        std::chrono::microseconds(std::uniform_int_distribution(0, spreadMs * 1000)(random));
     waitUntil([&] { return std::chrono::steady_clock::now() >= moment; });
     daemon.signal(SIGTERM);
-    const auto status = daemon.waitForEnd(std::chrono::seconds(60));
-    ASSERT_TRUE(status.has_value()) << "hangs since SIGTERM; seed " << seed;
-    ASSERT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGABRT)
-        << "status " << *status << "; seed " << seed;
-    ASSERT_EQ(daemon.logged("NOTICE#stop koduCron... SIGTERM: 15"), 1);
-    ASSERT_NE(daemon.console().find("terminate called without an active exception"),
-              std::string::npos);
+  }
+
+  /// A stop before the threads start leaves nothing for them to do.
+  void expectNoPurgeAfterAnEarlyStop() {
+    const auto log = daemon.log();
+    ASSERT_EQ(std::count(log.begin(), log.end(), kStop), 1);
+    const auto stop = std::find(log.begin(), log.end(), kStop);
+    if (std::find(stop, log.end(), kStarting) != log.end()) {
+      ++earlyStops;
+      ASSERT_EQ(std::count(log.begin(), log.end(), "DEBUG#DELETE END"), 0) << "seed " << seed;
+    }
+  }
+
+  /// Makes place for the next life's log.
+  void forget() {
     std::filesystem::remove(daemon.logPath());
     std::filesystem::remove(daemon.consolePath());
   }
@@ -72,7 +105,58 @@ class StopStormTest : public testing::Test {
   Daemon daemon{database};
   const unsigned seed = std::random_device()();
   std::mt19937 random{seed};
+  int earlyStops = 0;  // how many came before the threads started
 };
+
+TEST_F(StopStormTest, EndsWhileItConnectsToASilentServer) {
+  for (int round = 0; round < rounds(); ++round) {
+    SilentServer server;
+    daemon.writeDatabaseConfig("127.0.0.1", server.port());
+    daemon.start();
+    signalAfter("NOTICE#KODUCRON Database connection ....", 20);
+    ASSERT_TRUE(waitUntil([&] { return daemon.logged(kStop) == 1; })) << "round " << round;
+    ASSERT_TRUE(server.accept());
+    server.hangUp();
+    ASSERT_EQ(exitStatusOf(daemon.waitForEnd(std::chrono::seconds(60))), 1) << "round " << round;
+    forget();
+  }
+}
+
+TEST_F(StopStormTest, EndsWhileItPrepares) {
+  for (int round = 0; round < rounds(); ++round) {
+    daemon.start({"-D"});
+    stopAfter("NOTICE#Connection database sucessful. Encoding: UTF8", 4);
+    ASSERT_FALSE(HasFatalFailure()) << "round " << round;
+  }
+}
+
+TEST_F(StopStormTest, EndsDuringALongLoad) {
+  insertTasks(manyTasks(), "/bin/true", "", "now() + interval '1 day'");
+  for (int round = 0; round < rounds(); ++round) {
+    daemon.start();
+    stopAfter("NOTICE#Load cron task", manyTasks() / 100);
+    ASSERT_FALSE(HasFatalFailure()) << "round " << round;
+  }
+  std::cout << earlyStops << " of " << rounds() << " before the threads started\n";
+}
+
+TEST_F(StopStormTest, EndsDuringALongLoadWithDebugLines) {
+  insertTasks(manyTasks(), "/bin/true", "", "now() + interval '1 day'");
+  for (int round = 0; round < rounds(); ++round) {
+    daemon.start({"-D"});
+    stopAfter("NOTICE#Load cron task", manyTasks() / 50);
+    ASSERT_FALSE(HasFatalFailure()) << "round " << round;
+  }
+  std::cout << earlyStops << " of " << rounds() << " before the threads started\n";
+}
+
+TEST_F(StopStormTest, EndsWhileItsThreadsStart) {
+  for (int round = 0; round < rounds(); ++round) {
+    daemon.start({"-D"});
+    stopAfter("NOTICE#script reload successful", 2);
+    ASSERT_FALSE(HasFatalFailure()) << "round " << round;
+  }
+}
 
 TEST_F(StopStormTest, EndsDuringAStartUpWithTwentyThousandTasks) {
   insertTasks(20'000, "/bin/true", "", "now() + interval '1 hour'");

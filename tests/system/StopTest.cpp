@@ -1,13 +1,11 @@
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -17,13 +15,16 @@
 #include "tests/support/Daemon.h"
 #include "tests/support/Database.h"
 #include "tests/support/Process.h"
+#include "tests/support/SilentServer.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
 
 using std::chrono::seconds;
+using testing::Contains;
 using testing::ElementsAre;
-using testing::IsSupersetOf;
+using testing::HasSubstr;
+using testing::Not;
 using testing::UnorderedElementsAre;
 
 constexpr const char* kStop = "NOTICE#stop koduCron... SIGTERM: 15";
@@ -187,79 +188,72 @@ TEST_F(StopTest, DiesOfTheSignalWhileItReadsItsConfiguration) {
   close(writer);
 }
 
-/// Takes connections on a port of its own and answers nothing.
-class SilentServer {
- public:
-  SilentServer() : listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    const bool listens = bind(listener, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-                         listen(listener, 1) == 0;
-    if (!listens || getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-      throw std::runtime_error("no port to listen on");
-    }
-  }
-  ~SilentServer() { hangUp(); }
-  SilentServer(const SilentServer&) = delete;
-  SilentServer& operator=(const SilentServer&) = delete;
-
-  int port() const { return ntohs(address.sin_port); }
-  /// Waits for a client.
-  bool accept() { return (client = ::accept(listener, nullptr, nullptr)) >= 0; }
-  void hangUp() {
-    for (int* descriptor : {&listener, &client}) {
-      if (*descriptor >= 0) {
-        close(*descriptor);
-        *descriptor = -1;
-      }
-    }
-  }
-
- private:
-  sockaddr_in address{};
-  int listener;
-  int client = -1;
-};
-
 // The execution queue, which the handler wakes, does not exist yet.
-TEST_F(StopTest, KeepsASignalThatComesWhileItConnects) {
+TEST_F(StopTest, TakesASignalAtOnceWhileItConnects) {
   SilentServer server;
-  writeFile(daemon.databaseConfig(),
-            "[POSTGRESQL]\nPGSQL_host=127.0.0.1\nPGSQL_port=" + std::to_string(server.port()) +
-                "\nPGSQL_db=x\nPGSQL_username=x\nPGSQL_pwd=x\n");
+  daemon.writeDatabaseConfig("127.0.0.1", server.port());
   daemon.start();
   ASSERT_TRUE(server.accept());
 
-  daemon.signal(SIGTERM);
-  server.hangUp();
+  EXPECT_TRUE(stop()) << "the server is silent still";
 
+  server.hangUp();
   EXPECT_EQ(exitStatusOf(daemon.waitForEnd()), 1);
-  EXPECT_THAT(daemon.log(), IsSupersetOf({"NOTICE#KODUCRON Database connection ....", kStop}));
-  EXPECT_EQ(daemon.log().back(), kStop);
+  EXPECT_THAT(daemon.log(),
+              ElementsAre("NOTICE#KODUCRON start....  KODUCRON configuration open succesful",
+                          "NOTICE#KODUCRON log directory does not exist",
+                          "NOTICE#KODUCRON Database connection ....", kStop));
+  EXPECT_THAT(daemon.console(), HasSubstr("server closed the connection unexpectedly"));
 }
 
-TEST_F(StopTest, KeepsASignalThatComesDuringTheLoad) {
-  insertManyTasks(2000);
-  database.query("BEGIN");
-  database.query("LOCK TABLE kodu_plugins");  // the statements are prepared without this one
-  startWith("2");
-  ASSERT_TRUE(waitUntil([&] { return daemon.logged("NOTICE#Load cron task") == 1; }, kPatience));
+TEST_F(StopTest, EndsAConnectionAttemptAfterTheTimeThatItsHostLineGivesIt) {
+  SilentServer server;
+  daemon.writeDatabaseConfig("127.0.0.1 connect_timeout=2", server.port());
+  daemon.start();
+  ASSERT_TRUE(server.accept());
 
-  daemon.signal(SIGTERM);
-  database.query("COMMIT");
+  EXPECT_TRUE(stop());
 
-  ASSERT_TRUE(waitUntil([&] { return daemon.logged(kStop) == 1; }, kPatience));
-  EXPECT_EQ(daemon.logged("DEBUG#Load cron task: task"), 2000);
-  EXPECT_THAT(logFrom("NOTICE#script reload successful"), IsSupersetOf({kStarting, kStop}));
-  const auto haveEnded = [&] {
-    return daemon.logged(kWorkerEnd) == 2 && threadCount(daemon.pid()) <= 2;
-  };
-  EXPECT_TRUE(waitUntil([&] { return haveEnded() || !daemon.isRunning(); }, kPatience));
-  if (!daemon.isRunning()) {
-    // The admin thread had not begun to sleep its 120 s, and the workers may be cut short.
-    EXPECT_EQ(signalOf(daemon.waitForEnd()), SIGABRT);
+  EXPECT_EQ(exitStatusOf(daemon.waitForEnd()), 1);
+  EXPECT_THAT(daemon.console(), HasSubstr("timeout expired"));
+}
+
+/// Stops the daemon while its start-up waits for a table that the test has locked, and lets it go
+/// on once the stop is logged.
+class StopInStartUpTest : public StopTest {
+ protected:
+  void stopWhileLocked(const std::string& table) {
+    database.query("BEGIN");
+    database.query("LOCK TABLE " + table);
+    startWith("2");
+    ASSERT_TRUE(waitUntil([&] { return database.waitingSessions() == 1; }, kPatience));
+    EXPECT_TRUE(stop()) << "the table is locked still";
+    database.query("COMMIT");
   }
+
+  /// Long before the admin thread would have slept its 120 s.
+  void expectTheEndWithoutAPurge() {
+    EXPECT_EQ(signalOf(daemon.waitForEnd()), SIGABRT);
+    EXPECT_EQ(daemon.logged(kStop), 1);
+    EXPECT_EQ(daemon.logged(kStarting), 1);
+    EXPECT_EQ(daemon.logged("DEBUG#DELETE END"), 0);
+    EXPECT_THAT(database.serverLog(), Not(Contains(HasSubstr("SelectDeleteCron:"))));
+  }
+};
+
+TEST_F(StopInStartUpTest, TakesASignalAtOnceWhileItPrepares) {
+  stopWhileLocked("kodu_cron_error");
+
+  expectTheEndWithoutAPurge();
+}
+
+TEST_F(StopInStartUpTest, TakesASignalAtOnceDuringTheLoad) {
+  insertManyTasks(2000);
+
+  stopWhileLocked("kodu_plugins");  // the statements are prepared without this one
+
+  expectTheEndWithoutAPurge();
+  EXPECT_EQ(daemon.logged("DEBUG#Load cron task: task"), 2000);
 }
 
 TEST_F(StopTest, LeavesWhatIsDueWhenAllWorkersAreBusy) {
@@ -338,6 +332,25 @@ TEST_F(SlowStopTest, EndsWhileAWorkerIsInItsPlugin) {
   releasePlugin();
   ASSERT_TRUE(daemon.startAndWait());
   EXPECT_TRUE(waitUntil([&] { return database.task(1, "cron_status") == "OK"; }, kPatience));
+}
+
+// The statement waits for a row that another session has changed.
+TEST_F(SlowStopTest, EndsWhileAWorkersStatementHangs) {
+  insertTask(1, "held", "echo never");
+  startWith("1");
+  ASSERT_TRUE(waitUntil([&] { return daemon.logged("DEBUG#DELETE END") == 1; }, kPatience));
+  database.query("BEGIN");
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = interval '1 hour'");
+  ASSERT_TRUE(waitUntil([&] { return database.waitingSessions() == 1; }, kPatience));
+  // The main thread waits for the others, the listener for its turn on the connection.
+  ASSERT_TRUE(waitUntil([&] { return threadsIn(daemon.pid(), SYS_futex) == 2; }, kPatience));
+
+  ASSERT_TRUE(stop());
+
+  // The main, the admin and the worker's thread are left.
+  EXPECT_TRUE(waitUntil([&] { return threadCount(daemon.pid()) == 3; }));
+  EXPECT_EQ(signalOf(daemon.waitForEnd(kLongestStop)), SIGABRT);
+  EXPECT_EQ(database.waitingSessions(), 1) << "the statement hangs still";
 }
 
 // Enough tasks that the queues take a while to empty.

@@ -16,7 +16,7 @@ namespace {
 TEST(SuperviseTest, ShowsNoControlCharacterOfTheCommandBefore) {
   const TempDir directory;
   const std::string errors = directory / "errors";
-  const std::string script = projectFile("scripts/supervise");
+  const std::string script = projectFile("ops/supervise");
   const pid_t pid = fork();
   if (pid == 0) {
     std::freopen(errors.c_str(), "w", stderr);

@@ -1,5 +1,8 @@
 #include "admin/listener.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <csignal>
 #include <mutex>
@@ -16,6 +19,7 @@
 #include "task/CronTaskQueue.h"
 #include "task/serviceCron.h"
 #include "tests/support/Globals.h"
+#include "tests/support/Process.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
@@ -97,16 +101,28 @@ TEST_F(NotificationBatchTest, ThrowsForAnIdOutsideTheIntegers) {
   }
 }
 
-TEST_F(NotificationBatchTest, ThrowsForANestingThatIsTooDeep) {
+TEST_F(NotificationBatchTest, WarnsOfANestingThatIsTooDeep) {
   const std::string payload(1001, '[');
 
-  EXPECT_THROW(batch.add(payload), Json::RuntimeError);
+  batch.add(payload);
 
-  EXPECT_THAT(log(), ElementsAre("DEBUG#TH LISTENER# Notify string receive :" + payload));
+  EXPECT_THAT(log(), ElementsAre("DEBUG#TH LISTENER# Notify string receive :" + payload,
+                                 "WARNING#TH ADMIN# Bad notify Json receive :" + payload));
+}
+
+TEST_F(NotificationBatchTest, TakesANestingThatIsJustWithinTheLimit) {
+  const std::string depth(998, '[');
+  const std::string payload =
+      R"({"TYPE":"SERVICE","COMMAND":"ADD","ID":7,"x":)" + depth + std::string(998, ']') + "}";
+
+  batch.add(payload);
+
+  EXPECT_THAT(batch.additions(), ElementsAre(7));
 }
 
 TEST_F(NotificationBatchTest, ReadsOnAfterABadPayload) {
   batch.add("{");
+  batch.add(std::string(1001, '['));
   batch.add(R"({"TYPE":"SERVICE","COMMAND":"ADD","ID":7})");
 
   EXPECT_THAT(batch.additions(), ElementsAre(7));
@@ -304,6 +320,46 @@ TEST_F(ListenerTest, EndsWithinSecondsOfTheStopFlag) {
 
   EXPECT_TRUE(waitUntil([&] { return hasEnded.load(); }));
   watcher.join();
+}
+
+TEST_F(ListenerTest, EndsWithinSecondsWhileAnotherThreadsStatementHangs) {
+  insert(7);
+  startListener();
+  database.query("BEGIN");
+  database.query("UPDATE kodu_cron_plugin SET cron_status = 'held'");
+  std::thread worker([] { PQclear(pgSQL->executePrepareRequest("UpdateCronProcess", {"7"})); });
+  ASSERT_TRUE(waitUntil([&] { return database.waitingSessions() == 1; }));
+  ASSERT_TRUE(waitUntil([] { return threadsIn(getpid(), SYS_futex) == 1; })) << "for its turn";
+  die_kodu = 1;
+  std::atomic<bool> hasEnded = false;
+  std::thread watcher([&] {
+    listener.join();
+    hasEnded = true;
+  });
+
+  EXPECT_TRUE(waitUntil([&] { return hasEnded.load(); }));
+
+  EXPECT_EQ(database.waitingSessions(), 1) << "the statement hangs no longer";
+  database.query("COMMIT");
+  worker.join();
+  watcher.join();
+}
+
+TEST_F(ListenerTest, TakesWhatCameWhileAnotherThreadsStatementHung) {
+  insert(7);
+  insert(8);
+  startListener();
+  database.query("BEGIN");
+  database.query("UPDATE kodu_cron_plugin SET cron_status = 'held' WHERE cron_id = 7");
+  std::thread worker([] { PQclear(pgSQL->executePrepareRequest("UpdateCronProcess", {"7"})); });
+  ASSERT_TRUE(waitUntil([&] { return database.waitingSessions() == 1; }));
+  pgSafeThread other(database.conninfo());
+  PQclear(other.executeRequest("NOTIFY koducronchannel, '" + payload("ADD", 8) + "'"));
+
+  database.query("COMMIT");
+  worker.join();
+
+  EXPECT_TRUE(waitUntil([] { return isLoaded(8); }));
 }
 
 // Nobody catches what the subscription throws.

@@ -1,7 +1,11 @@
 #include "core/logFile.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <ctime>
 #include <thread>
@@ -12,6 +16,9 @@
 
 #include "core/FileException.h"
 #include "tests/support/Files.h"
+#include "tests/support/FixedClock.h"
+#include "tests/support/Mount.h"
+#include "tests/support/ZoneFile.h"
 
 namespace {
 
@@ -22,6 +29,12 @@ class LogFileTest : public testing::Test {
   TempDir directory;
   std::string path = directory / "cron.log";
 };
+
+/// Makes a named pipe and returns its reading end.
+int makePipe(const std::string& path) {
+  EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+  return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+}
 
 TEST_F(LogFileTest, WritesEachLevelsWord) {
   logFile log(-1, path);
@@ -124,24 +137,174 @@ TEST_F(LogFileTest, GoesOnWritingToADeletedFile) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-TEST_F(LogFileTest, WritesAgainAfterALineThatFoundNoRoom) {
-  const auto limitFiles = [](rlim_t bytes) {
+TEST_F(LogFileTest, EndsALineThatAFormerLifeCutShort) {
+  writeFile(path, "Sun Nov 15 12:16:44 2026#NOT");
+
+  logFile(0, path).write("new");
+
+  EXPECT_EQ(readFile(path), "Sun Nov 15 12:16:44 2026#NOT\nnew\n");
+}
+
+TEST_F(LogFileTest, WritesToWhatIsNoFile) {
+  const int pipe = makePipe(path);
+  logFile log(0, path);
+
+  log.write("one");
+  log.write("two");
+
+  std::array<char, 64> text{};
+  EXPECT_EQ(read(pipe, text.data(), text.size()), 8);
+  EXPECT_STREQ(text.data(), "one\ntwo\n");
+  close(pipe);
+}
+
+TEST_F(LogFileTest, IsClosedInProgramsThatAreExecuted) {
+  const logFile log(0, path);
+
+  int found = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry.path(), gone) == path) {
+      ++found;
+      EXPECT_EQ(fcntl(std::stoi(entry.path().filename()), F_GETFD), FD_CLOEXEC);
+    }
+  }
+  EXPECT_EQ(found, 1);
+}
+
+TEST_F(LogFileTest, OpensItsFileAgainWhenItWasClosed) {
+  logFile log(0, path);
+  log.write("before");
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry.path(), gone) == path) {
+      close(std::stoi(entry.path().filename()));
+      break;
+    }
+  }
+
+  log.write("after");
+
+  EXPECT_EQ(readFile(path), "before\nafter\n");
+}
+
+/// Files may grow up to a limit, and a write beyond it fails or is cut short, as on a full disk.
+class FullLogFileTest : public LogFileTest {
+ protected:
+  void SetUp() override { std::signal(SIGXFSZ, SIG_IGN); }
+  void TearDown() override { limitFiles(RLIM_INFINITY); }
+
+  static void limitFiles(rlim_t bytes) {
     rlimit limit{};
     getrlimit(RLIMIT_FSIZE, &limit);
     limit.rlim_cur = bytes;
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-  };
-  std::signal(SIGXFSZ, SIG_IGN);
+  }
+};
+
+TEST_F(FullLogFileTest, WritesAgainAfterLinesThatFoundNoRoom) {
   logFile log(0, path);
   log.write("before");
   limitFiles(log.size());
   log.write("lost");
+  log.write("lost too");
   EXPECT_EQ(readFile(path), "before\n");
   limitFiles(RLIM_INFINITY);
 
   log.write("after");
 
-  EXPECT_THAT(readFile(path), testing::EndsWith("\nafter\n"));
+  EXPECT_EQ(readFile(path), "before\nafter\n");
+}
+
+TEST_F(FullLogFileTest, BeginsANewLineAfterOneThatWasCutShort) {
+  logFile log(0, path);
+  log.write("before");
+  limitFiles(log.size() + 4);
+  log.write("cut short");
+  log.write("lost");
+  EXPECT_EQ(readFile(path), "before\ncut ");
+  limitFiles(RLIM_INFINITY);
+
+  log.write("after");
+  log.write("and on");
+
+  EXPECT_EQ(readFile(path), "before\ncut \nafter\nand on\n");
+}
+
+TEST_F(FullLogFileTest, BeginsNoNewLineWhereTheLastOneIsWhole) {
+  logFile log(0, path);
+  log.write("before");
+  limitFiles(log.size() + 4);
+  log.write("cut short");
+  limitFiles(log.size() + 1);
+  log.write("lost but for the line end before it");
+  limitFiles(RLIM_INFINITY);
+
+  log.write("after");
+
+  EXPECT_EQ(readFile(path), "before\ncut \nafter\n");
+}
+
+TEST_F(FullLogFileTest, BeginsAFileThatWasTruncatedWithALine) {
+  logFile log(0, path);
+  limitFiles(4);
+  log.write("cut short");
+  std::filesystem::resize_file(path, 0);
+  limitFiles(RLIM_INFINITY);
+
+  log.write("after");
+
+  EXPECT_EQ(readFile(path), "after\n");
+}
+
+TEST_F(FullLogFileTest, WritesWholeLinesAgainAfterAFullDisk) {
+  const std::string disk = directory / "disk";
+  std::filesystem::create_directory(disk);
+  const Mount mount = Mount::memory(disk, "64k");
+  if (!mount.isMounted()) {
+    GTEST_SKIP() << "file systems can be mounted by an administrator only";
+  }
+  writeFile(disk + "/filler", std::string(32 * 1024, 'x'));
+  const std::string message(99, 'm');
+  logFile log(0, disk + "/cron.log");
+  for (int line = 0; line < 1000; ++line) {
+    log.write(message);
+  }
+  const std::string full = readFile(disk + "/cron.log");
+  ASSERT_LT(full.size(), 100'000U);
+  ASSERT_THAT(full, testing::Not(testing::EndsWith("\n"))) << "no line is cut short";
+  std::filesystem::remove(disk + "/filler");
+
+  log.write("after");
+
+  EXPECT_EQ(readFile(disk + "/cron.log"), full + "\nafter\n");
+}
+
+/// The machine's time zone, as this process sees it, is a file of the test's own.
+class ZoneLogFileTest : public LogFileTest {
+ protected:
+  void SetUp() override {
+    unsetenv("TZ");
+    if (!mount.isMounted()) {
+      GTEST_SKIP() << "/etc/localtime can be replaced by an administrator only";
+    }
+  }
+
+  ZoneFile zone{directory / "zone", 5};
+  const Mount mount = Mount::file(zone.name(), "/etc/localtime");
+};
+
+TEST_F(ZoneLogFileTest, FollowsAChangeOfTheTimeZoneInTheNextSecond) {
+  FixedClock clock(kMayDay);
+  logFile log(0, path);
+  log.write(2, "before");
+
+  zone.set(-3);
+  clock.set(kMayDay + 1);
+  log.write(2, "after");
+
+  EXPECT_EQ(readFile(path),
+            "Wed May  1 18:02:09 2024#NOTICE#before\nWed May  1 10:02:10 2024#NOTICE#after\n");
 }
 
 TEST_F(LogFileTest, KeepsLinesOfDifferentThreadsApart) {

@@ -8,8 +8,12 @@
 #include <gtest/gtest.h>
 
 #include "core/globals.h"
+#include "core/localTime.h"
 #include "task/serviceCron.h"
+#include "tests/support/Files.h"
 #include "tests/support/FixedClock.h"
+#include "tests/support/Mount.h"
+#include "tests/support/ZoneFile.h"
 
 namespace {
 
@@ -22,13 +26,13 @@ class ReplaceParameterTest : public testing::Test {
   }
   ~ReplaceParameterTest() override {
     unsetenv("TZ");
-    tzset();
+    readZone();
     log_directory = savedLogDirectory;
   }
 
   static void setZone(const char* zone) {
     setenv("TZ", zone, 1);
-    tzset();
+    readZone();
   }
   std::string replace(const std::string& text) const { return replaceParameter(text, task); }
 
@@ -139,6 +143,23 @@ TEST_F(ReplaceParameterTest, GivesTheRepeatedHourOfAutumnTwice) {
 
   clock.set(1729989000 + 3600);
   EXPECT_EQ(replace("$DATE"), "2024-10-27_02-30-00");
+}
+
+TEST_F(ReplaceParameterTest, FollowsAChangeOfTheMachinesZoneInTheNextSecond) {
+  const TempDir directory;
+  ZoneFile zone(directory / "zone", 5);
+  const Mount mount = Mount::file(zone.name(), "/etc/localtime");
+  if (!mount.isMounted()) {
+    GTEST_SKIP() << "/etc/localtime can be replaced by an administrator only";
+  }
+  unsetenv("TZ");
+  readZone();
+  EXPECT_EQ(replace("$DATE"), "2024-05-01_18-02-09");
+
+  zone.set(-3);
+  clock.set(kMayDay + 1);
+
+  EXPECT_EQ(replace("$DATE"), "2024-05-01_10-02-10");
 }
 
 // Where the worker writes.

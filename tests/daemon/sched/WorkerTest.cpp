@@ -24,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include "core/globals.h"
+#include "core/localTime.h"
 #include "core/signals.h"
 #include "task/CronTaskQueue.h"
 #include "task/ExecuteQueue.h"
@@ -71,14 +72,14 @@ class WorkerTest : public DatabaseGlobalsTest {
  protected:
   void SetUp() override {
     setenv("TZ", "UTC0", 1);
-    tzset();
+    readZone();
     DatabaseGlobalsTest::SetUp();
   }
   void TearDown() override {
     stopWorkers();
     DatabaseGlobalsTest::TearDown();
     unsetenv("TZ");
-    tzset();
+    readZone();
   }
 
   /// A task with a row of its own whose plugin is a shell script with `body`; in no queue.

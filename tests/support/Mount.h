@@ -1,0 +1,41 @@
+#pragma once
+
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <string>
+
+/// A mount that only this process and its children see; undone when it goes. Needs the rights of
+/// an administrator: isMounted() is false without.
+class Mount {
+ public:
+  /// An empty file system in memory, of `size` ("64k"), on the directory `place`.
+  static Mount memory(const std::string& place, const std::string& size) {
+    return Mount("tmpfs", place, "tmpfs", 0, "size=" + size);
+  }
+  /// The file `source` in the place of the file `place`.
+  static Mount file(const std::string& source, const std::string& place) {
+    return Mount(source, place, "", MS_BIND, "");
+  }
+
+  ~Mount() {
+    if (mounted) {
+      umount2(path.c_str(), MNT_DETACH);
+    }
+  }
+  Mount(const Mount&) = delete;
+  Mount& operator=(const Mount&) = delete;
+
+  bool isMounted() const { return mounted; }
+
+ private:
+  Mount(const std::string& source, const std::string& place, const std::string& type,
+        unsigned long flags, const std::string& options)
+      : path(place),
+        mounted(unshare(CLONE_NEWNS) == 0 &&
+                mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                mount(source.c_str(), place.c_str(), type.c_str(), flags, options.c_str()) == 0) {}
+
+  std::string path;
+  bool mounted;
+};
