@@ -146,10 +146,10 @@ void report(const Options& options, long rows, const Removal& removal) {
 
 int runPrune(const Options& options) {
   Session session(options);
+  rehearse(session, options.olderThan);
   const DaemonIdentity daemon = findDaemon(session.config);
   daemon.requireKnown();
   const AsDaemon rights(daemon);
-  rehearse(session, options.olderThan);
   Removal removal;
   const long rows = removeOld(session, options.olderThan, removal);
   report(options, rows, removal);
