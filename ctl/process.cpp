@@ -103,8 +103,16 @@ std::vector<std::string> argumentsOf(pid_t process) {
 
 std::string directoryOf(pid_t process) {
   std::error_code error;
-  const fs::path directory = fs::read_symlink(entryOf(process) / "cwd", error);
-  return error ? "/" : directory.string();
+  const std::string directory = fs::read_symlink(entryOf(process) / "cwd", error);
+  const std::string root = fs::read_symlink(entryOf(process) / "root", error);
+  if (error) {
+    return "/";
+  }
+  // A service manager's sandbox has a file system of its own. Seen from a container, its root is
+  // the path that the container's has outside.
+  const bool isOutside = root != "/" && directory.starts_with(root);
+  return isOutside ? fs::path("/") / fs::path(directory.substr(root.size())).relative_path()
+                   : fs::path(directory);
 }
 
 std::string executableOf(pid_t process) {

@@ -27,7 +27,7 @@ std::vector<pid_t> processes();
 
 ProcessStatus statusOf(pid_t process);
 std::vector<std::string> argumentsOf(pid_t process);
-/// Its working directory; "/" when that cannot be read.
+/// Its working directory, as it sees that itself; "/" when it cannot be read.
 std::string directoryOf(pid_t process);
 
 /// The path of its executable, with " (deleted)" behind it when another file or none has that path

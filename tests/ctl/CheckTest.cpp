@@ -30,6 +30,16 @@ class CheckTest : public CtlTest {
     row.path = guard();
     return row;
   }
+  std::chrono::nanoseconds medianOfQuickChecks() const {
+    std::vector<std::chrono::nanoseconds> times;
+    for (int i = 0; i < 5; ++i) {
+      const auto begin = std::chrono::steady_clock::now();
+      EXPECT_EQ(run({"check", "--quick"}).exitCode, 1);
+      times.emplace_back(std::chrono::steady_clock::now() - begin);
+    }
+    std::sort(times.begin(), times.end());
+    return times[2];
+  }
   std::string check(int exitCode) const {
     const CtlResult result = run({"check"});
     EXPECT_EQ(result.exitCode, exitCode) << result.out << result.err;
@@ -173,21 +183,14 @@ TEST_F(CheckTest, LooksAtNoTaskWhenItIsToBeQuick) {
   EXPECT_THAT(result.out, testing::EndsWith("1 error, 1 warning\n"));
 }
 
-TEST_F(CheckTest, IsQuickWith100000Tasks) {
+TEST_F(CheckTest, IsAsQuickWith100000Tasks) {
   database.insertTask(quietTask(1));
+  const auto withOne = medianOfQuickChecks();
   database.query(
       "INSERT INTO kodu_cron_plugin (cron_id, cron_plugin_id, cron_interval,"
       " cron_next_exec, cron_log_file) SELECT n, 1, '1 hour', now() + interval '1 hour',"
       " '$SERVICEID_$DATE.txt' FROM generate_series(2, 100000) AS n");
-  using Clock = std::chrono::steady_clock;
-  std::vector<Clock::duration> times;
-  for (int i = 0; i < 5; ++i) {
-    const auto begin = Clock::now();
-    EXPECT_EQ(run({"check", "--quick"}).exitCode, 1);
-    times.push_back(Clock::now() - begin);
-  }
-  std::sort(times.begin(), times.end());
-  EXPECT_LT(times[2], std::chrono::seconds(1));
+  EXPECT_LT(medianOfQuickChecks() - withOne, std::chrono::seconds(1));
 }
 
 TEST_F(CheckTest, FindsRightsThatAreMissing) {
