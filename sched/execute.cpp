@@ -83,8 +83,10 @@ void report(int descriptor, std::string_view prefix, int error) {
     _exit(kChildFailure);
   }
   close(writeEnd);
-  // The log and other workers' output files are open without close-on-exec.
+  // What the daemon opens is close-on-exec; whoever started it may have left it more.
   close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+  // A service manager may start the daemon with SIGPIPE ignored, and a pipeline relies on it.
+  std::signal(SIGPIPE, SIG_DFL);
   // In this order: a SIGTERM that has come meanwhile ends the child; it must not run HandlerQuit.
   std::signal(SIGTERM, SIG_DFL);
   pthread_sigmask(SIG_SETMASK, &signalMask, nullptr);
