@@ -48,6 +48,9 @@ const char* const kSilent = "DAEMON: the plugin does not return anything on the 
 /// What goes to std::cout while it lives, and how often it is flushed.
 class Console : public std::stringbuf {
  public:
+  /// Gives std::cout its own buffer back.
+  void release() const { std::cout.rdbuf(previous); }
+
   Console() : previous(std::cout.rdbuf(this)) {}
   ~Console() override { std::cout.rdbuf(previous); }
   Console(const Console&) = delete;
@@ -64,6 +67,28 @@ class Console : public std::stringbuf {
  private:
   std::streambuf* previous;
   int flushCount = 0;
+};
+
+/// Makes a file the process's standard output while it lives.
+class StandardOutput {
+ public:
+  explicit StandardOutput(const std::string& path) { lead(path); }
+  ~StandardOutput() {
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+  }
+  StandardOutput(const StandardOutput&) = delete;
+  StandardOutput& operator=(const StandardOutput&) = delete;
+
+  /// Makes it another file.
+  static void lead(const std::string& path) {
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    dup2(file, STDOUT_FILENO);
+    close(file);
+  }
+
+ private:
+  int saved = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
 };
 
 /// Tasks in the database and in memory, due ten seconds before now, which is kMayDay in UTC.
@@ -213,6 +238,21 @@ TEST_F(WorkerTest, PrintsCodeAndOutputOfARun) {
 
   EXPECT_EQ(console.str(), "return0\noutputfine\nreturn2\noutputbad\n\n");
   EXPECT_EQ(console.flushes(), 4);
+}
+
+TEST_F(WorkerTest, PrintsALineAfterOneThatFailed) {
+  const Task lost = addTask(1, "echo lost");
+  const Task kept = addTask(2, "echo kept");
+  console.release();
+  {
+    const StandardOutput output("/dev/full");
+    EXPECT_TRUE(runTask(lost));
+    output.lead(directory / "console");
+    EXPECT_TRUE(runTask(kept));
+  }
+
+  EXPECT_EQ(readFile(directory / "console"), "return0\noutputkept\n\n");
+  std::cout.clear();
 }
 
 TEST_F(WorkerTest, SaysProcessWhileThePluginRuns) {
