@@ -22,6 +22,7 @@
 #include "core/signals.h"
 #include "db/pgSafeThread.h"
 #include "db/result.h"
+#include "sched/copyFile.h"
 #include "sched/nextTime.h"
 #include "sched/outputPath.h"
 #include "task/CronTaskQueue.h"
@@ -81,7 +82,7 @@ void printRun(int code, const std::string& output) {
 void writeOutputFile(const std::string& path, const Task& task) {
   // No O_TRUNC: readers of the file never find it empty, and what a shorter output leaves of a
   // longer one stays behind it. WorkerTest.LeavesTheTailOfALongerOutput holds this in place.
-  const int file = open(path.c_str(), O_WRONLY | O_CREAT, 0644);
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (file < 0) {
     throw serviceSafeException(std::strerror(errno));
   }
@@ -104,10 +105,9 @@ void archiveFailure(const Task& task, const std::string& outputPath) {
   if (!std::filesystem::exists(std::filesystem::status(directory))) {
     std::filesystem::create_directories(directory);
   }
-  // Without options: a copy that is there already is a failed run's only trace and is never
-  // overwritten, even though the process ends here.
-  // WorkerCrashTest.EndsTheProcessWhenTheArchiveFileExists holds this in place.
-  std::filesystem::copy(outputPath, directory + archiveName);
+  // A copy that is there already is a failed run's only trace and is never overwritten, even though
+  // the process ends here. Tested by WorkerCrashTest.EndsTheProcessWhenTheArchiveFileExists.
+  copyToNewFile(outputPath, directory + archiveName);
   PQclear(pgSQL->executePrepareRequest("insertCronError", {task->GetService_idStr(), archiveName}));
 }
 

@@ -91,6 +91,18 @@ class StandardOutput {
   int saved = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
 };
 
+/// The descriptor of the process that refers to `path`, but for `known`; -1 when there is none.
+int descriptorOf(const std::string& path, int known) {
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code ignored;
+    const int file = std::stoi(entry.path().filename());
+    if (file != known && fs::read_symlink(entry.path(), ignored) == path) {
+      return file;
+    }
+  }
+  return -1;
+}
+
 /// Tasks in the database and in memory, due ten seconds before now, which is kMayDay in UTC.
 class WorkerTest : public DatabaseGlobalsTest {
  protected:
@@ -379,6 +391,21 @@ TEST_F(WorkerTest, WaitsForTheLockOfTheOutputFile) {
   EXPECT_TRUE(waitUntil([&] { return status(1) == "OK"; }));
   EXPECT_EQ(readFile(path), "new\n");
   EXPECT_EQ(flock(reader, LOCK_EX | LOCK_NB), 0) << "the worker has kept its lock";
+  close(reader);
+}
+
+TEST_F(WorkerTest, OpensTheOutputFileCloseOnExec) {
+  const std::string path = log_directory + "/out_1_last.txt";
+  writeFile(path, "old");
+  const int reader = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(flock(reader, LOCK_SH), 0);
+  startWorkers(1);
+
+  queueExecTask->push(addTask(1, "echo new"));
+
+  int file = -1;
+  EXPECT_TRUE(waitUntil([&] { return (file = descriptorOf(path, reader)) >= 0; }));
+  EXPECT_EQ(fcntl(file, F_GETFD), FD_CLOEXEC) << "plugins of other workers would get it";
   close(reader);
 }
 
