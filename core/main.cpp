@@ -146,6 +146,13 @@ Threads startService(const iniConfig& config) {
   return threads;
 }
 
+/// Has each large piece of memory go back to the system as it is freed. By default the threshold
+/// for that follows the largest piece freed so far, and workers keep what large outputs have left.
+void returnLargeMemory() {
+  constexpr int kLargeBytes = 1024 * 1024;
+  mallopt(M_MMAP_THRESHOLD, kLargeBytes);
+}
+
 void run() {
   const iniConfig config(pathToConfigFile);
   openLog(config);
@@ -192,6 +199,7 @@ int main(int argc, char* argv[]) {
     return EXIT_FAILURE;
   }
   die_kodu = 0;
+  returnLargeMemory();
   try {
     run();
     endInOrder();

@@ -86,7 +86,7 @@ void writeOutputFile(const std::string& path, const Task& task) {
   if (file < 0) {
     throw serviceSafeException(std::strerror(errno));
   }
-  const std::string output = task->GetStdout();
+  const std::string& output = task->unlockedStdout();
   flock(file, LOCK_EX);
   [[maybe_unused]] const auto written = write(file, output.data(), output.size());
   flock(file, LOCK_UN);
@@ -146,7 +146,7 @@ void processTask(const Task& task, std::vector<std::string>& parameters) {
   }
   markAsRunning(task, parameters);
   const int code = runPlugin(task);
-  printRun(code, task->GetStdout());
+  printRun(code, task->unlockedStdout());
   const std::string outputPath = currentOutputPath(task);
   writeOutputFile(outputPath, task);
   bool isRetryPending = false;
