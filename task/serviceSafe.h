@@ -78,6 +78,8 @@ class serviceSafe {
   void SetExecState(char state) { ExecState = state; }
 
   std::string Getname() const;
+  /// The name itself. Takes no lock: for the thread that holds the record's last reference.
+  const std::string& unlockedName() const { return name; }
   void Setname(std::string text);
   std::string Getpath() const;
   void Setpath(std::string text);
