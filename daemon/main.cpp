@@ -144,11 +144,18 @@ Threads startService(const iniConfig& config) {
   prepareNamedStatements(*pgSQL);
   fileLog->write(2, "Load cron task");
   load_cron_task("ADD", nullptr);
-  // The rows of all tasks have passed through the heap once; nobody needs that room again.
-  malloc_trim(0);
   Threads threads = startThreads(workers);
   fileLog->write(0, "Join Thread");
   return threads;
+}
+
+/// Has freed memory serve again. By default each thread takes its own: a task that `main` loaded
+/// and the listener replaced would leave a hole. And each large piece goes back to the system at
+/// once: by default the threshold for that follows the largest one freed so far.
+void setUpHeap() {
+  constexpr int kLargeBytes = 128 * 1024;
+  mallopt(M_ARENA_MAX, 1);
+  mallopt(M_MMAP_THRESHOLD, kLargeBytes);
 }
 
 void run() {
@@ -197,6 +204,7 @@ int main(int argc, char* argv[]) {
     return EXIT_FAILURE;
   }
   die_kodu = 0;
+  setUpHeap();
   try {
     run();
     endInOrder();

@@ -1,5 +1,7 @@
 #include "admin/loader.h"
 
+#include <malloc.h>
+
 #include <exception>
 #include <map>
 #include <memory>
@@ -41,20 +43,28 @@ void replace(int id, const Task& known, const Task& task) {
   serviceQueue->push(task);
 }
 
-void update(int id, const Task& task) {
+/// Replaces or updates the loaded task `id`; true when it was replaced.
+bool renew(int id, const Task& task) {
   // Held over the queue's push and the records' locks, so that the purge finds either the old task
   // or the new one. LoaderTest.HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces holds this in
   // place.
   const std::lock_guard lock(mutexTaskMap);
   const auto entry = cronTaskMap.find(id);
   if (entry == cronTaskMap.end()) {
-    return;
+    return false;
   }
   const Task known = entry->second;
   if (known->isTimeParameterUpdate(*task)) {
     replace(id, known, task);
-  } else {
-    known->updateServiceParameter(*task);
+    return true;
+  }
+  known->updateServiceParameter(*task);
+  return false;
+}
+
+void update(int id, const Task& task) {
+  if (renew(id, task)) {
+    serviceQueue->noteMarked();
   }
 }
 
@@ -83,5 +93,7 @@ void load_cron_task(std::string mode, std::vector<int>* ids) {
     }
   }
   result.reset();
+  // The rows have passed through the heap; that memory is not needed again.
+  malloc_trim(0);
   fileLog->write(2, "script reload successful");
 }

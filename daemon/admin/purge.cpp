@@ -11,6 +11,7 @@
 #include "db/pgSafeThread.h"
 #include "db/result.h"
 #include "sched/outputPath.h"
+#include "task/CronTaskQueue.h"
 #include "task/serviceCron.h"
 
 namespace {
@@ -30,11 +31,13 @@ std::shared_ptr<serviceCron> takeFromMap(int id) {
 void purge(const std::string& id) {
   const int number = std::stoi(id);
   fileLog->write(0, "DELETE TASK: " + id);
-  if (const auto task = takeFromMap(number); task != nullptr) {
+  if (auto task = takeFromMap(number); task != nullptr) {
     // The queues are not searched: whoever takes the task next sees the mark.
     // DeleteTaskTest.LeavesTheQueuesAsTheyAre holds this in place.
     task->SetExecState(3);
     std::filesystem::remove(currentOutputPath(task));
+    task.reset();
+    serviceQueue->noteMarked();
   }
   std::filesystem::remove_all(archiveDirectory(id));
   PQclear(pgSQL->executePrepareRequest("DeleteCronHistory", {id}));

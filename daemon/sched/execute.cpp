@@ -83,8 +83,10 @@ void report(int descriptor, std::string_view prefix, int error) {
     _exit(kChildFailure);
   }
   close(writeEnd);
-  // The log and other workers' output files are open without close-on-exec.
+  // What the daemon opens is close-on-exec; whoever started it may have left it more.
   close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+  // A service manager may start the daemon with SIGPIPE ignored, and a pipeline relies on it.
+  std::signal(SIGPIPE, SIG_DFL);
   // In this order: a SIGTERM that has come meanwhile ends the child; it must not run HandlerQuit.
   std::signal(SIGTERM, SIG_DFL);
   pthread_sigmask(SIG_SETMASK, &signalMask, nullptr);
@@ -113,8 +115,8 @@ int serviceSafe::execute() {
   Pipe pipe;
   if (!pipe.isOpen()) {
     const int error = errno;
-    const std::lock_guard lock(mutex);  // for the strings of the trailer
-    throw serviceSafeException("Error open pipe " + taskTrailer(std::strerror(error)));
+    const std::lock_guard lock(mutex);  // for the strings of the message
+    throw serviceSafeException(failureText("Error open pipe ", std::strerror(error)));
   }
   // Held over the whole run, so that one task never runs twice at a time.
   const std::lock_guard lock(mutex);
@@ -123,18 +125,23 @@ int serviceSafe::execute() {
   ExecState = 0;
   Stdout.clear();
   const int pid = startPlugin(pipe);
-  std::string output = readOutput(pipe);
-  Stdout = output;
-  const int status = waitForPlugin(pid, pipe);
-  const int code = returnCodeOf(status, output);
-  repairUtf8(output);
-  ReturnCode = code;
-  storeOutput(std::move(output));
-  return code;
+  // From here on in one place: an output may be large, and each copy costs as much again.
+  Stdout = readOutput(pipe);
+  const int exitCode = exitCodeOf(waitForPlugin(pid, pipe));
+  repairUtf8(Stdout);
+  ReturnCode = exitCode > kHighestPassedThrough ? kUnknown : exitCode;
+  requireOutput(exitCode);
+  return ReturnCode;
 }
 
-std::string serviceSafe::taskTrailer(const std::string& detail) const {
-  return name + "\npath:" + path + " " + parameter + detail;
+std::string serviceSafe::failureText(std::string_view prefix, std::string_view detail) const {
+  constexpr std::string_view kPathLabel = "\npath:";
+  std::string text;
+  text.reserve(prefix.size() + name.size() + kPathLabel.size() + path.size() + 1 +
+               parameter.size() + detail.size());
+  text.append(prefix).append(name).append(kPathLabel).append(path);
+  text.append(1, ' ').append(parameter).append(detail);
+  return text;
 }
 
 int serviceSafe::startPlugin(Pipe& pipe) const {
@@ -159,7 +166,7 @@ int serviceSafe::startPlugin(Pipe& pipe) const {
   if (pid < 0) {
     pipe.closeReadEnd();
     pipe.closeWriteEnd();
-    throw serviceSafeException("Error create fork " + taskTrailer(std::strerror(error)));
+    throw serviceSafeException(failureText("Error create fork ", std::strerror(error)));
   }
   pipe.closeWriteEnd();
   return pid;
@@ -177,9 +184,9 @@ std::string serviceSafe::readOutput(Pipe& pipe) const {
       appendChunk(output, {chunk.data(), static_cast<std::size_t>(length)});
     } else if (errno != EINTR) {
       // The child is not waited for: it may live as long as it likes.
-      const std::string message = "Error read buffer: " + taskTrailer(std::strerror(errno));
+      std::string message = failureText("Error read buffer: ", std::strerror(errno));
       pipe.closeReadEnd();
-      throw serviceSafeException(message);
+      throw serviceSafeException(std::move(message));
     }
   }
 }
@@ -190,37 +197,33 @@ int serviceSafe::waitForPlugin(int pid, Pipe& pipe) const {
   const int error = errno;
   pipe.closeReadEnd();
   if (ended == -1) {
-    throw serviceSafeException("Error execute " + taskTrailer(std::strerror(error)));
+    throw serviceSafeException(failureText("Error execute ", std::strerror(error)));
   }
   return status;
 }
 
-int serviceSafe::returnCodeOf(int status, const std::string& output) {
-  const int signal = status & 0x7f;
-  const int exitCode = (status >> 8) & 0xff;
-  if (signal != 0) {  // killed by a signal, or reported as stopped
+int serviceSafe::exitCodeOf(int status) {
+  if ((status & 0x7f) != 0) {  // killed by a signal, or reported as stopped
     ReturnCode = kUnknown;
-    Stdout = "Error: kodu can't execute " + path;
-    throw serviceSafeException("Error: kodu can't execute " + taskTrailer(output));
+    const std::string reason = "Error: kodu can't execute ";
+    std::string message = failureText(reason, Stdout);
+    Stdout = reason + path;
+    throw serviceSafeException(std::move(message));
+  }
+  return (status >> 8) & 0xff;
+}
+
+void serviceSafe::requireOutput(int exitCode) {
+  // The plugin's own words stand for an unusual exit code too: the return code says that something
+  // is wrong, and they say what. Tested by ExecuteTest.KeepsThePluginsTextForExitCode255.
+  if (!Stdout.empty() && Stdout != "''") {
+    return;
   }
   if (exitCode == kCouldNotConnect) {
     Stdout = "UNKNOWN: KoduDaemon could not connect to host";
-    return kUnknown;
+  } else if (exitCode > kHighestPassedThrough) {
+    Stdout = failureText("Error execute: Bad return code\n", " " + Stdout);
   }
-  if (exitCode > kHighestPassedThrough) {
-    Stdout = "Error execute: Bad return code\n" + taskTrailer(" " + output);
-    return kUnknown;
-  }
-  return exitCode;
-}
-
-void serviceSafe::storeOutput(std::string output) {
-  if (output.empty() || output == "''") {
-    // Stdout keeps what returnCodeOf left there.
-    ReturnCode = kUnknown;
-    throw serviceSafeException("DAEMON: the plugin does not return anything on the stdout");
-  }
-  // Replaces a text of returnCodeOf as well: the code says that something is wrong, and the
-  // plugin's own words say what. ExecuteTest.KeepsThePluginsTextForExitCode255 holds this in place.
-  Stdout = std::move(output);
+  ReturnCode = kUnknown;
+  throw serviceSafeException("DAEMON: the plugin does not return anything on the stdout");
 }

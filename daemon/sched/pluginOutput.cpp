@@ -1,8 +1,5 @@
 #include "sched/pluginOutput.h"
 
-#include <iterator>
-#include <utility>
-
 #include <utf8.h>
 
 void appendChunk(std::string& output, std::string_view chunk) {
@@ -13,8 +10,7 @@ void repairUtf8(std::string& text) {
   if (utf8::find_invalid(text.begin(), text.end()) == text.end()) {
     return;
   }
-  std::string repaired;
-  repaired.reserve(text.size());
-  utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(repaired), U' ');
-  text = std::move(repaired);
+  // In place, to do without a second copy of a large output: a blank is never longer than what it
+  // replaces, so what is written never overtakes what is read.
+  text.erase(utf8::replace_invalid(text.begin(), text.end(), text.begin(), U' '), text.end());
 }

@@ -10,7 +10,10 @@
 #include <filesystem>
 #include <iostream>
 #include <memory>
+#include <mutex>
+#include <streambuf>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -19,6 +22,7 @@
 #include "core/signals.h"
 #include "db/pgSafeThread.h"
 #include "db/result.h"
+#include "sched/copyFile.h"
 #include "sched/nextTime.h"
 #include "sched/outputPath.h"
 #include "task/CronTaskQueue.h"
@@ -57,19 +61,32 @@ int runPlugin(const Task& task) {
   return kCritical;
 }
 
+/// Writes a line to standard output, under a lock of its own: lines of two workers do not mix.
+void printLine(std::string_view label, std::string_view text) {
+  static std::mutex mutex;
+  const std::lock_guard lock(mutex);
+  // The stream's buffer, not the stream: one write that fails, on a full disk say, would silence
+  // std::cout for ever. Tested by WorkerTest.PrintsALineAfterOneThatFailed.
+  std::streambuf& console = *std::cout.rdbuf();
+  for (const std::string_view part : {label, text, std::string_view("\n")}) {
+    console.sputn(part.data(), static_cast<std::streamsize>(part.size()));
+  }
+  console.pubsync();
+}
+
 void printRun(int code, const std::string& output) {
-  std::cout << "return" + std::to_string(code) + "\n" << std::flush;
-  std::cout << "output" + output + "\n" << std::flush;
+  printLine("return", std::to_string(code));
+  printLine("output", output);
 }
 
 void writeOutputFile(const std::string& path, const Task& task) {
   // No O_TRUNC: readers of the file never find it empty, and what a shorter output leaves of a
   // longer one stays behind it. WorkerTest.LeavesTheTailOfALongerOutput holds this in place.
-  const int file = open(path.c_str(), O_WRONLY | O_CREAT, 0644);
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (file < 0) {
     throw serviceSafeException(std::strerror(errno));
   }
-  const std::string output = task->GetStdout();
+  const std::string& output = task->unlockedStdout();
   flock(file, LOCK_EX);
   [[maybe_unused]] const auto written = write(file, output.data(), output.size());
   flock(file, LOCK_UN);
@@ -88,10 +105,9 @@ void archiveFailure(const Task& task, const std::string& outputPath) {
   if (!std::filesystem::exists(std::filesystem::status(directory))) {
     std::filesystem::create_directories(directory);
   }
-  // Without options: a copy that is there already is a failed run's only trace and is never
-  // overwritten, even though the process ends here.
-  // WorkerCrashTest.EndsTheProcessWhenTheArchiveFileExists holds this in place.
-  std::filesystem::copy(outputPath, directory + archiveName);
+  // A copy that is there already is a failed run's only trace and is never overwritten, even though
+  // the process ends here. Tested by WorkerCrashTest.EndsTheProcessWhenTheArchiveFileExists.
+  copyToNewFile(outputPath, directory + archiveName);
   PQclear(pgSQL->executePrepareRequest("insertCronError", {task->GetService_idStr(), archiveName}));
 }
 
@@ -130,7 +146,7 @@ void processTask(const Task& task, std::vector<std::string>& parameters) {
   }
   markAsRunning(task, parameters);
   const int code = runPlugin(task);
-  printRun(code, task->GetStdout());
+  printRun(code, task->unlockedStdout());
   const std::string outputPath = currentOutputPath(task);
   writeOutputFile(outputPath, task);
   bool isRetryPending = false;

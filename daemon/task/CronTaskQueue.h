@@ -5,6 +5,8 @@
 #include <mutex>
 #include <vector>
 
+#include "task/DroppedTasks.h"
+
 class serviceCron;
 
 /// Orders a heap so that the task with the smallest ExecTime stands in front.
@@ -23,6 +25,10 @@ class CompareTask {
 /// stands at its old place until a push or a pop moves it. Nobody searches the heap for it, which
 /// would cost more than a run that comes a little early or late.
 /// CronTaskQueueTest.ReadsTheTimeWhenTheHeapIsPutInOrder holds this in place.
+///
+/// A task that is marked to be dropped (ExecState 3) stays until its time, as any other: the timer
+/// logs it and a worker drops it. Of one that the queue alone still holds, only time and name are
+/// kept; what comes out at its time is a record of these and the mark.
 class CronTaskQueue {
  public:
   CronTaskQueue() = default;
@@ -45,10 +51,22 @@ class CronTaskQueue {
   /// Removes the tasks one by one, earliest first.
   void clear();
 
+  /// To be called for each task that was marked, once the caller has let go of it. Now and then it
+  /// frees the marked tasks that only the queue holds. Such a call looks at every task; on average
+  /// a call looks at 32 tasks, or at a thousandth of them where that is more.
+  void noteMarked();
+
  private:
+  /// Frees the marked tasks that the heap alone holds, but for time and name. Caller holds mutex.
+  void freeMarked();
+  /// Puts the earliest of the freed tasks back on the heap when it stands before all others.
+  /// Caller holds mutex.
+  void takeUpDropped();
   /// Removes and returns the earliest task. Caller holds mutex; the queue is not empty.
   std::shared_ptr<serviceCron> take();
 
   std::mutex mutex;
   std::vector<std::shared_ptr<serviceCron>> heap;  // guarded by mutex
+  DroppedTasks dropped;                            // guarded by mutex
+  std::size_t marked = 0;                          // since the last freeMarked; guarded by mutex
 };

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "task/ArgumentList.h"
@@ -77,10 +78,15 @@ class serviceSafe {
   void SetExecState(char state) { ExecState = state; }
 
   std::string Getname() const;
+  /// The name itself. Takes no lock: for the thread that holds the record's last reference.
+  const std::string& unlockedName() const { return name; }
   void Setname(std::string text);
   std::string Getpath() const;
   void Setpath(std::string text);
   std::string GetStdout() const;
+  /// The output itself, however large, until it changes. Takes no lock: for the worker that has the
+  /// task in hand, between a run and clearOutput.
+  const std::string& unlockedStdout() const { return Stdout; }
   /// Gives the storage of the output that was there back.
   void SetStdout(std::string text);
   /// Empties the output but keeps its storage. Takes no lock: for the worker between two runs. A
@@ -129,18 +135,18 @@ class serviceSafe {
 
   // The steps of execute, in its order. Caller holds mutex.
 
-  /// What every failure of a run ends in: name, path, parameters, `detail`.
-  std::string taskTrailer(const std::string& detail) const;
+  /// The text of a failure: `prefix`, name, path, parameters, `detail`.
+  std::string failureText(std::string_view prefix, std::string_view detail) const;
   /// Starts the plugin with its standard output in `pipe` and returns its pid.
   int startPlugin(Pipe& pipe) const;
   /// All that the plugin prints until the last holder of its standard output closes it.
   std::string readOutput(Pipe& pipe) const;
   /// Waits until the plugin has ended, or is stopped or continued; returns waitpid's status.
   int waitForPlugin(int pid, Pipe& pipe) const;
-  /// The return code for waitpid's status; leaves a text in Stdout for unusual ones.
-  int returnCodeOf(int status, const std::string& output);
-  /// Stores the plugin's output as the run's.
-  void storeOutput(std::string output);
+  /// The plugin's exit code, by waitpid's status. Throws when the plugin was killed or stopped.
+  int exitCodeOf(int status);
+  /// Throws when the plugin printed nothing, and leaves a text in Stdout for an unusual exit code.
+  void requireOutput(int exitCode);
 
   std::atomic<std::uint64_t> Device_id = 0;
   std::atomic<std::int32_t> Plugin_id = 0;

@@ -1,8 +1,11 @@
 #include "admin/loader.h"
 
+#include <malloc.h>
+
 #include <ctime>
 #include <filesystem>
 #include <mutex>
+#include <numeric>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -324,6 +327,53 @@ TEST_F(LoaderTest, ReplacesATaskWhoseParametersAloneChanged) {
   EXPECT_NE(loaded(5), old) << "the interval is compared with the next time, so any update counts";
   EXPECT_EQ(loaded(5)->Getparameter(), "-c 10");
   EXPECT_EQ(old->GetExecState(), 3);
+}
+
+TEST_F(LoaderTest, KeepsNoStorageOfTheTasksThatItReplaced) {
+  if (mallinfo2().uordblks == 0) {
+    GTEST_SKIP() << "the heap is the sanitizer's";
+  }
+  constexpr int kTasks = 1000;
+  constexpr int kRounds = 20;
+  database.query(
+      "INSERT INTO kodu_plugins (plugin_id, plugin_name, plugin_path, plugin_type) "
+      "SELECT n, 'the check of service ' || n, '/usr/lib/plugins/check', 'cron' "
+      "FROM generate_series(1, 1000) AS n");
+  database.query(
+      "INSERT INTO kodu_cron_plugin (cron_id, cron_plugin_id, cron_interval, cron_next_exec, "
+      "cron_log_file, cron_parameter) SELECT n, n, '1 day', timestamp '2036-01-01' + n * interval "
+      "'1 s', '$SERVICEID_$DATE.txt', repeat('-w 5 ', 20) FROM generate_series(1, 1000) AS n");
+  load_cron_task("ADD", nullptr);
+  const auto bytesBefore = mallinfo2().uordblks;
+
+  for (int round = 1; round <= kRounds; ++round) {
+    // A new time each, so that no replaced task is like another.
+    database.query("UPDATE kodu_cron_plugin SET cron_next_exec = cron_next_exec + interval '1 d'");
+    std::vector<int> ids(kTasks);
+    std::iota(ids.begin(), ids.end(), 1);
+    load_cron_task("UPDATE", &ids);
+  }
+
+  EXPECT_EQ(serviceQueue->size(), kTasks * (kRounds + 1U));
+  EXPECT_LT(mallinfo2().uordblks, bytesBefore + 3'000'000);
+}
+
+TEST_F(LoaderTest, KeepsTheTimesOfReplacedTasksThatAreTheSameOnce) {
+  if (mallinfo2().uordblks == 0) {
+    GTEST_SKIP() << "the heap is the sanitizer's";
+  }
+  insert(5);
+  load_cron_task("ADD", nullptr);
+  load("UPDATE", {5});
+  load("UPDATE", {5});
+  const auto bytesBefore = mallinfo2().uordblks;
+
+  for (int update = 0; update < 500; ++update) {
+    load("UPDATE", {5});
+  }
+
+  EXPECT_EQ(serviceQueue->size(), 503U);
+  EXPECT_LT(mallinfo2().uordblks, bytesBefore + 500);
 }
 
 TEST_F(LoaderTest, NamesTheRetryIntervalOfARowThatFails) {

@@ -1,6 +1,7 @@
 #include "admin/purge.h"
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -120,6 +121,20 @@ TEST_F(DeleteTaskTest, LeavesTheQueuesAsTheyAre) {
   DeleteTask();
 
   EXPECT_EQ(serviceQueue->front(), task);
+}
+
+TEST_F(DeleteTaskTest, FreesATaskThatWaitsInTheQueue) {
+  auto task = makeTaskWithFiles(1, "a.txt");
+  serviceQueue->push(task);
+  const std::weak_ptr<serviceCron> purged = task;
+  task.reset();
+  flag(1);
+
+  DeleteTask();
+
+  EXPECT_TRUE(purged.expired());
+  EXPECT_EQ(serviceQueue->front()->GetExecState(), 3);
+  EXPECT_EQ(serviceQueue->front()->Getname(), "task 1") << "for the timer's line";
 }
 
 TEST_F(DeleteTaskTest, DeletesTheArchiveAndTheRowsOfATaskThatIsNotLoaded) {

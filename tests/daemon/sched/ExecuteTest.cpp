@@ -530,6 +530,29 @@ TEST_F(ExecuteTest, GivesThePluginTheDefaultActionOfSigterm) {
   EXPECT_EQ(signalSet(task.GetStdout(), "SigCgt"), 0UL);
 }
 
+TEST_F(ExecuteTest, GivesThePluginTheDefaultActionOfSigpipeAndKeepsItsOwn) {
+  task.Setpath("/bin/cat");
+  task.Setparameter("/proc/self/status");
+  const auto previous = std::signal(SIGPIPE, SIG_IGN);
+
+  task.execute();
+
+  EXPECT_EQ(std::signal(SIGPIPE, previous), SIG_IGN);
+  EXPECT_EQ(signalSet(task.GetStdout(), "SigIgn") & (1UL << (SIGPIPE - 1)), 0UL);
+}
+
+TEST_F(ExecuteTest, EndsAPipelineOfThePluginWhoseReaderHasGone) {
+  const auto previous = std::signal(SIGPIPE, SIG_IGN);
+  usePlugin("PATH=/usr/bin:/bin; exec 3>&1; { yes; echo \"ended with $?\" >&3; } | head -n 1 >&2");
+  testing::internal::CaptureStderr();
+
+  task.execute();
+
+  std::signal(SIGPIPE, previous);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "y\n") << "yes has complained";
+  EXPECT_EQ(task.GetStdout(), "ended with 141\n");
+}
+
 TEST_F(ExecuteTest, LeavesTheCallersSignalMaskAlone) {
   usePlugin("echo text");
   sigset_t blocked;

@@ -49,6 +49,9 @@ const char* const kSilent = "DAEMON: the plugin does not return anything on the 
 /// What goes to std::cout while it lives, and how often it is flushed.
 class Console : public std::stringbuf {
  public:
+  /// Gives std::cout its own buffer back.
+  void release() const { std::cout.rdbuf(previous); }
+
   Console() : previous(std::cout.rdbuf(this)) {}
   ~Console() override { std::cout.rdbuf(previous); }
   Console(const Console&) = delete;
@@ -66,6 +69,40 @@ class Console : public std::stringbuf {
   std::streambuf* previous;
   int flushCount = 0;
 };
+
+/// Makes a file the process's standard output while it lives.
+class StandardOutput {
+ public:
+  explicit StandardOutput(const std::string& path) { lead(path); }
+  ~StandardOutput() {
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+  }
+  StandardOutput(const StandardOutput&) = delete;
+  StandardOutput& operator=(const StandardOutput&) = delete;
+
+  /// Makes it another file.
+  static void lead(const std::string& path) {
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    dup2(file, STDOUT_FILENO);
+    close(file);
+  }
+
+ private:
+  int saved = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+};
+
+/// The descriptor of the process that refers to `path`, but for `known`; -1 when there is none.
+int descriptorOf(const std::string& path, int known) {
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code ignored;
+    const int file = std::stoi(entry.path().filename());
+    if (file != known && fs::read_symlink(entry.path(), ignored) == path) {
+      return file;
+    }
+  }
+  return -1;
+}
 
 /// Tasks in the database and in memory, due ten seconds before now, which is kMayDay in UTC.
 class WorkerTest : public DatabaseGlobalsTest {
@@ -216,6 +253,21 @@ TEST_F(WorkerTest, PrintsCodeAndOutputOfARun) {
   EXPECT_EQ(console.flushes(), 4);
 }
 
+TEST_F(WorkerTest, PrintsALineAfterOneThatFailed) {
+  const Task lost = addTask(1, "echo lost");
+  const Task kept = addTask(2, "echo kept");
+  console.release();
+  {
+    const StandardOutput output("/dev/full");
+    EXPECT_TRUE(runTask(lost));
+    output.lead(directory / "console");
+    EXPECT_TRUE(runTask(kept));
+  }
+
+  EXPECT_EQ(readFile(directory / "console"), "return0\noutputkept\n\n");
+  std::cout.clear();
+}
+
 TEST_F(WorkerTest, SaysProcessWhileThePluginRuns) {
   const std::string go = directory / "go";
   const Task task = addTask(1, waitInShell(go) + "; echo fine");
@@ -340,6 +392,21 @@ TEST_F(WorkerTest, WaitsForTheLockOfTheOutputFile) {
   EXPECT_TRUE(waitUntil([&] { return status(1) == "OK"; }));
   EXPECT_EQ(readFile(path), "new\n");
   EXPECT_EQ(flock(reader, LOCK_EX | LOCK_NB), 0) << "the worker has kept its lock";
+  close(reader);
+}
+
+TEST_F(WorkerTest, OpensTheOutputFileCloseOnExec) {
+  const std::string path = log_directory + "/out_1_last.txt";
+  writeFile(path, "old");
+  const int reader = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(flock(reader, LOCK_SH), 0);
+  startWorkers(1);
+
+  queueExecTask->push(addTask(1, "echo new"));
+
+  int file = -1;
+  EXPECT_TRUE(waitUntil([&] { return (file = descriptorOf(path, reader)) >= 0; }));
+  EXPECT_EQ(fcntl(file, F_GETFD), FD_CLOEXEC) << "plugins of other workers would get it";
   close(reader);
 }
 

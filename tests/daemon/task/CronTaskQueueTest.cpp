@@ -1,9 +1,13 @@
 #include "task/CronTaskQueue.h"
 
 #include <algorithm>
+#include <memory>
 #include <random>
+#include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -170,6 +174,114 @@ TEST(CronTaskQueueTest, LosesNothingAmongThreads) {
   for (long time = 0; time < long{kThreads} * kTasks; ++time) {
     ASSERT_EQ(queue.pop()->GetExecTimeSec(), time);
   }
+}
+
+/// Marks a task that the queue holds, and lets go of it.
+void drop(CronTaskQueue& queue, std::shared_ptr<serviceCron> task) {
+  task->SetExecState(3);
+  task.reset();
+  queue.noteMarked();
+}
+
+TEST(CronTaskQueueTest, FreesAMarkedTaskButForItsTimeAndItsName) {
+  CronTaskQueue queue;
+  auto task = taskAt(20);
+  task->Setname("a name that is too long for the record itself");
+  const std::weak_ptr<serviceCron> freed = task;
+  queue.push(taskAt(10));
+  queue.push(task);
+  queue.push(taskAt(30));
+
+  drop(queue, std::move(task));
+
+  EXPECT_TRUE(freed.expired());
+  EXPECT_EQ(queue.size(), 3U);
+  EXPECT_EQ(queue.pop()->GetExecTimeSec(), 10);
+  const auto front = queue.front();
+  EXPECT_EQ(queue.front(), front);
+  EXPECT_EQ(queue.size(), 2U);
+  const auto dropped = queue.pop();
+  EXPECT_EQ(dropped, front);
+  EXPECT_EQ(dropped->GetExecTimeSec(), 20);
+  EXPECT_EQ(dropped->Getname(), "a name that is too long for the record itself");
+  EXPECT_EQ(dropped->GetExecState(), 3);
+  EXPECT_EQ(queue.pop()->GetExecTimeSec(), 30);
+  EXPECT_TRUE(queue.empty());
+}
+
+TEST(CronTaskQueueTest, KeepsAMarkedTaskThatIsHeldElsewhere) {
+  CronTaskQueue queue;
+  const auto held = taskAt(10);
+  queue.push(held);
+
+  drop(queue, held);
+
+  EXPECT_EQ(queue.pop(), held);
+}
+
+TEST(CronTaskQueueTest, FreesATaskThatWasHeldWhenItWasMarked) {
+  CronTaskQueue queue;
+  auto held = taskAt(10);
+  const std::weak_ptr<serviceCron> freed = held;
+  queue.push(held);
+  drop(queue, held);
+  held.reset();
+
+  queue.noteMarked();
+
+  EXPECT_TRUE(freed.expired());
+}
+
+TEST(CronTaskQueueTest, YieldsEachOfTheTasksThatItFreed) {
+  CronTaskQueue queue;
+  for (const long time : {5, 3, 5, 1, 5, 3}) {
+    auto task = taskAt(time);
+    task->Setname(time == 3 ? "three" : "other");
+    queue.push(task);
+    drop(queue, std::move(task));
+  }
+  EXPECT_EQ(queue.size(), 6U);
+
+  std::vector<std::string> yielded;
+  while (!queue.empty()) {
+    const auto task = queue.pop();
+    yielded.push_back(task->Getname() + " " + std::to_string(task->GetExecTimeSec()));
+  }
+
+  EXPECT_EQ(yielded, (std::vector<std::string>{"other 1", "three 3", "three 3", "other 5",
+                                               "other 5", "other 5"}));
+}
+
+TEST(CronTaskQueueTest, MixesTheFreedTasksWithTheOthers) {
+  std::mt19937 random(7);
+  CronTaskQueue queue;
+  std::vector<long> times(5000);
+  for (long& time : times) {
+    time = static_cast<long>(random() % 1000);
+    auto task = taskAt(time);
+    queue.push(task);
+    if (random() % 2 == 0) {
+      drop(queue, std::move(task));
+    }
+  }
+  std::sort(times.begin(), times.end());
+
+  for (const long time : times) {
+    ASSERT_EQ(queue.pop()->GetExecTimeSec(), time);
+  }
+  EXPECT_EQ(queue.pop(), nullptr);
+}
+
+TEST(CronTaskQueueTest, ForgetsTheFreedTasksWhenCleared) {
+  CronTaskQueue queue;
+  auto task = taskAt(10);
+  queue.push(task);
+  drop(queue, std::move(task));
+
+  queue.clear();
+
+  EXPECT_TRUE(queue.empty());
+  EXPECT_EQ(queue.front(), nullptr);
 }
 
 TEST(CompareTaskTest, IsTrueWhenTheFirstIsDueLater) {
