@@ -25,7 +25,7 @@ int runExplain(const Options& options) {
   around.daemon = findDaemon(session.config);
   around.isConnected = isDaemonConnected(session);
   around.workers = stringToInt(session.config.threadNumber);
-  around.runningTasks = countRunning(session);
+  around.workload = countRunning(session);
   if (const auto runs = readFailedRuns(session, task, 1); !runs.empty()) {
     around.failureText = firstLineOf(runs.front().path);
     around.isFailureSilent = runs.front().size == 0U;

@@ -31,6 +31,14 @@ std::string withoutTabs(std::string message) {
   return message;
 }
 
+/// Tells kodu_daemon_state whose sessions are the daemon's: those of the role that the INI file
+/// names. And leaves off compiling: the view of all tasks looks dear to the planner, and is not.
+void prepareSession(pgSafeThread& connection, const DaemonConfig& config) {
+  PQclear(connection.executeParamRequest(
+      "SELECT set_config('kodu.daemon_role', $1, FALSE), set_config('jit', 'off', FALSE)",
+      {trim(config.user)}));
+}
+
 std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::string& user) {
   try {
     auto connection = std::make_unique<pgSafeThread>(connectionString(config, user));
@@ -39,6 +47,7 @@ std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::str
     // Whatever the role or the environment says: times are UTC, and names are the schema's.
     PQclear(connection->executeRequest(
         "SET timezone = 'UTC'; SET search_path = public; SET client_encoding = 'UTF8'"));
+    prepareSession(*connection, config);
     return connection;
   } catch (const PostgresqlException& e) {
     const std::string password = user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
@@ -46,16 +55,6 @@ std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::str
                   fmt::format("{}\nlook whether the server runs, and at {}{}",
                               withoutTabs(trim(e.what())), config.databaseFile, password));
   }
-}
-
-/// The sessions of the daemon's role in the database that `condition` holds for.
-long countSessions(Session& session, const std::string& condition) {
-  const Rows rows = session.query(
-      "SELECT count(*) AS sessions FROM pg_stat_activity"
-      " WHERE usename = $1 AND datname = current_database() AND " +
-          condition,
-      {trim(session.config.user)});
-  return rows.number(0, "sessions");
 }
 
 }  // namespace
@@ -109,14 +108,11 @@ Rows Session::query(const std::string& sql, const std::vector<std::string>& para
 }
 
 bool isDaemonConnected(Session& session) {
-  // Tools name themselves kodu_ and something; the daemon does not name itself.
-  return countSessions(session, "coalesce(application_name, '') NOT LIKE 'kodu\\_%'") > 0;
+  return session.query("SELECT connected FROM kodu_daemon_state").isTrue(0, "connected");
 }
 
 long countDaemons(Session& session) {
-  // By the empty name, not by those that are no kodu_ one: an operator's psql may take the role
-  // too.
-  return countSessions(session, "application_name = '' AND backend_type = 'client backend'");
+  return session.query("SELECT daemons FROM kodu_daemon_state").number(0, "daemons");
 }
 
 std::string serverMessage(const std::string& text) {
