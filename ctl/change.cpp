@@ -26,11 +26,15 @@
 namespace {
 
 std::string nextText(const Task& task) {
-  if (task.isPaused || !task.next) {
+  if (task.isPaused() || !task.next) {
     return "";
   }
-  const long wait = *task.next - task.now;
-  return fmt::format("; next due at {} UTC ({})", timeText(*task.next),
+  if (task.isRunning && !task.afterRun) {
+    return "; a run is in progress";
+  }
+  const long next = task.afterRun.value_or(*task.next);
+  const long wait = next - task.now;
+  return fmt::format("; next due at {} UTC ({})", timeText(next),
                      wait < 0 ? durationText(-wait) + " ago" : "in " + durationText(wait));
 }
 
@@ -79,26 +83,6 @@ void warnOfPlugin(Session& session, int id) try {
 std::optional<std::string> parametersOf(const Options& options) {
   return options.pluginArguments ? std::optional(parameterString(*options.pluginArguments))
                                  : std::nullopt;
-}
-
-/// The same for a task that is there: where koduguard is its plugin, the guard's own arguments and
-/// the guarded plugin stay.
-std::optional<std::string> parametersFor(const Task& task, const Options& options) {
-  if (!isGuarded(task)) {
-    return parametersOf(options);
-  }
-  if (options.plugin) {
-    throw Failure(kRefused, fmt::format("task {} runs its plugin within koduguard: to run another "
-                                        "one, delete it and add it anew",
-                                        task.id));
-  }
-  if (!options.pluginArguments) {
-    return std::nullopt;
-  }
-  std::vector<std::string> arguments = guardArguments(task);
-  arguments.insert(arguments.end(), options.pluginArguments->begin(),
-                   options.pluginArguments->end());
-  return parameterString(arguments);
 }
 
 /// The arguments that add and set share, but for the plugin's own.
@@ -151,11 +135,12 @@ int runAdd(const Options& options) {
 
 int runSet(const Options& options) {
   Session session(options);
+  readTask(session, options.id);
   Call call("kodu_task_set");
   call.with("task", options.id)
       .with("plugin", "text", options.plugin)
       .with("next_run", "timestamptz", options.next)
-      .with("parameters", "text", parametersFor(readTask(session, options.id), options));
+      .with("parameters", "text", parametersOf(options));
   giveDefinition(call, options);
   call.run(session);
   report(session, options, options.id, "changed");
@@ -194,8 +179,8 @@ int runDelete(const Options& options) {
   if (options.asJson) {
     printJson(toJson(readTask(session, options.id)));
   } else {
-    print("task {} ({}) will be gone, with its files, within two minutes\n", task.id,
-          oneLine(task.name));
+    print("task {} ({}) will be gone, with its files, within two minutes{}\n", task.id,
+          oneLine(task.name), task.isRunning ? " of the end of its run" : "");
   }
   return kDone;
 }

@@ -27,7 +27,7 @@ constexpr std::size_t kShownTasks = 10;
 /// The tasks that the daemon will begin next, the earliest first.
 std::vector<Task> dueNext(std::vector<Task> tasks) {
   std::erase_if(tasks, [](const Task& task) {
-    return task.type != "cron" || task.isRunning() || task.isPaused || task.isFlagged || !task.next;
+    return task.type != "cron" || task.isRunning || task.isPaused() || task.isFlagged || !task.next;
   });
   std::sort(tasks.begin(), tasks.end(),
             [](const Task& a, const Task& b) { return *a.next < *b.next; });

@@ -29,7 +29,7 @@ class TaskCheck {
     lookAtRow(task);
     lookAtPlugin(task);
     lookAtOutput(task);
-    if (task.isLate()) {
+    if (task.isLate) {
       findings.addWarning("should have begun by now", task.id);
     }
   }
@@ -45,7 +45,13 @@ class TaskCheck {
       findings.addError("refused by the daemon: cron_interval is missing or below a second",
                         task.id);
     }
-    if (!task.next) {
+    if (task.hasMonths) {
+      findings.addWarning(
+          "months in the interval: the table adds a month of the calendar, the daemon counts 30 "
+          "days",
+          task.id);
+    }
+    if (!task.next && !task.isPaused()) {
       findings.addError("refused by the daemon: cron_next_exec is missing", task.id);
     }
     const auto quotes = std::count_if(task.parameter.begin(), task.parameter.end(),

@@ -24,7 +24,7 @@ int runExplain(const Options& options) {
   around.daemon = findDaemon(session.config);
   around.isConnected = isDaemonConnected(session);
   around.workers = stringToInt(session.config.threadNumber);
-  around.runningTasks = countRunning(session);
+  around.workload = countRunning(session);
   // Who writes rows or outputs chooses what is read: with root's rights that would be any file.
   const AsDaemon rights(around.daemon);
   if (const auto runs = readFailedRuns(session, task, 1); !runs.empty()) {

@@ -6,7 +6,6 @@
 
 #include "ctl/fileCheck.h"
 #include "ctl/guarded.h"
-#include "ctl/task.h"
 #include "ctl/text.h"
 #include "task/serviceCron.h"
 
@@ -46,20 +45,34 @@ std::string lastRun(const Task& task) {
                      task.status.value_or("without a status"), retries);
 }
 
-/// For a row in PROCESS whose present run has failed before.
+/// For a run that has failed before.
 std::string retryWait(const Task& task) {
   const long used = task.failedAttempts;
   const std::string failed = fmt::format("The run that was due at {} has failed {}",
                                          moment(*task.next, task.now), counted(used, "time"));
-  if (used > task.maxRetries()) {
+  if (!task.retryDue) {
     return failed + ", no retry is left, and the daemon is about to write FAILED.";
   }
-  const long due = *task.next + used * task.retryDelay();
   const std::string retry = fmt::format("{}; retry {} of {}", failed, used, task.maxRetries());
-  return due > task.now
-             ? fmt::format("{} is what it waits for, due at {}.", retry, moment(due, task.now))
-             : fmt::format("{} was due at {}, and goes on or waits for a free worker.", retry,
-                           moment(due, task.now));
+  const std::string due = moment(*task.retryDue, task.now);
+  return task.awaitsRetry
+             ? fmt::format("{} is due at {}.", retry, due)
+             : fmt::format("{} was due at {} and is running or waiting for a free worker.", retry,
+                           due);
+}
+
+/// What was set meanwhile, and takes effect when the run has ended.
+std::string afterRun(const Task& task) {
+  if (task.isFlagged) {
+    return " After it the daemon removes the task, its files and its history.";
+  }
+  if (task.pause) {
+    return fmt::format(" After it the task is {}; koductl resume {} ends that.",
+                       pauseText(*task.pause, task.now), task.id);
+  }
+  return task.afterRun
+             ? fmt::format(" The next one has been set to {}.", moment(*task.afterRun, task.now))
+             : "";
 }
 
 std::string runningWait(const Task& task, const Surroundings& around) {
@@ -68,10 +81,10 @@ std::string runningWait(const Task& task, const Surroundings& around) {
            "next start of the daemon takes the task up again.";
   }
   if (task.failedAttempts > 0) {
-    return retryWait(task);
+    return retryWait(task) + afterRun(task);
   }
-  return fmt::format("A run goes on that was due at {}: it waits for the plugin to end.",
-                     moment(*task.next, task.now));
+  return fmt::format("The run due at {} is in progress: it waits for the plugin to end.{}",
+                     moment(*task.next, task.now), afterRun(task));
 }
 
 /// Why a task that is due has not begun.
@@ -81,9 +94,9 @@ std::string lateReason(const Task& task, const Surroundings& around) {
   if (!around.isConnected) {
     return late + " No daemon is connected to the database, so nothing runs.";
   }
-  if (around.runningTasks >= around.workers) {
-    return fmt::format("{} There are {}, and {} in PROCESS: it waits for a free one.", late,
-                       counted(around.workers, "worker"), counted(around.runningTasks, "task"));
+  if (around.workload.busy >= around.workers) {
+    return fmt::format("{} There are {}, and {} in progress: it waits for a free one.", late,
+                       counted(around.workers, "worker"), counted(around.workload.busy, "run"));
   }
   return late +
          " The daemon is connected and has workers to spare: either it was never told of the task, "
@@ -92,7 +105,7 @@ std::string lateReason(const Task& task, const Surroundings& around) {
 }
 
 std::string waitingFor(const Task& task, const Surroundings& around) {
-  if (task.isFlagged) {
+  if (task.isFlagged && !task.isRunning) {
     return "It is marked for deletion: the daemon removes it, its files and its history within two "
            "minutes.";
   }
@@ -100,16 +113,17 @@ std::string waitingFor(const Task& task, const Surroundings& around) {
     return fmt::format("Its plugin has the type '{}', and the daemon runs only 'cron' ones.",
                        task.type);
   }
+  if (task.pause && !task.isRunning) {
+    return fmt::format("It is {}. koductl resume {} ends that.", pauseText(*task.pause, task.now),
+                       task.id);
+  }
   if (!task.next || !task.every || *task.every < 1) {
     return "The daemon refuses the row: interval or next time is missing.";
   }
-  if (task.isRunning()) {
+  if (task.isRunning) {
     return runningWait(task, around);
   }
-  if (task.isPaused) {
-    return fmt::format("It is paused, and waits for koductl resume {}.", task.id);
-  }
-  if (task.isLate()) {
+  if (task.isLate) {
     return lateReason(task, around);
   }
   return fmt::format("It waits for its time: {}.", moment(*task.next, task.now));
@@ -117,12 +131,12 @@ std::string waitingFor(const Task& task, const Surroundings& around) {
 
 /// Which rule has set the next time.
 std::string nextTimeRule(const Task& task) {
-  if (task.isPaused) {
-    return "The pause put its next time off; a resumed task goes on in its old rhythm.";
-  }
-  if (task.isRunning()) {
+  if (task.isRunning) {
     return "The due time stays until the run is completed; then one interval is added, and more "
-           "until it lies ahead.";
+           "until it lies ahead, unless another time has been set.";
+  }
+  if (task.isPaused()) {
+    return "The pause put its next time off; a resumed task goes on in its old rhythm.";
   }
   if (!task.lastDue) {
     return "Whoever added the task chose that time; a start of the daemon after it moves it on by "
@@ -160,7 +174,7 @@ std::string failing(const Task& task, const Surroundings& around) {
     return fmt::format("It fails since {}: {} failed, see koductl history {}.{}",
                        moment(*task.failingSince, task.now), counts, task.id, said(around));
   }
-  if (task.isFailing()) {
+  if (task.isFailing) {
     return "It fails; since when is not in the history any more.";
   }
   return task.failuresDay > 0 ? fmt::format("It does not fail now; {} failed.", counts)
@@ -192,7 +206,7 @@ std::string outputFile(const Task& task, const Surroundings& around) {
 
 std::vector<std::string> explain(const Task& task, const Surroundings& around) {
   std::vector<std::string> sentences = {definition(task), lastRun(task), waitingFor(task, around)};
-  if (task.next && task.every && *task.every > 0 && !task.isFlagged) {
+  if ((task.next || task.isPaused()) && task.every && *task.every > 0 && !task.isFlagged) {
     sentences.push_back(nextTimeRule(task));
   }
   sentences.push_back(failing(task, around));

@@ -4,15 +4,14 @@
 #include <vector>
 
 #include "ctl/daemonProcess.h"
-
-struct Task;
+#include "ctl/task.h"
 
 /// What an explanation needs besides the task's own row.
 struct Surroundings {
   DaemonIdentity daemon;
   bool isConnected = false;  // a session of the daemon is in the database
   int workers = 0;           // as the INI file has it
-  long runningTasks = 0;     // rows in PROCESS, pending retries among them
+  Workload workload;
   std::string failureText;  // what the latest failed run said first; empty when nothing can be read
   bool isFailureSilent = false;  // the latest failed run's output is there, and empty
 };

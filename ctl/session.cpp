@@ -47,11 +47,14 @@ Connection connect(const std::string& conninfo) {
 }
 
 // Whatever the role or the environment says: times are UTC, names are the schema's, and nothing
-// waits for ever.
+// waits for ever. kodu_daemon_state learns whose sessions are the daemon's: those of the role that
+// the INI file names. No compiling: the view of all tasks looks expensive to the planner, and is
+// not.
 constexpr const char* kSettings = R"(
 SELECT set_config('timezone', 'UTC', false), set_config('search_path', 'public', false),
        set_config('client_encoding', 'UTF8', false), set_config('lock_timeout', $1, false),
-       set_config('statement_timeout', $2, false))";
+       set_config('statement_timeout', $2, false), set_config('kodu.daemon_role', $3, false),
+       set_config('jit', 'off', false))";
 
 Connection connectAs(const Options& options, const DaemonConfig& config,
                      const std::string& conninfo) {
@@ -82,16 +85,6 @@ std::string lockedText(const LockWatch& watch, int seconds, const char* option) 
       "{} was locked for {} s; nothing was changed\nthe lock is with {}\ntry again when the "
       "transaction there has ended{}; {} SECONDS waits longer",
       watch.lock().empty() ? "something" : watch.lock(), seconds, holders, remedy, option);
-}
-
-/// The sessions of the daemon's role in the database that `condition` holds for.
-long countSessions(Session& session, const std::string& condition) {
-  const Rows rows = session.query(
-      "SELECT count(*) AS sessions FROM pg_stat_activity"
-      " WHERE usename = $1 AND datname = current_database() AND " +
-          condition,
-      {trim(session.config.user)});
-  return rows.number(0, "sessions");
 }
 
 }  // namespace
@@ -130,7 +123,8 @@ Session::Session(const Options& options)
       lockTimeout(options.lockTimeout),
       statementTimeout(options.statementTimeout),
       connection(connectAs(options, config, conninfo)) {
-  query(kSettings, {fmt::format("{}s", lockTimeout), fmt::format("{}s", statementTimeout)});
+  query(kSettings,
+        {fmt::format("{}s", lockTimeout), fmt::format("{}s", statementTimeout), trim(config.user)});
 }
 
 Session::~Session() = default;
@@ -196,14 +190,11 @@ void Session::fail(const ResultPtr& result, const LockWatch& watch) const {
 }
 
 bool isDaemonConnected(Session& session) {
-  // Tools name themselves kodu_ and something; the daemon does not name itself.
-  return countSessions(session, "coalesce(application_name, '') NOT LIKE 'kodu\\_%'") > 0;
+  return session.query("SELECT connected FROM kodu_daemon_state").isTrue(0, "connected");
 }
 
 long countDaemons(Session& session) {
-  // By the empty name, not by those that are no kodu_ one: an operator's psql may take the role
-  // too.
-  return countSessions(session, "application_name = '' AND backend_type = 'client backend'");
+  return session.query("SELECT daemons FROM kodu_daemon_state").number(0, "daemons");
 }
 
 std::string serverMessage(const std::string& text) {

@@ -64,8 +64,7 @@ class Session {
 /// True when a session of the daemon is in the database.
 bool isDaemonConnected(Session& session);
 
-/// The number of daemons that are in the database, each with its one session. 0 for a role that may
-/// not see the names of another's sessions.
+/// The number of daemons that are in the database, each with its one session.
 long countDaemons(Session& session);
 
 /// The server's words without what only a developer of functions reads: severity, code and context.

@@ -22,8 +22,9 @@ std::string timeOrNever(std::optional<long> time) {
 
 std::string dueText(const Task& task) {
   const std::string late =
-      task.isLate() ? fmt::format(" ({} late)", durationText(task.lateSeconds())) : "";
-  return timeOrNever(task.next) + late;
+      task.isLate ? fmt::format(" ({} late)", durationText(task.lateSeconds)) : "";
+  const std::string after = task.afterRun ? ", and then " + timeText(*task.afterRun) + " UTC" : "";
+  return timeOrNever(task.next) + late + after;
 }
 
 std::string argumentsText(const Task& task) {
@@ -38,7 +39,7 @@ std::string flagsText(const Task& task) {
   if (task.isFlagged) {
     return " (to be deleted)";
   }
-  return task.isPaused ? " (paused)" : "";
+  return task.pause ? " (" + oneLine(pauseText(*task.pause, task.now)) + ")" : "";
 }
 
 struct Field {

@@ -30,23 +30,27 @@ namespace {
 std::vector<Task> selectTasks(Session& session, const Options& options) {
   std::vector<Task> tasks = readTasks(session);
   std::erase_if(tasks, [&](const Task& task) {
-    return (options.onlyFailed && !task.isFailing()) || (options.onlyLate && !task.isLate());
+    return (options.onlyFailed && !task.isFailing) || (options.onlyLate && !task.isLate);
   });
   return tasks;
 }
 
+/// A pause or a deletion takes effect at the end of a run in progress.
 std::string statusWord(const Task& task) {
+  if (task.isRunning) {
+    return *task.status;
+  }
   if (task.isFlagged) {
     return "deleted";
   }
-  if (task.isPaused) {
+  if (task.isPaused()) {
     return "paused";
   }
   return task.status.value_or("-");
 }
 
 std::string lateText(const Task& task) {
-  return task.isLate() ? durationText(task.lateSeconds()) : "-";
+  return task.isLate ? durationText(task.lateSeconds) : "-";
 }
 
 constexpr auto kRight = Table::Align::kRight;
@@ -61,9 +65,9 @@ void addState(Cells& line, const Task& task) {
   line.emplace_back(std::to_string(task.id));
   line.emplace_back(cutTo(oneLine(task.name), 30));
   line.emplace_back(statusWord(task), colourOf(statusWord(task)));
-  line.emplace_back(lateText(task), task.isLate() ? Colour::kYellow : Colour::kNone);
+  line.emplace_back(lateText(task), task.isLate ? Colour::kYellow : Colour::kNone);
   line.emplace_back(shortTime(task.lastDue, task.now));
-  line.emplace_back(shortTime(task.isPaused ? std::nullopt : task.next, task.now));
+  line.emplace_back(shortTime(task.next, task.now));
 }
 
 const Columns kHistoryColumns = {{"EVERY", kRight},
@@ -79,6 +83,13 @@ void addHistory(Cells& line, const Task& task) {
   line.emplace_back(shortTime(task.failingSince, task.now));
 }
 
+/// "since 10:31:01 by alice: new disks".
+std::string pauseCell(const Pause& pause, long now) {
+  return fmt::format("since {}{}{}", shortTime(pause.since, now),
+                     pause.by.empty() ? "" : " by " + pause.by,
+                     pause.reason.empty() ? "" : ": " + pause.reason);
+}
+
 const Columns kOutputColumns = {{"FAILED 24H", kRight}, {"OUTPUT"}};
 /// A file that is there before the task's first run belonged to another.
 void addOutput(Cells& line, const Task& task) {
@@ -86,10 +97,19 @@ void addOutput(Cells& line, const Task& task) {
   line.emplace_back(task.status ? firstLineOf(task.outputPath()) : "");
 }
 
+/// A last column of its own, where there is something to say in it.
+bool hasPause(const std::vector<Task>& tasks) {
+  return std::any_of(tasks.begin(), tasks.end(), [](const Task& task) { return task.isPaused(); });
+}
+
 Table tableOf(const std::vector<Task>& tasks, const Options& options) {
   Columns columns = kStateColumns;
   const Columns& further = options.withOutput ? kOutputColumns : kHistoryColumns;
   columns.insert(columns.end(), further.begin(), further.end());
+  const bool withPause = hasPause(tasks);
+  if (withPause) {
+    columns.push_back({"PAUSED"});
+  }
   Table table(std::move(columns));
   std::optional<AsDaemon> rights;  // with root's own, who writes rows could have any file shown
   if (options.withOutput) {
@@ -99,6 +119,9 @@ Table tableOf(const std::vector<Task>& tasks, const Options& options) {
     Cells line;
     addState(line, task);
     (options.withOutput ? addOutput : addHistory)(line, task);
+    if (withPause) {
+      line.emplace_back(task.pause ? pauseCell(*task.pause, task.now) : "");
+    }
     table.add(std::move(line));
   }
   return table;
@@ -116,7 +139,7 @@ std::string headline(const std::vector<Task>& tasks) {
     }
   }
   const auto late =
-      std::count_if(tasks.begin(), tasks.end(), [](const Task& task) { return task.isLate(); });
+      std::count_if(tasks.begin(), tasks.end(), [](const Task& task) { return task.isLate; });
   return fmt::format("{}{}; {} late. Times are UTC.",
                      counted(static_cast<long>(tasks.size()), "task"), states, late);
 }

@@ -10,32 +10,38 @@
 class Session;
 class serviceCron;
 
-/// A task's row with its plugin and its recent history. Times are seconds since the epoch, periods
-/// seconds.
+/// Why a task does not run.
+struct Pause {
+  std::optional<long> since;  // nothing where it was paused without the functions
+  std::string by, reason;     // "" where they are not known
+};
+
+/// A task's row with its plugin and its recent history. What it does is what the database's view of
+/// all tasks, kodu_task_state, says. Times are seconds since the epoch, periods seconds.
 struct Task {
   int id = 0;
   std::string name, path, type, parameter, fileName;
   std::optional<std::string> status;  // nothing before the first run
   std::optional<long> lastDue;        // when the last completed run was due
-  std::optional<long> next;           // when the next run, or the present one, is due
+  std::optional<long> next;           // when the next run, or the present one, is due; else paused
+  std::optional<long> afterRun;       // the time that was set for the run after the present one
   std::optional<long> every;
   std::optional<long> retries, retryAfter;  // nothing: the daemon's defaults
-  bool isFlagged = false;                   // waits for the purge
-  bool isPaused = false;
+  bool hasMonths = false;                   // the interval's length hangs on the calendar
+  bool isFlagged = false;                   // waits for the purge, or for a run's end before it
+  bool isRunning = false;                   // a run, or its wait for a retry, is in progress
+  bool awaitsRetry = false;                 // that wait: it keeps no worker
+  std::optional<long> retryDue;             // when the run's next retry is due, or was
+  bool isLate = false;                      // its run should have begun
+  long lateSeconds = 0;                     // since then; 0 for a task that is to wait
+  std::optional<Pause> pause;
   long failuresHour = 0, failuresDay = 0;
   long failedAttempts = 0;  // of the present run, which has begun
+  bool isFailing = false;
   std::optional<long> failingSince;
   long now = 0;  // the server's clock
 
-  /// A run, or its wait for a retry, goes on: until it ends its due time stays. PROCESS with a due
-  /// time to come is what a run left that the daemon dropped, or that a pause overtook.
-  bool isRunning() const { return status == "PROCESS" && next.value_or(now) <= now; }
-  bool isFailing() const { return status == "FAILED" || failingSince.has_value(); }
-  /// Seconds since a run was due that has not begun; 0 for a task that is to wait.
-  long lateSeconds() const;
-  /// More than the two seconds that a timer, which looks once a second, may take.
-  bool isLate() const { return lateSeconds() > 2; }
-
+  bool isPaused() const { return pause.has_value(); }
   long maxRetries() const { return retries.value_or(kDefaultRetries); }
   long retryDelay() const { return retryAfter.value_or(kDefaultRetryAfter); }
 
@@ -57,8 +63,16 @@ std::vector<Task> readTasks(Session& session);
 /// One task. Throws Failure (kNotFound) when there is none.
 Task readTask(Session& session, int id);
 
-/// How many rows are in PROCESS: runs that go on, and pending retries.
-long countRunning(Session& session);
+/// How many runs are in progress, as far as the tables tell.
+struct Workload {
+  long busy = 0;     // those that may keep a worker
+  long waiting = 0;  // those that wait for the time of their retry
+};
+Workload countRunning(Session& session);
+
+/// "paused since 2024-05-01 13:02:09 UTC (5m ago) by alice: new disks"; what is not known is left
+/// out.
+std::string pauseText(const Pause& pause, long now);
 
 /// Everything above as a JSON object.
 Json::Value toJson(const Task& task);

@@ -1,20 +1,20 @@
 -- Ends the runs that a life of the daemon left in "PROCESS": such a row becomes "FAILED", and
 -- kodu_cron_repair gets one row that says which task, when it was found and when it was due. The
--- task's next time stays, so the daemon runs it as the schedule says.
+-- task's next time stays, so the daemon runs it as the schedule says; what the functions were asked for
+-- during such a run, a time or a deletion, takes effect now.
 --
 -- Run it before each start of the daemon, never during its life; while a session of the daemon is
--- connected it changes nothing. As the role kodu, as the database's owner or as a superuser:
+-- connected it changes nothing. As the daemon's role, as the database's owner or as a superuser:
 --     PGAPPNAME=kodu_repair psql -f repair.sql
--- Sessions whose application_name begins with "kodu_" are tools, not the daemon.
+-- The view kodu_daemon_state says what a session of the daemon is. Where the daemon's role is another
+-- one than kodu, SET kodu.daemon_role = '...' comes first.
 
 WITH abandoned AS (
-    UPDATE public.kodu_cron_plugin SET cron_status = 'FAILED'
-    WHERE cron_status = 'PROCESS'
-      AND NOT EXISTS (
-        SELECT FROM pg_stat_activity
-        WHERE usename = 'kodu' AND datname = current_database()
-          AND pid <> pg_backend_pid() AND application_name NOT LIKE 'kodu\_%')
-    RETURNING cron_id, cron_next_exec
+    UPDATE public.kodu_cron_plugin AS task SET cron_status = 'FAILED'
+    FROM public.kodu_cron_plugin AS was  -- a trigger may move the time
+    WHERE task.cron_id = was.cron_id AND task.cron_status = 'PROCESS'
+      AND NOT (SELECT connected FROM public.kodu_daemon_state)
+    RETURNING was.cron_id, was.cron_next_exec
 )
 INSERT INTO public.kodu_cron_repair (cron_id, was_due)
 SELECT cron_id, cron_next_exec FROM abandoned ORDER BY cron_id;

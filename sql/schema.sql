@@ -68,8 +68,29 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
         CONSTRAINT cron_retries_interval_up_to_year
             CHECK (cron_retries_interval BETWEEN INTERVAL '0' AND INTERVAL '366 days'),
     cron_parameter text,
-    cron_delete    boolean NOT NULL DEFAULT FALSE
+    cron_delete    boolean NOT NULL DEFAULT FALSE,
+    -- The next two belong to sql/functions.sql; the daemon does not know them.
+    cron_wanted timestamp
+        CONSTRAINT cron_wanted_in_integer_seconds
+            CHECK (cron_wanted BETWEEN '1970-01-01 00:00:00' AND '2038-01-19 03:14:07'
+                   OR cron_wanted = 'infinity'),
+    cron_changed boolean NOT NULL DEFAULT FALSE
 ) WITH (fillfactor = 70);
+
+-- A table that was made before these two columns. Asked first: ALTER TABLE locks out the daemon for
+-- a moment even when it has nothing to do.
+DO $$
+BEGIN
+    IF NOT EXISTS (SELECT FROM pg_attribute WHERE attrelid = 'kodu_cron_plugin'::regclass
+                                              AND attname = 'cron_wanted') THEN
+        ALTER TABLE kodu_cron_plugin
+            ADD cron_wanted timestamp CONSTRAINT cron_wanted_in_integer_seconds
+                CHECK (cron_wanted BETWEEN '1970-01-01 00:00:00' AND '2038-01-19 03:14:07'
+                       OR cron_wanted = 'infinity'),
+            ADD cron_changed boolean NOT NULL DEFAULT FALSE;
+    END IF;
+END
+$$;
 
 -- cron_id refers to a task without a foreign key. The daemon deletes a task's history and then its
 -- row while a worker may still run that task: a failure recorded in between would make the second
@@ -92,6 +113,16 @@ CREATE TABLE IF NOT EXISTS kodu_cron_repair (
     was_due     timestamp NOT NULL
 );
 
+-- The tasks that are paused, see kodu_task_pause in sql/functions.sql.
+CREATE TABLE IF NOT EXISTS kodu_cron_pause (
+    -- The daemon may delete the task nevertheless, and with it this row, without a right to it.
+    cron_id   integer PRIMARY KEY REFERENCES kodu_cron_plugin (cron_id) ON DELETE CASCADE,
+    next_exec timestamp NOT NULL,
+    paused_at timestamp NOT NULL DEFAULT date_trunc('second', now() AT TIME ZONE 'UTC'),
+    paused_by text NOT NULL DEFAULT session_user,
+    reason    text
+);
+
 -- Indexes: all other statements find their row by its primary key --------------------------------
 
 -- SelectDeleteCron, every two minutes: the flagged rows without reading all the others.
@@ -99,6 +130,165 @@ CREATE INDEX IF NOT EXISTS kodu_cron_plugin_flagged ON kodu_cron_plugin (cron_id
 
 -- DeleteCronHistory and SelectCronHistory; with the date for readers who want the latest.
 CREATE INDEX IF NOT EXISTS kodu_cron_error_of_task ON kodu_cron_error (cron_id, cron_date);
+
+-- The failures of the last hour and those to be pruned, without reading all history.
+CREATE INDEX IF NOT EXISTS kodu_cron_error_of_time ON kodu_cron_error (cron_date);
+
+-- The catalogue by path, by name, by both, and its guards: kodu_task_add looks for each. Hashes, since
+-- a B-tree would refuse paths and names of some 2,700 bytes.
+CREATE INDEX IF NOT EXISTS kodu_plugins_of_path ON kodu_plugins USING hash (plugin_path);
+CREATE INDEX IF NOT EXISTS kodu_plugins_of_name ON kodu_plugins USING hash (plugin_name);
+CREATE INDEX IF NOT EXISTS kodu_plugins_of_path_and_name
+    ON kodu_plugins USING hash ((plugin_path || ' ' || plugin_name));
+CREATE INDEX IF NOT EXISTS kodu_plugins_guards ON kodu_plugins (plugin_id)
+    WHERE plugin_path LIKE '%/koduguard';
+
+-- Intervals --------------------------------------------------------------------------------------
+
+-- The daemon counts a month as 30 days, while a month that is added to cron_next_exec is one of the
+-- calendar: its times and the table's would drift apart. A trigger, not a CHECK: the server tests each
+-- CHECK again at the daemon's own updates, and an old row that breaks it would end the daemon. AFTER:
+-- a BEFORE trigger of any column has the server lock each row that the daemon updates once more.
+CREATE OR REPLACE FUNCTION kodu_refuse_months() RETURNS trigger
+LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
+BEGIN
+    RAISE EXCEPTION 'the interval must not hold months or years' USING
+        ERRCODE = 'check_violation',
+        CONSTRAINT = 'cron_interval_without_months',
+        HINT = 'They differ in length. Say 30 days, for instance.';
+END
+$$;
+
+CREATE OR REPLACE TRIGGER kodu_interval_written
+    AFTER INSERT OR UPDATE OF cron_interval ON kodu_cron_plugin FOR EACH ROW
+    WHEN (EXTRACT(YEAR FROM NEW.cron_interval) <> 0 OR EXTRACT(MONTH FROM NEW.cron_interval) <> 0)
+    EXECUTE FUNCTION kodu_refuse_months();
+
+-- What the tasks do ------------------------------------------------------------------------------
+
+-- The daemon knows no pause: it loads every task, and runs each when its time has come. A paused
+-- task is one whose time comes in 2036, so that a restart of the daemon finds it paused as well. What
+-- it was before stands in kodu_cron_pause. From 2036 on two moves by an interval of a year stay within
+-- what cron_next_exec may hold.
+CREATE OR REPLACE FUNCTION kodu_pause_time() RETURNS timestamp LANGUAGE sql IMMUTABLE
+    RETURN timestamp '2036-01-01 00:00:00';
+
+-- A run, or the wait for its retry, is in progress: its due time stays in the row until it ends.
+-- PROCESS with a due time to come is what a life of the daemon left behind: loading the task has moved
+-- the time.
+CREATE OR REPLACE FUNCTION kodu_is_running(status text, due timestamp, moment timestamp)
+RETURNS boolean LANGUAGE sql IMMUTABLE
+    RETURN COALESCE(status = 'PROCESS' AND due < moment, FALSE);
+
+-- A task is paused from the call on, although the end of a run in progress is what moves its time.
+CREATE OR REPLACE FUNCTION kodu_is_paused(status text, due timestamp, wanted timestamp,
+                                          moment timestamp)
+RETURNS boolean LANGUAGE sql IMMUTABLE
+    RETURN COALESCE(due >= kodu_pause_time()
+                    OR kodu_is_running(status, due, moment)
+                       AND wanted >= kodu_pause_time() AND wanted < 'infinity', FALSE);
+
+-- One row: the sessions of the daemon's role in this database that are no tool's (a tool's
+-- application_name begins with "kodu_"), how many of them are daemons, which do not name themselves,
+-- and whether there is any at all. The role is `kodu`, or what the session that asks has set
+-- kodu.daemon_role to: tools set it to the role that the daemon's configuration names.
+CREATE OR REPLACE VIEW kodu_daemon_state AS
+SELECT count(*) AS sessions,
+       -- A role may not see what another's session is; the name it may.
+       count(*) FILTER (WHERE COALESCE(application_name, '') = ''
+                        AND COALESCE(backend_type, 'client backend') = 'client backend') AS daemons,
+       count(*) > 0 AS connected
+FROM pg_stat_activity
+WHERE usename = COALESCE(NULLIF(current_setting('kodu.daemon_role', TRUE), ''), 'kodu')
+  AND datname = current_database()
+  AND pid <> pg_backend_pid()
+  AND COALESCE(application_name, '') NOT LIKE 'kodu\_%';
+
+-- The one definition of each task's state, for all tools. One row a task; times are UTC. Rows whose
+-- plugin_type is not `cron` are among them, which the daemon does not run. A column that is not
+-- selected costs nothing: what looks into the history is a subquery in the list of columns.
+--
+-- retry_due: the tables do not tell whether the retry has begun, only when it does at the earliest.
+-- failing_since: the first failure of those between which no run can have succeeded, as far as the
+-- history goes. The daemon records no successes: a gap of more than one and a half intervals (of runs
+-- or of retries, whichever is longer) is taken for one. A task in PROCESS fails when the present run
+-- has failed already, or the last one had no retry left.
+CREATE OR REPLACE VIEW kodu_task_state AS
+SELECT task.cron_id AS id,
+       plugin_name AS name,
+       plugin_path,
+       plugin_type,
+       cron_status AS status,
+       cron_delete OR COALESCE(cron_wanted = 'infinity', FALSE) AS deleting,
+       paused,
+       CASE WHEN paused THEN paused_at END AS paused_at,
+       CASE WHEN paused THEN paused_by END AS paused_by,
+       CASE WHEN paused THEN reason END AS pause_reason,
+       running,
+       attempts,
+       retry_due,
+       COALESCE(retry_due >= utc, FALSE) AS awaiting_retry,
+       running AND NOT COALESCE(retry_due >= utc, FALSE) AS busy,
+       CASE WHEN cron_next_exec < kodu_pause_time() THEN cron_next_exec END AS due,
+       due_seconds,
+       CASE WHEN running OR cron_delete THEN 0 ELSE due_seconds END AS late_seconds,
+       -- The timer looks once a second, and a task begins in the second after it is due.
+       NOT running AND NOT cron_delete AND due_seconds > 2 AS late,
+       CASE WHEN running AND cron_wanted < kodu_pause_time() THEN cron_wanted END AS due_after_run,
+       -- A run that ends during a pause of an older version of sql/functions.sql was due in 2036.
+       CASE WHEN cron_last_exec >= kodu_pause_time() THEN next_exec
+            WHEN isfinite(cron_last_exec) THEN cron_last_exec END AS last_due,
+       (SELECT count(*) FROM kodu_cron_error AS error
+        WHERE error.cron_id = task.cron_id AND cron_date > utc - interval '1 hour'
+       ) AS failures_hour,
+       (SELECT count(*) FROM kodu_cron_error AS error
+        WHERE error.cron_id = task.cron_id AND cron_date > utc - interval '1 day'
+       ) AS failures_day,
+       failing,
+       CASE WHEN failing THEN (
+           -- From the latest failure back to the first gap, no further.
+           SELECT cron_date
+           FROM (SELECT cron_date, lead(cron_date) OVER latest_first AS earlier
+                 FROM kodu_cron_error AS error
+                 WHERE error.cron_id = task.cron_id AND isfinite(cron_date)
+                 WINDOW latest_first AS (ORDER BY cron_date DESC)) AS failure
+           WHERE earlier IS NULL
+              OR cron_date - earlier > 1.5 * greatest(cron_interval, retry_after)
+           ORDER BY cron_date DESC
+           LIMIT 1)
+       END AS failing_since,
+       (SELECT connected FROM kodu_daemon_state) AS daemon_connected
+FROM kodu_cron_plugin AS task
+JOIN kodu_plugins ON plugin_id = cron_plugin_id
+LEFT JOIN kodu_cron_pause AS pause ON pause.cron_id = task.cron_id
+CROSS JOIN LATERAL (
+    SELECT now() AT TIME ZONE 'UTC' AS utc,
+           COALESCE(cron_retries, 1) AS retries,
+           COALESCE(cron_retries_interval, interval '120 seconds') AS retry_after
+) AS present
+CROSS JOIN LATERAL (
+    SELECT kodu_is_running(cron_status, cron_next_exec, utc) AS running,
+           kodu_is_paused(cron_status, cron_next_exec, cron_wanted, utc) AS paused,
+           greatest(0, floor(EXTRACT(EPOCH FROM utc - cron_next_exec)))::bigint AS due_seconds
+) AS moment
+CROSS JOIN LATERAL (
+    SELECT CASE WHEN running THEN (
+               SELECT count(*) FROM kodu_cron_error AS error
+               WHERE error.cron_id = task.cron_id AND isfinite(cron_date)
+                 AND cron_date >= cron_next_exec)
+           ELSE 0 END AS attempts
+) AS present_run
+CROSS JOIN LATERAL (
+    SELECT CASE WHEN attempts BETWEEN 1 AND retries
+                THEN cron_next_exec + attempts * retry_after END AS retry_due,
+           CASE cron_status
+               WHEN 'FAILED' THEN TRUE
+               WHEN 'PROCESS' THEN attempts > 0 OR (
+                   SELECT count(*) FROM kodu_cron_error AS error
+                   WHERE error.cron_id = task.cron_id
+                     AND cron_date >= cron_last_exec AND cron_date < cron_next_exec) > retries
+               ELSE FALSE END AS failing
+) AS outcome;
 
 -- What a writer of rows sees in psql's \d+ -------------------------------------------------------
 
@@ -117,6 +307,28 @@ COMMENT ON COLUMN kodu_cron_plugin.cron_parameter IS
     'Arguments, separated by spaces, quoted with " or ''; no shell reads them';
 COMMENT ON COLUMN kodu_cron_plugin.cron_delete IS
     'TRUE: the daemon removes the task, its files and its history within two minutes';
+COMMENT ON COLUMN kodu_cron_plugin.cron_wanted IS
+    'Written by the functions, until that run begins: the next time that they have set; infinity: the '
+    'end of the run in progress sets cron_delete';
+COMMENT ON COLUMN kodu_cron_plugin.cron_changed IS
+    'TRUE: the daemon is told of a change of the definition at the end of the run in progress';
+COMMENT ON TABLE kodu_cron_pause IS 'One row a paused task; times are UTC';
+COMMENT ON COLUMN kodu_cron_pause.next_exec IS 'When the task was due next as it was paused';
+COMMENT ON VIEW kodu_daemon_state IS 'One row: whether the daemon is connected to this database';
+COMMENT ON VIEW kodu_task_state IS 'One row a task: its state as all tools know it; times are UTC';
+COMMENT ON COLUMN kodu_task_state.running IS 'A run, or the wait for its retry, is in progress';
+COMMENT ON COLUMN kodu_task_state.attempts IS 'How often the run in progress has failed';
+COMMENT ON COLUMN kodu_task_state.retry_due IS 'When its next retry is due, or was';
+COMMENT ON COLUMN kodu_task_state.awaiting_retry IS 'It waits for that time, and keeps no worker';
+COMMENT ON COLUMN kodu_task_state.busy IS 'running, and not awaiting_retry: it may keep a worker';
+COMMENT ON COLUMN kodu_task_state.due IS
+    'When the run in progress was due, else when the next is; NULL while paused';
+COMMENT ON COLUMN kodu_task_state.due_seconds IS 'Seconds since then; 0 before';
+COMMENT ON COLUMN kodu_task_state.late_seconds IS 'The same, of a run that has not begun';
+COMMENT ON COLUMN kodu_task_state.late IS 'late_seconds is more than the timer may take';
+COMMENT ON COLUMN kodu_task_state.due_after_run IS
+    'The time that was set for the run after the one in progress; NULL: one interval after it';
+COMMENT ON COLUMN kodu_task_state.last_due IS 'When the last run that has ended was due';
 COMMENT ON TABLE kodu_plugins IS 'Executables; those of plugin_type cron can be tasks';
 COMMENT ON TABLE kodu_cron_repair IS 'One row a run found unfinished at a start; times are UTC';
 COMMENT ON TABLE kodu_cron_error IS 'One row a failed run; times are UTC';
@@ -140,6 +352,7 @@ GRANT SELECT, UPDATE (cron_status, cron_last_exec, cron_next_exec), DELETE ON ko
     TO kodu;
 GRANT SELECT, INSERT, DELETE ON kodu_cron_error TO kodu;
 GRANT SELECT, INSERT ON kodu_cron_repair TO kodu;
+GRANT SELECT ON kodu_daemon_state, kodu_task_state TO kodu;  -- of the tools, which connect as it too
 GRANT USAGE ON SEQUENCE kodu_cron_error_cron_error_id_seq TO kodu;
 
 DO $$

@@ -63,9 +63,8 @@ TEST_F(ChangeTest, AddsATaskWithATimeLimitAndKeepsItsGuard) {
   EXPECT_EQ(database.task(1, "cron_parameter"), "-t 10 -- " + path + " a");
   EXPECT_EQ(runAsAdmin({"set", "1", "--", "b c", "d"}).exitCode, 0);
   EXPECT_EQ(database.task(1, "cron_parameter"), "-t 10 -- " + path + " \"b c\" d");
-  const CtlResult refused = runAsAdmin({"set", "1", "--plugin", path});
-  EXPECT_EQ(refused.exitCode, 65);
-  EXPECT_THAT(refused.err, HasSubstr("runs its plugin within koduguard"));
+  EXPECT_EQ(runAsAdmin({"set", "1", "--plugin", plugin(2)}).exitCode, 0);
+  EXPECT_EQ(database.task(1, "cron_parameter"), "-t 10 -- " + plugin(2) + " \"b c\" d");
 }
 
 TEST_F(ChangeTest, WarnsOfAPluginThatCannotBeRunHere) {
@@ -177,6 +176,21 @@ TEST_F(ChangeTest, RunsATaskNow) {
   ASSERT_TRUE(startAndListen());
   EXPECT_THAT(runAsAdmin({"run", "1"}).out, StartsWith("task 1 (task1) will run; next due at "));
   EXPECT_TRUE(waitForStatus(1, "OK"));
+}
+
+TEST_F(ChangeTest, SaysWhatComesAfterTheRunInProgress) {
+  TaskRow row = quietTask(1);
+  row.nextExec = "date_trunc('second', now()) - interval '5 s'";
+  database.insertTask(row);
+  setStatus(1, "PROCESS");
+  const CtlResult result = runAsAdmin({"run", "1"});
+  EXPECT_THAT(result.out, MatchesRegex("task 1 \\(task1\\) will run; next due at .*in [123]s.*\n"));
+  EXPECT_THAT(result.err, HasSubstr("a run of task 1 is in progress"));
+  EXPECT_EQ(runAsAdmin({"pause", "1"}).out, "task 1 (task1) paused\n");
+  EXPECT_EQ(
+      runAsAdmin({"delete", "1", "--yes"}).out,
+      "task 1 (task1) will be gone, with its files, within two minutes of the end of its run\n");
+  EXPECT_EQ(database.task(1, "cron_delete"), "f");
 }
 
 TEST_F(ChangeTest, DeletesATaskOnlyWhenToldTo) {

@@ -134,6 +134,13 @@ TEST_F(CheckTest, FindsRowsThatTheDaemonWouldRefuse) {
   EXPECT_THAT(found, HasSubstr("task 4: plugin_type is 'other'"));
 }
 
+TEST_F(CheckTest, WarnsOfMonthsInAnInterval) {
+  database.insertTask(guardedTask(1));
+  database.query("ALTER TABLE kodu_cron_plugin DISABLE TRIGGER kodu_interval_written");
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '1 month'");
+  EXPECT_THAT(check(1), HasSubstr("task 1: months in the interval: the table adds a month of the"));
+}
+
 TEST_F(CheckTest, WarnsOfAQuoteThatIsNotClosed) {
   TaskRow row = guardedTask(1);
   row.parameter += " \"a b";

@@ -60,8 +60,7 @@ TEST_F(ExplainTest, CountsTheRetriesOfARunThatFails) {
   ASSERT_TRUE(waitUntil([&] { return database.failures(1) == 1; }, kPatience));
   EXPECT_THAT(
       explain(1),
-      AllOf(ContainsRegex("has failed 1 time; retry 1 of 2 is what it waits for, due at .*in "
-                          "16m"),
+      AllOf(ContainsRegex("has failed 1 time; retry 1 of 2 is due at .*in 16m"),
             HasSubstr("The due time stays until the run is completed"),
             ContainsRegex("It fails since .*1 run in the last hour and 1 in the last day")));
 }
@@ -98,7 +97,17 @@ TEST_F(ExplainTest, SaysThatARunGoesOn) {
   ASSERT_TRUE(daemon.startAndWait());
   ASSERT_TRUE(waitForRuns(1, 1));
   EXPECT_THAT(explain(1),
-              ContainsRegex("A run goes on that was due at .*: it waits for the plugin"));
+              ContainsRegex("The run due at .* is in progress: it waits for the plugin to end.\n"));
+  database.query("SELECT kodu_task_run_now(1)");
+  EXPECT_THAT(explain(1), ContainsRegex("plugin to end. The next one has been set to .*UTC"));
+  EXPECT_THAT(run({"show", "1"}).out, ContainsRegex("next due .*UTC, and then .*UTC\n"));
+  database.query("SELECT kodu_task_pause(1, 'too loud')");
+  EXPECT_THAT(explain(1),
+              ContainsRegex("plugin to end. After it the task is paused since .*: too loud; "
+                            "koductl resume 1 ends that."));
+  EXPECT_EQ(cell(run({"status"}).out, "1", 2), "PROCESS");
+  database.query("SELECT kodu_task_delete(1)");
+  EXPECT_THAT(explain(1), HasSubstr("plugin to end. After it the daemon removes the task, its"));
   release();
 }
 
@@ -113,8 +122,23 @@ TEST_F(ExplainTest, SaysThatALateTaskWaitsForAFreeWorker) {
   database.query(
       "UPDATE kodu_cron_plugin SET cron_next_exec = now() - interval '1 minute' WHERE cron_id = 2");
   EXPECT_THAT(explain(2),
-              HasSubstr("There are 1 worker, and 1 task in PROCESS: it waits for a free"));
+              HasSubstr("There are 1 worker, and 1 run in progress: it waits for a free"));
   release();
+}
+
+TEST_F(ExplainTest, TakesNoRetryThatWaitsForABusyWorker) {
+  daemon.threadNumber = "1";
+  daemon.writeConfig();
+  TaskRow row = makeTask(1, "echo bad; exit 2");
+  row.retries = "1";
+  row.retriesInterval = "interval '1 hour'";
+  database.insertTask(row);
+  database.insertTask(quietTask(2));
+  ASSERT_TRUE(daemon.startAndWait());
+  ASSERT_TRUE(waitUntil([&] { return database.failures(1) == 1; }, kPatience));
+  database.query(
+      "UPDATE kodu_cron_plugin SET cron_next_exec = now() - interval '1 minute' WHERE cron_id = 2");
+  EXPECT_THAT(explain(2), HasSubstr("The daemon is connected and has workers to spare"));
 }
 
 TEST_F(ExplainTest, SaysThatNoDaemonIsThere) {
@@ -129,7 +153,11 @@ TEST_F(ExplainTest, SaysThatNoDaemonIsThere) {
 TEST_F(ExplainTest, KnowsPausedAndDeletedTasks) {
   database.insertTask(quietTask(1));
   database.query("SELECT kodu_task_pause(1)");
-  EXPECT_THAT(explain(1), HasSubstr("It is paused, and waits for koductl resume 1."));
+  EXPECT_THAT(explain(1), ContainsRegex("It is paused since .* ago\\) by [a-z]+. koductl resume 1 "
+                                        "ends that."));
+  database.query("UPDATE kodu_cron_pause SET paused_by = 'alice', reason = 'new disks'");
+  EXPECT_THAT(explain(1),
+              ContainsRegex("It is paused since .* ago\\) by alice: new disks. koductl"));
   database.query("SELECT kodu_task_delete(1)");
   EXPECT_THAT(explain(1), HasSubstr("It is marked for deletion"));
 }

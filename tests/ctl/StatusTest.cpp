@@ -90,6 +90,21 @@ TEST_F(StatusTest, FollowsTheSeriesOfFailuresBackToTheLastSuccess) {
             task["failing_since"].asString());
 }
 
+TEST_F(StatusTest, SaysWhyAndByWhomATaskIsPaused) {
+  database.insertTask(quietTask(1));
+  database.insertTask(quietTask(2));
+  EXPECT_THAT(run({"status"}).out, Not(HasSubstr("PAUSED")));
+  database.query("SELECT kodu_task_pause(2, 'new disks')");
+  database.query("UPDATE kodu_cron_pause SET paused_by = 'alice'");
+  const std::string table = run({"status"}).out;
+  EXPECT_THAT(table, HasSubstr("FAILING SINCE  PAUSED\n"));
+  EXPECT_THAT(table, ContainsRegex("2  task2  paused .*since [0-9:]+ by alice: new disks\n"));
+  EXPECT_THAT(run({"show", "2"}).out, ContainsRegex("\\(paused since .* by alice: new disks\\)\n"));
+  const Json::Value pause = parsed(run({"show", "2", "--json"}).out)["pause"];
+  EXPECT_EQ(pause["by"].asString() + " " + pause["reason"].asString(), "alice new disks");
+  EXPECT_THAT(pause["since"].asString(), testing::EndsWith("Z"));
+}
+
 TEST_F(StatusTest, ShowsItAgainEachSecondUntilItIsInterrupted) {
   database.insertTask(quietTask(1));
   const pid_t pid = start({"-f", daemon.mainConfig(), "status", "--watch"});

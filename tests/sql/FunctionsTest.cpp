@@ -245,6 +245,57 @@ TEST_F(FunctionsTest, TakesTheGuardFromTheCatalogue) {
             "/opt/bin/koduguard");
 }
 
+TEST_F(FunctionsTest, CallsAnUnnamedTaskOfAPathByItsFile) {
+  call("kodu_task_add('/opt/check_a', '60 s', name => 'web shop')");
+
+  call("kodu_task_add('/opt/check_a', '60 s')");
+
+  EXPECT_EQ(status(2, "name"), "check_a");
+  EXPECT_EQ(status(1, "name"), "web shop");
+}
+
+TEST_F(FunctionsTest, FindsPluginsWithoutReadingTheWholeCatalogue) {
+  database.query(
+      "INSERT INTO kodu_plugins(plugin_name, plugin_path) SELECT 'p' || i, '/p' || i % 9 "
+      "FROM generate_series(1, 5000) i; INSERT INTO kodu_plugins(plugin_name, plugin_path) "
+      "SELECT 'same', '/q' || i FROM generate_series(1, 5000) i");
+  database.query("ANALYZE kodu_plugins");
+
+  database.query("BEGIN");
+  call("count(kodu_task_add('/p1', '60 s', name => 'n' || i)) FROM generate_series(1, 20) i");
+  call("count(kodu_task_add('p' || i, '60 s', timeout => '5 s')) FROM generate_series(1, 20) i");
+  call("kodu_task_add('/r', '60 s', name => 'same')");
+
+  // A path that stands in many rows is found soon without an index, too.
+  EXPECT_LT(std::stol(database.value("SELECT seq_tup_read FROM pg_stat_xact_user_tables "
+                                     "WHERE relname = 'kodu_plugins'")),
+            1000);
+}
+
+TEST_F(FunctionsTest, ChangesThePluginBehindItsGuard) {
+  const auto definition = [&] {
+    return status(1,
+                  "name || ': ' || (SELECT plugin_path || ' ' || cron_parameter FROM "
+                  "kodu_cron_plugin JOIN kodu_plugins ON plugin_id = cron_plugin_id)");
+  };
+  call("kodu_task_add('/opt/a', '60 s', '-w 5', timeout => '30 s', name => 'mine')");
+
+  call("kodu_task_set(1, parameters => '-w \"7 8\" -- x')");
+  EXPECT_EQ(definition(), "mine: /usr/bin/koduguard -t 30 -- /opt/a -w \"7 8\" -- x");
+  call("kodu_task_set(1, plugin => '/opt/b c')");
+  EXPECT_EQ(definition(), "b c: /usr/bin/koduguard -t 30 -- \"/opt/b c\" -w \"7 8\" -- x");
+  call("kodu_task_set(1, parameters => '', name => 'other')");
+  EXPECT_EQ(definition(), "other: /usr/bin/koduguard -t 30 -- \"/opt/b c\"");
+  call("kodu_task_set(1, plugin => '/usr/bin/koduguard', parameters => '-t 9 -k 1 -- /opt/d')");
+  EXPECT_EQ(definition(), "koduguard: /usr/bin/koduguard -t 9 -k 1 -- /opt/d");
+  call("kodu_task_set(1, plugin => 'mine', parameters => '-e')");
+  EXPECT_EQ(definition(), "mine: /usr/bin/koduguard -t 9 -k 1 -- /opt/a -e");
+
+  set(1, "cron_parameter = '-t 9'");
+  expectRefused("kodu_task_set(1, parameters => 'x')",
+                "the parameters of task 1 name no plugin behind --", "koduguard runs it.");
+}
+
 TEST_F(FunctionsTest, SaysWhatIsWrongWithANewTask) {
   database.query(
       "INSERT INTO kodu_plugins(plugin_name, plugin_path, plugin_type) VALUES ('web', '/w', "
@@ -263,6 +314,10 @@ TEST_F(FunctionsTest, SaysWhatIsWrongWithANewTask) {
   for (const std::string every : {"'0'", "'0.5 s'", "'-1 s'", "'367 days'", "NULL"}) {
     expectAddRefused("'/a', " + every, "the interval must lie between 1 second and 366 days",
                      "Say every => '5 minutes'");
+  }
+  for (const std::string every : {"'1 month'", "'1 year'", "'1 month -1 day'"}) {
+    expectAddRefused("'/a', " + every, "the interval must not hold months or years",
+                     "They differ in length. Say every => '30 days'");
   }
   expectAddRefused("'/a', '1.5 s'", "the interval must be whole seconds", "The daemon counts no");
   expectAddRefused("'/a', '0', first_run => '2020-01-01'", "the interval must lie", "Say every");
@@ -397,23 +452,167 @@ TEST_F(FunctionsTest, ResumesAtTheNextOfTheTimesThatAreNotPast) {
   EXPECT_NEAR(static_cast<double>(nextIn(7)), 60, 2);
 }
 
-TEST_F(FunctionsTest, TellsNothingOfAPauseWhileARunGoesOn) {
-  insertTask(7);
-  set(7, "cron_status = 'PROCESS', cron_next_exec = date_trunc('second', now()) - '1 s'::interval");
-  const long due = database.nextExec(7);
+/// A task in the middle of a run that was due two seconds ago, and the daemon's statements.
+class RunTest : public FunctionsTest {
+ protected:
+  void SetUp() override {
+    FunctionsTest::SetUp();
+    insertTask(7);
+    set(7,
+        "cron_status = 'PROCESS', cron_next_exec = date_trunc('second', now()) - '2 s'::interval");
+    due = database.nextExec(7);
+    prepareNamedStatements(daemon);
+  }
 
-  call("kodu_task_pause(7)");
-  EXPECT_THAT(heard(), IsEmpty()) << "the end of the run takes the time from the row";
+  /// Runs a statement of the daemon; returns the first cell of its answer, if there is one.
+  std::string run(const std::string& statement, const std::vector<std::string>& parameters) {
+    const ResultPtr result(daemon.executePrepareRequest(statement, parameters));
+    return PQntuples(result.get()) > 0 ? PQgetvalue(result.get(), 0, 0) : "";
+  }
+  /// Ends the run, and returns the next time that the daemon is told.
+  long endRun(const std::string& status = "OK") {
+    return std::stol(run("UpdateCronState", {"7", status}));
+  }
+  std::string lastExec() const {
+    return database.task(7, "EXTRACT(EPOCH FROM cron_last_exec)::bigint");
+  }
 
-  pgSafeThread daemon(database.conninfo());
-  prepareNamedStatements(daemon);
-  PQclear(daemon.executePrepareRequest("UpdateCronState", {"7", "OK"}));
-  EXPECT_EQ(database.task(7, "cron_next_exec"), "2036-01-01 00:05:00");
-  EXPECT_EQ(status(7, "paused"), "t");
+  pgSafeThread daemon{database.conninfo()};
+  long due = 0;
+};
+
+TEST_F(RunTest, EndsAsEverWhenNothingWasAskedForMeanwhile) {
+  EXPECT_EQ(endRun(), due + 300);
+  EXPECT_EQ(lastExec(), std::to_string(due));
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+TEST_F(RunTest, EndsWithThePauseThatWasAskedForMeanwhile) {
+  call("kodu_task_pause(7, 'new disks')");
+  EXPECT_EQ(database.nextExec(7), due);
+  EXPECT_EQ(status(7, "paused || ' ' || running || ' ' || pause_reason"), "true true new disks");
+  expectRefused("kodu_task_run_now(7)", "task 7 is paused", "Call kodu_task_resume(7) first.");
+
+  endRun();
+  EXPECT_EQ(database.task(7, "cron_next_exec"), "2036-01-01 00:00:00");
+  EXPECT_EQ(status(7, "paused || ' ' || running"), "true false");
   EXPECT_EQ(status(7, "EXTRACT(EPOCH FROM last_run)::bigint"), std::to_string(due));
+  EXPECT_THAT(heard(), IsEmpty()) << "the end of the run takes the time from the row";
   call("kodu_task_resume(7)");
   EXPECT_EQ(database.nextExec(7), due + 300);
-  EXPECT_EQ(database.task(7, "EXTRACT(EPOCH FROM cron_last_exec)::bigint"), std::to_string(due));
+}
+
+TEST_F(RunTest, EndsAsEverWhenItsPauseWasResumedMeanwhile) {
+  call("kodu_task_pause(7)");
+  call("kodu_task_resume(7)");
+  EXPECT_EQ(status(7, "paused"), "f");
+
+  EXPECT_EQ(endRun(), due + 300);
+  EXPECT_EQ(lastExec(), std::to_string(due));
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+TEST_F(RunTest, EndsWithTheTimeThatWasSetMeanwhile) {
+  set(7, "cron_interval = '1 day'");
+  heard();
+  call("kodu_task_set(7, next_run => now() + interval '10 minutes')");
+  EXPECT_EQ(database.nextExec(7), due) << "the run's own";
+  EXPECT_THAT(heard(), IsEmpty());
+
+  EXPECT_NEAR(static_cast<double>(endRun()), static_cast<double>(due + 602), 5);
+  EXPECT_EQ(lastExec(), std::to_string(due));
+  EXPECT_NEAR(static_cast<double>(nextIn(7)), 600, 5);
+}
+
+TEST_F(RunTest, ResumesWithTheTimeThatWasSetBeforeThePause) {
+  set(7, "cron_interval = '1 day'");
+  call("kodu_task_set(7, next_run => now() + interval '10 minutes')");
+  call("kodu_task_pause(7)");
+  call("kodu_task_resume(7)");
+
+  EXPECT_NEAR(static_cast<double>(endRun()), static_cast<double>(due + 602), 5);
+}
+
+TEST_F(RunTest, IsFollowedAtOnceByTheRunThatWasAskedForMeanwhile) {
+  set(7, "cron_interval = '1 day'");
+  call("kodu_task_run_now(7)");
+  set(7, "cron_wanted = now() - interval '1 s'");  // as after a minute of the run
+
+  run("UpdateCronProcess", {"7"});  // a retry
+  EXPECT_THAT(endRun(), testing::AllOf(testing::Ge(due + 3), testing::Le(due + 30)));
+  EXPECT_EQ(lastExec(), std::to_string(due));
+}
+
+TEST_F(RunTest, TellsAChangeOfItsTaskAtItsEnd) {
+  set(7, "cron_parameter = 'plain'");
+  call("kodu_task_set(7, retries => 4)");
+  EXPECT_THAT(heard(), IsEmpty());
+
+  EXPECT_EQ(endRun(), due + 300);
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+  EXPECT_EQ(database.task(7, "cron_changed"), "f");
+}
+
+TEST_F(RunTest, HasItsDeletedTaskFlaggedAtItsEnd) {
+  call("kodu_task_delete(7)");
+  call("kodu_task_delete(7)");
+  EXPECT_EQ(database.task(7, "cron_delete"), "f");
+  EXPECT_EQ(status(7, "deleting"), "t");
+  expectRefused("kodu_task_resume(7)", "task 7 is being deleted", "Add it anew");
+
+  run("UpdateCronProcess", {"7"});  // a retry
+  EXPECT_EQ(run("SelectDeleteCron", {}), "");
+  const long next = endRun("FAILED");
+  EXPECT_EQ(run("SelectDeleteCron", {}), "7");
+  EXPECT_GE(next, due + 300) << "not run before the purge";
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+TEST_F(RunTest, IsNotMetByAPurgeWhenItsTaskWasFlaggedInTheQueue) {
+  set(7, "cron_status = 'OK'");
+  call("kodu_task_delete(7)");
+  EXPECT_EQ(run("SelectDeleteCron", {}), "7");
+
+  set(7, "cron_next_exec = now() - interval '2 s'");  // the daemon has not heard of the new time
+  run("UpdateCronProcess", {"7"});
+  EXPECT_EQ(run("SelectDeleteCron", {}), "");
+  run("DeleteCron", {"7"});  // of a purge that has looked just before
+  endRun();
+  EXPECT_EQ(run("SelectDeleteCron", {}), "7");
+  run("DeleteCron", {"7"});
+  EXPECT_EQ(database.task(7, "cron_id"), "");
+}
+
+TEST_F(RunTest, LeavesWhatIsWantedToTheRepairWhenTheDaemonDies) {
+  insertTask(8);
+  set(8, "cron_status = 'PROCESS', cron_next_exec = now() - interval '1 minute'");
+  call("kodu_task_set(7, next_run => now() + interval '10 minutes')");
+  call("kodu_task_delete(8)");
+  database.query("SET kodu.daemon_role = 'another'");  // else `daemon` is one
+
+  database.query(readFile(projectFile("sql/repair.sql")));
+
+  EXPECT_NEAR(static_cast<double>(nextIn(7)), 600, 5);
+  EXPECT_EQ(database.task(8, "cron_status || ' ' || cron_delete"), "FAILED true");
+  EXPECT_EQ(database.value("SELECT EXTRACT(EPOCH FROM was_due)::bigint FROM kodu_cron_repair "
+                           "WHERE cron_id = 7"),
+            std::to_string(due));
+}
+
+TEST_F(RunTest, BeginsAtOnceWhenItsTimeHasPassedAsTheDaemonLoadsIt) {
+  set(7, "cron_status = 'OK', cron_interval = '1 day'");
+  call("kodu_task_run_now(7)");
+  const auto moveOn = [&](const std::string& ago) {
+    set(7, "cron_next_exec = now() - '" + ago + "'::interval, cron_wanted = now() - '" + ago +
+               "'::interval");
+    run("updateCronExecTask", {"7", "1"});
+    return nextIn(7);
+  };
+
+  EXPECT_THAT(moveOn("890 s"), testing::AllOf(testing::Ge(0), testing::Le(2)));
+  EXPECT_GT(moveOn("901 s"), 80000) << "a missed run like any other";
+  run("UpdateCronProcess", {"7"});
+  EXPECT_EQ(database.task(7, "cron_wanted"), "") << "what was wanted has begun";
 }
 
 TEST_F(FunctionsTest, KeepsAPauseOfTheLongestIntervalWithinTheTable) {
@@ -477,18 +676,6 @@ TEST_F(FunctionsTest, FlagsATaskAndPutsItsRunOffUntilThePurge) {
 
   call("kodu_task_delete(7)");
   EXPECT_THAT(heard(), IsEmpty());
-}
-
-TEST_F(FunctionsTest, LeavesTheRunOfADeletedTaskAlone) {
-  insertTask(7);
-  set(7, "cron_status = 'PROCESS', cron_next_exec = date_trunc('second', now()) - '1 s'::interval");
-  const long due = database.nextExec(7);
-
-  call("kodu_task_delete(7)");
-
-  EXPECT_EQ(database.task(7, "cron_delete"), "t");
-  EXPECT_THAT(heard(), IsEmpty());
-  EXPECT_EQ(database.nextExec(7), due + 300) << "and the end of the run adds another interval";
 }
 
 TEST_F(FunctionsTest, ShowsWhatATaskDoes) {
@@ -693,7 +880,7 @@ TEST_F(StaggerTest, HasTheEndOfARunMoveItsTask) {
       "SELECT EXTRACT(EPOCH FROM proposed)::bigint FROM kodu_stagger(FALSE) WHERE id = 5");
 
   EXPECT_THAT(heard(), testing::Not(testing::Contains(payload("UPDATE", 5))));
-  EXPECT_EQ(std::to_string(database.nextExec(5) + 300), proposed);
+  EXPECT_EQ(database.task(5, "EXTRACT(EPOCH FROM cron_wanted)::bigint"), proposed);
 }
 
 TEST_F(StaggerTest, DoesNotMakeTheBusiestSecondBusier) {
@@ -847,7 +1034,17 @@ TEST_F(FunctionsTest, RefusesAnAdministratorAllElse) {
 TEST_F(FunctionsTest, GivesTheDaemonNoFunctionAndNoTable) {
   EXPECT_EQ(database.query("SELECT proname FROM pg_proc WHERE proname LIKE 'kodu\\_%' "
                            "AND has_function_privilege('kodu', oid, 'EXECUTE') ORDER BY 1"),
-            (Rows{{"kodu_notify_of_plugin"}, {"kodu_notify_of_task"}, {"kodu_pause_time"}}));
+            (Rows{{"kodu_follow_run"},
+                  {"kodu_is_paused"},
+                  {"kodu_is_running"},
+                  {"kodu_keep_wanted"},
+                  {"kodu_notify_of_plugin"},
+                  {"kodu_notify_of_task"},
+                  {"kodu_pause_time"},
+                  {"kodu_refuse_months"},
+                  {"kodu_remember_change"},
+                  {"kodu_spare_run"}}))
+      << "triggers, and what the views call";
   EXPECT_EQ(database.query("SELECT prosecdef, count(*) > 20 FROM pg_proc "
                            "WHERE proname LIKE 'kodu\\_%' GROUP BY 1"),
             (Rows{{"f", "t"}}))

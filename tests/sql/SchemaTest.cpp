@@ -94,7 +94,9 @@ TEST_F(SchemaTest, HasTheColumnsThatTheStatementsName) {
                                                {"cron_retries", "integer"},
                                                {"cron_retries_interval", "interval"},
                                                {"cron_parameter", "text"},
-                                               {"cron_delete", "boolean"}}));
+                                               {"cron_delete", "boolean"},
+                                               {"cron_wanted", "timestamp without time zone"},
+                                               {"cron_changed", "boolean"}}));
   EXPECT_EQ(columns("kodu_plugins"), (Rows{{"plugin_id", "integer"},
                                            {"plugin_name", "text"},
                                            {"plugin_path", "text"},
@@ -113,6 +115,9 @@ TEST_F(SchemaTest, HasAKeyForEachTable) {
   EXPECT_EQ(
       keys,
       (Rows{{"kodu_cron_error", "PRIMARY KEY (cron_error_id)"},
+            {"kodu_cron_pause",
+             "FOREIGN KEY (cron_id) REFERENCES kodu_cron_plugin(cron_id) ON DELETE CASCADE"},
+            {"kodu_cron_pause", "PRIMARY KEY (cron_id)"},
             {"kodu_cron_plugin", "FOREIGN KEY (cron_plugin_id) REFERENCES kodu_plugins(plugin_id)"},
             {"kodu_cron_plugin", "PRIMARY KEY (cron_id)"},
             {"kodu_cron_repair", "PRIMARY KEY (repair_id)"},
@@ -132,6 +137,7 @@ TEST_F(SchemaTest, HasTheseChecksAndNoOther) {
                   {"cron_next_exec_in_integer_seconds"},
                   {"cron_retries_interval_up_to_year"},
                   {"cron_retries_not_negative"},
+                  {"cron_wanted_in_integer_seconds"},
                   {"plugin_path_not_empty"}}));
 }
 
@@ -149,7 +155,9 @@ TEST_F(SchemaTest, CanBeLoadedAgain) {
 
 TEST_F(SchemaTest, CanBeLoadedByTheDatabasesOwner) {
   const std::string owner = "owner_of_" + database.name();
-  database.query("DROP TABLE kodu_cron_plugin, kodu_plugins, kodu_cron_error, kodu_cron_repair");
+  database.query(
+      "DROP SCHEMA public CASCADE; CREATE SCHEMA public; "
+      "ALTER SCHEMA public OWNER TO pg_database_owner");
   database.query("CREATE ROLE " + owner + " CREATEROLE");
   database.query("ALTER DATABASE " + database.name() + " OWNER TO " + owner);
   database.query("SET ROLE " + owner);
@@ -296,6 +304,140 @@ TEST_F(SchemaTest, HasAnIndexForEachSearch) {
               HasSubstr("using kodu_cron_error_of_task"));
   EXPECT_THAT(planOf("DELETE FROM kodu_cron_plugin WHERE cron_id=1"),
               HasSubstr("using kodu_cron_plugin_pkey"));
+  EXPECT_THAT(planOf("SELECT count(*) FROM kodu_cron_error WHERE cron_date > "
+                     "now() AT TIME ZONE 'UTC' - interval '1 hour'"),
+              HasSubstr("using kodu_cron_error_of_time"));
+}
+
+TEST_F(SchemaTest, RefusesIntervalsWhoseLengthHangsOnTheCalendar) {
+  database.insertTask(TaskRow());
+  for (const std::string interval : {"1 month", "11 months 2 days", "1 year", "-1 month 60 days"}) {
+    EXPECT_THAT(refusalOfChange("cron_interval = '" + interval + "'"),
+                HasSubstr("the interval must not hold months or years"));
+  }
+  EXPECT_THAT(refusalOf("INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, "
+                        "cron_log_file) VALUES (2, 1, '1 month', 'a')"),
+              HasSubstr("the interval must not hold months or years"));
+  expectTaken("cron_interval", {"'30 days'", "'4 weeks'"});
+}
+
+TEST_F(SchemaTest, LetsARowOfMonthsThatIsThereAlreadyRun) {
+  database.insertTask(TaskRow());
+  database.query("ALTER TABLE kodu_cron_plugin DISABLE TRIGGER kodu_interval_written");
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '1 month'");
+  database.query("ALTER TABLE kodu_cron_plugin ENABLE TRIGGER kodu_interval_written");
+  pgSafeThread daemon(database.conninfo());
+  prepareNamedStatements(daemon);
+
+  EXPECT_NO_THROW(PQclear(daemon.executePrepareRequest("UpdateCronProcess", {"1"})));
+  EXPECT_NO_THROW(PQclear(daemon.executePrepareRequest("UpdateCronState", {"1", "OK"})));
+}
+
+/// The views that define each task's state.
+class StateTest : public SchemaTest {
+ protected:
+  void SetUp() override {
+    TaskRow row;
+    row.retries = "2";
+    row.retriesInterval = "interval '20 seconds'";
+    database.insertTask(row);
+  }
+  void set(const std::string& assignment) const {
+    database.query("UPDATE kodu_cron_plugin SET " + assignment);
+  }
+  void failAgo(int seconds) const {
+    database.query(
+        "INSERT INTO kodu_cron_error(cron_id, cron_date, cron_logfile) VALUES (1, now() "
+        "- interval '1 s' * " +
+        std::to_string(seconds) + ", 'a')");
+  }
+  Database::Row state(const std::string& columns) const {
+    return database.query("SELECT " + columns + " FROM kodu_task_state").front();
+  }
+  std::string plan(const std::string& columns) const {
+    std::string text;
+    for (const Database::Row& line :
+         database.query("EXPLAIN SELECT " + columns + " FROM kodu_task_state")) {
+      text += line[0] + "\n";
+    }
+    return text;
+  }
+};
+
+TEST_F(StateTest, TellsLateFromRunning) {
+  const std::string columns = "running, due_seconds, late_seconds, late";
+  EXPECT_EQ(state(columns), (Database::Row{"f", "0", "0", "f"}));
+  set("cron_next_exec = now() - interval '2.9 s'");
+  EXPECT_EQ(state(columns), (Database::Row{"f", "2", "2", "f"}));
+  set("cron_next_exec = now() - interval '3.1 s'");
+  EXPECT_EQ(state(columns), (Database::Row{"f", "3", "3", "t"}));
+  set("cron_status = 'PROCESS'");
+  EXPECT_EQ(state(columns), (Database::Row{"t", "3", "0", "f"}));
+  set("cron_status = 'OK', cron_delete = TRUE");
+  EXPECT_EQ(state(columns), (Database::Row{"f", "3", "0", "f"}));
+  set("cron_status = 'PROCESS', cron_next_exec = now() + interval '1 s'");
+  EXPECT_EQ(state(columns), (Database::Row{"f", "0", "0", "f"})) << "what a life left behind";
+}
+
+TEST_F(StateTest, TellsARetryThatWaitsFromABusyWorker) {
+  const std::string columns = "attempts, running, awaiting_retry, busy, retry_due - due";
+  set("cron_status = 'PROCESS', cron_next_exec = now() - interval '15 s'");
+  EXPECT_EQ(state(columns), (Database::Row{"0", "t", "f", "t", ""}));
+  failAgo(10);
+  EXPECT_EQ(state(columns), (Database::Row{"1", "t", "t", "f", "00:00:20"}));
+  set("cron_next_exec = now() - interval '25 s'");
+  EXPECT_EQ(state(columns), (Database::Row{"1", "t", "f", "t", "00:00:20"}));
+  failAgo(4);
+  EXPECT_EQ(state(columns), (Database::Row{"2", "t", "t", "f", "00:00:40"}));
+  failAgo(3);
+  EXPECT_EQ(state(columns), (Database::Row{"3", "t", "f", "t", ""})) << "no retry is left";
+}
+
+TEST_F(StateTest, TellsATaskThatFailsDuringItsNextRunToo) {
+  set("cron_status = 'PROCESS', cron_last_exec = now() - interval '301 s', "
+      "cron_next_exec = now() - interval '1 s'");
+  failAgo(300);
+  failAgo(280);
+  EXPECT_EQ(state("failing"), (Database::Row{"f"})) << "its second retry may have succeeded";
+  failAgo(260);
+  EXPECT_EQ(state("failing, round(EXTRACT(EPOCH FROM now() - failing_since))"),
+            (Database::Row{"t", "300"}));
+}
+
+TEST_F(StateTest, TellsAPauseOnlyWhileItLasts) {
+  database.query(
+      "INSERT INTO kodu_cron_pause VALUES (1, '2026-01-01', '2026-01-02', 'alice', 'new disks')");
+  const std::string columns = "paused, paused_at, paused_by, pause_reason, due IS NULL";
+  EXPECT_EQ(state(columns), (Database::Row{"f", "", "", "", "f"})) << "ended by plain SQL";
+  set("cron_next_exec = kodu_pause_time()");
+  EXPECT_EQ(state(columns), (Database::Row{"t", "2026-01-02 00:00:00", "alice", "new disks", "t"}));
+}
+
+TEST_F(StateTest, KnowsTheDaemonBySessionsOfTheRoleThatTheSettingNames) {
+  const std::string sql = "SELECT sessions, daemons, connected FROM kodu_daemon_state";
+  const std::string other = "daemon_of_" + database.name();
+  database.query("CREATE ROLE " + other + " LOGIN PASSWORD 'p'");
+  EXPECT_EQ(database.query(sql), (Rows{{"0", "0", "f"}}));
+  {
+    const pgSafeThread daemon(database.conninfo());
+    const pgSafeThread tool(database.conninfo() + " application_name=kodu_x");
+    const pgSafeThread client(database.conninfo() + " application_name=psql");
+    const pgSafeThread another(database.host(), database.port(), database.name(), other, "p");
+    EXPECT_EQ(database.query(sql), (Rows{{"2", "1", "t"}}));
+    EXPECT_EQ(state("daemon_connected"), (Database::Row{"t"}));
+    database.query("SET ROLE kodu; SET kodu.daemon_role = '" + other + "'");
+    EXPECT_EQ(database.query(sql), (Rows{{"1", "1", "t"}})) << "a role sees others' sessions too";
+    database.query("RESET ROLE");
+  }
+  EXPECT_TRUE(waitUntil([&] { return database.query(sql) == Rows{{"0", "0", "f"}}; }));
+  database.query("DROP ROLE " + other);
+}
+
+TEST_F(StateTest, ReadsNoHistoryAndNoPauseForColumnsThatDoNotNeedThem) {
+  EXPECT_THAT(plan("id, status, running, paused, due, late_seconds, late, deleting"),
+              testing::Not(testing::AnyOf(HasSubstr("kodu_cron_error"),
+                                          HasSubstr("kodu_cron_pause"), HasSubstr("pg_stat"))));
+  EXPECT_THAT(plan("failures_hour"), HasSubstr("kodu_cron_error"));
 }
 
 TEST_F(SchemaTest, SetsTheDatabasesTimeZoneToUtc) {
@@ -410,7 +552,9 @@ TEST_F(SchemaTest, GrantsTheseRightsAndNoOther) {
             {"kodu", "kodu_cron_plugin", "SELECT"},
             {"kodu", "kodu_cron_repair", "INSERT"},
             {"kodu", "kodu_cron_repair", "SELECT"},
-            {"kodu", "kodu_plugins", "SELECT"}}));
+            {"kodu", "kodu_daemon_state", "SELECT"},
+            {"kodu", "kodu_plugins", "SELECT"},
+            {"kodu", "kodu_task_state", "SELECT"}}));
   EXPECT_EQ(database.query("SELECT column_name FROM information_schema.column_privileges WHERE "
                            "grantee = 'kodu' AND privilege_type = 'UPDATE' ORDER BY 1"),
             (Rows{{"cron_last_exec"}, {"cron_next_exec"}, {"cron_status"}}));

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -192,6 +193,96 @@ TEST_F(FunctionsRoadTest, RunsATaskNow) {
   ASSERT_TRUE(waitForStatus(5, "OK"));
   EXPECT_EQ(changes(5).back(), (Change{"OK", due, due + kLongSeconds}));
   EXPECT_EQ(runs(5), 1U);
+}
+
+/// A task of one run a day, whose plugin ends when it is told to.
+class DuringARunTest : public FunctionsRoadTest {
+ protected:
+  static constexpr long kDay = 86400;
+
+  void SetUp() override {
+    FunctionsRoadTest::SetUp();
+    ASSERT_TRUE(startAndListen());
+    const TaskRow row = makeTask(1, waitForRelease() + "echo \"$1\"");
+    ASSERT_EQ(call("kodu_task_add('" + row.path + "', '1 day', 'one', retries => 0)"), "1");
+    ASSERT_TRUE(waitForRuns(1, 1));
+    due = database.nextExec(1);
+  }
+
+  long due = 0;
+};
+
+TEST_F(DuringARunTest, RunsATaskAgainRightAfterIt) {
+  call("kodu_task_run_now(1)");
+  letOthersRun(6);
+  EXPECT_EQ(runs(1), 1U);
+
+  release();
+  ASSERT_TRUE(waitForRuns(1, 2));
+  ASSERT_TRUE(waitUntil([&] { return changes(1).size() == 4; }, kPatience));
+  const Change first = changes(1)[1];
+  EXPECT_EQ(first.lastExec, due);
+  EXPECT_EQ(changes(1)[3], (Change{"OK", first.nextExec, first.nextExec + kDay}));
+  EXPECT_EQ(runs(1), 2U);
+}
+
+TEST_F(DuringARunTest, RunsATaskAtTheTimeThatWasSetMeanwhile) {
+  call(
+      "kodu_task_set(1, next_run => date_trunc('second', now()) + interval '10 s', "
+      "parameters => 'two')");
+  const long wanted = std::stol(database.task(1, "EXTRACT(EPOCH FROM cron_wanted)::bigint"));
+  letOthersRun(6);  // the listener does not wait for the run
+
+  release();
+  ASSERT_TRUE(waitForRuns(1, 2));
+  ASSERT_TRUE(waitUntil([&] { return daemon.output("1_last.txt") == "two\n"; }, kPatience));
+  EXPECT_EQ(changes(1)[1], (Change{"OK", due, wanted}));
+  EXPECT_GT(ledger(1)[1], wanted);
+}
+
+TEST_F(DuringARunTest, GoesOnInItsRhythmAfterAPauseThatIsOverByItsEnd) {
+  call("kodu_task_pause(1)");
+  call("kodu_task_resume(1)");
+
+  release();
+  ASSERT_TRUE(waitForStatus(1, "OK"));
+  EXPECT_EQ(changes(1).back(), (Change{"OK", due, due + kDay}));
+}
+
+TEST_F(DuringARunTest, PurgesADeletedTaskAfterIt) {
+  call("kodu_task_delete(1)");
+  const long purges = daemon.logged("DEBUG#DELETE END");
+  ASSERT_TRUE(waitForLog("DEBUG#DELETE END", purges + 2));
+  EXPECT_EQ(database.task(1, "cron_status || ' ' || cron_delete"), "PROCESS false");
+
+  release();
+  ASSERT_TRUE(waitUntil([&] { return database.task(1, "cron_id").empty(); }, kPatience));
+  EXPECT_TRUE(waitUntil(
+      [&] { return !std::filesystem::exists(daemon.outputDirectory() + "/1_last.txt"); }));
+  letOthersRun(6);
+  EXPECT_EQ(runs(1), 1U);
+  EXPECT_TRUE(daemon.isRunning());
+}
+
+TEST_F(FunctionsRoadTest, RunsATaskWhoseTimeHasPassedByTheCommit) {
+  database.insertTask(makeWaitingTask(5));
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '1 day'");
+  const TaskRow added = makeTask(1, "echo fine");
+  ASSERT_TRUE(startAndListen());
+
+  database.query("BEGIN");
+  call("kodu_task_run_now(5)");
+  call("kodu_task_add('" + added.path + "', '1 day')");
+  ASSERT_TRUE(waitUntil([&] {  // as the end of a call for thousands of tasks would
+    return database.value("SELECT clock_timestamp() > now() + interval '5 s'") == "t";
+  }));
+  database.query("COMMIT");
+
+  ASSERT_TRUE(waitForStatus(5, "OK"));
+  ASSERT_TRUE(waitForStatus(1, "OK"));
+  letOthersRun(6);
+  EXPECT_EQ(runs(5), 1U);
+  EXPECT_EQ(runs(1), 1U);
 }
 
 TEST_F(FunctionsRoadTest, RunsADeletedTaskNoMoreWhileItWaitsForThePurge) {

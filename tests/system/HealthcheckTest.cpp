@@ -2,9 +2,12 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -145,6 +148,45 @@ TEST_F(HealthcheckTest, SeesATableThatIsLocked) {
                          "ERROR: canceling statement due to statement timeout"));
 }
 
+TEST_F(HealthcheckTest, TakesNoWarningOfTheServerForAFigure) {
+  insert(1, "/bin/echo", "x", "now() + interval '1 hour'");
+  ASSERT_TRUE(daemon.startAndWait());
+  // Said at each connection, in several lines.
+  database.query("UPDATE pg_database SET datcollversion = '9 9 9 9 9 9 9 9' WHERE datname = '" +
+                 database.name() + "'");
+
+  const Health health = check();
+
+  EXPECT_EQ(health.status, 0) << health.line;
+  EXPECT_THAT(health.line, StartsWith("KODUCRON OK - 1 tasks, none overdue | tasks=1 overdue=0 "));
+}
+
+TEST_F(HealthcheckTest, SaysWhatPsqlSaidWhenThereAreNoFigures) {
+  database.query("DROP VIEW kodu_task_state");
+
+  const Health health = check();
+
+  EXPECT_EQ(health.status, 2);
+  EXPECT_THAT(health.line, HasSubstr("ERROR: relation \"kodu_task_state\" does not exist"));
+}
+
+TEST_F(HealthcheckTest, KnowsADaemonOfAnotherRole) {
+  const std::string other = "daemon_of_" + database.name();
+  database.query("CREATE ROLE " + other + " LOGIN PASSWORD 'p' IN ROLE kodu");
+  std::string config = readFile(daemon.databaseConfig());
+  config.replace(config.find("username=kodu"), 13, "username=" + other);
+  config.replace(config.find(database.password()), database.password().size(), "p");
+  writeFile(daemon.databaseConfig(), config);
+  ASSERT_TRUE(daemon.startAndWait());
+
+  const Health health = check();
+  daemon.signal(SIGKILL);
+  ASSERT_TRUE(daemon.waitForEnd().has_value());
+  database.query("DROP ROLE " + other);
+
+  EXPECT_EQ(health.status, 0) << health.line;
+}
+
 TEST_F(HealthcheckTest, SeesADatabaseThatRefuses) {
   const std::string config = readFile(daemon.databaseConfig());
   writeFile(daemon.databaseConfig(), config.substr(0, config.find("PGSQL_pwd=")) + "PGSQL_pwd=x\n");
@@ -193,6 +235,86 @@ TEST_F(HealthcheckTest, CountsFailures) {
 
   EXPECT_EQ(health.status, 1);
   EXPECT_THAT(health.line, HasSubstr("2 failed runs within the last hour"));
+}
+
+/// packaging/watchdog beside a healthcheck that says what the test wants, and a systemctl that only
+/// notes what it is told.
+class WatchdogTest : public testing::Test {
+ protected:
+  WatchdogTest() {
+    std::filesystem::copy(projectFile("ops/packaging/watchdog"), directory / "watchdog");
+    writePlugin(directory / "systemctl",
+                "echo \"$*\" >>" + toldPath() + "\ncase $1 in show) echo 0 ;; esac");
+  }
+  /// What systemctl was told to end, when the healthcheck says this.
+  std::string endedAfter(const std::string& line, int status) const {
+    writeFile(directory / "says", line);
+    writePlugin(directory / "healthcheck",
+                "/bin/cat " + std::string(directory / "says") + "; exit " + std::to_string(status));
+    writeFile(toldPath(), "");
+    const std::string command = "PATH=" + std::string(directory / "") +
+                                ":/usr/bin:/bin RUNTIME_DIRECTORY=" + std::string(directory / "") +
+                                " " + std::string(directory / "watchdog") + " >/dev/null";
+    EXPECT_NE(std::system(command.c_str()), -1);
+    const std::string told = readFile(toldPath());
+    return told.substr(std::min(told.find("kill"), told.size()));
+  }
+  std::string toldPath() const { return directory / "told"; }
+
+  TempDir directory;
+};
+
+TEST_F(WatchdogTest, EndsADaemonWhoseTasksAreOverdue) {
+  const std::string figures =
+      "| tasks=1 overdue=1 oldest_overdue=61s;10;60;0 in_process_too_long=0\n";
+  EXPECT_EQ(endedAfter("KODUCRON CRITICAL - 1 tasks, 1 overdue " + figures, 2),
+            "kill --kill-whom=main --signal=KILL koducron.service\n");
+  EXPECT_EQ(endedAfter("KODUCRON WARNING - 1 tasks, 1 overdue " + figures, 1), "");
+}
+
+TEST_F(WatchdogTest, TakesNoTextForAFigure) {
+  EXPECT_EQ(endedAfter("KODUCRON CRITICAL - the database does not answer within 5 s: WARNING: "
+                       " oldest_overdue=99s;10;60;0 \n",
+                       2),
+            "");
+  EXPECT_EQ(endedAfter("KODUCRON CRITICAL - the database does not answer within 5 s\n| tasks=1 "
+                       "oldest_overdue=99s;10;60;0 x\n",
+                       2),
+            "");
+}
+
+/// packaging/repair with the INI files of a daemon.
+class RepairScriptTest : public HealthcheckTest {
+ protected:
+  int repair() const {
+    const std::string command = "KODU_SQL='" + projectFile("sql") + "' '" +
+                                projectFile("ops/packaging/repair") + "' " + daemon.mainConfig();
+    const int status = std::system(command.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+};
+
+TEST_F(RepairScriptTest, TakesTheDaemonsRoleFromTheConfiguration) {
+  const std::string other = "daemon_of_" + database.name();
+  database.query("CREATE ROLE " + other + " LOGIN PASSWORD 'p' IN ROLE kodu");
+  std::string config = readFile(daemon.databaseConfig());
+  config.replace(config.find("username=kodu"), 13, "username=" + other);
+  config.replace(config.find(database.password()), database.password().size(), "p");
+  writeFile(daemon.databaseConfig(), config);
+  insert(1, "/bin/true", "", "now() + interval '1 hour'");
+  database.query("UPDATE kodu_cron_plugin SET cron_status = 'PROCESS'");
+  PGconn* session =
+      PQconnectdb(("host=" + database.host() + " port=" + std::to_string(database.port()) +
+                   " dbname=" + database.name() + " password=p user=" + other)
+                      .c_str());
+  ASSERT_EQ(PQstatus(session), CONNECTION_OK);
+
+  EXPECT_EQ(repair(), 0);
+  EXPECT_EQ(database.task(1, "cron_status"), "PROCESS") << "its daemon is connected";
+  PQfinish(session);
+  EXPECT_TRUE(
+      waitUntil([&] { return repair() == 0 && database.task(1, "cron_status") == "FAILED"; }));
+  database.query("DROP ROLE " + other);
 }
 
 TEST_F(HealthcheckTest, DoesNotKnowWithoutItsConfiguration) {
