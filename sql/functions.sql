@@ -168,7 +168,7 @@ BEGIN
 END
 $$;
 
--- Says what a CHECK of the tables has refused, in an administrator's words.
+-- Says what a CHECK or an index of the tables has refused, in an administrator's words.
 CREATE OR REPLACE FUNCTION kodu_refuse(broken text) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -190,6 +190,9 @@ DECLARE
         WHEN 'cron_log_file_without_controls' THEN
             ARRAY['the file name must not hold control characters',
                   'Line feeds and tabs are such; the default is $SERVICEID_$DATE.txt.']
+        WHEN 'cron_log_file_of_one_task' THEN
+            ARRAY['another task has this output file',
+                  'Write $SERVICEID into the name; the default is $SERVICEID_$DATE.txt.']
         WHEN 'cron_retries_not_negative' THEN
             ARRAY['the number of retries must not be negative', 'Say retries => 0 for none.']
         WHEN 'cron_retries_interval_up_to_year' THEN
@@ -355,7 +358,7 @@ BEGIN
         VALUES (plugin_of, every, COALESCE(kodu_check_time(first_run, every), kodu_soon()),
                 file_name, retries, retry_after, arguments)
         RETURNING cron_id INTO id;
-    EXCEPTION WHEN check_violation THEN
+    EXCEPTION WHEN check_violation OR unique_violation THEN
         GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
         PERFORM kodu_refuse(broken);
     END;
@@ -425,7 +428,7 @@ BEGIN
             cron_retries_interval = COALESCE(retry_after, cron_retries_interval),
             cron_log_file = COALESCE(file_name, cron_log_file)
         WHERE cron_id = task;
-    EXCEPTION WHEN check_violation THEN
+    EXCEPTION WHEN check_violation OR unique_violation THEN
         GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
         PERFORM kodu_refuse(broken);
     END;
@@ -789,7 +792,7 @@ $$;
 -- loaded), changing a plugin that exists.
 GRANT USAGE ON SCHEMA public TO kodu_admin;
 GRANT SELECT ON kodu_plugins, kodu_cron_plugin, kodu_cron_error, kodu_cron_repair, kodu_cron_pause,
-                kodu_task_status TO kodu_admin;
+                kodu_task_status, kodu_schema_version TO kodu_admin;
 GRANT INSERT (plugin_name, plugin_path, plugin_type) ON kodu_plugins TO kodu_admin;
 GRANT INSERT (cron_plugin_id, cron_interval, cron_next_exec, cron_log_file, cron_retries,
               cron_retries_interval, cron_parameter),

@@ -1,7 +1,8 @@
 -- The tables of koducron, the role that its daemon connects as, and the database's settings.
 --
 -- Load it as the owner of the database, who may create roles, with psql -f or any other client;
--- loading it again changes nothing. The role `kodu` has no password until whoever installs the
+-- loading it again changes nothing. A database of an earlier release is brought here by
+-- `koductl schema upgrade`, which loads this file too. The role `kodu` has no password until whoever installs the
 -- database gives it one:
 --     ALTER ROLE kodu PASSWORD '...';
 --
@@ -15,6 +16,48 @@
 BEGIN;
 SET LOCAL client_min_messages = warning;  -- nothing about what exists already
 SET LOCAL search_path = public;
+
+-- Version ----------------------------------------------------------------------------------------
+
+-- The number and the title of the latest file in sql/migrations, which changed tables that existed
+-- to what this file makes.
+SET LOCAL kodu.schema_version = '2';
+SET LOCAL kodu.schema_title = 'keep output files apart';
+
+-- Tables of another version stay as they are below, while the rest of this file would change.
+DO $$
+DECLARE
+    newest integer := current_setting('kodu.schema_version');
+    found integer := 0;
+BEGIN
+    IF to_regclass('kodu_schema_version') IS NOT NULL THEN
+        SELECT COALESCE(max(version), 0) INTO found FROM kodu_schema_version;
+    ELSIF to_regclass('kodu_cron_plugin') IS NULL THEN
+        RETURN;
+    END IF;
+    IF found < newest THEN
+        RAISE EXCEPTION 'this database has tables of version %, this file makes version %', found,
+                        newest USING
+            ERRCODE = 'object_not_in_prerequisite_state',
+            HINT = 'Say koductl --user OWNER schema upgrade.';
+    ELSIF found > newest THEN
+        RAISE EXCEPTION 'this database has tables of version %, this file knows version %', found,
+                        newest USING
+            ERRCODE = 'object_not_in_prerequisite_state',
+            HINT = 'Load the schema.sql of the newer release.';
+    END IF;
+END
+$$;
+
+CREATE TABLE IF NOT EXISTS kodu_schema_version (
+    version    integer PRIMARY KEY,
+    title      text NOT NULL,
+    applied_at timestamp NOT NULL DEFAULT (now() AT TIME ZONE 'UTC'),
+    applied_by text NOT NULL DEFAULT session_user
+);
+INSERT INTO kodu_schema_version (version, title)
+VALUES (current_setting('kodu.schema_version')::integer, current_setting('kodu.schema_title'))
+ON CONFLICT DO NOTHING;
 
 -- Tables -----------------------------------------------------------------------------------------
 
@@ -52,7 +95,8 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
         CONSTRAINT cron_next_exec_in_integer_seconds
             CHECK (cron_next_exec BETWEEN '1970-01-01 00:00:00' AND '2038-01-19 03:14:07'),
     -- Joined to the daemon's output directory: it must stay below it, and name a file, for the run
-    -- as for the purge. 240 bytes leave room for the date in the 255 that a file name may have.
+    -- as for the purge. 240 bytes leave room for the date in the 255 that a file name may have. The
+    -- triggers below refuse the rest of what would end the daemon.
     cron_log_file text NOT NULL
         CONSTRAINT cron_log_file_below_directory
             CHECK (NOT starts_with(cron_log_file, '/') AND strpos(cron_log_file, '..') = 0)
@@ -68,7 +112,9 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
         CONSTRAINT cron_retries_interval_up_to_year
             CHECK (cron_retries_interval BETWEEN INTERVAL '0' AND INTERVAL '366 days'),
     cron_parameter text,
-    cron_delete    boolean NOT NULL DEFAULT FALSE
+    cron_delete    boolean NOT NULL DEFAULT FALSE,
+    -- TRUE only in rows that are older than the index on output files, see below.
+    cron_shares_output boolean NOT NULL DEFAULT FALSE
 ) WITH (fillfactor = 70);
 
 -- cron_id refers to a task without a foreign key. The daemon deletes a task's history and then its
@@ -100,6 +146,139 @@ CREATE INDEX IF NOT EXISTS kodu_cron_plugin_flagged ON kodu_cron_plugin (cron_id
 -- DeleteCronHistory and SelectCronHistory; with the date for readers who want the latest.
 CREATE INDEX IF NOT EXISTS kodu_cron_error_of_task ON kodu_cron_error (cron_id, cron_date);
 
+-- One output file, one task: a purge removes the file of its task, and ends the daemon when a run of
+-- another task has just written it and failed. The key is the file's name with $DATE and $SERVICEID
+-- replaced as the daemon replaces them, and no function of ours: the daemon's role needs no right.
+CREATE UNIQUE INDEX IF NOT EXISTS cron_log_file_of_one_task ON kodu_cron_plugin (
+    (regexp_replace(regexp_replace(cron_log_file, '\$DATE', 'last'), '\$SERVICEID', cron_id::text)))
+    WHERE NOT cron_shares_output;
+
+-- Rows that would end the daemon -----------------------------------------------------------------
+
+-- Refused by triggers, not by CHECKs: the server would test a CHECK again at each of the daemon's own
+-- updates, and an old row that breaks it would end the daemon right there. A trigger looks at what a
+-- writer writes. Its condition is all that a good row costs. They are AFTER triggers, so the CHECKs
+-- above speak first.
+
+-- Arguments: the columns that the condition is about, what is wrong (%s is the file name), a hint.
+CREATE OR REPLACE FUNCTION kodu_refuse_row() RETURNS trigger
+LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
+DECLARE
+    subject text[] := string_to_array(TG_ARGV[0], ' ');
+    new_row jsonb := to_jsonb(NEW);
+BEGIN
+    -- An old row that is written back as it was, or changed elsewhere, stays.
+    IF TG_OP = 'UPDATE'
+       AND NOT EXISTS (SELECT FROM unnest(subject) AS name
+                       WHERE to_jsonb(OLD) -> name IS DISTINCT FROM new_row -> name) THEN
+        RETURN NULL;
+    END IF;
+    RAISE EXCEPTION USING
+        ERRCODE = 'invalid_parameter_value',
+        MESSAGE = format(TG_ARGV[1], quote_literal(new_row ->> 'cron_log_file')),
+        HINT = TG_ARGV[2],
+        TABLE = TG_TABLE_NAME, COLUMN = subject[1];
+END
+$$;
+
+CREATE OR REPLACE TRIGGER kodu_refuse_id AFTER UPDATE OF cron_id ON kodu_cron_plugin
+    FOR EACH ROW WHEN (OLD.cron_id <> NEW.cron_id)
+    EXECUTE FUNCTION kodu_refuse_row('cron_id', 'the id of a task cannot be changed',
+        'The daemon ends at the next run of the old id. Add a task and delete the old one.');
+
+-- Copies of failed runs go into one folder a task, and no other is made.
+CREATE OR REPLACE TRIGGER kodu_refuse_folder
+    AFTER INSERT OR UPDATE OF cron_log_file ON kodu_cron_plugin
+    FOR EACH ROW WHEN (strpos(NEW.cron_log_file, '/') > 0)
+    EXECUTE FUNCTION kodu_refuse_row('cron_log_file', 'the file name %s holds a /',
+        'The daemon makes no folders, so the first failed run ends it; the default is'
+        ' $SERVICEID_$DATE.txt.');
+
+CREATE OR REPLACE TRIGGER kodu_refuse_undated
+    AFTER INSERT OR UPDATE OF cron_log_file ON kodu_cron_plugin
+    FOR EACH ROW WHEN (strpos(NEW.cron_log_file, '$DATE') = 0)
+    EXECUTE FUNCTION kodu_refuse_row('cron_log_file', 'the file name %s lacks $DATE',
+        'Without it the copies of two failed runs have one name, and the second ends the daemon;'
+        ' the default is $SERVICEID_$DATE.txt.');
+
+-- A month has no length of its own: '-12 months 365 days' passes for five days in a CHECK, and moves
+-- the next run backwards until it leaves what the column can hold.
+CREATE OR REPLACE TRIGGER kodu_refuse_months
+    AFTER INSERT OR UPDATE OF cron_interval ON kodu_cron_plugin
+    FOR EACH ROW
+    WHEN (EXTRACT(YEAR FROM NEW.cron_interval) <> 0 OR EXTRACT(MONTH FROM NEW.cron_interval) <> 0)
+    EXECUTE FUNCTION kodu_refuse_row('cron_interval', 'the interval holds months or years',
+        'They have no fixed length. Say 30 days, for instance.');
+
+-- Two failed runs within one second have one archive name, and the second ends the daemon. A retry
+-- begins within a second once it is due; with less than two seconds a plugin that took half a second
+-- and then took less is enough.
+CREATE OR REPLACE TRIGGER kodu_refuse_hasty_retry
+    AFTER INSERT OR UPDATE OF cron_retries, cron_retries_interval ON kodu_cron_plugin
+    FOR EACH ROW
+    WHEN (COALESCE(NEW.cron_retries, 1) > 0
+          AND EXTRACT(EPOCH FROM NEW.cron_retries_interval) < 2)
+    EXECUTE FUNCTION kodu_refuse_row('cron_retries_interval cron_retries',
+        'the time to a retry must be 2 seconds or more',
+        'Two failures within one second have one archive name, which ends the daemon. Choose a time'
+        ' longer than a run takes, or 0 retries.');
+
+-- The end of a run adds an interval of up to a year to the time in the row, and a run that was
+-- loaded twice adds it twice. The sum must be a time that the column can hold.
+CREATE OR REPLACE FUNCTION kodu_refuse_next_run() RETURNS trigger
+LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
+BEGIN
+    -- What the daemon writes at the end of a run, and what it writes to catch up.
+    IF TG_OP = 'UPDATE'
+       AND (NEW.cron_next_exec IS NOT DISTINCT FROM OLD.cron_next_exec
+            OR NEW.cron_last_exec = OLD.cron_next_exec
+               AND NEW.cron_next_exec = OLD.cron_next_exec + OLD.cron_interval
+            OR NEW.cron_next_exec <= clock_timestamp() AT TIME ZONE 'UTC'
+                                     + greatest(OLD.cron_interval, interval '1 hour')) THEN
+        RETURN NULL;
+    END IF;
+    RAISE EXCEPTION 'the next run must be due before 2036' USING
+        ERRCODE = 'invalid_parameter_value',
+        HINT = 'The daemon counts seconds up to January 2038, and ends beyond.',
+        TABLE = TG_TABLE_NAME, COLUMN = 'cron_next_exec';
+END
+$$;
+
+CREATE OR REPLACE TRIGGER kodu_refuse_next_run
+    AFTER INSERT OR UPDATE OF cron_next_exec ON kodu_cron_plugin
+    FOR EACH ROW WHEN (NEW.cron_next_exec > timestamp '2036-01-01 00:00:00')
+    EXECUTE FUNCTION kodu_refuse_next_run();
+
+-- The daemon has several copies of a task's texts in memory while it loads it.
+CREATE OR REPLACE TRIGGER kodu_refuse_long_parameter
+    AFTER INSERT OR UPDATE OF cron_parameter ON kodu_cron_plugin
+    FOR EACH ROW WHEN (octet_length(NEW.cron_parameter) > 1000000)
+    EXECUTE FUNCTION kodu_refuse_row('cron_parameter',
+        'the parameters are longer than 1,000,000 bytes',
+        'Put them into a file, and give the plugin its name.');
+
+CREATE OR REPLACE TRIGGER kodu_refuse_long_plugin
+    AFTER INSERT OR UPDATE OF plugin_name, plugin_path ON kodu_plugins
+    FOR EACH ROW
+    WHEN (octet_length(NEW.plugin_name) > 1000 OR octet_length(NEW.plugin_path) > 4095)
+    EXECUTE FUNCTION kodu_refuse_row('plugin_path plugin_name',
+        'the plugin has a name longer than 1,000 bytes or a path longer than 4,095',
+        'The system runs no program with a longer path.');
+
+-- The file of a task that gets a new name belongs to it alone.
+CREATE OR REPLACE FUNCTION kodu_end_sharing() RETURNS trigger
+LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
+BEGIN
+    NEW.cron_shares_output := FALSE;
+    RETURN NEW;
+END
+$$;
+
+CREATE OR REPLACE TRIGGER kodu_end_sharing
+    BEFORE UPDATE OF cron_log_file ON kodu_cron_plugin
+    FOR EACH ROW WHEN (OLD.cron_shares_output AND OLD.cron_log_file <> NEW.cron_log_file)
+    EXECUTE FUNCTION kodu_end_sharing();
+
 -- What a writer of rows sees in psql's \d+ -------------------------------------------------------
 
 COMMENT ON TABLE kodu_cron_plugin IS 'One row a task; times are UTC';
@@ -109,14 +288,17 @@ COMMENT ON COLUMN kodu_cron_plugin.cron_last_exec IS
 COMMENT ON COLUMN kodu_cron_plugin.cron_next_exec IS
     'UTC; set the first time, then the daemon moves it by whole intervals';
 COMMENT ON COLUMN kodu_cron_plugin.cron_log_file IS
-    'Output file below the daemon''s output directory; $DATE and $SERVICEID are replaced. Without '
-    '$DATE the copies of two failed runs have one name, and the second ends the daemon';
+    'Output file in the daemon''s output directory, of this task alone; $DATE, which it must hold, '
+    'and $SERVICEID are replaced';
 COMMENT ON COLUMN kodu_cron_plugin.cron_retries IS 'NULL: one';
 COMMENT ON COLUMN kodu_cron_plugin.cron_retries_interval IS 'NULL: 120 seconds';
 COMMENT ON COLUMN kodu_cron_plugin.cron_parameter IS
     'Arguments, separated by spaces, quoted with " or ''; no shell reads them';
 COMMENT ON COLUMN kodu_cron_plugin.cron_delete IS
     'TRUE: the daemon removes the task, its files and its history within two minutes';
+COMMENT ON COLUMN kodu_cron_plugin.cron_shares_output IS
+    'TRUE: the task was there, with another task''s output file, before that was refused';
+COMMENT ON TABLE kodu_schema_version IS 'The migrations that made these tables; times are UTC';
 COMMENT ON TABLE kodu_plugins IS 'Executables; those of plugin_type cron can be tasks';
 COMMENT ON TABLE kodu_cron_repair IS 'One row a run found unfinished at a start; times are UTC';
 COMMENT ON TABLE kodu_cron_error IS 'One row a failed run; times are UTC';
@@ -140,6 +322,7 @@ GRANT SELECT, UPDATE (cron_status, cron_last_exec, cron_next_exec), DELETE ON ko
     TO kodu;
 GRANT SELECT, INSERT, DELETE ON kodu_cron_error TO kodu;
 GRANT SELECT, INSERT ON kodu_cron_repair TO kodu;
+GRANT SELECT ON kodu_schema_version TO kodu;
 GRANT USAGE ON SEQUENCE kodu_cron_error_cron_error_id_seq TO kodu;
 
 DO $$

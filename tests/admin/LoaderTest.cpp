@@ -376,7 +376,7 @@ TEST_F(LoaderTest, KeepsAKnownTaskWhoseNewRowFails) {
   insert(1);
   load_cron_task("ADD", nullptr);
   const auto known = loaded(1);
-  database.query("UPDATE kodu_cron_plugin SET cron_interval = '100 years'");
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '36525 days'");
 
   for (const char* mode : {"ADD", "UPDATE"}) {
     load(mode, {1});
