@@ -8,6 +8,7 @@
 #include "core/iniConfig.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
+#include "ctl/schemaVersion.h"
 #include "db/PostgresqlException.h"
 #include "db/pgSafeThread.h"
 
@@ -18,9 +19,24 @@ void printNotice(void*, const char* message) {
   fmt::print(stderr, "koductl: {}\n", serverMessage(message));
 }
 
-/// Whether the server's words, in whatever language, are about a right: "ERROR:  42501: ...".
-bool isAboutRights(const std::string& message) {
-  return message.substr(0, message.find('\n')).find(":  42501: ") != std::string::npos;
+/// The server's code, whatever the language of its words: "42501" of "ERROR:  42501: ..."; "" when
+/// there is none.
+std::string sqlStateOf(const std::string& message) {
+  constexpr std::size_t kLength = 5;
+  const std::string line = message.substr(0, message.find('\n'));
+  for (auto at = line.find(":  "); at != std::string::npos; at = line.find(":  ", at + 1)) {
+    const auto end = at + 3 + kLength;
+    // Behind a word of five letters, as ERROR, there are two blanks.
+    if (line.find(": ", at + 3) == end && line.find(":  ", at + 3) != end) {
+      return line.substr(at + 3, kLength);
+    }
+  }
+  return "";
+}
+
+/// Whether an error is about a table, a column or a function that is not there.
+bool isAboutMissing(const std::string& sqlState) {
+  return sqlState == "42P01" || sqlState == "42703" || sqlState == "42883";
 }
 
 /// libpq begins the further lines of some of its messages with a tab.
@@ -31,9 +47,11 @@ std::string withoutTabs(std::string message) {
   return message;
 }
 
-std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::string& user) {
+std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const Options& options) {
   try {
-    auto connection = std::make_unique<pgSafeThread>(connectionString(config, user));
+    auto connection = std::make_unique<pgSafeThread>(options.connection.empty()
+                                                         ? connectionString(config, options.user)
+                                                         : connectionString(options.connection));
     PQsetErrorVerbosity(connection->connection, PQERRORS_VERBOSE);  // with the SQLSTATE
     PQsetNoticeProcessor(connection->connection, printNotice, nullptr);
     // Whatever the role or the environment says: times are UTC, and names are the schema's.
@@ -41,10 +59,12 @@ std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const std::str
         "SET timezone = 'UTC'; SET search_path = public; SET client_encoding = 'UTF8'"));
     return connection;
   } catch (const PostgresqlException& e) {
-    const std::string password = user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
-    throw Failure(kNoDatabase,
-                  fmt::format("{}\nlook whether the server runs, and at {}{}",
-                              withoutTabs(trim(e.what())), config.databaseFile, password));
+    const std::string password =
+        options.user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
+    const std::string& place =
+        options.connection.empty() ? config.databaseFile : options.connection;
+    throw Failure(kNoDatabase, fmt::format("{}\nlook whether the server runs, and at {}{}",
+                                           withoutTabs(trim(e.what())), place, password));
   }
 }
 
@@ -88,8 +108,15 @@ std::optional<long> Rows::optionalNumber(int row, const char* column) const {
   return isNull(row, column) ? std::nullopt : std::optional(std::stol(text(row, column)));
 }
 
-Session::Session(const Options& options)
-    : config(readConfig(options.configFile)), connection(connect(config, options.user)) {}
+Session::Session(const Options& options, SchemaRule rule)
+    : config(options.connection.empty() ? readConfig(options.configFile) : DaemonConfig{}),
+      connection(connect(config, options)) {
+  if (rule == SchemaRule::kKnownVersion) {
+    const SchemaState state = readSchemaState(*this);
+    refuseNewerSchema(state);
+    advice = state.isBehind() ? fmt::format("\n{}", upgradeAdvice(state)) : "";
+  }
+}
 
 Session::~Session() = default;
 
@@ -101,11 +128,25 @@ Rows Session::query(const std::string& sql, const std::vector<std::string>& para
   try {
     return Rows(connection->executeParamRequest(sql, params));
   } catch (const PostgresqlException& e) {
-    if (PQstatus(connection->connection) != CONNECTION_OK) {
-      throw Failure(kNoDatabase, serverMessage(e.what()));
-    }
-    throw Failure(isAboutRights(e.what()) ? kNotPermitted : kRefused, serverMessage(e.what()));
+    fail(e.what());
   }
+}
+
+void Session::execute(const std::string& sql) {
+  try {
+    PQclear(connection->executeRequest(sql));
+  } catch (const PostgresqlException& e) {
+    fail(e.what());
+  }
+}
+
+void Session::fail(const std::string& message) const {
+  if (PQstatus(connection->connection) != CONNECTION_OK) {
+    throw Failure(kNoDatabase, serverMessage(message));
+  }
+  const std::string sqlState = sqlStateOf(message);
+  throw Failure(sqlState == "42501" ? kNotPermitted : kRefused,
+                serverMessage(message) + (isAboutMissing(sqlState) ? advice : ""), sqlState);
 }
 
 bool isDaemonConnected(Session& session) {

@@ -33,11 +33,17 @@ class Rows {
   ResultPtr result;
 };
 
+/// Which tables a session is content with.
+enum class SchemaRule {
+  kKnownVersion,  // tables of a later release are refused
+  kAnyVersion,
+};
+
 /// koductl's own session in the daemon's database, in UTC. Failures are thrown as Failure.
 class Session {
  public:
   /// Reads the INI files and connects as the options say.
-  explicit Session(const Options& options);
+  explicit Session(const Options& options, SchemaRule rule = SchemaRule::kKnownVersion);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -49,8 +55,13 @@ class Session {
 
   /// Runs one statement with $1 to $n from `params`.
   Rows query(const std::string& sql, const std::vector<std::string>& params = {});
+  /// Runs statements, separated by semicolons, whose results are of no interest.
+  void execute(const std::string& sql);
 
  private:
+  [[noreturn]] void fail(const std::string& message) const;
+
+  std::string advice;  // added to an error about a table, column or function that is missing
   std::unique_ptr<pgSafeThread> connection;
 };
 
