@@ -63,9 +63,12 @@ class TaskCheck {
 
   /// What the tables refuse by now, in rows that are older.
   void lookAtLimits(const Task& task) {
-    if (task.hasMonths) {
-      findings.addWarning(
-          "the interval holds months or years, whose length changes: say it in days", task.id);
+    if (task.isIntervalUneven) {
+      findings.addError(
+          "the interval holds months, years or a negative part, which can end the daemon: say it "
+          "in "
+          "days",
+          task.id);
     }
     if (task.maxRetries() > 0 && task.retryDelay() < kShortestRetryDelay) {
       findings.addError(

@@ -26,8 +26,10 @@ SELECT task.cron_id AS id, plugin_name AS name, plugin_path AS path, plugin_type
             THEN floor(EXTRACT(EPOCH FROM cron_last_exec))::bigint END AS last,
        floor(EXTRACT(EPOCH FROM cron_next_exec))::bigint AS next,
        floor(EXTRACT(EPOCH FROM cron_interval))::bigint AS every,
-       coalesce(EXTRACT(YEAR FROM cron_interval) <> 0 OR EXTRACT(MONTH FROM cron_interval) <> 0,
-                false) AS has_months,
+       coalesce(EXTRACT(YEAR FROM cron_interval) <> 0 OR EXTRACT(MONTH FROM cron_interval) <> 0
+                OR EXTRACT(DAY FROM cron_interval) < 0
+                OR EXTRACT(EPOCH FROM cron_interval) < 86400 * EXTRACT(DAY FROM cron_interval),
+                false) AS is_uneven,
        floor(EXTRACT(EPOCH FROM cron_retries_interval))::bigint AS retry_after,
        coalesce(recent.hour, 0) AS hour, coalesce(recent.day, 0) AS day,
        coalesce(series.attempts, 0) AS attempts,
@@ -70,7 +72,7 @@ Task taskOf(const Rows& rows, int row) {
   task.lastDue = rows.optionalNumber(row, "last");
   task.next = rows.optionalNumber(row, "next");
   task.every = rows.optionalNumber(row, "every");
-  task.hasMonths = rows.isTrue(row, "has_months");
+  task.isIntervalUneven = rows.isTrue(row, "is_uneven");
   task.retries = rows.optionalNumber(row, "retries");
   task.retryAfter = rows.optionalNumber(row, "retry_after");
   task.isPaused = rows.isTrue(row, "paused");

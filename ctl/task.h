@@ -19,7 +19,7 @@ struct Task {
   std::optional<long> lastDue;        // when the last completed run was due
   std::optional<long> next;           // when the next run, or the present one, is due
   std::optional<long> every;
-  bool hasMonths = false;                   // in the interval, which then has no fixed length
+  bool isIntervalUneven = false;            // holds months, years or a negative part
   std::optional<long> retries, retryAfter;  // nothing: the daemon's defaults
   bool isFlagged = false;                   // waits for the purge
   bool isPaused = false;

@@ -201,13 +201,27 @@ CREATE OR REPLACE TRIGGER kodu_refuse_undated
         'Without it the copies of two failed runs have one name, and the second ends the daemon;'
         ' the default is $SERVICEID_$DATE.txt.');
 
--- A month has no length of its own: '-12 months 365 days' passes for five days in a CHECK, and moves
--- the next run backwards until it leaves what the column can hold.
+-- A month has no length of its own: '-120 months 3601 days' passes for a day in a CHECK, and moves the
+-- next run backwards until it leaves what the column can hold. '1 day -86399 seconds' is one second,
+-- but the server cannot multiply it by the runs that were missed in some years.
 CREATE OR REPLACE TRIGGER kodu_refuse_months
     AFTER INSERT OR UPDATE OF cron_interval ON kodu_cron_plugin
     FOR EACH ROW
-    WHEN (EXTRACT(YEAR FROM NEW.cron_interval) <> 0 OR EXTRACT(MONTH FROM NEW.cron_interval) <> 0)
-    EXECUTE FUNCTION kodu_refuse_row('cron_interval', 'the interval holds months or years',
+    WHEN (EXTRACT(YEAR FROM NEW.cron_interval) <> 0 OR EXTRACT(MONTH FROM NEW.cron_interval) <> 0
+          OR EXTRACT(DAY FROM NEW.cron_interval) < 0
+          OR EXTRACT(EPOCH FROM NEW.cron_interval) < 86400 * EXTRACT(DAY FROM NEW.cron_interval))
+    EXECUTE FUNCTION kodu_refuse_row('cron_interval',
+        'the interval holds months, years or a negative part',
+        'Months have no fixed length. Say 30 days, for instance.');
+
+-- '-71582788 months 2147483647 days' is more seconds than the daemon reads; it leaves the row out.
+CREATE OR REPLACE TRIGGER kodu_refuse_months_to_retry
+    AFTER INSERT OR UPDATE OF cron_retries_interval ON kodu_cron_plugin
+    FOR EACH ROW
+    WHEN (EXTRACT(YEAR FROM NEW.cron_retries_interval) <> 0
+          OR EXTRACT(MONTH FROM NEW.cron_retries_interval) <> 0)
+    EXECUTE FUNCTION kodu_refuse_row('cron_retries_interval',
+        'the time to a retry holds months or years',
         'They have no fixed length. Say 30 days, for instance.');
 
 -- Two failed runs within one second have one archive name, and the second ends the daemon. A retry

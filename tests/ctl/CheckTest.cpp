@@ -123,7 +123,7 @@ TEST_F(CheckTest, NamesOldRowsThatAreRefusedToday) {
   database.insertTask(fine);
   const std::string found = check(2);
   EXPECT_THAT(found, HasSubstr("task 1: the file name holds a /, and no such folder is made"));
-  EXPECT_THAT(found, HasSubstr("task 2: the interval holds months or years"));
+  EXPECT_THAT(found, HasSubstr("task 2: the interval holds months, years or a negative part"));
   EXPECT_THAT(found, HasSubstr("task 3: its retry may fail within a second of the failure"));
   EXPECT_THAT(found, HasSubstr("task 4: the next run is due after 2036"));
   EXPECT_THAT(found, testing::Not(HasSubstr("task 5:")));
