@@ -61,8 +61,8 @@ std::unique_ptr<pgSafeThread> connect(const DaemonConfig& config, const Options&
   } catch (const PostgresqlException& e) {
     const std::string password =
         options.user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
-    const std::string& place =
-        options.connection.empty() ? config.databaseFile : options.connection;
+    const std::string place =
+        options.connection.empty() ? config.databaseFile : "what --connect says";
     throw Failure(kNoDatabase, fmt::format("{}\nlook whether the server runs, and at {}{}",
                                            withoutTabs(trim(e.what())), place, password));
   }

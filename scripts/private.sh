@@ -61,13 +61,23 @@ repair_command() {
   printf '%q ' scripts/cluster psql "$kCluster" -X -q -d kodu -f sql/repair.sql
 }
 
+# The schema and the functions of today, also in a database that an earlier release left.
+load_schema() {
+  if [[ -x build/koductl && $(on_database -d kodu -At -c "SELECT to_regclass('kodu_cron_plugin')") ]]; then
+    PGPASSWORD=$(cat "$kCluster/password") quietly upgrade build/koductl schema upgrade \
+      --connect "host=127.0.0.1 port=$(port_of_cluster) user=postgres dbname=kodu"
+  else
+    quietly schema on_database -d kodu -f sql/schema.sql -f sql/functions.sql
+  fi
+}
+
 # A running cluster with the schema and the functions loaded, and INI files that lead to it.
 prepare_database() {  # $1: workers
   local password
   quietly cluster scripts/cluster start "$kCluster"
   [[ $(on_database -d postgres -At -c "SELECT 1 FROM pg_database WHERE datname = 'kodu'") ]] ||
     on_database -d postgres -c 'CREATE DATABASE kodu'
-  quietly schema on_database -d kodu -f sql/schema.sql -f sql/functions.sql
+  load_schema
   password=$(od -An -v -N24 -tx1 /dev/urandom | tr -d ' \n')
   on_database -d kodu <<<"ALTER ROLE kodu PASSWORD '$password'"  # arguments would show in ps
   write_configuration "$1" "$password"

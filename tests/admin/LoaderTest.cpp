@@ -359,7 +359,7 @@ TEST_F(LoaderTest, NamesNothingWhenTheRetryIntervalOfARowThatFailsIsNull) {
 TEST_F(LoaderTest, StopsARowAtItsFirstFailure) {
   dropCheck("cron_retries_interval_up_to_year");
   insert(1, "now() - interval '650 seconds'");
-  database.query("UPDATE kodu_cron_plugin SET cron_retries_interval = '100 years'");
+  database.query("UPDATE kodu_cron_plugin SET cron_retries_interval = '36525 days'");
   const long before = database.nextExec(1);
 
   load_cron_task("ADD", nullptr);

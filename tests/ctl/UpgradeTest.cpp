@@ -41,11 +41,24 @@ class UpgradeTest : public CtlTest {
     database.query(data);
   }
 
-  CtlResult schema(std::vector<std::string> arguments = {}) const {
-    arguments.insert(arguments.begin(), {"schema", "--connect", database.adminConninfo()});
-    return run(arguments);
+  /// Starts koductl schema as the superuser, whose password is in the environment.
+  pid_t startSchema(std::vector<std::string> arguments) {
+    std::string place = database.adminConninfo();
+    const auto begin = place.find(" password=");
+    const auto end = place.find(' ', begin + 1);
+    environment.push_back("PGPASSWORD=" + place.substr(begin + 10, end - begin - 10));
+    place.erase(begin, end - begin);
+    arguments.insert(arguments.begin(), {"schema", "--connect", place});
+    const pid_t pid = start(arguments);
+    environment.pop_back();
+    return pid;
   }
-  void upgrade() const {
+  CtlResult schema(const std::vector<std::string>& arguments = {}) {
+    int status = 0;
+    waitpid(startSchema(arguments), &status, 0);
+    return {exitStatusOf(status), readFile(outPath()), readFile(errPath())};
+  }
+  void upgrade() {
     const CtlResult result = schema({"upgrade"});
     ASSERT_EQ(result.exitCode, 0) << result.out << result.err;
   }
@@ -282,8 +295,7 @@ TEST_F(UpgradeTest, KeepsTheDaemonGoingWhileItWaitsForALock) {
   pgSafeThread reader(database.adminConninfo() + " application_name=report");
   PQclear(reader.executeRequest("BEGIN; SELECT count(*) FROM kodu_cron_plugin"));
 
-  const pid_t pid =
-      start({"schema", "upgrade", "--wait", "4", "--connect", database.adminConninfo()});
+  const pid_t pid = startSchema({"upgrade", "--wait", "4"});
   const std::size_t before = runs(1);
   EXPECT_TRUE(waitForRuns(1, before + 2));
   EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0) << "it has waited meanwhile";
@@ -293,8 +305,7 @@ TEST_F(UpgradeTest, KeepsTheDaemonGoingWhileItWaitsForALock) {
   EXPECT_THAT(readFile(errPath()), AllOf(HasSubstr("the tables were in use for 4 s"),
                                          HasSubstr("of postgres (report)")));
 
-  const pid_t again =
-      start({"schema", "upgrade", "--wait", "60", "--connect", database.adminConninfo()});
+  const pid_t again = startSchema({"upgrade"});
   PQclear(reader.executeRequest("COMMIT"));
   waitpid(again, &status, 0);
   EXPECT_EQ(exitStatusOf(status), 0) << readFile(errPath());

@@ -600,8 +600,9 @@ class StaggerTest : public FunctionsTest {
         "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_next_exec, "
         "cron_log_file) SELECT id, 1, '" +
         interval +
-        "', date_trunc('second', now()) + interval '1 minute', 'a' FROM generate_series(" + ids +
-        ") id");
+        "', date_trunc('second', now()) + interval '1 minute', id || '$DATE' FROM "
+        "generate_series(" +
+        ids + ") id");
   }
   /// How far each next time is from the one before.
   std::string distances() const {

@@ -267,7 +267,7 @@ TEST_F(StopTest, LeavesWhatIsDueWhenAllWorkersAreBusy) {
                  writePlugin(daemon.directory / "plugin", "echo fine") + "', 'cron')");
   database.query(
       "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_next_exec, "
-      "cron_log_file) SELECT i, 1, interval '3 seconds', now(), 'out_$SERVICEID.txt' "
+      "cron_log_file) SELECT i, 1, interval '3 seconds', now(), 'out_$SERVICEID_$DATE.txt' "
       "FROM generate_series(1, 1000) i");
   startWith("4");
   ASSERT_TRUE(waitUntil([&] { return daemon.logged("DEBUG#TH EXEC: crontask exec task") >= 20; },
