@@ -84,7 +84,7 @@ void printAsJson(const SchemaState& state, const std::vector<Step>& steps) {
 
 int showState(const Options& options, Session& session) {
   const SchemaState state = readSchemaState(session);
-  if (!state.hasTables) {
+  if (!state.tablesExist) {
     throw Failure(kNotFound,
                   "this database has no tables of koducron: load sql/schema.sql as its owner");
   }

@@ -22,7 +22,7 @@ int knownSchemaVersion() {
 SchemaState readSchemaState(Session& session) {
   const Rows tables = session.query(kTables);
   SchemaState state;
-  state.hasTables = tables.isTrue(0, "has_tables");
+  state.tablesExist = tables.isTrue(0, "has_tables");
   state.isReadable = tables.isTrue(0, "is_readable");
   if (tables.isTrue(0, "has_version") && state.isReadable) {
     const Rows latest = session.query("SELECT max(version) AS version FROM kodu_schema_version");

@@ -9,11 +9,11 @@ int knownSchemaVersion();
 
 /// What a database says about its tables.
 struct SchemaState {
-  bool hasTables = false;
+  bool tablesExist = false;
   bool isReadable = true;  // false: the role may not read the version, which counts as known
   int version = 0;         // 0: the first release, which recorded none
 
-  bool isBehind() const { return hasTables && isReadable && version < knownSchemaVersion(); }
+  bool isBehind() const { return tablesExist && isReadable && version < knownSchemaVersion(); }
   bool isNewer() const { return isReadable && version > knownSchemaVersion(); }
 };
 

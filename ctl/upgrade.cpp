@@ -135,7 +135,7 @@ std::optional<int> tryUpgrade(Session& session, bool isDryRun) {
   Transaction transaction(session);
   takeTurn(session);
   const SchemaState state = readSchemaState(session);
-  if (!state.hasTables) {
+  if (!state.tablesExist) {
     throw Failure(kRefused,
                   "this database has no tables of koducron: load sql/schema.sql as its owner");
   }

@@ -65,7 +65,7 @@ class UpgradeTest : public CtlTest {
 
   /// What pg_dump says of the database's definitions, in a file, without its random keys.
   std::string dump(const Database& target, const std::string& name) const {
-    const std::string path = daemon.directory / name;
+    std::string path = daemon.directory / name;
     const std::string command = "bash -c \"set -o pipefail; pg_dump --schema-only --dbname '" +
                                 target.adminConninfo() + "' | grep -v restrict >'" + path + "'\"";
     EXPECT_EQ(std::system(command.c_str()), 0) << command;

@@ -11,7 +11,7 @@ int RowGenerator::below(int count) {
 std::string RowGenerator::character() {
   switch (below(8)) {
     case 0:
-      return std::string(1, static_cast<char>(1 + below(31)));
+      return {static_cast<char>(1 + below(31))};
     case 1:
       return oneOf<std::string>({"'", "\"", "\\", "$", "%", "/", ".", " ", "\x7f", "$DATE"});
     case 2: {  // two bytes of UTF-8, controls among them
@@ -28,7 +28,7 @@ std::string RowGenerator::character() {
       return oneOf<std::string>({"\xF0\x9F\x98\x80", "\xF4\x8F\xBF\xBF", "\xEF\xBB\xBF",
                                  "e\xCC\x81", "\xE2\x80\xAE", "\xEF\xBF\xBD"});
     default:
-      return std::string(1, static_cast<char>(' ' + below(95)));
+      return {static_cast<char>(' ' + below(95))};
   }
 }
 

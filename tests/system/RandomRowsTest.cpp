@@ -52,7 +52,7 @@ class RandomRowsTest : public testing::Test {
             fails,
             fails,
             plugin("fine", "echo fine"),
-            plugin("five", "echo \"$@\"; echo five; exit 5"),
+            plugin("five", R"(echo "$@"; echo five; exit 5)"),
             plugin("odd", "printf 'a\\377\\000b\\033[1m'; exit 200"),
             plugin("long", "exec /usr/bin/head -c 100000 /dev/zero | /usr/bin/tr '\\0' x; exit 1")};
   }
