@@ -6,6 +6,7 @@
 #include "ctl/checks.h"
 #include "ctl/daemonProcess.h"
 #include "ctl/findings.h"
+#include "ctl/schemaVersion.h"
 #include "ctl/session.h"
 
 namespace {
@@ -71,6 +72,9 @@ void checkDaemons(Session& session, const DaemonIdentity& daemon, Findings& find
 
 void checkDatabase(Session& session, const DaemonIdentity& daemon, Findings& findings) {
   const std::string role = trim(session.config.user);
+  if (const SchemaState state = readSchemaState(session); state.isBehind()) {
+    findings.addWarning(upgradeAdvice(state));
+  }
   checkRights(session, role, findings);
   checkZone(session, findings);
   checkDaemons(session, daemon, findings);

@@ -14,6 +14,10 @@
 
 namespace {
 
+constexpr long kShortestRetryDelay = 2;           // seconds
+constexpr long kLatestNextRun = 2082758400;       // 2036-01-01, a pause
+constexpr long kLongestInterval = 366L * 86400L;  // a run that ends during a pause adds it
+
 /// The checks of one run of koductl check. Remembers what it knows of plugins, since many tasks
 /// share one.
 class TaskCheck {
@@ -45,20 +49,37 @@ class TaskCheck {
       findings.addError("refused by the daemon: cron_interval is missing or below a second",
                         task.id);
     }
-    if (task.hasMonths) {
-      findings.addWarning(
-          "months in the interval: the table adds a month of the calendar, the daemon counts 30 "
-          "days",
-          task.id);
-    }
     if (!task.next && !task.isPaused()) {
       findings.addError("refused by the daemon: cron_next_exec is missing", task.id);
     }
+    lookAtLimits(task);
     const auto quotes = std::count_if(task.parameter.begin(), task.parameter.end(),
                                       [](char c) { return c == '"' || c == '\''; });
     if (quotes % 2 != 0) {
       findings.addWarning("a quote in the parameters is not closed: it reaches to their end",
                           task.id);
+    }
+  }
+
+  /// What the tables refuse by now, in rows that are older.
+  void lookAtLimits(const Task& task) {
+    if (task.isIntervalUneven) {
+      findings.addError(
+          "the interval holds months, years or a negative part, which can end the daemon: say it "
+          "in "
+          "days",
+          task.id);
+    }
+    if (task.maxRetries() > 0 && task.retryDelay() < kShortestRetryDelay) {
+      findings.addError(
+          fmt::format("its retry may fail within a second of the failure, which ends the daemon: "
+                      "let it wait {} s or more",
+                      kShortestRetryDelay),
+          task.id);
+    }
+    if (task.next.value_or(0) > kLatestNextRun + kLongestInterval) {
+      findings.addError("the next run is due after 2036: a run that ends before ends the daemon",
+                        task.id);
     }
   }
 
@@ -94,6 +115,12 @@ class TaskCheck {
     if (task.fileName.find("$DATE") == std::string::npos) {
       findings.addError("no $DATE in the file name: its second failed run ends the daemon",
                         task.id);
+    }
+    if (task.fileName.find('/') != std::string::npos) {
+      findings.addError(
+          "the file name holds a /, and no such folder is made in the archive: a failed run, or "
+          "the purge, ends the daemon",
+          task.id);
     }
     const std::string path = task.outputPath();
     if (const auto reason = whyNotWritable(path)) {

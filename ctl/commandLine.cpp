@@ -23,6 +23,7 @@ class Parser {
     addReadingCommands();
     addChangingCommands();
     addPlanningCommands();
+    addSchemaCommand();
   }
 
   Request parse(std::vector<std::string> arguments) {
@@ -148,6 +149,23 @@ class Parser {
 
     CLI::App* prune = addCommand("prune", "Delete old history and archived outputs", runPrune);
     prune->add_option("--older-than", options.olderThan, "As 30d")->required();
+  }
+
+  void addSchemaCommand() {
+    CLI::App* schema =
+        addCommand("schema", "Show the version of the database's tables, or upgrade", runSchema);
+    schema
+        ->add_option("ACTION", options.schemaAction,
+                     "upgrade: bring them to the version of this koductl")
+        ->check(CLI::IsMember({"upgrade"}));
+    schema->add_flag("--dry-run", options.isDryRun, "Try the whole upgrade, then take it back");
+    schema->add_option("--wait", options.waitSeconds, "Try so long while others use the tables")
+        ->option_text("SECONDS (60)")
+        ->check(CLI::Range(0, 86400));
+    schema
+        ->add_option("--connect", options.connection,
+                     "A connection as libpq reads it, instead of the INI file's")
+        ->option_text("CONNINFO");
   }
 
   /// Before the library sees them: it would join what stands behind "--" to its own positionals.

@@ -21,3 +21,4 @@ int runDelete(const Options& options);
 int runForecast(const Options& options);
 int runStagger(const Options& options);
 int runPrune(const Options& options);
+int runSchema(const Options& options);

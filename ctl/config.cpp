@@ -124,3 +124,7 @@ std::string connectionString(const DaemonConfig& config, const std::string& user
   }
   return fmt::format("{} user={} password={}", place, config.user, config.password);
 }
+
+std::string connectionString(const std::string& given) {
+  return "application_name=kodu_ctl connect_timeout=10 " + given;
+}

@@ -25,3 +25,5 @@ DaemonConfig readConfig(const std::string& mainFile, const std::string& user);
 /// The libpq connection string for the daemon's role; for `user` when that is not empty, and then
 /// without a password, which libpq takes from PGPASSWORD or ~/.pgpass.
 std::string connectionString(const DaemonConfig& config, const std::string& user);
+/// The same of a connection string that the operator gave.
+std::string connectionString(const std::string& given);

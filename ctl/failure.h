@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 /// What koductl ends with. Below 64 a command speaks of what it looked at (check: 0, 1, 2; rerun:
 /// the plugin's return code), from 64 on of what it could not do, with the numbers of sysexits.h.
@@ -20,7 +21,9 @@ enum ExitCode {
 /// says what is wrong and what to do about it.
 class Failure : public std::runtime_error {
  public:
-  Failure(ExitCode code, const std::string& text) : std::runtime_error(text), exitCode(code) {}
+  Failure(ExitCode code, const std::string& text, std::string state = "")
+      : std::runtime_error(text), exitCode(code), sqlState(std::move(state)) {}
 
   const ExitCode exitCode;
+  const std::string sqlState;  // the server's code of an error of its own, else
 };

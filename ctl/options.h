@@ -47,4 +47,10 @@ struct Options {
   std::string longest = "1 hour";
 
   std::string olderThan;  // prune
+
+  // schema
+  std::string schemaAction;  // "": show the state; "upgrade"
+  bool isDryRun = false;
+  int waitSeconds = 60;
+  std::string connection;  // a libpq connection string instead of the INI files; "": none
 };

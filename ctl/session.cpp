@@ -13,6 +13,7 @@
 #include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/print.h"
+#include "ctl/schemaVersion.h"
 
 namespace {
 
@@ -62,7 +63,9 @@ Connection connectAs(const Options& options, const DaemonConfig& config,
   if (PQstatus(connection.get()) == CONNECTION_OK) {
     return connection;
   }
-  const std::string place = config.isDatabaseFileRead ? config.databaseFile : "PGHOST and PGPORT";
+  const std::string place = !options.connection.empty() ? "what --connect says"
+                            : config.isDatabaseFileRead ? config.databaseFile
+                                                        : "PGHOST and PGPORT";
   const std::string password =
       options.user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
   throw Failure(kNoDatabase,
@@ -73,6 +76,11 @@ Connection connectAs(const Options& options, const DaemonConfig& config,
 std::string sqlState(const ResultPtr& result) {
   const char* state = PQresultErrorField(result.get(), PG_DIAG_SQLSTATE);
   return state == nullptr ? "" : state;
+}
+
+/// Whether an error is about a table, a column or a function that is not there.
+bool isAboutMissing(const std::string& state) {
+  return state == "42P01" || state == "42703" || state == "42883";
 }
 
 /// Why a statement has ended that waited for a lock longer than `limit`, by the option's name.
@@ -117,14 +125,21 @@ std::optional<long> Rows::optionalNumber(int row, const char* column) const {
   return isNull(row, column) ? std::nullopt : std::optional(std::stol(text(row, column)));
 }
 
-Session::Session(const Options& options)
-    : config(readConfig(options.configFile, options.user)),
-      conninfo(connectionString(config, options.user)),
+Session::Session(const Options& options, SchemaRule rule)
+    : config(options.connection.empty() ? readConfig(options.configFile, options.user)
+                                        : DaemonConfig{}),
+      conninfo(options.connection.empty() ? connectionString(config, options.user)
+                                          : connectionString(options.connection)),
       lockTimeout(options.lockTimeout),
       statementTimeout(options.statementTimeout),
       connection(connectAs(options, config, conninfo)) {
   query(kSettings,
         {fmt::format("{}s", lockTimeout), fmt::format("{}s", statementTimeout), trim(config.user)});
+  if (rule == SchemaRule::kKnownVersion) {
+    const SchemaState state = readSchemaState(*this);
+    refuseNewerSchema(state);
+    advice = state.isBehind() ? fmt::format("\n{}", upgradeAdvice(state)) : "";
+  }
 }
 
 Session::~Session() = default;
@@ -139,22 +154,23 @@ Rows Session::query(const std::string& sql, const std::vector<std::string>& para
                  [](const std::string& param) { return param.c_str(); });
   PQsendQueryParams(connection.get(), sql.c_str(), static_cast<int>(values.size()), nullptr,
                     values.data(), nullptr, nullptr, 0);
-  return Rows(awaitResult().release());
+  return Rows(awaitResult(statementTimeout).release());
 }
 
-/// The result of what was sent; a failed one is thrown. Meanwhile a watch looks for a lock each
+/// The result of what was sent, the last of several; a failed one is thrown. A server that takes
+/// longer than `limit` seconds is given up; 0 is no limit. Meanwhile a watch looks for a lock each
 /// second, or four times within a shorter limit.
-ResultPtr Session::awaitResult() {
+ResultPtr Session::awaitResult(int limit) {
   const std::chrono::milliseconds step(lockTimeout > 0 ? std::min(1000, lockTimeout * 250) : 1000);
-  const auto end = Clock::now() + std::chrono::seconds(statementTimeout) + kGrace;
+  const auto end = Clock::now() + std::chrono::seconds(limit) + kGrace;
   LockWatch watch(conninfo + " connect_timeout=2", PQbackendPID(connection.get()));
   while (!hasReplied(connection.get(), step)) {
     watch.look();
-    if (statementTimeout > 0 && Clock::now() > end) {
+    if (limit > 0 && Clock::now() > end) {
       throw Failure(kNoDatabase,
                     fmt::format("the server has not ended the statement after {} s: it hangs, or "
                                 "the network is cut; what has become of the statement is not known",
-                                statementTimeout));
+                                limit));
     }
   }
   ResultPtr result = replyOf(connection.get());
@@ -176,7 +192,7 @@ void Session::fail(const ResultPtr& result, const LockWatch& watch) const {
     throw Failure(kNoDatabase, said);
   }
   if (state == kLockTimeout) {
-    throw Failure(kNoDatabase, lockedText(watch, lockTimeout, "--lock-timeout"));
+    throw Failure(kNoDatabase, lockedText(watch, lockTimeout, "--lock-timeout"), state);
   }
   if (state == kCancelled && !watch.lock().empty()) {
     throw Failure(kNoDatabase, lockedText(watch, statementTimeout, "--statement-timeout"));
@@ -186,7 +202,13 @@ void Session::fail(const ResultPtr& result, const LockWatch& watch) const {
                                            "--statement-timeout SECONDS gives it longer",
                                            said, statementTimeout));
   }
-  throw Failure(state == kNoRight ? kNotPermitted : kRefused, said);
+  throw Failure(state == kNoRight ? kNotPermitted : kRefused,
+                said + (isAboutMissing(state) ? advice : ""), state);
+}
+
+void Session::execute(const std::string& sql) {
+  PQsendQuery(connection.get(), sql.c_str());
+  awaitResult(0);
 }
 
 bool isDaemonConnected(Session& session) {

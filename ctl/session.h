@@ -32,12 +32,18 @@ class Rows {
   ResultPtr result;
 };
 
+/// Which tables a session is content with.
+enum class SchemaRule {
+  kKnownVersion,  // tables of a later release are refused
+  kAnyVersion,
+};
+
 /// koductl's own session in the daemon's database, in UTC. Failures are thrown as Failure. No
 /// statement waits longer for a lock, or in all, than the options say.
 class Session {
  public:
   /// Reads the INI files and connects as the options say.
-  explicit Session(const Options& options);
+  explicit Session(const Options& options, SchemaRule rule = SchemaRule::kKnownVersion);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -51,13 +57,17 @@ class Session {
   /// is lost or a limit is reached, and then names the lock and who has it; kNotPermitted when a
   /// right is missing; else kRefused with the server's words.
   Rows query(const std::string& sql, const std::vector<std::string>& params = {});
+  /// Runs statements, separated by semicolons, whose results are of no interest. Has no limit of
+  /// its own: the statements may set one.
+  void execute(const std::string& sql);
 
  private:
-  ResultPtr awaitResult();
+  ResultPtr awaitResult(int limit);
   [[noreturn]] void fail(const ResultPtr& result, const LockWatch& watch) const;
 
   const std::string conninfo;
   const int lockTimeout, statementTimeout;  // seconds; 0 is no limit
+  std::string advice;  // added to an error about a table, column or function that is missing
   Connection connection;
 };
 

@@ -20,7 +20,10 @@ SELECT id, name, plugin_path AS path, plugin_type AS type,
        floor(EXTRACT(EPOCH FROM due))::bigint AS next,
        floor(EXTRACT(EPOCH FROM due_after_run))::bigint AS after_run,
        floor(EXTRACT(EPOCH FROM cron_interval))::bigint AS every,
-       EXTRACT(YEAR FROM cron_interval) <> 0 OR EXTRACT(MONTH FROM cron_interval) <> 0 AS months,
+       coalesce(EXTRACT(YEAR FROM cron_interval) <> 0 OR EXTRACT(MONTH FROM cron_interval) <> 0
+                OR EXTRACT(DAY FROM cron_interval) < 0
+                OR EXTRACT(EPOCH FROM cron_interval) < 86400 * EXTRACT(DAY FROM cron_interval),
+                false) AS is_uneven,
        cron_retries AS retries,
        floor(EXTRACT(EPOCH FROM cron_retries_interval))::bigint AS retry_after,
        floor(EXTRACT(EPOCH FROM retry_due))::bigint AS retry_due,
@@ -49,7 +52,7 @@ Task definitionOf(const Rows& rows, int row) {
   task.parameter = rows.text(row, "parameter");
   task.fileName = rows.text(row, "file");
   task.every = rows.optionalNumber(row, "every");
-  task.hasMonths = rows.isTrue(row, "months");
+  task.isIntervalUneven = rows.isTrue(row, "is_uneven");
   task.retries = rows.optionalNumber(row, "retries");
   task.retryAfter = rows.optionalNumber(row, "retry_after");
   return task;

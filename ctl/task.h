@@ -26,8 +26,8 @@ struct Task {
   std::optional<long> next;           // when the next run, or the present one, is due; else paused
   std::optional<long> afterRun;       // the time that was set for the run after the present one
   std::optional<long> every;
+  bool isIntervalUneven = false;            // holds months, years or a negative part
   std::optional<long> retries, retryAfter;  // nothing: the daemon's defaults
-  bool hasMonths = false;                   // the interval's length hangs on the calendar
   bool isFlagged = false;                   // waits for the purge, or for a run's end before it
   bool isRunning = false;                   // a run, or its wait for a retry, is in progress
   bool awaitsRetry = false;                 // that wait: it keeps no worker

@@ -96,14 +96,25 @@ repair_command() {
   printf '%q ' scripts/cluster psql "$kCluster" -X -q -d kodu -f sql/repair.sql
 }
 
+# Loads the files into an empty database; brings one that an earlier release left to the tables of today.
+load_schema() {  # $1...: files
+  local file files=()
+  for file; do files+=(-f "$file"); done
+  if [[ $(on_database -d kodu -At -c "SELECT to_regclass('kodu_cron_plugin')") ]]; then
+    PGPASSWORD=$(cat "$kCluster/password") quietly upgrade build/koductl schema upgrade \
+      --connect "host=127.0.0.1 port=$(port_of_cluster) user=postgres dbname=kodu"
+  else
+    quietly schema on_database -d kodu "${files[@]}"
+  fi
+}
+
 # A running cluster with these SQL files loaded, and INI files that lead to it.
 prepare_database() {  # $1: workers; $2...: files
-  local password file files=()
-  for file in "${@:2}"; do files+=(-f "$file"); done
+  local password
   quietly cluster scripts/cluster start "$kCluster"
   [[ $(on_database -d postgres -At -c "SELECT 1 FROM pg_database WHERE datname = 'kodu'") ]] ||
     on_database -d postgres -c 'CREATE DATABASE kodu'
-  quietly schema on_database -d kodu "${files[@]}"
+  load_schema "${@:2}"
   password=$(od -An -v -N24 -tx1 /dev/urandom | tr -d ' \n')
   on_database -d kodu <<<"ALTER ROLE kodu PASSWORD '$password'"  # arguments would show in ps
   write_configuration "$1" "$password"

@@ -232,18 +232,6 @@ BEGIN
 END
 $$;
 
--- Former versions, whose names, arguments or results were others.
-DROP FUNCTION IF EXISTS kodu_in_run(kodu_cron_plugin), kodu_guarded(integer, text, interval),
-    kodu_plugin_of(text, text), kodu_move(kodu_cron_plugin, timestamp);
-DO $$
-BEGIN
-    IF EXISTS (SELECT FROM pg_proc WHERE oid = to_regprocedure('kodu_plugin_find(text)')
-                                     AND prorettype = 'integer'::regtype) THEN
-        DROP FUNCTION kodu_plugin_find(text);
-    END IF;
-END
-$$;
-
 -- By the clock: in a long transaction now() is a run's whole life ago.
 CREATE OR REPLACE FUNCTION kodu_runs_now(task kodu_cron_plugin) RETURNS boolean
 LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
@@ -286,7 +274,7 @@ BEGIN
 END
 $$;
 
--- Says what a CHECK of the tables has refused, in an administrator's words.
+-- Says what a CHECK or an index of the tables has refused, in an administrator's words.
 CREATE OR REPLACE FUNCTION kodu_refuse(broken text) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -297,9 +285,6 @@ DECLARE
         WHEN 'cron_interval_whole_seconds' THEN
             ARRAY['the interval must be whole seconds',
                   'The daemon counts no fractions of a second.']
-        WHEN 'cron_interval_without_months' THEN
-            ARRAY['the interval must not hold months or years',
-                  'They differ in length. Say every => ''30 days'', for instance.']
         WHEN 'cron_log_file_below_directory' THEN
             ARRAY['the file name must stay below the daemon''s output directory',
                   'Write no / at its beginning and no .. into it; the default is'
@@ -311,6 +296,9 @@ DECLARE
         WHEN 'cron_log_file_without_controls' THEN
             ARRAY['the file name must not hold control characters',
                   'Line feeds and tabs are such; the default is $SERVICEID_$DATE.txt.']
+        WHEN 'cron_log_file_of_one_task' THEN
+            ARRAY['another task has this output file',
+                  'Write $SERVICEID into the name; the default is $SERVICEID_$DATE.txt.']
         WHEN 'cron_retries_not_negative' THEN
             ARRAY['the number of retries must not be negative', 'Say retries => 0 for none.']
         WHEN 'cron_retries_interval_up_to_year' THEN
@@ -490,7 +478,7 @@ BEGIN
                                       cron_parameter)
         VALUES (plugin_of, every, due, due, file_name, retries, retry_after, arguments)
         RETURNING cron_id INTO id;
-    EXCEPTION WHEN check_violation THEN
+    EXCEPTION WHEN check_violation OR unique_violation THEN
         GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
         PERFORM kodu_refuse(broken);
     END;
@@ -606,7 +594,7 @@ BEGIN
             cron_retries_interval = COALESCE(retry_after, cron_retries_interval),
             cron_log_file = COALESCE(file_name, cron_log_file)
         WHERE cron_id = task;
-    EXCEPTION WHEN check_violation THEN
+    EXCEPTION WHEN check_violation OR unique_violation THEN
         GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
         PERFORM kodu_refuse(broken);
     END;
@@ -946,7 +934,7 @@ $$;
 -- loaded), changing a plugin that exists.
 GRANT USAGE ON SCHEMA public TO kodu_admin;
 GRANT SELECT ON kodu_plugins, kodu_cron_plugin, kodu_cron_error, kodu_cron_repair, kodu_cron_pause,
-                kodu_daemon_state, kodu_task_state, kodu_task_status TO kodu_admin;
+                kodu_daemon_state, kodu_task_state, kodu_task_status, kodu_schema_version TO kodu_admin;
 GRANT INSERT (plugin_name, plugin_path, plugin_type) ON kodu_plugins TO kodu_admin;
 GRANT INSERT (cron_plugin_id, cron_interval, cron_next_exec, cron_log_file, cron_retries,
               cron_retries_interval, cron_parameter, cron_wanted),

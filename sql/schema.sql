@@ -1,7 +1,8 @@
 -- The tables of koducron, the role that its daemon connects as, and the database's settings.
 --
 -- Load it as the owner of the database, who may create roles, with psql -f or any other client;
--- loading it again changes nothing. The role `kodu` has no password until whoever installs the
+-- loading it again changes nothing. A database of an earlier release is brought here by
+-- `koductl schema upgrade`, which loads this file too. The role `kodu` has no password until whoever installs the
 -- database gives it one:
 --     ALTER ROLE kodu PASSWORD '...';
 --
@@ -15,6 +16,48 @@
 BEGIN;
 SET LOCAL client_min_messages = warning;  -- nothing about what exists already
 SET LOCAL search_path = public;
+
+-- Version ----------------------------------------------------------------------------------------
+
+-- The number and the title of the latest file in sql/migrations, which changed tables that existed
+-- to what this file makes.
+SET LOCAL kodu.schema_version = '3';
+SET LOCAL kodu.schema_title = 'let changes wait for the end of a run';
+
+-- Tables of another version stay as they are below, while the rest of this file would change.
+DO $$
+DECLARE
+    newest integer := current_setting('kodu.schema_version');
+    found integer := 0;
+BEGIN
+    IF to_regclass('kodu_schema_version') IS NOT NULL THEN
+        SELECT COALESCE(max(version), 0) INTO found FROM kodu_schema_version;
+    ELSIF to_regclass('kodu_cron_plugin') IS NULL THEN
+        RETURN;
+    END IF;
+    IF found < newest THEN
+        RAISE EXCEPTION 'this database has tables of version %, this file makes version %', found,
+                        newest USING
+            ERRCODE = 'object_not_in_prerequisite_state',
+            HINT = 'Say koductl --user OWNER schema upgrade.';
+    ELSIF found > newest THEN
+        RAISE EXCEPTION 'this database has tables of version %, this file knows version %', found,
+                        newest USING
+            ERRCODE = 'object_not_in_prerequisite_state',
+            HINT = 'Load the schema.sql of the newer release.';
+    END IF;
+END
+$$;
+
+CREATE TABLE IF NOT EXISTS kodu_schema_version (
+    version    integer PRIMARY KEY,
+    title      text NOT NULL,
+    applied_at timestamp NOT NULL DEFAULT (now() AT TIME ZONE 'UTC'),
+    applied_by text NOT NULL DEFAULT session_user
+);
+INSERT INTO kodu_schema_version (version, title)
+VALUES (current_setting('kodu.schema_version')::integer, current_setting('kodu.schema_title'))
+ON CONFLICT DO NOTHING;
 
 -- Tables -----------------------------------------------------------------------------------------
 
@@ -52,7 +95,8 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
         CONSTRAINT cron_next_exec_in_integer_seconds
             CHECK (cron_next_exec BETWEEN '1970-01-01 00:00:00' AND '2038-01-19 03:14:07'),
     -- Joined to the daemon's output directory: it must stay below it, and name a file, for the run
-    -- as for the purge. 240 bytes leave room for the date in the 255 that a file name may have.
+    -- as for the purge. 240 bytes leave room for the date in the 255 that a file name may have. The
+    -- triggers below refuse the rest of what would end the daemon.
     cron_log_file text NOT NULL
         CONSTRAINT cron_log_file_below_directory
             CHECK (NOT starts_with(cron_log_file, '/') AND strpos(cron_log_file, '..') = 0)
@@ -69,6 +113,8 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
             CHECK (cron_retries_interval BETWEEN INTERVAL '0' AND INTERVAL '366 days'),
     cron_parameter text,
     cron_delete    boolean NOT NULL DEFAULT FALSE,
+    -- TRUE only in rows that are older than the index on output files, see below.
+    cron_shares_output boolean NOT NULL DEFAULT FALSE,
     -- The next two belong to sql/functions.sql; the daemon does not know them.
     cron_wanted timestamp
         CONSTRAINT cron_wanted_in_integer_seconds
@@ -76,21 +122,6 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
                    OR cron_wanted = 'infinity'),
     cron_changed boolean NOT NULL DEFAULT FALSE
 ) WITH (fillfactor = 70);
-
--- A table that was made before these two columns. Asked first: ALTER TABLE locks out the daemon for
--- a moment even when it has nothing to do.
-DO $$
-BEGIN
-    IF NOT EXISTS (SELECT FROM pg_attribute WHERE attrelid = 'kodu_cron_plugin'::regclass
-                                              AND attname = 'cron_wanted') THEN
-        ALTER TABLE kodu_cron_plugin
-            ADD cron_wanted timestamp CONSTRAINT cron_wanted_in_integer_seconds
-                CHECK (cron_wanted BETWEEN '1970-01-01 00:00:00' AND '2038-01-19 03:14:07'
-                       OR cron_wanted = 'infinity'),
-            ADD cron_changed boolean NOT NULL DEFAULT FALSE;
-    END IF;
-END
-$$;
 
 -- cron_id refers to a task without a foreign key. The daemon deletes a task's history and then its
 -- row while a worker may still run that task: a failure recorded in between would make the second
@@ -143,26 +174,152 @@ CREATE INDEX IF NOT EXISTS kodu_plugins_of_path_and_name
 CREATE INDEX IF NOT EXISTS kodu_plugins_guards ON kodu_plugins (plugin_id)
     WHERE plugin_path LIKE '%/koduguard';
 
--- Intervals --------------------------------------------------------------------------------------
+-- One output file, one task: a purge removes the file of its task, and ends the daemon when a run of
+-- another task has just written it and failed. The key is the file's name with $DATE and $SERVICEID
+-- replaced as the daemon replaces them, and no function of ours: the daemon's role needs no right.
+CREATE UNIQUE INDEX IF NOT EXISTS cron_log_file_of_one_task ON kodu_cron_plugin (
+    (regexp_replace(regexp_replace(cron_log_file, '\$DATE', 'last'), '\$SERVICEID', cron_id::text)))
+    WHERE NOT cron_shares_output;
 
--- The daemon counts a month as 30 days, while a month that is added to cron_next_exec is one of the
--- calendar: its times and the table's would drift apart. A trigger, not a CHECK: the server tests each
--- CHECK again at the daemon's own updates, and an old row that breaks it would end the daemon. AFTER:
--- a BEFORE trigger of any column has the server lock each row that the daemon updates once more.
-CREATE OR REPLACE FUNCTION kodu_refuse_months() RETURNS trigger
+-- Rows that would end the daemon -----------------------------------------------------------------
+
+-- Refused by triggers, not by CHECKs: the server would test a CHECK again at each of the daemon's own
+-- updates, and an old row that breaks it would end the daemon right there. A trigger looks at what a
+-- writer writes. Its condition is all that a good row costs. They are AFTER triggers, so the CHECKs
+-- above speak first.
+
+-- Arguments: the columns that the condition is about, what is wrong (%s is the file name), a hint.
+CREATE OR REPLACE FUNCTION kodu_refuse_row() RETURNS trigger
 LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
+DECLARE
+    subject text[] := string_to_array(TG_ARGV[0], ' ');
+    new_row jsonb := to_jsonb(NEW);
 BEGIN
-    RAISE EXCEPTION 'the interval must not hold months or years' USING
-        ERRCODE = 'check_violation',
-        CONSTRAINT = 'cron_interval_without_months',
-        HINT = 'They differ in length. Say 30 days, for instance.';
+    -- An old row that is written back as it was, or changed elsewhere, stays.
+    IF TG_OP = 'UPDATE'
+       AND NOT EXISTS (SELECT FROM unnest(subject) AS name
+                       WHERE to_jsonb(OLD) -> name IS DISTINCT FROM new_row -> name) THEN
+        RETURN NULL;
+    END IF;
+    RAISE EXCEPTION USING
+        ERRCODE = 'invalid_parameter_value',
+        MESSAGE = format(TG_ARGV[1], quote_literal(new_row ->> 'cron_log_file')),
+        HINT = TG_ARGV[2],
+        TABLE = TG_TABLE_NAME, COLUMN = subject[1];
 END
 $$;
 
-CREATE OR REPLACE TRIGGER kodu_interval_written
-    AFTER INSERT OR UPDATE OF cron_interval ON kodu_cron_plugin FOR EACH ROW
-    WHEN (EXTRACT(YEAR FROM NEW.cron_interval) <> 0 OR EXTRACT(MONTH FROM NEW.cron_interval) <> 0)
-    EXECUTE FUNCTION kodu_refuse_months();
+CREATE OR REPLACE TRIGGER kodu_refuse_id AFTER UPDATE OF cron_id ON kodu_cron_plugin
+    FOR EACH ROW WHEN (OLD.cron_id <> NEW.cron_id)
+    EXECUTE FUNCTION kodu_refuse_row('cron_id', 'the id of a task cannot be changed',
+        'The daemon ends at the next run of the old id. Add a task and delete the old one.');
+
+-- Copies of failed runs go into one folder a task, and no other is made.
+CREATE OR REPLACE TRIGGER kodu_refuse_folder
+    AFTER INSERT OR UPDATE OF cron_log_file ON kodu_cron_plugin
+    FOR EACH ROW WHEN (strpos(NEW.cron_log_file, '/') > 0)
+    EXECUTE FUNCTION kodu_refuse_row('cron_log_file', 'the file name %s holds a /',
+        'The daemon makes no folders, so the first failed run ends it; the default is'
+        ' $SERVICEID_$DATE.txt.');
+
+CREATE OR REPLACE TRIGGER kodu_refuse_undated
+    AFTER INSERT OR UPDATE OF cron_log_file ON kodu_cron_plugin
+    FOR EACH ROW WHEN (strpos(NEW.cron_log_file, '$DATE') = 0)
+    EXECUTE FUNCTION kodu_refuse_row('cron_log_file', 'the file name %s lacks $DATE',
+        'Without it the copies of two failed runs have one name, and the second ends the daemon;'
+        ' the default is $SERVICEID_$DATE.txt.');
+
+-- A month has no length of its own: '-120 months 3601 days' passes for a day in a CHECK, and moves the
+-- next run backwards until it leaves what the column can hold. '1 day -86399 seconds' is one second,
+-- but the server cannot multiply it by the runs that were missed in some years.
+CREATE OR REPLACE TRIGGER kodu_refuse_months
+    AFTER INSERT OR UPDATE OF cron_interval ON kodu_cron_plugin
+    FOR EACH ROW
+    WHEN (EXTRACT(YEAR FROM NEW.cron_interval) <> 0 OR EXTRACT(MONTH FROM NEW.cron_interval) <> 0
+          OR EXTRACT(DAY FROM NEW.cron_interval) < 0
+          OR EXTRACT(EPOCH FROM NEW.cron_interval) < 86400 * EXTRACT(DAY FROM NEW.cron_interval))
+    EXECUTE FUNCTION kodu_refuse_row('cron_interval',
+        'the interval holds months, years or a negative part',
+        'Months have no fixed length. Say 30 days, for instance.');
+
+-- '-71582788 months 2147483647 days' is more seconds than the daemon reads; it leaves the row out.
+CREATE OR REPLACE TRIGGER kodu_refuse_months_to_retry
+    AFTER INSERT OR UPDATE OF cron_retries_interval ON kodu_cron_plugin
+    FOR EACH ROW
+    WHEN (EXTRACT(YEAR FROM NEW.cron_retries_interval) <> 0
+          OR EXTRACT(MONTH FROM NEW.cron_retries_interval) <> 0)
+    EXECUTE FUNCTION kodu_refuse_row('cron_retries_interval',
+        'the time to a retry holds months or years',
+        'They have no fixed length. Say 30 days, for instance.');
+
+-- Two failed runs within one second have one archive name, and the second ends the daemon. A retry
+-- begins within a second once it is due; with less than two seconds a plugin that took half a second
+-- and then took less is enough.
+CREATE OR REPLACE TRIGGER kodu_refuse_hasty_retry
+    AFTER INSERT OR UPDATE OF cron_retries, cron_retries_interval ON kodu_cron_plugin
+    FOR EACH ROW
+    WHEN (COALESCE(NEW.cron_retries, 1) > 0
+          AND EXTRACT(EPOCH FROM NEW.cron_retries_interval) < 2)
+    EXECUTE FUNCTION kodu_refuse_row('cron_retries_interval cron_retries',
+        'the time to a retry must be 2 seconds or more',
+        'Two failures within one second have one archive name, which ends the daemon. Choose a time'
+        ' longer than a run takes, or 0 retries.');
+
+-- The end of a run adds an interval of up to a year to the time in the row, and a run that was
+-- loaded twice adds it twice. The sum must be a time that the column can hold.
+CREATE OR REPLACE FUNCTION kodu_refuse_next_run() RETURNS trigger
+LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
+BEGIN
+    -- What the daemon writes at the end of a run, and what it writes to catch up.
+    IF TG_OP = 'UPDATE'
+       AND (NEW.cron_next_exec IS NOT DISTINCT FROM OLD.cron_next_exec
+            OR NEW.cron_last_exec = OLD.cron_next_exec
+               AND NEW.cron_next_exec = OLD.cron_next_exec + OLD.cron_interval
+            OR NEW.cron_next_exec <= clock_timestamp() AT TIME ZONE 'UTC'
+                                     + greatest(OLD.cron_interval, interval '1 hour')) THEN
+        RETURN NULL;
+    END IF;
+    RAISE EXCEPTION 'the next run must be due before 2036' USING
+        ERRCODE = 'invalid_parameter_value',
+        HINT = 'The daemon counts seconds up to January 2038, and ends beyond.',
+        TABLE = TG_TABLE_NAME, COLUMN = 'cron_next_exec';
+END
+$$;
+
+CREATE OR REPLACE TRIGGER kodu_refuse_next_run
+    AFTER INSERT OR UPDATE OF cron_next_exec ON kodu_cron_plugin
+    FOR EACH ROW WHEN (NEW.cron_next_exec > timestamp '2036-01-01 00:00:00')
+    EXECUTE FUNCTION kodu_refuse_next_run();
+
+-- The daemon has several copies of a task's texts in memory while it loads it.
+CREATE OR REPLACE TRIGGER kodu_refuse_long_parameter
+    AFTER INSERT OR UPDATE OF cron_parameter ON kodu_cron_plugin
+    FOR EACH ROW WHEN (octet_length(NEW.cron_parameter) > 1000000)
+    EXECUTE FUNCTION kodu_refuse_row('cron_parameter',
+        'the parameters are longer than 1,000,000 bytes',
+        'Put them into a file, and give the plugin its name.');
+
+CREATE OR REPLACE TRIGGER kodu_refuse_long_plugin
+    AFTER INSERT OR UPDATE OF plugin_name, plugin_path ON kodu_plugins
+    FOR EACH ROW
+    WHEN (octet_length(NEW.plugin_name) > 1000 OR octet_length(NEW.plugin_path) > 4095)
+    EXECUTE FUNCTION kodu_refuse_row('plugin_path plugin_name',
+        'the plugin has a name longer than 1,000 bytes or a path longer than 4,095',
+        'The system runs no program with a longer path.');
+
+-- The file of a task that gets a new name belongs to it alone.
+CREATE OR REPLACE FUNCTION kodu_end_sharing() RETURNS trigger
+LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
+BEGIN
+    NEW.cron_shares_output := FALSE;
+    RETURN NEW;
+END
+$$;
+
+CREATE OR REPLACE TRIGGER kodu_end_sharing
+    BEFORE UPDATE OF cron_log_file ON kodu_cron_plugin
+    FOR EACH ROW WHEN (OLD.cron_shares_output AND OLD.cron_log_file <> NEW.cron_log_file)
+    EXECUTE FUNCTION kodu_end_sharing();
 
 -- What the tasks do ------------------------------------------------------------------------------
 
@@ -299,14 +456,17 @@ COMMENT ON COLUMN kodu_cron_plugin.cron_last_exec IS
 COMMENT ON COLUMN kodu_cron_plugin.cron_next_exec IS
     'UTC; set the first time, then the daemon moves it by whole intervals';
 COMMENT ON COLUMN kodu_cron_plugin.cron_log_file IS
-    'Output file below the daemon''s output directory; $DATE and $SERVICEID are replaced. Without '
-    '$DATE the copies of two failed runs have one name, and the second ends the daemon';
+    'Output file in the daemon''s output directory, of this task alone; $DATE, which it must hold, '
+    'and $SERVICEID are replaced';
 COMMENT ON COLUMN kodu_cron_plugin.cron_retries IS 'NULL: one';
 COMMENT ON COLUMN kodu_cron_plugin.cron_retries_interval IS 'NULL: 120 seconds';
 COMMENT ON COLUMN kodu_cron_plugin.cron_parameter IS
     'Arguments, separated by spaces, quoted with " or ''; no shell reads them';
 COMMENT ON COLUMN kodu_cron_plugin.cron_delete IS
     'TRUE: the daemon removes the task, its files and its history within two minutes';
+COMMENT ON COLUMN kodu_cron_plugin.cron_shares_output IS
+    'TRUE: the task was there, with another task''s output file, before that was refused';
+COMMENT ON TABLE kodu_schema_version IS 'The migrations that made these tables; times are UTC';
 COMMENT ON COLUMN kodu_cron_plugin.cron_wanted IS
     'Written by the functions, until that run begins: the next time that they have set; infinity: the '
     'end of the run in progress sets cron_delete';
@@ -353,6 +513,7 @@ GRANT SELECT, UPDATE (cron_status, cron_last_exec, cron_next_exec), DELETE ON ko
 GRANT SELECT, INSERT, DELETE ON kodu_cron_error TO kodu;
 GRANT SELECT, INSERT ON kodu_cron_repair TO kodu;
 GRANT SELECT ON kodu_daemon_state, kodu_task_state TO kodu;  -- of the tools, which connect as it too
+GRANT SELECT ON kodu_schema_version TO kodu;
 GRANT USAGE ON SEQUENCE kodu_cron_error_cron_error_id_seq TO kodu;
 
 DO $$

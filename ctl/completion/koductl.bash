@@ -13,7 +13,7 @@ _koductl() {
   local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} i command=''
   local common='-f --config --user --lock-timeout --statement-timeout --json --help'
   local commands='status show explain history output rerun check add set pause resume run delete
-    forecast stagger prune'
+    forecast stagger prune schema'
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; i++)); do
     [[ ${COMP_WORDS[i]} != -- ]] || return 0  # the rest is the plugin's
@@ -34,7 +34,7 @@ _koductl() {
       return
       ;;
     --user | --lock-timeout | --statement-timeout | --name | --every | --retries | --retry-after | --file | --first | --next | --timeout | \
-      --reason | --older-than | --longest | --run-seconds | --took | -n | --count) return ;;
+      --reason | --older-than | --longest | --run-seconds | --took | -n | --count | --wait | --connect) return ;;
   esac
   local definition='--name --every --retries --retry-after --file'
   local words=$common
@@ -51,6 +51,7 @@ _koductl() {
     forecast) words+=' --run-seconds --took' ;;
     stagger) words+=' --apply --longest' ;;
     prune) words+=' --older-than' ;;
+    schema) words+=' upgrade --dry-run --wait --connect' ;;
   esac
   case $command in
     show | explain | history | output | rerun | set | pause | resume | run | delete)

@@ -98,6 +98,7 @@ TEST_F(CheckTest, FindsPluginsThatCannotBeRun) {
 }
 
 TEST_F(CheckTest, FindsFileNamesThatEndTheDaemon) {
+  database.takeAnyRow();
   TaskRow noDate = guardedTask(1);
   noDate.logFile = "fixed.txt";
   database.insertTask(noDate);
@@ -112,9 +113,37 @@ TEST_F(CheckTest, FindsFileNamesThatEndTheDaemon) {
   EXPECT_THAT(found, HasSubstr("task 2: output file cannot be written: directory " +
                                daemon.outputDirectory() + "/nowhere: No such file"));
   EXPECT_THAT(found, HasSubstr("task 3: writes the same output file as task 1"));
+  EXPECT_THAT(found, HasSubstr("task 2: the file name holds a /, and no such folder is made"));
+}
+
+TEST_F(CheckTest, NamesOldRowsThatAreRefusedToday) {
+  database.takeAnyRow();
+  TaskRow folder = guardedTask(1);
+  folder.logFile = "./archive";
+  database.insertTask(folder);
+  TaskRow months = guardedTask(2);
+  months.interval = "-12 months 365 days";
+  database.insertTask(months);
+  TaskRow hasty = guardedTask(3);
+  hasty.retries = "1";
+  hasty.retriesInterval = "interval '1 second'";
+  database.insertTask(hasty);
+  TaskRow late = guardedTask(4);
+  late.nextExec = "'2037-06-01'";
+  database.insertTask(late);
+  TaskRow fine = guardedTask(5);
+  fine.retriesInterval = "interval '0'";
+  database.insertTask(fine);
+  const std::string found = check(2);
+  EXPECT_THAT(found, HasSubstr("task 1: the file name holds a /, and no such folder is made"));
+  EXPECT_THAT(found, HasSubstr("task 2: the interval holds months, years or a negative part"));
+  EXPECT_THAT(found, HasSubstr("task 3: its retry may fail within a second of the failure"));
+  EXPECT_THAT(found, HasSubstr("task 4: the next run is due after 2036"));
+  EXPECT_THAT(found, testing::Not(HasSubstr("task 5:")));
 }
 
 TEST_F(CheckTest, FindsRowsThatTheDaemonWouldRefuse) {
+  database.takeAnyRow();
   for (const char* constraint :
        {"cron_interval_from_second_to_year", "cron_log_file_names_a_file"}) {
     database.query(std::string("ALTER TABLE kodu_cron_plugin DROP CONSTRAINT ") + constraint);
@@ -132,13 +161,6 @@ TEST_F(CheckTest, FindsRowsThatTheDaemonWouldRefuse) {
   EXPECT_THAT(found, HasSubstr("task 2: refused by the daemon: cron_next_exec"));
   EXPECT_THAT(found, HasSubstr("task 3: cron_log_file is empty"));
   EXPECT_THAT(found, HasSubstr("task 4: plugin_type is 'other'"));
-}
-
-TEST_F(CheckTest, WarnsOfMonthsInAnInterval) {
-  database.insertTask(guardedTask(1));
-  database.query("ALTER TABLE kodu_cron_plugin DISABLE TRIGGER kodu_interval_written");
-  database.query("UPDATE kodu_cron_plugin SET cron_interval = '1 month'");
-  EXPECT_THAT(check(1), HasSubstr("task 1: months in the interval: the table adds a month of the"));
 }
 
 TEST_F(CheckTest, WarnsOfAQuoteThatIsNotClosed) {

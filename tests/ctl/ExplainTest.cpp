@@ -166,6 +166,7 @@ TEST_F(ExplainTest, SaysWhyPluginOrOutputCannotBeUsed) {
   TaskRow row = quietTask(1);
   chmod(row.path.c_str(), 0644);
   row.logFile = "missing/x.txt";
+  database.takeAnyRow();
   database.insertTask(row);
   const std::string text = explain(1);
   EXPECT_THAT(text, HasSubstr("cannot run " + row.path + ": Permission denied."));

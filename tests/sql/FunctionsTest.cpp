@@ -99,7 +99,7 @@ TEST_F(FunctionsTest, TellsOfEachInsertedTask) {
   database.insertTask(TaskRow());
   database.query(
       "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_log_file) "
-      "SELECT id, 1, '60 s', 'a' FROM generate_series(5, 6) id");
+      "SELECT id, 1, '60 s', id || '$DATE' FROM generate_series(5, 6) id");
 
   EXPECT_THAT(heard(), ElementsAre(payload("ADD", 1), payload("ADD", 5), payload("ADD", 6)));
 }
@@ -109,8 +109,8 @@ TEST_F(FunctionsTest, TellsOfEachColumnOfTheDefinition) {
   insertTask(7);
 
   for (const std::string assignment :
-       {"cron_plugin_id = 2", "cron_interval = '7 s'", "cron_log_file = 'b'", "cron_retries = NULL",
-        "cron_retries_interval = NULL", "cron_parameter = 'p'"}) {
+       {"cron_plugin_id = 2", "cron_interval = '7 s'", "cron_log_file = '$DATE'",
+        "cron_retries = NULL", "cron_retries_interval = NULL", "cron_parameter = 'p'"}) {
     set(7, assignment);
     EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7))) << assignment;
     set(7, assignment);
@@ -316,8 +316,8 @@ TEST_F(FunctionsTest, SaysWhatIsWrongWithANewTask) {
                      "Say every => '5 minutes'");
   }
   for (const std::string every : {"'1 month'", "'1 year'", "'1 month -1 day'"}) {
-    expectAddRefused("'/a', " + every, "the interval must not hold months or years",
-                     "They differ in length. Say every => '30 days'");
+    expectAddRefused("'/a', " + every, "the interval holds months, years or a negative part",
+                     "Months have no fixed length. Say 30 days");
   }
   expectAddRefused("'/a', '1.5 s'", "the interval must be whole seconds", "The daemon counts no");
   expectAddRefused("'/a', '0', first_run => '2020-01-01'", "the interval must lie", "Say every");
@@ -787,8 +787,9 @@ class StaggerTest : public FunctionsTest {
         "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_next_exec, "
         "cron_log_file) SELECT id, 1, '" +
         interval +
-        "', date_trunc('second', now()) + interval '1 minute', 'a' FROM generate_series(" + ids +
-        ") id");
+        "', date_trunc('second', now()) + interval '1 minute', id || '$DATE' FROM "
+        "generate_series(" +
+        ids + ") id");
   }
   /// How far each next time is from the one before.
   std::string distances() const {
@@ -910,10 +911,10 @@ TEST_F(FunctionsTest, ForecastsTheRunsOfEachMinute) {
   database.query(
       "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_next_exec, "
       "cron_log_file) SELECT id, 1, '20 s', date_trunc('minute', now()) + interval '1 minute' + "
-      "interval '10 s' * (id / 4), 'a' FROM generate_series(1, 4) id");
+      "interval '10 s' * (id / 4), id || '$DATE' FROM generate_series(1, 4) id");
   database.query(
       "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_log_file) "
-      "SELECT id, 1, '1 s', 'a' FROM generate_series(5, 6) id");
+      "SELECT id, 1, '1 s', id || '$DATE' FROM generate_series(5, 6) id");
   call("kodu_task_pause(5)");
   call("kodu_task_delete(6)");
   // Three at 0, 20 and 40 seconds, one at 10, 30 and 50.
@@ -1002,7 +1003,7 @@ TEST_F(FunctionsTest, LetsAnAdministratorCallEveryFunction) {
     EXPECT_EQ(refusalOf("SELECT " + function), "");
   }
   EXPECT_EQ(refusalOf("INSERT INTO kodu_cron_plugin(cron_plugin_id, cron_interval, cron_log_file) "
-                      "SELECT min(plugin_id), '60 s', 'a' FROM kodu_plugins"),
+                      "SELECT min(plugin_id), '60 s', '$DATE' FROM kodu_plugins"),
             "");
   EXPECT_EQ(refusalOf("UPDATE kodu_cron_plugin SET cron_parameter = 'x'"), "");
 }
@@ -1034,14 +1035,16 @@ TEST_F(FunctionsTest, RefusesAnAdministratorAllElse) {
 TEST_F(FunctionsTest, GivesTheDaemonNoFunctionAndNoTable) {
   EXPECT_EQ(database.query("SELECT proname FROM pg_proc WHERE proname LIKE 'kodu\\_%' "
                            "AND has_function_privilege('kodu', oid, 'EXECUTE') ORDER BY 1"),
-            (Rows{{"kodu_follow_run"},
+            (Rows{{"kodu_end_sharing"},
+                  {"kodu_follow_run"},
                   {"kodu_is_paused"},
                   {"kodu_is_running"},
                   {"kodu_keep_wanted"},
                   {"kodu_notify_of_plugin"},
                   {"kodu_notify_of_task"},
                   {"kodu_pause_time"},
-                  {"kodu_refuse_months"},
+                  {"kodu_refuse_next_run"},
+                  {"kodu_refuse_row"},
                   {"kodu_remember_change"},
                   {"kodu_spare_run"}}))
       << "triggers, and what the views call";

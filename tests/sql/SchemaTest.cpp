@@ -1,4 +1,5 @@
 #include <stdexcept>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -95,6 +96,7 @@ TEST_F(SchemaTest, HasTheColumnsThatTheStatementsName) {
                                                {"cron_retries_interval", "interval"},
                                                {"cron_parameter", "text"},
                                                {"cron_delete", "boolean"},
+                                               {"cron_shares_output", "boolean"},
                                                {"cron_wanted", "timestamp without time zone"},
                                                {"cron_changed", "boolean"}}));
   EXPECT_EQ(columns("kodu_plugins"), (Rows{{"plugin_id", "integer"},
@@ -121,7 +123,8 @@ TEST_F(SchemaTest, HasAKeyForEachTable) {
             {"kodu_cron_plugin", "FOREIGN KEY (cron_plugin_id) REFERENCES kodu_plugins(plugin_id)"},
             {"kodu_cron_plugin", "PRIMARY KEY (cron_id)"},
             {"kodu_cron_repair", "PRIMARY KEY (repair_id)"},
-            {"kodu_plugins", "PRIMARY KEY (plugin_id)"}}));
+            {"kodu_plugins", "PRIMARY KEY (plugin_id)"},
+            {"kodu_schema_version", "PRIMARY KEY (version)"}}));
 }
 
 // A new CHECK belongs into this list and into a test that sees it refuse a row.
@@ -156,7 +159,7 @@ TEST_F(SchemaTest, CanBeLoadedAgain) {
 TEST_F(SchemaTest, CanBeLoadedByTheDatabasesOwner) {
   const std::string owner = "owner_of_" + database.name();
   database.query(
-      "DROP SCHEMA public CASCADE; CREATE SCHEMA public; "
+      "DROP SCHEMA public CASCADE; CREATE SCHEMA public; GRANT USAGE ON SCHEMA public TO kodu;"
       "ALTER SCHEMA public OWNER TO pg_database_owner");
   database.query("CREATE ROLE " + owner + " CREATEROLE");
   database.query("ALTER DATABASE " + database.name() + " OWNER TO " + owner);
@@ -189,7 +192,7 @@ TEST_F(SchemaTest, RefusesFileNamesOutsideTheOutputDirectory) {
 
   expectRefused("cron_log_file", "cron_log_file_below_directory",
                 {"'/etc/passwd'", "'/a'", "'../x'", "'a/../b'", "'a..b'", "'a/..b'"});
-  expectTaken("cron_log_file", {"'a/b.txt'", "'a.b.c'", "'./a'"});
+  expectTaken("cron_log_file", {"'a.b.c$DATE'", "'.$DATE'"});
 }
 
 TEST_F(SchemaTest, RefusesFileNamesThatNameNoFile) {
@@ -199,8 +202,9 @@ TEST_F(SchemaTest, RefusesFileNamesThatNameNoFile) {
                 {"''", "'.'", "'directory/'", "'directory/.'", "'archive'", "repeat('x', 241)",
                  "repeat('é', 121)"});
   EXPECT_THAT(refusalOfChange("cron_log_file = NULL"), HasSubstr("not-null"));
-  expectTaken("cron_log_file", {"'a'", "'.hidden'", "'archive.txt'", "'out_$SERVICEID_$DATE.txt'",
-                                "'é ß'", "repeat('x', 240)", "repeat('é', 120)"});
+  expectTaken("cron_log_file",
+              {"'$DATE'", "'.hidden$DATE'", "'archive.$DATE'", "'out_$SERVICEID_$DATE.txt'",
+               "'é ß$DATE'", "repeat('x', 235) || '$DATE'", "repeat('é', 117) || '$DATE'"});
 }
 
 TEST_F(SchemaTest, RefusesFileNamesWithControlCharacters) {
@@ -209,7 +213,7 @@ TEST_F(SchemaTest, RefusesFileNamesWithControlCharacters) {
   expectRefused("cron_log_file", "cron_log_file_without_controls",
                 {"E'a\\nb'", "E'a\\tb'", "E'a\\x01b'", "E'a\\x1fb'", "E'a\\x7fb'", "E'a\\u0080b'",
                  "E'a\\u009fb'", "E'a\\n'", "E'\\na'"});
-  expectTaken("cron_log_file", {"'a b'", "'a~b'", "E'a\\u00a0b'"});
+  expectTaken("cron_log_file", {"'a b$DATE'", "'a~b$DATE'", "E'a\\u00a0b$DATE'"});
 }
 
 TEST_F(SchemaTest, RefusesNegativeRetries) {
@@ -219,7 +223,9 @@ TEST_F(SchemaTest, RefusesNegativeRetries) {
   expectRefused("cron_retries_interval", "cron_retries_interval_up_to_year",
                 {"'-1 s'", "'-0.000001 s'", "'366 days 1 s'"});
   expectTaken("cron_retries", {"0", "1", "NULL"});
-  expectTaken("cron_retries_interval", {"'0'", "'1 s'", "'366 days'", "NULL"});
+  expectTaken("cron_retries_interval", {"'2 s'", "'366 days'", "NULL"});
+  database.query("UPDATE kodu_cron_plugin SET cron_retries = 0");
+  expectTaken("cron_retries_interval", {"'0'", "'1 s'"});
 }
 
 TEST_F(SchemaTest, RefusesTimesBeyondWholeSecondsInAnInteger) {
@@ -229,13 +235,16 @@ TEST_F(SchemaTest, RefusesTimesBeyondWholeSecondsInAnInteger) {
                 {"'2038-01-19 03:14:07.000001'", "'2038-01-19 03:14:08'", "'infinity'",
                  "'-infinity'", "'1969-12-31 23:59:59'"});
   EXPECT_THAT(refusalOfChange("cron_next_exec = NULL"), HasSubstr("not-null"));
-  expectTaken("cron_next_exec", {"'2038-01-19 03:14:07'", "'1970-01-01 00:00:00'"});
+  expectTaken("cron_next_exec", {"'2036-01-01 00:00:00'", "'1970-01-01 00:00:00'"});
+  database.takeAnyRow();
+  expectTaken("cron_next_exec", {"'2038-01-19 03:14:07'"});
 }
 
 TEST_F(SchemaTest, RefusesNegativeIds) {
   database.insertTask(TaskRow());
 
   expectRefused("cron_id", "cron_id_not_negative", {"-1"});
+  database.takeAnyRow();
   expectTaken("cron_id", {"0", "2147483647"});
 }
 
@@ -249,13 +258,159 @@ TEST_F(SchemaTest, RefusesATaskWithoutItsPlugin) {
   EXPECT_THAT(refusalOf("DELETE FROM kodu_plugins"), HasSubstr("violates foreign key constraint"));
 }
 
+TEST_F(SchemaTest, RefusesFileNamesThatEndTheDaemon) {
+  database.insertTask(TaskRow());
+  for (const std::string name : {"./archive", "archive/61", "x/y", "sub/o_$DATE.txt", "./$DATE"}) {
+    EXPECT_THAT(refusalOfChange("cron_log_file = '" + name + "'"),
+                AllOf(HasSubstr("ERROR:  the file name '" + name + "' holds a /\n"),
+                      HasSubstr("HINT:  The daemon makes no folders")));
+  }
+  EXPECT_THAT(refusalOfChange("cron_log_file = 'x_$date'"),
+              HasSubstr("the file name 'x_$date' lacks $DATE"));
+  TaskRow second;
+  second.id = 2;
+  second.logFile = "a/$DATE";
+  EXPECT_ANY_THROW(database.insertTask(second));
+}
+
+TEST_F(SchemaTest, RefusesASecondTaskWithTheSameOutputFile) {
+  TaskRow row;
+  row.logFile = "a_$SERVICEID_$DATE";
+  database.insertTask(row);
+  const auto refusalOfTask = [&](int id, const std::string& name) {
+    return refusalOf(
+        "INSERT INTO kodu_cron_plugin (cron_id, cron_plugin_id, cron_interval, "
+        "cron_log_file) VALUES (" +
+        std::to_string(id) + ", 1, '60 s', '" + name + "')");
+  };
+  EXPECT_THAT(refusalOfTask(2, "a_1_$DATE"), HasSubstr("\"cron_log_file_of_one_task\""));
+  EXPECT_EQ(refusalOfTask(2, "$DATE_$DATE"), "");
+  EXPECT_THAT(refusalOfTask(4, "$DATE_$DATE"), HasSubstr("(last_$DATE) already exists"));
+  EXPECT_EQ(refusalOfTask(12, "b$SERVICEID$DATE"), "");
+  EXPECT_THAT(refusalOfTask(2147, "b12$DATE"), HasSubstr("(b12last) already exists"));
+  EXPECT_EQ(refusalOfTask(5, "a_$SERVICEID_$DATE"), "");
+}
+
+// Two sessions at once: the second waits for the first, and learns what became of it.
+TEST_F(SchemaTest, RefusesTheSameOutputFileInTwoSessionsAtOnce) {
+  database.insertTask(TaskRow());
+  pgSafeThread other(database.adminConninfo());
+  const std::string insert =
+      "INSERT INTO kodu_cron_plugin (cron_id, cron_plugin_id, cron_interval, cron_log_file) "
+      "SELECT max(cron_id) + 1 + random() * 1000000, 1, '60 s', '$DATE' FROM kodu_cron_plugin";
+  PQclear(other.executeRequest("BEGIN"));
+  PQclear(other.executeRequest(insert));
+  std::string refusal;
+  std::thread second([&] { refusal = refusalOf(insert); });
+  EXPECT_TRUE(waitUntil([&] {
+    const ResultPtr waiting(
+        other.executeRequest("SELECT 1 FROM pg_stat_activity WHERE datname ="
+                             " current_database() AND wait_event_type = 'Lock'"));
+    return PQntuples(waiting.get()) > 0;
+  }));
+  PQclear(other.executeRequest("COMMIT"));
+  second.join();
+  EXPECT_THAT(refusal, HasSubstr("\"cron_log_file_of_one_task\""));
+}
+
+TEST_F(SchemaTest, RefusesIntervalsWithMonths) {
+  database.insertTask(TaskRow());
+  for (const std::string interval :
+       {"1 month", "1 year", "-12 months 365 days", "-120 months 3601 days"}) {
+    EXPECT_THAT(refusalOfChange("cron_interval = '" + interval + "'"),
+                HasSubstr("the interval holds months, years or a negative part"));
+    EXPECT_THAT(refusalOfChange("cron_retries_interval = '" + interval + "'"),
+                HasSubstr("the time to a retry holds months or years"));
+  }
+}
+
+TEST_F(SchemaTest, RefusesIntervalsWithANegativePart) {
+  database.insertTask(TaskRow());
+  for (const std::string interval : {"1 day -86399 s", "-365 days 8761 hours", "2 days -1 s"}) {
+    EXPECT_THAT(refusalOfChange("cron_interval = '" + interval + "'"),
+                HasSubstr("the interval holds months, years or a negative part"));
+  }
+  for (const std::string interval : {"1 day", "1 day 1 s", "48 hours", "366 days", "2 days"}) {
+    EXPECT_EQ(refusalOfChange("cron_interval = '" + interval + "'"), "");
+  }
+}
+
+TEST_F(SchemaTest, RefusesRetriesWithinTheSecondOfTheFailure) {
+  TaskRow row;
+  row.retries = "1";
+  database.insertTask(row);
+  for (const std::string interval : {"0", "1 s", "1.9 s"}) {
+    EXPECT_THAT(refusalOfChange("cron_retries_interval = '" + interval + "'"),
+                HasSubstr("the time to a retry must be 2 seconds or more"));
+  }
+  EXPECT_EQ(refusalOfChange("cron_retries = 0, cron_retries_interval = '0'"), "");
+  EXPECT_THAT(refusalOfChange("cron_retries = NULL"), HasSubstr("2 seconds or more"));
+}
+
+TEST_F(SchemaTest, RefusesNextRunsAfterWhichTheDaemonCannotCount) {
+  database.insertTask(TaskRow());
+  EXPECT_THAT(refusalOfChange("cron_next_exec = '2036-01-01 00:00:01'"),
+              HasSubstr("the next run must be due before 2036"));
+  EXPECT_THAT(refusalOf("INSERT INTO kodu_cron_plugin (cron_id, cron_plugin_id, cron_interval, "
+                        "cron_next_exec, cron_log_file) "
+                        "VALUES (2, 1, '1 s', '2037-01-01', '$DATE')"),
+              HasSubstr("the next run must be due before 2036"));
+  // A pause, during which a run of a task with the longest interval ends, twice.
+  EXPECT_EQ(refusalOfChange("cron_next_exec = '2036-01-01', cron_interval = '366 days'"), "");
+  pgSafeThread daemon(database.conninfo());
+  prepareNamedStatements(daemon);
+  EXPECT_NO_THROW(PQclear(daemon.executePrepareRequest("UpdateCronState", {"1", "OK"})));
+  EXPECT_NO_THROW(PQclear(daemon.executePrepareRequest("UpdateCronState", {"1", "OK"})));
+}
+
+TEST_F(SchemaTest, RefusesTextsThatNoProgramTakes) {
+  database.insertTask(TaskRow());
+  EXPECT_THAT(refusalOfChange("cron_parameter = repeat('x', 1000001)"),
+              HasSubstr("the parameters are longer than 1,000,000 bytes"));
+  EXPECT_THAT(refusalOf("UPDATE kodu_plugins SET plugin_name = repeat('x', 1001)"),
+              HasSubstr("the plugin has a name longer than"));
+  EXPECT_THAT(refusalOf("UPDATE kodu_plugins SET plugin_path = repeat('x', 4096)"),
+              HasSubstr("the plugin has a name longer than"));
+  EXPECT_EQ(refusalOf("UPDATE kodu_plugins SET plugin_name = repeat('x', 1000), "
+                      "plugin_path = repeat('x', 4095)"),
+            "");
+  EXPECT_EQ(refusalOfChange("cron_parameter = repeat('x', 1000000)"), "");
+}
+
+TEST_F(SchemaTest, RefusesAnotherIdForATask) {
+  database.insertTask(TaskRow());
+  EXPECT_THAT(refusalOfChange("cron_id = 2"), HasSubstr("the id of a task cannot be changed"));
+  EXPECT_EQ(refusalOfChange("cron_id = 1"), "");
+}
+
+// An upgraded database may hold such rows.
+TEST_F(SchemaTest, LetsARowThatIsRefusedTodayBeUpdatedElsewhere) {
+  database.query("ALTER TABLE kodu_cron_plugin DISABLE TRIGGER USER");
+  TaskRow row;
+  row.logFile = "./archive";
+  row.interval = "1 month";
+  row.retries = "1";
+  row.retriesInterval = "interval '0'";
+  row.nextExec = "'2037-01-01'";
+  database.insertTask(row);
+  database.query("ALTER TABLE kodu_cron_plugin ENABLE TRIGGER USER");
+  EXPECT_EQ(refusalOfChange("cron_log_file = cron_log_file, cron_interval = cron_interval, "
+                            "cron_retries = cron_retries, cron_next_exec = cron_next_exec, "
+                            "cron_retries_interval = '0', cron_parameter = 'x'"),
+            "");
+  pgSafeThread daemon(database.conninfo());
+  prepareNamedStatements(daemon);
+  EXPECT_NO_THROW(PQclear(daemon.executePrepareRequest("UpdateCronProcess", {"1"})));
+  EXPECT_NO_THROW(PQclear(daemon.executePrepareRequest("UpdateCronState", {"1", "OK"})));
+}
+
 // Defaults are times of UTC, whatever the writer's own zone.
 TEST_F(SchemaTest, FillsInWhatAWriterLeavesOut) {
   database.query("SET timezone = 'Asia/Tokyo'");
   database.query("INSERT INTO kodu_plugins(plugin_name, plugin_path) VALUES ('a', '/bin/true')");
   database.query(
       "INSERT INTO kodu_cron_plugin(cron_plugin_id, cron_interval, cron_log_file) "
-      "VALUES (1, '60 s', 'a')");
+      "VALUES (1, '60 s', '$DATE')");
   database.query("INSERT INTO kodu_cron_error(cron_id, cron_logfile) VALUES (1, 'a')");
 
   EXPECT_EQ(database.value("SELECT plugin_type FROM kodu_plugins"), "cron");
@@ -309,23 +464,11 @@ TEST_F(SchemaTest, HasAnIndexForEachSearch) {
               HasSubstr("using kodu_cron_error_of_time"));
 }
 
-TEST_F(SchemaTest, RefusesIntervalsWhoseLengthHangsOnTheCalendar) {
-  database.insertTask(TaskRow());
-  for (const std::string interval : {"1 month", "11 months 2 days", "1 year", "-1 month 60 days"}) {
-    EXPECT_THAT(refusalOfChange("cron_interval = '" + interval + "'"),
-                HasSubstr("the interval must not hold months or years"));
-  }
-  EXPECT_THAT(refusalOf("INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, "
-                        "cron_log_file) VALUES (2, 1, '1 month', 'a')"),
-              HasSubstr("the interval must not hold months or years"));
-  expectTaken("cron_interval", {"'30 days'", "'4 weeks'"});
-}
-
 TEST_F(SchemaTest, LetsARowOfMonthsThatIsThereAlreadyRun) {
   database.insertTask(TaskRow());
-  database.query("ALTER TABLE kodu_cron_plugin DISABLE TRIGGER kodu_interval_written");
+  database.query("ALTER TABLE kodu_cron_plugin DISABLE TRIGGER kodu_refuse_months");
   database.query("UPDATE kodu_cron_plugin SET cron_interval = '1 month'");
-  database.query("ALTER TABLE kodu_cron_plugin ENABLE TRIGGER kodu_interval_written");
+  database.query("ALTER TABLE kodu_cron_plugin ENABLE TRIGGER kodu_refuse_months");
   pgSafeThread daemon(database.conninfo());
   prepareNamedStatements(daemon);
 
@@ -554,6 +697,7 @@ TEST_F(SchemaTest, GrantsTheseRightsAndNoOther) {
             {"kodu", "kodu_cron_repair", "SELECT"},
             {"kodu", "kodu_daemon_state", "SELECT"},
             {"kodu", "kodu_plugins", "SELECT"},
+            {"kodu", "kodu_schema_version", "SELECT"},
             {"kodu", "kodu_task_state", "SELECT"}}));
   EXPECT_EQ(database.query("SELECT column_name FROM information_schema.column_privileges WHERE "
                            "grantee = 'kodu' AND privilege_type = 'UPDATE' ORDER BY 1"),

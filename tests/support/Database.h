@@ -35,7 +35,9 @@ class Database {
 
   /// The libpq connection string for the daemon's role.
   std::string conninfo() const;
-  /// The values of that connection string.
+  /// The same for the cluster's superuser.
+  std::string adminConninfo() const;
+  /// The values of conninfo().
   const std::string& host() const { return hostName; }
   int port() const { return portNumber; }
   const std::string& name() const { return databaseName; }
@@ -47,6 +49,8 @@ class Database {
   /// The first column of the first row; "" when there is none.
   std::string value(const std::string& sql) const;
 
+  /// Takes rows from here on that would end the daemon, as an older database may hold.
+  void takeAnyRow() const;
   /// Inserts a plugin and a task with the same id.
   void insertTask(const TaskRow& row) const;
   /// A column of a task's row as text; "" when the row is gone.

@@ -37,6 +37,7 @@ class CrashTest : public testing::Test {
     row.interval = std::to_string(kInterval) + " seconds";
     row.nextExec = "date_trunc('second', now())";
     row.logFile = logFile;
+    database.takeAnyRow();  // tasks that end the daemon are what this is about
     database.insertTask(row);
   }
 
@@ -130,6 +131,56 @@ TEST_F(CrashTest, EndsWhenTheRowIsDeletedDuringItsRun) {
   expectAbort("std::logic_error", "");
   EXPECT_EQ(daemon.output("out_1_last.txt"), "released\n");
   expectResumed(2);
+}
+
+/// Changes of a row that the tables refuse; here they are taken, during a run.
+class RefusedChangeTest : public CrashTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(RefusedChangeTest, WouldEndTheDaemonAtTheEndOfTheRun) {
+  const std::string released = daemon.directory / "released";
+  insertTask(1, "until [ -e " + released + " ]; do /bin/sleep 0.05; done; echo released");
+  ASSERT_TRUE(daemon.startAndWait());
+  ASSERT_TRUE(waitForStatus(1, "PROCESS"));
+
+  database.query(std::string("UPDATE kodu_cron_plugin SET ") + GetParam());
+  writeFile(released, "");
+
+  EXPECT_EQ(signalOf(daemon.waitForEnd()), SIGABRT);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Changes, RefusedChangeTest,
+    testing::Values("cron_next_exec = '2037-06-01', cron_interval = '366 days'",
+                    "cron_next_exec = '1970-02-01', cron_interval = '-120 months 3601 days'",
+                    "cron_next_exec = '1970-01-01', cron_interval = '1 day -86399 s'"));
+
+TEST_F(CrashTest, EndsAtAFailedRunWhoseFileNameHoldsAFolder) {
+  fs::create_directories(daemon.outputDirectory() + "/sub");
+  insertTask(1, "echo bad; exit 2", "sub/o_$DATE.txt");
+  ASSERT_TRUE(daemon.startAndWait());
+  EXPECT_EQ(signalOf(daemon.waitForEnd()), SIGABRT);
+}
+
+TEST_F(CrashTest, EndsAtEachStartWhereThePurgedFileIsAFolder) {
+  fs::create_directories(daemon.outputDirectory() + "/archive/61");
+  insertTask(1, "echo fine", "./archive");
+  database.query("UPDATE kodu_cron_plugin SET cron_delete = TRUE");
+  for (int start = 1; start <= 2; ++start) {
+    daemon.start();
+    EXPECT_EQ(signalOf(daemon.waitForEnd()), SIGABRT);
+  }
+}
+
+// A first failure after most of a second, then failures at once: within some tries two of them have
+// one name.
+TEST_F(CrashTest, EndsAtARetryWithinTheSecondOfTheFailure) {
+  const std::string slow = daemon.directory / "slow";
+  insertTask(1, "if [ -e " + slow + " ]; then /bin/rm " + slow + "; else /bin/touch " + slow +
+                    "; /bin/sleep 0.9; fi; echo bad; exit 2");
+  database.query("UPDATE kodu_cron_plugin SET cron_retries = 1000, cron_retries_interval = '0'");
+  ASSERT_TRUE(daemon.startAndWait());
+  EXPECT_EQ(signalOf(daemon.waitForEnd()), SIGABRT);
+  EXPECT_THAT(daemon.console(), HasSubstr("File exists"));
 }
 
 TEST_F(CrashTest, GoesOnWhenAForgottenTransactionIsEnded) {

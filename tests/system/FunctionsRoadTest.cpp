@@ -94,7 +94,7 @@ TEST_F(FunctionsRoadTest, RunsThePathThatPlainSqlChanges) {
 TEST_F(FunctionsRoadTest, HearsNothingOfItsOwnUpdates) {
   TaskRow failing = makeQuickTask(5, "echo bad; exit 2");
   failing.retries = "1";
-  failing.retriesInterval = "interval '1 second'";
+  failing.retriesInterval = "interval '2 seconds'";
   database.insertTask(makeQuickTask(4));
   database.insertTask(failing);
   ASSERT_TRUE(startAndListen());

@@ -165,7 +165,7 @@ TEST_F(NotificationTest, KeepsTheRetriesThatAnUpdatedTaskHasMade) {
   ASSERT_TRUE(startAndListen());
   ASSERT_TRUE(waitForLog("DEBUG#TH EXEC: TASK FAILED RETRIES: 1"));
 
-  database.query("UPDATE kodu_cron_plugin SET cron_retries_interval = '1 second'");
+  database.query("UPDATE kodu_cron_plugin SET cron_retries_interval = '2 seconds'");
   notify("UPDATE", 5);
 
   EXPECT_TRUE(waitForStatus(5, "FAILED"));

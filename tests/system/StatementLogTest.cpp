@@ -136,6 +136,7 @@ TEST_F(StatementLogTest, ShowsTwoStatementsForASuccess) {
 TEST_F(StatementLogTest, ShowsTheHistoryRowOfAFailure) {
   TaskRow row = makeTask(17, "echo bad; exit 2");
   row.logFile = "it's $SERVICEID";
+  database.takeAnyRow();
   database.insertTask(row);
   ASSERT_TRUE(daemon.startAndWait());
   const std::string last = execute(kUpdateCronState, "$1 = '17', $2 = 'FAILED'");

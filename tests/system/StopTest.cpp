@@ -80,7 +80,7 @@ class StopTest : public testing::Test {
     database.query(
         "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_next_exec, "
         "cron_log_file) SELECT i, 1, interval '5 minutes', date_trunc('second', now()) + interval "
-        "'1 hour', 'out_$SERVICEID.txt' FROM generate_series(1, " +
+        "'1 hour', 'out_$SERVICEID_$DATE.txt' FROM generate_series(1, " +
         std::to_string(count) + ") i");
   }
 
@@ -261,7 +261,7 @@ TEST_F(StopTest, LeavesWhatIsDueWhenAllWorkersAreBusy) {
                  writePlugin(daemon.directory / "plugin", "echo fine") + "', 'cron')");
   database.query(
       "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_next_exec, "
-      "cron_log_file) SELECT i, 1, interval '3 seconds', now(), 'out_$SERVICEID.txt' "
+      "cron_log_file) SELECT i, 1, interval '3 seconds', now(), 'out_$SERVICEID_$DATE.txt' "
       "FROM generate_series(1, 1000) i");
   startWith("4");
   ASSERT_TRUE(waitUntil([&] { return daemon.logged("DEBUG#TH EXEC: crontask exec task") >= 20; },

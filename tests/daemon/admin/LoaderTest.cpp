@@ -409,7 +409,7 @@ TEST_F(LoaderTest, NamesNothingWhenTheRetryIntervalOfARowThatFailsIsNull) {
 TEST_F(LoaderTest, StopsARowAtItsFirstFailure) {
   dropCheck("cron_retries_interval_up_to_year");
   insert(1, "now() - interval '650 seconds'");
-  database.query("UPDATE kodu_cron_plugin SET cron_retries_interval = '100 years'");
+  database.query("UPDATE kodu_cron_plugin SET cron_retries_interval = '36525 days'");
   const long before = database.nextExec(1);
 
   load_cron_task("ADD", nullptr);
@@ -426,7 +426,7 @@ TEST_F(LoaderTest, KeepsAKnownTaskWhoseNewRowFails) {
   insert(1);
   load_cron_task("ADD", nullptr);
   const auto known = loaded(1);
-  database.query("UPDATE kodu_cron_plugin SET cron_interval = '100 years'");
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '36525 days'");
 
   for (const char* mode : {"ADD", "UPDATE"}) {
     load(mode, {1});

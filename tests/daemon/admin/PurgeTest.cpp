@@ -27,6 +27,11 @@ namespace fs = std::filesystem;
 
 class DeleteTaskTest : public DatabaseGlobalsTest {
  protected:
+  void SetUp() override {
+    DatabaseGlobalsTest::SetUp();
+    database.takeAnyRow();
+  }
+
   /// A task that is loaded, with an output file, two archive copies and two history rows.
   std::shared_ptr<serviceCron> makeTaskWithFiles(int id, const std::string& filename) {
     TaskRow row;

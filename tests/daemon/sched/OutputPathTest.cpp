@@ -55,6 +55,19 @@ TEST_F(ReplaceParameterTest, LeavesAnEmptyNameEmpty) {
   EXPECT_EQ(replace(""), "");
 }
 
+TEST_F(ReplaceParameterTest, RepeatsANameInTheRepeatedHourOfAutumn) {
+  constexpr std::time_t kBefore = 1729989015;  // 27 October 2024, 00:30:15 UTC
+  constexpr const char* kZone = "CET-1CEST,M3.5.0,M10.5.0/3";
+  setZone(kZone);
+  clock.set(kBefore);
+  EXPECT_EQ(replace("$DATE"), "2024-10-27_02-30-15");
+  clock.set(kBefore + 3600);
+  EXPECT_EQ(replace("$DATE"), "2024-10-27_02-30-15");
+
+  setZone("UTC");
+  EXPECT_EQ(replace("$DATE"), "2024-10-27_01-30-15") << "UTC has no such hour";
+}
+
 TEST_F(ReplaceParameterTest, ReadsTheClockForADateOnly) {
   replace("out_$SERVICEID.txt");
   EXPECT_EQ(clock.reads(), 0);

@@ -814,6 +814,22 @@ TEST_F(WorkerCrashTest, EndsTheProcessWhenTheArchiveFileExists) {
   EXPECT_EQ(status(1), "PROCESS");
 }
 
+TEST_F(WorkerCrashTest, EndsTheProcessWhereTheRepeatedHourRepeatsAName) {
+  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+  tzset();
+  const Task task = addTask(1, "echo bad; exit 1");
+  task->SetFilename("$DATE");
+  fs::create_directories(log_directory + "/archive/1");
+  writeFile(log_directory + "/archive/1/2024-10-27_02-30-15", "an hour ago");
+  clock.set(1729992615);  // 27 October 2024, 01:30:15 UTC
+
+  EXPECT_EXIT(work({task}), KilledBySignal(SIGABRT), HasSubstr("File exists"));
+
+  EXPECT_EQ(output("archive/1/2024-10-27_02-30-15"), "an hour ago");
+  unsetenv("TZ");
+  tzset();
+}
+
 TEST_F(WorkerCrashTest, EndsTheProcessAtTheSecondFailureOfANameWithoutADate) {
   const Task task = addTask(1, "echo bad; exit 1");
   task->SetFilename("out.txt");

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <vector>
+
+// The files below sql/, as they were when koductl was built: version and tool cannot disagree.
+
+/// One of sql/migrations/NNNN-TITLE.sql.
+struct Migration {
+  int version;
+  const char* title;
+  const char* sql;
+};
+
+/// All migrations in order; the version of the first is 1.
+const std::vector<Migration>& migrations();
+
+// Without BEGIN and COMMIT.
+
+extern const char* const schemaSql;
+extern const char* const functionsSql;
+/// sql/migrations/before.sql and after.sql, run around the two above.
+extern const char* const beforeSql;
+extern const char* const afterSql;
