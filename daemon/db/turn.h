@@ -19,6 +19,7 @@ class Turn {
   }
 
   /// False when the lock cannot be had by `limit`.
+  // NOLINTNEXTLINE(readability-identifier-naming): the name that std::unique_lock calls.
   bool try_lock_until(std::chrono::steady_clock::time_point limit) {
     std::unique_lock state(mutex);
     ++hurried;

@@ -96,8 +96,8 @@ TEST_F(UtcOffsetTest, FollowsTheMachinesFileInEveryThread) {
     GTEST_SKIP() << "/etc/localtime can be replaced by an administrator only";
   }
   unsetenv("TZ");
-  for (int hours = -8; hours <= 8; ++hours) {
-    zone.set(hours);
+  for (long hours = -8; hours <= 8; ++hours) {
+    zone.set(static_cast<int>(hours));
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
       threads.emplace_back([=] {

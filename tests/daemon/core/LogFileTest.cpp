@@ -264,7 +264,7 @@ TEST_F(FullLogFileTest, WritesWholeLinesAgainAfterAFullDisk) {
   if (!mount.isMounted()) {
     GTEST_SKIP() << "file systems can be mounted by an administrator only";
   }
-  writeFile(disk + "/filler", std::string(32 * 1024, 'x'));
+  writeFile(disk + "/filler", std::string(32'768, 'x'));
   const std::string message(99, 'm');
   logFile log(0, disk + "/cron.log");
   for (int line = 0; line < 1000; ++line) {
