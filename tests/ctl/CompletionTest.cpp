@@ -3,6 +3,7 @@
 
 #include "ctl/commandLine.h"
 #include "ctl/description.h"
+#include "ctl/reference/words.h"
 #include "tests/ctl/CtlTest.h"
 
 namespace {
@@ -30,15 +31,15 @@ class CompletionTest : public CtlTest {
   }
 };
 
-TEST_F(CompletionTest, KnowsEveryCommandAndOption) {
-  const std::string bash = readFile(projectFile("ctl/completion/koductl.bash"));
-  const std::string zsh = readFile(projectFile("ctl/completion/_koductl"));
-  for (const CommandDescription& command : allCommands(describeCommandLine())) {
-    EXPECT_THAT(bash, HasSubstr(command.name));
-    EXPECT_THAT(zsh, HasSubstr(command.name));
-    for (const OptionDescription& option : command.options) {
-      EXPECT_THAT(bash, HasSubstr(option.longName)) << command.name;
-      EXPECT_THAT(zsh, HasSubstr(option.longName)) << command.name;
+TEST_F(CompletionTest, ProposesEveryCommandAndOption) {
+  const CommandDescription program = describeCommandLine();
+  for (const CommandDescription& command : allCommands(program)) {
+    EXPECT_THAT(complete("koductl " + command.name), HasSubstr(lastWord(command.name)));
+    const std::string proposed = complete("koductl --json " + command.name + " --");
+    for (const auto& options : {program.options, command.options}) {
+      for (const OptionDescription& option : options) {
+        EXPECT_THAT(proposed, HasSubstr(option.longName)) << command.name;
+      }
     }
   }
 }
@@ -51,12 +52,28 @@ TEST_F(CompletionTest, ProposesCommandsAndTheirOptions) {
   EXPECT_EQ(complete("koductl add x -- --"), "\n");
 }
 
+TEST_F(CompletionTest, ProposesPathsWhereTheHelpSaysFileOrPlugin) {
+  const std::string path = daemon.mainConfig().substr(0, daemon.mainConfig().size() - 1);
+  for (const std::string line : {"koductl -f ", "koductl status --config ", "koductl add ",
+                                 "koductl add --name x ", "koductl set 1 --plugin "}) {
+    EXPECT_EQ(complete(line + path), daemon.mainConfig() + "\n") << line;
+  }
+}
+
+TEST_F(CompletionTest, ProposesNothingForOtherValues) {
+  for (const std::string line : {"history 1 -n", "set 1 --every", "forecast --took", "--user"}) {
+    EXPECT_EQ(complete("koductl " + line + " \"\""), "\n") << line;
+  }
+}
+
 TEST_F(CompletionTest, ProposesTheIdsOfTheTasks) {
   for (const int id : {1, 12, 23}) {
     database.insertTask(quietTask(id));
   }
   EXPECT_EQ(complete(program() + " -f " + daemon.mainConfig() + " show 1"), "1 12\n");
   EXPECT_EQ(complete(program() + " --config " + daemon.mainConfig() + " show 1"), "1 12\n");
+  EXPECT_EQ(complete(program() + " set -f " + daemon.mainConfig() + " --name x 1"), "1 12\n");
+  EXPECT_EQ(complete(program() + " -f " + daemon.mainConfig() + " show 1 1"), "\n");
 }
 
 }  // namespace
