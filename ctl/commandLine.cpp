@@ -1,5 +1,7 @@
 #include "ctl/commandLine.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <string>
@@ -8,17 +10,36 @@
 #include "core/globals.h"
 #include "ctl/commands.h"
 #include "ctl/failure.h"
+#include "ctl/help.h"
 #include "ctl/print.h"
 
 namespace {
 
-/// The parser with everything it fills.
+constexpr const char* kPluginArgument = "ARGUMENT";
+
+/// The text of an option: "COUNT (20)".
+std::string valueWithDefault(const std::string& value, const std::string& standard) {
+  return fmt::format("{} ({})", value, standard);
+}
+
+/// The parser with everything it fills. This is the only place that defines commands and options:
+/// help, man page, documentation and completions are generated from it.
+///
+/// Descriptions are sentences without a full stop; what more there is to say of a command is its
+/// footer. An option with a value has the text "VALUE" or "VALUE (DEFAULT)". Completion goes by the
+/// value's name: FILE and PLUGIN are paths, ID is a task's id.
 class Parser {
  public:
   Parser() {
     app.require_subcommand(1);
     app.fallthrough();
-    app.get_formatter()->column_width(28);
+    app.formatter_fn([](const CLI::App* command, const std::string&, CLI::AppFormatMode) {
+      return helpText(describe(*command));
+    });
+    app.footer(
+        "koductl COMMAND --help describes a command. Commands that change tasks or plan need "
+        "--user with a member of kodu_admin. Intervals and times are read as PostgreSQL reads "
+        "them, as 90s, 5m or 1 day, and 2026-12-01 08:00 or tomorrow. Times are UTC.");
     addCommonOptions();
     addReadingCommands();
     addChangingCommands();
@@ -39,29 +60,40 @@ class Parser {
     return request;
   }
 
+  CommandDescription description() const { return describe(app); }
+
  private:
   void addCommonOptions() {
     options.configFile = pathToConfigFile;
-    app.add_option("-f,--config", options.configFile, "The daemon's main INI file")
-        ->option_text("FILE (" + options.configFile + ")");
+    app.add_option("-f,--config", options.configFile,
+                   "Read the daemon's main INI file from FILE; it leads to the database and to the "
+                   "output files")
+        ->option_text(valueWithDefault("FILE", options.configFile));
     app.add_option("--user", options.user,
-                   "Connect as this role, with its password from PGPASSWORD or ~/.pgpass")
-        ->option_text("ROLE");
-    addTimeout("--lock-timeout", options.lockTimeout, "Wait so long for a lock; 0: for ever");
+                   "Connect to the database as ROLE; the password comes from PGPASSWORD or "
+                   "~/.pgpass; where the database file cannot be read, the database comes from "
+                   "PGHOST, PGPORT and PGDATABASE or from PGSERVICE")
+        ->option_text("ROLE (the role of the daemon)");
+    addTimeout("--lock-timeout", options.lockTimeout,
+               "Wait at most SECONDS for a lock; 0 sets no limit");
     addTimeout("--statement-timeout", options.statementTimeout,
-               "Wait so long for a statement; 0: for ever");
+               "Wait at most SECONDS for a statement; 0 sets no limit");
     app.add_flag("--json", options.asJson, "Print data as JSON");
-    app.set_version_flag("--version", std::string("koductl " KODU_VERSION));
+    app.set_help_flag("-h,--help", "Print help and exit; after a command, help for this command");
+    app.set_version_flag("--version", std::string("koductl " KODU_VERSION),
+                         "Print the version and exit");
   }
 
   void addTimeout(const char* name, int& seconds, const char* description) {
     app.add_option(name, seconds, description)
-        ->option_text("SECONDS (" + std::to_string(seconds) + ")")
+        ->option_text(valueWithDefault("SECONDS", std::to_string(seconds)))
         ->check(CLI::Range(0, 86400));
   }
 
+  /// A command of the present group.
   CLI::App* addCommand(const char* name, const char* description, int (*command)(const Options&)) {
     CLI::App* sub = app.add_subcommand(name, description);
+    sub->group(group);
     sub->fallthrough();
     sub->callback([this, command] { request.run = command; });
     return sub;
@@ -71,100 +103,207 @@ class Parser {
   CLI::App* addTaskCommand(const char* name, const char* description,
                            int (*command)(const Options&)) {
     CLI::App* sub = addCommand(name, description, command);
-    sub->add_option("ID", options.id, "The task's id")
+    sub->add_option("ID", options.id, "Id of the task; koductl status lists the ids")
         ->required()
         ->check(CLI::Range(0, 2147483647));
     return sub;
   }
 
   void addReadingCommands() {
+    group = "Show tasks";
+    addStatus();
+    addTaskCommand("show", "Show everything that is known about a task", runShow)
+        ->footer(
+            "This is its plugin with the arguments, its interval and status, the due times, the "
+            "retries, the failures and the files.");
+    addTaskCommand("explain", "Explain in sentences what a task does, and why", runExplain)
+        ->footer(
+            "The sentences say when the task was due, what it waits for, how many retries are "
+            "used, since when it has been failing, whether its plugin can be run and its output be "
+            "written, and which rule set its next run.");
+    addOutputs();
+    CLI::App* check =
+        addCommand("check", "Find what keeps the daemon or its tasks from working", runCheck);
+    check->add_flag("--quick", options.isQuick, "Check no single task");
+    check->footer(
+        "The INI files, the log, the folders, the connection, the rights in the database and "
+        "every task are checked. The ten tasks that are due next are listed. The exit status "
+        "is 0 without findings, 1 with warnings only, and 2 with errors.");
+  }
+
+  void addStatus() {
     CLI::App* status = addCommand("status", "List the tasks", runStatus);
-    status->add_flag("--failed", options.onlyFailed, "Only tasks that fail");
-    status->add_flag("--late", options.onlyLate, "Only tasks that should have begun by now");
-    status->add_flag("--output", options.withOutput, "Show what the last runs said first");
-    status->add_flag("--watch", options.watch, "Show it anew each second, until Ctrl-C");
+    status->footer(
+        "A task is late when its run was due more than two seconds ago and has not started.");
+    status->add_flag("--failed", options.onlyFailed, "List only tasks that are failing");
+    status->add_flag("--late", options.onlyLate, "List only tasks that are late");
+    status->add_flag("--output", options.withOutput,
+                     "Show the first line of each task's last output");
+    status->add_flag("--watch", options.watch, "Refresh the list every second until Ctrl-C");
+  }
 
-    addTaskCommand("show", "Show all that is known of a task", runShow);
-    addTaskCommand("explain", "Say in sentences what goes on with a task", runExplain);
-
-    CLI::App* history = addTaskCommand("history", "List a task's failed runs", runHistory);
-    history->add_option("-n,--count", options.count, "At most so many, the latest")
-        ->option_text("COUNT (20)")
+  /// Commands about the runs of a task.
+  void addOutputs() {
+    CLI::App* history =
+        addTaskCommand("history", "List the failed runs of a task, the latest first", runHistory);
+    history->add_option("-n,--count", options.count, "List at most COUNT runs")
+        ->option_text(valueWithDefault("COUNT", std::to_string(options.count)))
         ->check(CLI::Range(1, 1000000));
 
-    CLI::App* output = addTaskCommand("output", "Print what a task's last run said", runOutput);
+    CLI::App* output = addTaskCommand("output", "Print the output of a task's last run", runOutput);
+    output->footer("With --follow and --json, each output is one JSON object.");
     output->add_option("ARCHIVED", options.archived,
-                       "A failed run instead: its number or file name in history");
-    output->add_flag("--follow", options.follow, "Print each run's output, until Ctrl-C");
+                       "Print the output of this failed run instead: its number or its file name, "
+                       "as koductl history lists them");
+    output->add_flag("--follow", options.follow, "Print the output of each new run until Ctrl-C");
 
-    addTaskCommand("rerun", "Run a task's plugin as the daemon does, and change nothing", runRerun);
-    CLI::App* check =
-        addCommand("check", "Look for what keeps daemon and tasks from working", runCheck);
-    check->add_flag("--quick", options.isQuick, "Look at no single task");
+    addTaskCommand("rerun", "Run a task's plugin as the daemon does, without changing anything",
+                   runRerun)
+        ->footer(
+            "The plugin gets the arguments, the user, the folder and the empty environment that "
+            "the daemon gives it. Its output is followed by the return code and by the differences "
+            "from the stored output. The exit status is the return code.");
   }
 
   void addChangingCommands() {
-    CLI::App* add = addCommand("add", "Add a task: add PLUGIN --every 5m -- ARGUMENTS", runAdd);
-    add->add_option("PLUGIN", options.plugin, "Its name in the catalogue, or its path")->required();
+    group = "Change tasks";
+    addAdd();
+    addSet();
+    CLI::App* pause =
+        addTaskCommand("pause", "Keep a task from running until it is resumed", runPause);
+    pause->footer(
+        "A run in progress is completed first, with its retries. A pause outlasts restarts of the "
+        "daemon.");
+    pause->add_option("--reason", options.reason, "Record the reason of the pause")
+        ->option_text("TEXT");
+    addTaskCommand("resume", "Let a paused task run again", runResume);
+    addTaskCommand("run", "Run a task now", runRun)
+        ->footer(
+            "The run is due in three seconds; during a run it follows that run. Later runs follow "
+            "at the interval of the task.");
+    CLI::App* remove =
+        addTaskCommand("delete", "Delete a task, its files and its history", runDelete);
+    remove->footer(
+        "The daemon deletes them within two minutes, or within two minutes of the end of the run "
+        "in progress.");
+    remove->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
+  }
+
+  void addAdd() {
+    CLI::App* add = addCommand("add", "Add a task", runAdd);
+    add->footer(
+        "The daemon runs PLUGIN every INTERVAL with the arguments that follow --. A plugin that "
+        "cannot be run on this machine causes a warning.");
+    add->add_option("PLUGIN", options.plugin,
+                    "Name of the plugin in the catalogue, or path of its program")
+        ->required();
     addDefinition(add);
     add->get_option("--every")->required();
-    add->add_option("--first", options.next, "The first run (a moment ahead)");
-    add->add_option("--timeout", options.timeout, "End a run after this, by koduguard");
+    add->add_option("--first", options.next, "Time of the first run")
+        ->option_text("TIME (in 3 seconds)");
+    add->add_option("--timeout", options.timeout,
+                    "End a run after this time, by running the plugin through koduguard")
+        ->option_text("INTERVAL (no limit)");
+  }
 
-    CLI::App* set = addTaskCommand("set", "Change a task: set ID --every 5m -- ARGUMENTS", runSet);
-    set->add_option("--plugin", options.plugin, "Name or path");
+  void addSet() {
+    CLI::App* set = addTaskCommand("set", "Change a task", runSet);
+    set->footer(
+        "What is not given stays as it is. The arguments that follow -- replace all arguments of "
+        "the plugin; -- alone removes them. The time limit of a task stays.");
+    set->add_option("--plugin", options.plugin, "Run another plugin: its name or path")
+        ->option_text("PLUGIN");
     addDefinition(set);
-    set->add_option("--next", options.next, "The next run");
-    takesPluginArguments = {add, set};
-
-    CLI::App* pause = addTaskCommand("pause", "Keep a task from running", runPause);
-    pause->add_option("--reason", options.reason, "Kept with the pause");
-    addTaskCommand("resume", "Let a paused task run again", runResume);
-    addTaskCommand("run", "Run a task now", runRun);
-    CLI::App* remove = addTaskCommand("delete", "Delete a task and its files", runDelete);
-    remove->add_flag("--yes", options.isConfirmed, "Do not ask");
+    set->add_option("--next", options.next, "Time of the next run; later runs follow from it")
+        ->option_text("TIME");
   }
 
   /// What add and set share.
   void addDefinition(CLI::App* sub) {
-    sub->add_option("--name", options.name, "What the task is called");
-    sub->add_option("--every", options.every, "Its interval, as 90s, 5m, 1h");
-    sub->add_option("--retries", options.retries, "Retries of a failed run")
+    sub->add_option("--name", options.name,
+                    "Name of the task; a new task has the name of its plugin")
+        ->option_text("TEXT");
+    sub->add_option("--every", options.every,
+                    "Interval of the runs in whole seconds, at most 366 days, as 90s, 5m or 1h")
+        ->option_text("INTERVAL");
+    sub->add_option("--retries", options.retries,
+                    "Number of retries after a failed run; a new task has 1")
+        ->option_text("COUNT")
         ->check(CLI::Range(0, 1000000));
-    sub->add_option("--retry-after", options.retryAfter, "From a run's due time to its retry's");
-    sub->add_option("--file", options.fileName, "Output file, with $DATE and $SERVICEID");
+    sub->add_option("--retry-after", options.retryAfter,
+                    "Time from a run's due time to that of its retry; a new task has 120s")
+        ->option_text("INTERVAL");
+    sub->add_option("--file", options.fileName,
+                    "Name of the output file, with $DATE; a new task has $SERVICEID_$DATE.txt")
+        ->option_text("NAME");
+    // Described only: splitPluginArguments reads these, and the parser gives none to an argument
+    // that expects none.
+    sub->add_option(kPluginArgument)
+        ->description("Argument of the plugin; it can be neither empty nor contain a quote")
+        ->expected(0);
   }
 
   void addPlanningCommands() {
-    CLI::App* forecast = addCommand("forecast", "Tell what is due in the next hours", runForecast);
-    forecast->add_option("HOURS", options.hours, "How far to look (1)");
-    forecast->add_option("--run-seconds", options.runSeconds, "What a run takes (1)");
-    forecast->add_option("--took", options.took, "What a task's run takes, as 7=12.5; repeatable")
+    group = "Plan and clean up";
+    CLI::App* forecast = addCommand(
+        "forecast", "Show the runs that are due in the next hours and the workers they need",
+        runForecast);
+    forecast->add_option("HOURS", options.hours, "How many hours to look ahead, at most 168")
+        ->option_text(valueWithDefault("HOURS", options.hours));
+    forecast
+        ->add_option("--run-seconds", options.runSeconds, "Assume that each run takes this long")
+        ->option_text(valueWithDefault("SECONDS", options.runSeconds));
+    forecast
+        ->add_option("--took", options.took,
+                     "Assume that the runs of task ID take this long, as 7=12.5; can be repeated")
+        ->option_text("ID=SECONDS")
         ->expected(1)
         ->take_all();
 
-    CLI::App* stagger = addCommand("stagger", "Propose times that spread the tasks", runStagger);
-    stagger->add_flag("--apply", options.apply, "Set them");
-    stagger->add_option("--longest", options.longest, "Leave longer intervals alone (1 hour)");
+    CLI::App* stagger = addCommand(
+        "stagger", "Propose times that spread tasks of equal interval evenly", runStagger);
+    stagger->footer(
+        "Paused tasks stay at their times, and so do tasks whose next run is more than one "
+        "interval ahead.");
+    stagger->add_flag("--apply", options.apply, "Set the proposed times");
+    stagger->add_option("--longest", options.longest, "Leave tasks with a longer interval alone")
+        ->option_text(valueWithDefault("INTERVAL", options.longest));
 
-    CLI::App* prune = addCommand("prune", "Delete old history and archived outputs", runPrune);
-    prune->add_option("--older-than", options.olderThan, "As 30d")->required();
+    CLI::App* prune = addCommand(
+        "prune", "Delete old history and the archived outputs that belong to it", runPrune);
+    prune->footer(
+        "The files are deleted first, the rows last: after an interruption the same command "
+        "finishes the work. It needs the right to delete files of the daemon's user: run it as "
+        "this user or as root. Where files cannot be deleted, nothing is.");
+    prune->add_option("--older-than", options.olderThan, "Delete what is older than this, as 30d")
+        ->option_text("INTERVAL")
+        ->required();
   }
 
   void addSchemaCommand() {
-    CLI::App* schema =
-        addCommand("schema", "Show the version of the database's tables, or upgrade", runSchema);
+    CLI::App* schema = addCommand(
+        "schema", "Show the version of the database's tables, or upgrade them", runSchema);
+    schema->footer(
+        "The exit status is 0 when the tables are of this koductl's version, 1 when they are "
+        "behind, "
+        "and 2 when they are of a later release, which all other commands refuse. An upgrade is "
+        "one "
+        "transaction, during which the daemon may run; it needs the tables' owner or a superuser.");
     schema
         ->add_option("ACTION", options.schemaAction,
-                     "upgrade: bring them to the version of this koductl")
+                     "upgrade: bring the tables to the version of this koductl")
         ->check(CLI::IsMember({"upgrade"}));
     schema->add_flag("--dry-run", options.isDryRun, "Try the whole upgrade, then take it back");
-    schema->add_option("--wait", options.waitSeconds, "Try so long while others use the tables")
-        ->option_text("SECONDS (60)")
+    schema
+        ->add_option("--wait", options.waitSeconds,
+                     "Try for SECONDS while other sessions use the tables")
+        ->option_text(valueWithDefault("SECONDS", std::to_string(options.waitSeconds)))
         ->check(CLI::Range(0, 86400));
     schema
-        ->add_option("--connect", options.connection,
-                     "A connection as libpq reads it, instead of the INI file's")
+        ->add_option(
+            "--connect", options.connection,
+            "Connect as libpq reads CONNINFO, instead of as the INI file says; the password "
+            "comes from PGPASSWORD or ~/.pgpass")
         ->option_text("CONNINFO");
   }
 
@@ -195,8 +334,10 @@ class Parser {
   }
 
   void refuseStrayArguments() const {
-    const bool isTaken = std::any_of(takesPluginArguments.begin(), takesPluginArguments.end(),
-                                     [](const CLI::App* sub) { return sub->parsed(); });
+    const auto commands = app.get_subcommands();
+    const bool isTaken = std::any_of(commands.begin(), commands.end(), [](const CLI::App* sub) {
+      return sub->get_option_no_throw(kPluginArgument) != nullptr;
+    });
     if (options.pluginArguments && !isTaken) {
       throw CLI::ArgumentMismatch("only add and set take a plugin's arguments behind --");
     }
@@ -204,12 +345,16 @@ class Parser {
 
   Request request;
   Options& options = request.options;
-  CLI::App app{"Shows and changes the tasks of koducron", "koductl"};
-  std::vector<const CLI::App*> takesPluginArguments;
+  CLI::App app{"Show and change the tasks of koducron", "koductl"};
+  const char* group = "";  // of the commands that are added
 };
 
 }  // namespace
 
 Request parseCommandLine(int argc, const char* const* argv) {
   return Parser().parse(std::vector<std::string>(argv + 1, argv + argc));
+}
+
+CommandDescription describeCommandLine() {
+  return Parser().description();
 }

@@ -1,7 +1,9 @@
 #include <cstdio>
-#include <sstream>
 #include <string>
 
+#include "ctl/commandLine.h"
+#include "ctl/description.h"
+#include "ctl/reference/words.h"
 #include "tests/ctl/CtlTest.h"
 
 namespace {
@@ -27,36 +29,16 @@ class CompletionTest : public CtlTest {
     pclose(pipe);
     return output;
   }
-
-  /// The names that a --help lists: commands, or options that begin with "--".
-  std::vector<std::string> namesIn(const std::string& help) const {
-    std::vector<std::string> names;
-    std::istringstream lines(help);
-    bool isList = false;
-    for (std::string line; std::getline(lines, line);) {
-      isList = line == "Subcommands:" || line == "Options:" || (isList && !line.empty());
-      std::istringstream words(line);
-      std::string word;
-      if (isList && line.starts_with("  ") && line[2] != ' ' && words >> word) {
-        names.push_back(word.substr(word.find("--") == std::string::npos ? 0 : word.find("--")));
-      }
-    }
-    return names;
-  }
 };
 
-TEST_F(CompletionTest, KnowsEveryCommandAndOption) {
-  const std::string bash = readFile(projectFile("ctl/completion/koductl.bash"));
-  const std::string zsh = readFile(projectFile("ctl/completion/_koductl"));
-  const auto commands = namesIn(runWith({"--help"}).out);
-  EXPECT_THAT(commands, testing::IsSupersetOf({"status", "prune", "--json"}));
-  for (const std::string& command : commands) {
-    EXPECT_THAT(bash, HasSubstr(command));
-    EXPECT_THAT(zsh, HasSubstr(command));
-    if (!command.starts_with("--")) {
-      for (const std::string& option : namesIn(runWith({command, "--help"}).out)) {
-        EXPECT_THAT(bash, HasSubstr(option)) << command;
-        EXPECT_THAT(zsh, HasSubstr(option)) << command;
+TEST_F(CompletionTest, ProposesEveryCommandAndOption) {
+  const CommandDescription program = describeCommandLine();
+  for (const CommandDescription& command : allCommands(program)) {
+    EXPECT_THAT(complete("koductl " + command.name), HasSubstr(lastWord(command.name)));
+    const std::string proposed = complete("koductl --json " + command.name + " --");
+    for (const auto& options : {program.options, command.options}) {
+      for (const OptionDescription& option : options) {
+        EXPECT_THAT(proposed, HasSubstr(option.longName)) << command.name;
       }
     }
   }
@@ -70,12 +52,28 @@ TEST_F(CompletionTest, ProposesCommandsAndTheirOptions) {
   EXPECT_EQ(complete("koductl add x -- --"), "\n");
 }
 
+TEST_F(CompletionTest, ProposesPathsWhereTheHelpSaysFileOrPlugin) {
+  const std::string path = daemon.mainConfig().substr(0, daemon.mainConfig().size() - 1);
+  for (const std::string line : {"koductl -f ", "koductl status --config ", "koductl add ",
+                                 "koductl add --name x ", "koductl set 1 --plugin "}) {
+    EXPECT_EQ(complete(line + path), daemon.mainConfig() + "\n") << line;
+  }
+}
+
+TEST_F(CompletionTest, ProposesNothingForOtherValues) {
+  for (const std::string line : {"history 1 -n", "set 1 --every", "forecast --took", "--user"}) {
+    EXPECT_EQ(complete("koductl " + line + " \"\""), "\n") << line;
+  }
+}
+
 TEST_F(CompletionTest, ProposesTheIdsOfTheTasks) {
   for (const int id : {1, 12, 23}) {
     database.insertTask(quietTask(id));
   }
   EXPECT_EQ(complete(program() + " -f " + daemon.mainConfig() + " show 1"), "1 12\n");
   EXPECT_EQ(complete(program() + " --config " + daemon.mainConfig() + " show 1"), "1 12\n");
+  EXPECT_EQ(complete(program() + " set -f " + daemon.mainConfig() + " --name x 1"), "1 12\n");
+  EXPECT_EQ(complete(program() + " -f " + daemon.mainConfig() + " show 1 1"), "\n");
 }
 
 }  // namespace
