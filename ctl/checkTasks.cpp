@@ -14,9 +14,7 @@
 
 namespace {
 
-constexpr long kShortestRetryDelay = 2;           // seconds
-constexpr long kLatestNextRun = 2082758400;       // 2036-01-01, a pause
-constexpr long kLongestInterval = 366L * 86400L;  // a run that ends during a pause adds it
+constexpr long kShortestRetryDelay = 2;  // seconds
 
 /// The checks of one run of koductl check. Remembers what it knows of plugins, since many tasks
 /// share one.
@@ -77,7 +75,7 @@ class TaskCheck {
                       kShortestRetryDelay),
           task.id);
     }
-    if (task.next.value_or(0) > kLatestNextRun + kLongestInterval) {
+    if (task.isNextBeyondLimit) {
       findings.addError("the next run is due after 2036: a run that ends before ends the daemon",
                         task.id);
     }

@@ -291,7 +291,7 @@ class Parser {
         "transaction, during which the daemon may run; it needs the tables' owner or a superuser.");
     schema
         ->add_option("ACTION", options.schemaAction,
-                     "upgrade: bring the tables to the version of this koductl")
+                     "With upgrade, bring the tables to the version of this koductl")
         ->check(CLI::IsMember({"upgrade"}));
     schema->add_flag("--dry-run", options.isDryRun, "Try the whole upgrade, then take it back");
     schema

@@ -1,13 +1,12 @@
 // koductl schema: the version of the database's tables, and the way to the next.
 
-#include <fmt/core.h>
-
 #include <string>
 #include <vector>
 
 #include "ctl/commands.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
+#include "ctl/print.h"
 #include "ctl/schemaSql.h"
 #include "ctl/schemaVersion.h"
 #include "ctl/session.h"
@@ -58,10 +57,10 @@ void printForPeople(const SchemaState& state, const std::vector<Step>& steps) {
                step.appliedAt.empty() ? "pending" : step.appliedAt, step.appliedBy});
   }
   table.print();
-  fmt::print("\nThe database has version {}, this koductl knows version {}: {}.\n", state.version,
-             knownSchemaVersion(), wordOf(state));
+  print("\nThe database has version {}, this koductl knows version {}: {}.\n", state.version,
+        knownSchemaVersion(), wordOf(state));
   if (state.isBehind()) {
-    fmt::print("Say koductl --user OWNER schema upgrade.\n");
+    print("Say koductl --user OWNER schema upgrade.\n");
   }
 }
 
@@ -105,12 +104,12 @@ int upgrade(const Options& options, Session& session) {
       upgradeSchema(session, {options.isDryRun, std::chrono::seconds(options.waitSeconds)});
   for (const Migration& migration : migrations()) {
     if (migration.version > before) {
-      fmt::print("{} {}: {}\n", options.isDryRun ? "would apply" : "applied", migration.version,
-                 migration.title);
+      print("{} {}: {}\n", options.isDryRun ? "would apply" : "applied", migration.version,
+            migration.title);
     }
   }
-  fmt::print("{}views, functions and triggers are those of version {}\n",
-             options.isDryRun ? "nothing is changed; after an upgrade " : "", knownSchemaVersion());
+  print("{}views, functions and triggers are those of version {}\n",
+        options.isDryRun ? "nothing is changed; after an upgrade " : "", knownSchemaVersion());
   return kDone;
 }
 

@@ -24,6 +24,8 @@ SELECT id, name, plugin_path AS path, plugin_type AS type,
                 OR EXTRACT(DAY FROM cron_interval) < 0
                 OR EXTRACT(EPOCH FROM cron_interval) < 86400 * EXTRACT(DAY FROM cron_interval),
                 false) AS is_uneven,
+       -- A run that ends during a pause adds an interval of up to a year to the pause's time.
+       cron_next_exec > kodu_pause_time() + interval '366 days' AS beyond_limit,
        cron_retries AS retries,
        floor(EXTRACT(EPOCH FROM cron_retries_interval))::bigint AS retry_after,
        floor(EXTRACT(EPOCH FROM retry_due))::bigint AS retry_due,
@@ -53,6 +55,7 @@ Task definitionOf(const Rows& rows, int row) {
   task.fileName = rows.text(row, "file");
   task.every = rows.optionalNumber(row, "every");
   task.isIntervalUneven = rows.isTrue(row, "is_uneven");
+  task.isNextBeyondLimit = rows.isTrue(row, "beyond_limit");
   task.retries = rows.optionalNumber(row, "retries");
   task.retryAfter = rows.optionalNumber(row, "retry_after");
   return task;

@@ -27,6 +27,7 @@ struct Task {
   std::optional<long> afterRun;       // the time that was set for the run after the present one
   std::optional<long> every;
   bool isIntervalUneven = false;            // holds months, years or a negative part
+  bool isNextBeyondLimit = false;           // later than a pause and a run that ends in it lead to
   std::optional<long> retries, retryAfter;  // nothing: the daemon's defaults
   bool isFlagged = false;                   // waits for the purge, or for a run's end before it
   bool isRunning = false;                   // a run, or its wait for a retry, is in progress

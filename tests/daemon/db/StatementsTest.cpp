@@ -87,7 +87,7 @@ TEST(NamedStatementsTest, ArePreparedOnTheServerLetterForLetter) {
 
 TEST(NamedStatementsTest, StopAtTheFirstThatCannotBePrepared) {
   const Database database;
-  database.query("DROP TABLE kodu_cron_error");
+  database.query("DROP TABLE kodu_cron_error CASCADE");
   pgSafeThread connection(database.conninfo());
 
   EXPECT_THROW(prepareNamedStatements(connection), PostgresqlException);
