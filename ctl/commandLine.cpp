@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "core/globals.h"
-#include "ctl/commands.h"
+#include "ctl/command/commands.h"
 #include "ctl/failure.h"
 #include "ctl/help.h"
-#include "ctl/print.h"
+#include "ctl/terminal/print.h"
 
 namespace {
 
@@ -177,7 +177,7 @@ class Parser {
     pause->add_option("--reason", options.reason, "Record the reason of the pause")
         ->option_text("TEXT");
     addTaskCommand("resume", "Let a paused task run again", runResume);
-    addTaskCommand("run", "Run a task now", runRun)
+    addTaskCommand("run", "Run a task now", runNow)
         ->footer(
             "The run is due in three seconds; during a run it follows that run. Later runs follow "
             "at the interval of the task.");

@@ -8,7 +8,7 @@
 
 #include "ctl/commandLine.h"
 #include "ctl/failure.h"
-#include "ctl/print.h"
+#include "ctl/terminal/print.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "ctl/arguments.h"
+#include "ctl/task/arguments.h"
 
 #include <string>
 #include <vector>

@@ -1,4 +1,4 @@
-#include "ctl/daemonProcess.h"
+#include "ctl/daemon/daemonProcess.h"
 
 #include <pwd.h>
 #include <sys/ptrace.h>

@@ -1,4 +1,4 @@
-#include "ctl/diff.h"
+#include "ctl/terminal/diff.h"
 
 #include <string>
 

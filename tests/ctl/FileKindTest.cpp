@@ -6,7 +6,7 @@
 #include <string>
 
 #include "ctl/failure.h"
-#include "ctl/regularFile.h"
+#include "ctl/files/regularFile.h"
 #include "tests/ctl/CtlTest.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "ctl/findings.h"
+#include "ctl/check/findings.h"
 
 #include <algorithm>
 #include <ctime>

@@ -1,4 +1,4 @@
-#include "ctl/print.h"
+#include "ctl/terminal/print.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -172,11 +172,12 @@ TEST_F(PrintTest, LeavesNoHalfCharacterAtTheEndOfAFirstLine) {
 }
 
 TEST_F(PrintTest, IsTheOnlyWayOut) {
-  for (const std::string& name : filesIn(projectFile("ctl"))) {
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(projectFile("ctl"))) {
+    const std::string name = entry.path().filename();
     if (name.starts_with("print.") || !(name.ends_with(".cpp") || name.ends_with(".h"))) {
       continue;
     }
-    const std::string source = readFile(projectFile("ctl/" + name));
+    const std::string source = readFile(entry.path());
     for (const char* other :
          {"fmt::print", "std::cout", "std::cerr", "printf(", "fputs(", "fputc(", "fwrite("}) {
       EXPECT_THAT(source, Not(HasSubstr(other))) << name;

@@ -1,12 +1,12 @@
-#include "ctl/text.h"
+#include "ctl/terminal/text.h"
 
 #include <clocale>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "ctl/table.h"
-#include "ctl/terminal.h"
+#include "ctl/terminal/table.h"
+#include "ctl/terminal/terminal.h"
 
 namespace {
 

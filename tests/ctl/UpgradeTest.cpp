@@ -1,8 +1,8 @@
-#include "ctl/upgrade.h"
+#include "ctl/session/upgrade.h"
 
 #include <cstdlib>
 
-#include "ctl/schemaSql.h"
+#include "ctl/session/schemaSql.h"
 #include "db/pgSafeThread.h"
 #include "tests/ctl/CtlTest.h"
 

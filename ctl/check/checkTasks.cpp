@@ -1,0 +1,148 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "ctl/check/checks.h"
+#include "ctl/check/findings.h"
+#include "ctl/daemon/daemonProcess.h"
+#include "ctl/files/fileCheck.h"
+#include "ctl/task/guarded.h"
+#include "ctl/task/task.h"
+
+namespace {
+
+constexpr long kShortestRetryDelay = 2;  // seconds
+
+/// The checks of one run of koductl check. Remembers what it knows of plugins, since many tasks
+/// share one.
+class TaskCheck {
+ public:
+  TaskCheck(const DaemonIdentity& identity, Findings& list) : daemon(identity), findings(list) {}
+
+  void look(const Task& task) {
+    if (task.type != "cron") {
+      findings.addWarning(
+          fmt::format("plugin_type is '{}': the daemon runs only 'cron' ones", task.type), task.id);
+      return;
+    }
+    lookAtRow(task);
+    lookAtPlugin(task);
+    lookAtOutput(task);
+    if (task.isLate) {
+      findings.addWarning("should have begun by now", task.id);
+    }
+  }
+
+ private:
+  /// What makes the loader leave the row out, or the database's own limits where the schema is an
+  /// older one.
+  void lookAtRow(const Task& task) {
+    if (task.id < 0) {
+      findings.addError("refused by the daemon: the id is negative", task.id);
+    }
+    if (!task.every || *task.every < 1) {
+      findings.addError("refused by the daemon: cron_interval is missing or below a second",
+                        task.id);
+    }
+    if (!task.next && !task.isPaused()) {
+      findings.addError("refused by the daemon: cron_next_exec is missing", task.id);
+    }
+    lookAtLimits(task);
+    const auto quotes = std::count_if(task.parameter.begin(), task.parameter.end(),
+                                      [](char c) { return c == '"' || c == '\''; });
+    if (quotes % 2 != 0) {
+      findings.addWarning("a quote in the parameters is not closed: it reaches to their end",
+                          task.id);
+    }
+  }
+
+  /// What the tables refuse by now, in rows that are older.
+  void lookAtLimits(const Task& task) {
+    if (task.isIntervalUneven) {
+      findings.addError(
+          "the interval holds months, years or a negative part, which can end the daemon: say it "
+          "in "
+          "days",
+          task.id);
+    }
+    if (task.maxRetries() > 0 && task.retryDelay() < kShortestRetryDelay) {
+      findings.addError(
+          fmt::format("its retry may fail within a second of the failure, which ends the daemon: "
+                      "let it wait {} s or more",
+                      kShortestRetryDelay),
+          task.id);
+    }
+    if (task.isNextBeyondLimit) {
+      findings.addError("the next run is due after 2036: a run that ends before ends the daemon",
+                        task.id);
+    }
+  }
+
+  void lookAtPlugin(const Task& task) {
+    if (const auto reason = reasonFor(task.path)) {
+      findings.addError(fmt::format("plugin {} cannot be run: {}", task.path, *reason), task.id);
+      return;
+    }
+    if (!isGuarded(task)) {
+      findings.addWarning("no time limit: a run that hangs keeps its worker (koduguard)", task.id);
+      return;
+    }
+    const std::string inner = guardedPlugin(task);
+    if (const auto reason = reasonFor(inner)) {
+      findings.addError(fmt::format("plugin {} cannot be run: {}", inner, *reason), task.id);
+    }
+  }
+
+  std::optional<std::string> reasonFor(const std::string& path) {
+    const auto known = plugins.find(path);
+    if (known != plugins.end()) {
+      return known->second;
+    }
+    return plugins[path] = whyNotExecutable(path, daemon.directory);
+  }
+
+  void lookAtOutput(const Task& task) {
+    if (task.fileName.empty()) {
+      findings.addError("cron_log_file is empty: the output has no place, which ends the daemon",
+                        task.id);
+      return;
+    }
+    if (task.fileName.find("$DATE") == std::string::npos) {
+      findings.addError("no $DATE in the file name: its second failed run ends the daemon",
+                        task.id);
+    }
+    if (task.fileName.find('/') != std::string::npos) {
+      findings.addError(
+          "the file name holds a /, and no such folder is made in the archive: a failed run, or "
+          "the purge, ends the daemon",
+          task.id);
+    }
+    const std::string path = task.outputPath();
+    if (const auto reason = whyNotWritable(path)) {
+      findings.addError("output file cannot be written: " + *reason, task.id);
+    }
+    const auto [other, isNew] = outputs.emplace(path, task.id);
+    if (!isNew) {
+      findings.addWarning(
+          fmt::format("writes the same output file as task {}: {}", other->second, path), task.id);
+    }
+  }
+
+  const DaemonIdentity& daemon;
+  Findings& findings;
+  std::map<std::string, std::optional<std::string>> plugins;  // path, why it cannot be run
+  std::map<std::string, int> outputs;                         // path, first task that writes it
+};
+
+}  // namespace
+
+void checkTasks(const std::vector<Task>& tasks, const DaemonIdentity& daemon, Findings& findings) {
+  const AsDaemon rights(daemon);
+  TaskCheck check(daemon, findings);
+  for (const Task& task : tasks) {
+    check.look(task);
+  }
+}

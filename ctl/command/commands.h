@@ -1,0 +1,24 @@
+#pragma once
+
+struct Options;
+
+// The commands. Each prints its result on standard output and returns what koductl ends with;
+// failures are thrown as Failure.
+
+int runStatus(const Options& options);
+int runShow(const Options& options);
+int runExplain(const Options& options);
+int runHistory(const Options& options);
+int runOutput(const Options& options);
+int runCheck(const Options& options);
+int runRerun(const Options& options);
+int runAdd(const Options& options);
+int runSet(const Options& options);
+int runPause(const Options& options);
+int runResume(const Options& options);
+int runNow(const Options& options);
+int runDelete(const Options& options);
+int runForecast(const Options& options);
+int runStagger(const Options& options);
+int runPrune(const Options& options);
+int runSchema(const Options& options);

@@ -1,0 +1,48 @@
+// koductl explain: what is going on with one task, in sentences.
+
+#include <string>
+#include <vector>
+
+#include "core/helpers.h"
+#include "ctl/command/commands.h"
+#include "ctl/daemon/daemonProcess.h"
+#include "ctl/failure.h"
+#include "ctl/options.h"
+#include "ctl/session/session.h"
+#include "ctl/task/archive.h"
+#include "ctl/task/explanation.h"
+#include "ctl/task/task.h"
+#include "ctl/terminal/print.h"
+#include "ctl/terminal/terminal.h"
+#include "ctl/terminal/text.h"
+
+int runExplain(const Options& options) {
+  Session session(options);
+  session.makeReadOnly();
+  const Task task = readTask(session, options.id);
+  Surroundings around;
+  around.daemon = findDaemon(session.config);
+  around.isConnected = isDaemonConnected(session);
+  around.workers = stringToInt(session.config.threadNumber);
+  around.workload = countRunning(session);
+  // Who writes rows or outputs chooses what is read: with root's rights that would be any file.
+  const AsDaemon rights(around.daemon);
+  if (const auto runs = readFailedRuns(session, task, 1); !runs.empty()) {
+    around.failureText = firstLineOf(runs.front().path);
+    around.isFailureSilent = runs.front().size == 0U;
+  }
+  const std::vector<std::string> sentences = explain(task, around);
+  if (options.asJson) {
+    Json::Value json = toJson(task);
+    json["explanation"] = Json::Value(Json::arrayValue);
+    for (const std::string& sentence : sentences) {
+      json["explanation"].append(sentence);
+    }
+    printJson(json);
+    return kDone;
+  }
+  for (const std::string& sentence : sentences) {
+    print("{}\n", oneLine(sentence));
+  }
+  return kDone;
+}

@@ -1,0 +1,134 @@
+// koductl forecast: what is due in the next hours.
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "ctl/command/commands.h"
+#include "ctl/failure.h"
+#include "ctl/options.h"
+#include "ctl/session/call.h"
+#include "ctl/session/session.h"
+#include "ctl/terminal/print.h"
+#include "ctl/terminal/table.h"
+#include "ctl/terminal/text.h"
+
+namespace {
+
+constexpr std::size_t kShownMinutes = 10;
+
+/// A minute that is to come.
+struct Minute {
+  std::string time, busiestSecond;  // UTC; no busiest second where nothing is due
+  long runs = 0, busiestRuns = 0, workers = 0;
+};
+
+/// "7=12.5" as a member of a JSON object.
+std::string durationMember(const std::string& duration) {
+  const char* end = duration.data() + duration.size();
+  int id = -1;
+  const auto [sign, idError] = std::from_chars(duration.data(), end, id);
+  if (idError == std::errc() && id >= 0 && sign != end && *sign == '=') {
+    double seconds = -1;
+    const auto [rest, error] = std::from_chars(sign + 1, end, seconds, std::chars_format::fixed);
+    if (error == std::errc() && rest == end && seconds >= 0 && std::isfinite(seconds)) {
+      return fmt::format("\"{}\": {}", id, seconds);
+    }
+  }
+  throw Failure(kWrongUsage, fmt::format("--took wants ID=SECONDS, as 7=12.5, not {}", duration));
+}
+
+/// ["7=12.5", "8=3"] as the object {"7": 12.5, "8": 3}.
+std::string durationsObject(const std::vector<std::string>& durations) {
+  std::string members;
+  for (const std::string& duration : durations) {
+    members += (members.empty() ? "" : ", ") + durationMember(duration);
+  }
+  return "{" + members + "}";
+}
+
+std::vector<Minute> readForecast(const Options& options, Session& session) {
+  const Rows rows = Call("kodu_forecast")
+                        .with("hours", "numeric", options.hours)
+                        .with("run_seconds", "numeric", options.runSeconds)
+                        .with("durations", "jsonb", durationsObject(options.took))
+                        .run(session);
+  std::vector<Minute> minutes;
+  minutes.reserve(static_cast<std::size_t>(rows.count()));
+  for (int row = 0; row < rows.count(); ++row) {
+    minutes.push_back({rows.text(row, "minute"), rows.text(row, "busiest_second"),
+                       rows.number(row, "runs"), rows.number(row, "busiest_runs"),
+                       rows.number(row, "workers")});
+  }
+  return minutes;
+}
+
+Json::Value toJson(const std::vector<Minute>& minutes) {
+  Json::Value list(Json::arrayValue);
+  for (const Minute& minute : minutes) {
+    Json::Value entry;
+    entry["minute"] = jsonMoment(minute.time);
+    entry["runs"] = Json::Int64{minute.runs};
+    entry["busiest_second"] = jsonMoment(minute.busiestSecond);
+    entry["busiest_runs"] = Json::Int64{minute.busiestRuns};
+    entry["workers"] = Json::Int64{minute.workers};
+    list.append(entry);
+  }
+  return list;
+}
+
+void printBusiestMinutes(std::vector<Minute> minutes) {
+  std::stable_sort(minutes.begin(), minutes.end(),
+                   [](const Minute& a, const Minute& b) { return a.runs > b.runs; });
+  minutes.resize(std::min(minutes.size(), kShownMinutes));
+  constexpr auto kRight = Table::Align::kRight;
+  Table table({{"BUSIEST MINUTES (UTC)"},
+               {"RUNS", kRight},
+               {"BUSIEST SECOND"},
+               {"RUNS", kRight},
+               {"WORKERS", kRight}});
+  for (const Minute& minute : minutes) {
+    table.add({minute.time, std::to_string(minute.runs), minute.busiestSecond,
+               std::to_string(minute.busiestRuns), std::to_string(minute.workers)});
+  }
+  table.print();
+}
+
+void printSummary(const std::vector<Minute>& minutes, const Options& options,
+                  const std::string& threadNumber) {
+  long runs = 0;
+  Minute busiest;
+  long workers = 0;
+  for (const Minute& minute : minutes) {
+    runs += minute.runs;
+    workers = std::max(workers, minute.workers);
+    if (minute.busiestRuns > busiest.busiestRuns) {
+      busiest = minute;
+    }
+  }
+  print("{} in {} h", counted(runs, "run"), options.hours);
+  if (busiest.busiestRuns > 0) {
+    print("; the busiest second is {} with {}", busiest.busiestSecond, busiest.busiestRuns);
+  }
+  print(".\nWith runs of {} s, {} at work at once; thread_number is {}.\n\n", options.runSeconds,
+        counted(workers, "worker"), threadNumber);
+}
+
+}  // namespace
+
+int runForecast(const Options& options) {
+  Session session(options);
+  session.makeReadOnly();
+  const std::vector<Minute> minutes = readForecast(options, session);
+  if (options.asJson) {
+    printJson(toJson(minutes));
+    return kDone;
+  }
+  printSummary(minutes, options, session.config.threadNumber);
+  printBusiestMinutes(minutes);
+  return kDone;
+}

@@ -1,0 +1,158 @@
+// koductl prune: old history, rows and archived outputs together.
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "core/globals.h"
+#include "ctl/command/commands.h"
+#include "ctl/daemon/daemonProcess.h"
+#include "ctl/failure.h"
+#include "ctl/files/fileCheck.h"
+#include "ctl/options.h"
+#include "ctl/session/call.h"
+#include "ctl/session/session.h"
+#include "ctl/task/archive.h"
+#include "ctl/terminal/print.h"
+#include "ctl/terminal/text.h"
+#include "sched/outputPath.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A name that a younger row has too stays: its file is the younger one's.
+constexpr const char* kOldRows = R"(
+SELECT cron_id, cron_logfile FROM kodu_cron_error AS old
+WHERE cron_date < now() - $1::interval
+  AND NOT EXISTS (SELECT FROM kodu_cron_error AS young
+                  WHERE young.cron_id = old.cron_id AND young.cron_logfile = old.cron_logfile
+                    AND young.cron_date >= now() - $1::interval))";
+
+std::vector<fs::path> pathsOfOldRows(Session& session, const std::string& olderThan) {
+  const Rows rows = session.query(kOldRows, {olderThan});
+  std::vector<fs::path> paths;
+  for (int row = 0; row < rows.count(); ++row) {
+    const std::string name = rows.text(row, "cron_logfile");
+    if (staysBelow(name)) {
+      paths.emplace_back(archiveDirectory(rows.text(row, "cron_id")) + name);
+    }
+  }
+  return paths;
+}
+
+/// What has become of the files.
+struct Removal {
+  long files = 0;
+  std::uintmax_t bytes = 0;
+};
+
+/// Before anything changes: each folder either is not there, or files can be removed from it.
+void requireAccess(const std::vector<fs::path>& paths) {
+  std::set<fs::path> folders = {log_directory};
+  for (const fs::path& path : paths) {
+    folders.insert(path.parent_path());
+  }
+  for (const fs::path& folder : folders) {
+    struct stat status {};
+    // The output folder itself is there wherever the daemon works.
+    const bool isMissing = stat(folder.c_str(), &status) != 0 && errno == ENOENT;
+    if (isMissing && folder != log_directory) {
+      continue;
+    }
+    if (const auto reason = whyNoFilesIn(folder)) {
+      throw Failure(kNotPermitted,
+                    fmt::format("nothing is deleted, since archived outputs cannot "
+                                "be: {}; run koductl on the daemon's machine, as its "
+                                "user or as root",
+                                *reason));
+    }
+  }
+}
+
+/// A file that is gone already is none to be removed: a former prune was interrupted.
+void removeFile(const fs::path& path, Removal& removal) {
+  struct stat status {};
+  const bool isThere = lstat(path.c_str(), &status) == 0;
+  if (isThere && unlink(path.c_str()) == 0) {
+    ++removal.files;
+    removal.bytes += static_cast<std::uintmax_t>(status.st_size);
+  } else if (errno != ENOENT) {
+    throw Failure(kNotPermitted,
+                  fmt::format("cannot delete {}: {}; {} deleted, and no history row: prune again "
+                              "once it can be",
+                              path.string(), std::strerror(errno),
+                              counted(removal.files, "archived output")));
+  }
+}
+
+/// Deletes the rows and returns their number, when the transaction is committed.
+long deleteRows(Session& session, const std::string& olderThan) {
+  return Call("kodu_history_prune")
+      .with("older_than", "interval", olderThan)
+      .run(session)
+      .number(0, "result");
+}
+
+/// Has the database say all that it has against it, before the first file goes. Rolled back at
+/// once: the daemon's purge would wait for the rows until all files are removed, and every task
+/// with it.
+void rehearse(Session& session, const std::string& olderThan) {
+  session.query("BEGIN");
+  deleteRows(session, olderThan);
+  session.query("ROLLBACK");
+}
+
+/// Removes the files, then their rows, and returns the number of rows. Interrupted anywhere, it
+/// leaves the rows of all files that are still there, so that the next prune finds them.
+long removeOld(Session& session, const std::string& olderThan, Removal& removal) {
+  // In one transaction now() is one moment: a row that grows too old meanwhile stays with its file.
+  session.query("BEGIN");
+  // Removing many files takes longer than the server keeps an idle transaction.
+  session.query("SET LOCAL idle_in_transaction_session_timeout = 0");
+  const std::vector<fs::path> paths = pathsOfOldRows(session, olderThan);
+  if (!paths.empty()) {
+    requireAccess(paths);
+  }
+  for (const fs::path& path : paths) {
+    removeFile(path, removal);
+  }
+  const long rows = deleteRows(session, olderThan);
+  session.query("COMMIT");
+  return rows;
+}
+
+void report(const Options& options, long rows, const Removal& removal) {
+  if (options.asJson) {
+    Json::Value json;
+    json["rows"] = Json::Int64{rows};
+    json["files"] = Json::Int64{removal.files};
+    json["bytes"] = Json::UInt64{removal.bytes};
+    printJson(json);
+  } else {
+    print("{} and {} deleted, {}\n", counted(rows, "history row"),
+          counted(removal.files, "archived output"),
+          counted(static_cast<long>(removal.bytes), "byte"));
+  }
+}
+
+}  // namespace
+
+int runPrune(const Options& options) {
+  Session session(options);
+  rehearse(session, options.olderThan);
+  const DaemonIdentity daemon = findDaemon(session.config);
+  daemon.requireKnown();
+  const AsDaemon rights(daemon);
+  Removal removal;
+  const long rows = removeOld(session, options.olderThan, removal);
+  report(options, rows, removal);
+  return kDone;
+}

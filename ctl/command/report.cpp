@@ -1,0 +1,46 @@
+#include "ctl/command/report.h"
+
+#include <fmt/format.h>
+
+#include "ctl/failure.h"
+#include "ctl/options.h"
+#include "ctl/session/call.h"
+#include "ctl/session/session.h"
+#include "ctl/task/task.h"
+#include "ctl/terminal/print.h"
+#include "ctl/terminal/terminal.h"
+#include "ctl/terminal/text.h"
+
+namespace {
+
+std::string nextText(const Task& task) {
+  if (task.isPaused() || !task.next) {
+    return "";
+  }
+  if (task.isRunning && !task.afterRun) {
+    return "; a run is in progress";
+  }
+  const long next = task.afterRun.value_or(*task.next);
+  const long wait = next - task.now;
+  return fmt::format("; next due at {} UTC ({})", timeText(next),
+                     wait < 0 ? durationText(-wait) + " ago" : "in " + durationText(wait));
+}
+
+}  // namespace
+
+void reportChange(Session& session, const Options& options, int id, const std::string& done) {
+  const Task task = readTask(session, id);
+  if (options.asJson) {
+    printJson(toJson(task));
+  } else {
+    print("task {} ({}) {}{}\n", id, oneLine(task.name), done, nextText(task));
+  }
+}
+
+int callWithTask(const Options& options, const char* function, const std::string& done) {
+  Session session(options);
+  readTask(session, options.id);  // says it in koductl's own words when there is none
+  Call(function).with("task", options.id).run(session);
+  reportChange(session, options, options.id, done);
+  return kDone;
+}

@@ -1,0 +1,177 @@
+// koductl rerun: a task's plugin once more, as the daemon runs it, with the outcome on the terminal
+// instead of in the database.
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ctl/command/commands.h"
+#include "ctl/daemon/daemonProcess.h"
+#include "ctl/failure.h"
+#include "ctl/options.h"
+#include "ctl/session/session.h"
+#include "ctl/task/archive.h"
+#include "ctl/task/task.h"
+#include "ctl/terminal/capturedErrors.h"
+#include "ctl/terminal/diff.h"
+#include "ctl/terminal/print.h"
+#include "ctl/terminal/terminal.h"
+#include "ctl/terminal/text.h"
+#include "task/serviceCron.h"
+#include "task/serviceSafeException.h"
+
+namespace {
+
+constexpr int kCritical = 2;
+
+struct Run {
+  int code = kCritical;
+  std::string output;
+  std::string failure;  // why the daemon would try again; "" for a run that counts
+  double seconds = 0;
+};
+
+const char* wordFor(int code) {
+  switch (code) {
+    case 0:
+      return "OK";
+    case 1:
+      return "WARNING";
+    case kCritical:
+      return "CRITICAL";
+    case 3:
+      return "UNKNOWN";
+    default:
+      return "no word for it";
+  }
+}
+
+/// A plugin of the daemon has nothing to read.
+void closeInput() {
+  const int nothing = open("/dev/null", O_RDONLY);
+  dup2(nothing, STDIN_FILENO);
+  close(nothing);
+}
+
+Run runOnce(const std::shared_ptr<serviceCron>& record) {
+  using Clock = std::chrono::steady_clock;
+  Run run;
+  // What the plugin writes to a terminal by itself would not be made printable.
+  std::optional<CapturedErrors> errors;
+  if (isatty(STDERR_FILENO) == 1) {
+    errors.emplace();
+  }
+  const auto begin = Clock::now();
+  try {
+    run.code = record->execute();
+  } catch (const serviceSafeException& e) {
+    run.failure = e.what();
+  }
+  run.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  run.output = record->GetStdout();
+  if (errors) {
+    printError("{}", errors->take());
+  }
+  return run;
+}
+
+/// The file's content; nothing when there is none.
+std::optional<std::string> storedOutput(const Task& task) {
+  try {
+    return readOutput(task.outputPath());
+  } catch (const Failure&) {
+    return std::nullopt;
+  }
+}
+
+void printDifference(const std::string& line) {
+  if (isTerminal()) {
+    print("{}\n", coloured(line, line.front() == '-' ? Colour::kRed : Colour::kGreen));
+  } else {
+    printOutput(line + "\n");
+  }
+}
+
+void printComparison(const Task& task, const Run& run, const std::optional<std::string>& stored) {
+  if (!stored) {
+    print("--- no stored output to compare with ({})\n", task.outputPath());
+    return;
+  }
+  if (*stored == run.output) {
+    print("--- the same as the stored output, {}\n", task.outputPath());
+    return;
+  }
+  // The daemon does not cut the file, so a shorter output has the end of a longer one behind it.
+  if (stored->starts_with(run.output)) {
+    print("--- the same as the stored output, {}, but for {} of an older, longer one\n",
+          task.outputPath(),
+          counted(static_cast<long>(stored->size() - run.output.size()), "byte"));
+    return;
+  }
+  print("--- compared with the stored output, {}:\n", task.outputPath());
+  for (const std::string& line : diffLines(*stored, run.output)) {
+    printDifference(line);
+  }
+}
+
+void printForPeople(const Task& task, const DaemonIdentity& daemon, const Run& run,
+                    const std::optional<std::string>& stored) {
+  const bool endsInLine = run.output.empty() || run.output.back() == '\n';
+  printOutput(endsInLine ? run.output : run.output + "\n");
+  print("--- return code {} ({}), {:.2f} s, as user {} in {}{}\n", run.code, wordFor(run.code),
+        run.seconds, daemon.userName(), daemon.directory,
+        daemon.pid ? "" : " (no daemon with this configuration runs here)");
+  if (!run.failure.empty()) {
+    print("--- {}\n--- the daemon tries this three times, then the run has failed\n", run.failure);
+  }
+  printComparison(task, run, stored);
+}
+
+void printAsJson(const Task& task, const DaemonIdentity& daemon, const Run& run,
+                 const std::optional<std::string>& stored) {
+  Json::Value json;
+  json["id"] = task.id;
+  json["return_code"] = run.code;
+  json["output"] = run.output;
+  json["failure"] = run.failure.empty() ? Json::Value() : Json::Value(run.failure);
+  json["seconds"] = run.seconds;
+  json["user"] = daemon.userName();
+  json["directory"] = daemon.directory;
+  json["stored_output"] = stored ? Json::Value(*stored) : Json::Value();
+  json["diff"] = Json::Value(Json::arrayValue);
+  for (const std::string& line : diffLines(stored.value_or(""), run.output)) {
+    json["diff"].append(line);
+  }
+  printJson(json);
+}
+
+}  // namespace
+
+int runRerun(const Options& options) {
+  std::optional<Task> task;
+  DaemonIdentity daemon;
+  {
+    // Closed before the plugin starts: nothing of the session shall reach it.
+    Session session(options);
+    session.makeReadOnly();
+    task = readTask(session, options.id);
+    daemon = findDaemon(session.config);
+  }
+  becomeDaemonUser(daemon);
+  closeInput();
+  const Run run = runOnce(task->record());
+  const std::optional<std::string> stored = storedOutput(*task);
+  if (options.asJson) {
+    printAsJson(*task, daemon, run, stored);
+  } else {
+    printForPeople(*task, daemon, run, stored);
+  }
+  return run.code;
+}

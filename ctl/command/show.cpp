@@ -1,0 +1,91 @@
+// koductl show: everything that is known of one task.
+
+#include <fmt/format.h>
+
+#include <string>
+#include <vector>
+
+#include "ctl/command/commands.h"
+#include "ctl/options.h"
+#include "ctl/session/session.h"
+#include "ctl/task/task.h"
+#include "ctl/terminal/print.h"
+#include "ctl/terminal/terminal.h"
+#include "ctl/terminal/text.h"
+#include "task/serviceCron.h"
+
+namespace {
+
+std::string timeOrNever(std::optional<long> time) {
+  return time ? timeText(*time) + " UTC" : "never";
+}
+
+std::string dueText(const Task& task) {
+  const std::string late =
+      task.isLate ? fmt::format(" ({} late)", durationText(task.lateSeconds)) : "";
+  const std::string after = task.afterRun ? ", and then " + timeText(*task.afterRun) + " UTC" : "";
+  return timeOrNever(task.next) + late + after;
+}
+
+std::string argumentsText(const Task& task) {
+  std::string text;
+  for (const std::string& argument : task.record()->GetVectorParam()) {
+    text += fmt::format("{}[{}]", text.empty() ? "" : " ", argument);
+  }
+  return text.empty() ? "none" : text;
+}
+
+std::string flagsText(const Task& task) {
+  if (task.isFlagged) {
+    return " (to be deleted)";
+  }
+  return task.pause ? " (" + oneLine(pauseText(*task.pause, task.now)) + ")" : "";
+}
+
+struct Field {
+  const char* name;
+  std::string value;
+  Colour colour = Colour::kNone;
+};
+
+void printForPeople(const Task& task) {
+  const std::string status = task.status.value_or("not run yet");
+  const std::vector<Field> fields = {
+      {"task", fmt::format("{}  {}", task.id, task.name)},
+      {"plugin", task.path},
+      {"arguments", argumentsText(task)},
+      {"every", task.every ? durationText(*task.every) : "no interval"},
+      {"status", status + flagsText(task), colourOf(status)},
+      {"last due", timeOrNever(task.lastDue)},
+      {"next due", dueText(task)},
+      {"retries", fmt::format("{} of {} used, {} apart", task.failedAttempts, task.maxRetries(),
+                              durationText(task.retryDelay()))},
+      {"failures",
+       fmt::format("{} in the last hour, {} in the last day", task.failuresHour, task.failuresDay)},
+      {"failing", task.failingSince ? "since " + timeText(*task.failingSince) + " UTC" : "no"},
+      {"output", task.outputPath()},
+      {"archive", task.archivePath()},
+  };
+  for (const Field& field : fields) {
+    print("{:<10}{}\n", field.name, coloured(oneLine(field.value), field.colour));
+  }
+}
+
+}  // namespace
+
+int runShow(const Options& options) {
+  Session session(options);
+  session.makeReadOnly();
+  const Task task = readTask(session, options.id);
+  if (!options.asJson) {
+    printForPeople(task);
+    return 0;
+  }
+  Json::Value json = toJson(task);
+  json["arguments"] = Json::Value(Json::arrayValue);
+  for (const std::string& argument : task.record()->GetVectorParam()) {
+    json["arguments"].append(argument);
+  }
+  printJson(json);
+  return 0;
+}

@@ -1,0 +1,251 @@
+#include "ctl/daemon/daemonProcess.h"
+
+#include <fmt/format.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <tuple>
+
+#include "core/globals.h"
+#include "ctl/daemon/process.h"
+#include "ctl/daemon/serviceManager.h"
+#include "ctl/failure.h"
+#include "ctl/session/config.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The value of -f as the daemon reads it, or its default.
+std::string configArgument(std::vector<std::string> arguments) {
+  std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
+  for (std::string& argument : arguments) {
+    pointers.push_back(argument.data());
+  }
+  pointers.push_back(nullptr);
+  std::string path = pathToConfigFile;
+  optind = 0;  // begins anew
+  opterr = 0;
+  const auto count = static_cast<int>(arguments.size());
+  // Nothing else in koductl reads a command line with it, and there is one thread.
+  for (int option = 0;  // NOLINTNEXTLINE(concurrency-mt-unsafe)
+       (option = getopt(count, pointers.data(), "f:D")) != -1;) {
+    if (option == 'f') {
+      path = optarg;
+    }
+  }
+  return path;
+}
+
+bool hasConfig(pid_t process, const std::string& mainFile) {
+  std::error_code error;
+  // A path that is relative is so to the daemon's directory; joining drops it for an absolute one.
+  return fs::equivalent(fs::path(directoryOf(process)) / configArgument(argumentsOf(process)),
+                        mainFile, error);
+}
+
+/// Where the daemon's executable may lie: beside koductl in a folder of builds, and where the
+/// package, or an installation by hand, puts the one that belongs to this koductl.
+std::vector<fs::path> executables() {
+  std::error_code error;
+  const fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();
+  return {folder / "koducron", folder.parent_path() / "sbin/koducron", "/usr/sbin/koducron"};
+}
+
+bool runsDaemon(pid_t process) {
+  const std::vector<fs::path> allowed = executables();
+  return std::ranges::any_of(allowed,
+                             [&](const fs::path& path) { return isRunning(process, path); });
+}
+
+/// True when writing the log proves something: not everybody may, and it is no device.
+bool isLogGuarded(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+         (status.st_mode & S_IWOTH) == 0;
+}
+
+bool isDaemonOf(pid_t process, const DaemonConfig& config) {
+  return runsDaemon(process) && hasConfig(process, config.mainFile) &&
+         isLogGuarded(fs::path(directoryOf(process)) / config.logFile) &&
+         holdsForWriting(process, config.logFile);
+}
+
+/// The processes that have the daemon's executable and configuration and write its log.
+std::vector<pid_t> writersOfLog(const DaemonConfig& config) {
+  std::vector<pid_t> found;
+  std::vector<pid_t> parents;
+  for (const pid_t process : processes()) {
+    const pid_t parent = statusOf(process).parent;  // asked before it may have ended
+    if (isDaemonOf(process, config)) {
+      found.push_back(process);
+      parents.push_back(parent);
+    }
+  }
+  // The daemon's child is a copy of it until it has become a plugin.
+  std::vector<pid_t> daemons;
+  for (std::size_t i = 0; i < found.size(); ++i) {
+    if (std::ranges::count(found, parents[i]) == 0) {
+      daemons.push_back(found[i]);
+    }
+  }
+  return daemons;
+}
+
+/// The process of the service manager's unit, when that has this configuration.
+std::optional<pid_t> findService(const DaemonConfig& config) {
+  const std::optional<pid_t> process = daemonOfServiceManager();
+  if (!process || !hasConfig(*process, config.mainFile)) {
+    return std::nullopt;
+  }
+  // Who may not see its executable cannot take its rights either.
+  if (const std::string path = executableOf(*process); !path.empty() && !runsDaemon(*process)) {
+    throw Failure(
+        kNotPermitted,
+        fmt::format("the service koducron runs {} (pid {}), which is not the daemon of this "
+                    "koductl: use the koductl that was installed with it",
+                    path, *process));
+  }
+  return process;
+}
+
+std::optional<pid_t> findRunning(const DaemonConfig& config) {
+  if (const auto service = findService(config)) {
+    return service;
+  }
+  const std::vector<pid_t> found = writersOfLog(config);
+  if (found.size() > 1) {
+    throw Failure(
+        kNotPermitted,
+        fmt::format("{} processes write the log {}, and each could be the daemon (pids {}): "
+                    "stop all but one",
+                    found.size(), config.logFile, fmt::join(found, ", ")));
+  }
+  return found.empty() ? std::nullopt : std::optional(found.front());
+}
+
+DaemonIdentity identityOf(pid_t process) {
+  const ProcessStatus status = statusOf(process);
+  if (!status.isOneUser()) {
+    throw Failure(
+        kNotPermitted,
+        fmt::format("the daemon (pid {}) has more than one user or group at a time, so that "
+                    "its rights are not clear: start it again as one user",
+                    process));
+  }
+  DaemonIdentity identity;
+  identity.pid = process;
+  identity.uid = status.uids.front();
+  identity.gid = status.gids.front();
+  identity.groups = status.groups;
+  identity.umask = status.umask;
+  identity.directory = directoryOf(process);
+  return identity;
+}
+
+void addGroupsOfUser(DaemonIdentity& identity) {
+  const passwd* user = getpwuid(identity.uid);
+  if (user == nullptr) {
+    return;
+  }
+  identity.gid = user->pw_gid;
+  int count = 0;
+  getgrouplist(user->pw_name, user->pw_gid, nullptr, &count);  // tells how many
+  identity.groups.resize(static_cast<std::size_t>(count));
+  if (getgrouplist(user->pw_name, user->pw_gid, identity.groups.data(), &count) < 0) {
+    throw Failure(kNotPermitted, fmt::format("cannot tell the groups of user {}", user->pw_name));
+  }
+  identity.groups.resize(static_cast<std::size_t>(count));
+}
+
+/// Where no daemon runs: the user whom its files belong to.
+DaemonIdentity identityOfOwner(const DaemonConfig& config) {
+  DaemonIdentity identity;
+  struct stat status {};
+  const bool hasLog = stat(config.logFile.c_str(), &status) == 0;
+  const bool hasOwner = hasLog || stat(config.outputDirectory.c_str(), &status) == 0;
+  identity.uid = hasOwner ? status.st_uid : geteuid();
+  identity.gid = hasOwner ? status.st_gid : getegid();
+  // A folder that root made, or a log that others may write, does not make the daemon root's.
+  identity.isKnown = identity.uid != 0 || (hasLog && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0);
+  addGroupsOfUser(identity);
+  return identity;
+}
+
+std::vector<gid_t> groupsOfThisProcess() {
+  std::vector<gid_t> groups(static_cast<std::size_t>(getgroups(0, nullptr)));
+  groups.resize(
+      static_cast<std::size_t>(getgroups(static_cast<int>(groups.size()), groups.data())));
+  return groups;
+}
+
+}  // namespace
+
+std::string DaemonIdentity::userName() const {
+  const passwd* user = getpwuid(uid);
+  return user == nullptr ? std::to_string(uid) : user->pw_name;
+}
+
+bool DaemonIdentity::canBeTaken() const {
+  return geteuid() == 0 || geteuid() == uid;
+}
+
+void DaemonIdentity::requireKnown() const {
+  if (!isKnown && geteuid() == 0) {
+    throw Failure(
+        kNotPermitted,
+        "no daemon with this configuration runs here, and its files do not tell its user: "
+        "start it, or run koductl as its user");
+  }
+}
+
+DaemonIdentity findDaemon(const DaemonConfig& config) {
+  const std::optional<pid_t> process = findRunning(config);
+  return process ? identityOf(*process) : identityOfOwner(config);
+}
+
+AsDaemon::AsDaemon(const DaemonIdentity& identity) {
+  if (geteuid() != 0 || identity.uid == 0) {
+    return;
+  }
+  ownGroup = getegid();
+  ownGroups = groupsOfThisProcess();
+  isTaken = true;
+  // In this order: the user last, since nobody else may change groups.
+  if (setgroups(identity.groups.size(), identity.groups.data()) != 0 ||
+      setegid(identity.gid) != 0 || seteuid(identity.uid) != 0) {
+    throw Failure(kNotPermitted, "cannot look with the rights of user " + identity.userName());
+  }
+}
+
+AsDaemon::~AsDaemon() {
+  if (isTaken) {
+    std::ignore = seteuid(0);
+    std::ignore = setegid(ownGroup);
+    std::ignore = setgroups(ownGroups.size(), ownGroups.data());
+  }
+}
+
+void becomeDaemonUser(const DaemonIdentity& identity) {
+  identity.requireKnown();
+  if (!identity.canBeTaken()) {
+    throw Failure(kNotPermitted,
+                  fmt::format("the daemon works as user {}: run koductl as that user, "
+                              "by sudo -u {}, or as root",
+                              identity.userName(), identity.userName()));
+  }
+  const bool isRoot = geteuid() == 0;
+  const bool isDone = chdir(identity.directory.c_str()) == 0 &&
+                      (!isRoot || (setgroups(identity.groups.size(), identity.groups.data()) == 0 &&
+                                   setgid(identity.gid) == 0 && setuid(identity.uid) == 0));
+  if (!isDone) {
+    throw Failure(kNotPermitted, fmt::format("cannot work as user {} in {}", identity.userName(),
+                                             identity.directory));
+  }
+  ::umask(identity.umask);
+}

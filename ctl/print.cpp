@@ -1,5 +1,0 @@
-#include "ctl/print.h"
-
-void printOutput(const std::string& bytes) {
-  fmt::print(stdout, "{}", isTerminal() ? printable(bytes) : bytes);
-}

@@ -1,0 +1,130 @@
+#include "ctl/session/config.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+#include "core/globals.h"
+#include "core/iniConfig.h"
+#include "ctl/failure.h"
+#include "ctl/files/regularFile.h"
+
+namespace {
+
+/// Before the first lookup, since the reader's own message does not say why.
+void requireReadable(const std::string& path, const std::string& advice) {
+  struct stat status {};
+  const auto kind = stat(path.c_str(), &status) == 0 ? waitingKind(status.st_mode) : std::nullopt;
+  const std::ifstream file(kind ? "" : path);
+  if (file.is_open()) {
+    return;
+  }
+  const int error = errno;
+  throw Failure(
+      error == EACCES ? kNotPermitted : kWrongConfig,
+      fmt::format("cannot read {}: {}; {}", path, kind.value_or(std::strerror(error)), advice));
+}
+
+/// `value` as libpq reads it behind a "=".
+std::string quoted(const std::string& value) {
+  std::string text = "'";
+  for (const char c : value) {
+    if (c == '\'' || c == '\\') {
+      text += '\\';
+    }
+    text += c;
+  }
+  return text + "'";
+}
+
+void readDatabaseFile(DaemonConfig& config) {
+  const iniConfig database(config.databaseFile);
+  config.host = database.getKey("POSTGRESQL", "PGSQL_host");
+  config.port = database.getKey("POSTGRESQL", "PGSQL_port");
+  config.database = database.getKey("POSTGRESQL", "PGSQL_db");
+  config.user = database.getKey("POSTGRESQL", "PGSQL_username");
+  config.password = database.getKey("POSTGRESQL", "PGSQL_pwd");
+}
+
+bool mayRead(const std::string& path) {
+  return faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) == 0 || errno != EACCES;
+}
+
+bool isInEnvironment(const char* name) {
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): there is one thread
+  return value != nullptr && *value != '\0';
+}
+
+/// For a role of the caller's own, whose password is not in the file.
+void requireDatabaseInEnvironment(const DaemonConfig& config) {
+  if (!isInEnvironment("PGDATABASE") && !isInEnvironment("PGSERVICE")) {
+    throw Failure(
+        kNotPermitted,
+        fmt::format("cannot read {}: {}; with --user, name the database by PGHOST, PGPORT "
+                    "and PGDATABASE, or by PGSERVICE",
+                    config.databaseFile, std::strerror(EACCES)));
+  }
+}
+
+}  // namespace
+
+DaemonConfig readConfig(const std::string& mainFile, const std::string& user) {
+  requireReadable(mainFile, "name the daemon's main INI file with -f");
+  const iniConfig mainConfig(mainFile);
+  DaemonConfig config;
+  config.mainFile = mainFile;
+  config.logFile = mainConfig.getKey("LOG", "log_file");
+  config.outputDirectory = mainConfig.getKey("LOG", "log_path_task");
+  config.threadNumber = mainConfig.getKey("CRON", "thread_number");
+  config.databaseFile = mainConfig.getKey("CRON", "kodu_conf_file");
+  if (config.outputDirectory.empty()) {
+    config.outputDirectory = log_directory;
+  }
+  // The daemon puts a slash of its own behind it: its "output//1_last.txt" is this very file.
+  while (config.outputDirectory.size() > 1 && config.outputDirectory.ends_with('/')) {
+    config.outputDirectory.pop_back();
+  }
+  log_directory = config.outputDirectory;
+  if (config.databaseFile.empty()) {
+    throw Failure(kWrongConfig, fmt::format("{} names no database file: write kodu_conf_file=PATH "
+                                            "into its section [CRON]",
+                                            mainFile));
+  }
+  config.isDatabaseFileRead = user.empty() || mayRead(config.databaseFile);
+  if (!config.isDatabaseFileRead) {
+    requireDatabaseInEnvironment(config);
+    config.user = "kodu";
+    return config;
+  }
+  requireReadable(config.databaseFile,
+                  fmt::format("kodu_conf_file in {} names it; run koductl as the daemon's user or "
+                              "as root where only they may read it, or with --user ROLE",
+                              mainFile));
+  readDatabaseFile(config);
+  return config;
+}
+
+std::string connectionString(const DaemonConfig& config, const std::string& user) {
+  const std::string own = "application_name=kodu_ctl connect_timeout=10";
+  if (!config.isDatabaseFileRead) {
+    return own + " user=" + quoted(user);
+  }
+  // Unquoted, as the daemon inserts them: a value may bring further settings of libpq with it. Ours
+  // stand first, so that those win; the healthcheck does not take a kodu_ session for the daemon.
+  const std::string place =
+      fmt::format("{} host={} port={} dbname={}", own, config.host, config.port, config.database);
+  if (!user.empty()) {
+    return place + " user=" + quoted(user);
+  }
+  return fmt::format("{} user={} password={}", place, config.user, config.password);
+}
+
+std::string connectionString(const std::string& given) {
+  return "application_name=kodu_ctl connect_timeout=10 " + given;
+}

@@ -1,0 +1,240 @@
+#include "ctl/session/session.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <stdexcept>
+#include <string_view>
+
+#include "core/iniConfig.h"
+#include "ctl/failure.h"
+#include "ctl/options.h"
+#include "ctl/session/schemaVersion.h"
+#include "ctl/terminal/capturedErrors.h"
+#include "ctl/terminal/print.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// What a server that ends a statement in time may need to say so.
+constexpr std::chrono::seconds kGrace{5};
+
+/// "NOTICE:  task 7 is paused already" on standard error, in koductl's own form.
+void printNotice(void*, const char* message) {
+  printError("koductl: {}\n", serverMessage(message));
+}
+
+/// libpq begins the further lines of some of its messages with a tab.
+std::string withoutTabs(std::string message) {
+  for (std::size_t at = 0; (at = message.find("\n\t", at)) != std::string::npos;) {
+    message.erase(at + 1, 1);
+  }
+  return message;
+}
+
+Connection connect(const std::string& conninfo) {
+  // Until the processor of notices is set, libpq writes them to standard error itself.
+  CapturedErrors libpqErrors;
+  Connection connection(PQconnectdb(conninfo.c_str()));
+  if (const std::string text = libpqErrors.take(); !text.empty()) {
+    printNotice(nullptr, text.c_str());
+  }
+  PQsetErrorVerbosity(connection.get(), PQERRORS_VERBOSE);  // with the SQLSTATE
+  PQsetNoticeProcessor(connection.get(), printNotice, nullptr);
+  return connection;
+}
+
+// Whatever the role or the environment says: times are UTC, names are the schema's, and nothing
+// waits for ever. kodu_daemon_state learns whose sessions are the daemon's: those of the role that
+// the INI file names. No compiling: the view of all tasks looks expensive to the planner, and is
+// not.
+constexpr const char* kSettings = R"(
+SELECT set_config('timezone', 'UTC', false), set_config('search_path', 'public', false),
+       set_config('client_encoding', 'UTF8', false), set_config('lock_timeout', $1, false),
+       set_config('statement_timeout', $2, false), set_config('kodu.daemon_role', $3, false),
+       set_config('jit', 'off', false))";
+
+Connection connectAs(const Options& options, const DaemonConfig& config,
+                     const std::string& conninfo) {
+  Connection connection = connect(conninfo);
+  if (PQstatus(connection.get()) == CONNECTION_OK) {
+    return connection;
+  }
+  const std::string place = !options.connection.empty() ? "what --connect says"
+                            : config.isDatabaseFileRead ? config.databaseFile
+                                                        : "PGHOST and PGPORT";
+  const std::string password =
+      options.user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
+  throw Failure(kNoDatabase,
+                fmt::format("{}\nlook whether the server runs, and at {}{}",
+                            withoutTabs(trim(PQerrorMessage(connection.get()))), place, password));
+}
+
+std::string sqlState(const ResultPtr& result) {
+  const char* state = PQresultErrorField(result.get(), PG_DIAG_SQLSTATE);
+  return state == nullptr ? "" : state;
+}
+
+/// Whether an error is about a table, a column or a function that is not there.
+bool isAboutMissing(const std::string& state) {
+  return state == "42P01" || state == "42703" || state == "42883";
+}
+
+/// Why a statement has ended that waited for a lock longer than `limit`, by the option's name.
+std::string lockedText(const LockWatch& watch, int seconds, const char* option) {
+  const std::string holders =
+      watch.holders().empty() ? "which session has the lock is not known" : watch.holders();
+  const std::string remedy =
+      watch.remedy().empty() ? "" : fmt::format(", or end that with {}", watch.remedy());
+  return fmt::format(
+      "{} was locked for {} s; nothing was changed\nthe lock is with {}\ntry again when the "
+      "transaction there has ended{}; {} SECONDS waits longer",
+      watch.lock().empty() ? "something" : watch.lock(), seconds, holders, remedy, option);
+}
+
+}  // namespace
+
+int Rows::indexOf(const char* column) const {
+  const int index = PQfnumber(result.get(), column);
+  if (index < 0) {
+    throw std::logic_error(std::string("no column ") + column);
+  }
+  return index;
+}
+
+bool Rows::isNull(int row, const char* column) const {
+  return PQgetisnull(result.get(), row, indexOf(column)) == 1;
+}
+
+std::string Rows::text(int row, const char* column) const {
+  return PQgetvalue(result.get(), row, indexOf(column));
+}
+
+std::optional<std::string> Rows::optionalText(int row, const char* column) const {
+  return isNull(row, column) ? std::nullopt : std::optional(text(row, column));
+}
+
+long Rows::number(int row, const char* column) const {
+  return optionalNumber(row, column).value_or(0);
+}
+
+std::optional<long> Rows::optionalNumber(int row, const char* column) const {
+  return isNull(row, column) ? std::nullopt : std::optional(std::stol(text(row, column)));
+}
+
+Session::Session(const Options& options, SchemaRule rule)
+    : config(options.connection.empty() ? readConfig(options.configFile, options.user)
+                                        : DaemonConfig{}),
+      conninfo(options.connection.empty() ? connectionString(config, options.user)
+                                          : connectionString(options.connection)),
+      lockTimeout(options.lockTimeout),
+      statementTimeout(options.statementTimeout),
+      connection(connectAs(options, config, conninfo)) {
+  query(kSettings,
+        {fmt::format("{}s", lockTimeout), fmt::format("{}s", statementTimeout), trim(config.user)});
+  if (rule == SchemaRule::kKnownVersion) {
+    const SchemaState state = readSchemaState(*this);
+    refuseNewerSchema(state);
+    advice = state.isBehind() ? fmt::format("\n{}", upgradeAdvice(state)) : "";
+  }
+}
+
+Session::~Session() = default;
+
+void Session::makeReadOnly() {
+  query("SET default_transaction_read_only = on");
+}
+
+Rows Session::query(const std::string& sql, const std::vector<std::string>& params) {
+  std::vector<const char*> values;
+  std::transform(params.begin(), params.end(), std::back_inserter(values),
+                 [](const std::string& param) { return param.c_str(); });
+  PQsendQueryParams(connection.get(), sql.c_str(), static_cast<int>(values.size()), nullptr,
+                    values.data(), nullptr, nullptr, 0);
+  return Rows(awaitResult(statementTimeout).release());
+}
+
+/// The result of what was sent, the last of several; a failed one is thrown. A server that takes
+/// longer than `limit` seconds is given up; 0 is no limit. Meanwhile a watch looks for a lock each
+/// second, or four times within a shorter limit.
+ResultPtr Session::awaitResult(int limit) {
+  const std::chrono::milliseconds step(lockTimeout > 0 ? std::min(1000, lockTimeout * 250) : 1000);
+  const auto end = Clock::now() + std::chrono::seconds(limit) + kGrace;
+  LockWatch watch(conninfo + " connect_timeout=2", PQbackendPID(connection.get()));
+  while (!hasReplied(connection.get(), step)) {
+    watch.look();
+    if (limit > 0 && Clock::now() > end) {
+      throw Failure(kNoDatabase,
+                    fmt::format("the server has not ended the statement after {} s: it hangs, or "
+                                "the network is cut; what has become of the statement is not known",
+                                limit));
+    }
+  }
+  ResultPtr result = replyOf(connection.get());
+  const ExecStatusType status = PQresultStatus(result.get());
+  if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+    fail(result, watch);
+  }
+  return result;
+}
+
+void Session::fail(const ResultPtr& result, const LockWatch& watch) const {
+  constexpr std::string_view kLockTimeout = "55P03";
+  constexpr std::string_view kCancelled = "57014";  // also by the statement's timeout
+  constexpr std::string_view kNoRight = "42501";
+  const std::string said =
+      serverMessage(result ? PQresultErrorMessage(result.get()) : PQerrorMessage(connection.get()));
+  const std::string state = sqlState(result);
+  if (PQstatus(connection.get()) != CONNECTION_OK) {
+    throw Failure(kNoDatabase, said);
+  }
+  if (state == kLockTimeout) {
+    throw Failure(kNoDatabase, lockedText(watch, lockTimeout, "--lock-timeout"), state);
+  }
+  if (state == kCancelled && !watch.lock().empty()) {
+    throw Failure(kNoDatabase, lockedText(watch, statementTimeout, "--statement-timeout"));
+  }
+  if (state == kCancelled) {
+    throw Failure(kNoDatabase, fmt::format("{}; nothing was changed\nits limit is {} s: "
+                                           "--statement-timeout SECONDS gives it longer",
+                                           said, statementTimeout));
+  }
+  throw Failure(state == kNoRight ? kNotPermitted : kRefused,
+                said + (isAboutMissing(state) ? advice : ""), state);
+}
+
+void Session::execute(const std::string& sql) {
+  PQsendQuery(connection.get(), sql.c_str());
+  awaitResult(0);
+}
+
+bool isDaemonConnected(Session& session) {
+  return session.query("SELECT connected FROM kodu_daemon_state").isTrue(0, "connected");
+}
+
+long countDaemons(Session& session) {
+  return session.query("SELECT daemons FROM kodu_daemon_state").number(0, "daemons");
+}
+
+std::string serverMessage(const std::string& text) {
+  std::string message = text;
+  // "ERROR:  42501: ..."; the severity comes in the server's language, the code is five letters or
+  // digits. Without a code the beginning may be the message itself.
+  const auto end = message.find(":  ");
+  const std::string_view code = std::string_view(message).substr(std::min(end, message.size()));
+  if (code.size() > 9 && end < message.find('\n') && code.substr(8, 2) == ": " &&
+      std::all_of(code.begin() + 3, code.begin() + 8,
+                  [](unsigned char c) { return std::isalnum(c) != 0; })) {
+    message.erase(0, end + 10);
+  }
+  for (const char* developers : {"\nCONTEXT:", "\nSCHEMA NAME:", "\nLOCATION:"}) {
+    message.erase(std::min(message.find(developers), message.size()));
+  }
+  if (const auto hint = message.find("\nHINT:  "); hint != std::string::npos) {
+    message.replace(hint + 1, 7, "hint: ");
+  }
+  return withoutTabs(trim(message));
+}

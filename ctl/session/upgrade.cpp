@@ -1,0 +1,167 @@
+#include "ctl/session/upgrade.h"
+
+#include <fmt/format.h>
+
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "ctl/failure.h"
+#include "ctl/session/schemaSql.h"
+#include "ctl/session/schemaVersion.h"
+#include "ctl/session/session.h"
+
+namespace {
+
+// Between two tries the daemon has the tables. It is never made to wait behind a waiting upgrade.
+constexpr std::chrono::milliseconds kPause{50};
+
+constexpr const char* kLockNotAvailable = "55P03";
+
+// What an upgrade of any release asks for, so it never changes.
+constexpr const char* kTakeTurn = "SELECT pg_try_advisory_xact_lock(6420241122) AS is_mine";
+
+// Views first: who reads one holds a lock on it, and comes to the tables then. NOWAIT: a lock that
+// is waited for keeps all later ones back, the daemon's too; and who waits while it holds others
+// can meet the daemon in a deadlock, which may end the daemon.
+constexpr const char* kLockAll = R"(
+DO $$
+DECLARE
+    names text;
+BEGIN
+    SELECT string_agg(oid::regclass::text, ', ' ORDER BY relkind DESC, relname) INTO names
+    FROM pg_class
+    WHERE relnamespace = 'public'::regnamespace AND relkind IN ('r', 'v')
+      AND starts_with(relname, 'kodu_');
+    EXECUTE 'LOCK TABLE ' || names || ' IN ACCESS EXCLUSIVE MODE NOWAIT';
+END
+$$)";
+
+constexpr const char* kHolders = R"(
+SELECT string_agg(DISTINCT format('session %s of %s%s', pid, usename,
+                                  nullif(' (' || application_name || ')', ' ()')), ', ') AS holders
+FROM pg_locks JOIN pg_stat_activity USING (pid)
+WHERE granted AND pid <> pg_backend_pid() AND locktype = 'relation'
+  AND relation IN (SELECT oid FROM pg_class WHERE relnamespace = 'public'::regnamespace
+                                              AND relkind IN ('r', 'v')
+                                              AND starts_with(relname, 'kodu_')))";
+
+constexpr const char* kHasFunctions =
+    "SELECT to_regproc('public.kodu_notify_of_task') IS NOT NULL AS has_functions";
+
+/// A transaction that goes back unless it is committed.
+class Transaction {
+ public:
+  explicit Transaction(Session& owner) : session(owner) {
+    // No limit of time: this one is about locks, and its statements may take as long as they do.
+    session.execute(
+        "BEGIN; SET LOCAL lock_timeout = '500ms'; SET LOCAL statement_timeout = 0;"
+        "SET LOCAL client_min_messages = warning; SET LOCAL search_path = public");
+  }
+  ~Transaction() {
+    if (!isOver) {
+      try {
+        session.execute("ROLLBACK");
+      } catch (const Failure&) {
+        // The connection is lost, and the transaction with it.
+        isOver = true;
+      }
+    }
+  }
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+
+  void commit() {
+    session.execute("COMMIT");
+    isOver = true;
+  }
+
+ private:
+  Session& session;
+  bool isOver = false;
+};
+
+void takeTurn(Session& session) {
+  if (!session.query(kTakeTurn).isTrue(0, "is_mine")) {
+    throw Failure(kRefused, "another upgrade of this database is in progress");
+  }
+}
+
+/// False when somebody has one of the tables.
+bool lockAll(Session& session) {
+  try {
+    session.execute(kLockAll);
+    return true;
+  } catch (const Failure& e) {
+    if (e.sqlState != kLockNotAvailable) {
+      throw;
+    }
+    return false;
+  }
+}
+
+[[noreturn]] void failWithoutLock(Session& session, std::chrono::seconds patience) {
+  const std::string holders = session.query(kHolders).text(0, "holders");
+  throw Failure(kNoDatabase,
+                fmt::format("the tables were in use for {} s, and nothing is changed: {}; say "
+                            "--wait SECONDS to try longer",
+                            patience.count(), holders.empty() ? "by short statements" : holders));
+}
+
+void applyMigrations(Session& session, int version) {
+  for (const Migration& migration : migrations()) {
+    if (migration.version > version) {
+      session.execute(migration.sql);
+      session.query("INSERT INTO kodu_schema_version (version, title) VALUES ($1::int, $2)",
+                    {std::to_string(migration.version), migration.title});
+    }
+  }
+}
+
+void redefine(Session& session) {
+  // A database that was given no functions gets none: their triggers notify the daemon, and a
+  // platform that notifies it too would have each new task run twice.
+  const bool hasFunctions = session.query(kHasFunctions).isTrue(0, "has_functions");
+  session.execute(beforeSql);
+  session.execute(schemaSql);
+  if (hasFunctions) {
+    session.execute(functionsSql);
+  }
+  session.execute(afterSql);
+}
+
+/// The version that was there; nothing when the tables are in use.
+std::optional<int> tryUpgrade(Session& session, bool isDryRun) {
+  Transaction transaction(session);
+  takeTurn(session);
+  const SchemaState state = readSchemaState(session);
+  if (!state.tablesExist) {
+    throw Failure(kRefused,
+                  "this database has no tables of koducron: load sql/schema.sql as its owner");
+  }
+  refuseNewerSchema(state);
+  if (!lockAll(session)) {
+    return std::nullopt;
+  }
+  applyMigrations(session, state.version);
+  redefine(session);
+  if (!isDryRun) {
+    transaction.commit();
+  }
+  return state.version;
+}
+
+}  // namespace
+
+int upgradeSchema(Session& session, const UpgradeMode& mode) {
+  const auto end = std::chrono::steady_clock::now() + mode.patience;
+  while (true) {
+    if (const std::optional<int> before = tryUpgrade(session, mode.isDryRun)) {
+      return *before;
+    }
+    if (std::chrono::steady_clock::now() >= end) {
+      failWithoutLock(session, mode.patience);
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+}

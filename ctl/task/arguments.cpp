@@ -1,0 +1,42 @@
+#include "ctl/task/arguments.h"
+
+#include <fmt/format.h>
+
+#include "ctl/failure.h"
+#include "task/serviceSafe.h"
+
+namespace {
+
+void refuseInexpressible(const std::string& argument) {
+  if (argument.empty()) {
+    throw Failure(kRefused, "an empty argument cannot be given to a plugin: the daemon drops it");
+  }
+  if (argument.find_first_of("\"'") != std::string::npos) {
+    throw Failure(kRefused,
+                  fmt::format("the argument {} holds a quote, and no task's argument can: either "
+                              "kind only switches quoting on and off. Have a script of yours as "
+                              "the plugin, and write the quote there",
+                              argument));
+  }
+}
+
+std::string quoted(const std::string& argument) {
+  return argument.find(' ') == std::string::npos ? argument : fmt::format("\"{}\"", argument);
+}
+
+}  // namespace
+
+std::string parameterString(const std::vector<std::string>& arguments) {
+  std::string text;
+  for (const std::string& argument : arguments) {
+    refuseInexpressible(argument);
+    text += fmt::format("{}{}", text.empty() ? "" : " ", quoted(argument));
+  }
+  // By the daemon's own parser, whose rules alone count.
+  serviceSafe record;
+  record.Setparameter(text);
+  if (record.GetVectorParam() != arguments) {
+    throw Failure(kRefused, fmt::format("the daemon would split {} into other arguments", text));
+  }
+  return text;
+}

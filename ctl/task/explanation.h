@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "ctl/daemon/daemonProcess.h"
+#include "ctl/task/task.h"
+
+/// What an explanation needs besides the task's own row.
+struct Surroundings {
+  DaemonIdentity daemon;
+  bool isConnected = false;  // a session of the daemon is in the database
+  int workers = 0;           // as the INI file has it
+  Workload workload;
+  std::string failureText;  // what the latest failed run said first; empty when nothing can be read
+  bool isFailureSilent = false;  // the latest failed run's output is there, and empty
+};
+
+/// Sentences: what the task is, how its last run ended, what it waits for, which rule set its next
+/// time, since when it fails and with which text, whether its plugin can be run and its output be
+/// written.
+std::vector<std::string> explain(const Task& task, const Surroundings& around);

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <fmt/core.h>
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "ctl/terminal/terminal.h"
+
+// All that koductl prints passes here, so that nothing that comes from the database, a file, a
+// plugin or the command line can command a terminal. A format's own text is trusted, its arguments
+// are not. Tested by PrintTest.IsTheOnlyWayOut.
+
+/// What print() shows of an argument: texts as printable() has them, all else as it is.
+template <typename Argument>
+decltype(auto) shown(const Argument& argument) {
+  if constexpr (std::is_same_v<Argument, Styled>) {
+    return static_cast<const std::string&>(argument.text);
+  } else if constexpr (std::is_convertible_v<const Argument&, std::string_view>) {
+    return printable(argument);
+  } else {
+    return argument;
+  }
+}
+
+template <typename... Arguments>
+using Format = fmt::format_string<decltype(shown(std::declval<const Arguments&>()))...>;
+
+/// Prints to standard output. Throws std::system_error when that takes no more.
+template <typename... Arguments>
+void print(Format<Arguments...> format, const Arguments&... arguments) {
+  fmt::print(stdout, format, shown(arguments)...);
+}
+
+/// Prints to standard error. Throws as print().
+template <typename... Arguments>
+void printError(Format<Arguments...> format, const Arguments&... arguments) {
+  fmt::print(stderr, format, shown(arguments)...);
+}
+
+/// Prints what a plugin has printed: to a terminal as print() does, elsewhere byte for byte.
+void printOutput(const std::string& bytes);

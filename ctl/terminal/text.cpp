@@ -1,0 +1,105 @@
+#include "ctl/terminal/text.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+#include <utility>
+
+#include "common/plainText.h"
+#include "ctl/terminal/print.h"
+#include "sched/pluginOutput.h"
+
+namespace {
+
+std::string formatted(long time, const char* pattern) {
+  const std::time_t seconds = time;
+  std::tm parts{};
+  gmtime_r(&seconds, &parts);
+  std::array<char, 64> text{};
+  const std::size_t length = std::strftime(text.data(), text.size(), pattern, &parts);
+  return {text.data(), length};
+}
+
+/// JSON text with the unsafe characters that a writer of JSON lets pass in the form "\u009b".
+/// Outside of its strings JSON has none but the newlines that indent it.
+std::string escaped(std::string_view json) {
+  std::string text;
+  text.reserve(json.size());
+  while (!json.empty()) {
+    const Utf8Character first = firstUtf8Character(json);
+    if (isUnsafe(first.code) && first.code != '\n') {
+      text += fmt::format("\\u{:04x}", static_cast<unsigned>(first.code));
+    } else {
+      text += json.substr(0, first.bytes);
+    }
+    json.remove_prefix(first.bytes);
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string timeText(long time) {
+  return formatted(time, "%Y-%m-%d %H:%M:%S");
+}
+
+std::string shortTime(std::optional<long> time, long now) {
+  if (!time) {
+    return "-";
+  }
+  constexpr long kDay = 86400;
+  return *time / kDay == now / kDay ? formatted(*time, "%H:%M:%S") : timeText(*time);
+}
+
+std::string durationText(long seconds) {
+  constexpr std::array<std::pair<long, char>, 4> kUnits = {
+      {{86400, 'd'}, {3600, 'h'}, {60, 'm'}, {1, 's'}}};
+  std::string text;
+  int parts = 0;
+  for (const auto& [length, letter] : kUnits) {
+    const long amount = seconds / length;
+    seconds %= length;
+    if (amount > 0) {
+      text += fmt::format("{}{}{}", text.empty() ? "" : " ", amount, letter);
+    }
+    if (!text.empty() && ++parts == 2) {
+      break;
+    }
+  }
+  return text.empty() ? "0s" : text;
+}
+
+std::string counted(long count, const std::string& noun) {
+  return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
+
+Json::Value jsonMoment(std::string time) {
+  if (time.empty()) {
+    return {};
+  }
+  std::replace(time.begin(), time.end(), ' ', 'T');
+  return time + "Z";
+}
+
+Json::Value jsonTime(std::optional<long> time) {
+  return time ? Json::Value(formatted(*time, "%Y-%m-%dT%H:%M:%SZ")) : Json::Value();
+}
+
+Json::Value jsonNumber(std::optional<long> number) {
+  return number ? Json::Value(Json::Int64{*number}) : Json::Value();
+}
+
+Json::Value jsonText(const std::optional<std::string>& text) {
+  return text ? Json::Value(*text) : Json::Value();
+}
+
+void printJson(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "  ";
+  builder["emitUTF8"] = true;
+  std::string text = Json::writeString(builder, value);
+  repairUtf8(text);
+  print("{}\n", Styled(escaped(text)));
+}
