@@ -21,6 +21,7 @@
 #include "admin/listener.h"
 #include "admin/loader.h"
 #include "core/FileException.h"
+#include "core/constants.h"
 #include "core/globals.h"
 #include "core/iniConfig.h"
 #include "core/logFile.h"
@@ -56,10 +57,10 @@ void parseCommandLine(int argc, char** argv) {
 void openLog(const iniConfig& config) {
   const std::string path = config.getKey("LOG", "log_file");
   if (debug == 1) {
-    fileLog = new logFile(0, path);
-    fileLog->write(0, "Debug mode enabled");
+    fileLog = new logFile(kLogDebug, path);
+    fileLog->write(kLogDebug, "Debug mode enabled");
   } else {
-    fileLog = new logFile(2, path);
+    fileLog = new logFile(kLogNotice, path);
   }
 }
 
@@ -87,7 +88,7 @@ void prepareLogDirectory(const iniConfig& config) {
   if (std::filesystem::exists(std::filesystem::status(log_directory))) {
     return;
   }
-  fileLog->write(2, "KODUCRON log directory does not exist");
+  fileLog->write(kLogNotice, "KODUCRON log directory does not exist");
   std::filesystem::create_directories(log_directory);
   std::filesystem::create_directories(log_directory + "/archive/");
 }
@@ -104,15 +105,16 @@ std::string connectionString(const iniConfig& config) {
 }
 
 void connectDatabase(const std::string& configPath) {
-  fileLog->write(2, "KODUCRON Database connection ....");
+  fileLog->write(kLogNotice, "KODUCRON Database connection ....");
   const iniConfig config(configPath);
   pgSQL = new pgSafeThread(connectionString(config));
-  fileLog->write(2, "Connection database sucessful. Encoding: " + pgSQL->getClientEncoding());
+  fileLog->write(kLogNotice,
+                 "Connection database sucessful. Encoding: " + pgSQL->getClientEncoding());
 }
 
 /// Starts the timer, admin and listener threads, which it returns, then the workers.
 Threads startThreads(int workers) {
-  fileLog->write(2, "Start Thread");
+  fileLog->write(kLogNotice, "Start Thread");
   std::thread timer(th_readPqeue);
   std::thread admin(th_admin);
   std::thread listener(th_listener);
@@ -142,10 +144,10 @@ Threads startService(const iniConfig& config) {
   connectDatabase(config.getKey("CRON", "kodu_conf_file"));
   createQueues();
   prepareNamedStatements(*pgSQL);
-  fileLog->write(2, "Load cron task");
+  fileLog->write(kLogNotice, "Load cron task");
   load_cron_task("ADD", nullptr);
   Threads threads = startThreads(workers);
-  fileLog->write(0, "Join Thread");
+  fileLog->write(kLogDebug, "Join Thread");
   return threads;
 }
 
@@ -162,7 +164,7 @@ void run() {
   const iniConfig config(pathToConfigFile);
   openLog(config);
   redirectStandardError();
-  fileLog->write(2, "KODUCRON start....  KODUCRON configuration open succesful");
+  fileLog->write(kLogNotice, "KODUCRON start....  KODUCRON configuration open succesful");
   prepareLogDirectory(config);
   for (std::thread& thread : startService(config)) {
     thread.join();

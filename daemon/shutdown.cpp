@@ -5,6 +5,7 @@
 #include <charconv>
 #include <string_view>
 
+#include "core/constants.h"
 #include "core/globals.h"
 #include "core/logFile.h"
 #include "task/ExecuteQueue.h"
@@ -19,7 +20,7 @@ void logStop(int sig) {
   std::array<char, kStopText.size() + 12> line{};
   char* const number = line.data() + kStopText.copy(line.data(), kStopText.size());
   const auto written = std::to_chars(number, line.data() + line.size(), sig);
-  fileLog->writeInHandler(2, std::string_view(line.data(), written.ptr));
+  fileLog->writeInHandler(kLogNotice, std::string_view(line.data(), written.ptr));
 }
 
 }  // namespace

@@ -42,7 +42,8 @@ std::vector<fs::path> pathsOfOldRows(Session& session, const std::string& olderT
   for (int row = 0; row < rows.count(); ++row) {
     const std::string name = rows.text(row, "cron_logfile");
     if (staysBelow(name)) {
-      paths.emplace_back(archiveDirectory(rows.text(row, "cron_id")) + name);
+      paths.emplace_back(
+          archiveDirectory(session.config.outputDirectory, rows.text(row, "cron_id")) + name);
     }
   }
   return paths;
@@ -55,8 +56,8 @@ struct Removal {
 };
 
 /// Before anything changes: each folder either is not there, or files can be removed from it.
-void requireAccess(const std::vector<fs::path>& paths) {
-  std::set<fs::path> folders = {log_directory};
+void requireAccess(const std::vector<fs::path>& paths, const std::string& outputDirectory) {
+  std::set<fs::path> folders = {outputDirectory};
   for (const fs::path& path : paths) {
     folders.insert(path.parent_path());
   }
@@ -64,7 +65,7 @@ void requireAccess(const std::vector<fs::path>& paths) {
     struct stat status {};
     // The output folder itself is there wherever the daemon works.
     const bool isMissing = stat(folder.c_str(), &status) != 0 && errno == ENOENT;
-    if (isMissing && folder != log_directory) {
+    if (isMissing && folder != outputDirectory) {
       continue;
     }
     if (const auto reason = whyNoFilesIn(folder)) {
@@ -119,7 +120,7 @@ long removeOld(Session& session, const std::string& olderThan, Removal& removal)
   session.query("SET LOCAL idle_in_transaction_session_timeout = 0");
   const std::vector<fs::path> paths = pathsOfOldRows(session, olderThan);
   if (!paths.empty()) {
-    requireAccess(paths);
+    requireAccess(paths, session.config.outputDirectory);
   }
   for (const fs::path& path : paths) {
     removeFile(path, removal);

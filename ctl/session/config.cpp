@@ -90,7 +90,6 @@ DaemonConfig readConfig(const std::string& mainFile, const std::string& user) {
   while (config.outputDirectory.size() > 1 && config.outputDirectory.ends_with('/')) {
     config.outputDirectory.pop_back();
   }
-  log_directory = config.outputDirectory;
   if (config.databaseFile.empty()) {
     throw Failure(kWrongConfig, fmt::format("{} names no database file: write kodu_conf_file=PATH "
                                             "into its section [CRON]",

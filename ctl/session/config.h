@@ -16,10 +16,9 @@ struct DaemonConfig {
   std::string host, port, database, user, password;
 };
 
-/// Reads both files as the daemon does, and sets log_directory, by which sched/outputPath.h finds a
-/// task's files. Throws Failure (kWrongConfig, kNotPermitted) when one cannot be read; the database
-/// file, which holds the daemon's password, need not be readable for a `user` who connects with
-/// another one, when PGDATABASE or PGSERVICE names the database.
+/// Reads both files as the daemon does. Throws Failure (kWrongConfig, kNotPermitted) when one
+/// cannot be read; the database file, which holds the daemon's password, need not be readable for a
+/// `user` who connects with another one, when PGDATABASE or PGSERVICE names the database.
 DaemonConfig readConfig(const std::string& mainFile, const std::string& user);
 
 /// The libpq connection string for the daemon's role; for `user` when that is not empty, and then

@@ -61,8 +61,9 @@ Task definitionOf(const Rows& rows, int row) {
   return task;
 }
 
-Task taskOf(const Rows& rows, int row) {
+Task taskOf(const Rows& rows, int row, const std::string& outputDirectory) {
   Task task = definitionOf(rows, row);
+  task.outputDirectory = outputDirectory;
   task.status = rows.optionalText(row, "status");
   task.lastDue = rows.optionalNumber(row, "last");
   task.next = rows.optionalNumber(row, "next");
@@ -117,11 +118,11 @@ std::shared_ptr<serviceCron> Task::record() const {
 }
 
 std::string Task::outputPath() const {
-  return currentOutputPath(record());
+  return currentOutputPath(outputDirectory, record());
 }
 
 std::string Task::archivePath() const {
-  return archiveDirectory(std::to_string(id));
+  return archiveDirectory(outputDirectory, std::to_string(id));
 }
 
 std::vector<Task> readTasks(Session& session) {
@@ -129,7 +130,7 @@ std::vector<Task> readTasks(Session& session) {
   std::vector<Task> tasks;
   tasks.reserve(static_cast<std::size_t>(rows.count()));
   for (int row = 0; row < rows.count(); ++row) {
-    tasks.push_back(taskOf(rows, row));
+    tasks.push_back(taskOf(rows, row, session.config.outputDirectory));
   }
   return tasks;
 }
@@ -140,7 +141,7 @@ Task readTask(Session& session, int id) {
   if (rows.count() == 0) {
     throw Failure(kNotFound, fmt::format("there is no task {}; koductl status lists them", id));
   }
-  return taskOf(rows, 0);
+  return taskOf(rows, 0, session.config.outputDirectory);
 }
 
 Workload countRunning(Session& session) {

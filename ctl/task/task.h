@@ -21,6 +21,7 @@ struct Pause {
 struct Task {
   int id = 0;
   std::string name, path, type, parameter, fileName;
+  std::string outputDirectory;        // the daemon's, below which its files lie
   std::optional<std::string> status;  // nothing before the first run
   std::optional<long> lastDue;        // when the last completed run was due
   std::optional<long> next;           // when the next run, or the present one, is due; else paused

@@ -8,6 +8,7 @@
 #include <libpq-fe.h>
 
 #include "admin/notificationBatch.h"
+#include "core/constants.h"
 #include "core/globals.h"
 #include "core/logFile.h"
 #include "core/signals.h"
@@ -59,7 +60,7 @@ void th_listener() {
   installEmptySignalMask();
   // The admin thread's words: the log has no start line of the listener's own.
   // ListenerTest.BeginsWithTheAdminThreadsLine holds this in place.
-  fileLog->write(0, "TH ADMIN#START ");
+  fileLog->write(kLogDebug, "TH ADMIN#START ");
   ResultPtr subscription(pgSQL->executeRequest(kListen));
   NotificationBatch batch;
   while (die_kodu == 0) {

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "admin/loaderRow.h"
+#include "core/constants.h"
 #include "core/globals.h"
 #include "core/logFile.h"
 #include "db/pgSafeThread.h"
@@ -37,7 +38,7 @@ void replace(int id, const Task& known, const Task& task) {
   task->SetStdout(known->GetStdout());
   task->SetReturnCode(known->GetReturnCode());
   task->SetRetrie(known->GetRetrie());
-  known->SetExecState(3);
+  known->SetExecState(kRecordDropped);
   cronTaskMap.erase(id);
   cronTaskMap.insert({id, task});
   serviceQueue->push(task);
@@ -89,11 +90,12 @@ void load_cron_task(std::string mode, std::vector<int>* ids) {
     } catch (const std::exception& e) {
       // The retry interval's column, not the id's: those who read the log know the line so.
       // LoaderTest.NamesTheRetryIntervalOfARowThatFails holds this in place.
-      fileLog->write(4, "Failed to initial load service: " + row.retriesInterval() + e.what());
+      fileLog->write(kLogError,
+                     "Failed to initial load service: " + row.retriesInterval() + e.what());
     }
   }
   result.reset();
   // The rows have passed through the heap; that memory is not needed again.
   malloc_trim(0);
-  fileLog->write(2, "script reload successful");
+  fileLog->write(kLogNotice, "script reload successful");
 }

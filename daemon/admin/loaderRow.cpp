@@ -1,5 +1,6 @@
 #include "admin/loaderRow.h"
 
+#include "core/constants.h"
 #include "core/globals.h"
 #include "core/logFile.h"
 #include "sched/nextTime.h"
@@ -14,7 +15,7 @@ std::shared_ptr<serviceCron> LoaderRow::makeTask() const {
   task->SetService_id(static_cast<unsigned long long>(id()));
   const std::string name = text(kName);
   task->Setname(name);
-  fileLog->write(0, [&] { return "Load cron task: " + name; });
+  fileLog->write(kLogDebug, [&] { return "Load cron task: " + name; });
   task->Setpath(text(kPath));
   const auto interval = static_cast<unsigned int>(number(kInterval));
   task->Setinterval_exec_time(interval);
@@ -30,6 +31,6 @@ std::shared_ptr<serviceCron> LoaderRow::makeTask() const {
   const std::string nextExec = text(kNextExec);
   task->SetExecTime(
       static_cast<long>(getNextTimeToExec(nextExec, interval, task->GetService_idStr())));
-  fileLog->write(0, [&] { return "ADD cron task: " + nextExec; });
+  fileLog->write(kLogDebug, [&] { return "ADD cron task: " + nextExec; });
   return task;
 }

@@ -3,6 +3,7 @@
 #include <json/value.h>
 
 #include "admin/loader.h"
+#include "core/constants.h"
 #include "core/globals.h"
 #include "core/logFile.h"
 
@@ -18,17 +19,17 @@ void loadAndEmpty(const char* mode, std::vector<int>& ids) {
 }  // namespace
 
 void NotificationBatch::add(const std::string& payload) {
-  fileLog->write(0, "TH LISTENER# Notify string receive :" + payload);
+  fileLog->write(kLogDebug, "TH LISTENER# Notify string receive :" + payload);
   Json::Value message;
   if (!parse(payload, message)) {
     // The admin thread's name in it stays: those who watch the log look for this line.
     // NotificationBatchTest.WarnsOfAPayloadThatIsNoJson holds this in place.
-    fileLog->write(3, "TH ADMIN# Bad notify Json receive :" + payload);
+    fileLog->write(kLogWarning, "TH ADMIN# Bad notify Json receive :" + payload);
     return;
   }
   const std::string type = message["TYPE"].asString();
   const std::string command = message["COMMAND"].asString();
-  fileLog->write(0, "TH LISTENER# Notify Json receive :" + payload);
+  fileLog->write(kLogDebug, "TH LISTENER# Notify Json receive :" + payload);
   if (type != "SERVICE") {
     return;
   }

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 
+#include "core/constants.h"
 #include "core/globals.h"
 #include "core/logFile.h"
 #include "db/pgSafeThread.h"
@@ -30,16 +31,16 @@ std::shared_ptr<serviceCron> takeFromMap(int id) {
 
 void purge(const std::string& id) {
   const int number = std::stoi(id);
-  fileLog->write(0, "DELETE TASK: " + id);
+  fileLog->write(kLogDebug, "DELETE TASK: " + id);
   if (auto task = takeFromMap(number); task != nullptr) {
     // The queues are not searched: whoever takes the task next sees the mark.
     // DeleteTaskTest.LeavesTheQueuesAsTheyAre holds this in place.
-    task->SetExecState(3);
-    std::filesystem::remove(currentOutputPath(task));
+    task->SetExecState(kRecordDropped);
+    std::filesystem::remove(currentOutputPath(log_directory, task));
     task.reset();
     serviceQueue->noteMarked();
   }
-  std::filesystem::remove_all(archiveDirectory(id));
+  std::filesystem::remove_all(archiveDirectory(log_directory, id));
   PQclear(pgSQL->executePrepareRequest("DeleteCronHistory", {id}));
   PQclear(pgSQL->executePrepareRequest("DeleteCron", {id}));
 }
@@ -52,5 +53,5 @@ void DeleteTask() {
     purge(cellText(flagged, row, 0, "SelectDeleteCron"));
   }
   flagged.reset();
-  fileLog->write(0, "DELETE END");
+  fileLog->write(kLogDebug, "DELETE END");
 }

@@ -9,27 +9,13 @@
 #include <filesystem>
 #include <system_error>
 
+#include "core/Descriptor.h"
+
 namespace {
 
-/// A file that is open while it lives.
-class OpenFile {
- public:
-  OpenFile(const std::string& path, int flags)
-      : descriptor(open(path.c_str(), flags | O_CLOEXEC, S_IWUSR)) {}
-  ~OpenFile() {
-    if (isOpen()) {
-      close(descriptor);
-    }
-  }
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
-
-  bool isOpen() const { return descriptor >= 0; }
-  int get() const { return descriptor; }
-
- private:
-  const int descriptor;
-};
+Descriptor openFile(const std::string& path, int flags) {
+  return Descriptor(open(path.c_str(), flags | O_CLOEXEC, S_IWUSR));
+}
 
 bool writeAll(int file, const char* data, std::size_t size) {
   while (size > 0) {
@@ -59,7 +45,7 @@ bool copyContent(int from, int to) {
 /// 0 when the file was copied, else the error's number.
 int tryCopy(const std::string& from, const std::string& to) {
   // Not to wait for the writer of a pipe that stands in the file's place.
-  const OpenFile source(from, O_RDONLY | O_NONBLOCK);
+  const Descriptor source = openFile(from, O_RDONLY | O_NONBLOCK);
   struct stat status {};
   if (!source.isOpen() || fstat(source.get(), &status) != 0) {
     return errno;
@@ -67,7 +53,7 @@ int tryCopy(const std::string& from, const std::string& to) {
   if (!S_ISREG(status.st_mode)) {
     return ENOTSUP;
   }
-  const OpenFile copy(to, O_WRONLY | O_CREAT | O_EXCL);
+  const Descriptor copy = openFile(to, O_WRONLY | O_CREAT | O_EXCL);
   const bool isCopied = copy.isOpen() && fchmod(copy.get(), status.st_mode & 07777U) == 0 &&
                         copyContent(source.get(), copy.get());
   return isCopied ? 0 : errno;

@@ -12,6 +12,7 @@
 #include <tuple>
 #include <utility>
 
+#include "core/constants.h"
 #include "core/signals.h"
 #include "sched/pluginOutput.h"
 #include "task/serviceSafe.h"
@@ -122,7 +123,7 @@ int serviceSafe::execute() {
   const std::lock_guard lock(mutex);
   // Wipes a deletion mark as well that came since the worker looked: a run that has begun is a run
   // of the task as it is. ExecuteTest.WipesADeletionThatCameBeforeTheRun holds this in place.
-  ExecState = 0;
+  ExecState = kRecordNormal;
   Stdout.clear();
   const int pid = startPlugin(pipe);
   // From here on in one place: an output may be large, and each copy costs as much again.
@@ -203,14 +204,14 @@ int serviceSafe::waitForPlugin(int pid, Pipe& pipe) const {
 }
 
 int serviceSafe::exitCodeOf(int status) {
-  if ((status & 0x7f) != 0) {  // killed by a signal, or reported as stopped
+  if (!WIFEXITED(status)) {  // killed by a signal, or reported as stopped
     ReturnCode = kUnknown;
     const std::string reason = "Error: kodu can't execute ";
     std::string message = failureText(reason, Stdout);
     Stdout = reason + path;
     throw serviceSafeException(std::move(message));
   }
-  return (status >> 8) & 0xff;
+  return WEXITSTATUS(status);
 }
 
 void serviceSafe::requireOutput(int exitCode) {

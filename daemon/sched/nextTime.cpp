@@ -4,6 +4,7 @@
 #include <ctime>
 #include <limits>
 
+#include "core/constants.h"
 #include "core/globals.h"
 #include "core/logFile.h"
 #include "db/pgSafeThread.h"
@@ -29,7 +30,7 @@ int intervalsIn(double gapSeconds, unsigned int interval) {
 }  // namespace
 
 long long getNextTimeToExec(std::string nextExecText, unsigned int interval, std::string taskId) {
-  fileLog->write(0, "cron task: getNextTimeToExec");
+  fileLog->write(kLogDebug, "cron task: getNextTimeToExec");
   const long long next = std::stoll(nextExecText);
   const long long now = std::time(nullptr);
   if (now <= next) {
@@ -37,7 +38,7 @@ long long getNextTimeToExec(std::string nextExecText, unsigned int interval, std
   }
   const auto gapSeconds = static_cast<double>(now - next);
   const int count = intervalsIn(gapSeconds, interval);
-  fileLog->write(0, [&] {
+  fileLog->write(kLogDebug, [&] {
     return "calc time exec: calcule: " + std::to_string(gapSeconds) + " / " +
            std::to_string(interval) + " = " + std::to_string(count);
   });
@@ -45,6 +46,6 @@ long long getNextTimeToExec(std::string nextExecText, unsigned int interval, std
       pgSQL->executePrepareRequest("updateCronExecTask", {taskId, std::to_string(count)}));
   const std::string changed = cellText(result, 0, 0, "updateCronExecTask");
   const long long changedTime = std::stoll(changed);
-  fileLog->write(0, [&] { return "change time exec: " + changed; });
+  fileLog->write(kLogDebug, [&] { return "change time exec: " + changed; });
   return changedTime;
 }

@@ -5,7 +5,6 @@
 #include <sstream>
 #include <string_view>
 
-#include "core/globals.h"
 #include "core/localTime.h"
 #include "task/serviceCron.h"
 
@@ -36,14 +35,15 @@ std::string replaceParameter(std::string text, std::shared_ptr<serviceCron> task
   return text;
 }
 
-std::string currentOutputPath(const std::shared_ptr<serviceCron>& task) {
-  std::string path = log_directory + "/" + task->GetFilename();
+std::string currentOutputPath(const std::string& directory,
+                              const std::shared_ptr<serviceCron>& task) {
+  std::string path = directory + "/" + task->GetFilename();
   if (const auto date = path.find(kDate); date != std::string::npos) {
     path.replace(date, kDate.size(), "last");
   }
   return replaceParameter(path, task);
 }
 
-std::string archiveDirectory(const std::string& taskId) {
-  return log_directory + "/archive/" + taskId + "/";
+std::string archiveDirectory(const std::string& directory, const std::string& taskId) {
+  return directory + "/archive/" + taskId + "/";
 }

@@ -13,9 +13,11 @@ class serviceCron;
 /// first "$SERVICEID" by the task's id. Later ones stay; the clock is read only for a "$DATE".
 std::string replaceParameter(std::string text, std::shared_ptr<serviceCron> task);
 
-/// The path of the task's current output file, below log_directory.
-std::string currentOutputPath(const std::shared_ptr<serviceCron>& task);
+/// The path of the task's current output file below `directory`, whose own placeholders count
+/// first.
+std::string currentOutputPath(const std::string& directory,
+                              const std::shared_ptr<serviceCron>& task);
 
-/// The directory of the archive copies of the task with this id, below log_directory, with a
-/// trailing slash.
-std::string archiveDirectory(const std::string& taskId);
+/// The directory of the archive copies of the task with this id below `directory`, with a trailing
+/// slash.
+std::string archiveDirectory(const std::string& directory, const std::string& taskId);

@@ -5,6 +5,7 @@
 #include <memory>
 #include <thread>
 
+#include "core/constants.h"
 #include "core/globals.h"
 #include "core/localTime.h"
 #include "core/logFile.h"
@@ -40,7 +41,7 @@ void th_readPqeue() {
       std::this_thread::sleep_for(std::chrono::seconds(1));
       continue;
     }
-    fileLog->write(0, [&] { return "TH TIME: Send task to execution " + task->Getname(); });
+    fileLog->write(kLogDebug, [&] { return "TH TIME: Send task to execution " + task->Getname(); });
     queueExecTask->push(task);
   }
 }

@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "core/Descriptor.h"
+#include "core/constants.h"
 #include "core/globals.h"
 #include "core/logFile.h"
 #include "core/signals.h"
@@ -37,12 +39,11 @@ using Task = std::shared_ptr<serviceCron>;
 
 constexpr int kAttempts = 3;
 constexpr int kCritical = 2;
-constexpr char kDeleted = 3;
 
 void markAsRunning(const Task& task, std::vector<std::string>& parameters) {
   parameters.push_back(task->GetService_idStr());
   PQclear(pgSQL->executePrepareRequest("UpdateCronProcess", parameters));
-  fileLog->write(0, [&] { return "TH EXEC: crontask exec " + task->Getname(); });
+  fileLog->write(kLogDebug, [&] { return "TH EXEC: crontask exec " + task->Getname(); });
 }
 
 /// Runs the plugin, again after a second when it could not be run; CRITICAL when it never could.
@@ -50,11 +51,12 @@ int runPlugin(const Task& task) {
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     try {
       const int code = task->execute();
-      fileLog->write(0, [&] { return "TH EXEC: crontask exec SUCCESS " + task->Getname(); });
+      fileLog->write(kLogDebug,
+                     [&] { return "TH EXEC: crontask exec SUCCESS " + task->Getname(); });
       return code;
     } catch (const serviceSafeException& e) {
-      fileLog->write(4, "TH EXEC: Excute failed retry" + task->Getname() + " " +
-                            std::to_string(task->GetService_id()) + " " + e.what());
+      fileLog->write(kLogError, "TH EXEC: Excute failed retry" + task->Getname() + " " +
+                                    std::to_string(task->GetService_id()) + " " + e.what());
       std::this_thread::sleep_for(std::chrono::seconds(1));
     }
   }
@@ -82,15 +84,16 @@ void printRun(int code, const std::string& output) {
 void writeOutputFile(const std::string& path, const Task& task) {
   // No O_TRUNC: readers of the file never find it empty, and what a shorter output leaves of a
   // longer one stays behind it. WorkerTest.LeavesTheTailOfALongerOutput holds this in place.
-  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-  if (file < 0) {
-    throw serviceSafeException(std::strerror(errno));
+  {
+    const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    if (!file.isOpen()) {
+      throw serviceSafeException(std::strerror(errno));
+    }
+    const std::string& output = task->unlockedStdout();
+    flock(file.get(), LOCK_EX);
+    [[maybe_unused]] const auto written = write(file.get(), output.data(), output.size());
+    flock(file.get(), LOCK_UN);
   }
-  const std::string& output = task->unlockedStdout();
-  flock(file, LOCK_EX);
-  [[maybe_unused]] const auto written = write(file, output.data(), output.size());
-  flock(file, LOCK_UN);
-  close(file);
   task->clearOutput();
   // The storage as well, or every task would hold its largest output for ever. In a step of its
   // own, under the lock: an update that replaces the task may be copying the output just now.
@@ -99,9 +102,9 @@ void writeOutputFile(const std::string& path, const Task& task) {
 
 /// Keeps a copy of the failed run's output and a row that names it.
 void archiveFailure(const Task& task, const std::string& outputPath) {
-  fileLog->write(0, [&] { return "TH EXEC: FAILED EXEC STATE: " + task->Getname(); });
+  fileLog->write(kLogDebug, [&] { return "TH EXEC: FAILED EXEC STATE: " + task->Getname(); });
   const std::string archiveName = replaceParameter(task->GetFilename(), task);
-  const std::string directory = archiveDirectory(task->GetService_idStr());
+  const std::string directory = archiveDirectory(log_directory, task->GetService_idStr());
   if (!std::filesystem::exists(std::filesystem::status(directory))) {
     std::filesystem::create_directories(directory);
   }
@@ -118,36 +121,39 @@ bool scheduleRetry(const Task& task) {
   if (retry > task->GetMaxRetrie()) {
     return false;
   }
-  fileLog->write(0, [&] { return "TH EXEC: TASK FAILED RETRIES: " + std::to_string(retry); });
+  fileLog->write(kLogDebug,
+                 [&] { return "TH EXEC: TASK FAILED RETRIES: " + std::to_string(retry); });
   task->SetRetrie(retry);
   const long retryTime = task->GetExecTimeSec() + task->GetRetrieTime();
   task->SetExecTime(retryTime);
-  fileLog->write(
-      0, [&] { return "TH EXEC: TASK FAILED RETRIES NEXT EXEC: " + std::to_string(retryTime); });
+  fileLog->write(kLogDebug, [&] {
+    return "TH EXEC: TASK FAILED RETRIES NEXT EXEC: " + std::to_string(retryTime);
+  });
   return true;
 }
 
 /// Writes the run's final state and takes over the next time that the database gives.
 void completeRun(const Task& task, const std::string& state, std::vector<std::string>& parameters) {
   task->SetRetrie(0);
-  fileLog->write(0, [&] { return "TH EXEC: UPDATE TASK STATE: " + state + " " + task->Getname(); });
+  fileLog->write(kLogDebug,
+                 [&] { return "TH EXEC: UPDATE TASK STATE: " + state + " " + task->Getname(); });
   parameters.push_back(state);
   const ResultPtr result(pgSQL->executePrepareRequest("UpdateCronState", parameters));
   const std::string nextExec = cellText(result, 0, 0, "UpdateCronState");
-  fileLog->write(0, [&] { return "change time exec: " + nextExec; });
+  fileLog->write(kLogDebug, [&] { return "change time exec: " + nextExec; });
   task->SetExecTime(static_cast<long>(
       getNextTimeToExec(nextExec, task->Getinterval_exec_time(), task->GetService_idStr())));
 }
 
 /// One pass: everything from a task taken off the execution queue to the task put back.
 void processTask(const Task& task, std::vector<std::string>& parameters) {
-  if (task->GetExecState() == kDeleted) {
+  if (task->GetExecState() == kRecordDropped) {
     return;
   }
   markAsRunning(task, parameters);
   const int code = runPlugin(task);
   printRun(code, task->unlockedStdout());
-  const std::string outputPath = currentOutputPath(task);
+  const std::string outputPath = currentOutputPath(log_directory, task);
   writeOutputFile(outputPath, task);
   bool isRetryPending = false;
   if (code != 0) {
@@ -170,7 +176,7 @@ void th_executeCronTaks(int number) {
   while (die_kodu == 0) {
     try {
       queueExecTask->waitForTask(die_kodu);
-      fileLog->write(0, [&] { return "TH EXEC wake up " + workerNumber; });
+      fileLog->write(kLogDebug, [&] { return "TH EXEC wake up " + workerNumber; });
       if (die_kodu == 0) {
         processTask(queueExecTask->pop(), parameters);
       }
@@ -180,8 +186,8 @@ void th_executeCronTaks(int number) {
       // The task is not put back and `parameters` is not emptied: a directory that takes no output
       // is no state to go on in, and the next statement, which gets too many parameters, ends the
       // process. WorkerCrashTest.EndsTheProcessAtTheTaskAfterAnAbandonedPass holds this in place.
-      fileLog->write(5, e.what());
+      fileLog->write(kLogCritical, e.what());
     }
   }
-  fileLog->write(0, "TH EXEC END");
+  fileLog->write(kLogDebug, "TH EXEC END");
 }

@@ -3,13 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "core/constants.h"
 #include "task/serviceCron.h"
-
-namespace {
-
-constexpr char kMarked = 3;
-
-}  // namespace
 
 bool CompareTask::operator()(std::shared_ptr<serviceCron> first,
                              std::shared_ptr<serviceCron> second) const {
@@ -67,7 +62,7 @@ void CronTaskQueue::freeMarked() {
   // A task that is held by the heap alone cannot come to anybody else's hands but through this
   // queue, whose lock is held.
   const auto isNeeded = [](const std::shared_ptr<serviceCron>& task) {
-    return task->GetExecState() != kMarked || task.use_count() > 1;
+    return task->GetExecState() != kRecordDropped || task.use_count() > 1;
   };
   const auto freed = std::partition(heap.begin(), heap.end(), isNeeded);
   if (freed == heap.end()) {

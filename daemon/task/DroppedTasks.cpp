@@ -4,13 +4,8 @@
 #include <iterator>
 #include <utility>
 
+#include "core/constants.h"
 #include "task/serviceCron.h"
-
-namespace {
-
-constexpr char kDropped = 3;
-
-}  // namespace
 
 bool DroppedTasks::Entry::isBefore(const Entry& other) const {
   return execTime != other.execTime ? execTime > other.execTime : name < other.name;
@@ -52,7 +47,7 @@ std::shared_ptr<serviceCron> DroppedTasks::take() {
   auto task = std::make_shared<serviceCron>();
   task->SetExecTime(entry.execTime);
   task->Setname(entry.name);
-  task->SetExecState(kDropped);
+  task->SetExecState(kRecordDropped);
   --count;
   if (--entry.count == 0) {
     entries.pop_back();

@@ -5,6 +5,8 @@
 
 #include <boost/tokenizer.hpp>
 
+#include "core/constants.h"
+
 serviceSafe::serviceSafe(const serviceSafe& other)
     : Device_id(other.Device_id.load()),
       Plugin_id(other.Plugin_id.load()),
@@ -140,7 +142,7 @@ int serviceSafe::updateServiceParameter(const serviceSafe& other) {
     Retrie = other.Retrie.load();
     MaxRetrie = other.MaxRetrie.load();
     RetrieTime = other.RetrieTime.load();
-    ExecState = 1;
+    ExecState = kRecordUpdated;
   }
   int isChanged = 0;
   // The same unrelated pair as in isTimeParameterUpdate, so the interval is taken over nearly

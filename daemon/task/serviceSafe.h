@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/constants.h"
 #include "task/ArgumentList.h"
 
 /// The record of one periodic task: what to run, when, how often to try again, and what the last
@@ -160,7 +161,7 @@ class serviceSafe {
   std::atomic<std::int32_t> Retrie = 0;
   std::atomic<std::int32_t> MaxRetrie = 1;
   std::atomic<std::int32_t> RetrieTime = 120;
-  std::atomic<char> ExecState = 0;
+  std::atomic<char> ExecState = kRecordNormal;
   std::string Service_idStr;     // guarded by mutex
   std::string name;              // guarded by mutex
   std::string parameter;         // guarded by mutex, but for Setparameter's store

@@ -16,7 +16,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const bool hasPlaceholder =
       name.find("$DATE") != std::string::npos || name.find("$SERVICEID") != std::string::npos;
   check(hasPlaceholder || replaced == name, "a name without placeholders stays");
-  const std::string path = currentOutputPath(task);
+  const std::string path = currentOutputPath(log_directory, task);
   check(path.starts_with(log_directory + "/"), "the output stays below the directory");
   check(hasPlaceholder || path == log_directory + "/" + name, "only placeholders are replaced");
   return 0;

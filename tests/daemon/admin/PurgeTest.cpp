@@ -39,14 +39,14 @@ class DeleteTaskTest : public DatabaseGlobalsTest {
     row.logFile = filename;
     database.insertTask(row);
     for (const char* copy : {"one.txt", "two.txt"}) {
-      fs::create_directories(archiveDirectory(std::to_string(id)));
-      writeFile(archiveDirectory(std::to_string(id)) + copy, "old");
+      fs::create_directories(archiveDirectory(log_directory, std::to_string(id)));
+      writeFile(archiveDirectory(log_directory, std::to_string(id)) + copy, "old");
       database.query("INSERT INTO kodu_cron_error(cron_id, cron_logfile) VALUES (" +
                      std::to_string(id) + ", '" + copy + "')");
     }
     auto task = makeTask(id, "/bin/true");
     task->SetFilename(filename);
-    writeFile(currentOutputPath(task), "output");
+    writeFile(currentOutputPath(log_directory, task), "output");
     cronTaskMap[id] = task;
     return task;
   }
@@ -191,7 +191,7 @@ TEST_F(DeleteTaskTest, KeepsTheRowsWhenAFileCannotBeRemoved) {
 
   EXPECT_TRUE(cronTaskMap.empty()) << "memory comes first";
   EXPECT_EQ(task->GetExecState(), 3);
-  EXPECT_THAT(filesIn(archiveDirectory("1")), ElementsAre("one.txt", "two.txt"));
+  EXPECT_THAT(filesIn(archiveDirectory(log_directory, "1")), ElementsAre("one.txt", "two.txt"));
   EXPECT_EQ(database.failures(1), 2);
   EXPECT_EQ(database.task(1, "cron_delete"), "t");
   EXPECT_THAT(log(), ElementsAre("DEBUG#DELETE TASK: 1"));
@@ -315,7 +315,7 @@ TEST_F(DeleteTaskTest, LeavesTheMapUnlockedDuringItsStatements) {
   database.query("LOCK TABLE kodu_cron_error IN ACCESS EXCLUSIVE MODE");
   std::thread admin(DeleteTask);
 
-  EXPECT_TRUE(waitUntil([&] { return !fs::exists(archiveDirectory("1")); }));
+  EXPECT_TRUE(waitUntil([&] { return !fs::exists(archiveDirectory(log_directory, "1")); }));
   {
     const std::lock_guard lock(mutexTaskMap);
     EXPECT_THAT(cronTaskMap, ElementsAre(testing::Key(2)));

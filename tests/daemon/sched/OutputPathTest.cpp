@@ -180,7 +180,7 @@ TEST_F(CurrentOutputPathTest, TurnsTheDateIntoLast) {
   log_directory = "/d";
   task->SetFilename("out_$DATE.txt");
 
-  EXPECT_EQ(currentOutputPath(task), "/d/out_last.txt");
+  EXPECT_EQ(currentOutputPath(log_directory, task), "/d/out_last.txt");
   EXPECT_EQ(clock.reads(), 0);
 }
 
@@ -188,34 +188,34 @@ TEST_F(CurrentOutputPathTest, FillsInTheTasksId) {
   log_directory = "/d";
   task->SetFilename("$SERVICEID/out_$DATE_$SERVICEID.txt");
 
-  EXPECT_EQ(currentOutputPath(task), "/d/42/out_last_$SERVICEID.txt");
+  EXPECT_EQ(currentOutputPath(log_directory, task), "/d/42/out_last_$SERVICEID.txt");
 }
 
 TEST_F(CurrentOutputPathTest, FillsASecondDateWithTheTime) {
   log_directory = "/d";
   task->SetFilename("$DATE_$DATE_$DATE.txt");
 
-  EXPECT_EQ(currentOutputPath(task), "/d/last_2024-05-01_13-02-09_$DATE.txt");
+  EXPECT_EQ(currentOutputPath(log_directory, task), "/d/last_2024-05-01_13-02-09_$DATE.txt");
 }
 
 TEST_F(CurrentOutputPathTest, PutsASlashBehindADirectoryThatEndsInOne) {
   log_directory = "/d/";
   task->SetFilename("out.txt");
 
-  EXPECT_EQ(currentOutputPath(task), "/d//out.txt");
+  EXPECT_EQ(currentOutputPath(log_directory, task), "/d//out.txt");
 }
 
 TEST_F(CurrentOutputPathTest, ReplacesInTheDirectoryFirst) {
   log_directory = "/d/$DATE/$SERVICEID";
   task->SetFilename("$SERVICEID.txt");
 
-  EXPECT_EQ(currentOutputPath(task), "/d/last/42/$SERVICEID.txt");
+  EXPECT_EQ(currentOutputPath(log_directory, task), "/d/last/42/$SERVICEID.txt");
 }
 
 TEST_F(ArchiveDirectoryTest, LiesBelowTheOutputDirectory) {
   log_directory = "/d";
 
-  EXPECT_EQ(archiveDirectory("17"), "/d/archive/17/");
+  EXPECT_EQ(archiveDirectory(log_directory, "17"), "/d/archive/17/");
 }
 
 }  // namespace
