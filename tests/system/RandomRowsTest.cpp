@@ -40,7 +40,20 @@ class RandomRowsTest : public testing::Test {
     daemon.programVariable = std::string("KODU_TEST_SHORT_PURGE_DAEMON");
     daemon.threadNumber = std::string("8");
     daemon.writeConfig();
-    ASSERT_TRUE(daemon.startAndWait());
+    ASSERT_TRUE(startAndListen());
+  }
+
+  /// Starts the daemon and returns once notifications reach it: one that is sent before is lost.
+  bool startAndListen() {
+    const bool isStarted = daemon.startAndWait();
+    const long before = daemon.logged(kReloaded);
+    int looks = 0;
+    return isStarted && waitAlive([&] {
+             if (looks++ % 100 == 0) {
+               database.notify(R"({"TYPE":"SERVICE","COMMAND":"UPDATE","ID":-1})");
+             }
+             return daemon.logged(kReloaded) > before;
+           });
   }
 
   std::vector<std::string> makePlugins() const {
@@ -177,7 +190,7 @@ class RandomRowsTest : public testing::Test {
     daemon.signal(SIGKILL);
     daemon.waitForEnd();
     insert(count - count / 2);
-    ASSERT_TRUE(daemon.startAndWait());
+    ASSERT_TRUE(startAndListen());
     runAll();
     ASSERT_NO_FATAL_FAILURE(expectAlive("run"));
     rest();
