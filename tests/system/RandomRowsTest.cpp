@@ -66,8 +66,8 @@ class RandomRowsTest : public testing::Test {
             fails,
             plugin("fine", "echo fine"),
             plugin("five", R"(echo "$@"; echo five; exit 5)"),
-            plugin("odd", "printf 'a\\377\\000b\\033[1m'; exit 200"),
-            plugin("long", "exec /usr/bin/head -c 100000 /dev/zero | /usr/bin/tr '\\0' x; exit 1")};
+            plugin("odd", R"(printf 'a\377\000b\033[1m'; exit 200)"),
+            plugin("long", R"(/usr/bin/head -c 100000 /dev/zero | /usr/bin/tr '\0' x; exit 1)")};
   }
 
   /// Runs an INSERT or UPDATE; false when the tables refuse it, whose words are counted.
@@ -190,7 +190,9 @@ class RandomRowsTest : public testing::Test {
     daemon.signal(SIGKILL);
     daemon.waitForEnd();
     insert(count - count / 2);
-    ASSERT_TRUE(startAndListen());
+    const bool isStarted = startAndListen();
+    ASSERT_NO_FATAL_FAILURE(expectAlive("start"));
+    ASSERT_TRUE(isStarted) << "the daemon does not come to its threads";
     runAll();
     ASSERT_NO_FATAL_FAILURE(expectAlive("run"));
     rest();
