@@ -32,6 +32,7 @@ class RandomRowsTest : public testing::Test {
  protected:
   static constexpr std::size_t kBatch = 1000;
   static constexpr std::chrono::seconds kPatience{600};  // a thousand runs on a busy machine
+  static constexpr const char* kStarted = "NOTICE#Start Thread";
   static constexpr const char* kReloaded = "NOTICE#script reload successful";
 
   void SetUp() override {
@@ -45,7 +46,10 @@ class RandomRowsTest : public testing::Test {
 
   /// Starts the daemon and returns once notifications reach it: one that is sent before is lost.
   bool startAndListen() {
-    const bool isStarted = daemon.startAndWait();
+    // A thousand rows on a busy machine may take longer than startAndWait has patience.
+    const long starts = daemon.logged(kStarted);
+    daemon.start();
+    const bool isStarted = waitAlive([&] { return daemon.logged(kStarted) > starts; });
     const long before = daemon.logged(kReloaded);
     int looks = 0;
     return isStarted && waitAlive([&] {
