@@ -32,6 +32,7 @@ class RandomRowsTest : public testing::Test {
  protected:
   static constexpr std::size_t kBatch = 1000;
   static constexpr std::chrono::seconds kPatience{600};  // a thousand runs on a busy machine
+  static constexpr const char* kStarted = "NOTICE#Start Thread";
   static constexpr const char* kReloaded = "NOTICE#script reload successful";
 
   void SetUp() override {
@@ -40,7 +41,23 @@ class RandomRowsTest : public testing::Test {
     daemon.programVariable = std::string("KODU_TEST_SHORT_PURGE_DAEMON");
     daemon.threadNumber = std::string("8");
     daemon.writeConfig();
-    ASSERT_TRUE(daemon.startAndWait());
+    ASSERT_TRUE(startAndListen());
+  }
+
+  /// Starts the daemon and returns once notifications reach it: one that is sent before is lost.
+  bool startAndListen() {
+    // A thousand rows on a busy machine may take longer than startAndWait has patience.
+    const long starts = daemon.logged(kStarted);
+    daemon.start();
+    const bool isStarted = waitAlive([&] { return daemon.logged(kStarted) > starts; });
+    const long before = daemon.logged(kReloaded);
+    int looks = 0;
+    return isStarted && waitAlive([&] {
+             if (looks++ % 100 == 0) {
+               database.notify(R"({"TYPE":"SERVICE","COMMAND":"UPDATE","ID":-1})");
+             }
+             return daemon.logged(kReloaded) > before;
+           });
   }
 
   std::vector<std::string> makePlugins() const {
@@ -53,8 +70,8 @@ class RandomRowsTest : public testing::Test {
             fails,
             plugin("fine", "echo fine"),
             plugin("five", R"(echo "$@"; echo five; exit 5)"),
-            plugin("odd", "printf 'a\\377\\000b\\033[1m'; exit 200"),
-            plugin("long", "exec /usr/bin/head -c 100000 /dev/zero | /usr/bin/tr '\\0' x; exit 1")};
+            plugin("odd", R"(printf 'a\377\000b\033[1m'; exit 200)"),
+            plugin("long", R"(/usr/bin/head -c 100000 /dev/zero | /usr/bin/tr '\0' x; exit 1)")};
   }
 
   /// Runs an INSERT or UPDATE; false when the tables refuse it, whose words are counted.
@@ -177,7 +194,9 @@ class RandomRowsTest : public testing::Test {
     daemon.signal(SIGKILL);
     daemon.waitForEnd();
     insert(count - count / 2);
-    ASSERT_TRUE(daemon.startAndWait());
+    const bool isStarted = startAndListen();
+    ASSERT_NO_FATAL_FAILURE(expectAlive("start"));
+    ASSERT_TRUE(isStarted) << "the daemon does not come to its threads";
     runAll();
     ASSERT_NO_FATAL_FAILURE(expectAlive("run"));
     rest();

@@ -466,7 +466,7 @@ INSTANTIATE_TEST_SUITE_P(Keys, DatabaseKeyTest,
                          [](const auto& key) { return key.param.substr(6); });
 
 TEST_F(StartUpTest, EndsWhenAStatementCannotBePrepared) {
-  database.query("DROP TABLE kodu_cron_error");
+  database.query("DROP TABLE kodu_cron_error CASCADE");
 
   expectFailure(
       "prepare failed:  ERROR:  relation \"kodu_cron_error\" does not exist\n"

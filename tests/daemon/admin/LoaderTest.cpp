@@ -341,7 +341,7 @@ TEST_F(LoaderTest, KeepsNoStorageOfTheTasksThatItReplaced) {
       "FROM generate_series(1, 1000) AS n");
   database.query(
       "INSERT INTO kodu_cron_plugin (cron_id, cron_plugin_id, cron_interval, cron_next_exec, "
-      "cron_log_file, cron_parameter) SELECT n, n, '1 day', timestamp '2036-01-01' + n * interval "
+      "cron_log_file, cron_parameter) SELECT n, n, '1 day', timestamp '2035-01-01' + n * interval "
       "'1 s', '$SERVICEID_$DATE.txt', repeat('-w 5 ', 20) FROM generate_series(1, 1000) AS n");
   load_cron_task("ADD", nullptr);
   const auto bytesBefore = mallinfo2().uordblks;

@@ -202,8 +202,11 @@ TEST_F(PgConnectionPoolTest, RunsStatementsBesideOneThatWaits) {
   };
   database.query("SELECT pg_advisory_lock(1)");
   std::thread first(waitForLock);
-  EXPECT_TRUE(waitUntil(
-      [&] { return database.value("SELECT count(*) FROM pg_locks WHERE NOT granted") == "1"; }));
+  EXPECT_TRUE(waitUntil([&] {
+    return database.value(
+               "SELECT count(*) FROM pg_locks JOIN pg_stat_activity USING (pid) "
+               "WHERE NOT granted AND datname = current_database()") == "1";
+  }));
 
   EXPECT_EQ(valueOf(pool.executeRequest("SELECT 2")), "2");
   std::thread third(waitForLock);
