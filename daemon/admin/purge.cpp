@@ -36,8 +36,9 @@ void purge(const std::string& id) {
     // DeleteTaskTest.LeavesTheQueuesAsTheyAre holds this in place.
     task->SetExecState(3);
     std::filesystem::remove(currentOutputPath(task));
+    const serviceCron* const address = task.get();
     task.reset();
-    serviceQueue->noteMarked();
+    serviceQueue->noteMarked(address);
   }
   std::filesystem::remove_all(archiveDirectory(id));
   PQclear(pgSQL->executePrepareRequest("DeleteCronHistory", {id}));
