@@ -44,28 +44,28 @@ void replace(int id, const Task& known, const Task& task) {
   serviceQueue->push(task);
 }
 
-/// Replaces or updates the loaded task `id`; true when it was replaced.
-bool renew(int id, const Task& task) {
+/// Replaces or updates the loaded task `id`; the address of the one that was replaced, or null.
+const serviceCron* renew(int id, const Task& task) {
   // Held over the queue's push and the records' locks, so that the purge finds either the old task
   // or the new one. LoaderTest.HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces holds this in
   // place.
   const std::lock_guard lock(mutexTaskMap);
   const auto entry = cronTaskMap.find(id);
   if (entry == cronTaskMap.end()) {
-    return false;
+    return nullptr;
   }
   const Task known = entry->second;
   if (known->isTimeParameterUpdate(*task)) {
     replace(id, known, task);
-    return true;
+    return known.get();
   }
   known->updateServiceParameter(*task);
-  return false;
+  return nullptr;
 }
 
 void update(int id, const Task& task) {
-  if (renew(id, task)) {
-    serviceQueue->noteMarked();
+  if (const serviceCron* replaced = renew(id, task); replaced != nullptr) {
+    serviceQueue->noteMarked(replaced);
   }
 }
 

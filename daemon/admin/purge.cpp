@@ -37,8 +37,9 @@ void purge(const std::string& id) {
     // DeleteTaskTest.LeavesTheQueuesAsTheyAre holds this in place.
     task->SetExecState(kRecordDropped);
     std::filesystem::remove(currentOutputPath(log_directory, task));
+    const serviceCron* const address = task.get();
     task.reset();
-    serviceQueue->noteMarked();
+    serviceQueue->noteMarked(address);
   }
   std::filesystem::remove_all(archiveDirectory(log_directory, id));
   PQclear(pgSQL->executePrepareRequest("DeleteCronHistory", {id}));

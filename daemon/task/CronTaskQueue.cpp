@@ -6,6 +6,14 @@
 #include "core/constants.h"
 #include "task/serviceCron.h"
 
+namespace {
+
+bool isMarked(const serviceCron& task) {
+  return task.GetExecState() == kRecordDropped;
+}
+
+}  // namespace
+
 bool CompareTask::operator()(std::shared_ptr<serviceCron> first,
                              std::shared_ptr<serviceCron> second) const {
   return first->GetExecTimeSec() > second->GetExecTimeSec();
@@ -13,6 +21,9 @@ bool CompareTask::operator()(std::shared_ptr<serviceCron> first,
 
 void CronTaskQueue::push(std::shared_ptr<serviceCron> task) {
   const std::lock_guard lock(mutex);
+  if (isMarked(*task)) {  // during its run, when it was not here to be freed
+    marked.insert(task.get());
+  }
   heap.push_back(std::move(task));
   std::push_heap(heap.begin(), heap.end(), CompareTask());
 }
@@ -41,36 +52,74 @@ std::size_t CronTaskQueue::size() {
 
 void CronTaskQueue::clear() {
   const std::lock_guard lock(mutex);
+  marked.clear();
   dropped.clear();
   while (!heap.empty()) {
     take();
   }
 }
 
-void CronTaskQueue::noteMarked() {
+void CronTaskQueue::noteMarked(const serviceCron* task) {
   constexpr std::size_t kMostMarked = 1000;
   constexpr std::size_t kLooksPerMark = 32;
   const std::lock_guard lock(mutex);
-  ++marked;
-  if (marked >= kMostMarked || marked * kLooksPerMark >= heap.size()) {
-    marked = 0;
+  marked.insert(task);
+  if (marked.size() >= kMostMarked || marked.size() * kLooksPerMark >= heap.size()) {
     freeMarked();
   }
 }
 
 void CronTaskQueue::freeMarked() {
-  // A task that is held by the heap alone cannot come to anybody else's hands but through this
-  // queue, whose lock is held.
-  const auto isNeeded = [](const std::shared_ptr<serviceCron>& task) {
-    return task->GetExecState() != kRecordDropped || task.use_count() > 1;
+  std::unordered_set<const serviceCron*> held;
+  // By address: a look into each record would take ten times as long.
+  const auto canBeFreed = [&](const std::shared_ptr<serviceCron>& task) {
+    if (!marked.contains(task.get()) || !isMarked(*task)) {  // or a new one at an old address
+      return false;
+    }
+    // A task that is held by the heap alone cannot come to anybody else's hands but through this
+    // queue, whose lock is held.
+    const bool isHeld = task.use_count() > 1;
+    if (isHeld) {
+      held.insert(task.get());
+    }
+    return !isHeld;
   };
-  const auto freed = std::partition(heap.begin(), heap.end(), isNeeded);
-  if (freed == heap.end()) {
-    return;
+  std::vector<std::shared_ptr<serviceCron>> freed;
+  // From the end: all that moves has been looked at, but for what comes to the freed task's place.
+  for (std::size_t at = heap.size(); at-- > 0;) {
+    while (at < heap.size() && canBeFreed(heap[at])) {
+      freed.push_back(takeAt(at));
+    }
   }
-  dropped.add({freed, heap.end()});
-  heap.erase(freed, heap.end());
-  std::make_heap(heap.begin(), heap.end(), CompareTask());
+  marked.swap(held);
+  if (!freed.empty()) {
+    dropped.add(freed);
+  }
+}
+
+std::shared_ptr<serviceCron> CronTaskQueue::takeAt(std::size_t at) {
+  std::swap(heap[at], heap.back());
+  std::shared_ptr<serviceCron> task = std::move(heap.back());
+  heap.pop_back();
+  if (at < heap.size()) {
+    std::push_heap(heap.begin(), heap.begin() + static_cast<std::ptrdiff_t>(at) + 1, CompareTask());
+    sink(at);
+  }
+  return task;
+}
+
+void CronTaskQueue::sink(std::size_t at) {
+  const CompareTask isLater;
+  for (std::size_t child = 2 * at + 1; child < heap.size(); child = 2 * at + 1) {
+    if (child + 1 < heap.size() && isLater(heap[child], heap[child + 1])) {
+      ++child;
+    }
+    if (!isLater(heap[at], heap[child])) {
+      return;
+    }
+    std::swap(heap[at], heap[child]);
+    at = child;
+  }
 }
 
 void CronTaskQueue::takeUpDropped() {
