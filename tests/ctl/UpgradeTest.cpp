@@ -303,6 +303,35 @@ TEST_F(UpgradeTest, GoesBackWhereAStatementFails) {
   expectEqual(before, dump(database, "after.sql"));
 }
 
+TEST_F(UpgradeTest, GivesTheTablesBackWhenItIsStoppedInTheMiddle) {
+  makeFirstRelease();
+  // The setting of the tables' own file, which a copied database lacks.
+  database.query(
+      "DO $$BEGIN EXECUTE format('ALTER DATABASE %I RESET ALL', current_database()); END$$;"
+      "CREATE FUNCTION slow() RETURNS event_trigger LANGUAGE plpgsql AS"
+      " $$BEGIN PERFORM pg_sleep(1); END$$;"
+      "CREATE EVENT TRIGGER slow ON ddl_command_start WHEN tag IN ('ALTER TABLE')"
+      " EXECUTE FUNCTION slow()");
+  const auto sessions = [&](const std::string& condition) {
+    return database.value(
+        "SELECT count(*) FROM pg_stat_activity JOIN pg_locks USING (pid) WHERE"
+        " mode = 'AccessExclusiveLock' AND datname = current_database() AND " +
+        condition);
+  };
+  const pid_t koductl = startSchema({"upgrade"});
+  ASSERT_TRUE(waitUntil([&] { return sessions("wait_event = 'PgSleep'") != "0"; }));
+
+  kill(koductl, SIGSTOP);
+  EXPECT_TRUE(waitUntil([&] { return sessions("TRUE") == "0"; }, std::chrono::seconds(60)));
+  kill(koductl, SIGCONT);
+
+  int status = 0;
+  waitpid(koductl, &status, 0);
+  EXPECT_EQ(exitStatusOf(status), 69);
+  database.query("DROP EVENT TRIGGER slow; DROP FUNCTION slow()");
+  upgrade();
+}
+
 TEST_F(UpgradeTest, RefusesASecondUpgradeAtATime) {
   pgSafeThread other(database.adminConninfo());
   PQclear(other.executeRequest("BEGIN; SELECT pg_advisory_xact_lock(6420241122)"));
