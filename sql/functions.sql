@@ -48,7 +48,7 @@ CREATE OR REPLACE TRIGGER kodu_task_changed
 CREATE OR REPLACE FUNCTION kodu_remember_change() RETURNS trigger
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 BEGIN
-    NEW.cron_changed := kodu_is_running(OLD.cron_status, OLD.cron_next_exec,
+    NEW.cron_changed := kodu_is_running(OLD.cron_status, OLD.cron_next_exec, OLD.cron_wanted,
                                         clock_timestamp() AT TIME ZONE 'UTC');
     RETURN NEW;
 END
@@ -64,12 +64,20 @@ CREATE OR REPLACE TRIGGER kodu_task_changing
            NEW.cron_retries_interval, NEW.cron_parameter))
     EXECUTE FUNCTION kodu_remember_change();
 
--- A plugin's name and path are part of each of its tasks.
-CREATE OR REPLACE FUNCTION kodu_notify_of_plugin() RETURNS trigger LANGUAGE plpgsql AS $$
+-- A plugin's name and path are part of each of its tasks. Of a task in a run the daemon is told at the
+-- run's end, where whoever changes the plugin has a right to the column that says so.
+CREATE OR REPLACE FUNCTION kodu_notify_of_plugin() RETURNS trigger
+LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
 BEGIN
-    PERFORM pg_catalog.pg_notify('koducronchannel', pg_catalog.format(
+    IF has_column_privilege('public.kodu_cron_plugin', 'cron_changed', 'UPDATE') THEN
+        UPDATE public.kodu_cron_plugin SET cron_changed = TRUE
+        WHERE cron_plugin_id = NEW.plugin_id
+          AND public.kodu_is_running(cron_status, cron_next_exec, cron_wanted,
+                                     clock_timestamp() AT TIME ZONE 'UTC');
+    END IF;
+    PERFORM pg_notify('koducronchannel', format(
         '{"TYPE":"SERVICE","COMMAND":"UPDATE","ID":%s}', cron_id))
-    FROM public.kodu_cron_plugin WHERE cron_plugin_id = NEW.plugin_id;
+    FROM public.kodu_cron_plugin WHERE cron_plugin_id = NEW.plugin_id AND NOT cron_changed;
     RETURN NULL;
 END
 $$;
@@ -106,6 +114,10 @@ BEGIN
             -- It stood in the daemon's queue as it was flagged. No purge may meet this run.
             NEW.cron_delete := FALSE;
             NEW.cron_wanted := 'infinity';
+        ELSIF OLD.cron_wanted = OLD.cron_next_exec AND OLD.cron_wanted > soon + interval '1 minute' THEN
+            -- A worker had the task before the daemon heard of that time, which comes after this run.
+            -- A minute, since the daemon's clock may be ahead.
+            NULL;
         ELSIF OLD.cron_wanted <> 'infinity' AND (OLD.cron_status IS DISTINCT FROM 'PROCESS'
                                                  OR OLD.cron_wanted = OLD.cron_next_exec) THEN
             NEW.cron_wanted := NULL;  -- this is the run; a retry leaves what is wanted after it
@@ -116,19 +128,20 @@ BEGIN
             NEW.cron_wanted := NULL;
             NEW.cron_next_exec := greatest(NEW.cron_next_exec, soon + interval '5 minutes');
         ELSIF OLD.cron_wanted IS NOT NULL THEN
-            NEW.cron_next_exec := greatest(OLD.cron_wanted, soon);
+            -- Beyond 2036 the table would refuse it, to the daemon.
+            NEW.cron_next_exec := greatest(least(OLD.cron_wanted, timestamp '2036-01-01'), soon);
+            -- The run began as its time was moved.
+            NEW.cron_last_exec := least(NEW.cron_last_exec, soon - interval '2 seconds');
             -- Kept while it could be past when the daemon loads the task.
             NEW.cron_wanted := CASE WHEN NEW.cron_next_exec < soon + interval '1 hour'
                                     THEN NEW.cron_next_exec END;
         END IF;
-        IF OLD.cron_changed THEN
+        -- A full queue of the server would fail the daemon's statement as it commits, where no handler
+        -- catches it. Then the end of the next run tells it, or the next start.
+        IF OLD.cron_changed AND pg_notification_queue_usage() < 0.9 THEN
             NEW.cron_changed := FALSE;
-            BEGIN
-                PERFORM pg_notify('koducronchannel', format(
-                    '{"TYPE":"SERVICE","COMMAND":"UPDATE","ID":%s}', NEW.cron_id));
-            EXCEPTION WHEN OTHERS THEN
-                NULL;  -- the server's queue is full; the next start loads the task
-            END;
+            PERFORM pg_notify('koducronchannel', format(
+                '{"TYPE":"SERVICE","COMMAND":"UPDATE","ID":%s}', NEW.cron_id));
         END IF;
     END IF;
     RETURN NEW;
@@ -169,15 +182,14 @@ CREATE OR REPLACE TRIGGER kodu_time_moved BEFORE UPDATE OF cron_next_exec ON kod
 CREATE OR REPLACE FUNCTION kodu_spare_run() RETURNS trigger
 LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
 BEGIN
-    IF OLD.cron_next_exec < clock_timestamp() AT TIME ZONE 'UTC' THEN
-        RETURN NULL;
-    END IF;
-    RETURN OLD;
+    RETURN NULL;
 END
 $$;
 
+-- The flag is off during such a run. A time proves nothing: the functions may have moved it.
 CREATE OR REPLACE TRIGGER kodu_run_deleted BEFORE DELETE ON kodu_cron_plugin
-    FOR EACH ROW WHEN (OLD.cron_status = 'PROCESS' AND OLD.cron_wanted = 'infinity')
+    FOR EACH ROW WHEN (OLD.cron_status = 'PROCESS' AND OLD.cron_wanted = 'infinity'
+                       AND NOT OLD.cron_delete)
     EXECUTE FUNCTION kodu_spare_run();
 
 -- Helpers of the functions below -----------------------------------------------------------------
@@ -235,7 +247,7 @@ $$;
 -- By the clock: in a long transaction now() is a run's whole life ago.
 CREATE OR REPLACE FUNCTION kodu_runs_now(task kodu_cron_plugin) RETURNS boolean
 LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
-    SELECT kodu_is_running(task.cron_status, task.cron_next_exec,
+    SELECT kodu_is_running(task.cron_status, task.cron_next_exec, task.cron_wanted,
                            clock_timestamp() AT TIME ZONE 'UTC')
 $$;
 
@@ -253,10 +265,14 @@ CREATE OR REPLACE FUNCTION kodu_move(task kodu_cron_plugin, due timestamp,
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 BEGIN
     IF kodu_runs_now(task) THEN
-        UPDATE kodu_cron_plugin SET cron_wanted = due WHERE cron_id = task.cron_id;
+        UPDATE kodu_cron_plugin SET cron_wanted = due,
+            -- The run that began as its time was moved is known by the two being equal.
+            cron_next_exec = CASE WHEN cron_wanted = cron_next_exec AND due <= kodu_pause_time()
+                                  THEN due ELSE cron_next_exec END
+        WHERE cron_id = task.cron_id;
     ELSE
         UPDATE kodu_cron_plugin SET cron_next_exec = due,
-            cron_wanted = CASE WHEN due < kodu_pause_time() AND NOT is_rhythm THEN due END
+            cron_wanted = CASE WHEN NOT is_rhythm THEN due END
         WHERE cron_id = task.cron_id;
         PERFORM kodu_tell_update(task.cron_id);
     END IF;
@@ -636,7 +652,8 @@ BEGIN
         RAISE NOTICE 'task % is not paused', task;
         RETURN;
     END IF;
-    IF kodu_runs_now(old) AND was_due <= old.cron_next_exec THEN
+    IF kodu_runs_now(old) AND was_due <= old.cron_next_exec
+       AND old.cron_next_exec < kodu_pause_time() THEN
         PERFORM kodu_move(old, NULL);
         RETURN;
     END IF;

@@ -332,17 +332,20 @@ CREATE OR REPLACE FUNCTION kodu_pause_time() RETURNS timestamp LANGUAGE sql IMMU
 
 -- A run, or the wait for its retry, is in progress: its due time stays in the row until it ends.
 -- PROCESS with a due time to come is what a life of the daemon left behind: loading the task has moved
--- the time.
-CREATE OR REPLACE FUNCTION kodu_is_running(status text, due timestamp, moment timestamp)
+-- the time. Unless the functions moved it just as the run began: then it is the time that is wanted, or
+-- the task is to be deleted.
+CREATE OR REPLACE FUNCTION kodu_is_running(status text, due timestamp, wanted timestamp,
+                                           moment timestamp)
 RETURNS boolean LANGUAGE sql IMMUTABLE
-    RETURN COALESCE(status = 'PROCESS' AND due < moment, FALSE);
+    RETURN COALESCE(status = 'PROCESS' AND (due < moment OR wanted = due OR wanted = 'infinity'),
+                    FALSE);
 
 -- A task is paused from the call on, although the end of a run in progress is what moves its time.
 CREATE OR REPLACE FUNCTION kodu_is_paused(status text, due timestamp, wanted timestamp,
                                           moment timestamp)
 RETURNS boolean LANGUAGE sql IMMUTABLE
     RETURN COALESCE(due >= kodu_pause_time()
-                    OR kodu_is_running(status, due, moment)
+                    OR kodu_is_running(status, due, wanted, moment)
                        AND wanted >= kodu_pause_time() AND wanted < 'infinity', FALSE);
 
 -- One row: the sessions of the daemon's role in this database that are no tool's (a tool's
@@ -424,7 +427,7 @@ CROSS JOIN LATERAL (
            COALESCE(cron_retries_interval, interval '120 seconds') AS retry_after
 ) AS present
 CROSS JOIN LATERAL (
-    SELECT kodu_is_running(cron_status, cron_next_exec, utc) AS running,
+    SELECT kodu_is_running(cron_status, cron_next_exec, cron_wanted, utc) AS running,
            kodu_is_paused(cron_status, cron_next_exec, cron_wanted, utc) AS paused,
            greatest(0, floor(EXTRACT(EPOCH FROM utc - cron_next_exec)))::bigint AS due_seconds
 ) AS moment

@@ -54,8 +54,11 @@ class Transaction {
  public:
   explicit Transaction(Session& owner) : session(owner) {
     // No limit of time: this one is about locks, and its statements may take as long as they do.
+    // But a koductl that was stopped, or whose host is gone, must not keep the tables from the
+    // daemon.
     session.execute(
         "BEGIN; SET LOCAL lock_timeout = '500ms'; SET LOCAL statement_timeout = 0;"
+        "SET LOCAL idle_in_transaction_session_timeout = '5s';"
         "SET LOCAL client_min_messages = warning; SET LOCAL search_path = public");
   }
   ~Transaction() {

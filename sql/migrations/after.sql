@@ -9,6 +9,7 @@ BEGIN
         SELECT kept.statement FROM upgrade_keeps AS kept
         WHERE CASE kind
                   WHEN 'TABLE' THEN to_regclass(object) IS NOT NULL
+                  WHEN 'COLUMN' THEN object IN (SELECT name FROM upgrade_columns)
                   WHEN 'FUNCTION' THEN to_regprocedure(object) IS NOT NULL
                   ELSE object IN (SELECT format('%s %s', tgrelid, tgname) FROM pg_trigger) END
     LOOP
@@ -36,5 +37,5 @@ END
 $$;
 
 -- The transaction of a dry run, or one that is tried again, ends without a COMMIT.
-DROP VIEW pg_temp.upgrade_views, pg_temp.upgrade_functions;
+DROP VIEW pg_temp.upgrade_views, pg_temp.upgrade_functions, pg_temp.upgrade_columns;
 DROP TABLE pg_temp.upgrade_keeps;

@@ -10,22 +10,34 @@ CREATE TEMPORARY VIEW upgrade_views AS
 SELECT oid, relacl, relowner FROM pg_class
 WHERE relnamespace = 'public'::regnamespace AND relkind = 'v' AND starts_with(relname, 'kodu_');
 
+CREATE TEMPORARY VIEW upgrade_columns AS
+SELECT format('%s.%I', attrelid::regclass, attname) AS name, attname, attacl, view.*
+FROM pg_attribute JOIN upgrade_views AS view ON attrelid = oid
+WHERE attnum > 0 AND NOT attisdropped;
+
 CREATE TEMPORARY VIEW upgrade_functions AS
 SELECT oid, proacl, proowner FROM pg_proc
 WHERE pronamespace = 'public'::regnamespace AND starts_with(proname, 'kodu_');
 
--- A view that others have built on ours would have to go, too.
+-- What others have built on ours (views, functions, triggers) would have to go, too.
 DO $$
 DECLARE
-    foreign_view regclass;
+    theirs text;
 BEGIN
-    SELECT ev_class INTO foreign_view
-    FROM pg_depend JOIN pg_rewrite AS rule ON classid = 'pg_rewrite'::regclass AND objid = rule.oid
-    WHERE refobjid IN (SELECT oid FROM upgrade_views UNION ALL SELECT oid FROM upgrade_functions)
-      AND ev_class NOT IN (SELECT oid FROM upgrade_views)
+    SELECT CASE WHEN rule.oid IS NULL THEN pg_describe_object(classid, objid, objsubid)
+                ELSE 'view ' || ev_class::regclass END INTO theirs
+    FROM pg_depend
+    LEFT JOIN pg_rewrite AS rule ON classid = 'pg_rewrite'::regclass AND objid = rule.oid
+    LEFT JOIN pg_trigger AS trigger ON classid = 'pg_trigger'::regclass AND objid = trigger.oid
+    WHERE refobjid IN (SELECT oid FROM upgrade_views UNION ALL SELECT oid FROM upgrade_functions
+                       UNION ALL SELECT reltype FROM pg_class WHERE oid IN (SELECT oid FROM upgrade_views))
+      AND deptype = 'n'
+      AND COALESCE(ev_class, objid) NOT IN (SELECT oid FROM upgrade_views
+                                            UNION ALL SELECT oid FROM upgrade_functions)
+      AND NOT COALESCE(starts_with(tgname, 'kodu_'), FALSE)
     LIMIT 1;
     IF FOUND THEN
-        RAISE EXCEPTION 'the view % reads what the upgrade has to make anew', foreign_view USING
+        RAISE EXCEPTION 'the % uses what the upgrade has to make anew', theirs USING
             HINT = 'Drop it, upgrade, and create it again.';
     END IF;
 END
@@ -33,13 +45,18 @@ $$;
 
 -- Rights that somebody granted, but for those of the roles that the two files know.
 INSERT INTO upgrade_keeps
-SELECT format('GRANT %s ON %s %s TO %s%s', privilege_type, kind, object,
+SELECT format('GRANT %s ON %s %s TO %s%s', privilege_type || columns,
+              CASE kind WHEN 'COLUMN' THEN 'TABLE' ELSE kind END, relation,
               CASE grantee WHEN 0 THEN 'PUBLIC' ELSE quote_ident(pg_get_userbyid(grantee)) END,
               CASE WHEN is_grantable THEN ' WITH GRANT OPTION' END), kind, object
-FROM (SELECT 'TABLE' AS kind, oid::regclass::text AS object, relowner AS owner, acl.*
+FROM (SELECT 'TABLE' AS kind, oid::regclass::text AS object, oid::regclass::text AS relation,
+             '' AS columns, relowner AS owner, acl.*
       FROM upgrade_views, aclexplode(relacl) AS acl
       UNION ALL
-      SELECT 'FUNCTION', oid::regprocedure::text, proowner, acl.*
+      SELECT 'COLUMN', name, oid::regclass::text, format(' (%I)', attname), relowner, acl.*
+      FROM upgrade_columns, aclexplode(attacl) AS acl
+      UNION ALL
+      SELECT 'FUNCTION', oid::regprocedure::text, oid::regprocedure::text, '', proowner, acl.*
       FROM upgrade_functions, aclexplode(proacl) AS acl) AS granted
 WHERE grantee NOT IN (0, owner) AND pg_get_userbyid(grantee) NOT IN ('kodu', 'kodu_admin');
 

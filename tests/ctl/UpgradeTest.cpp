@@ -227,6 +227,7 @@ TEST_F(UpgradeTest, LeavesNoOverloadBehind) {
 TEST_F(UpgradeTest, KeepsWhatAnAdministratorDid) {
   makeFirstRelease();
   database.query("GRANT SELECT ON kodu_task_status TO " + admin() +
+                 "; GRANT SELECT (id, name) ON kodu_task_status TO " + admin() +
                  "; GRANT EXECUTE ON FUNCTION kodu_forecast TO " + admin() +
                  "; ALTER TABLE kodu_cron_plugin DISABLE TRIGGER kodu_task_added");
   upgrade();
@@ -234,12 +235,35 @@ TEST_F(UpgradeTest, KeepsWhatAnAdministratorDid) {
                            " 'kodu_task_status' AND grantee = '" +
                            admin() + "'::regrole"),
             "1");
+  EXPECT_EQ(database.value("SELECT string_agg(attname, ' ' ORDER BY attnum) FROM pg_attribute,"
+                           " aclexplode(attacl) WHERE attrelid = 'kodu_task_status'::regclass"),
+            "id name");
   EXPECT_EQ(database.value("SELECT count(*) FROM pg_proc, aclexplode(proacl) WHERE proname ="
                            " 'kodu_forecast' AND grantee = '" +
                            admin() + "'::regrole"),
             "1");
   EXPECT_EQ(database.value("SELECT tgenabled FROM pg_trigger WHERE tgname = 'kodu_task_added'"),
             "D");
+}
+
+TEST_F(UpgradeTest, RefusesToTakeWhatAnAdministratorBuiltOnIt) {
+  makeFirstRelease();
+  database.query(
+      "CREATE FUNCTION late() RETURNS bigint BEGIN ATOMIC"
+      " SELECT count(*) FROM kodu_task_status WHERE lateness > 5; END");
+  CtlResult result = schema({"upgrade"});
+  EXPECT_EQ(result.exitCode, 65) << result.out;
+  EXPECT_THAT(result.err, HasSubstr("the function late() uses what the upgrade has to make anew"));
+
+  database.query(
+      "DROP FUNCTION late(); CREATE TABLE mine (cron_id integer); CREATE TRIGGER told AFTER INSERT"
+      " ON mine FOR EACH ROW EXECUTE FUNCTION kodu_notify_of_task('UPDATE')");
+  result = schema({"upgrade"});
+  EXPECT_EQ(result.exitCode, 65) << result.out;
+  EXPECT_THAT(result.err, HasSubstr("the trigger told on table mine uses what"));
+
+  database.query("DROP TABLE mine");
+  upgrade();
 }
 
 TEST_F(UpgradeTest, LoadsNoFunctionsWhereThereAreNone) {
@@ -275,8 +299,37 @@ TEST_F(UpgradeTest, GoesBackWhereAStatementFails) {
   const std::string before = dump(database, "before.sql");
   const CtlResult result = schema({"upgrade"});
   EXPECT_EQ(result.exitCode, 65);
-  EXPECT_THAT(result.err, HasSubstr("the view mine reads what the upgrade has to make anew"));
+  EXPECT_THAT(result.err, HasSubstr("the view mine uses what the upgrade has to make anew"));
   expectEqual(before, dump(database, "after.sql"));
+}
+
+TEST_F(UpgradeTest, GivesTheTablesBackWhenItIsStoppedInTheMiddle) {
+  makeFirstRelease();
+  // The setting of the tables' own file, which a copied database lacks.
+  database.query(
+      "DO $$BEGIN EXECUTE format('ALTER DATABASE %I RESET ALL', current_database()); END$$;"
+      "CREATE FUNCTION slow() RETURNS event_trigger LANGUAGE plpgsql AS"
+      " $$BEGIN PERFORM pg_sleep(1); END$$;"
+      "CREATE EVENT TRIGGER slow ON ddl_command_start WHEN tag IN ('ALTER TABLE')"
+      " EXECUTE FUNCTION slow()");
+  const auto sessions = [&](const std::string& condition) {
+    return database.value(
+        "SELECT count(*) FROM pg_stat_activity JOIN pg_locks USING (pid) WHERE"
+        " mode = 'AccessExclusiveLock' AND datname = current_database() AND " +
+        condition);
+  };
+  const pid_t koductl = startSchema({"upgrade"});
+  ASSERT_TRUE(waitUntil([&] { return sessions("wait_event = 'PgSleep'") != "0"; }));
+
+  kill(koductl, SIGSTOP);
+  EXPECT_TRUE(waitUntil([&] { return sessions("TRUE") == "0"; }, std::chrono::seconds(60)));
+  kill(koductl, SIGCONT);
+
+  int status = 0;
+  waitpid(koductl, &status, 0);
+  EXPECT_EQ(exitStatusOf(status), 69);
+  database.query("DROP EVENT TRIGGER slow; DROP FUNCTION slow()");
+  upgrade();
 }
 
 TEST_F(UpgradeTest, RefusesASecondUpgradeAtATime) {

@@ -573,14 +573,90 @@ TEST_F(RunTest, IsNotMetByAPurgeWhenItsTaskWasFlaggedInTheQueue) {
   call("kodu_task_delete(7)");
   EXPECT_EQ(run("SelectDeleteCron", {}), "7");
 
-  set(7, "cron_next_exec = now() - interval '2 s'");  // the daemon has not heard of the new time
-  run("UpdateCronProcess", {"7"});
+  run("UpdateCronProcess", {"7"});  // the daemon has not heard of the new time
+  EXPECT_EQ(status(7, "running || ' ' || deleting"), "true true");
+  call("kodu_task_delete(7)");
   EXPECT_EQ(run("SelectDeleteCron", {}), "");
   run("DeleteCron", {"7"});  // of a purge that has looked just before
   endRun();
   EXPECT_EQ(run("SelectDeleteCron", {}), "7");
   run("DeleteCron", {"7"});
   EXPECT_EQ(database.task(7, "cron_id"), "");
+}
+
+TEST_F(RunTest, IsKnownWhenItsTimeWasMovedAsItBegan) {
+  set(7, "cron_status = 'OK', cron_interval = '1 day'");
+  call("kodu_task_pause(7)");
+  run("UpdateCronProcess", {"7"});  // by a worker that had the task already
+  EXPECT_EQ(status(7, "running || ' ' || paused"), "true true");
+  run("UpdateCronProcess", {"7"});  // a retry
+  endRun();
+  EXPECT_EQ(database.task(7, "cron_next_exec"), "2036-01-01 00:00:00");
+  EXPECT_EQ(status(7, "running || ' ' || paused || ' ' || (last_run > now())"), "false true false");
+
+  call("kodu_task_resume(7)");
+  call("kodu_task_set(7, next_run => now() + interval '10 minutes')");
+  run("UpdateCronProcess", {"7"});
+  EXPECT_EQ(status(7, "running"), "t");
+  call("kodu_task_set(7, next_run => now() + interval '20 minutes')");
+  EXPECT_EQ(status(7, "running"), "t");
+  heard();
+  call("kodu_task_set(7, retries => 4)");
+  EXPECT_THAT(heard(), IsEmpty());
+  endRun();
+  EXPECT_NEAR(static_cast<double>(nextIn(7)), 1200, 5);
+}
+
+TEST_F(RunTest, IsNotMetByAPurgeWhenItsTimeWasMovedAsItBegan) {
+  set(7, "cron_status = 'OK', cron_interval = '1 day'");
+  call("kodu_task_pause(7)");
+  run("UpdateCronProcess", {"7"});
+  call("kodu_task_delete(7)");
+  EXPECT_EQ(run("SelectDeleteCron", {}), "");
+  endRun();
+  EXPECT_EQ(run("SelectDeleteCron", {}), "7");
+}
+
+TEST_F(RunTest, IsResumedWhenItsPauseCameAsItBegan) {
+  set(7, "cron_status = 'OK', cron_interval = '1 day'");
+  call("kodu_task_pause(7)");
+  run("UpdateCronProcess", {"7"});
+  call("kodu_task_resume(7)");
+  EXPECT_EQ(status(7, "running || ' ' || paused"), "true false");
+  EXPECT_EQ(endRun(), due + 86400);
+}
+
+TEST_F(RunTest, EndsWithoutFailingWhateverIsWanted) {
+  set(7, "cron_wanted = '2037-12-31'");
+  endRun();
+  EXPECT_EQ(database.task(7, "cron_next_exec"), "2036-01-01 00:00:00");
+}
+
+TEST_F(RunTest, TellsAChangeOfItsPluginAtItsEnd) {
+  heard();
+  database.query("UPDATE kodu_plugins SET plugin_path = '/bin/echo'");
+  EXPECT_THAT(heard(), IsEmpty());
+  EXPECT_EQ(endRun(), due + 300);
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+}
+
+TEST_F(RunTest, TellsAChangeLaterWhenTheServersQueueIsFull) {
+  database.query(
+      "CREATE OR REPLACE FUNCTION pg_catalog.pg_notification_queue_usage() RETURNS double precision"
+      " LANGUAGE sql AS $$SELECT current_setting('test.usage')::float8$$");
+  const auto claimUsage = [&](const std::string& share) {
+    PQclear(daemon.executeRequest("SET test.usage = " + share));
+  };
+  set(7, "cron_parameter = 'plain'");
+  claimUsage("1");
+  endRun();
+  EXPECT_THAT(heard(), IsEmpty()) << "its commit would have failed";
+
+  claimUsage("0");
+  set(7, "cron_next_exec = now() - interval '2 s'");
+  run("UpdateCronProcess", {"7"});
+  endRun();
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
 }
 
 TEST_F(RunTest, LeavesWhatIsWantedToTheRepairWhenTheDaemonDies) {

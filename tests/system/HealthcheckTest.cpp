@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -146,6 +147,23 @@ TEST_F(HealthcheckTest, SeesATableThatIsLocked) {
   EXPECT_THAT(health.line,
               StartsWith("KODUCRON CRITICAL - the database does not answer within 1 s: "
                          "ERROR: canceling statement due to statement timeout"));
+}
+
+TEST_F(HealthcheckTest, SeesAServerThatStopsInTheMiddleOfItsAnswer) {
+  ASSERT_TRUE(daemon.startAndWait());
+  database.query("BEGIN; LOCK TABLE kodu_plugins");
+  auto answer = std::async(std::launch::async, [&] { return check("-t 5"); });
+  ASSERT_TRUE(waitUntil([&] { return database.waitingSessions() > 0; }));
+  const pid_t server = std::stoi(database.value(
+      "SELECT pid FROM pg_stat_activity WHERE application_name = 'kodu_healthcheck'"));
+
+  ASSERT_EQ(kill(server, SIGSTOP), 0);
+  EXPECT_EQ(answer.wait_for(std::chrono::seconds(40)), std::future_status::ready);
+  kill(server, SIGCONT);
+
+  const Health health = answer.get();
+  EXPECT_EQ(health.status, 2);
+  EXPECT_THAT(health.line, HasSubstr("the database does not answer within 5 s"));
 }
 
 TEST_F(HealthcheckTest, TakesNoWarningOfTheServerForAFigure) {
