@@ -3,9 +3,14 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -58,6 +63,35 @@ void closeInput() {
   const int nothing = open("/dev/null", O_RDONLY);
   dup2(nothing, STDIN_FILENO);
   close(nothing);
+}
+
+/// Goes on in a child, whose end this process waits for and hands on.
+void goOnInChild() {
+  const pid_t child = fork();
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+  }
+  if (child <= 0) {
+    return;
+  }
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  _exit(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status));
+}
+
+/// A plugin of the daemon has no controlling terminal. With the caller's it could write what
+/// commands that, past all filters, and type commands into root's shell (TIOCSTI).
+void leaveTerminal() {
+  // Whose terminal is its session's leader's: Ctrl-C would end with it.
+  if (getsid(0) == getpid()) {
+    goOnInChild();
+  }
+  const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (terminal >= 0) {
+    ioctl(terminal, TIOCNOTTY);
+    close(terminal);
+  }
 }
 
 Run runOnce(const std::shared_ptr<serviceCron>& record) {
@@ -166,6 +200,7 @@ int runRerun(const Options& options) {
   }
   becomeDaemonUser(daemon);
   closeInput();
+  leaveTerminal();
   const Run run = runOnce(task->record());
   const std::optional<std::string> stored = storedOutput(*task);
   if (options.asJson) {

@@ -131,6 +131,11 @@ std::optional<pid_t> findRunning(const DaemonConfig& config) {
 
 DaemonIdentity identityOf(pid_t process) {
   const ProcessStatus status = statusOf(process);
+  // It may have become another program since it was found: a set-user-ID one, with other users.
+  if (!executableOf(process).empty() && !runsDaemon(process)) {
+    throw Failure(kNotPermitted,
+                  fmt::format("the daemon (pid {}) ended just now: try again", process));
+  }
   if (!status.isOneUser()) {
     throw Failure(
         kNotPermitted,
@@ -163,6 +168,30 @@ void addGroupsOfUser(DaemonIdentity& identity) {
   identity.groups.resize(static_cast<std::size_t>(count));
 }
 
+/// True when nobody but root could have put the entry of a folder there, or its name.
+bool isRootsEntry(const fs::path& path) {
+  struct stat status {};
+  const bool isThere = lstat(path.c_str(), &status) == 0;
+  // In a sticky folder everybody makes entries, but renames no other's.
+  const bool isOpen = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !S_ISLNK(status.st_mode) &&
+                      !(S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0);
+  return isThere && status.st_uid == 0 && !isOpen;
+}
+
+/// True when the file and every folder and link on the way to it are.
+bool isRootsAlone(const fs::path& path) {
+  std::error_code error;
+  const fs::path target = fs::canonical(path, error);
+  for (const fs::path& way : {fs::absolute(path, error), target}) {
+    for (fs::path entry = way; entry != entry.root_path(); entry = entry.parent_path()) {
+      if (!isRootsEntry(entry)) {
+        return false;
+      }
+    }
+  }
+  return !target.empty();
+}
+
 /// Where no daemon runs: the user whom its files belong to.
 DaemonIdentity identityOfOwner(const DaemonConfig& config) {
   DaemonIdentity identity;
@@ -171,8 +200,9 @@ DaemonIdentity identityOfOwner(const DaemonConfig& config) {
   const bool hasOwner = hasLog || stat(config.outputDirectory.c_str(), &status) == 0;
   identity.uid = hasOwner ? status.st_uid : geteuid();
   identity.gid = hasOwner ? status.st_gid : getegid();
-  // A folder that root made, or a log that others may write, does not make the daemon root's.
-  identity.isKnown = identity.uid != 0 || (hasLog && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0);
+  // A folder that root made does not make the daemon root's, nor does a log that others may write,
+  // or have made out of another file of root's by a link.
+  identity.isKnown = identity.uid != 0 || (hasLog && isRootsAlone(config.logFile));
   addGroupsOfUser(identity);
   return identity;
 }

@@ -167,6 +167,30 @@ TEST_F(DaemonProcessTest, RunsNothingAsRootByAGuess) {
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
 }
 
+TEST_F(DaemonProcessTest, TakesNoFileOfRootsForTheLogBecauseOfALink) {
+  const std::string target = daemon.directory / "of_root";
+  writeFile(target, "");
+  ASSERT_EQ(symlink(target.c_str(), daemon.logPath().c_str()), 0);
+  // By root itself: a log on another disk.
+  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
+  ASSERT_EQ(lchown(daemon.logPath().c_str(), nobody(), nobody()), 0);
+  const CtlResult result = run({"rerun", "1"});
+  EXPECT_EQ(result.exitCode, 77);
+  EXPECT_THAT(result.err, HasSubstr("its files do not tell its user"));
+}
+
+TEST_F(DaemonProcessTest, TakesNoFileOfRootsForTheLogInAFolderOfAnother) {
+  writeFile(daemon.logPath(), "");
+  const std::string folder = std::filesystem::path(daemon.logPath()).parent_path();
+  ASSERT_EQ(chown(folder.c_str(), nobody(), nobody()), 0);
+  EXPECT_EQ(run({"rerun", "1"}).exitCode, 77);
+  ASSERT_EQ(chown(folder.c_str(), 0, 0), 0);
+  chmod(folder.c_str(), 0777);
+  EXPECT_EQ(run({"rerun", "1"}).exitCode, 77);
+  chmod(folder.c_str(), 01777);
+  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
+}
+
 TEST_F(DaemonProcessTest, GivesAPluginAllGroupsOfItsUser) {
   if (!canMount()) {
     GTEST_SKIP() << "nothing can be mounted here";

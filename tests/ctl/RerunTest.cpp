@@ -48,6 +48,15 @@ TEST_F(RerunTest, GivesTheArgumentsAndNoEnvironment) {
   EXPECT_THAT(result.out, StartsWith("2 <-m> <two words>\n[]\n--- return code 0 (OK)"));
 }
 
+TEST_F(RerunTest, GivesThePluginNoTerminal) {
+  TaskRow row = quietTask(1);
+  writePlugin(row.path, "echo fine; if (echo typed >/dev/tty) 2>&-; then exit 1; fi; exit 3");
+  database.insertTask(row);
+  const std::string text = runOnTerminal({"rerun", "1"});
+  EXPECT_THAT(text, HasSubstr("return code 3"));
+  EXPECT_THAT(text, testing::Not(HasSubstr("typed")));
+}
+
 TEST_F(RerunTest, RunsInTheDirectoryOfTheRunningDaemon) {
   ASSERT_TRUE(daemon.startAndWait());
   const std::string directory =
