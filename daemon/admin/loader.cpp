@@ -21,6 +21,8 @@ namespace {
 
 using Task = std::shared_ptr<serviceCron>;
 
+constexpr int kManyRows = 1000;
+
 void add(int id, const Task& task) {
   {
     // A task that is replaced here may be queued still, and then runs beside the new one: an
@@ -83,7 +85,8 @@ void enter(const std::string& mode, const LoaderRow& row) {
 
 void load_cron_task(std::string mode, std::vector<int>* ids) {
   ResultPtr result(pgSQL->executeRequest(taskQuery(ids)));
-  for (int index = 0; index < PQntuples(result.get()); ++index) {
+  const int rows = PQntuples(result.get());
+  for (int index = 0; index < rows; ++index) {
     const LoaderRow row(result, index);
     try {
       enter(mode, row);
@@ -95,7 +98,10 @@ void load_cron_task(std::string mode, std::vector<int>* ids) {
     }
   }
   result.reset();
-  // The rows have passed through the heap; that memory is not needed again.
-  malloc_trim(0);
+  if (rows >= kManyRows) {
+    // The rows have passed through the heap; that memory is not needed again. After a few rows this
+    // would cost more than it gives: all threads' heap is locked while each of its gaps is visited.
+    malloc_trim(0);
+  }
   fileLog->write(kLogNotice, "script reload successful");
 }

@@ -62,9 +62,14 @@ int tryCopy(const std::string& from, const std::string& to) {
 }  // namespace
 
 void copyToNewFile(const std::string& from, const std::string& to) {
-  // Not std::filesystem::copy, whose descriptors a plugin of another worker may inherit.
-  if (const int error = tryCopy(from, to); error != 0) {
-    throw std::filesystem::filesystem_error("cannot copy", from, to,
+  // Not std::filesystem::copy, whose descriptors a plugin of another worker may inherit. Like it,
+  // this copies into a directory that stands in the copy's place.
+  std::filesystem::path target = to;
+  if (std::error_code ignored; std::filesystem::is_directory(target, ignored)) {
+    target /= std::filesystem::path(from).filename();
+  }
+  if (const int error = tryCopy(from, target); error != 0) {
+    throw std::filesystem::filesystem_error("cannot copy", from, target,
                                             {error, std::generic_category()});
   }
 }

@@ -56,6 +56,15 @@ TEST_F(CopyFileTest, CopiesEveryByte) {
   }
 }
 
+TEST_F(CopyFileTest, CopiesIntoADirectoryInTheCopysPlace) {
+  writeFile(from, "text");
+  fs::create_directory(to);
+
+  copyToNewFile(from, to);
+
+  EXPECT_EQ(readFile(to + "/from"), "text");
+}
+
 TEST_F(CopyFileTest, CopiesTheMode) {
   writeFile(from, "text");
   const mode_t previous = umask(077);

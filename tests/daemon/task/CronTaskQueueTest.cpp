@@ -1,5 +1,7 @@
 #include "task/CronTaskQueue.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <array>
 #include <ctime>
@@ -269,6 +271,9 @@ double secondsToFree(std::size_t size) {
 
 // A look into each record takes 0.04 s and more, and the lock is held meanwhile.
 TEST(CronTaskQueueTest, FreesTasksWithoutALookIntoEachRecord) {
+  if (mallinfo2().uordblks == 0) {
+    GTEST_SKIP() << "the time is the sanitizer's";
+  }
   std::array<double, 5> seconds{};
   std::ranges::generate(seconds, [] { return secondsToFree(300'000); });
   std::ranges::sort(seconds);
