@@ -270,6 +270,9 @@ BEGIN
             cron_next_exec = CASE WHEN cron_wanted = cron_next_exec AND due <= kodu_pause_time()
                                   THEN due ELSE cron_next_exec END
         WHERE cron_id = task.cron_id;
+        IF task.cron_wanted = task.cron_next_exec THEN
+            PERFORM kodu_tell_update(task.cron_id);  -- it has been told of the other time
+        END IF;
     ELSE
         UPDATE kodu_cron_plugin SET cron_next_exec = due,
             cron_wanted = CASE WHEN NOT is_rhythm THEN due END
@@ -696,8 +699,10 @@ BEGIN
     IF old.cron_delete THEN
         RETURN;
     END IF;
-    IF kodu_runs_now(old) THEN
-        PERFORM kodu_move(old, 'infinity');
+    -- Whatever its due time: a time that was moved seconds before the run began lies ahead of it. A run
+    -- that a life of the daemon left behind then takes one more run, or the repair, to its deletion.
+    IF old.cron_status = 'PROCESS' THEN
+        UPDATE kodu_cron_plugin SET cron_wanted = 'infinity' WHERE cron_id = task;
         RETURN;
     END IF;
     UPDATE kodu_cron_plugin SET cron_delete = TRUE, cron_next_exec = later, cron_wanted = NULL

@@ -617,6 +617,16 @@ TEST_F(RunTest, IsNotMetByAPurgeWhenItsTimeWasMovedAsItBegan) {
   EXPECT_EQ(run("SelectDeleteCron", {}), "7");
 }
 
+TEST_F(RunTest, IsNotMetByAPurgeWhenItWasAskedForAsItBegan) {
+  set(7, "cron_status = 'OK', cron_interval = '1 day'");
+  call("kodu_task_run_now(7)");
+  run("UpdateCronProcess", {"7"});
+  call("kodu_task_delete(7)");
+  EXPECT_EQ(run("SelectDeleteCron", {}), "");
+  endRun();
+  EXPECT_EQ(run("SelectDeleteCron", {}), "7");
+}
+
 TEST_F(RunTest, IsResumedWhenItsPauseCameAsItBegan) {
   set(7, "cron_status = 'OK', cron_interval = '1 day'");
   call("kodu_task_pause(7)");
