@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -325,7 +326,10 @@ class Parser {
       return kWrongUsage;
     }
     if (e.get_exit_code() == 0) {
-      return app.exit(e);
+      std::ostringstream text;
+      const int exitCode = app.exit(e, text);
+      print("{}", Styled(text.str()));
+      return exitCode;
     }
     const auto commands = app.get_subcommands();
     printError("koductl: {}; koductl {}--help tells more\n", oneLine(e.what()),

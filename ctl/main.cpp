@@ -1,8 +1,6 @@
 // koductl: what the operator of a koducron asks it, and tells it to do.
 
-#include <cerrno>
 #include <clocale>
-#include <cstdio>
 #include <string>
 #include <system_error>
 
@@ -17,13 +15,6 @@ int fail(const std::string& reason, int exitCode) {
   return exitCode;
 }
 
-/// What stands in the buffers is part of the answer, too.
-void requireWritten() {
-  if (std::fflush(stdout) != 0) {
-    throw std::system_error(errno, std::generic_category());
-  }
-}
-
 }  // namespace
 
 // What is not caught here is a fault of koductl itself.
@@ -31,13 +22,10 @@ void requireWritten() {
 int main(int argc, char* argv[]) {
   // What the database and the plugins say is UTF-8, whatever the caller's locale.
   std::setlocale(LC_CTYPE, "C.UTF-8");
-  const Request request = parseCommandLine(argc, argv);
-  if (!request.run) {
-    return request.exitCode;
-  }
   try {
-    const int exitCode = request.run(request.options);
-    requireWritten();
+    const Request request = parseCommandLine(argc, argv);
+    const int exitCode = request.run ? request.run(request.options) : request.exitCode;
+    flushOutput();  // what stands in the buffer is part of the answer, too
     return exitCode;
   } catch (const Failure& e) {
     return fail(e.what(), e.exitCode);

@@ -100,7 +100,7 @@ void printAsJson(const Task& task, const std::string& path) {
         print("==> {} UTC <==\n", timeText(present.changed.tv_sec));
         printText(readOutput(path));
       }
-      std::fflush(stdout);
+      flushOutput();
     }
     shown = present;
     usleep(200000);

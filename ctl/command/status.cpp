@@ -225,7 +225,7 @@ void showFailure(const std::string& failure, bool isDrawn) {
     } else {
       printTasks(*tasks, options);
     }
-    std::fflush(stdout);
+    flushOutput();
     sleep(1);
   }
 }

@@ -9,6 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
+
+#include <libpq-fe.h>
 
 #include "core/globals.h"
 #include "core/iniConfig.h"
@@ -125,5 +128,20 @@ std::string connectionString(const DaemonConfig& config, const std::string& user
 }
 
 std::string connectionString(const std::string& given) {
-  return "application_name=kodu_ctl connect_timeout=10 " + given;
+  char* error = nullptr;
+  const std::unique_ptr<PQconninfoOption, decltype(&PQconninfoFree)> options(
+      PQconninfoParse(given.c_str(), &error), PQconninfoFree);
+  const std::unique_ptr<char, decltype(&PQfreemem)> reason(error, PQfreemem);
+  if (!options) {
+    throw Failure(kWrongUsage,
+                  fmt::format("--connect: {}", trim(reason ? reason.get() : "no memory")));
+  }
+  // As settings, whether they were given so or as a URI: further ones can stand behind them.
+  std::string text = "application_name=kodu_ctl connect_timeout=10";
+  for (const PQconninfoOption* option = options.get(); option->keyword != nullptr; ++option) {
+    if (option->val != nullptr) {
+      text += fmt::format(" {}={}", option->keyword, quoted(option->val));
+    }
+  }
+  return text;
 }

@@ -95,6 +95,11 @@ std::string lockTextOf(PGconn* connection, const ResultPtr& lock) {
   return fmt::format("a lock of the kind {}", type);
 }
 
+bool isGood(const ResultPtr& result) {
+  return !result || PQresultStatus(result.get()) == PGRES_COMMAND_OK ||
+         PQresultStatus(result.get()) == PGRES_TUPLES_OK;
+}
+
 }  // namespace
 
 bool hasReplied(PGconn* connection, std::chrono::milliseconds time) {
@@ -116,7 +121,15 @@ bool hasReplied(PGconn* connection, std::chrono::milliseconds time) {
 ResultPtr replyOf(PGconn* connection) {
   ResultPtr last;
   while (PGresult* next = PQgetResult(connection)) {
-    last.reset(next);
+    const ExecStatusType status = PQresultStatus(next);
+    if (isGood(last)) {  // the first failure is the server's reason, a second one libpq's
+      last.reset(next);
+    } else {
+      PQclear(next);
+    }
+    if (status == PGRES_COPY_IN || status == PGRES_COPY_OUT || status == PGRES_COPY_BOTH) {
+      break;  // no statement here copies, and a result of that kind never ends
+    }
   }
   return last;
 }

@@ -19,7 +19,8 @@ using Connection = std::unique_ptr<PGconn, Disconnector>;
 /// connection is lost.
 bool hasReplied(PGconn* connection, std::chrono::milliseconds time);
 
-/// The reply's last result, once hasReplied() is true: an error when the connection is lost.
+/// The reply, once hasReplied() is true: its last result, or the first that failed, as when the
+/// connection is lost.
 ResultPtr replyOf(PGconn* connection);
 
 /// What a session waits for, seen from a second session: once the wait has ended, the server does

@@ -73,6 +73,7 @@ Connection connectAs(const Options& options, const DaemonConfig& config,
                             withoutTabs(trim(PQerrorMessage(connection.get()))), place, password));
 }
 
+/// "" for a result that is missing or not the server's.
 std::string sqlState(const ResultPtr& result) {
   const char* state = PQresultErrorField(result.get(), PG_DIAG_SQLSTATE);
   return state == nullptr ? "" : state;
@@ -81,6 +82,12 @@ std::string sqlState(const ResultPtr& result) {
 /// Whether an error is about a table, a column or a function that is not there.
 bool isAboutMissing(const std::string& state) {
   return state == "42P01" || state == "42703" || state == "42883";
+}
+
+/// A pooler or another program that speaks the protocol may answer anything.
+[[noreturn]] void refuseAnswer(const char* column) {
+  throw Failure(kNoDatabase,
+                fmt::format("what answers is no PostgreSQL: no valid {} in its answer", column));
 }
 
 /// Why a statement has ended that waited for a lock longer than `limit`, by the option's name.
@@ -97,20 +104,20 @@ std::string lockedText(const LockWatch& watch, int seconds, const char* option) 
 
 }  // namespace
 
-int Rows::indexOf(const char* column) const {
+int Rows::indexOf(int row, const char* column) const {
   const int index = PQfnumber(result.get(), column);
-  if (index < 0) {
-    throw std::logic_error(std::string("no column ") + column);
+  if (index < 0 || row >= count()) {
+    refuseAnswer(column);
   }
   return index;
 }
 
 bool Rows::isNull(int row, const char* column) const {
-  return PQgetisnull(result.get(), row, indexOf(column)) == 1;
+  return PQgetisnull(result.get(), row, indexOf(row, column)) == 1;
 }
 
 std::string Rows::text(int row, const char* column) const {
-  return PQgetvalue(result.get(), row, indexOf(column));
+  return PQgetvalue(result.get(), row, indexOf(row, column));
 }
 
 std::optional<std::string> Rows::optionalText(int row, const char* column) const {
@@ -122,7 +129,14 @@ long Rows::number(int row, const char* column) const {
 }
 
 std::optional<long> Rows::optionalNumber(int row, const char* column) const {
-  return isNull(row, column) ? std::nullopt : std::optional(std::stol(text(row, column)));
+  if (isNull(row, column)) {
+    return std::nullopt;
+  }
+  try {
+    return std::stol(text(row, column));
+  } catch (const std::logic_error&) {
+    refuseAnswer(column);
+  }
 }
 
 Session::Session(const Options& options, SchemaRule rule)
@@ -173,7 +187,12 @@ ResultPtr Session::awaitResult(int limit) {
                                 limit));
     }
   }
+  const bool isLost = PQstatus(connection.get()) != CONNECTION_OK;
+  const std::string reason = PQerrorMessage(connection.get());  // later with "invalid socket"
   ResultPtr result = replyOf(connection.get());
+  if (isLost && sqlState(result).empty()) {
+    throw Failure(kNoDatabase, serverMessage(reason));
+  }
   const ExecStatusType status = PQresultStatus(result.get());
   if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
     fail(result, watch);
@@ -190,6 +209,9 @@ void Session::fail(const ResultPtr& result, const LockWatch& watch) const {
   const std::string state = sqlState(result);
   if (PQstatus(connection.get()) != CONNECTION_OK) {
     throw Failure(kNoDatabase, said);
+  }
+  if (said.empty()) {
+    refuseAnswer("result");
   }
   if (state == kLockTimeout) {
     throw Failure(kNoDatabase, lockedText(watch, lockTimeout, "--lock-timeout"), state);

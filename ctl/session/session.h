@@ -10,8 +10,8 @@
 
 struct Options;
 
-/// A statement's rows, read by column name. A name that the statement does not have is a
-/// std::logic_error.
+/// A statement's rows, read by column name. Throws Failure (kNoDatabase) for a row or a column that
+/// is not there, and for a number that is none: then no PostgreSQL has answered.
 class Rows {
  public:
   explicit Rows(PGresult* owned) : result(owned) {}
@@ -27,7 +27,7 @@ class Rows {
   bool isTrue(int row, const char* column) const { return text(row, column) == "t"; }
 
  private:
-  int indexOf(const char* column) const;
+  int indexOf(int row, const char* column) const;
 
   ResultPtr result;
 };

@@ -1,5 +1,13 @@
 #include "ctl/terminal/print.h"
 
+#include <cerrno>
+
 void printOutput(const std::string& bytes) {
   fmt::print(stdout, "{}", isTerminal() ? printable(bytes) : bytes);
+}
+
+void flushOutput() {
+  if (std::fflush(stdout) != 0) {
+    throw std::system_error(errno, std::generic_category());
+  }
 }

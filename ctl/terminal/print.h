@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <type_traits>
 #include <utility>
 
@@ -35,11 +36,18 @@ void print(Format<Arguments...> format, const Arguments&... arguments) {
   fmt::print(stdout, format, shown(arguments)...);
 }
 
-/// Prints to standard error. Throws as print().
+/// Prints to standard error; where that takes nothing, no other place is left to say so.
 template <typename... Arguments>
 void printError(Format<Arguments...> format, const Arguments&... arguments) {
-  fmt::print(stderr, format, shown(arguments)...);
+  try {
+    fmt::print(stderr, format, shown(arguments)...);
+  } catch (const std::system_error&) {
+    std::clearerr(stderr);
+  }
 }
+
+/// Writes what stands in the buffer of standard output. Throws as print().
+void flushOutput();
 
 /// Prints what a plugin has printed: to a terminal as print() does, elsewhere byte for byte.
 void printOutput(const std::string& bytes);

@@ -3,6 +3,8 @@
 #include <memory>
 #include <string>
 
+#include "ctl/failure.h"
+#include "ctl/session.h"
 #include "db/pgSafeThread.h"
 #include "tests/ctl/CtlTest.h"
 
@@ -130,6 +132,40 @@ TEST_F(LimitTest, GivesUpOnAServerThatDoesNotKeepTheLimit) {
   const CtlResult result = runAsAdmin({"run", "7", "--statement-timeout", "1"});
   EXPECT_EQ(result.exitCode, 69);
   EXPECT_THAT(result.err, HasSubstr("koductl: the server has not ended the statement after 1 s"));
+}
+
+TEST_F(LimitTest, SaysOnceThatItsSessionWasEnded) {
+  replaceRunNow("sql", "SELECT pg_sleep(60)");
+  database.insertTask(quietTask(7));
+  environment.emplace_back("PGPASSWORD=secret");
+  const pid_t pid = start({"-f", daemon.mainConfig(), "--user", admin(), "run", "7"});
+  ASSERT_TRUE(waitUntil([&] {
+    return database.value(
+               "SELECT count(pg_terminate_backend(pid)) FROM pg_stat_activity"
+               " WHERE wait_event = 'PgSleep' AND datname = current_database()") == "1";
+  }));
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(exitStatusOf(status), 69);
+  EXPECT_THAT(readFile(errPath()),
+              HasSubstr("koductl: terminating connection due to administrator command"));
+  EXPECT_THAT(readFile(errPath()), Not(HasSubstr("invalid socket")));
+}
+
+TEST_F(LimitTest, ConnectsByAUri) {
+  environment.emplace_back("PGPASSWORD=secret");
+  const std::string place = "postgresql://" + admin() + "@" + database.host() + ":" +
+                            std::to_string(database.port()) + "/" + database.name();
+  const CtlResult result = runWith({"schema", "--connect", place});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("The database has version"));
+  EXPECT_EQ(runWith({"schema", "--connect", "no setting"}).exitCode, 64);
+}
+
+TEST_F(LimitTest, TellsWhatIsNoPostgreSql) {
+  const Rows none(PQmakeEmptyPGresult(nullptr, PGRES_TUPLES_OK));
+  EXPECT_THROW(none.text(0, "column"), Failure);
+  EXPECT_THROW(none.number(0, "column"), Failure);
 }
 
 TEST_F(LimitTest, RefusesALimitThatIsNone) {

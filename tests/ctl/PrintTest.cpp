@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 
 #include "common/plainText.h"
@@ -169,6 +170,39 @@ TEST_F(PrintTest, LeavesNoHalfCharacterAtTheEndOfAFirstLine) {
   setStatus(7, "OK");
   writeOutput("out_7_last.txt", "a" + std::string(400, 'x').replace(238, 3, "日"));
   EXPECT_THAT(run({"status", "--output"}).out, HasSubstr("a" + std::string(238, 'x') + "\n"));
+}
+
+/// The exit status of koductl when a shell has redirected its outputs so.
+class RefusedOutputTest : public PrintTest {
+ protected:
+  int statusOf(const std::string& arguments, const std::string& redirections) const {
+    const std::string command = "timeout 20 " + program() + " -f " + daemon.mainConfig() + " " +
+                                arguments + " " + redirections;
+    return exitStatusOf(
+        std::system(command.c_str()));  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
+  }
+};
+
+TEST_F(RefusedOutputTest, EndsACommandThatWouldGoOn) {
+  database.insertTask(quietTask(7));
+  setStatus(7, "OK");
+  writeOutput("out_7_last.txt", "fine\n");
+  for (const char* command : {"status --watch", "status --watch --json", "output 7 --follow"}) {
+    EXPECT_EQ(statusOf(command, ">/dev/full 2>&-"), 74) << command;
+  }
+}
+
+TEST_F(RefusedOutputTest, FailsTheHelp) {
+  for (const char* command : {"--help", "--version", "status --help"}) {
+    EXPECT_EQ(statusOf(command, ">/dev/full 2>&-"), 74) << command;
+  }
+}
+
+TEST_F(RefusedOutputTest, EndsWithItsStatusWhenErrorsCannotBeTold) {
+  for (const char* where : {"2>&-", "2>/dev/full", ">&- 2>&-"}) {
+    EXPECT_EQ(statusOf("show 99", where), 66) << where;
+    EXPECT_EQ(statusOf("nonsense", where), 64) << where;
+  }
 }
 
 TEST_F(PrintTest, IsTheOnlyWayOut) {
