@@ -55,7 +55,7 @@ class Parser {
       refuseStrayArguments();
     } catch (const CLI::ParseError& e) {
       request.run = nullptr;
-      request.exitCode = explain(e);
+      request.exitCode = reportParseError(e);
     }
     return request;
   }
@@ -317,7 +317,7 @@ class Parser {
   }
 
   /// Prints help, version or what is wrong with the command line.
-  int explain(const CLI::ParseError& e) {
+  int reportParseError(const CLI::ParseError& e) {
     const std::vector<std::string> unknown = app.remaining();
     if (app.get_subcommands().empty() && !unknown.empty()) {
       printError("koductl: there is no command {}; koductl --help lists them\n",

@@ -68,7 +68,7 @@ void sayOutput(const Options& options, const Outcome& outcome, std::string_view 
     page.remark({"output cut at ", Digits(options.outputLimit), " bytes, ",
                  Digits(static_cast<long>(dropped)), " dropped; -o sets the limit"});
   }
-  if (outcome.someLiveOn) {
+  if (outcome.hasSurvivors) {
     page.remark({"some processes of the plugin could not be ended; look for them by ps"});
   } else if (outcome.leftProcesses) {
     page.remark({"ended processes that held the output open when the plugin had ended"});

@@ -75,8 +75,8 @@ std::string afterRun(const Task& task) {
              : "";
 }
 
-std::string runningWait(const Task& task, const Surroundings& around) {
-  if (!around.isConnected) {
+std::string runningWait(const Task& task, const TaskContext& context) {
+  if (!context.isConnected) {
     return "Its row says PROCESS, but no daemon is connected: that run was left behind, and the "
            "next start of the daemon takes the task up again.";
   }
@@ -88,15 +88,15 @@ std::string runningWait(const Task& task, const Surroundings& around) {
 }
 
 /// Why a task that is due has not begun.
-std::string lateReason(const Task& task, const Surroundings& around) {
+std::string lateReason(const Task& task, const TaskContext& context) {
   const std::string late =
       fmt::format("It should have begun by now: due at {}.", moment(*task.next, task.now));
-  if (!around.isConnected) {
+  if (!context.isConnected) {
     return late + " No daemon is connected to the database, so nothing runs.";
   }
-  if (around.workload.busy >= around.workers) {
+  if (context.workload.busy >= context.workers) {
     return fmt::format("{} There are {}, and {} in progress: it waits for a free one.", late,
-                       counted(around.workers, "worker"), counted(around.workload.busy, "run"));
+                       counted(context.workers, "worker"), counted(context.workload.busy, "run"));
   }
   return late +
          " The daemon is connected and has workers to spare: either it was never told of the task, "
@@ -104,7 +104,7 @@ std::string lateReason(const Task& task, const Surroundings& around) {
          "it dropped it because the output could not be written. A restart of the daemon loads it.";
 }
 
-std::string waitingFor(const Task& task, const Surroundings& around) {
+std::string waitingFor(const Task& task, const TaskContext& context) {
   if (task.isFlagged && !task.isRunning) {
     return "It is marked for deletion: the daemon removes it, its files and its history within two "
            "minutes.";
@@ -121,10 +121,10 @@ std::string waitingFor(const Task& task, const Surroundings& around) {
     return "The daemon refuses the row: interval or next time is missing.";
   }
   if (task.isRunning) {
-    return runningWait(task, around);
+    return runningWait(task, context);
   }
   if (task.isLate) {
-    return lateReason(task, around);
+    return lateReason(task, context);
   }
   return fmt::format("It waits for its time: {}.", moment(*task.next, task.now));
 }
@@ -160,19 +160,19 @@ std::string nextTimeRule(const Task& task) {
 }
 
 /// What the latest failed run printed, as the end of a line.
-std::string said(const Surroundings& around) {
-  if (around.isFailureSilent) {
+std::string said(const TaskContext& context) {
+  if (context.isFailureSilent) {
     return " It printed nothing, which counts as failed.";
   }
-  return around.failureText.empty() ? "" : fmt::format(" It said: {}", around.failureText);
+  return context.failureText.empty() ? "" : fmt::format(" It said: {}", context.failureText);
 }
 
-std::string failing(const Task& task, const Surroundings& around) {
+std::string failing(const Task& task, const TaskContext& context) {
   const std::string counts = fmt::format("{} in the last hour and {} in the last day",
                                          counted(task.failuresHour, "run"), task.failuresDay);
   if (task.failingSince) {
     return fmt::format("It fails since {}: {} failed, see koductl history {}.{}",
-                       moment(*task.failingSince, task.now), counts, task.id, said(around));
+                       moment(*task.failingSince, task.now), counts, task.id, said(context));
   }
   if (task.isFailing) {
     return "It fails; since when is not in the history any more.";
@@ -181,45 +181,46 @@ std::string failing(const Task& task, const Surroundings& around) {
                               : "No run has failed in the last day.";
 }
 
-std::string pluginFile(const Task& task, const Surroundings& around, const std::string& path) {
-  const std::string user = around.daemon.userName();
-  if (const auto reason = whyNotExecutable(path, around.daemon.directory)) {
+std::string pluginFile(const Task& task, const TaskContext& context, const std::string& path) {
+  const std::string user = context.daemon.userName();
+  if (const auto reason = whyNotExecutable(path, context.daemon.directory)) {
     return fmt::format("User {} cannot run {}: {}.", user, path, *reason);
   }
   const std::string limit = isGuarded(task) ? "" : " Its runs have no time limit.";
   return fmt::format("User {} can run {}.{}", user, path, limit);
 }
 
-std::string outputFile(const Task& task, const Surroundings& around) {
+std::string outputFile(const Task& task, const TaskContext& context) {
   const std::string path = task.outputPath();
   if (const auto reason = whyNotWritable(path)) {
     return fmt::format("User {} cannot write its output to {}: {}. The daemon ends over this.",
-                       around.daemon.userName(), path, *reason);
+                       context.daemon.userName(), path, *reason);
   }
   const std::string date = task.fileName.find("$DATE") == std::string::npos
                                ? " Without $DATE in its name the second failed run ends the daemon."
                                : "";
-  return fmt::format("User {} can write its output to {}.{}", around.daemon.userName(), path, date);
+  return fmt::format("User {} can write its output to {}.{}", context.daemon.userName(), path,
+                     date);
 }
 
 }  // namespace
 
-std::vector<std::string> explain(const Task& task, const Surroundings& around) {
-  std::vector<std::string> sentences = {definition(task), lastRun(task), waitingFor(task, around)};
+std::vector<std::string> explain(const Task& task, const TaskContext& context) {
+  std::vector<std::string> sentences = {definition(task), lastRun(task), waitingFor(task, context)};
   if ((task.next || task.isPaused()) && task.every && *task.every > 0 && !task.isFlagged) {
     sentences.push_back(nextTimeRule(task));
   }
-  sentences.push_back(failing(task, around));
-  if (!around.daemon.canBeTaken()) {
+  sentences.push_back(failing(task, context));
+  if (!context.daemon.canBeTaken()) {
     sentences.push_back(
         fmt::format("What follows is seen with your rights, not with those of user {}.",
-                    around.daemon.userName()));
+                    context.daemon.userName()));
   }
-  const AsDaemon rights(around.daemon);
-  sentences.push_back(pluginFile(task, around, task.path));
+  const AsDaemon rights(context.daemon);
+  sentences.push_back(pluginFile(task, context, task.path));
   if (isGuarded(task)) {
-    sentences.push_back(pluginFile(task, around, guardedPlugin(task)));
+    sentences.push_back(pluginFile(task, context, guardedPlugin(task)));
   }
-  sentences.push_back(outputFile(task, around));
+  sentences.push_back(outputFile(task, context));
   return sentences;
 }

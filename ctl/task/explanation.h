@@ -7,7 +7,7 @@
 #include "ctl/task/task.h"
 
 /// What an explanation needs besides the task's own row.
-struct Surroundings {
+struct TaskContext {
   DaemonIdentity daemon;
   bool isConnected = false;  // a session of the daemon is in the database
   int workers = 0;           // as the INI file has it
@@ -19,4 +19,4 @@ struct Surroundings {
 /// Sentences: what the task is, how its last run ended, what it waits for, which rule set its next
 /// time, since when it fails and with which text, whether its plugin can be run and its output be
 /// written.
-std::vector<std::string> explain(const Task& task, const Surroundings& around);
+std::vector<std::string> explain(const Task& task, const TaskContext& context);

@@ -19,9 +19,9 @@
 
 namespace {
 
-using Task = std::shared_ptr<serviceCron>;
+using TaskPtr = std::shared_ptr<serviceCron>;
 
-void add(int id, const Task& task) {
+void add(int id, const TaskPtr& task) {
   {
     // A task that is replaced here may be queued still, and then runs beside the new one: an
     // addition says that there was none. LoaderTest.ReplacesAKnownTaskAndLeavesItQueued holds this
@@ -34,7 +34,7 @@ void add(int id, const Task& task) {
 }
 
 /// Puts `task` in the place of `known`, whose last result it keeps. Caller holds mutexTaskMap.
-void replace(int id, const Task& known, const Task& task) {
+void replace(int id, const TaskPtr& known, const TaskPtr& task) {
   task->SetStdout(known->GetStdout());
   task->SetReturnCode(known->GetReturnCode());
   task->SetRetrie(known->GetRetrie());
@@ -45,7 +45,7 @@ void replace(int id, const Task& known, const Task& task) {
 }
 
 /// Replaces or updates the loaded task `id`; true when it was replaced.
-bool renew(int id, const Task& task) {
+bool renew(int id, const TaskPtr& task) {
   // Held over the queue's push and the records' locks, so that the purge finds either the old task
   // or the new one. LoaderTest.HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces holds this in
   // place.
@@ -54,7 +54,7 @@ bool renew(int id, const Task& task) {
   if (entry == cronTaskMap.end()) {
     return false;
   }
-  const Task known = entry->second;
+  const TaskPtr known = entry->second;
   if (known->isTimeParameterUpdate(*task)) {
     replace(id, known, task);
     return true;
@@ -63,7 +63,7 @@ bool renew(int id, const Task& task) {
   return false;
 }
 
-void update(int id, const Task& task) {
+void update(int id, const TaskPtr& task) {
   if (renew(id, task)) {
     serviceQueue->noteMarked();
   }
@@ -71,7 +71,7 @@ void update(int id, const Task& task) {
 
 void enter(const std::string& mode, const LoaderRow& row) {
   const int id = row.id();
-  const Task task = row.makeTask();
+  const TaskPtr task = row.makeTask();
   if (mode == "ADD") {
     add(id, task);
   } else if (mode == "UPDATE") {

@@ -14,7 +14,7 @@ constexpr const char* kTaskQuery =
     "\tWHERE plugin_type='cron'";
 
 /// The ids in decimal, in the list's order, separated by ",".
-std::string joined(const std::vector<int>& ids) {
+std::string commaSeparated(const std::vector<int>& ids) {
   std::string text;
   for (const int id : ids) {
     text += std::to_string(id) + ",";
@@ -41,5 +41,5 @@ std::string taskQuery(const std::vector<int>* ids) {
     // hold this in place.
     return kTaskQuery;
   }
-  return std::string(kTaskQuery) + " AND cron_id IN (" + joined(*ids) + ");";
+  return std::string(kTaskQuery) + " AND cron_id IN (" + commaSeparated(*ids) + ");";
 }

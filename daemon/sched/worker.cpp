@@ -35,19 +35,19 @@
 
 namespace {
 
-using Task = std::shared_ptr<serviceCron>;
+using TaskPtr = std::shared_ptr<serviceCron>;
 
 constexpr int kAttempts = 3;
 constexpr int kCritical = 2;
 
-void markAsRunning(const Task& task, std::vector<std::string>& parameters) {
+void markAsRunning(const TaskPtr& task, std::vector<std::string>& parameters) {
   parameters.push_back(task->GetService_idStr());
   PQclear(pgSQL->executePrepareRequest("UpdateCronProcess", parameters));
   fileLog->write(kLogDebug, [&] { return "TH EXEC: crontask exec " + task->Getname(); });
 }
 
 /// Runs the plugin, again after a second when it could not be run; CRITICAL when it never could.
-int runPlugin(const Task& task) {
+int runPlugin(const TaskPtr& task) {
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     try {
       const int code = task->execute();
@@ -81,7 +81,7 @@ void printRun(int code, const std::string& output) {
   printLine("output", output);
 }
 
-void writeOutputFile(const std::string& path, const Task& task) {
+void writeOutputFile(const std::string& path, const TaskPtr& task) {
   // No O_TRUNC: readers of the file never find it empty, and what a shorter output leaves of a
   // longer one stays behind it. WorkerTest.LeavesTheTailOfALongerOutput holds this in place.
   {
@@ -101,7 +101,7 @@ void writeOutputFile(const std::string& path, const Task& task) {
 }
 
 /// Keeps a copy of the failed run's output and a row that names it.
-void archiveFailure(const Task& task, const std::string& outputPath) {
+void archiveFailure(const TaskPtr& task, const std::string& outputPath) {
   fileLog->write(kLogDebug, [&] { return "TH EXEC: FAILED EXEC STATE: " + task->Getname(); });
   const std::string archiveName = replaceParameter(task->GetFilename(), task);
   const std::string directory = archiveDirectory(log_directory, task->GetService_idStr());
@@ -116,7 +116,7 @@ void archiveFailure(const Task& task, const std::string& outputPath) {
 
 /// Sets the time of the next retry, in memory only, counted from this run's due time. False when
 /// the retries are spent.
-bool scheduleRetry(const Task& task) {
+bool scheduleRetry(const TaskPtr& task) {
   const int retry = task->GetRetrie() + 1;
   if (retry > task->GetMaxRetrie()) {
     return false;
@@ -133,7 +133,8 @@ bool scheduleRetry(const Task& task) {
 }
 
 /// Writes the run's final state and takes over the next time that the database gives.
-void completeRun(const Task& task, const std::string& state, std::vector<std::string>& parameters) {
+void completeRun(const TaskPtr& task, const std::string& state,
+                 std::vector<std::string>& parameters) {
   task->SetRetrie(0);
   fileLog->write(kLogDebug,
                  [&] { return "TH EXEC: UPDATE TASK STATE: " + state + " " + task->Getname(); });
@@ -146,7 +147,7 @@ void completeRun(const Task& task, const std::string& state, std::vector<std::st
 }
 
 /// One pass: everything from a task taken off the execution queue to the task put back.
-void processTask(const Task& task, std::vector<std::string>& parameters) {
+void processTask(const TaskPtr& task, std::vector<std::string>& parameters) {
   if (task->GetExecState() == kRecordDropped) {
     return;
   }
