@@ -25,7 +25,7 @@ BEGIN
       AND ev_class NOT IN (SELECT oid FROM upgrade_views)
     LIMIT 1;
     IF FOUND THEN
-        RAISE EXCEPTION 'the view % reads what the upgrade has to make anew', foreign_view USING
+        RAISE EXCEPTION 'the view % depends on what the upgrade recreates', foreign_view USING
             HINT = 'Drop it, upgrade, and create it again.';
     END IF;
 END

@@ -105,8 +105,9 @@ TEST_F(HealthcheckTest, SeesASecondDaemon) {
   const Health health = check();
 
   EXPECT_EQ(health.status, 1);
-  EXPECT_THAT(health.line,
-              StartsWith("KODUCRON WARNING - 0 tasks, 2 daemons are connected: one may run |"));
+  EXPECT_THAT(
+      health.line,
+      StartsWith("KODUCRON WARNING - 0 tasks, 2 daemons are connected: only one may run |"));
 }
 
 TEST_F(HealthcheckTest, TakesNoNamedSessionForADaemon) {
