@@ -79,7 +79,7 @@ void redirectStandardError() {
 }
 
 /// A directory that exists is left as it is, without an archive directory too: the workers make
-/// that. StartUpTest.CreatesNothingInAnExistingLogDirectory holds this in place.
+/// that. Tested by StartUpTest.CreatesNothingInAnExistingLogDirectory.
 void prepareLogDirectory(const iniConfig& config) {
   const std::string configured = config.getKey("LOG", "log_path_task");
   if (!configured.empty()) {
@@ -137,7 +137,7 @@ void createQueues() {
 Threads startService(const iniConfig& config) {
   std::signal(SIGTERM, HandlerQuit);
   // Whoever started the daemon may have left it ignored: no plugin could be waited for then.
-  // StartUpTest.WaitsForPluginsWhereSigchldIsIgnored holds this in place.
+  // Tested by StartUpTest.WaitsForPluginsWhereSigchldIsIgnored.
   std::signal(SIGCHLD, SIG_DFL);
   // Nobody catches what a text that is no number throws: the process ends.
   const int workers = std::stoi(config.getKey("CRON", "thread_number"));
@@ -174,7 +174,7 @@ void run() {
 /// The orderly end, once the three threads are joined.
 void endInOrder() {
   // A second SIGTERM must not find the log gone, also on the way from here to the process's end.
-  // SlowStopTest.BearsSignalsDuringTheOrderlyEnd holds this in place.
+  // Tested by SlowStopTest.ToleratesSignalsDuringTheOrderlyShutdown.
   std::signal(SIGTERM, SIG_IGN);
   {
     const std::lock_guard lock(mutexTaskMap);

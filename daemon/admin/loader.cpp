@@ -24,8 +24,7 @@ using TaskPtr = std::shared_ptr<serviceCron>;
 void add(int id, const TaskPtr& task) {
   {
     // A task that is replaced here may be queued still, and then runs beside the new one: an
-    // addition says that there was none. LoaderTest.ReplacesAKnownTaskAndLeavesItQueued holds this
-    // in place.
+    // addition says that there was none. Tested by LoaderTest.ReplacesAKnownTaskAndLeavesItQueued.
     const std::lock_guard lock(mutexTaskMap);
     // The hint: rows mostly come in the order of their ids.
     cronTaskMap.insert_or_assign(cronTaskMap.end(), id, task);
@@ -47,8 +46,7 @@ void replace(int id, const TaskPtr& known, const TaskPtr& task) {
 /// Replaces or updates the loaded task `id`; true when it was replaced.
 bool renew(int id, const TaskPtr& task) {
   // Held over the queue's push and the records' locks, so that the purge finds either the old task
-  // or the new one. LoaderTest.HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces holds this in
-  // place.
+  // or the new one. Tested by LoaderTest.HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces.
   const std::lock_guard lock(mutexTaskMap);
   const auto entry = cronTaskMap.find(id);
   if (entry == cronTaskMap.end()) {
@@ -89,7 +87,7 @@ void load_cron_task(std::string mode, std::vector<int>* ids) {
       enter(mode, row);
     } catch (const std::exception& e) {
       // The retry interval's column, not the id's: those who read the log know the line so.
-      // LoaderTest.NamesTheRetryIntervalOfARowThatFails holds this in place.
+      // Tested by LoaderTest.NamesTheRetryIntervalOfARowThatFails.
       fileLog->write(kLogError,
                      "Failed to initial load service: " + row.retriesInterval() + e.what());
     }

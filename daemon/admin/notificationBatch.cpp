@@ -23,7 +23,7 @@ void NotificationBatch::add(const std::string& payload) {
   Json::Value message;
   if (!parse(payload, message)) {
     // The admin thread's name in it stays: those who watch the log look for this line.
-    // NotificationBatchTest.WarnsOfAPayloadThatIsNoJson holds this in place.
+    // Tested by NotificationBatchTest.WarnsOfAPayloadThatIsNotJson.
     fileLog->write(kLogWarning, "TH ADMIN# Bad notify Json receive :" + payload);
     return;
   }

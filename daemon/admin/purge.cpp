@@ -34,7 +34,7 @@ void purge(const std::string& id) {
   fileLog->write(kLogDebug, "DELETE TASK: " + id);
   if (auto task = takeFromMap(number); task != nullptr) {
     // The queues are not searched: whoever takes the task next sees the mark.
-    // DeleteTaskTest.LeavesTheQueuesAsTheyAre holds this in place.
+    // Tested by DeleteTaskTest.LeavesTheQueuesAsTheyAre.
     task->SetExecState(kRecordDropped);
     std::filesystem::remove(currentOutputPath(log_directory, task));
     task.reset();

@@ -13,5 +13,5 @@ std::mutex mutexTaskMap;
 
 // Last in this file, so first to be destroyed: its joinable handles end the process by the
 // terminate handler before anything of the daemon's own that a worker may still use is taken away.
-// SlowStopTest.EndsByTheTerminateHandlerWhenWorkersWereStarted holds this in place.
+// Tested by SlowStopTest.EndsByTheTerminateHandlerWhenWorkersWereStarted.
 std::vector<std::shared_ptr<std::thread>> thread_list;

@@ -37,8 +37,8 @@ std::string taskQuery(const std::vector<int>* ids) {
   }
   if (ids->empty()) {
     // All tasks again, and no ";": the ending belongs to the list that is not there.
-    // LoaderTest.LoadsEveryTaskAgainWithAnEmptyList and TaskQueryTest.HasNoEndingWithAnEmptyList
-    // hold this in place.
+    // Tested by LoaderTest.LoadsEveryTaskAgainWithAnEmptyList and
+    // TaskQueryTest.HasNoEndingWithAnEmptyList.
     return kTaskQuery;
   }
   return std::string(kTaskQuery) + " AND cron_id IN (" + commaSeparated(*ids) + ");";

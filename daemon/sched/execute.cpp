@@ -122,7 +122,7 @@ int serviceSafe::execute() {
   // Held over the whole run, so that one task never runs twice at a time.
   const std::lock_guard lock(mutex);
   // Wipes a deletion mark as well that came since the worker looked: a run that has begun is a run
-  // of the task as it is. ExecuteTest.WipesADeletionThatCameBeforeTheRun holds this in place.
+  // of the task as it is. Tested by ExecuteTest.WipesADeletionThatCameBeforeTheRun.
   ExecState = kRecordNormal;
   Stdout.clear();
   const int pid = startPlugin(pipe);

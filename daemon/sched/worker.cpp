@@ -83,7 +83,7 @@ void printRun(int code, const std::string& output) {
 
 void writeOutputFile(const std::string& path, const TaskPtr& task) {
   // No O_TRUNC: readers of the file never find it empty, and what a shorter output leaves of a
-  // longer one stays behind it. WorkerTest.LeavesTheTailOfALongerOutput holds this in place.
+  // longer one stays behind it. Tested by WorkerTest.LeavesTheTailOfALongerOutput.
   {
     const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (!file.isOpen()) {
@@ -186,7 +186,7 @@ void th_executeCronTaks(int number) {
     } catch (const serviceSafeException& e) {
       // The task is not put back and `parameters` is not emptied: a directory that takes no output
       // is no state to go on in, and the next statement, which gets too many parameters, ends the
-      // process. WorkerCrashTest.EndsTheProcessAtTheTaskAfterAnAbandonedPass holds this in place.
+      // process. Tested by WorkerCrashTest.EndsTheProcessAtTheTaskAfterAnAbandonedPass.
       fileLog->write(kLogCritical, e.what());
     }
   }

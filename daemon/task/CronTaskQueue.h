@@ -24,7 +24,7 @@ class CompareTask {
 /// task is inside. The loader's update of a known task may do so all the same: that task then
 /// stands at its old place until a push or a pop moves it. Nobody searches the heap for it, which
 /// would cost more than a run that comes a little early or late.
-/// CronTaskQueueTest.ReadsTheTimeWhenTheHeapIsPutInOrder holds this in place.
+/// Tested by CronTaskQueueTest.ReadsTheTimeWhenTheHeapIsPutInOrder.
 ///
 /// A task that is marked to be dropped (ExecState 3) stays until its time, as any other: the timer
 /// logs it and a worker drops it. Of one that the queue alone still holds, only time and name are

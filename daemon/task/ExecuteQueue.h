@@ -45,7 +45,7 @@ class ExecuteQueue {
   void waitForTask(Flag& stop) {
     // A waiting thread keeps a reference inside the condition variable, and a broadcast may wait
     // for it to go: the handler's, on the very thread that waits, would wait for itself for ever.
-    // ExecuteQueueTest.BearsTheHandlerForAWaitingWorker holds this in place.
+    // Tested by ExecuteQueueTest.ToleratesTheHandlerForAWaitingWorker.
     const SignalBlock noSigterm = SignalBlock::sigterm();
     const PosixLock lock(mutex);
     while (elements.empty() && stop == 0) {

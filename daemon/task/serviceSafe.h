@@ -92,7 +92,7 @@ class serviceSafe {
   void SetStdout(std::string text);
   /// Empties the output but keeps its storage. Takes no lock: for the worker between two runs. A
   /// GetStdout at this very moment copies the output, or as many bytes whose first is a NUL.
-  /// ServiceSafeTest.EmptiesTheOutputBesideACopyOfIt holds this in place.
+  /// Tested by ServiceSafeTest.EmptiesTheOutputBesideACopyOfIt.
   void clearOutput() { Stdout.clear(); }
 
   std::string Getparameter() const;

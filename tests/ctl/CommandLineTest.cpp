@@ -64,7 +64,7 @@ TEST_F(CommandLineTest, EndsWith78WhereTheMainFileNamesNoDatabaseFile) {
             "[CRON]\n");
 }
 
-TEST_F(CommandLineTest, EndsWith74WhereNobodyTakesItsOutput) {
+TEST_F(CommandLineTest, EndsWith74WhenItsOutputCannotBeWritten) {
   database.insertTask(quietTask(1));
   for (const std::string command : {"status", "status --json", "history 1"}) {
     const std::string line = "'" + program() + "' -f " + daemon.mainConfig() + " " + command +

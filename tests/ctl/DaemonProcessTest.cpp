@@ -122,7 +122,7 @@ TEST_F(DaemonProcessTest, TakesTheDaemonThatWritesTheLog) {
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
 }
 
-TEST_F(DaemonProcessTest, ProvesNothingByALogThatEverybodyMayWrite) {
+TEST_F(DaemonProcessTest, DoesNotTrustAWorldWritableLog) {
   startStopped(daemonProgram(), nobody(), nobody(), true);
   giveAway(daemon.logPath());
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("nobody\n"));

@@ -287,7 +287,7 @@ TEST_F(UpgradeTest, RefusesASecondUpgradeAtATime) {
   EXPECT_THAT(result.err, HasSubstr("another upgrade of this database is in progress"));
 }
 
-TEST_F(UpgradeTest, KeepsTheDaemonGoingWhileItWaitsForALock) {
+TEST_F(UpgradeTest, DoesNotBlockTheDaemonWhileItWaitsForALock) {
   makeFirstRelease();
   addFirstReleasesRows();
   ASSERT_TRUE(daemon.startAndWait());

@@ -239,7 +239,7 @@ TEST_F(GuardTest, OpensStandardFilesThatAreClosed) {
   EXPECT_EQ(output, "0\n1\n2\n3\n");  // 3 is the list's own
 }
 
-TEST_F(GuardTest, BearsClosedStandardFiles) {
+TEST_F(GuardTest, ToleratesClosedStandardFiles) {
   run({"-e", "--", "/bin/sh", "-c", "echo out; echo err >&2"}, [] {
     close(STDIN_FILENO);
     close(STDERR_FILENO);
@@ -247,7 +247,7 @@ TEST_F(GuardTest, BearsClosedStandardFiles) {
   EXPECT_EQ(output, "out\nerr\n");
 }
 
-TEST_F(GuardTest, BearsAnInheritedIgnoranceOfItsChildren) {
+TEST_F(GuardTest, WaitsForThePluginWhereSigchldIsInheritedAsIgnored) {
   run({"--", "/bin/sh", "-c", "echo out; exit 2"}, [] { std::signal(SIGCHLD, SIG_IGN); });
   EXPECT_EQ(output, "out\n");
   EXPECT_EQ(code(), 2);

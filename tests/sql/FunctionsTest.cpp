@@ -483,7 +483,7 @@ class RunTest : public FunctionsTest {
   long due = 0;
 };
 
-TEST_F(RunTest, EndsAsEverWhenNothingWasAskedForMeanwhile) {
+TEST_F(RunTest, EndsNormallyWhenNothingWasRequestedMeanwhile) {
   EXPECT_EQ(endRun(), due + 300);
   EXPECT_EQ(lastExec(), std::to_string(due));
   EXPECT_THAT(heard(), IsEmpty());
@@ -504,7 +504,7 @@ TEST_F(RunTest, EndsWithThePauseThatWasAskedForMeanwhile) {
   EXPECT_EQ(database.nextExec(7), due + 300);
 }
 
-TEST_F(RunTest, EndsAsEverWhenItsPauseWasResumedMeanwhile) {
+TEST_F(RunTest, EndsNormallyWhenItsPauseWasResumedMeanwhile) {
   call("kodu_task_pause(7)");
   call("kodu_task_resume(7)");
   EXPECT_EQ(status(7, "paused"), "f");
@@ -744,7 +744,7 @@ TEST_F(FailingTest, AllowsTheGapsOfItsRetries) {
   EXPECT_EQ(failingFor(), "45");
 }
 
-TEST_F(FailingTest, FailsNoMoreAfterASuccess) {
+TEST_F(FailingTest, StopsFailingAfterASuccess) {
   failAgo({14, 9, 4});
   set(7, "cron_status = 'OK'");
 
@@ -1061,7 +1061,7 @@ TEST_F(FunctionsTest, GivesTheDaemonNoFunctionAndNoTable) {
             "f");
 }
 
-TEST_F(FunctionsTest, LooksIntoNoSchemaOfItsCallers) {
+TEST_F(FunctionsTest, IgnoresTheSchemasOfItsCallers) {
   insertTask(7);
   database.query(
       "CREATE SCHEMA trap; CREATE FUNCTION trap.kodu_soon() RETURNS timestamp LANGUAGE sql AS "

@@ -431,7 +431,7 @@ TEST_F(SchemaTest, NumbersHistoryRowsByItself) {
             (Rows{{"1"}, {"2"}}));
 }
 
-TEST_F(SchemaTest, NumbersHistoryRowsAnewAfterTheLastNumber) {
+TEST_F(SchemaTest, RestartsTheNumbersOfHistoryRowsAfterTheLastOne) {
   database.query("SELECT setval('kodu_cron_error_cron_error_id_seq', 2147483646)");
   pgSafeThread daemon(database.conninfo());
   prepareNamedStatements(daemon);

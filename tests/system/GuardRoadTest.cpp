@@ -107,7 +107,7 @@ class SlowGuardRoadTest : public DaemonTest {
   }
 };
 
-TEST_F(SlowGuardRoadTest, EndsHangingPluginsWhileOtherTasksGoOn) {
+TEST_F(SlowGuardRoadTest, EndsHangingPluginsWhileOtherTasksRun) {
   ASSERT_TRUE(daemon.startAndWait());
   ASSERT_TRUE(waitUntil([&] { return hangingDone() >= 4; }, kLimit));
   const auto runsBefore = otherRuns();

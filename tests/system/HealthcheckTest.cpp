@@ -60,7 +60,7 @@ class HealthcheckTest : public testing::Test {
   Daemon daemon{database};
 };
 
-TEST_F(HealthcheckTest, IsContentWithADaemonThatDoesItsWork) {
+TEST_F(HealthcheckTest, ReportsOkForAWorkingDaemon) {
   insert(1, "/bin/echo", "x", "now() + interval '1 hour'");
   ASSERT_TRUE(daemon.startAndWait());
 

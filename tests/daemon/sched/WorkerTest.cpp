@@ -447,7 +447,7 @@ TEST_F(WorkerTest, NamesTheSystemsReasonWhenItAbandonsAPass) {
   EXPECT_TRUE(waitUntil([&] { return logged("CRITICAL#Is a directory") == 1; }));
 }
 
-TEST_F(WorkerTest, GoesOnWithADeletedTaskAfterAnAbandonedPass) {
+TEST_F(WorkerTest, ContinuesWithADeletedTaskAfterAnAbandonedPass) {
   const TaskPtr task = addTask(1, "echo fine");
   const TaskPtr deleted = addTask(2, "echo fine");
   deleted->SetExecState(3);
@@ -732,7 +732,7 @@ TEST_F(WorkerTest, LeavesTheQueueAloneOnceTheStopFlagIsSet) {
   EXPECT_EQ(queueExecTask->pop(), next);
 }
 
-TEST_F(WorkerTest, BearsThatAnotherWorkerIsFaster) {
+TEST_F(WorkerTest, ToleratesAFasterWorker) {
   startWorkers(4);
   long pushed = 0;
   const auto wakeUps = [this] {
