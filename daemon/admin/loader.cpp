@@ -26,7 +26,7 @@ void add(int id, const TaskPtr& task) {
     // A task that is replaced here may be queued still, and then runs beside the new one: an
     // addition says that there was none. Tested by LoaderTest.ReplacesAKnownTaskAndLeavesItQueued.
     const std::lock_guard lock(mutexTaskMap);
-    // The hint: rows mostly come in the order of their ids.
+    // The hint helps because rows usually come in the order of their ids.
     cronTaskMap.insert_or_assign(cronTaskMap.end(), id, task);
   }
   serviceQueue->push(task);
@@ -86,8 +86,8 @@ void load_cron_task(std::string mode, std::vector<int>* ids) {
     try {
       enter(mode, row);
     } catch (const std::exception& e) {
-      // The retry interval's column, not the id's: those who read the log know the line so.
-      // Tested by LoaderTest.NamesTheRetryIntervalOfARowThatFails.
+      // The retry interval's column, not the id's: readers of the log rely on this form of the
+      // line. Tested by LoaderTest.NamesTheRetryIntervalOfARowThatFails.
       fileLog->write(kLogError,
                      "Failed to initial load service: " + row.retriesInterval() + e.what());
     }

@@ -18,7 +18,7 @@ void dropIndentation(std::string& line) {
   }
 }
 
-/// The text behind the first "=" of `line`, or "" without one.
+/// The text after the first "=" of `line`, or "" without one.
 std::string valueOf(const std::string& line) {
   const auto sign = line.find('=');
   return sign == std::string::npos ? "" : line.substr(sign + 1);

@@ -36,9 +36,8 @@ std::string taskQuery(const std::vector<int>* ids) {
     return std::string(kTaskQuery) + ";";
   }
   if (ids->empty()) {
-    // All tasks again, and no ";": the ending belongs to the list that is not there.
-    // Tested by LoaderTest.LoadsEveryTaskAgainWithAnEmptyList and
-    // TaskQueryTest.HasNoEndingWithAnEmptyList.
+    // All tasks again, and no ";": it is part of the list, which is absent. Tested by
+    // LoaderTest.LoadsEveryTaskAgainWithAnEmptyList and TaskQueryTest.HasNoEndingWithAnEmptyList.
     return kTaskQuery;
   }
   return std::string(kTaskQuery) + " AND cron_id IN (" + commaSeparated(*ids) + ");";

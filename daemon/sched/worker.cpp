@@ -67,8 +67,8 @@ int runPlugin(const TaskPtr& task) {
 void printLine(std::string_view label, std::string_view text) {
   static std::mutex mutex;
   const std::lock_guard lock(mutex);
-  // The stream's buffer, not the stream: one write that fails, on a full disk say, would silence
-  // std::cout for ever. Tested by WorkerTest.PrintsALineAfterOneThatFailed.
+  // The stream's buffer, not the stream: one failed write, for example on a full disk, would
+  // silence std::cout forever. Tested by WorkerTest.PrintsALineAfterOneThatFailed.
   std::streambuf& console = *std::cout.rdbuf();
   for (const std::string_view part : {label, text, std::string_view("\n")}) {
     console.sputn(part.data(), static_cast<std::streamsize>(part.size()));
@@ -82,8 +82,8 @@ void printRun(int code, const std::string& output) {
 }
 
 void writeOutputFile(const std::string& path, const TaskPtr& task) {
-  // No O_TRUNC: readers of the file never find it empty, and what a shorter output leaves of a
-  // longer one stays behind it. Tested by WorkerTest.LeavesTheTailOfALongerOutput.
+  // No O_TRUNC: readers never find the file empty, and the end of a longer earlier output remains
+  // after a shorter one. Tested by WorkerTest.LeavesTheTailOfALongerOutput.
   {
     const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (!file.isOpen()) {
@@ -95,8 +95,9 @@ void writeOutputFile(const std::string& path, const TaskPtr& task) {
     flock(file.get(), LOCK_UN);
   }
   task->clearOutput();
-  // The storage as well, or every task would hold its largest output for ever. In a step of its
-  // own, under the lock: an update that replaces the task may be copying the output just now.
+  // Frees the storage as well; otherwise every task would keep that of its largest output. In a
+  // separate step under the lock, because an update that replaces the task may be copying the
+  // output.
   task->SetStdout({});
 }
 
@@ -108,8 +109,8 @@ void archiveFailure(const TaskPtr& task, const std::string& outputPath) {
   if (!std::filesystem::exists(std::filesystem::status(directory))) {
     std::filesystem::create_directories(directory);
   }
-  // A copy that is there already is a failed run's only trace and is never overwritten, even though
-  // the process ends here. Tested by WorkerCrashTest.EndsTheProcessWhenTheArchiveFileExists.
+  // An existing copy is the only trace of a failed run and is never overwritten, even though the
+  // process ends here. Tested by WorkerCrashTest.EndsTheProcessWhenTheArchiveFileExists.
   copyToNewFile(outputPath, directory + archiveName);
   PQclear(pgSQL->executePrepareRequest("insertCronError", {task->GetService_idStr(), archiveName}));
 }
@@ -184,9 +185,9 @@ void th_executeCronTaks(int number) {
     } catch (const EmptyQueueException&) {
       // Another worker was faster.
     } catch (const serviceSafeException& e) {
-      // The task is not put back and `parameters` is not emptied: a directory that takes no output
-      // is no state to go on in, and the next statement, which gets too many parameters, ends the
-      // process. Tested by WorkerCrashTest.EndsTheProcessAtTheTaskAfterAnAbandonedPass.
+      // The task is not put back and `parameters` is not emptied: without a usable output directory
+      // the daemon must not continue, and the next statement, which gets too many parameters, ends
+      // the process. Tested by WorkerCrashTest.EndsTheProcessAtTheTaskAfterAnAbandonedPass.
       fileLog->write(kLogCritical, e.what());
     }
   }

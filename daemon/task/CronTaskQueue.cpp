@@ -59,8 +59,8 @@ void CronTaskQueue::noteMarked() {
 }
 
 void CronTaskQueue::freeMarked() {
-  // A task that is held by the heap alone cannot come to anybody else's hands but through this
-  // queue, whose lock is held.
+  // A task that only the heap references can be reached only through this queue, whose lock is
+  // held.
   const auto isNeeded = [](const std::shared_ptr<serviceCron>& task) {
     return task->GetExecState() != kRecordDropped || task.use_count() > 1;
   };

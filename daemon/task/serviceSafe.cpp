@@ -40,9 +40,9 @@ void serviceSafe::SetService_id(unsigned long long id) {
 }
 
 void serviceSafe::SetService_id(std::string text) {
-  // Explicit calls, not a guard: a text that is no number throws here and leaves the record
-  // locked, so that nobody runs a task whose id is not known.
-  // Tested by ServiceSafeTest.LeavesTheRecordLockedAfterABadId.
+  // Explicit calls, not a guard: a text that is not a number throws here and leaves the record
+  // locked, so that a task without a valid id is never run. Tested by
+  // ServiceSafeTest.LeavesTheRecordLockedAfterABadId.
   mutex.lock();
   Service_idStr = std::move(text);
   Service_id = std::stoull(Service_idStr);
@@ -89,7 +89,7 @@ std::string serviceSafe::GetStdout() const {
 
 void serviceSafe::SetStdout(std::string text) {
   const std::lock_guard lock(mutex);
-  // A swap, so that the storage of a longer output goes with the argument.
+  // A swap, so that the storage of a longer output is freed with the argument.
   Stdout.swap(text);
 }
 
@@ -101,11 +101,11 @@ std::string serviceSafe::Getparameter() const {
 void serviceSafe::Setparameter(std::string text) {
   using Separator = boost::escaped_list_separator<char>;
   const Separator separator("", " ", "\"'");
-  // Before the lock: the text shows, in the message of a run that fails, even while that run keeps
-  // the arguments as they were. Tested by ExecuteTest.ShowsParametersThatCameDuringTheRun.
+  // Before the lock: the new text appears in the message of a failing run, even while that run
+  // keeps its old arguments. Tested by ExecuteTest.ShowsParametersThatCameDuringTheRun.
   parameter = text;
-  // Explicit calls, not a guard: should memory run out the record stays locked, so that no plugin
-  // is run with half of its arguments. Tested by
+  // Explicit calls, not a guard: if memory runs out, the record stays locked, so that no plugin
+  // runs with incomplete arguments. Tested by
   // SetparameterTest.LeavesTheRecordLockedWhenMemoryRunsOut.
   mutex.lock();
   parameterVector.clear();
