@@ -39,8 +39,8 @@ class Parser {
     });
     app.footer(
         "koductl COMMAND --help describes a command. Commands that change tasks or plan need "
-        "--user with a member of kodu_admin. Intervals and times are read as PostgreSQL reads "
-        "them, as 90s, 5m or 1 day, and 2026-12-01 08:00 or tomorrow. Times are UTC.");
+        "--user with a member of kodu_admin. Intervals and times have the syntax of PostgreSQL: "
+        "90s, 5m or 1 day, and 2026-12-01 08:00 or tomorrow. Times are UTC.");
     addCommonOptions();
     addReadingCommands();
     addChangingCommands();
@@ -56,7 +56,7 @@ class Parser {
       refuseStrayArguments();
     } catch (const CLI::ParseError& e) {
       request.run = nullptr;
-      request.exitCode = explain(e);
+      request.exitCode = reportParseError(e);
     }
     return request;
   }
@@ -115,17 +115,18 @@ class Parser {
     addStatus();
     addTaskCommand("show", "Show everything that is known about a task", runShow)
         ->footer(
-            "This is its plugin with the arguments, its interval and status, the due times, the "
-            "retries, the failures and the files.");
+            "This includes its plugin and arguments, interval, status, due times, retries, "
+            "failures "
+            "and files.");
     addTaskCommand("explain", "Explain in sentences what a task does, and why", runExplain)
         ->footer(
             "The sentences say when the task was due, what it waits for, how many retries are "
-            "used, since when it has been failing, whether its plugin can be run and its output be "
-            "written, and which rule set its next run.");
+            "used and since when it has been failing. They also say whether its plugin can be run, "
+            "whether its output can be written and which rule set its next run.");
     addOutputs();
     CLI::App* check =
-        addCommand("check", "Find what keeps the daemon or its tasks from working", runCheck);
-    check->add_flag("--quick", options.isQuick, "Check no single task");
+        addCommand("check", "Find what prevents the daemon or its tasks from working", runCheck);
+    check->add_flag("--quick", options.isQuick, "Skip the checks of single tasks");
     check->footer(
         "The INI files, the log, the folders, the connection, the rights in the database and "
         "every task are checked. The ten tasks that are due next are listed. The exit status "
@@ -173,20 +174,21 @@ class Parser {
     CLI::App* pause =
         addTaskCommand("pause", "Keep a task from running until it is resumed", runPause);
     pause->footer(
-        "A run in progress is completed first, with its retries. A pause outlasts restarts of the "
-        "daemon.");
+        "A run in progress is completed first, with its retries. A restart of the daemon does not "
+        "end the pause.");
     pause->add_option("--reason", options.reason, "Record the reason of the pause")
         ->option_text("TEXT");
     addTaskCommand("resume", "Let a paused task run again", runResume);
     addTaskCommand("run", "Run a task now", runNow)
         ->footer(
-            "The run is due in three seconds; during a run it follows that run. Later runs follow "
-            "at the interval of the task.");
+            "The run is due in three seconds. If a run is in progress, the new run follows it. "
+            "Later "
+            "runs follow at the interval of the task.");
     CLI::App* remove =
         addTaskCommand("delete", "Delete a task, its files and its history", runDelete);
     remove->footer(
-        "The daemon deletes them within two minutes, or within two minutes of the end of the run "
-        "in progress.");
+        "The daemon deletes them within two minutes. If a run is in progress, the two minutes "
+        "begin when it ends.");
     remove->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
   }
 
@@ -210,8 +212,9 @@ class Parser {
   void addSet() {
     CLI::App* set = addTaskCommand("set", "Change a task", runSet);
     set->footer(
-        "What is not given stays as it is. The arguments that follow -- replace all arguments of "
-        "the plugin; -- alone removes them. The time limit of a task stays.");
+        "Settings that are not given do not change. The arguments that follow -- replace all "
+        "arguments of the plugin; -- alone removes them. The time limit of a task does not "
+        "change.");
     set->add_option("--plugin", options.plugin, "Run another plugin: its name or path")
         ->option_text("PLUGIN");
     addDefinition(set);
@@ -264,18 +267,18 @@ class Parser {
     CLI::App* stagger = addCommand(
         "stagger", "Propose times that spread tasks of equal interval evenly", runStagger);
     stagger->footer(
-        "Paused tasks stay at their times, and so do tasks whose next run is more than one "
-        "interval ahead.");
+        "Paused tasks are not moved, nor are tasks whose next run is more than one interval "
+        "ahead.");
     stagger->add_flag("--apply", options.apply, "Set the proposed times");
-    stagger->add_option("--longest", options.longest, "Leave tasks with a longer interval alone")
+    stagger->add_option("--longest", options.longest, "Do not move tasks with a longer interval")
         ->option_text(valueWithDefault("INTERVAL", options.longest));
 
     CLI::App* prune = addCommand(
         "prune", "Delete old history and the archived outputs that belong to it", runPrune);
     prune->footer(
-        "The files are deleted first, the rows last: after an interruption the same command "
-        "finishes the work. It needs the right to delete files of the daemon's user: run it as "
-        "this user or as root. Where files cannot be deleted, nothing is.");
+        "Files are deleted before rows, so the same command completes an interrupted one. Run it "
+        "as the daemon's user or as root: it needs the right to delete the daemon's files. "
+        "Without this right it deletes nothing.");
     prune->add_option("--older-than", options.olderThan, "Delete what is older than this, as 30d")
         ->option_text("INTERVAL")
         ->required();
@@ -285,26 +288,25 @@ class Parser {
     CLI::App* schema = addCommand(
         "schema", "Show the version of the database's tables, or upgrade them", runSchema);
     schema->footer(
-        "The exit status is 0 when the tables are of this koductl's version, 1 when they are "
-        "behind, "
-        "and 2 when they are of a later release, which all other commands refuse. An upgrade is "
-        "one "
-        "transaction, during which the daemon may run; it needs the tables' owner or a superuser.");
+        "The exit status is 0 if the tables have the version of this koductl, 1 if they are older "
+        "and 2 if they are newer. All other commands refuse newer tables. An upgrade is one "
+        "transaction, and the daemon may keep running. Only the owner of the tables or a superuser "
+        "can upgrade them.");
     schema
         ->add_option("ACTION", options.schemaAction,
                      "With upgrade, bring the tables to the version of this koductl")
         ->check(CLI::IsMember({"upgrade"}));
-    schema->add_flag("--dry-run", options.isDryRun, "Try the whole upgrade, then take it back");
+    schema->add_flag("--dry-run", options.isDryRun, "Perform the upgrade, then roll it back");
     schema
         ->add_option("--wait", options.waitSeconds,
                      "Try for SECONDS while other sessions use the tables")
         ->option_text(valueWithDefault("SECONDS", std::to_string(options.waitSeconds)))
         ->check(CLI::Range(0, 86400));
     schema
-        ->add_option(
-            "--connect", options.connection,
-            "Connect as libpq reads CONNINFO, instead of as the INI file says; the password "
-            "comes from PGPASSWORD or ~/.pgpass")
+        ->add_option("--connect", options.connection,
+                     "Connect with the libpq connection string CONNINFO instead of the INI file; "
+                     "the password "
+                     "comes from PGPASSWORD or ~/.pgpass")
         ->option_text("CONNINFO");
   }
 
@@ -318,10 +320,10 @@ class Parser {
   }
 
   /// Prints help, version or what is wrong with the command line.
-  int explain(const CLI::ParseError& e) {
+  int reportParseError(const CLI::ParseError& e) {
     const std::vector<std::string> unknown = app.remaining();
     if (app.get_subcommands().empty() && !unknown.empty()) {
-      printError("koductl: there is no command {}; koductl --help lists them\n",
+      printError("koductl: unknown command {}; koductl --help lists the commands\n",
                  oneLine(unknown.front()));
       return kWrongUsage;
     }
@@ -332,7 +334,7 @@ class Parser {
       return exitCode;
     }
     const auto commands = app.get_subcommands();
-    printError("koductl: {}; koductl {}--help tells more\n", oneLine(e.what()),
+    printError("koductl: {}; see koductl {}--help\n", oneLine(e.what()),
                commands.empty() ? "" : commands.front()->get_name() + " ");
     return kWrongUsage;
   }
@@ -343,7 +345,7 @@ class Parser {
       return sub->get_option_no_throw(kPluginArgument) != nullptr;
     });
     if (options.pluginArguments && !isTaken) {
-      throw CLI::ArgumentMismatch("only add and set take a plugin's arguments behind --");
+      throw CLI::ArgumentMismatch("only add and set accept plugin arguments after --");
     }
   }
 

@@ -5,8 +5,8 @@
 #include "ctl/description.h"
 #include "ctl/options.h"
 
-/// What a command line asks for: `run` with `options`. Without `run` the parser has printed its
-/// answer (help, version, or what is wrong) already, and `exitCode` is the end.
+/// The result of parsing a command line: call `run` with `options`. Without `run`, the parser has
+/// already printed help, version or an error, and koductl ends with `exitCode`.
 struct Request {
   Options options;
   std::function<int(const Options&)> run;
@@ -16,5 +16,5 @@ struct Request {
 /// Reads the command line. "--" ends koductl's own arguments; what follows is the plugin's.
 Request parseCommandLine(int argc, const char* const* argv);
 
-/// koductl's commands and options in words, by which its help and its reference are made.
+/// The description of koductl's commands and options, from which help and reference are generated.
 CommandDescription describeCommandLine();

@@ -7,7 +7,7 @@ namespace CLI {
 class App;
 }
 
-/// An option or an argument of a command, in words.
+/// The description of an option or an argument of a command.
 struct OptionDescription {
   std::string shortName, longName;  // "-n", "--count"; an argument has neither
   std::string value;                // "COUNT"; "" for a flag
@@ -27,7 +27,7 @@ struct OptionDescription {
   std::string meaningAndDefault() const;
 };
 
-/// A command, or koductl itself, in words.
+/// The description of a command, or of koductl itself.
 struct CommandDescription {
   std::string name;     // "status", "parent child" for a command of a command; "" for koductl
   std::string group;    // the heading of the commands that it belongs to
@@ -47,7 +47,7 @@ struct CommandDescription {
 /// command holds its details, and an argument that takes no words is the plugin's.
 CommandDescription describe(const CLI::App& app);
 
-/// All commands that do something, those of commands included, in the order of their definitions.
+/// All commands that can be run, subcommands included, in the order of their definitions.
 std::vector<CommandDescription> allCommands(const CommandDescription& program);
 
 /// The groups of commands, in the order of their definitions.

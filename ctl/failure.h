@@ -4,17 +4,18 @@
 #include <string>
 #include <utility>
 
-/// What koductl ends with. Below 64 a command speaks of what it looked at (check: 0, 1, 2; rerun:
-/// the plugin's return code), from 64 on of what it could not do, with the numbers of sysexits.h.
+/// Exit statuses of koductl. Below 64 they describe what a command examined (check: 0, 1, 2; rerun:
+/// the plugin's return code). From 64 on they describe failures of the command itself, with the
+/// numbers of sysexits.h.
 enum ExitCode {
   kDone = 0,
   kWrongUsage = 64,    // the command line
   kRefused = 65,       // the database or the parameter grammar refuses the values
   kNotFound = 66,      // no such task, output or archived output
   kNoDatabase = 69,    // the database does not answer, or not in time
-  kNotWritten = 74,    // standard output takes no more
+  kNotWritten = 74,    // standard output cannot be written
   kNotPermitted = 77,  // a right is missing, in the database or on the disk
-  kWrongConfig = 78,   // an INI file cannot be read or says nothing usable
+  kWrongConfig = 78,   // an INI file cannot be read or lacks usable values
 };
 
 /// Ends the command: `what()` goes to standard error, `exitCode` to the caller of koductl. The text

@@ -9,5 +9,5 @@ struct CommandDescription;
 std::string helpText(const CommandDescription& command);
 
 /// Breaks `text` into lines that end before column 80; a newline follows the last one. Every line
-/// begins at column `indent`: the caller has written what stands before the first one.
+/// begins at column `indent`; the caller has written the text before the first line.
 std::string wrapped(const std::string& text, std::size_t indent);

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-/// The command line of koductl, as it was given. A field that belongs to one command only is at its
-/// default for all others.
+/// The command line of koductl as given. A field that belongs to one command has its default for
+/// all others.
 struct Options {
   std::string configFile;  // the daemon's main INI file
   std::string user;        // "": the role of the INI file
@@ -27,12 +27,12 @@ struct Options {
   std::string archived;  // "": the last output; a file name, or a number counted from the latest
   bool follow = false;
 
-  // add, set; without a value the database's default, or what is there, stays. Periods are
-  // intervals as PostgreSQL reads them ("90 s", "5m"), times likewise ("2030-01-01 12:00",
+  // add, set; without a value, the database's default or the present value is kept. Periods are
+  // intervals in the syntax of PostgreSQL ("90 s", "5m"), and so are times ("2030-01-01 12:00",
   // "tomorrow").
   std::optional<std::string> plugin, name, every, fileName, retryAfter, next, timeout;
   std::optional<int> retries;
-  /// What stood behind "--"; nothing without a "--".
+  /// The arguments after "--"; nothing without "--".
   std::optional<std::vector<std::string>> pluginArguments;
 
   std::optional<std::string> reason;  // pause

@@ -78,8 +78,8 @@ void redirectStandardError() {
   std::exit(2);
 }
 
-/// A directory that exists is left as it is, without an archive directory too: the workers make
-/// that. StartUpTest.CreatesNothingInAnExistingLogDirectory holds this in place.
+/// An existing directory is not changed, even without an archive directory: the workers create
+/// that. Tested by StartUpTest.CreatesNothingInAnExistingLogDirectory.
 void prepareLogDirectory(const iniConfig& config) {
   const std::string configured = config.getKey("LOG", "log_path_task");
   if (!configured.empty()) {
@@ -131,15 +131,15 @@ void createQueues() {
   queueExecTask = new ExecuteQueue<std::shared_ptr<serviceCron>>();
 }
 
-/// Everything from the signal handler to the running threads. A SIGTERM takes effect at once
-/// whatever is done here; it cuts nothing short, but the threads end at their first look at the
-/// stop flag, and no purge begins. Tested by StopInStartUpTest.TakesASignalAtOnceDuringTheLoad.
+/// Everything from the signal handler to the running threads. A SIGTERM takes effect at any point
+/// of it: no step is interrupted, but the threads end when they first read the stop flag, and no
+/// purge begins. Tested by StopInStartUpTest.TakesASignalAtOnceDuringTheLoad.
 Threads startService(const iniConfig& config) {
   std::signal(SIGTERM, HandlerQuit);
-  // Whoever started the daemon may have left it ignored: no plugin could be waited for then.
-  // StartUpTest.WaitsForPluginsWhereSigchldIsIgnored holds this in place.
+  // The parent process may have left it ignored; then plugins could not be waited for. Tested by
+  // StartUpTest.WaitsForPluginsWhereSigchldIsIgnored.
   std::signal(SIGCHLD, SIG_DFL);
-  // Nobody catches what a text that is no number throws: the process ends.
+  // The exception for a text that is not a number is not caught: the process ends.
   const int workers = std::stoi(config.getKey("CRON", "thread_number"));
   connectDatabase(config.getKey("CRON", "kodu_conf_file"));
   createQueues();
@@ -151,9 +151,9 @@ Threads startService(const iniConfig& config) {
   return threads;
 }
 
-/// Has freed memory serve again. By default each thread takes its own: a task that `main` loaded
-/// and the listener replaced would leave a hole. And each large piece goes back to the system at
-/// once: by default the threshold for that follows the largest one freed so far.
+/// Makes freed memory reusable. By default each thread has its own arena, so a task that `main`
+/// loaded and the listener replaced would leave a hole. Large blocks are returned to the system at
+/// once; by default the threshold for that follows the largest block freed so far.
 void setUpHeap() {
   constexpr int kLargeBytes = 128 * 1024;
   mallopt(M_ARENA_MAX, 1);
@@ -171,10 +171,10 @@ void run() {
   }
 }
 
-/// The orderly end, once the three threads are joined.
+/// The orderly shutdown, after the three threads are joined.
 void endInOrder() {
-  // A second SIGTERM must not find the log gone, also on the way from here to the process's end.
-  // SlowStopTest.BearsSignalsDuringTheOrderlyEnd holds this in place.
+  // A second SIGTERM must not find the log deleted, from here to the end of the process. Tested by
+  // SlowStopTest.ToleratesSignalsDuringTheOrderlyShutdown.
   std::signal(SIGTERM, SIG_IGN);
   {
     const std::lock_guard lock(mutexTaskMap);
@@ -182,9 +182,9 @@ void endInOrder() {
   }
   queueExecTask->clear();
   serviceQueue->clear();
-  // The workers are never joined. One that is in its plugin, or on its way out, may still write
-  // its line: with workers the log is left to the end of the process, which the terminate handler
-  // brings about at the destruction of thread_list. Every line is flushed already.
+  // The workers are never joined. A worker that runs its plugin or is returning may still write its
+  // line. With workers, the log therefore exists until the process ends, by the terminate handler
+  // at the destruction of thread_list. Every line has been flushed.
   if (thread_list.empty()) {
     delete std::exchange(fileLog, nullptr);
   }

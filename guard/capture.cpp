@@ -26,15 +26,15 @@ int Capture::open(std::size_t mostBytes) {
   }
   kernel(SYS_fcntl, ends[0], F_SETFL, O_NONBLOCK);
   // Address space only: a page costs memory once the plugin has filled it.
-  const long room = kernel(SYS_mmap, nullptr, mostBytes, PROT_READ | PROT_WRITE,
-                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (room < 0) {
-    return static_cast<int>(-room);
+  const long address = kernel(SYS_mmap, nullptr, mostBytes, PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (address < 0) {
+    return static_cast<int>(-address);
   }
   reader = ends[0];
   writer = ends[1];
   // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel answers by numbers.
-  buffer = reinterpret_cast<char*>(room);
+  buffer = reinterpret_cast<char*>(address);
   limit = mostBytes;
   return 0;
 }

@@ -54,13 +54,13 @@ int failToPrepare(std::string_view path, int error) {
 
 int failToStart(std::string_view path, const Child& child) {
   if (child.execError == 0) {
-    say({"UNKNOWN - koduguard: cannot make a process for ", path, ": ", describe(child.cloneError),
-         "; raise the limit of processes of this user\n"});
+    say({"UNKNOWN - koduguard: cannot create a process for ", path, ": ",
+         describe(child.cloneError), "; raise the limit of processes of this user\n"});
     return kUnknown;
   }
   // The daemon's own words and code, so that a task says the same with and without the guard.
   say({"DAEMON: plugin is not executable ", describe(child.execError), "\nkoduguard: cannot run ",
-       path, "; give the whole path of a file that this user may execute\n"});
+       path, "; give the absolute path of a file that this user may execute\n"});
   return kNotExecutable;
 }
 

@@ -12,10 +12,10 @@ namespace {
 
 constexpr std::string_view kUsage =
     "usage: koduguard [-t SECONDS] [-k SECONDS] [-o BYTES] [-e] -- PLUGIN [ARGUMENT...]\n"
-    "  -t  time limit of the plugin, 1 to 86400, default 30\n"
-    "  -k  grace between TERM and KILL, 0 to 3600, default 5\n"
-    "  -o  most bytes of output to pass on, 1 to 1073741824, default 65536\n"
-    "  -e  adds standard error after the output\n";
+    "  -t  time limit of the plugin in seconds, 1 to 86400, default 30\n"
+    "  -k  seconds between TERM and KILL, 0 to 3600, default 5\n"
+    "  -o  limit of the output in bytes, 1 to 1073741824, default 65536\n"
+    "  -e  add standard error after the output\n";
 
 struct NumberOption {
   std::string_view name;
@@ -76,7 +76,7 @@ bool parseOptions(char** arguments, Options& options) {
       options.withStandardError = true;
     } else if (const NumberOption* option = findNumberOption(name); option == nullptr) {
       return refuse(
-          {name == "-h" ? "help was asked for" : "there is no option ", name == "-h" ? "" : name});
+          {name == "-h" ? "help requested" : "unknown option ", name == "-h" ? "" : name});
     } else if (readNumber(*option, arguments[1], options)) {
       ++arguments;
     } else {
@@ -85,5 +85,5 @@ bool parseOptions(char** arguments, Options& options) {
   }
   options.plugin = arguments;
   return *arguments != nullptr ||
-         refuse({"no plugin was given; write its path and arguments behind --"});
+         refuse({"no plugin given; write its path and arguments after --"});
 }

@@ -22,7 +22,7 @@ void sayWhyItEnded(const Options& options, const Outcome& outcome) {
     say({"UNKNOWN - timed out after ", Digits(options.timeLimitSeconds), " s\n"});
   } else if (WIFSIGNALED(outcome.status)) {
     const int signal = WTERMSIG(outcome.status);
-    say({"UNKNOWN - ", options.plugin[0], " was ended by SIG", signalName(signal), " (signal ",
+    say({"UNKNOWN - ", options.plugin[0], " was terminated by SIG", signalName(signal), " (signal ",
          Digits(signal), ")\n"});
   }
 }
@@ -68,10 +68,10 @@ void sayOutput(const Options& options, const Outcome& outcome, std::string_view 
     page.remark({"output cut at ", Digits(options.outputLimit), " bytes, ",
                  Digits(static_cast<long>(dropped)), " dropped; -o sets the limit"});
   }
-  if (outcome.someLiveOn) {
-    page.remark({"some processes of the plugin could not be ended; look for them by ps"});
+  if (outcome.hasSurvivors) {
+    page.remark({"some processes of the plugin could not be ended; find them with ps"});
   } else if (outcome.leftProcesses) {
-    page.remark({"ended processes that held the output open when the plugin had ended"});
+    page.remark({"ended processes that kept the output open after the plugin had ended"});
   }
 }
 

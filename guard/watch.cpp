@@ -50,7 +50,7 @@ Outcome Watch::run() {
       advance();
     }
   }
-  outcome.someLiveOn = !outcome.hasEnded || isOutputOpen() || (isEnding() && !isGroupGone);
+  outcome.hasSurvivors = !outcome.hasEnded || isOutputOpen() || (isEnding() && !isGroupGone);
   return outcome;
 }
 

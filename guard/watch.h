@@ -12,7 +12,7 @@ struct Outcome {
   bool hasTimedOut = false;
   int interruptedBy = 0;       // the signal that the guard was sent; 0 for none
   bool leftProcesses = false;  // it ended, and what it had started held its output open
-  bool someLiveOn = false;     // a process that KILL could not end, or that was not found
+  bool hasSurvivors = false;   // a process that KILL could not end, or that was not found
 };
 
 /// Waits for the end of a plugin and of its output, and brings about both where they do not come.

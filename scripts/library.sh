@@ -43,7 +43,7 @@ use_home() {  # $1: its name, below build/
 # For this run alone. A process in the background that must not hold the lock is started with {lock}>&-.
 lock_home() {
   exec {lock}>"$kHome/.lock"
-  flock -n "$lock" || fail "another run works in $kHome"
+  flock -n "$lock" || fail "another run is using $kHome"
 }
 
 # Runs a step that is silent when it works; prints the end of what it said when it does not.

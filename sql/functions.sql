@@ -238,7 +238,7 @@ BEGIN
     IF taken.cron_delete OR taken.cron_wanted = 'infinity' THEN
         RAISE EXCEPTION 'task % is being deleted', task USING
             ERRCODE = 'object_not_in_prerequisite_state',
-            HINT = 'Add it anew with kodu_task_add.';
+            HINT = 'Add it again with kodu_task_add.';
     END IF;
     RETURN taken;
 END
@@ -299,30 +299,30 @@ LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     said text[] := CASE broken
         WHEN 'cron_interval_from_second_to_year' THEN
-            ARRAY['the interval must lie between 1 second and 366 days',
-                  'Say every => ''5 minutes'', for instance.']
+            ARRAY['the interval must be between 1 second and 366 days',
+                  'Use every => ''5 minutes'', for example.']
         WHEN 'cron_interval_whole_seconds' THEN
             ARRAY['the interval must be whole seconds',
                   'The daemon counts no fractions of a second.']
         WHEN 'cron_log_file_below_directory' THEN
             ARRAY['the file name must stay below the daemon''s output directory',
-                  'Write no / at its beginning and no .. into it; the default is'
+                  'It must not begin with / or contain ..; the default is'
                   ' $SERVICEID_$DATE.txt.']
         WHEN 'cron_log_file_names_a_file' THEN
             ARRAY['the file name must name a file, in 240 bytes at most',
-                  'It cannot be empty, . or archive, nor end in a /; the default is'
+                  'It must not be empty, . or archive, or end in /; the default is'
                   ' $SERVICEID_$DATE.txt.']
         WHEN 'cron_log_file_without_controls' THEN
-            ARRAY['the file name must not hold control characters',
-                  'Line feeds and tabs are such; the default is $SERVICEID_$DATE.txt.']
+            ARRAY['the file name must not contain control characters',
+                  'Line feeds and tabs are not allowed; the default is $SERVICEID_$DATE.txt.']
         WHEN 'cron_log_file_of_one_task' THEN
             ARRAY['another task has this output file',
                   'Write $SERVICEID into the name; the default is $SERVICEID_$DATE.txt.']
         WHEN 'cron_retries_not_negative' THEN
-            ARRAY['the number of retries must not be negative', 'Say retries => 0 for none.']
+            ARRAY['the number of retries must not be negative', 'Use retries => 0 for none.']
         WHEN 'cron_retries_interval_up_to_year' THEN
-            ARRAY['the time to a retry must lie between 0 and 366 days',
-                  'Say retry_after => ''2 minutes'', for instance.']
+            ARRAY['the time to a retry must be between 0 and 366 days',
+                  'Use retry_after => ''2 minutes'', for example.']
         ELSE
             ARRAY['the tables'' check ' || broken || ' refuses the task',
                   'See its definition in sql/schema.sql.']
@@ -338,7 +338,7 @@ BEGIN
     IF strpos(file_name, '$DATE') = 0 THEN
         RAISE EXCEPTION 'the file name % lacks $DATE', quote_literal(file_name) USING
             ERRCODE = 'invalid_parameter_value',
-            HINT = 'Without it the copies of two failed runs have one name, and the second ends the'
+            HINT = 'Without it the copies of two failed runs have the same name, and the second ends the'
                    ' daemon; the default is $SERVICEID_$DATE.txt.';
     END IF;
 END
@@ -351,10 +351,10 @@ DECLARE
     utc timestamp := date_trunc('second', run_at AT TIME ZONE 'UTC');
 BEGIN
     IF NOT isfinite(utc) OR utc >= kodu_pause_time() OR utc < timestamp '1970-01-01' THEN
-        RAISE EXCEPTION 'the time of a run must lie between 1970 and 2035' USING
+        RAISE EXCEPTION 'the time of a run must be between 1970 and 2035' USING
             ERRCODE = 'invalid_parameter_value',
-            HINT = 'Say now() + interval ''10 minutes'', for instance. One in the past is moved on'
-                   ' by whole intervals.';
+            HINT = 'Use now() + interval ''10 minutes'', for example. A time in the past is moved'
+                   ' forward by whole intervals.';
     END IF;
     -- The table refuses other intervals, with a better message than a division would.
     IF every >= interval '1 second' AND utc < clock_timestamp() AT TIME ZONE 'UTC' THEN
@@ -369,9 +369,9 @@ CREATE OR REPLACE FUNCTION kodu_plugin_check(type text, plugin text) RETURNS voi
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 BEGIN
     IF type <> 'cron' THEN
-        RAISE EXCEPTION 'the plugin % is not of the type cron but %', quote_literal(plugin), type USING
+        RAISE EXCEPTION 'the plugin % is of type %, not cron', quote_literal(plugin), type USING
             ERRCODE = 'invalid_parameter_value',
-            HINT = 'The daemon runs no other plugin.';
+            HINT = 'The daemon runs only plugins of type cron.';
     END IF;
 END
 $$;
@@ -394,8 +394,8 @@ BEGIN
     IF ids IS NULL THEN
         RAISE EXCEPTION 'there is no plugin %', COALESCE(quote_literal(plugin), 'NULL') USING
             ERRCODE = 'undefined_object',
-            HINT = 'Name one of SELECT plugin_name FROM kodu_plugins, or give the whole path of an'
-                   ' executable, which begins with /.';
+            HINT = 'Name one of SELECT plugin_name FROM kodu_plugins, or give the absolute path of'
+                   ' an executable.';
     END IF;
     SELECT * INTO found_one FROM kodu_plugins WHERE plugin_id = ids[1];
     PERFORM kodu_plugin_check(found_one.plugin_type, plugin);
@@ -456,7 +456,7 @@ BEGIN
     ELSIF word ~ '["'']' THEN
         RAISE EXCEPTION 'the path % cannot be an argument', quote_literal(word) USING
             ERRCODE = 'invalid_parameter_value',
-            HINT = 'A task''s parameters cannot hold a quote.';
+            HINT = 'The parameters of a task cannot contain a quote.';
     END IF;
     RETURN '"' || word || '"';
 END
@@ -518,7 +518,7 @@ BEGIN
     IF seconds NOT BETWEEN 1 AND 86400 OR seconds % 1 <> 0 THEN
         RAISE EXCEPTION 'the timeout must be whole seconds, from 1 second to 1 day' USING
             ERRCODE = 'invalid_parameter_value',
-            HINT = 'Say timeout => ''30 seconds'', for instance.';
+            HINT = 'Use timeout => ''30 seconds'', for example.';
     END IF;
     SELECT plugin_path INTO guard FROM kodu_plugins WHERE plugin_path LIKE '%/koduguard'
     ORDER BY plugin_id LIMIT 1;
@@ -538,10 +538,10 @@ DECLARE
         '^((?:[^ "'']+ +)*?-- +)("[^"]*"|''[^'']*''|[^ "'']+)(?: +(.*))?$');
 BEGIN
     IF parts IS NULL THEN
-        RAISE EXCEPTION 'the parameters of task % name no plugin behind --', task.cron_id USING
+        RAISE EXCEPTION 'the parameters of task % name no plugin after --', task.cron_id USING
             ERRCODE = 'object_not_in_prerequisite_state',
-            HINT = 'koduguard runs it. Give plugin => the path of koduguard, and parameters =>'
-                   ' ''-t 30 -- /path/of/the/plugin'', for instance.';
+            HINT = 'koduguard runs it. Use plugin => the path of koduguard, and parameters =>'
+                   ' ''-t 30 -- /path/of/the/plugin'', for example.';
     END IF;
     guard := parts[1];
     plugin := parts[2];
@@ -597,7 +597,7 @@ BEGIN
     THEN
         RAISE EXCEPTION 'there is nothing to set for task %', task USING
             ERRCODE = 'invalid_parameter_value',
-            HINT = format('Say kodu_task_set(%s, every => ''5 minutes''), for instance.', task);
+            HINT = format('Use kodu_task_set(%s, every => ''5 minutes''), for example.', task);
     END IF;
     IF next_run IS NOT NULL THEN
         PERFORM kodu_refuse_paused(old);
@@ -756,7 +756,7 @@ BEGIN
     IF older_than IS NULL OR older_than <= interval '0' THEN
         RAISE EXCEPTION 'the age must be longer than 0' USING
             ERRCODE = 'invalid_parameter_value',
-            HINT = 'Say kodu_history_prune(''30 days''), for instance.';
+            HINT = 'Use kodu_history_prune(''30 days''), for example.';
     END IF;
     DELETE FROM kodu_cron_error WHERE cron_date < now() AT TIME ZONE 'UTC' - older_than;
     GET DIAGNOSTICS deleted = ROW_COUNT;
@@ -839,9 +839,9 @@ DECLARE
     is_better boolean;
 BEGIN
     IF dry_run IS NULL OR longest IS NULL OR longest < interval '1 second' THEN
-        RAISE EXCEPTION 'dry_run must be TRUE or FALSE, longest one second or more' USING
+        RAISE EXCEPTION 'dry_run must be TRUE or FALSE, and longest must be one second or more' USING
             ERRCODE = 'invalid_parameter_value',
-            HINT = 'Say kodu_stagger(dry_run => TRUE, longest => ''1 hour''), for instance.';
+            HINT = 'Use kodu_stagger(dry_run => TRUE, longest => ''1 hour''), for example.';
     END IF;
     IF NOT dry_run THEN
         -- The daemon waits for the whole plan rather than change rows under it.
@@ -893,16 +893,16 @@ DECLARE
     ends bigint;
 BEGIN
     IF hours IS NULL OR hours <= 0 OR hours > 168 OR run_seconds IS NULL OR run_seconds < 0 THEN
-        RAISE EXCEPTION 'hours must lie between 0 and 168, and run_seconds not below 0' USING
+        RAISE EXCEPTION 'hours must be between 0 and 168, and run_seconds must not be negative' USING
             ERRCODE = 'invalid_parameter_value',
-            HINT = 'Say kodu_forecast(hours => 24, run_seconds => 2.5), for instance.';
+            HINT = 'Use kodu_forecast(hours => 24, run_seconds => 2.5), for example.';
     END IF;
     IF durations IS NULL OR jsonb_typeof(durations) <> 'object'
        OR EXISTS (SELECT FROM jsonb_each(durations) WHERE jsonb_typeof(value) <> 'number'
                                                        OR value < '0') THEN
         RAISE EXCEPTION 'durations must be an object of task ids and seconds' USING
             ERRCODE = 'invalid_parameter_value',
-            HINT = 'Say durations => ''{"7": 12.5, "8": 3}'', for instance.';
+            HINT = 'Use durations => ''{"7": 12.5, "8": 3}'', for example.';
     END IF;
     ends := begins + ceil(hours * 3600);
     RETURN QUERY

@@ -36,10 +36,10 @@ BEGIN
         RETURN;
     END IF;
     IF found < newest THEN
-        RAISE EXCEPTION 'this database has tables of version %, this file makes version %', found,
+        RAISE EXCEPTION 'this database has tables of version %, this file creates version %', found,
                         newest USING
             ERRCODE = 'object_not_in_prerequisite_state',
-            HINT = 'Say koductl --user OWNER schema upgrade.';
+            HINT = 'Run koductl --user OWNER schema upgrade.';
     ELSIF found > newest THEN
         RAISE EXCEPTION 'this database has tables of version %, this file knows version %', found,
                         newest USING
@@ -218,15 +218,16 @@ CREATE OR REPLACE TRIGGER kodu_refuse_id AFTER UPDATE OF cron_id ON kodu_cron_pl
 CREATE OR REPLACE TRIGGER kodu_refuse_folder
     AFTER INSERT OR UPDATE OF cron_log_file ON kodu_cron_plugin
     FOR EACH ROW WHEN (strpos(NEW.cron_log_file, '/') > 0)
-    EXECUTE FUNCTION kodu_refuse_row('cron_log_file', 'the file name %s holds a /',
-        'The daemon makes no folders, so the first failed run ends it; the default is'
+    EXECUTE FUNCTION kodu_refuse_row('cron_log_file', 'the file name %s contains a /',
+        'The daemon creates no folders, so the first failed run ends it; the default is'
         ' $SERVICEID_$DATE.txt.');
 
 CREATE OR REPLACE TRIGGER kodu_refuse_undated
     AFTER INSERT OR UPDATE OF cron_log_file ON kodu_cron_plugin
     FOR EACH ROW WHEN (strpos(NEW.cron_log_file, '$DATE') = 0)
     EXECUTE FUNCTION kodu_refuse_row('cron_log_file', 'the file name %s lacks $DATE',
-        'Without it the copies of two failed runs have one name, and the second ends the daemon;'
+        'Without it the copies of two failed runs have the same name, and the second ends the'
+        ' daemon;'
         ' the default is $SERVICEID_$DATE.txt.');
 
 -- A month has no length of its own: '-120 months 3601 days' passes for a day in a CHECK, and moves the
@@ -239,8 +240,8 @@ CREATE OR REPLACE TRIGGER kodu_refuse_months
           OR EXTRACT(DAY FROM NEW.cron_interval) < 0
           OR EXTRACT(EPOCH FROM NEW.cron_interval) < 86400 * EXTRACT(DAY FROM NEW.cron_interval))
     EXECUTE FUNCTION kodu_refuse_row('cron_interval',
-        'the interval holds months, years or a negative part',
-        'Months have no fixed length. Say 30 days, for instance.');
+        'the interval contains months, years or a negative part',
+        'Months have no fixed length. Use days, for example 30 days.');
 
 -- '-71582788 months 2147483647 days' is more seconds than the daemon reads; it leaves the row out.
 CREATE OR REPLACE TRIGGER kodu_refuse_months_to_retry
@@ -249,8 +250,8 @@ CREATE OR REPLACE TRIGGER kodu_refuse_months_to_retry
     WHEN (EXTRACT(YEAR FROM NEW.cron_retries_interval) <> 0
           OR EXTRACT(MONTH FROM NEW.cron_retries_interval) <> 0)
     EXECUTE FUNCTION kodu_refuse_row('cron_retries_interval',
-        'the time to a retry holds months or years',
-        'They have no fixed length. Say 30 days, for instance.');
+        'the time to a retry contains months or years',
+        'They have no fixed length. Use days, for example 30 days.');
 
 -- Two failed runs within one second have one archive name, and the second ends the daemon. A retry
 -- begins within a second once it is due; with less than two seconds a plugin that took half a second
@@ -262,7 +263,7 @@ CREATE OR REPLACE TRIGGER kodu_refuse_hasty_retry
           AND EXTRACT(EPOCH FROM NEW.cron_retries_interval) < 2)
     EXECUTE FUNCTION kodu_refuse_row('cron_retries_interval cron_retries',
         'the time to a retry must be 2 seconds or more',
-        'Two failures within one second have one archive name, which ends the daemon. Choose a time'
+        'Two failures within one second have the same archive name, which ends the daemon. Use a time'
         ' longer than a run takes, or 0 retries.');
 
 -- The end of a run adds an interval of up to a year to the time in the row, and a run that was
@@ -281,7 +282,7 @@ BEGIN
     END IF;
     RAISE EXCEPTION 'the next run must be due before 2036' USING
         ERRCODE = 'invalid_parameter_value',
-        HINT = 'The daemon counts seconds up to January 2038, and ends beyond.',
+        HINT = 'The daemon counts seconds up to January 2038 and ends at any later time.',
         TABLE = TG_TABLE_NAME, COLUMN = 'cron_next_exec';
 END
 $$;
@@ -297,7 +298,7 @@ CREATE OR REPLACE TRIGGER kodu_refuse_long_parameter
     FOR EACH ROW WHEN (octet_length(NEW.cron_parameter) > 1000000)
     EXECUTE FUNCTION kodu_refuse_row('cron_parameter',
         'the parameters are longer than 1,000,000 bytes',
-        'Put them into a file, and give the plugin its name.');
+        'Put them into a file, and pass its name to the plugin.');
 
 CREATE OR REPLACE TRIGGER kodu_refuse_long_plugin
     AFTER INSERT OR UPDATE OF plugin_name, plugin_path ON kodu_plugins
@@ -305,7 +306,7 @@ CREATE OR REPLACE TRIGGER kodu_refuse_long_plugin
     WHEN (octet_length(NEW.plugin_name) > 1000 OR octet_length(NEW.plugin_path) > 4095)
     EXECUTE FUNCTION kodu_refuse_row('plugin_path plugin_name',
         'the plugin has a name longer than 1,000 bytes or a path longer than 4,095',
-        'The system runs no program with a longer path.');
+        'The system cannot run a program with a longer path.');
 
 -- The file of a task that gets a new name belongs to it alone.
 CREATE OR REPLACE FUNCTION kodu_end_sharing() RETURNS trigger
@@ -459,7 +460,7 @@ COMMENT ON COLUMN kodu_cron_plugin.cron_last_exec IS
 COMMENT ON COLUMN kodu_cron_plugin.cron_next_exec IS
     'UTC; set the first time, then the daemon moves it by whole intervals';
 COMMENT ON COLUMN kodu_cron_plugin.cron_log_file IS
-    'Output file in the daemon''s output directory, of this task alone; $DATE, which it must hold, '
+    'Output file in the daemon''s output directory, of this task alone; $DATE, which it must contain, '
     'and $SERVICEID are replaced';
 COMMENT ON COLUMN kodu_cron_plugin.cron_retries IS 'NULL: one';
 COMMENT ON COLUMN kodu_cron_plugin.cron_retries_interval IS 'NULL: 120 seconds';
@@ -468,22 +469,22 @@ COMMENT ON COLUMN kodu_cron_plugin.cron_parameter IS
 COMMENT ON COLUMN kodu_cron_plugin.cron_delete IS
     'TRUE: the daemon removes the task, its files and its history within two minutes';
 COMMENT ON COLUMN kodu_cron_plugin.cron_shares_output IS
-    'TRUE: the task was there, with another task''s output file, before that was refused';
+    'TRUE: the task shares its output file with another one; written before this was refused';
 COMMENT ON TABLE kodu_schema_version IS 'The migrations that made these tables; times are UTC';
 COMMENT ON COLUMN kodu_cron_plugin.cron_wanted IS
-    'Written by the functions, until that run begins: the next time that they have set; infinity: the '
-    'end of the run in progress sets cron_delete';
+    'The next time that the functions have set, until that run begins; infinity: the end of the run in '
+    'progress sets cron_delete';
 COMMENT ON COLUMN kodu_cron_plugin.cron_changed IS
     'TRUE: the daemon is told of a change of the definition at the end of the run in progress';
 COMMENT ON TABLE kodu_cron_pause IS 'One row a paused task; times are UTC';
-COMMENT ON COLUMN kodu_cron_pause.next_exec IS 'When the task was due next as it was paused';
+COMMENT ON COLUMN kodu_cron_pause.next_exec IS 'Next due time at the moment of the pause';
 COMMENT ON VIEW kodu_daemon_state IS 'One row: whether the daemon is connected to this database';
 COMMENT ON VIEW kodu_task_state IS 'One row a task: its state as all tools know it; times are UTC';
 COMMENT ON COLUMN kodu_task_state.running IS 'A run, or the wait for its retry, is in progress';
 COMMENT ON COLUMN kodu_task_state.attempts IS 'How often the run in progress has failed';
 COMMENT ON COLUMN kodu_task_state.retry_due IS 'When its next retry is due, or was';
-COMMENT ON COLUMN kodu_task_state.awaiting_retry IS 'It waits for that time, and keeps no worker';
-COMMENT ON COLUMN kodu_task_state.busy IS 'running, and not awaiting_retry: it may keep a worker';
+COMMENT ON COLUMN kodu_task_state.awaiting_retry IS 'It waits for that time, and occupies no worker';
+COMMENT ON COLUMN kodu_task_state.busy IS 'running, and not awaiting_retry: it may occupy a worker';
 COMMENT ON COLUMN kodu_task_state.due IS
     'When the run in progress was due, else when the next is; NULL while paused';
 COMMENT ON COLUMN kodu_task_state.due_seconds IS 'Seconds since then; 0 before';

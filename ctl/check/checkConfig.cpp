@@ -38,12 +38,13 @@ void checkKey(const std::string& file, const Key& key, Findings& findings) {
   const auto& lines = config.getSection(key.section);
   const auto exact = lines.find(key.name);
   if (exact != lines.end() && exact->second != value) {
-    findings.addWarning(where + " is taken from another line that holds its name: move that below");
+    findings.addWarning(
+        where + " is taken from an earlier line that contains its name: move that line down");
   }
   if (value.empty() && key.isNeeded) {
     findings.addError(where + " is missing or empty");
   } else if (trim(value) != value) {
-    findings.addWarning(where + " begins or ends with a blank, which belongs to the value");
+    findings.addWarning(where + " has leading or trailing white space, which is part of the value");
   }
 }
 
@@ -61,15 +62,15 @@ void checkThreadNumber(const DaemonConfig& config, Findings& findings) {
       findings.addError(where + " starts no worker, so no task runs: set it to 1 or more");
     }
   } catch (const std::logic_error&) {
-    findings.addError(where + " is no number, which ends the daemon at its start");
+    findings.addError(where + " is not a number: the daemon ends at startup");
   }
 }
 
 void checkPasswordFile(const std::string& file, Findings& findings) {
   struct stat status {};
   if (stat(file.c_str(), &status) == 0 && (status.st_mode & S_IROTH) != 0) {
-    findings.addWarning(
-        fmt::format("{} holds a password and everybody may read it: chmod o-r {}", file, file));
+    findings.addWarning(fmt::format(
+        "{} contains a password and is readable by all users: chmod o-r {}", file, file));
   }
 }
 
@@ -99,7 +100,7 @@ void checkConfig(const DaemonConfig& config, const DaemonIdentity& daemon, Findi
   if (config.isDatabaseFileRead) {
     checkKeys(config.databaseFile, kDatabaseKeys, findings);
   } else {
-    findings.addWarning("not looked at, since you may not read it: " + config.databaseFile);
+    findings.addWarning("not checked, because you may not read it: " + config.databaseFile);
   }
   checkThreadNumber(config, findings);
   checkPasswordFile(config.databaseFile, findings);

@@ -58,12 +58,12 @@ void checkZone(Session& session, Findings& findings) {
 
 void checkDaemons(Session& session, const DaemonIdentity& daemon, Findings& findings) {
   if (!isDaemonConnected(session)) {
-    findings.addWarning(daemon.pid ? "the daemon runs, but no session of it is in this database"
-                                   : "no session of the daemon is in this database: nothing runs");
+    findings.addWarning(daemon.pid ? "the daemon is running, but has no session in this database"
+                                   : "the daemon has no session in this database: nothing runs");
   } else if (const long count = countDaemons(session); count > 1) {
     findings.addWarning(
-        fmt::format("{} daemons are in this database: they run each task as many times and end "
-                    "each other; stop all but one",
+        fmt::format("{} daemons are connected to this database: each of them runs every task, and "
+                    "they can end each other; stop all but one",
                     count));
   }
 }

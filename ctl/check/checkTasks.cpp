@@ -25,14 +25,16 @@ class TaskCheck {
   void look(const Task& task) {
     if (task.type != "cron") {
       findings.addWarning(
-          fmt::format("plugin_type is '{}': the daemon runs only 'cron' ones", task.type), task.id);
+          fmt::format("plugin_type is '{}': the daemon runs only plugins of type 'cron'",
+                      task.type),
+          task.id);
       return;
     }
     lookAtRow(task);
     lookAtPlugin(task);
     lookAtOutput(task);
     if (task.isLate) {
-      findings.addWarning("should have begun by now", task.id);
+      findings.addWarning("is overdue", task.id);
     }
   }
 
@@ -44,7 +46,7 @@ class TaskCheck {
       findings.addError("refused by the daemon: the id is negative", task.id);
     }
     if (!task.every || *task.every < 1) {
-      findings.addError("refused by the daemon: cron_interval is missing or below a second",
+      findings.addError("refused by the daemon: cron_interval is missing or shorter than a second",
                         task.id);
     }
     if (!task.next && !task.isPaused()) {
@@ -54,7 +56,7 @@ class TaskCheck {
     const auto quotes = std::count_if(task.parameter.begin(), task.parameter.end(),
                                       [](char c) { return c == '"' || c == '\''; });
     if (quotes % 2 != 0) {
-      findings.addWarning("a quote in the parameters is not closed: it reaches to their end",
+      findings.addWarning("a quote in the parameters is not closed: it extends to their end",
                           task.id);
     }
   }
@@ -63,20 +65,19 @@ class TaskCheck {
   void lookAtLimits(const Task& task) {
     if (task.isIntervalUneven) {
       findings.addError(
-          "the interval holds months, years or a negative part, which can end the daemon: say it "
-          "in "
-          "days",
+          "the interval contains months, years or a negative part, which can end the daemon: "
+          "specify it in days",
           task.id);
     }
     if (task.maxRetries() > 0 && task.retryDelay() < kShortestRetryDelay) {
       findings.addError(
-          fmt::format("its retry may fail within a second of the failure, which ends the daemon: "
-                      "let it wait {} s or more",
+          fmt::format("a retry can fail within a second of the failure, which ends the daemon: "
+                      "set its delay to {} s or more",
                       kShortestRetryDelay),
           task.id);
     }
     if (task.isNextBeyondLimit) {
-      findings.addError("the next run is due after 2036: a run that ends before ends the daemon",
+      findings.addError("the next run is due after 2036: a run that ends earlier ends the daemon",
                         task.id);
     }
   }
@@ -87,7 +88,8 @@ class TaskCheck {
       return;
     }
     if (!isGuarded(task)) {
-      findings.addWarning("no time limit: a run that hangs keeps its worker (koduguard)", task.id);
+      findings.addWarning("no time limit: a run that hangs occupies its worker (see koduguard)",
+                          task.id);
       return;
     }
     const std::string inner = guardedPlugin(task);
@@ -106,18 +108,18 @@ class TaskCheck {
 
   void lookAtOutput(const Task& task) {
     if (task.fileName.empty()) {
-      findings.addError("cron_log_file is empty: the output has no place, which ends the daemon",
+      findings.addError("cron_log_file is empty: the output has no file, which ends the daemon",
                         task.id);
       return;
     }
     if (task.fileName.find("$DATE") == std::string::npos) {
-      findings.addError("no $DATE in the file name: its second failed run ends the daemon",
+      findings.addError("the file name lacks $DATE: the second failed run ends the daemon",
                         task.id);
     }
     if (task.fileName.find('/') != std::string::npos) {
       findings.addError(
-          "the file name holds a /, and no such folder is made in the archive: a failed run, or "
-          "the purge, ends the daemon",
+          "the file name contains a /, but the archive has no such folder: a failed run or the "
+          "purge ends the daemon",
           task.id);
     }
     const std::string path = task.outputPath();

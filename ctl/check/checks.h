@@ -8,7 +8,7 @@ struct DaemonConfig;
 struct DaemonIdentity;
 struct Task;
 
-// The parts of koductl check. Each adds what it finds and goes on.
+// The parts of koductl check. Each adds its findings and continues.
 
 /// Both INI files, the log and the directories that they name.
 void checkConfig(const DaemonConfig& config, const DaemonIdentity& daemon, Findings& findings);

@@ -7,21 +7,21 @@
 
 #include <json/json.h>
 
-/// What a check has found, in the order in which it was found. Owned by one thread.
+/// The findings of a check, in the order in which they were added. Owned by one thread.
 class Findings {
  public:
   enum class Severity { kWarning, kError };
 
   void addError(const std::string& text) { add(Severity::kError, text); }
   void addWarning(const std::string& text) { add(Severity::kWarning, text); }
-  // The same about a task: findings of one text become one line that names the tasks.
+  // The same about a task: findings with the same text become one line that names the tasks.
   void addError(const std::string& text, int task) { add(Severity::kError, text, task); }
   void addWarning(const std::string& text, int task) { add(Severity::kWarning, text, task); }
 
-  /// 0 nothing found, 1 warnings only, 2 an error at least.
+  /// 0 without findings, 1 with warnings only, 2 with errors.
   int exitCode() const;
 
-  /// A line each, errors first; one line that says so when there is nothing.
+  /// One line for each finding, errors first; one line that says so without findings.
   void print() const;
   Json::Value toJson() const;
 

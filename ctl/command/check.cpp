@@ -69,7 +69,7 @@ std::vector<Task> lookAtAll(const Options& options, Findings& findings) {
     const DaemonIdentity daemon = findDaemon(config);
     if (!daemon.canBeTaken()) {
       findings.addWarning(
-          fmt::format("the files are looked at with your rights, not with those of "
+          fmt::format("the files are checked with your rights, not with those of "
                       "the daemon's user {}: run koductl as root",
                       daemon.userName()));
     }

@@ -2,7 +2,7 @@
 
 struct Options;
 
-// The commands. Each prints its result on standard output and returns what koductl ends with;
+// The commands. Each prints its result on standard output and returns the exit status of koductl;
 // failures are thrown as Failure.
 
 int runStatus(const Options& options);

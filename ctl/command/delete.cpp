@@ -19,15 +19,14 @@ namespace {
 
 void askBeforeDeletion(const Task& task) {
   if (isatty(STDIN_FILENO) == 0) {
-    throw Failure(kWrongUsage,
-                  "there is no terminal to ask on: say --yes to delete without a question");
+    throw Failure(kWrongUsage, "cannot ask for confirmation without a terminal: use --yes");
   }
   printError("Delete task {} ({}), its output, archive and history? [y/N] ", task.id,
              oneLine(task.name));
   std::string answer;
   std::getline(std::cin, answer);
   if (answer != "y" && answer != "yes") {
-    throw Failure(kRefused, "nothing is deleted");
+    throw Failure(kRefused, "nothing was deleted");
   }
 }
 
@@ -43,7 +42,7 @@ int runDelete(const Options& options) {
   if (options.asJson) {
     printJson(toJson(readTask(session, options.id)));
   } else {
-    print("task {} ({}) will be gone, with its files, within two minutes{}\n", task.id,
+    print("the daemon deletes task {} ({}) and its files within two minutes{}\n", task.id,
           oneLine(task.name), task.isRunning ? " of the end of its run" : "");
   }
   return kDone;

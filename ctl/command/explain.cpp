@@ -20,18 +20,18 @@ int runExplain(const Options& options) {
   Session session(options);
   session.makeReadOnly();
   const Task task = readTask(session, options.id);
-  Surroundings around;
-  around.daemon = findDaemon(session.config);
-  around.isConnected = isDaemonConnected(session);
-  around.workers = stringToInt(session.config.threadNumber);
-  around.workload = countRunning(session);
+  TaskContext context;
+  context.daemon = findDaemon(session.config);
+  context.isConnected = isDaemonConnected(session);
+  context.workers = stringToInt(session.config.threadNumber);
+  context.workload = countRunning(session);
   // Who writes rows or outputs chooses what is read: with root's rights that would be any file.
-  const AsDaemon rights(around.daemon);
+  const AsDaemon rights(context.daemon);
   if (const auto runs = readFailedRuns(session, task, 1); !runs.empty()) {
-    around.failureText = firstLineOf(runs.front().path);
-    around.isFailureSilent = runs.front().size == 0U;
+    context.failureText = firstLineOf(runs.front().path);
+    context.isFailureSilent = runs.front().size == 0U;
   }
-  const std::vector<std::string> sentences = explain(task, around);
+  const std::vector<std::string> sentences = explain(task, context);
   if (options.asJson) {
     Json::Value json = toJson(task);
     json["explanation"] = Json::Value(Json::arrayValue);

@@ -39,7 +39,8 @@ std::string durationMember(const std::string& duration) {
       return fmt::format("\"{}\": {}", id, seconds);
     }
   }
-  throw Failure(kWrongUsage, fmt::format("--took wants ID=SECONDS, as 7=12.5, not {}", duration));
+  throw Failure(kWrongUsage,
+                fmt::format("--took takes ID=SECONDS, such as 7=12.5, not {}", duration));
 }
 
 /// ["7=12.5", "8=3"] as the object {"7": 12.5, "8": 3}.
@@ -114,7 +115,7 @@ void printSummary(const std::vector<Minute>& minutes, const Options& options,
   if (busiest.busiestRuns > 0) {
     print("; the busiest second is {} with {}", busiest.busiestSecond, busiest.busiestRuns);
   }
-  print(".\nWith runs of {} s, {} at work at once; thread_number is {}.\n\n", options.runSeconds,
+  print(".\nRuns of {} s need {}; thread_number is {}.\n\n", options.runSeconds,
         counted(workers, "worker"), threadNumber);
 }
 

@@ -49,7 +49,7 @@ std::string pathOf(Session& session, const Task& task, const std::string& archiv
     return runs.back().path;
   }
   if (!staysBelow(archived)) {
-    throw Failure(kWrongUsage, "give a number or a name that koductl history lists, no path");
+    throw Failure(kWrongUsage, "give a number or a name from koductl history, not a path");
   }
   return task.archivePath() + archived;
 }

@@ -70,8 +70,8 @@ void requireAccess(const std::vector<fs::path>& paths, const std::string& output
     }
     if (const auto reason = whyNoFilesIn(folder)) {
       throw Failure(kNotPermitted,
-                    fmt::format("nothing is deleted, since archived outputs cannot "
-                                "be: {}; run koductl on the daemon's machine, as its "
+                    fmt::format("nothing was deleted, because archived outputs cannot be "
+                                "deleted: {}; run koductl on the daemon's machine, as its "
                                 "user or as root",
                                 *reason));
     }
@@ -87,8 +87,8 @@ void removeFile(const fs::path& path, Removal& removal) {
     removal.bytes += static_cast<std::uintmax_t>(status.st_size);
   } else if (errno != ENOENT) {
     throw Failure(kNotPermitted,
-                  fmt::format("cannot delete {}: {}; {} deleted, and no history row: prune again "
-                              "once it can be",
+                  fmt::format("cannot delete {}: {}; {} and no history row deleted: remove the "
+                              "cause and prune again",
                               path.string(), std::strerror(errno),
                               counted(removal.files, "archived output")));
   }

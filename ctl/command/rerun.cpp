@@ -54,7 +54,7 @@ const char* wordFor(int code) {
     case 3:
       return "UNKNOWN";
     default:
-      return "no word for it";
+      return "undefined";
   }
 }
 
@@ -144,7 +144,7 @@ void printComparison(const Task& task, const Run& run, const std::optional<std::
   }
   // The daemon does not cut the file, so a shorter output has the end of a longer one behind it.
   if (stored->starts_with(run.output)) {
-    print("--- the same as the stored output, {}, but for {} of an older, longer one\n",
+    print("--- the same as the stored output, {}, except for {} left from an older, longer one\n",
           task.outputPath(),
           counted(static_cast<long>(stored->size() - run.output.size()), "byte"));
     return;
@@ -163,7 +163,8 @@ void printForPeople(const Task& task, const DaemonIdentity& daemon, const Run& r
         run.seconds, daemon.userName(), daemon.directory,
         daemon.pid ? "" : " (no daemon with this configuration runs here)");
   if (!run.failure.empty()) {
-    print("--- {}\n--- the daemon tries this three times, then the run has failed\n", run.failure);
+    print("--- {}\n--- the daemon tries three times before the run counts as failed\n",
+          run.failure);
   }
   printComparison(task, run, stored);
 }

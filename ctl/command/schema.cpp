@@ -60,7 +60,7 @@ void printForPeople(const SchemaState& state, const std::vector<Step>& steps) {
   print("\nThe database has version {}, this koductl knows version {}: {}.\n", state.version,
         knownSchemaVersion(), wordOf(state));
   if (state.isBehind()) {
-    print("Say koductl --user OWNER schema upgrade.\n");
+    print("Run koductl --user OWNER schema upgrade.\n");
   }
 }
 
@@ -88,7 +88,7 @@ int showState(const Options& options, Session& session) {
                   "this database has no tables of koducron: load sql/schema.sql as its owner");
   }
   if (!state.isReadable) {
-    throw Failure(kNotPermitted, "this role may not read kodu_schema_version: say --user OWNER");
+    throw Failure(kNotPermitted, "this role may not read kodu_schema_version: use --user OWNER");
   }
   const std::vector<Step> steps = readSteps(session, state);
   if (options.asJson) {
@@ -109,7 +109,7 @@ int upgrade(const Options& options, Session& session) {
     }
   }
   print("{}views, functions and triggers are those of version {}\n",
-        options.isDryRun ? "nothing is changed; after an upgrade " : "", knownSchemaVersion());
+        options.isDryRun ? "nothing was changed; after an upgrade " : "", knownSchemaVersion());
   return kDone;
 }
 

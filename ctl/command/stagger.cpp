@@ -57,7 +57,7 @@ void printPlan(const Plan& plan, bool isApplied) {
         counted(plan.tasks, "task"), isApplied ? "moved" : "to be moved",
         counted(plan.busiestBefore, "run"), plan.busiestAfter);
   if (!isApplied && !plan.moves.empty()) {
-    print("Nothing is changed yet: say --apply.\n");
+    print("Nothing has been changed; use --apply to set these times.\n");
   }
 }
 

@@ -162,13 +162,13 @@ void printTasks(const std::vector<Task>& tasks, const Options& options) {
 void draw(const std::vector<Task>& tasks, const Options& options) {
   const TerminalSize size = terminalSize();
   const std::vector<std::string> lines = tableOf(tasks, options).render(size.columns);
-  const auto room = static_cast<std::size_t>(std::max(size.rows - 3, 1));
+  const auto height = static_cast<std::size_t>(std::max(size.rows - 3, 1));
   std::string screen = "\x1b[H" + cutTo(headline(tasks), size.columns) + "\x1b[K\n\x1b[K\n";
-  for (std::size_t i = 0; i < std::min(lines.size(), room); ++i) {
+  for (std::size_t i = 0; i < std::min(lines.size(), height); ++i) {
     screen += lines[i] + "\x1b[K\n";
   }
-  if (lines.size() > room) {
-    screen += fmt::format("... and {} more\x1b[K", lines.size() - room);
+  if (lines.size() > height) {
+    screen += fmt::format("... and {} more\x1b[K", lines.size() - height);
   }
   print("{}\x1b[J", Styled(screen));
 }

@@ -137,11 +137,10 @@ DaemonIdentity identityOf(pid_t process) {
                   fmt::format("the daemon (pid {}) ended just now: try again", process));
   }
   if (!status.isOneUser()) {
-    throw Failure(
-        kNotPermitted,
-        fmt::format("the daemon (pid {}) has more than one user or group at a time, so that "
-                    "its rights are not clear: start it again as one user",
-                    process));
+    throw Failure(kNotPermitted,
+                  fmt::format("the daemon (pid {}) runs with more than one user or group, so its "
+                              "rights are ambiguous: restart it as one user",
+                              process));
   }
   DaemonIdentity identity;
   identity.pid = process;
@@ -163,7 +162,8 @@ void addGroupsOfUser(DaemonIdentity& identity) {
   getgrouplist(user->pw_name, user->pw_gid, nullptr, &count);  // tells how many
   identity.groups.resize(static_cast<std::size_t>(count));
   if (getgrouplist(user->pw_name, user->pw_gid, identity.groups.data(), &count) < 0) {
-    throw Failure(kNotPermitted, fmt::format("cannot tell the groups of user {}", user->pw_name));
+    throw Failure(kNotPermitted,
+                  fmt::format("cannot determine the groups of user {}", user->pw_name));
   }
   identity.groups.resize(static_cast<std::size_t>(count));
 }
@@ -229,7 +229,7 @@ void DaemonIdentity::requireKnown() const {
   if (!isKnown && geteuid() == 0) {
     throw Failure(
         kNotPermitted,
-        "no daemon with this configuration runs here, and its files do not tell its user: "
+        "no daemon with this configuration is running here, and its files do not show its user: "
         "start it, or run koductl as its user");
   }
 }
@@ -249,7 +249,7 @@ AsDaemon::AsDaemon(const DaemonIdentity& identity) {
   // In this order: the user last, since nobody else may change groups.
   if (setgroups(identity.groups.size(), identity.groups.data()) != 0 ||
       setegid(identity.gid) != 0 || seteuid(identity.uid) != 0) {
-    throw Failure(kNotPermitted, "cannot look with the rights of user " + identity.userName());
+    throw Failure(kNotPermitted, "cannot take the rights of user " + identity.userName());
   }
 }
 
@@ -264,18 +264,17 @@ AsDaemon::~AsDaemon() {
 void becomeDaemonUser(const DaemonIdentity& identity) {
   identity.requireKnown();
   if (!identity.canBeTaken()) {
-    throw Failure(kNotPermitted,
-                  fmt::format("the daemon works as user {}: run koductl as that user, "
-                              "by sudo -u {}, or as root",
-                              identity.userName(), identity.userName()));
+    throw Failure(kNotPermitted, fmt::format("the daemon runs as user {}: run koductl as that user "
+                                             "(sudo -u {}) or as root",
+                                             identity.userName(), identity.userName()));
   }
   const bool isRoot = geteuid() == 0;
   const bool isDone = chdir(identity.directory.c_str()) == 0 &&
                       (!isRoot || (setgroups(identity.groups.size(), identity.groups.data()) == 0 &&
                                    setgid(identity.gid) == 0 && setuid(identity.uid) == 0));
   if (!isDone) {
-    throw Failure(kNotPermitted, fmt::format("cannot work as user {} in {}", identity.userName(),
-                                             identity.directory));
+    throw Failure(kNotPermitted, fmt::format("cannot change to user {} and folder {}",
+                                             identity.userName(), identity.directory));
   }
   ::umask(identity.umask);
 }

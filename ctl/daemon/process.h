@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-// What the kernel tells of other processes. Whatever this user may not see is missing from it.
+// Information from the kernel about other processes. What this user may not see is missing.
 
-/// Users, groups and mode mask of a process; nothing of one that is gone.
+/// Users, groups and mode mask of a process; the defaults when it has ended.
 struct ProcessStatus {
   pid_t parent = 0;
   std::array<uid_t, 4> uids{};  // real, effective, saved, of the file system
@@ -17,8 +17,8 @@ struct ProcessStatus {
   std::vector<gid_t> groups;
   mode_t umask = 022;
 
-  /// True when the process cannot get other rights than those that it has: all its users are one,
-  /// and all its groups.
+  /// True when the process cannot obtain other rights: all its user ids are equal, and all its
+  /// group ids.
   bool isOneUser() const;
 };
 
@@ -30,8 +30,8 @@ std::vector<std::string> argumentsOf(pid_t process);
 /// Its working directory, as it sees that itself; "/" when it cannot be read.
 std::string directoryOf(pid_t process);
 
-/// The path of its executable, with " (deleted)" behind it when another file or none has that path
-/// now; "" when this user may not know.
+/// The path of its executable, followed by " (deleted)" when that file has been replaced or
+/// removed; "" when this user may not read it.
 std::string executableOf(pid_t process);
 /// True when its executable is that file, or was until an upgrade replaced it.
 bool isRunning(pid_t process, const std::filesystem::path& executable);

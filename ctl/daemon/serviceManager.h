@@ -4,6 +4,6 @@
 
 #include <optional>
 
-/// The process that the service manager has started as the daemon, by its unit koducron.service;
-/// nothing where no service manager runs, or while the unit does not.
+/// The main process of the service manager's unit koducron.service; nothing without a service
+/// manager or while the unit is not running.
 std::optional<pid_t> daemonOfServiceManager();

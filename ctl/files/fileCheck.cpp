@@ -56,7 +56,7 @@ std::optional<std::string> whyNotExecutable(const std::string& path, const std::
     return lastError();
   }
   if (!S_ISREG(status.st_mode)) {
-    return "it is no regular file";
+    return "it is not a regular file";
   }
   return isAllowed(full, X_OK) ? whyNoProgram(full) : lastError();
 }
@@ -81,7 +81,7 @@ std::optional<std::string> whyNoFilesIn(const std::string& directory) {
     return fmt::format("directory {}: {}", directory, lastError());
   }
   if (!S_ISDIR(status.st_mode)) {
-    return fmt::format("{} is no directory", directory);
+    return fmt::format("{} is not a directory", directory);
   }
   if (isAllowed(directory, W_OK | X_OK)) {
     return std::nullopt;

@@ -35,7 +35,7 @@ class Descriptor {
 
 void requireRegular(const std::string& path, const struct stat& status) {
   if (!S_ISREG(status.st_mode)) {
-    refuse(path, waitingKind(status.st_mode).value_or("it is no regular file"), kNotFound);
+    refuse(path, waitingKind(status.st_mode).value_or("it is not a regular file"), kNotFound);
   }
 }
 

@@ -5,14 +5,14 @@
 
 using Rewrite = std::function<std::string(const std::string&)>;
 
-/// `text` word by word: what a user would type, as --user, $DATE or ~/.pgpass, goes through
-/// `literal`, the rest through `plain`. Punctuation around a word is not part of it.
+/// `text` word by word: what a user would type, such as --user, $DATE or ~/.pgpass, is passed to
+/// `literal`, the rest to `plain`. Punctuation around a word is not part of it.
 std::string rewriteWords(const std::string& text, const Rewrite& literal, const Rewrite& plain);
 
 /// Adds a word to words with a blank between them; nothing for an empty word.
 void appendWord(std::string& words, const std::string& word);
 
-/// What follows the last blank.
+/// The text after the last space.
 std::string lastWord(const std::string& words);
 
 /// `text` with each `from` replaced.

@@ -6,19 +6,20 @@
 
 #include "ctl/session/session.h"
 
-/// A call of one of the functions in sql/functions.sql, by named arguments: what is not given has
-/// the function's own default.
+/// A call of one of the functions in sql/functions.sql with named arguments. Arguments that are not
+/// given have the function's default.
 class Call {
  public:
   explicit Call(std::string functionName) : function(std::move(functionName)) {}
 
-  /// Gives an argument of an SQL type, when there is a value.
+  /// Adds an argument of an SQL type if there is a value.
   Call& with(const std::string& name, const std::string& type,
              const std::optional<std::string>& value);
   Call& with(const std::string& name, std::optional<int> value);
 
   /// Runs it and returns its rows; a single value is the column "result". Throws Failure:
-  /// kNotPermitted when the session's role may not call it, kRefused when the function says no.
+  /// kNotPermitted when the session's role may not call it, kRefused when the function raises an
+  /// error.
   Rows run(Session& session) const;
 
  private:

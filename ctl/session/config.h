@@ -2,8 +2,8 @@
 
 #include <string>
 
-/// What the daemon's two INI files say, each value exactly as written but for outputDirectory,
-/// which has no slash at its end.
+/// The values of the daemon's two INI files, exactly as written except outputDirectory, which has
+/// no slash at its end.
 struct DaemonConfig {
   std::string mainFile;
   std::string logFile;
@@ -17,8 +17,8 @@ struct DaemonConfig {
 };
 
 /// Reads both files as the daemon does. Throws Failure (kWrongConfig, kNotPermitted) when one
-/// cannot be read; the database file, which holds the daemon's password, need not be readable for a
-/// `user` who connects with another one, when PGDATABASE or PGSERVICE names the database.
+/// cannot be read. The database file contains the daemon's password. It need not be readable when
+/// `user` is not empty and PGDATABASE or PGSERVICE names the database.
 DaemonConfig readConfig(const std::string& mainFile, const std::string& user);
 
 /// The libpq connection string for the daemon's role; for `user` when that is not empty, and then

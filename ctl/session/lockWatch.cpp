@@ -92,7 +92,7 @@ std::string lockTextOf(PGconn* connection, const ResultPtr& lock) {
   if (type == "transactionid") {
     return "a row that another session is writing";
   }
-  return fmt::format("a lock of the kind {}", type);
+  return fmt::format("a lock of type {}", type);
 }
 
 bool isGood(const ResultPtr& result) {

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-// The files below sql/, as they were when koductl was built: version and tool cannot disagree.
+// The files below sql/ as of the build of koductl, so that version and tool cannot disagree.
 
 /// One of sql/migrations/NNNN-TITLE.sql.
 struct Migration {

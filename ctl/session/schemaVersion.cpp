@@ -34,15 +34,15 @@ SchemaState readSchemaState(Session& session) {
 void refuseNewerSchema(const SchemaState& state) {
   if (state.isNewer()) {
     throw Failure(kRefused,
-                  fmt::format("the database's tables are of version {}, and this koductl knows "
-                              "version {}: install the koductl of the newer release",
+                  fmt::format("the database's tables have version {}, but this koductl knows "
+                              "only version {}: install the koductl of the newer release",
                               state.version, knownSchemaVersion()));
   }
 }
 
 std::string upgradeAdvice(const SchemaState& state) {
   return fmt::format(
-      "the database's tables are of version {}, and this koductl wants version {}: "
-      "say koductl --user OWNER schema upgrade",
+      "the database's tables have version {}, but this koductl requires version {}: "
+      "run koductl --user OWNER schema upgrade",
       state.version, knownSchemaVersion());
 }

@@ -7,7 +7,7 @@ class Session;
 /// The version of the tables that this koductl was built for.
 int knownSchemaVersion();
 
-/// What a database says about its tables.
+/// The state of a database's tables.
 struct SchemaState {
   bool tablesExist = false;
   bool isReadable = true;  // false: the role may not read the version, which counts as known
@@ -22,5 +22,5 @@ SchemaState readSchemaState(Session& session);
 /// Throws Failure (kRefused) when the tables are of a later release than this koductl.
 void refuseNewerSchema(const SchemaState& state);
 
-/// What to do about tables of an earlier release.
+/// The advice for tables of an earlier release.
 std::string upgradeAdvice(const SchemaState& state);

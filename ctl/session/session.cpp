@@ -63,13 +63,13 @@ Connection connectAs(const Options& options, const DaemonConfig& config,
   if (PQstatus(connection.get()) == CONNECTION_OK) {
     return connection;
   }
-  const std::string place = !options.connection.empty() ? "what --connect says"
+  const std::string place = !options.connection.empty() ? "the value of --connect"
                             : config.isDatabaseFileRead ? config.databaseFile
                                                         : "PGHOST and PGPORT";
   const std::string password =
-      options.user.empty() ? "" : "; --user reads PGPASSWORD and ~/.pgpass";
+      options.user.empty() ? "" : "; the password comes from PGPASSWORD or ~/.pgpass";
   throw Failure(kNoDatabase,
-                fmt::format("{}\nlook whether the server runs, and at {}{}",
+                fmt::format("{}\ncheck that the server is running, and check {}{}",
                             withoutTabs(trim(PQerrorMessage(connection.get()))), place, password));
 }
 
@@ -92,14 +92,13 @@ bool isAboutMissing(const std::string& state) {
 
 /// Why a statement has ended that waited for a lock longer than `limit`, by the option's name.
 std::string lockedText(const LockWatch& watch, int seconds, const char* option) {
-  const std::string holders =
-      watch.holders().empty() ? "which session has the lock is not known" : watch.holders();
+  const std::string holders = watch.holders().empty() ? "an unknown session" : watch.holders();
   const std::string remedy =
-      watch.remedy().empty() ? "" : fmt::format(", or end that with {}", watch.remedy());
+      watch.remedy().empty() ? "" : fmt::format(", or end it with {}", watch.remedy());
   return fmt::format(
-      "{} was locked for {} s; nothing was changed\nthe lock is with {}\ntry again when the "
-      "transaction there has ended{}; {} SECONDS waits longer",
-      watch.lock().empty() ? "something" : watch.lock(), seconds, holders, remedy, option);
+      "{} was locked for {} s; nothing was changed\nthe lock is held by {}\ntry again when "
+      "that transaction has ended{}; {} SECONDS waits longer",
+      watch.lock().empty() ? "a database object" : watch.lock(), seconds, holders, remedy, option);
 }
 
 }  // namespace
@@ -181,10 +180,11 @@ ResultPtr Session::awaitResult(int limit) {
   while (!hasReplied(connection.get(), step)) {
     watch.look();
     if (limit > 0 && Clock::now() > end) {
-      throw Failure(kNoDatabase,
-                    fmt::format("the server has not ended the statement after {} s: it hangs, or "
-                                "the network is cut; what has become of the statement is not known",
-                                limit));
+      throw Failure(
+          kNoDatabase,
+          fmt::format("the server has not completed the statement after {} s: it hangs, or "
+                      "the network is down; the outcome of the statement is unknown",
+                      limit));
     }
   }
   const bool isLost = PQstatus(connection.get()) != CONNECTION_OK;
@@ -220,8 +220,8 @@ void Session::fail(const ResultPtr& result, const LockWatch& watch) const {
     throw Failure(kNoDatabase, lockedText(watch, statementTimeout, "--statement-timeout"));
   }
   if (state == kCancelled) {
-    throw Failure(kNoDatabase, fmt::format("{}; nothing was changed\nits limit is {} s: "
-                                           "--statement-timeout SECONDS gives it longer",
+    throw Failure(kNoDatabase, fmt::format("{}; nothing was changed\nthe limit is {} s; "
+                                           "--statement-timeout SECONDS sets another",
                                            said, statementTimeout));
   }
   throw Failure(state == kNoRight ? kNotPermitted : kRefused,

@@ -32,14 +32,14 @@ class Rows {
   ResultPtr result;
 };
 
-/// Which tables a session is content with.
+/// Which versions of the tables a session accepts.
 enum class SchemaRule {
   kKnownVersion,  // tables of a later release are refused
   kAnyVersion,
 };
 
-/// koductl's own session in the daemon's database, in UTC. Failures are thrown as Failure. No
-/// statement waits longer for a lock, or in all, than the options say.
+/// koductl's own session in the daemon's database, in UTC. Failures are thrown as Failure. The
+/// options limit how long a statement waits for a lock and how long it runs.
 class Session {
  public:
   /// Reads the INI files and connects as the options say.
@@ -54,11 +54,11 @@ class Session {
   void makeReadOnly();
 
   /// Runs one statement with $1 to $n from `params`. Throws Failure: kNoDatabase when the session
-  /// is lost or a limit is reached, and then names the lock and who has it; kNotPermitted when a
-  /// right is missing; else kRefused with the server's words.
+  /// is lost or a limit is reached, with the lock and its holder; kNotPermitted when a right is
+  /// missing; otherwise kRefused with the server's message.
   Rows query(const std::string& sql, const std::vector<std::string>& params = {});
-  /// Runs statements, separated by semicolons, whose results are of no interest. Has no limit of
-  /// its own: the statements may set one.
+  /// Runs statements, separated by semicolons, and discards the results. Sets no limit: the
+  /// statements may set one.
   void execute(const std::string& sql);
 
  private:
@@ -71,11 +71,11 @@ class Session {
   Connection connection;
 };
 
-/// True when a session of the daemon is in the database.
+/// True when the daemon has a session in the database.
 bool isDaemonConnected(Session& session);
 
-/// The number of daemons that are in the database, each with its one session.
+/// The number of daemons that are connected to the database, each with one session.
 long countDaemons(Session& session);
 
-/// The server's words without what only a developer of functions reads: severity, code and context.
+/// The server's message without severity, code and context.
 std::string serverMessage(const std::string& text);

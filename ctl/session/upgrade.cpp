@@ -106,7 +106,7 @@ bool lockAll(Session& session) {
 [[noreturn]] void failWithoutLock(Session& session, std::chrono::seconds patience) {
   const std::string holders = session.query(kHolders).text(0, "holders");
   throw Failure(kNoDatabase,
-                fmt::format("the tables were in use for {} s, and nothing is changed: {}; say "
+                fmt::format("the tables were in use for {} s, and nothing was changed: {}; use "
                             "--wait SECONDS to try longer",
                             patience.count(), holders.empty() ? "by short statements" : holders));
 }

@@ -4,14 +4,14 @@
 
 class Session;
 
-/// How an upgrade is run.
+/// The options of an upgrade.
 struct UpgradeMode {
-  bool isDryRun = false;            // all of it, then back
+  bool isDryRun = false;            // all of it, then a rollback
   std::chrono::seconds patience{};  // how long to try for the tables' locks
 };
 
-/// Brings the database's tables to this koductl's version and defines views, functions and triggers
-/// anew, in one transaction, while the daemon may run. Returns the version that was there. Throws
-/// Failure and leaves everything as it was: no tables, a newer version, another upgrade, no lock
+/// Brings the database's tables to this koductl's version and redefines views, functions and
+/// triggers, in one transaction. The daemon may keep running. Returns the previous version. Throws
+/// Failure and changes nothing when it cannot: no tables, a newer version, another upgrade, no lock
 /// within `patience`, a statement that fails.
 int upgradeSchema(Session& session, const UpgradeMode& mode);

@@ -18,10 +18,10 @@ struct FailedRun {
 /// The task's latest failed runs, the latest first, at most `limit` of them.
 std::vector<FailedRun> readFailedRuns(Session& session, const Task& task, int limit);
 
-/// True for a name that stays below the folder it is joined to.
+/// True for a name that cannot leave the folder to which it is appended.
 bool staysBelow(const std::string& name);
 
-/// The begin of a file's first line, 240 bytes at most: outputs may be large, and all one line.
+/// The beginning of a file's first line, at most 240 bytes: an output may be one large line.
 std::string firstLineOf(const std::string& path);
 
 /// The bytes of a file. Throws Failure (kNotFound, kNotPermitted) when it cannot be read.

@@ -9,13 +9,13 @@ namespace {
 
 void refuseInexpressible(const std::string& argument) {
   if (argument.empty()) {
-    throw Failure(kRefused, "an empty argument cannot be given to a plugin: the daemon drops it");
+    throw Failure(kRefused, "a plugin cannot get an empty argument: the daemon drops it");
   }
   if (argument.find_first_of("\"'") != std::string::npos) {
     throw Failure(kRefused,
-                  fmt::format("the argument {} holds a quote, and no task's argument can: either "
-                              "kind only switches quoting on and off. Have a script of yours as "
-                              "the plugin, and write the quote there",
+                  fmt::format("the argument {} contains a quote, which an argument of a task "
+                              "cannot: quotes only switch quoting on and off. Use a script as the "
+                              "plugin, and write the quote there",
                               argument));
   }
 }

@@ -7,16 +7,16 @@
 #include "ctl/task/task.h"
 
 /// What an explanation needs besides the task's own row.
-struct Surroundings {
+struct TaskContext {
   DaemonIdentity daemon;
   bool isConnected = false;  // a session of the daemon is in the database
   int workers = 0;           // as the INI file has it
   Workload workload;
-  std::string failureText;  // what the latest failed run said first; empty when nothing can be read
-  bool isFailureSilent = false;  // the latest failed run's output is there, and empty
+  std::string failureText;  // first line of the latest failed run; empty when it cannot be read
+  bool isFailureSilent = false;  // the latest failed run's output exists and is empty
 };
 
 /// Sentences: what the task is, how its last run ended, what it waits for, which rule set its next
-/// time, since when it fails and with which text, whether its plugin can be run and its output be
-/// written.
-std::vector<std::string> explain(const Task& task, const Surroundings& around);
+/// time, since when it has been failing and with which output, whether its plugin can be run, and
+/// whether its output can be written.
+std::vector<std::string> explain(const Task& task, const TaskContext& context);

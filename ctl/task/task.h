@@ -16,8 +16,8 @@ struct Pause {
   std::string by, reason;     // "" where they are not known
 };
 
-/// A task's row with its plugin and its recent history. What it does is what the database's view of
-/// all tasks, kodu_task_state, says. Times are seconds since the epoch, periods seconds.
+/// A task's row with its plugin and its recent history. Its state is that of the view
+/// kodu_task_state. Times are seconds since the epoch, periods seconds.
 struct Task {
   int id = 0;
   std::string name, path, type, parameter, fileName;
@@ -27,15 +27,15 @@ struct Task {
   std::optional<long> next;           // when the next run, or the present one, is due; else paused
   std::optional<long> afterRun;       // the time that was set for the run after the present one
   std::optional<long> every;
-  bool isIntervalUneven = false;            // holds months, years or a negative part
+  bool isIntervalUneven = false;            // contains months, years or a negative part
   bool isNextBeyondLimit = false;           // later than a pause and a run that ends in it lead to
   std::optional<long> retries, retryAfter;  // nothing: the daemon's defaults
   bool isFlagged = false;                   // waits for the purge, or for a run's end before it
   bool isRunning = false;                   // a run, or its wait for a retry, is in progress
-  bool awaitsRetry = false;                 // that wait: it keeps no worker
+  bool awaitsRetry = false;                 // that wait: it occupies no worker
   std::optional<long> retryDue;             // when the run's next retry is due, or was
-  bool isLate = false;                      // its run should have begun
-  long lateSeconds = 0;                     // since then; 0 for a task that is to wait
+  bool isLate = false;                      // its run is overdue
+  long lateSeconds = 0;                     // since the due time; 0 before it and while paused
   std::optional<Pause> pause;
   long failuresHour = 0, failuresDay = 0;
   long failedAttempts = 0;  // of the present run, which has begun
@@ -51,7 +51,7 @@ struct Task {
   std::string outputPath() const;
   /// The folder of the failed runs' outputs, with a trailing slash.
   std::string archivePath() const;
-  /// The record that the daemon would make of it.
+  /// The record that the daemon would create from it.
   std::shared_ptr<serviceCron> record() const;
 
  private:
@@ -59,7 +59,7 @@ struct Task {
   static constexpr long kDefaultRetryAfter = 120;
 };
 
-/// All tasks, by id; rows whose plugin is no task's (plugin_type) are among them.
+/// All tasks, by id, including rows that the daemon does not run because of their plugin_type.
 std::vector<Task> readTasks(Session& session);
 
 /// One task. Throws Failure (kNotFound) when there is none.
@@ -67,13 +67,12 @@ Task readTask(Session& session, int id);
 
 /// How many runs are in progress, as far as the tables tell.
 struct Workload {
-  long busy = 0;     // those that may keep a worker
+  long busy = 0;     // those that may occupy a worker
   long waiting = 0;  // those that wait for the time of their retry
 };
 Workload countRunning(Session& session);
 
-/// "paused since 2024-05-01 13:02:09 UTC (5m ago) by alice: new disks"; what is not known is left
-/// out.
+/// "paused since 2024-05-01 13:02:09 UTC (5m ago) by alice: new disks"; unknown parts are omitted.
 std::string pauseText(const Pause& pause, long now);
 
 /// Everything above as a JSON object.

@@ -2,8 +2,8 @@
 
 #include <string>
 
-/// Keeps from the terminal what a library or a child of this process writes to standard error, so
-/// that it can be printed like everything else. Owned by one thread, one at a time.
+/// Captures what a library or a child of this process writes to standard error, so that it can be
+/// printed like everything else. Owned by one thread; only one object at a time.
 class CapturedErrors {
  public:
   CapturedErrors();
@@ -11,13 +11,12 @@ class CapturedErrors {
   CapturedErrors(const CapturedErrors&) = delete;
   CapturedErrors& operator=(const CapturedErrors&) = delete;
 
-  /// What has been written since the construction. From the first call on standard error is the
-  /// former one.
+  /// What has been written since the construction. The first call restores standard error.
   std::string take();
 
  private:
   void release();
 
-  int memory;    // -1 where there is none: then nothing is captured
+  int memory;    // -1 when it could not be created: nothing is captured then
   int terminal;  // the former standard error; -1 once it is back
 };

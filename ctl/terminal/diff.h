@@ -3,6 +3,6 @@
 #include <string>
 #include <vector>
 
-/// The lines that turn `before` into `after`, in order: "-" and a line that goes, "+" and one that
-/// comes. Empty when the texts are the same, line for line.
+/// The lines that turn `before` into `after`, in order: "-" and a removed line, "+" and an added
+/// line. Empty when the texts have the same lines.
 std::vector<std::string> diffLines(const std::string& before, const std::string& after);

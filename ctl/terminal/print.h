@@ -11,11 +11,11 @@
 
 #include "ctl/terminal/terminal.h"
 
-// All that koductl prints passes here, so that nothing that comes from the database, a file, a
-// plugin or the command line can command a terminal. A format's own text is trusted, its arguments
-// are not. Tested by PrintTest.IsTheOnlyWayOut.
+// All output of koductl is printed by these functions, so that no text from the database, a file, a
+// plugin or the command line can control the terminal. A format is trusted, its arguments are not.
+// Tested by PrintTest.IsTheOnlyWayOut.
 
-/// What print() shows of an argument: texts as printable() has them, all else as it is.
+/// The form in which print() shows an argument: texts by printable(), everything else unchanged.
 template <typename Argument>
 decltype(auto) shown(const Argument& argument) {
   if constexpr (std::is_same_v<Argument, Styled>) {
@@ -30,7 +30,7 @@ decltype(auto) shown(const Argument& argument) {
 template <typename... Arguments>
 using Format = fmt::format_string<decltype(shown(std::declval<const Arguments&>()))...>;
 
-/// Prints to standard output. Throws std::system_error when that takes no more.
+/// Prints to standard output. Throws std::system_error when that fails.
 template <typename... Arguments>
 void print(Format<Arguments...> format, const Arguments&... arguments) {
   fmt::print(stdout, format, shown(arguments)...);

@@ -5,8 +5,8 @@
 
 #include "ctl/terminal/terminal.h"
 
-/// A table for people: columns as wide as their widest cell, two blanks between them, no trailing
-/// blanks. Owned by one thread.
+/// A table for people: columns as wide as their widest cell, two spaces between them, no trailing
+/// spaces. Owned by one thread.
 class Table {
  public:
   enum class Align { kLeft, kRight };
@@ -26,13 +26,13 @@ class Table {
 
   explicit Table(std::vector<Column> heads) : columns(std::move(heads)) {}
 
-  /// Adds a line with one cell a column. Line breaks in cells become blanks.
+  /// Adds a line with one cell a column. Line breaks in cells become spaces.
   void add(std::vector<Cell> cells) { lines.push_back(std::move(cells)); }
 
-  /// Head and lines, one text each, cut to `maxWidth` columns when that is above 0.
+  /// Head and lines, each truncated to `maxWidth` columns if that is above 0.
   std::vector<std::string> render(int maxWidth = 0) const;
 
-  /// Prints it, cut to the terminal's width where there is one.
+  /// Prints it, truncated to the width of the terminal if there is one.
   void print() const;
 
  private:

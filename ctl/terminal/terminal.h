@@ -9,16 +9,16 @@ bool isTerminal();
 
 enum class Colour { kNone, kGreen, kRed, kYellow, kBold };
 
-/// Text that goes to the terminal as it is: sequences of koductl's own around text that is
-/// printable already.
+/// Text that is printed unchanged: koductl's own escape sequences around text that is already
+/// printable.
 struct Styled {
   explicit Styled(std::string content) : text(std::move(content)) {}
 
   std::string text;
 };
 
-/// `text` in a colour, and printable; without the colour where standard output is no terminal, TERM
-/// is "dumb" or NO_COLOR is set to anything.
+/// `text` in a colour, and printable; without the colour when standard output is not a terminal,
+/// TERM is "dumb" or NO_COLOR is set.
 Styled coloured(const std::string& text, Colour colour);
 
 /// Green, red and yellow for OK, FAILED and PROCESS.
@@ -29,19 +29,19 @@ struct TerminalSize {
   int columns = 0;
 };
 
-/// The size of the terminal; 24 rows and 80 columns when it does not say.
+/// The size of the terminal; 24 rows and 80 columns when it is unknown.
 TerminalSize terminalSize();
 
-/// `text` as a terminal may safely show it: a "?" takes the place of each character that is unsafe
-/// by common/plainText.h, but for newlines and tabs.
+/// `text` with a "?" in place of each character that is unsafe by common/plainText.h, except
+/// newlines and tabs.
 std::string printable(std::string_view text);
 
-/// The same in one line: blanks take the place of newlines, tabs and their like.
+/// The same in one line: spaces replace newlines, tabs and similar characters.
 std::string oneLine(std::string_view text);
 
-/// The number of columns that UTF-8 text takes on a terminal: two for a wide character, none for an
-/// accent that stands on the one before it. Asks the C locale, which main sets.
+/// The number of columns of UTF-8 text on a terminal: two for a wide character, none for a
+/// combining one. Uses the C locale, which main sets.
 int widthOf(std::string_view text);
 
-/// As much of the begin of UTF-8 text as fits into `columns`, in whole characters. Asks it, too.
+/// The beginning of UTF-8 text that fits into `columns`, in whole characters. Uses the locale too.
 std::string cutTo(std::string_view text, int columns);

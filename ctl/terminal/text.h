@@ -6,16 +6,16 @@
 
 #include <json/json.h>
 
-// How times and numbers stand in what koductl prints. Times are seconds since the epoch, shown as
-// UTC, as they stand in the database.
+// The formats of times and numbers in koductl's output. Times are seconds since the epoch, shown in
+// UTC as in the database.
 
 /// "2024-05-01 13:02:09".
 std::string timeText(long time);
 /// The time alone on the day of `now`, else with its date; "-" without a value.
 std::string shortTime(std::optional<long> time, long now);
-/// "1d 2h", "5m", "90s": two units at most, cut.
+/// "1d 2h", "5m", "90s": at most two units, the rest truncated.
 std::string durationText(long seconds);
-/// "12 s late", "in 5m", "5m ago" and the like want a plural now and then: `count` and the noun.
+/// `count` and the noun, with an "s" for a plural: "1 run", "2 runs".
 std::string counted(long count, const std::string& noun);
 
 /// A time as the database prints it, "2024-05-01 13:02:09", as "2024-05-01T13:02:09Z"; null for "".
@@ -24,6 +24,6 @@ Json::Value jsonMoment(std::string time);
 Json::Value jsonTime(std::optional<long> time);
 Json::Value jsonNumber(std::optional<long> number);
 Json::Value jsonText(const std::optional<std::string>& text);
-/// Prints a value, indented, with a newline. Bytes that are no UTF-8 become blanks, as in what the
-/// daemon stores; characters that common/plainText.h calls unsafe are escaped.
+/// Prints a value, indented, with a newline. Bytes that are not valid UTF-8 become spaces, as in
+/// what the daemon stores; characters that common/plainText.h calls unsafe are escaped.
 void printJson(const Json::Value& value);

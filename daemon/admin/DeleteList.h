@@ -4,8 +4,8 @@
 
 #include <list>
 
-/// A list of task ids in the order of their insertion; an id may stand in it more than once. Any
-/// thread may call any member; each holds the list's lock for its whole duration.
+/// A list of task ids in the order of their insertion; an id can occur more than once. Any thread
+/// may call any member; each holds the list's lock for its whole duration.
 class DeleteList {
  public:
   DeleteList();

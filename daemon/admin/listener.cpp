@@ -59,7 +59,7 @@ void takeNotifications(NotificationBatch& batch) {
 void th_listener() {
   installEmptySignalMask();
   // The admin thread's words: the log has no start line of the listener's own.
-  // ListenerTest.BeginsWithTheAdminThreadsLine holds this in place.
+  // Tested by ListenerTest.BeginsWithTheAdminThreadsLine.
   fileLog->write(kLogDebug, "TH ADMIN#START ");
   ResultPtr subscription(pgSQL->executeRequest(kListen));
   NotificationBatch batch;

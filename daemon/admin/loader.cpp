@@ -19,24 +19,23 @@
 
 namespace {
 
-using Task = std::shared_ptr<serviceCron>;
+using TaskPtr = std::shared_ptr<serviceCron>;
 
 constexpr int kManyRows = 1000;
 
-void add(int id, const Task& task) {
+void add(int id, const TaskPtr& task) {
   {
     // A task that is replaced here may be queued still, and then runs beside the new one: an
-    // addition says that there was none. LoaderTest.ReplacesAKnownTaskAndLeavesItQueued holds this
-    // in place.
+    // addition says that there was none. Tested by LoaderTest.ReplacesAKnownTaskAndLeavesItQueued.
     const std::lock_guard lock(mutexTaskMap);
-    // The hint: rows mostly come in the order of their ids.
+    // The hint helps because rows usually come in the order of their ids.
     cronTaskMap.insert_or_assign(cronTaskMap.end(), id, task);
   }
   serviceQueue->push(task);
 }
 
 /// Puts `task` in the place of `known`, whose last result it keeps. Caller holds mutexTaskMap.
-void replace(int id, const Task& known, const Task& task) {
+void replace(int id, const TaskPtr& known, const TaskPtr& task) {
   task->SetStdout(known->GetStdout());
   task->SetReturnCode(known->GetReturnCode());
   task->SetRetrie(known->GetRetrie());
@@ -47,16 +46,15 @@ void replace(int id, const Task& known, const Task& task) {
 }
 
 /// Replaces or updates the loaded task `id`; the address of the one that was replaced, or null.
-const serviceCron* renew(int id, const Task& task) {
+const serviceCron* renew(int id, const TaskPtr& task) {
   // Held over the queue's push and the records' locks, so that the purge finds either the old task
-  // or the new one. LoaderTest.HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces holds this in
-  // place.
+  // or the new one. Tested by LoaderTest.HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces.
   const std::lock_guard lock(mutexTaskMap);
   const auto entry = cronTaskMap.find(id);
   if (entry == cronTaskMap.end()) {
     return nullptr;
   }
-  const Task known = entry->second;
+  const TaskPtr known = entry->second;
   if (known->isTimeParameterUpdate(*task)) {
     replace(id, known, task);
     return known.get();
@@ -65,7 +63,7 @@ const serviceCron* renew(int id, const Task& task) {
   return nullptr;
 }
 
-void update(int id, const Task& task) {
+void update(int id, const TaskPtr& task) {
   if (const serviceCron* replaced = renew(id, task); replaced != nullptr) {
     serviceQueue->noteMarked(replaced);
   }
@@ -73,7 +71,7 @@ void update(int id, const Task& task) {
 
 void enter(const std::string& mode, const LoaderRow& row) {
   const int id = row.id();
-  const Task task = row.makeTask();
+  const TaskPtr task = row.makeTask();
   if (mode == "ADD") {
     add(id, task);
   } else if (mode == "UPDATE") {
@@ -91,8 +89,8 @@ void load_cron_task(std::string mode, std::vector<int>* ids) {
     try {
       enter(mode, row);
     } catch (const std::exception& e) {
-      // The retry interval's column, not the id's: those who read the log know the line so.
-      // LoaderTest.NamesTheRetryIntervalOfARowThatFails holds this in place.
+      // The retry interval's column, not the id's: readers of the log rely on this form of the
+      // line. Tested by LoaderTest.NamesTheRetryIntervalOfARowThatFails.
       fileLog->write(kLogError,
                      "Failed to initial load service: " + row.retriesInterval() + e.what());
     }

@@ -12,7 +12,7 @@ class LoaderRow {
  public:
   LoaderRow(const ResultPtr& rows, int index) : result(rows), row(index) {}
 
-  /// The task's id. Throws std::invalid_argument or std::out_of_range when it is no number.
+  /// The task's id. Throws std::invalid_argument or std::out_of_range when it is not a number.
   int id() const { return number(kId); }
 
   /// The text of the retry interval's column, "" for SQL NULL.

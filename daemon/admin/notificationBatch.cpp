@@ -22,8 +22,8 @@ void NotificationBatch::add(const std::string& payload) {
   fileLog->write(kLogDebug, "TH LISTENER# Notify string receive :" + payload);
   Json::Value message;
   if (!parse(payload, message)) {
-    // The admin thread's name in it stays: those who watch the log look for this line.
-    // NotificationBatchTest.WarnsOfAPayloadThatIsNoJson holds this in place.
+    // The admin thread's name in it stays: monitoring of the log looks for this line. Tested by
+    // NotificationBatchTest.WarnsOfAPayloadThatIsNotJson.
     fileLog->write(kLogWarning, "TH ADMIN# Bad notify Json receive :" + payload);
     return;
   }
@@ -43,7 +43,7 @@ void NotificationBatch::add(const std::string& payload) {
 bool NotificationBatch::parse(const std::string& payload, Json::Value& message) {
   try {
     return reader->parse(payload.data(), payload.data() + payload.size(), &message, &errors);
-  } catch (const Json::RuntimeError&) {  // too deep; the reader starts anew with the next text
+  } catch (const Json::RuntimeError&) {  // too deep; the reader is reset by the next text
     return false;
   }
 }

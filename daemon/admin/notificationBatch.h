@@ -10,9 +10,9 @@
 /// thread.
 class NotificationBatch {
  public:
-  /// Adds the id that `payload` names, if it names one. A payload that is no JSON, or nested deeper
-  /// than the reader goes (1,000), is logged and dropped. Throws Json::LogicError when a value is
-  /// of the wrong type, which is not caught.
+  /// Adds the id that `payload` names, if it names one. A payload that is not JSON, or nested
+  /// deeper than the reader allows (1,000), is logged and dropped. Throws Json::LogicError when a
+  /// value is of the wrong type, which is not caught.
   void add(const std::string& payload);
 
   /// Hands the ids to the loader, additions first, in the order in which they came, and forgets
@@ -24,7 +24,7 @@ class NotificationBatch {
   const std::vector<int>& updates() const { return updated; }
 
  private:
-  /// False when `payload` is no JSON, or too deep.
+  /// False when `payload` is not JSON or nested too deep.
   bool parse(const std::string& payload, Json::Value& message);
 
   std::unique_ptr<Json::CharReader> reader{Json::CharReaderBuilder().newCharReader()};

@@ -33,8 +33,8 @@ void purge(const std::string& id) {
   const int number = std::stoi(id);
   fileLog->write(kLogDebug, "DELETE TASK: " + id);
   if (auto task = takeFromMap(number); task != nullptr) {
-    // The queues are not searched: whoever takes the task next sees the mark.
-    // DeleteTaskTest.LeavesTheQueuesAsTheyAre holds this in place.
+    // The queues are not searched: the next thread that takes the task sees the mark. Tested by
+    // DeleteTaskTest.LeavesTheQueuesAsTheyAre.
     task->SetExecState(kRecordDropped);
     std::filesystem::remove(currentOutputPath(log_directory, task));
     const serviceCron* const address = task.get();

@@ -5,7 +5,7 @@
 /// A file descriptor that is closed with its owner. One thread owns it.
 class Descriptor {
  public:
-  /// Takes `number` over; a negative one is no descriptor, and errno says why.
+  /// Takes `number` over; a negative number means failure, with the reason in errno.
   explicit Descriptor(int number) : descriptor(number) {}
   ~Descriptor() {
     if (isOpen()) {

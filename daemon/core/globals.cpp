@@ -12,6 +12,6 @@ std::map<int, std::shared_ptr<serviceCron>> cronTaskMap;
 std::mutex mutexTaskMap;
 
 // Last in this file, so first to be destroyed: its joinable handles end the process by the
-// terminate handler before anything of the daemon's own that a worker may still use is taken away.
-// SlowStopTest.EndsByTheTerminateHandlerWhenWorkersWereStarted holds this in place.
+// terminate handler before objects that a worker may still use are destroyed. Tested by
+// SlowStopTest.EndsByTheTerminateHandlerWhenWorkersWereStarted.
 std::vector<std::shared_ptr<std::thread>> thread_list;

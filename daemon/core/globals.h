@@ -18,8 +18,8 @@ class ExecuteQueue;
 // The process-wide state. `main` creates what the pointers point at, before any thread starts.
 //
 // Lock order, outermost first: mutexTaskMap, a record's mutex (receiver before source), a queue's
-// mutex, pgSafeThread::mutex, pgSafeThread::wire, the log's mutex. Nobody holds a queue's mutex or
-// a connection's while taking mutexTaskMap.
+// mutex, pgSafeThread::mutex, pgSafeThread::wire, the log's mutex. mutexTaskMap is never taken
+// while a queue's or a connection's mutex is held.
 
 /// Path of the main INI file. Written during start-up only.
 extern std::string pathToConfigFile;

@@ -67,7 +67,7 @@ std::string doubleToString(double value) {
 }
 
 // The 32-bit steps stay: what they make of first octets from 128 on is what stored addresses were
-// rendered with. IPTest.CarriesTheSignOfAFirstOctetFrom128On holds this in place.
+// rendered with. Tested by IPTest.CarriesTheSignOfAFirstOctetFrom128On.
 std::string IP::IPdecToIP(unsigned long n) {
   const std::uint64_t first = n >> 24U;
   const std::uint64_t rest1 = n - shiftedIn32Bits(first, 24);

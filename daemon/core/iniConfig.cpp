@@ -18,7 +18,7 @@ void dropIndentation(std::string& line) {
   }
 }
 
-/// The text behind the first "=" of `line`, or "" without one.
+/// The text after the first "=" of `line`, or "" without one.
 std::string valueOf(const std::string& line) {
   const auto sign = line.find('=');
   return sign == std::string::npos ? "" : line.substr(sign + 1);
@@ -32,8 +32,8 @@ std::string iniConfig::getKey(const std::string& section, const std::string& key
   std::string value;
   scanSection(section, "error can't open file: ", [&](const std::string& line) {
     // Anywhere in the line, the header line included: files in the field rely on a short key
-    // finding a longer one. IniConfigTest.TakesTheFirstLineThatContainsTheKey and
-    // IniConfigTest.CountsTheHeaderLineAsTheSectionsFirstLine hold this in place.
+    // finding a longer one. Tested by IniConfigTest.TakesTheFirstLineThatContainsTheKey and
+    // IniConfigTest.CountsTheHeaderLineAsTheSectionsFirstLine.
     if (line.find(key) == std::string::npos) {
       return true;
     }
@@ -49,7 +49,7 @@ int iniConfig::getKeyToInt(const std::string& section, const std::string& key) c
 
 std::map<std::string, std::string>& iniConfig::getSection(const std::string& section) {
   // Without a colon, unlike getKey: readers of the message tell the two apart by it.
-  // IniConfigTest.NamesAFileThatCannotBeOpened holds this in place.
+  // Tested by IniConfigTest.NamesAFileThatCannotBeOpened.
   scanSection(section, "error can't open file ", [&](const std::string& line) {
     sectionValues[line.substr(0, line.find('='))] = valueOf(line);
     return true;

@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-/// Reads values out of an INI file on demand; every lookup reads the file anew. Owned by one
+/// Reads values out of an INI file on demand; every lookup reads the file again. Owned by one
 /// thread.
 ///
 /// A section begins at the line that is exactly "[name]" and ends at the next line that begins
@@ -13,12 +13,12 @@
 /// (";" is not). The header line counts as the first line of its section.
 class iniConfig {
  public:
-  /// Stores the path only; a file that cannot be opened shows at the first lookup.
+  /// Stores the path only; a file that cannot be opened causes an error at the first lookup.
   explicit iniConfig(std::string path);
 
-  /// The text behind the first "=" of the first line of `section` that holds `key` anywhere in
-  /// it, exactly as written: blanks and a carriage return stay. "" when there is no such line, or
-  /// no "=" in it. Throws FileException when the file cannot be opened.
+  /// The text after the first "=" of the first line of `section` that contains `key` anywhere,
+  /// exactly as written: blanks and a carriage return stay. "" when there is no such line, or no
+  /// "=" in it. Throws FileException when the file cannot be opened.
   std::string getKey(const std::string& section, const std::string& key) const;
 
   /// getKey read as a decimal int: leading blanks skipped, the rest from the first non-digit on

@@ -61,7 +61,7 @@ void logFile::writeInHandler(char lineLevel, std::string_view message) {
 }
 
 void logFile::write(std::string_view tag, std::string_view message) {
-  // Before the mutex: the look at the zone needs the heap, and the thread that holds the heap may
+  // Before the mutex: reading the zone needs the heap, and a thread that holds the heap's lock can
   // have been interrupted by HandlerQuit, which waits for the mutex.
   writeLine(utcOffset(std::time(nullptr)), tag, message);
 }
@@ -123,7 +123,7 @@ void logFile::append(std::initializer_list<std::string_view> parts) {
   }
   std::ranges::for_each(parts, add);
   add("\n");
-  // One write, not one after the other: what does not fit is lost, and nothing is written twice.
+  // One write for all parts: what does not fit is lost, and nothing is written twice.
   ssize_t written = writev(file, line.data(), static_cast<int>(count));
   if (written < 0 && errno == EBADF) {
     open();

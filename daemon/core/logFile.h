@@ -17,11 +17,11 @@
 /// 4 ERRORS, 5 CRITICAL, 6 ALERT, 7 ERMERGENCY; any other level is written as INFO. Readers of the
 /// log depend on the words' spelling.
 ///
-/// A line that finds no room on the disk is lost, or its end is; the next one that finds room
-/// begins on a line of its own, also when a former life of the daemon left the half line.
+/// When the disk is full, a line or its end is lost. The next line that fits starts on a new line,
+/// also after a partial line of an earlier daemon process.
 ///
-/// HandlerQuit writes too, on whatever thread SIGTERM finds: a thread that holds the log's mutex
-/// keeps SIGTERM blocked, and neither waits for anything but the disk nor allocates.
+/// HandlerQuit writes too, on the thread that receives SIGTERM. A thread that holds the log's mutex
+/// therefore blocks SIGTERM, waits only for the disk and allocates nothing.
 class logFile {
  public:
   /// Opens `path` for appending, creating it when missing, with threshold 1. Throws FileException
@@ -39,9 +39,9 @@ class logFile {
   /// Opens the file again if it was closed; throws FileException when that fails.
   void write(char lineLevel, std::string_view message);
 
-  /// The same with what `message` returns, which is called for lines that are written only, by the
-  /// calling thread and before the lock: it may take others. Putting together what nobody reads
-  /// would cost every run. What it throws passes, and nothing is written then.
+  /// The same with the result of `message`, which is called only for lines that are written. It is
+  /// called before the lock is taken, so it may take other locks. Building texts that are not
+  /// written would slow down every run. Exceptions of `message` propagate; nothing is written then.
   template <std::invocable Message>
   void write(char lineLevel, const Message& message) {
     if (writes(lineLevel)) {
@@ -50,7 +50,7 @@ class logFile {
   }
 
   /// Writes HandlerQuit's line, unless its level is below the threshold: as above, but without the
-  /// heap and with the time zone as the last look at it found it.
+  /// heap and with the time zone that was read last.
   void writeInHandler(char lineLevel, std::string_view message);
 
   /// Writes a line with `tag` in place of the level's word, whatever the threshold. Throws as

@@ -6,8 +6,8 @@
 /// may run HandlerQuit on any thread.
 void installEmptySignalMask();
 
-/// Keeps signals from the calling thread while it lives, then restores the thread's mask. For the
-/// few steps that HandlerQuit must not interrupt, since it would need what they hold.
+/// Blocks signals for the calling thread during its lifetime, then restores the thread's mask. For
+/// the few steps that HandlerQuit must not interrupt, since it would need what they hold.
 class SignalBlock {
  public:
   /// Blocks SIGTERM only.

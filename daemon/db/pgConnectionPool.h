@@ -35,12 +35,12 @@ class pgConnectionPool {
   /// The connection whose turn it is; it stays the pool's.
   pgSafeThread* getNextConnection();
 
-  /// The index that the next turn looks at; equals the number of connections when the turn goes
-  /// back to the first.
+  /// The index that the next turn looks at; equals the number of connections when the next turn is
+  /// that of the first.
   int getNextConnectionID();
   /// The number of connections.
   int getConnectionNumber();
-  /// The count of waiting requests: always 0, kept for those who read it.
+  /// The count of waiting requests: always 0, kept for its readers.
   int getWaitRequest();
 
   /// Switches the trace of statements. Takes no lock.

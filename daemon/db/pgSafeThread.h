@@ -10,14 +10,14 @@
 #include "db/turn.h"
 
 /// One PostgreSQL connection that several threads share. Any thread may call any member. The
-/// connection is made once and never renewed: when the server goes away, every later call throws.
+/// connection is made once and never renewed: when the server is lost, every later call throws.
 ///
-/// Two locks: `mutex` makes each statement one step for the threads that run statements; `wire`
-/// is held around every single libpq call on the connection, by the statements (after `mutex`) and
-/// by the listener (alone, never `mutex`), because libpq must not be entered twice at once: the
-/// reader of notifications would swallow another thread's reply, and that thread would wait for it
-/// for ever. A statement that waits for a row's lock holds both as long as that lasts, so the
-/// listener waits for `wire` for a limited time only.
+/// Two locks: `mutex` makes each statement one step for the threads that run statements; `wire` is
+/// held around every single libpq call on the connection, by the statements (after `mutex`) and by
+/// the listener (alone, never `mutex`), because libpq must not be entered by two threads at once.
+/// Otherwise the reader of notifications would take another thread's reply, for which that thread
+/// would wait forever. A statement that waits for a row's lock holds both locks meanwhile, so the
+/// listener waits for `wire` only for a limited time.
 ///
 /// Statements that fail throw PostgresqlException: a fixed prefix that ends in two blanks, then
 /// the server's message, its trailing newline kept. The locks are released and the failed result

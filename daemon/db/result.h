@@ -6,7 +6,7 @@
 
 #include <libpq-fe.h>
 
-/// A statement's result, cleared when it goes.
+/// A statement's result, cleared on destruction.
 struct ResultClearer {
   void operator()(PGresult* result) const { PQclear(result); }
 };

@@ -14,7 +14,7 @@ constexpr const char* kTaskQuery =
     "\tWHERE plugin_type='cron'";
 
 /// The ids in decimal, in the list's order, separated by ",".
-std::string joined(const std::vector<int>& ids) {
+std::string commaSeparated(const std::vector<int>& ids) {
   std::string text;
   for (const int id : ids) {
     text += std::to_string(id) + ",";
@@ -36,10 +36,9 @@ std::string taskQuery(const std::vector<int>* ids) {
     return std::string(kTaskQuery) + ";";
   }
   if (ids->empty()) {
-    // All tasks again, and no ";": the ending belongs to the list that is not there.
-    // LoaderTest.LoadsEveryTaskAgainWithAnEmptyList and TaskQueryTest.HasNoEndingWithAnEmptyList
-    // hold this in place.
+    // All tasks again, and no ";": it is part of the list, which is absent. Tested by
+    // LoaderTest.LoadsEveryTaskAgainWithAnEmptyList and TaskQueryTest.HasNoEndingWithAnEmptyList.
     return kTaskQuery;
   }
-  return std::string(kTaskQuery) + " AND cron_id IN (" + joined(*ids) + ");";
+  return std::string(kTaskQuery) + " AND cron_id IN (" + commaSeparated(*ids) + ");";
 }

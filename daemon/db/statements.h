@@ -17,7 +17,7 @@ struct NamedStatement {
 };
 
 /// The named statements, in the order in which start-up prepares them. Times are whole seconds
-/// since the epoch. `SelectCronHistory` is run by nobody in the daemon.
+/// since the epoch. `SelectCronHistory` is not used by the daemon.
 inline constexpr std::array<NamedStatement, 8> kNamedStatements = {{
     {"UpdateCronProcess",
      "UPDATE kodu_cron_plugin SET cron_status='PROCESS' WHERE cron_id=$1::int;", 1},

@@ -4,12 +4,12 @@
 #include <condition_variable>
 #include <mutex>
 
-/// A lock for which a thread may wait for a limited time, by the clock that nobody sets; for
+/// A lock for which a thread may wait for a limited time, by the monotonic clock; for
 /// std::lock_guard and std::unique_lock. Any thread may call any member.
 ///
-/// Whoever waits for a limited time goes before those who wait without end: many threads that take
-/// the lock again and again would leave it no chance. Neither that nor the clock is to be had of
-/// std::timed_mutex under the checker of races.
+/// A thread that waits for a limited time precedes threads that wait without a limit; otherwise
+/// many threads that take the lock repeatedly could starve it. std::timed_mutex offers neither this
+/// order nor, under the thread sanitizer, the monotonic clock.
 class Turn {
  public:
   void lock() {
@@ -18,7 +18,7 @@ class Turn {
     isTaken = true;
   }
 
-  /// False when the lock cannot be had by `limit`.
+  /// False when the lock cannot be taken by `limit`.
   // NOLINTNEXTLINE(readability-identifier-naming): the name that std::unique_lock calls.
   bool try_lock_until(std::chrono::steady_clock::time_point limit) {
     std::unique_lock state(mutex);

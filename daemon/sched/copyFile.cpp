@@ -42,9 +42,9 @@ bool copyContent(int from, int to) {
   }
 }
 
-/// 0 when the file was copied, else the error's number.
+/// 0 when the file was copied, otherwise the error number.
 int tryCopy(const std::string& from, const std::string& to) {
-  // Not to wait for the writer of a pipe that stands in the file's place.
+  // Does not wait for a writer when the file is a pipe.
   const Descriptor source = openFile(from, O_RDONLY | O_NONBLOCK);
   struct stat status {};
   if (!source.isOpen() || fstat(source.get(), &status) != 0) {

@@ -18,7 +18,7 @@
 #include "task/serviceSafe.h"
 #include "task/serviceSafeException.h"
 
-/// Both ends of a plugin's output, closed when it goes at the latest.
+/// Both ends of a plugin's output pipe, closed on destruction at the latest.
 class serviceSafe::Pipe {
  public:
   Pipe() { std::ignore = pipe2(ends.data(), O_CLOEXEC); }
@@ -69,11 +69,11 @@ void report(int descriptor, std::string_view prefix, int error) {
   [[maybe_unused]] const auto written = writev(descriptor, parts.data(), parts.size());
 }
 
-/// The child's side: turns the child into the plugin with its standard output in the pipe, and
-/// ends it with code 2 when that fails. It runs in the parent's memory, on the stack below the
-/// parent's frame (so it must not become part of that), while the parent's thread stands still and
-/// its other threads go on: it changes nothing of theirs but that thread's errno, takes no lock and
-/// allocates nothing.
+/// The child's side: turns the child into the plugin with its standard output in the pipe, and ends
+/// it with code 2 when that fails. It runs in the parent's memory, on the stack below the parent's
+/// frame (so it must not be inlined). The parent's thread is suspended meanwhile, its other threads
+/// continue. It changes nothing of theirs but that thread's errno, takes no lock and allocates
+/// nothing.
 [[noreturn, gnu::noinline]] void becomePlugin(int readEnd, int writeEnd, char* const* arguments,
                                               const sigset_t& signalMask) {
   close(readEnd);
@@ -84,11 +84,11 @@ void report(int descriptor, std::string_view prefix, int error) {
     _exit(kChildFailure);
   }
   close(writeEnd);
-  // What the daemon opens is close-on-exec; whoever started it may have left it more.
+  // What the daemon opens is close-on-exec; it may have inherited other descriptors.
   close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
   // A service manager may start the daemon with SIGPIPE ignored, and a pipeline relies on it.
   std::signal(SIGPIPE, SIG_DFL);
-  // In this order: a SIGTERM that has come meanwhile ends the child; it must not run HandlerQuit.
+  // In this order: a pending SIGTERM must end the child, not run HandlerQuit.
   std::signal(SIGTERM, SIG_DFL);
   pthread_sigmask(SIG_SETMASK, &signalMask, nullptr);
 
@@ -98,8 +98,8 @@ void report(int descriptor, std::string_view prefix, int error) {
   _exit(kChildFailure);
 }
 
-/// Pointers to the strings in `packed`, each of which a NUL ends, and a null pointer behind them.
-/// Valid as long as `packed`.
+/// Pointers to the NUL-terminated strings in `packed`, then a null pointer. Valid as long as
+/// `packed`.
 std::vector<char*> pointersInto(std::string& packed) {
   std::vector<char*> pointers;
   pointers.reserve(static_cast<std::size_t>(std::ranges::count(packed, '\0')) + 2);
@@ -121,12 +121,12 @@ int serviceSafe::execute() {
   }
   // Held over the whole run, so that one task never runs twice at a time.
   const std::lock_guard lock(mutex);
-  // Wipes a deletion mark as well that came since the worker looked: a run that has begun is a run
-  // of the task as it is. ExecuteTest.WipesADeletionThatCameBeforeTheRun holds this in place.
+  // Also clears a deletion mark that was set after the worker looked: a run that has begun is
+  // completed. Tested by ExecuteTest.WipesADeletionThatCameBeforeTheRun.
   ExecState = kRecordNormal;
   Stdout.clear();
   const int pid = startPlugin(pipe);
-  // From here on in one place: an output may be large, and each copy costs as much again.
+  // From here on there is only one copy, because an output can be large.
   Stdout = readOutput(pipe);
   const int exitCode = exitCodeOf(waitForPlugin(pid, pipe));
   repairUtf8(Stdout);
@@ -146,17 +146,17 @@ std::string serviceSafe::failureText(std::string_view prefix, std::string_view d
 }
 
 int serviceSafe::startPlugin(Pipe& pipe) const {
-  // The path up to its first NUL, as the list has its arguments.
+  // The path up to its first NUL, like the arguments in the list.
   std::string arguments(path, 0, path.find('\0'));
   arguments += '\0' + parameterVector.characters();
   const std::vector<char*> pointers = pointersInto(arguments);
   pid_t pid = -1;
   int error = 0;
   {
-    // A signal that reached the child before it is the plugin would run HandlerQuit there.
+    // A signal that reaches the child before execve would run HandlerQuit in it.
     const SignalBlock noSignals = SignalBlock::all();
-    // Not fork, which would copy the page tables of all loaded tasks for every run. The child does
-    // nothing here but call a function that never comes back, so this frame stays as it is.
+    // Not fork, which would copy the page tables of all loaded tasks for every run. The child only
+    // calls a function that never returns, so this frame is not changed.
     pid = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
     if (pid == 0) {
       // NOLINTNEXTLINE(clang-analyzer-unix.Vfork)
@@ -184,7 +184,7 @@ std::string serviceSafe::readOutput(Pipe& pipe) const {
     if (length > 0) {
       appendChunk(output, {chunk.data(), static_cast<std::size_t>(length)});
     } else if (errno != EINTR) {
-      // The child is not waited for: it may live as long as it likes.
+      // The child is not waited for: it may run without a limit.
       std::string message = failureText("Error read buffer: ", std::strerror(errno));
       pipe.closeReadEnd();
       throw serviceSafeException(std::move(message));
@@ -215,8 +215,8 @@ int serviceSafe::exitCodeOf(int status) {
 }
 
 void serviceSafe::requireOutput(int exitCode) {
-  // The plugin's own words stand for an unusual exit code too: the return code says that something
-  // is wrong, and they say what. Tested by ExecuteTest.KeepsThePluginsTextForExitCode255.
+  // The plugin's own text is kept for an unusual exit code too: the return code says that something
+  // is wrong, and the text says what. Tested by ExecuteTest.KeepsThePluginsTextForExitCode255.
   if (!Stdout.empty() && Stdout != "''") {
     return;
   }

@@ -23,7 +23,7 @@ int cutToInt(float value) {
 /// The whole number of intervals, rounded up, that `gapSeconds` makes.
 int intervalsIn(double gapSeconds, unsigned int interval) {
   // Through single precision, whose 24 bits drop the last partial interval of a very long gap:
-  // NextTimeTest.ComesOutOneIntervalShortAfterAYear holds this in place.
+  // Tested by NextTimeTest.ComesOutOneIntervalShortAfterAYear.
   return cutToInt(std::ceil(static_cast<float>(gapSeconds / static_cast<double>(interval))));
 }
 

@@ -25,7 +25,7 @@ std::string localTimeText() {
 
 std::string replaceParameter(std::string text, std::shared_ptr<serviceCron> task) {
   // The first of each only, and the time before the id.
-  // ReplaceParameterTest.LeavesASecondPlaceholderAlone holds this in place.
+  // Tested by ReplaceParameterTest.LeavesASecondPlaceholderAlone.
   if (const auto date = text.find(kDate); date != std::string::npos) {
     text.replace(date, kDate.size(), localTimeText());
   }

@@ -5,12 +5,13 @@
 
 class serviceCron;
 
-// Where a task's output goes. A file name may hold two placeholders: "$DATE", which is "last" for
-// the current output and the time for an archive copy, and "$SERVICEID", the task's id. Any thread
-// may call these; they wait while the task's plugin runs, as they ask the task for its id.
+// Where a task's output goes. A file name can contain two placeholders: "$DATE", which is "last"
+// for the current output and the time for an archive copy, and "$SERVICEID", the task's id. Any
+// thread may call these; they wait while the task's plugin runs, because they read the task's id.
 
 /// `text` with its first "$DATE" replaced by the local time as "2024-05-01_13-02-09" and then its
-/// first "$SERVICEID" by the task's id. Later ones stay; the clock is read only for a "$DATE".
+/// first "$SERVICEID" by the task's id. Later ones are not replaced; the clock is read only for a
+/// "$DATE".
 std::string replaceParameter(std::string text, std::shared_ptr<serviceCron> task);
 
 /// The path of the task's current output file below `directory`, whose own placeholders count

@@ -10,7 +10,7 @@ void repairUtf8(std::string& text) {
   if (utf8::find_invalid(text.begin(), text.end()) == text.end()) {
     return;
   }
-  // In place, to do without a second copy of a large output: a blank is never longer than what it
-  // replaces, so what is written never overtakes what is read.
+  // In place, to avoid a second copy of a large output. A space is never longer than what it
+  // replaces, so writing never overtakes reading.
   text.erase(utf8::replace_invalid(text.begin(), text.end(), text.begin(), U' '), text.end());
 }

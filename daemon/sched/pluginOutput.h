@@ -3,10 +3,11 @@
 #include <string>
 #include <string_view>
 
-// What a plugin prints, on its way into the task's record.
+// Functions that store a plugin's output in the task's record.
 
-/// Appends what one read has brought, up to its first NUL byte; what follows that is dropped.
+/// Appends the bytes of one read up to the first NUL byte; the rest is dropped.
 void appendChunk(std::string& output, std::string_view chunk);
 
-/// Replaces each sequence of `text` that is no valid UTF-8 by one blank. Valid text is left alone.
+/// Replaces each sequence of `text` that is not valid UTF-8 by one space. Valid text is not
+/// changed.
 void repairUtf8(std::string& text);

@@ -25,8 +25,8 @@ std::shared_ptr<serviceCron> takeDueTask() {
   if (now <= serviceQueue->front()->GetExecTimeSec()) {
     return nullptr;
   }
-  // What pop returns, not what front showed: a worker may have pushed an earlier task in between,
-  // and handing over the one that was shown would queue it twice and lose the other.
+  // The result of pop, not of front: a worker may have pushed an earlier task in between. Handing
+  // over the result of front would queue that task twice and lose the other.
   return serviceQueue->pop();
 }
 

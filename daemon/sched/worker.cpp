@@ -35,19 +35,19 @@
 
 namespace {
 
-using Task = std::shared_ptr<serviceCron>;
+using TaskPtr = std::shared_ptr<serviceCron>;
 
 constexpr int kAttempts = 3;
 constexpr int kCritical = 2;
 
-void markAsRunning(const Task& task, std::vector<std::string>& parameters) {
+void markAsRunning(const TaskPtr& task, std::vector<std::string>& parameters) {
   parameters.push_back(task->GetService_idStr());
   PQclear(pgSQL->executePrepareRequest("UpdateCronProcess", parameters));
   fileLog->write(kLogDebug, [&] { return "TH EXEC: crontask exec " + task->Getname(); });
 }
 
 /// Runs the plugin, again after a second when it could not be run; CRITICAL when it never could.
-int runPlugin(const Task& task) {
+int runPlugin(const TaskPtr& task) {
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     try {
       const int code = task->execute();
@@ -67,8 +67,8 @@ int runPlugin(const Task& task) {
 void printLine(std::string_view label, std::string_view text) {
   static std::mutex mutex;
   const std::lock_guard lock(mutex);
-  // The stream's buffer, not the stream: one write that fails, on a full disk say, would silence
-  // std::cout for ever. Tested by WorkerTest.PrintsALineAfterOneThatFailed.
+  // The stream's buffer, not the stream: one failed write, for example on a full disk, would
+  // silence std::cout forever. Tested by WorkerTest.PrintsALineAfterOneThatFailed.
   std::streambuf& console = *std::cout.rdbuf();
   for (const std::string_view part : {label, text, std::string_view("\n")}) {
     console.sputn(part.data(), static_cast<std::streamsize>(part.size()));
@@ -81,9 +81,9 @@ void printRun(int code, const std::string& output) {
   printLine("output", output);
 }
 
-void writeOutputFile(const std::string& path, const Task& task) {
-  // No O_TRUNC: readers of the file never find it empty, and what a shorter output leaves of a
-  // longer one stays behind it. WorkerTest.LeavesTheTailOfALongerOutput holds this in place.
+void writeOutputFile(const std::string& path, const TaskPtr& task) {
+  // No O_TRUNC: readers never find the file empty, and the end of a longer earlier output remains
+  // after a shorter one. Tested by WorkerTest.LeavesTheTailOfALongerOutput.
   {
     const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (!file.isOpen()) {
@@ -95,28 +95,29 @@ void writeOutputFile(const std::string& path, const Task& task) {
     flock(file.get(), LOCK_UN);
   }
   task->clearOutput();
-  // The storage as well, or every task would hold its largest output for ever. In a step of its
-  // own, under the lock: an update that replaces the task may be copying the output just now.
+  // Frees the storage as well; otherwise every task would keep that of its largest output. In a
+  // separate step under the lock, because an update that replaces the task may be copying the
+  // output.
   task->SetStdout({});
 }
 
 /// Keeps a copy of the failed run's output and a row that names it.
-void archiveFailure(const Task& task, const std::string& outputPath) {
+void archiveFailure(const TaskPtr& task, const std::string& outputPath) {
   fileLog->write(kLogDebug, [&] { return "TH EXEC: FAILED EXEC STATE: " + task->Getname(); });
   const std::string archiveName = replaceParameter(task->GetFilename(), task);
   const std::string directory = archiveDirectory(log_directory, task->GetService_idStr());
   if (!std::filesystem::exists(std::filesystem::status(directory))) {
     std::filesystem::create_directories(directory);
   }
-  // A copy that is there already is a failed run's only trace and is never overwritten, even though
-  // the process ends here. Tested by WorkerCrashTest.EndsTheProcessWhenTheArchiveFileExists.
+  // An existing copy is the only trace of a failed run and is never overwritten, even though the
+  // process ends here. Tested by WorkerCrashTest.EndsTheProcessWhenTheArchiveFileExists.
   copyToNewFile(outputPath, directory + archiveName);
   PQclear(pgSQL->executePrepareRequest("insertCronError", {task->GetService_idStr(), archiveName}));
 }
 
 /// Sets the time of the next retry, in memory only, counted from this run's due time. False when
 /// the retries are spent.
-bool scheduleRetry(const Task& task) {
+bool scheduleRetry(const TaskPtr& task) {
   const int retry = task->GetRetrie() + 1;
   if (retry > task->GetMaxRetrie()) {
     return false;
@@ -133,7 +134,8 @@ bool scheduleRetry(const Task& task) {
 }
 
 /// Writes the run's final state and takes over the next time that the database gives.
-void completeRun(const Task& task, const std::string& state, std::vector<std::string>& parameters) {
+void completeRun(const TaskPtr& task, const std::string& state,
+                 std::vector<std::string>& parameters) {
   task->SetRetrie(0);
   fileLog->write(kLogDebug,
                  [&] { return "TH EXEC: UPDATE TASK STATE: " + state + " " + task->Getname(); });
@@ -146,7 +148,7 @@ void completeRun(const Task& task, const std::string& state, std::vector<std::st
 }
 
 /// One pass: everything from a task taken off the execution queue to the task put back.
-void processTask(const Task& task, std::vector<std::string>& parameters) {
+void processTask(const TaskPtr& task, std::vector<std::string>& parameters) {
   if (task->GetExecState() == kRecordDropped) {
     return;
   }
@@ -183,9 +185,9 @@ void th_executeCronTaks(int number) {
     } catch (const EmptyQueueException&) {
       // Another worker was faster.
     } catch (const serviceSafeException& e) {
-      // The task is not put back and `parameters` is not emptied: a directory that takes no output
-      // is no state to go on in, and the next statement, which gets too many parameters, ends the
-      // process. WorkerCrashTest.EndsTheProcessAtTheTaskAfterAnAbandonedPass holds this in place.
+      // The task is not put back and `parameters` is not emptied: without a usable output directory
+      // the daemon must not continue, and the next statement, which gets too many parameters, ends
+      // the process. Tested by WorkerCrashTest.EndsTheProcessAtTheTaskAfterAnAbandonedPass.
       fileLog->write(kLogCritical, e.what());
     }
   }

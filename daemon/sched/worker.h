@@ -5,7 +5,7 @@
 /// the task back on serviceQueue with its next time. Never joined; returns when it finds the stop
 /// flag set, after a wake-up or between tasks.
 ///
-/// What it does not catch ends the process, which is then started again and resumes from the
+/// Exceptions that it does not catch end the process, which is then restarted and resumes from the
 /// database: PostgresqlException from a statement, std::filesystem::filesystem_error from the
 /// archive (a copy that exists already among them), std::logic_error when the task's row was
 /// deleted during its run.

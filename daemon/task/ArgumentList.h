@@ -5,13 +5,12 @@
 #include <string_view>
 #include <vector>
 
-/// A plugin's arguments, one behind the other in one string, each ended by a NUL, as execve takes
-/// them. There is one for each of a million tasks: a vector of strings takes ten times the room.
-/// Not locked.
+/// A plugin's arguments in one string, each ended by a NUL, as execve takes them. With a million
+/// tasks, a vector of strings would take ten times the memory. Not locked.
 class ArgumentList {
  public:
   void clear() { packed.clear(); }
-  /// Room for so many bytes of arguments, their NULs included.
+  /// Reserves memory for that many bytes of arguments, NULs included.
   void reserve(std::size_t bytes) { packed.reserve(bytes); }
   /// Appends `argument` up to its first NUL, where execve would end it, unless nothing is left.
   void append(const std::string& argument) {

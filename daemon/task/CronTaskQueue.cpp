@@ -76,7 +76,7 @@ void CronTaskQueue::freeMarked() {
     if (!marked.contains(task.get()) || !isMarked(*task)) {  // or a new one at an old address
       return false;
     }
-    // A task that is held by the heap alone cannot come to anybody else's hands but through this
+    // A task that only the heap references can be reached only through this
     // queue, whose lock is held.
     const bool isHeld = task.use_count() > 1;
     if (isHeld) {

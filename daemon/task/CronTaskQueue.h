@@ -10,7 +10,7 @@
 
 class serviceCron;
 
-/// Orders a heap so that the task with the smallest ExecTime stands in front.
+/// Orders a heap with the smallest ExecTime first.
 class CompareTask {
  public:
   /// True when `first` is due later than `second`.
@@ -21,15 +21,15 @@ class CompareTask {
 /// may call any member; each holds the queue's lock for its whole duration, takes no other, and
 /// throws std::system_error when the lock cannot be taken.
 ///
-/// A task's ExecTime is read whenever the heap is put in order, so it must not change while the
-/// task is inside. The loader's update of a known task may do so all the same: that task then
-/// stands at its old place until a push or a pop moves it. Nobody searches the heap for it, which
-/// would cost more than a run that comes a little early or late.
-/// CronTaskQueueTest.ReadsTheTimeWhenTheHeapIsPutInOrder holds this in place.
+/// A task's ExecTime is read whenever the heap is ordered, so it must not change while the task is
+/// inside. The loader's update of a known task can change it nevertheless: the task then keeps its
+/// old position until a push or a pop moves it. Searching the heap for it would cost more than a
+/// run that is slightly early or late. Tested by
+/// CronTaskQueueTest.ReadsTheTimeWhenTheHeapIsPutInOrder.
 ///
-/// A task that is marked to be dropped (ExecState 3) stays until its time, as any other: the timer
-/// logs it and a worker drops it. Of one that the queue alone still holds, only time and name are
-/// kept; what comes out at its time is a record of these and the mark.
+/// A task that is marked to be dropped (ExecState 3) stays until its due time like any other: then
+/// the timer logs it and a worker drops it. For a task that only the queue still references, only
+/// time and name are kept; at its due time the queue returns a record with these and the mark.
 class CronTaskQueue {
  public:
   CronTaskQueue() = default;
@@ -59,10 +59,11 @@ class CronTaskQueue {
   void noteMarked(const serviceCron* task);
 
  private:
-  /// Frees the marked tasks that the heap alone holds, but for time and name. Caller holds mutex.
+  /// Frees the marked tasks that only the heap references, except time and name. Caller holds
+  /// mutex.
   void freeMarked();
-  /// Puts the earliest of the freed tasks back on the heap when it stands before all others.
-  /// Caller holds mutex.
+  /// Puts the earliest of the freed tasks back on the heap when it is due before all others. Caller
+  /// holds mutex.
   void takeUpDropped();
   /// Removes and returns the task at `at`. Caller holds mutex.
   std::shared_ptr<serviceCron> takeAt(std::size_t at);

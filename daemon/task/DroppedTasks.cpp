@@ -17,7 +17,7 @@ bool DroppedTasks::Entry::isSameAs(const Entry& other) const {
 
 void DroppedTasks::add(std::span<const std::shared_ptr<serviceCron>> tasks) {
   const std::size_t before = entries.size();
-  // Exactly so many: a vector that doubles would cost as much again.
+  // Exactly this many: a vector that doubles its capacity would cost twice the memory.
   entries.reserve(before + tasks.size());
   for (const auto& task : tasks) {
     entries.push_back({task->GetExecTimeSec(), task->unlockedName(), 1});

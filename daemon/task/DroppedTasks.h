@@ -9,10 +9,10 @@
 class serviceCron;
 
 /// What a queue keeps of tasks that are marked to be dropped: when each would have been due, and
-/// its name for the log. Tasks with the same time and name take the room of one. Not locked.
+/// its name for the log. Tasks with the same time and name take the memory of one. Not locked.
 class DroppedTasks {
  public:
-  /// Adds what is to be kept of `tasks`, whose last references the caller holds.
+  /// Adds time and name of `tasks`, whose last references the caller holds.
   void add(std::span<const std::shared_ptr<serviceCron>> tasks);
 
   bool empty() const { return entries.empty(); }
@@ -33,12 +33,12 @@ class DroppedTasks {
     std::string name;
     unsigned int count;
 
-    /// True when this entry is due later; entries of one time stand in the order of their names.
+    /// True when this entry is due later; entries of the same time are ordered by name.
     bool isBefore(const Entry& other) const;
     bool isSameAs(const Entry& other) const;
   };
 
-  /// Puts the entries from `begin` on in their places and joins those that are the same.
+  /// Sorts the entries from `begin` on into place and merges equal ones.
   void settle(std::size_t begin);
 
   std::vector<Entry> entries;  // latest first

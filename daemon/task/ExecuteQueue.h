@@ -39,13 +39,13 @@ class ExecuteQueue {
   }
 
   /// Returns once the queue holds an element or `stop` is not 0. Wakes for an element, and for
-  /// wakeAll; `stop` is any integer flag that other threads may set. SIGTERM is kept from the
+  /// wakeAll; `stop` is any integer flag that other threads may set. SIGTERM is blocked for the
   /// thread meanwhile.
   template <typename Flag>
   void waitForTask(Flag& stop) {
-    // A waiting thread keeps a reference inside the condition variable, and a broadcast may wait
-    // for it to go: the handler's, on the very thread that waits, would wait for itself for ever.
-    // ExecuteQueueTest.BearsTheHandlerForAWaitingWorker holds this in place.
+    // A waiting thread keeps a reference inside the condition variable, and a broadcast can wait
+    // for its release. A broadcast by the handler on the waiting thread would wait for itself
+    // forever. Tested by ExecuteQueueTest.ToleratesTheHandlerForAWaitingWorker.
     const SignalBlock noSigterm = SignalBlock::sigterm();
     const PosixLock lock(mutex);
     while (elements.empty() && stop == 0) {
@@ -65,11 +65,11 @@ class ExecuteQueue {
     return element;
   }
 
-  /// Wakes every waiting thread. Takes no lock, so a thread that has looked at its flag and does
-  /// not wait yet misses it, and ends at its next wake-up.
+  /// Wakes every waiting thread. Takes no lock, so a thread that has read its flag and does not
+  /// wait yet misses it, and ends at its next wake-up.
   void wakeAll() { pthread_cond_broadcast(&condition); }
 
-  /// Removes the elements from the front, one by one. Wakes nobody.
+  /// Removes the elements from the front, one by one. Wakes no thread.
   void clear() {
     const PosixLock lock(mutex);
     while (!elements.empty()) {

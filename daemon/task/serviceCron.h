@@ -4,8 +4,8 @@
 
 #include "task/serviceSafe.h"
 
-/// A task with the name of its output file. Held through std::shared_ptr; one record sits at once
-/// in the task map and in a queue, or in a worker's hands.
+/// A task with the name of its output file. Held through std::shared_ptr; a record is referenced by
+/// the task map and by a queue or a worker at the same time.
 class serviceCron : public serviceSafe {
  public:
   serviceCron() = default;

@@ -40,9 +40,9 @@ void serviceSafe::SetService_id(unsigned long long id) {
 }
 
 void serviceSafe::SetService_id(std::string text) {
-  // Explicit calls, not a guard: a text that is no number throws here and leaves the record
-  // locked, so that nobody runs a task whose id is not known.
-  // ServiceSafeTest.LeavesTheRecordLockedAfterABadId holds this in place.
+  // Explicit calls, not a guard: a text that is not a number throws here and leaves the record
+  // locked, so that a task without a valid id is never run. Tested by
+  // ServiceSafeTest.LeavesTheRecordLockedAfterABadId.
   mutex.lock();
   Service_idStr = std::move(text);
   Service_id = std::stoull(Service_idStr);
@@ -57,7 +57,7 @@ void serviceSafe::Setinterval_exec_time(unsigned int seconds) {
   const std::lock_guard lock(mutex);
   interval_exec_time = seconds;
   // An integer division: 7 s cost 42857.0, not 42857.14.
-  // ServiceSafeTest.CutsTheCostToAWholeNumber holds this in place.
+  // Tested by ServiceSafeTest.CutsTheCostToAWholeNumber.
   const unsigned int wholeCost = kCostOfOneSecond / seconds;
   Cost = static_cast<float>(wholeCost);
 }
@@ -89,7 +89,7 @@ std::string serviceSafe::GetStdout() const {
 
 void serviceSafe::SetStdout(std::string text) {
   const std::lock_guard lock(mutex);
-  // A swap, so that the storage of a longer output goes with the argument.
+  // A swap, so that the storage of a longer output is freed with the argument.
   Stdout.swap(text);
 }
 
@@ -101,13 +101,12 @@ std::string serviceSafe::Getparameter() const {
 void serviceSafe::Setparameter(std::string text) {
   using Separator = boost::escaped_list_separator<char>;
   const Separator separator("", " ", "\"'");
-  // Before the lock: the text shows, in the message of a run that fails, even while that run keeps
-  // the arguments as they were. ExecuteTest.ShowsParametersThatCameDuringTheRun holds this in
-  // place.
+  // Before the lock: the new text appears in the message of a failing run, even while that run
+  // keeps its old arguments. Tested by ExecuteTest.ShowsParametersThatCameDuringTheRun.
   parameter = text;
-  // Explicit calls, not a guard: should memory run out the record stays locked, so that no plugin
-  // is run with half of its arguments. SetparameterTest.LeavesTheRecordLockedWhenMemoryRunsOut
-  // holds this in place.
+  // Explicit calls, not a guard: if memory runs out, the record stays locked, so that no plugin
+  // runs with incomplete arguments. Tested by
+  // SetparameterTest.LeavesTheRecordLockedWhenMemoryRunsOut.
   mutex.lock();
   parameterVector.clear();
   parameterVector.reserve(text.size() + 1);
@@ -122,8 +121,8 @@ bool serviceSafe::isTimeParameterUpdate(const serviceSafe& other) const {
     return true;
   }
   // The interval against the other's ExecTime, not against its interval: so any update counts as a
-  // change of timing and replaces the task. ServiceSafeTest.ComparesTheIntervalWithTheExecTime
-  // holds this in place.
+  // change of timing and replaces the task. Tested by
+  // ServiceSafeTest.ComparesTheIntervalWithTheExecTime.
   return std::int64_t{interval_exec_time} != other.ExecTime;
 }
 
@@ -146,7 +145,7 @@ int serviceSafe::updateServiceParameter(const serviceSafe& other) {
   }
   int isChanged = 0;
   // The same unrelated pair as in isTimeParameterUpdate, so the interval is taken over nearly
-  // always. ServiceSafeTest.TakesOverTheIntervalUnlessItEqualsTheExecTime holds this in place.
+  // always. Tested by ServiceSafeTest.TakesOverTheIntervalUnlessItEqualsTheExecTime.
   if (std::int64_t{interval_exec_time} != other.ExecTime) {
     Setinterval_exec_time(other.interval_exec_time);
     isChanged = 1;

@@ -13,8 +13,8 @@
 #include "core/constants.h"
 #include "task/ArgumentList.h"
 
-/// The record of one periodic task: what to run, when, how often to try again, and what the last
-/// run said. Shared by the timer, the workers, the loader and the purge.
+/// The record of one periodic task: what to run, when, how often to retry, and the output of the
+/// last run. Shared by the timer, the workers, the loader and the purge.
 ///
 /// Scalar accessors read or store an atomic and never wait. String accessors take the record's
 /// mutex, which is held for the whole run of the plugin, so they wait until it has ended. The
@@ -74,7 +74,7 @@ class serviceSafe {
   int GetRetrieTime() const { return RetrieTime; }
   void SetRetrieTime(int seconds) { RetrieTime = seconds; }
 
-  /// 0 normal, 1 updated while known, 3 deleted or replaced: a worker that meets it drops the task.
+  /// 0 normal, 1 updated while known, 3 deleted or replaced: a worker that takes it drops the task.
   char GetExecState() const { return ExecState; }
   void SetExecState(char state) { ExecState = state; }
 
@@ -85,14 +85,14 @@ class serviceSafe {
   std::string Getpath() const;
   void Setpath(std::string text);
   std::string GetStdout() const;
-  /// The output itself, however large, until it changes. Takes no lock: for the worker that has the
-  /// task in hand, between a run and clearOutput.
+  /// The output itself, however large, until it changes. Takes no lock: for the worker that runs
+  /// the task, between a run and clearOutput.
   const std::string& unlockedStdout() const { return Stdout; }
-  /// Gives the storage of the output that was there back.
+  /// Frees the storage of the previous output.
   void SetStdout(std::string text);
   /// Empties the output but keeps its storage. Takes no lock: for the worker between two runs. A
-  /// GetStdout at this very moment copies the output, or as many bytes whose first is a NUL.
-  /// ServiceSafeTest.EmptiesTheOutputBesideACopyOfIt holds this in place.
+  /// concurrent GetStdout copies the output, or the same number of bytes beginning with a NUL.
+  /// Tested by ServiceSafeTest.EmptiesTheOutputBesideACopyOfIt.
   void clearOutput() { Stdout.clear(); }
 
   std::string Getparameter() const;
@@ -108,8 +108,8 @@ class serviceSafe {
   bool operator<(const serviceSafe& other) const { return ExecTime < other.ExecTime; }
   bool operator>(const serviceSafe& other) const { return ExecTime > other.ExecTime; }
 
-  /// True when the ExecTimes differ, or this interval differs from the other's ExecTime: for any
-  /// real update, that is.
+  /// True when the ExecTimes differ, or this interval differs from the other's ExecTime: that is,
+  /// for any real update.
   bool isTimeParameterUpdate(const serviceSafe& other) const;
   bool isTimeParameterUpdate(const std::shared_ptr<serviceSafe>& other) const;
 

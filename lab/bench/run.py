@@ -123,7 +123,7 @@ def passes_quick_check(workload, rounds):
     """A slow daemon is slow twice; a stall of a shared machine rarely comes twice."""
     if quick_check(workload, rounds):
         return True
-    print('measured once more:', flush=True)
+    print('measuring again:', flush=True)
     return quick_check(workload, rounds)
 
 

@@ -11,7 +11,7 @@ from lab.shared.processes import children_of, descriptors_of, is_running, reside
 
 TERMINATED = b'terminate called'
 LAST_WORDS = 600  # bytes that hold the whole of them
-RESTART = re.compile(r'RESTART: pid (\d+) (ended .*?); starting again')
+RESTART = re.compile(r'RESTART: pid (\d+) (ended .*?); restarting')
 
 
 class SupervisedDaemon:

@@ -157,12 +157,12 @@ def run(target, seconds):
     prepare(target)
     target.daemon.start()
     if target.await_recovery(begun) is None:
-        raise RuntimeError('the daemon does not start')
+        raise RuntimeError('the daemon did not start')
     quiet = 60 if seconds >= 180 else 10
     before = resources(target)
     time.sleep(max(0, begun + quiet - time.time()))
     inject_faults(target, begun + seconds, begun)
-    print(f'{time.time() - begun:6.1f} s  no more faults; {SETTLE_SECONDS} s to come to rest',
+    print(f'{time.time() - begun:6.1f} s  no more faults; {SETTLE_SECONDS} s to settle',
           flush=True)
     time.sleep(SETTLE_SECONDS - 7)
     after = resources(target)

@@ -47,13 +47,13 @@ TEST(ParameterStringTest, ComesBackFromTheDaemonsParserAsItWas) {
 }
 
 TEST(ParameterStringTest, RefusesEitherKindOfQuoteAndSaysWhy) {
-  EXPECT_THAT(refusalOf({"it's"}), testing::HasSubstr("the argument it's holds a quote"));
-  EXPECT_THAT(refusalOf({"say \"x\""}), testing::HasSubstr("holds a quote"));
-  EXPECT_THAT(refusalOf({"both ' and \""}), testing::HasSubstr("either kind only switches"));
+  EXPECT_THAT(refusalOf({"it's"}), testing::HasSubstr("the argument it's contains a quote"));
+  EXPECT_THAT(refusalOf({"say \"x\""}), testing::HasSubstr("contains a quote"));
+  EXPECT_THAT(refusalOf({"both ' and \""}), testing::HasSubstr("quotes only switch"));
 }
 
 TEST(ParameterStringTest, RefusesAnEmptyArgument) {
-  EXPECT_THAT(refusalOf({"-m", ""}), testing::HasSubstr("an empty argument"));
+  EXPECT_THAT(refusalOf({"-m", ""}), testing::HasSubstr("cannot get an empty argument"));
 }
 
 }  // namespace

@@ -102,13 +102,13 @@ TEST_F(ChangeTest, AddsATaskAsARootThatCannotTakeTheDaemonsRights) {
                               program() + "' -f " + daemon.mainConfig() + " --user " + admin() +
                               " add " + plugin(1) + " --every 5m >" + outPath() + " 2>" + errPath();
   EXPECT_EQ(exitStatusOf(std::system(command.c_str())), 0);
-  EXPECT_THAT(readFile(errPath()), HasSubstr("warning: cannot look with the rights of user "));
+  EXPECT_THAT(readFile(errPath()), HasSubstr("warning: cannot take the rights of user "));
 }
 
 TEST_F(ChangeTest, RefusesArgumentsThatTheDaemonCannotBeGiven) {
   const CtlResult result = runAsAdmin({"add", plugin(1), "--every", "1h", "--", "it's"});
   EXPECT_EQ(result.exitCode, 65);
-  EXPECT_THAT(result.err, HasSubstr("the argument it's holds a quote"));
+  EXPECT_THAT(result.err, HasSubstr("the argument it's contains a quote"));
   EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin"), "0");
 }
 
@@ -189,7 +189,7 @@ TEST_F(ChangeTest, SaysWhatComesAfterTheRunInProgress) {
   EXPECT_EQ(runAsAdmin({"pause", "1"}).out, "task 1 (task1) paused\n");
   EXPECT_EQ(
       runAsAdmin({"delete", "1", "--yes"}).out,
-      "task 1 (task1) will be gone, with its files, within two minutes of the end of its run\n");
+      "the daemon deletes task 1 (task1) and its files within two minutes of the end of its run\n");
   EXPECT_EQ(database.task(1, "cron_delete"), "f");
 }
 
@@ -197,11 +197,11 @@ TEST_F(ChangeTest, DeletesATaskOnlyWhenToldTo) {
   database.insertTask(quietTask(1));
   const CtlResult asked = runAsAdmin({"delete", "1"});
   EXPECT_EQ(asked.exitCode, 64);
-  EXPECT_THAT(asked.err, HasSubstr("say --yes"));
+  EXPECT_THAT(asked.err, HasSubstr("use --yes"));
   EXPECT_EQ(database.task(1, "cron_delete"), "f");
   const CtlResult told = runAsAdmin({"delete", "1", "--yes"});
   EXPECT_EQ(told.exitCode, 0);
-  EXPECT_EQ(told.out, "task 1 (task1) will be gone, with its files, within two minutes\n");
+  EXPECT_EQ(told.out, "the daemon deletes task 1 (task1) and its files within two minutes\n");
   EXPECT_EQ(database.task(1, "cron_delete"), "t");
 }
 

@@ -61,7 +61,7 @@ TEST_F(CheckTest, WarnsOfTasksWithoutATimeLimitAndOfAMissingDaemon) {
   database.insertTask(quietTask(2));
   const std::string text = check(1);
   EXPECT_THAT(text, HasSubstr("WARNING  tasks 1, 2: no time limit"));
-  EXPECT_THAT(text, HasSubstr("WARNING  no session of the daemon is in this database"));
+  EXPECT_THAT(text, HasSubstr("WARNING  the daemon has no session in this database"));
   EXPECT_THAT(text, HasSubstr("0 errors, 2 warnings\n"));
 }
 
@@ -71,8 +71,9 @@ TEST_F(CheckTest, WarnsOfASecondDaemonButNotOfOtherSessionsOfItsRole) {
   const pgSafeThread operatorsSession(database.conninfo() + " application_name=psql");
   EXPECT_THAT(check(0), HasSubstr("OK       nothing found\n"));
   const pgSafeThread secondDaemonsSession(database.conninfo());
-  EXPECT_THAT(check(1), HasSubstr("WARNING  2 daemons are in this database: they run each task as "
-                                  "many times and end each other; stop all but one\n"));
+  EXPECT_THAT(check(1),
+              HasSubstr("WARNING  2 daemons are connected to this database: each of them runs "
+                        "every task, and they can end each other; stop all but one\n"));
 }
 
 TEST_F(CheckTest, FindsPluginsThatCannotBeRun) {
@@ -109,11 +110,11 @@ TEST_F(CheckTest, FindsFileNamesThatEndTheDaemon) {
   same.logFile = "fixed.txt";
   database.insertTask(same);
   const std::string found = check(2);
-  EXPECT_THAT(found, HasSubstr("tasks 1, 3: no $DATE in the file name"));
+  EXPECT_THAT(found, HasSubstr("tasks 1, 3: the file name lacks $DATE"));
   EXPECT_THAT(found, HasSubstr("task 2: output file cannot be written: directory " +
                                daemon.outputDirectory() + "/nowhere: No such file"));
   EXPECT_THAT(found, HasSubstr("task 3: writes the same output file as task 1"));
-  EXPECT_THAT(found, HasSubstr("task 2: the file name holds a /, and no such folder is made"));
+  EXPECT_THAT(found, HasSubstr("task 2: the file name contains a /, but the archive has no such"));
 }
 
 TEST_F(CheckTest, NamesOldRowsThatAreRefusedToday) {
@@ -135,9 +136,9 @@ TEST_F(CheckTest, NamesOldRowsThatAreRefusedToday) {
   fine.retriesInterval = "interval '0'";
   database.insertTask(fine);
   const std::string found = check(2);
-  EXPECT_THAT(found, HasSubstr("task 1: the file name holds a /, and no such folder is made"));
-  EXPECT_THAT(found, HasSubstr("task 2: the interval holds months, years or a negative part"));
-  EXPECT_THAT(found, HasSubstr("task 3: its retry may fail within a second of the failure"));
+  EXPECT_THAT(found, HasSubstr("task 1: the file name contains a /, but the archive has no such"));
+  EXPECT_THAT(found, HasSubstr("task 2: the interval contains months, years or a negative part"));
+  EXPECT_THAT(found, HasSubstr("task 3: a retry can fail within a second of the failure"));
   EXPECT_THAT(found, HasSubstr("task 4: the next run is due after 2036"));
   EXPECT_THAT(found, testing::Not(HasSubstr("task 5:")));
 }
@@ -186,11 +187,11 @@ TEST_F(CheckTest, FindsWhatTheIniFilesGetWrong) {
                 daemon.databaseConfig() + "\n");
   chmod(daemon.databaseConfig().c_str(), 0644);
   found = check(2);
-  EXPECT_THAT(found, HasSubstr("thread_number is no number"));
-  EXPECT_THAT(found, HasSubstr("log_path_task in [LOG] begins or ends with a blank"));
+  EXPECT_THAT(found, HasSubstr("thread_number is not a number"));
+  EXPECT_THAT(found, HasSubstr("log_path_task in [LOG] has leading or trailing white space"));
   EXPECT_THAT(found, HasSubstr("cannot write the log /nowhere/x.log: directory /nowhere: No such"));
   EXPECT_THAT(found, HasSubstr("cannot write task output: directory"));
-  EXPECT_THAT(found, HasSubstr("everybody may read it: chmod o-r"));
+  EXPECT_THAT(found, HasSubstr("is readable by all users: chmod o-r"));
 }
 
 TEST_F(CheckTest, WarnsOfALineThatIsTakenForAnother) {
@@ -198,7 +199,7 @@ TEST_F(CheckTest, WarnsOfALineThatIsTakenForAnother) {
             "[LOG]\nmy_log_file=/tmp/no\nlog_file=" + daemon.logPath() +
                 "\nlog_path_task=" + daemon.outputDirectory() +
                 "\n[CRON]\nthread_number=2\nkodu_conf_file=" + daemon.databaseConfig() + "\n");
-  EXPECT_THAT(check(1), HasSubstr("log_file in [LOG] is taken from another line"));
+  EXPECT_THAT(check(1), HasSubstr("log_file in [LOG] is taken from an earlier line"));
 }
 
 TEST_F(CheckTest, LooksAtNoTaskWhenItIsToBeQuick) {

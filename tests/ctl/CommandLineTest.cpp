@@ -37,8 +37,8 @@ TEST_F(CommandLineTest, EndsWith64ForAWrongCommandLine) {
     EXPECT_THAT(result.err, testing::StartsWith("koductl: "));
     EXPECT_EQ(result.out, "");
   }
-  EXPECT_THAT(run({"foo"}).err, HasSubstr("there is no command foo"));
-  EXPECT_EQ(run({"show"}).err, "koductl: ID is required; koductl show --help tells more\n");
+  EXPECT_THAT(run({"foo"}).err, HasSubstr("unknown command foo"));
+  EXPECT_EQ(run({"show"}).err, "koductl: ID is required; see koductl show --help\n");
 }
 
 TEST_F(CommandLineTest, EndsWith78WithoutAConfiguration) {
@@ -64,7 +64,7 @@ TEST_F(CommandLineTest, EndsWith78WhereTheMainFileNamesNoDatabaseFile) {
             "[CRON]\n");
 }
 
-TEST_F(CommandLineTest, EndsWith74WhereNobodyTakesItsOutput) {
+TEST_F(CommandLineTest, EndsWith74WhenItsOutputCannotBeWritten) {
   database.insertTask(quietTask(1));
   for (const std::string command : {"status", "status --json", "history 1"}) {
     const std::string line = "'" + program() + "' -f " + daemon.mainConfig() + " " + command +
@@ -82,9 +82,10 @@ TEST_F(CommandLineTest, EndsWith69WhereNoDatabaseAnswers) {
   const CtlResult result = run({"status"});
   EXPECT_EQ(result.exitCode, 69);
   EXPECT_THAT(result.err, HasSubstr("Connection refused\nIs the server running on that host"));
-  EXPECT_THAT(result.err, HasSubstr("\nlook whether the server runs, and at "));
+  EXPECT_THAT(result.err, HasSubstr("\ncheck that the server is running, and check "));
   EXPECT_THAT(result.err, Not(HasSubstr("PGPASSWORD")));
-  EXPECT_THAT(run({"status", "--user", "someone"}).err, HasSubstr("--user reads PGPASSWORD"));
+  EXPECT_THAT(run({"status", "--user", "someone"}).err,
+              HasSubstr("; the password comes from PGPASSWORD"));
 }
 
 TEST_F(CommandLineTest, EndsWith66ForATaskThatIsNotThere) {

@@ -122,7 +122,7 @@ TEST_F(DaemonProcessTest, TakesTheDaemonThatWritesTheLog) {
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
 }
 
-TEST_F(DaemonProcessTest, ProvesNothingByALogThatEverybodyMayWrite) {
+TEST_F(DaemonProcessTest, DoesNotTrustAWorldWritableLog) {
   startStopped(daemonProgram(), nobody(), nobody(), true);
   giveAway(daemon.logPath());
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("nobody\n"));
@@ -151,7 +151,7 @@ TEST_F(DaemonProcessTest, RefusesADaemonOfTwoUsers) {
   startStopped(daemonProgram(), nobody(), 0, true);
   const CtlResult result = run({"rerun", "1"});
   EXPECT_EQ(result.exitCode, 77);
-  EXPECT_THAT(result.err, HasSubstr("has more than one user or group at a time"));
+  EXPECT_THAT(result.err, HasSubstr("runs with more than one user or group"));
 }
 
 TEST_F(DaemonProcessTest, RunsNothingAsRootByAGuess) {
@@ -160,7 +160,7 @@ TEST_F(DaemonProcessTest, RunsNothingAsRootByAGuess) {
        {std::vector<std::string>{"rerun", "1"}, {"prune", "--older-than", "1 day"}}) {
     const CtlResult result = runAsAdmin(command);
     EXPECT_EQ(result.exitCode, 77);
-    EXPECT_THAT(result.err, HasSubstr("its files do not tell its user: start it, or run koductl"));
+    EXPECT_THAT(result.err, HasSubstr("its files do not show its user: start it, or run koductl"));
   }
   // A log that root alone writes does.
   writeFile(daemon.logPath(), "");

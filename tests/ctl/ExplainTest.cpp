@@ -31,8 +31,8 @@ TEST_F(ExplainTest, SaysWhatANewTaskWaitsFor) {
   EXPECT_THAT(
       explain(1),
       AllOf(HasSubstr("Task 1 (task1) runs " + row.path + " with 2 arguments every 5m.\n"),
-            HasSubstr("It has not run yet.\n"), ContainsRegex("It waits for its time: .*in"),
-            HasSubstr("Whoever added the task chose that time"),
+            HasSubstr("It has not run yet.\n"), ContainsRegex("Its next run is due at .*in"),
+            HasSubstr("That time was set when the task was added"),
             HasSubstr("No run has failed in the last day.")));
 }
 
@@ -47,7 +47,7 @@ TEST_F(ExplainTest, SaysWhichRuleSetTheNextTime) {
   EXPECT_THAT(explain(1), HasSubstr("That is 5 intervals after the due time of the last run: 4 "
                                     "have been skipped"));
   set(1, "cron_last_exec = cron_next_exec - interval '301 s'");
-  EXPECT_THAT(explain(1), HasSubstr("That is no whole number of intervals"));
+  EXPECT_THAT(explain(1), HasSubstr("That is not a whole number of intervals"));
 }
 
 TEST_F(ExplainTest, CountsTheRetriesOfARunThatFails) {
@@ -61,15 +61,16 @@ TEST_F(ExplainTest, CountsTheRetriesOfARunThatFails) {
   EXPECT_THAT(
       explain(1),
       AllOf(ContainsRegex("has failed 1 time; retry 1 of 2 is due at .*in 16m"),
-            HasSubstr("The due time stays until the run is completed"),
-            ContainsRegex("It fails since .*1 run in the last hour and 1 in the last day")));
+            HasSubstr("The due time does not change until the run is completed"),
+            ContainsRegex(
+                "It has been failing since .*1 run in the last hour and 1 in the last day")));
 }
 
 TEST_F(ExplainTest, TakesNoRowInProcessForARunBeforeItsTime) {
   database.insertTask(quietTask(1));
   set(1, "cron_status = 'PROCESS', cron_last_exec = cron_next_exec - interval '300 s'");
   EXPECT_THAT(explain(1), AllOf(HasSubstr("Its last completed run was due at "),
-                                HasSubstr("It waits for its time: ")));
+                                HasSubstr("Its next run is due at ")));
   EXPECT_EQ(parsed(run({"check", "--json"}).out)["due_next"][0]["id"].asInt(), 1);
 }
 
@@ -78,7 +79,8 @@ TEST_F(ExplainTest, SaysWhatTheLatestFailedRunSaid) {
   setStatus(1, "FAILED");
   addFailure(1, 100, "out_1_a.txt", "CRITICAL: first\n");
   addFailure(1, 50, "out_1_b.txt", "CRITICAL: second\nmore\n");
-  EXPECT_THAT(explain(1), ContainsRegex("It fails since .* It said: CRITICAL: second\n"));
+  EXPECT_THAT(explain(1),
+              ContainsRegex("It has been failing since .* Its output: CRITICAL: second\n"));
 }
 
 TEST_F(ExplainTest, SaysThatTheLatestFailedRunPrintedNothing) {
@@ -87,27 +89,29 @@ TEST_F(ExplainTest, SaysThatTheLatestFailedRunPrintedNothing) {
   addFailure(1, 100, "out_1_a.txt", "CRITICAL: first\n");
   addFailure(1, 50, "out_1_b.txt", "");
   EXPECT_THAT(explain(1),
-              HasSubstr("see koductl history 1. It printed nothing, which counts as failed.\n"));
+              HasSubstr("see koductl history 1. It printed nothing, which counts as a failure.\n"));
   std::filesystem::remove(archive(1) + "/out_1_b.txt");
   EXPECT_THAT(explain(1), HasSubstr("see koductl history 1.\n"));
 }
 
-TEST_F(ExplainTest, SaysThatARunGoesOn) {
+TEST_F(ExplainTest, SaysThatARunIsInProgress) {
   database.insertTask(makeTask(1, waitForRelease() + "echo fine"));
   ASSERT_TRUE(daemon.startAndWait());
   ASSERT_TRUE(waitForRuns(1, 1));
   EXPECT_THAT(explain(1),
-              ContainsRegex("The run due at .* is in progress: it waits for the plugin to end.\n"));
+              ContainsRegex("The run due at .* is in progress: its plugin has not ended yet.\n"));
   database.query("SELECT kodu_task_run_now(1)");
-  EXPECT_THAT(explain(1), ContainsRegex("plugin to end. The next one has been set to .*UTC"));
+  EXPECT_THAT(explain(1), ContainsRegex("has not ended yet. The next run has been set to .*UTC"));
   EXPECT_THAT(run({"show", "1"}).out, ContainsRegex("next due .*UTC, and then .*UTC\n"));
   database.query("SELECT kodu_task_pause(1, 'too loud')");
-  EXPECT_THAT(explain(1),
-              ContainsRegex("plugin to end. After it the task is paused since .*: too loud; "
-                            "koductl resume 1 ends that."));
+  EXPECT_THAT(
+      explain(1),
+      ContainsRegex("has not ended yet. No run follows it: the task has been paused since .*: "
+                    "too loud. Run koductl resume 1 to resume it."));
   EXPECT_EQ(cell(run({"status"}).out, "1", 2), "PROCESS");
   database.query("SELECT kodu_task_delete(1)");
-  EXPECT_THAT(explain(1), HasSubstr("plugin to end. After it the daemon removes the task, its"));
+  EXPECT_THAT(explain(1),
+              HasSubstr("has not ended yet. When it has ended, the daemon removes the task, its"));
   release();
 }
 
@@ -121,8 +125,7 @@ TEST_F(ExplainTest, SaysThatALateTaskWaitsForAFreeWorker) {
   // A row that is added would be loaded soon, and its time moved on.
   database.query(
       "UPDATE kodu_cron_plugin SET cron_next_exec = now() - interval '1 minute' WHERE cron_id = 2");
-  EXPECT_THAT(explain(2),
-              HasSubstr("There are 1 worker, and 1 run in progress: it waits for a free"));
+  EXPECT_THAT(explain(2), HasSubstr("It waits for a free worker (1 worker, 1 run in progress)."));
   release();
 }
 
@@ -138,7 +141,7 @@ TEST_F(ExplainTest, TakesNoRetryThatWaitsForABusyWorker) {
   ASSERT_TRUE(waitUntil([&] { return database.failures(1) == 1; }, kPatience));
   database.query(
       "UPDATE kodu_cron_plugin SET cron_next_exec = now() - interval '1 minute' WHERE cron_id = 2");
-  EXPECT_THAT(explain(2), HasSubstr("The daemon is connected and has workers to spare"));
+  EXPECT_THAT(explain(2), HasSubstr("The daemon is connected and has free workers"));
 }
 
 TEST_F(ExplainTest, SaysThatNoDaemonIsThere) {
@@ -147,17 +150,17 @@ TEST_F(ExplainTest, SaysThatNoDaemonIsThere) {
   database.insertTask(row);
   EXPECT_THAT(explain(1), HasSubstr("No daemon is connected to the database, so nothing runs."));
   setStatus(1, "PROCESS");
-  EXPECT_THAT(explain(1), HasSubstr("no daemon is connected: that run was left behind"));
+  EXPECT_THAT(explain(1), HasSubstr("no daemon is connected: that run was abandoned"));
 }
 
 TEST_F(ExplainTest, KnowsPausedAndDeletedTasks) {
   database.insertTask(quietTask(1));
   database.query("SELECT kodu_task_pause(1)");
-  EXPECT_THAT(explain(1), ContainsRegex("It is paused since .* ago\\) by [a-z]+. koductl resume 1 "
-                                        "ends that."));
+  EXPECT_THAT(explain(1), ContainsRegex("It has been paused since .* ago\\) by [a-z]+. Run koductl "
+                                        "resume 1 to resume it."));
   database.query("UPDATE kodu_cron_pause SET paused_by = 'alice', reason = 'new disks'");
   EXPECT_THAT(explain(1),
-              ContainsRegex("It is paused since .* ago\\) by alice: new disks. koductl"));
+              ContainsRegex("It has been paused since .* ago\\) by alice: new disks. Run koductl"));
   database.query("SELECT kodu_task_delete(1)");
   EXPECT_THAT(explain(1), HasSubstr("It is marked for deletion"));
 }
@@ -172,7 +175,7 @@ TEST_F(ExplainTest, SaysWhyPluginOrOutputCannotBeUsed) {
   EXPECT_THAT(text, HasSubstr("cannot run " + row.path + ": Permission denied."));
   EXPECT_THAT(text, HasSubstr("cannot write its output to " + daemon.outputDirectory() +
                               "/missing/x.txt: directory " + daemon.outputDirectory() +
-                              "/missing: No such file or directory. The daemon ends over this."));
+                              "/missing: No such file or directory. This ends the daemon."));
 }
 
 TEST_F(ExplainTest, ShowsNoTwoSlashesWhereTheOutputDirectoryEndsInOne) {

@@ -93,7 +93,7 @@ TEST_F(FileKindTest, DoesNotReadASocket) {
 TEST_F(FileKindTest, DoesNotReadADevice) {
   std::filesystem::create_symlink("/dev/zero", output());
   std::filesystem::create_symlink("/dev/zero", archive(1) + "/x");
-  expectNoneWaits("no regular file");
+  expectNoneWaits("not a regular file");
 }
 
 TEST_F(FileKindTest, RefusesAFifoAsAnIniFile) {

@@ -44,10 +44,10 @@ TEST_F(LimitTest, NamesTheRowThatIsLockedAndWhoHasIt) {
       result.err,
       MatchesRegex("koductl: task 7 \\(its row of kodu_cron_plugin\\) was locked for 1 s; nothing "
                    "was changed\n"
-                   "the lock is with session " +
+                   "the lock is held by session " +
                    pid + " of role " + admin() +
                    " \\(psql, idle in transaction for [0-9]+ s\\)\n"
-                   "try again when the transaction there has ended, or end that with SELECT "
+                   "try again when that transaction has ended, or end it with SELECT "
                    "pg_terminate_backend\\(" +
                    pid + "\\); --lock-timeout SECONDS waits longer\n"));
   EXPECT_EQ(result.out, "");
@@ -62,7 +62,8 @@ TEST_F(LimitTest, NamesTheTableThatIsLocked) {
   database.query("ROLLBACK");
   EXPECT_EQ(result.exitCode, 69);
   EXPECT_THAT(result.err, HasSubstr("koductl: the table kodu_cron_plugin was locked for 1 s"));
-  EXPECT_THAT(result.err, MatchesRegex(".*the lock is with session [0-9]+ of role postgres\n.*"));
+  EXPECT_THAT(result.err,
+              MatchesRegex(".*the lock is held by session [0-9]+ of role postgres\n.*"));
   EXPECT_EQ(result.out, "");
 }
 
@@ -91,7 +92,7 @@ TEST_F(LimitTest, NamesTheSessionAtTheEndOfAChain) {
   const CtlResult result = runAsAdmin({"pause", "7", "--lock-timeout", "1"});
   EXPECT_EQ(result.exitCode, 69);
   EXPECT_THAT(result.err, HasSubstr("koductl: task 7 (its row of kodu_cron_plugin) was locked"));
-  EXPECT_THAT(result.err, HasSubstr("the lock is with session " +
+  EXPECT_THAT(result.err, HasSubstr("the lock is held by session " +
                                     std::to_string(PQbackendPID(first->connection)) + " of"));
   EXPECT_THAT(result.err, Not(HasSubstr(std::to_string(PQbackendPID(second->connection)))));
 }
@@ -121,7 +122,7 @@ TEST_F(LimitTest, EndsAStatementThatTakesTooLong) {
   EXPECT_EQ(result.exitCode, 69);
   EXPECT_EQ(result.err,
             "koductl: canceling statement due to statement timeout; nothing was changed\n"
-            "its limit is 1 s: --statement-timeout SECONDS gives it longer\n");
+            "the limit is 1 s; --statement-timeout SECONDS sets another\n");
 }
 
 TEST_F(LimitTest, GivesUpOnAServerThatDoesNotKeepTheLimit) {
@@ -131,7 +132,8 @@ TEST_F(LimitTest, GivesUpOnAServerThatDoesNotKeepTheLimit) {
   database.insertTask(quietTask(7));
   const CtlResult result = runAsAdmin({"run", "7", "--statement-timeout", "1"});
   EXPECT_EQ(result.exitCode, 69);
-  EXPECT_THAT(result.err, HasSubstr("koductl: the server has not ended the statement after 1 s"));
+  EXPECT_THAT(result.err,
+              HasSubstr("koductl: the server has not completed the statement after 1 s"));
 }
 
 TEST_F(LimitTest, SaysOnceThatItsSessionWasEnded) {

@@ -56,7 +56,7 @@ TEST_F(OwnRoleTest, NeedsNoRightToReadTheDaemonsPassword) {
 TEST_F(OwnRoleTest, ChecksWhatMayBeRead) {
   const CtlResult result = runAsNobody(place, "--user " + admin() + " check");
   EXPECT_THAT(result.out,
-              HasSubstr("not looked at, since you may not read it: " + daemon.databaseConfig()));
+              HasSubstr("not checked, because you may not read it: " + daemon.databaseConfig()));
   EXPECT_THAT(result.out, HasSubstr("DUE NEXT (UTC)"));
 }
 

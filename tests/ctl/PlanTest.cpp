@@ -39,7 +39,7 @@ TEST_F(PlanTest, ForecastsTheRunsAndTheWorkersThatTheyNeed) {
   const CtlResult result = runAsAdmin({"forecast", "2", "--run-seconds", "2.5"});
   EXPECT_EQ(result.exitCode, 0) << result.err;
   EXPECT_THAT(result.out, HasSubstr("8 runs in 2 h; the busiest second is "));
-  EXPECT_THAT(result.out, HasSubstr(" with 4.\nWith runs of 2.5 s, 4 workers at work at once; "
+  EXPECT_THAT(result.out, HasSubstr(" with 4.\nRuns of 2.5 s need 4 workers; "
                                     "thread_number is 2.\n"));
 }
 
@@ -59,7 +59,7 @@ TEST_F(PlanTest, RefusesDurationsThatAreNone) {
   for (const char* wrong : {"30", "1=", "=1", "1=x", "1=1, \"2\": 3", "1=-1", ""}) {
     const CtlResult result = runAsAdmin({"forecast", "--took", wrong});
     EXPECT_EQ(result.exitCode, 64) << wrong;
-    EXPECT_THAT(result.err, HasSubstr("--took wants ID=SECONDS, as 7=12.5")) << wrong;
+    EXPECT_THAT(result.err, HasSubstr("--took takes ID=SECONDS, such as 7=12.5")) << wrong;
   }
   EXPECT_EQ(runAsAdmin({"forecast", "--took", "1=007.5"}).exitCode, 0);
 }
@@ -73,7 +73,8 @@ TEST_F(PlanTest, ProposesTimesAndSetsThemWhenToldTo) {
   const CtlResult proposed = runAsAdmin({"stagger"});
   EXPECT_EQ(proposed.exitCode, 0) << proposed.err;
   EXPECT_THAT(proposed.out, HasSubstr("busiest second: 4 runs before, 1 after\n"));
-  EXPECT_THAT(proposed.out, HasSubstr("Nothing is changed yet: say --apply.\n"));
+  EXPECT_THAT(proposed.out,
+              HasSubstr("Nothing has been changed; use --apply to set these times.\n"));
   EXPECT_EQ(database.value("SELECT count(DISTINCT cron_next_exec) FROM kodu_cron_plugin"), "1");
 
   const Json::Value applied = parsed(runAsAdmin({"stagger", "--apply", "--json"}).out);
@@ -156,8 +157,9 @@ class PruneTest : public PlanTest {
     const CtlResult result = runAsAdmin({"prune", "--older-than", "1d"});
     EXPECT_EQ(result.exitCode, 77) << result.out;
     EXPECT_EQ(result.out, "");
-    EXPECT_THAT(result.err,
-                HasSubstr("nothing is deleted, since archived outputs cannot be: " + reason));
+    EXPECT_THAT(
+        result.err,
+        HasSubstr("nothing was deleted, because archived outputs cannot be deleted: " + reason));
     EXPECT_EQ(database.failures(1), 3);
   }
 };

@@ -105,14 +105,15 @@ TEST_F(RerunTest, SaysThatNothingDiffers) {
 
 TEST_F(RerunTest, KnowsTheTailOfAnOlderLongerOutput) {
   writeOutput("out_1_last.txt", "same\nrest\n");
-  EXPECT_THAT(rerun("echo same").out, HasSubstr("but for 5 bytes of an older, longer one"));
+  EXPECT_THAT(rerun("echo same").out,
+              HasSubstr("except for 5 bytes left from an older, longer one"));
 }
 
 TEST_F(RerunTest, SaysWhatTheDaemonDoesWithAPluginThatPrintsNothing) {
   const CtlResult result = rerun("exit 0");
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_THAT(result.out, HasSubstr("DAEMON: the plugin does not return anything on the stdout"));
-  EXPECT_THAT(result.out, HasSubstr("the daemon tries this three times"));
+  EXPECT_THAT(result.out, HasSubstr("the daemon tries three times"));
 }
 
 TEST_F(RerunTest, LeavesDatabaseAndFilesAlone) {

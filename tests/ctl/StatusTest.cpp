@@ -120,7 +120,7 @@ TEST_F(StatusTest, ShowsItAgainEachSecondUntilItIsInterrupted) {
   EXPECT_THAT(readFile(outPath()), Not(HasSubstr("\x1b")));
 }
 
-TEST_F(StatusTest, GoesOnWatchingWhenTheSessionIsLost) {
+TEST_F(StatusTest, KeepsWatchingWhenTheSessionIsLost) {
   database.insertTask(quietTask(1));
   const pid_t pid = start({"-f", daemon.mainConfig(), "status", "--watch"});
   ASSERT_TRUE(waitUntil([&] { return !readFile(outPath()).empty(); }));
@@ -144,7 +144,7 @@ TEST_F(StatusTest, ColoursOnATerminalUnlessNoColorIsSet) {
   EXPECT_THAT(runOnTerminal({"status"}, {"TERM=dumb", "NO_COLOR="}), Not(HasSubstr("\x1b")));
 }
 
-TEST_F(StatusTest, BearsTimesWithoutAnEnd) {
+TEST_F(StatusTest, AcceptsInfiniteTimes) {
   database.insertTask(quietTask(1));
   setStatus(1, "FAILED");
   for (const char* time : {"infinity", "-infinity"}) {

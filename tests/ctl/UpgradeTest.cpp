@@ -166,7 +166,7 @@ TEST_F(UpgradeTest, RefusesTablesOfALaterRelease) {
        std::vector<std::vector<std::string>>{{"status"}, {"check"}, {"delete", "1", "--yes"}}) {
     const CtlResult result = run(command);
     EXPECT_EQ(result.exitCode, command[0] == "check" ? 2 : 65) << command[0];
-    EXPECT_THAT(result.out + result.err, HasSubstr("tables are of version 99, and this koductl"));
+    EXPECT_THAT(result.out + result.err, HasSubstr("tables have version 99, but this koductl"));
   }
   EXPECT_EQ(schema().exitCode, 2);
   EXPECT_EQ(schema({"upgrade"}).exitCode, 65);
@@ -180,12 +180,12 @@ TEST_F(UpgradeTest, SaysThatTheTablesAreBehindWhereSomethingIsMissing) {
   database.query("DROP TABLE kodu_cron_error CASCADE");
   const CtlResult result = run({"status"});
   EXPECT_EQ(result.exitCode, 65);
-  EXPECT_THAT(result.err, HasSubstr("say koductl --user OWNER schema upgrade"));
+  EXPECT_THAT(result.err, HasSubstr("run koductl --user OWNER schema upgrade"));
 }
 
 TEST_F(UpgradeTest, WarnsInACheckOfTablesThatAreBehind) {
   makeFirstRelease();
-  EXPECT_THAT(run({"check"}).out, HasSubstr("WARNING  the database's tables are of version 0"));
+  EXPECT_THAT(run({"check"}).out, HasSubstr("WARNING  the database's tables have version 0"));
 }
 
 TEST_F(UpgradeTest, LetsSchemaSqlLeaveAnOlderDatabaseAlone) {
@@ -195,7 +195,7 @@ TEST_F(UpgradeTest, LetsSchemaSqlLeaveAnOlderDatabaseAlone) {
     load(database, "sql/schema.sql");
     ADD_FAILURE() << "an older database was taken";
   } catch (const std::runtime_error& e) {
-    EXPECT_THAT(e.what(), HasSubstr("HINT:  Say koductl --user OWNER schema upgrade."));
+    EXPECT_THAT(e.what(), HasSubstr("HINT:  Run koductl --user OWNER schema upgrade."));
   }
   database.query("ROLLBACK");
   expectEqual(before, dump(database, "after.sql"));
@@ -340,7 +340,7 @@ TEST_F(UpgradeTest, RefusesASecondUpgradeAtATime) {
   EXPECT_THAT(result.err, HasSubstr("another upgrade of this database is in progress"));
 }
 
-TEST_F(UpgradeTest, KeepsTheDaemonGoingWhileItWaitsForALock) {
+TEST_F(UpgradeTest, DoesNotBlockTheDaemonWhileItWaitsForALock) {
   makeFirstRelease();
   addFirstReleasesRows();
   ASSERT_TRUE(daemon.startAndWait());

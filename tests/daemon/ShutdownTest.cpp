@@ -77,7 +77,7 @@ TEST_F(HandlerQuitTest, WakesEveryWaitingWorker) {
   }
 }
 
-TEST_F(HandlerQuitTest, BearsAMissingQueue) {
+TEST_F(HandlerQuitTest, ToleratesAMissingQueue) {
   auto* const queue = std::exchange(queueExecTask, nullptr);
 
   std::raise(SIGTERM);

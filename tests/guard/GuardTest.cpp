@@ -42,7 +42,7 @@ using std::chrono::milliseconds;
 
 const char* const kTimedOut = "UNKNOWN - timed out after 1 s\n";
 const char* const kLeft =
-    "[koduguard: ended processes that held the output open when the plugin had ended]\n";
+    "[koduguard: ended processes that kept the output open after the plugin had ended]\n";
 
 /// True until the process has ended and its parent has waited for it.
 bool lives(pid_t pid) {
@@ -239,7 +239,7 @@ TEST_F(GuardTest, OpensStandardFilesThatAreClosed) {
   EXPECT_EQ(output, "0\n1\n2\n3\n");  // 3 is the list's own
 }
 
-TEST_F(GuardTest, BearsClosedStandardFiles) {
+TEST_F(GuardTest, ToleratesClosedStandardFiles) {
   run({"-e", "--", "/bin/sh", "-c", "echo out; echo err >&2"}, [] {
     close(STDIN_FILENO);
     close(STDERR_FILENO);
@@ -247,7 +247,7 @@ TEST_F(GuardTest, BearsClosedStandardFiles) {
   EXPECT_EQ(output, "out\nerr\n");
 }
 
-TEST_F(GuardTest, BearsAnInheritedIgnoranceOfItsChildren) {
+TEST_F(GuardTest, WaitsForThePluginWhereSigchldIsInheritedAsIgnored) {
   run({"--", "/bin/sh", "-c", "echo out; exit 2"}, [] { std::signal(SIGCHLD, SIG_IGN); });
   EXPECT_EQ(output, "out\n");
   EXPECT_EQ(code(), 2);
@@ -335,7 +335,7 @@ TEST_F(GuardTest, GivesUpWhatKillDoesNotEnd) {
       [] { forbid(SYS_kill, EPERM); });
   EXPECT_EQ(output, std::string(kTimedOut) +
                         "words\n[koduguard: some processes of the plugin could not be ended; "
-                        "look for them by ps]\n");
+                        "find them with ps]\n");
   EXPECT_EQ(code(), 3);
   EXPECT_GE(duration, milliseconds(2000));
   EXPECT_LT(duration, milliseconds(10'000));
@@ -413,8 +413,8 @@ TEST_F(GuardTest, TakesStandardErrorForSomethingWhereItIsAdded) {
 
 TEST_F(GuardTest, SaysWhichSignalEndedAPlugin) {
   runScript({}, "echo words; kill -SEGV $$");
-  EXPECT_EQ(output,
-            "UNKNOWN - " + directory / "plugin" + " was ended by SIGSEGV (signal 11)\nwords\n");
+  EXPECT_EQ(output, "UNKNOWN - " + directory / "plugin" +
+                        " was terminated by SIGSEGV (signal 11)\nwords\n");
   EXPECT_EQ(code(), 3);
 }
 
@@ -429,7 +429,7 @@ TEST_F(GuardTest, SaysWhatTheDaemonSaysOfAPluginThatCannotBeExecuted) {
     const int daemonsCode = task.execute();
     run({"--", path});
     EXPECT_THAT(output, StartsWith(task.GetStdout()));
-    EXPECT_THAT(output, HasSubstr("koduguard: cannot run " + path + "; give the whole path of"));
+    EXPECT_THAT(output, HasSubstr("koduguard: cannot run " + path + "; give the absolute path of"));
     EXPECT_EQ(code(), daemonsCode);
   }
 }
@@ -533,9 +533,9 @@ TEST_F(GuardTest, RunsThePluginWithoutOptions) {
 
 TEST_F(GuardTest, RefusesAWrongCommandLine) {
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-      {{}, "no plugin was given; write its path and arguments behind --"},
-      {{"-t", "1", "--"}, "no plugin was given; write its path and arguments behind --"},
-      {{"-x", "--", "/bin/echo"}, "there is no option -x"},
+      {{}, "no plugin given; write its path and arguments after --"},
+      {{"-t", "1", "--"}, "no plugin given; write its path and arguments after --"},
+      {{"-x", "--", "/bin/echo"}, "unknown option -x"},
       {{"-t"}, "-t takes whole seconds from 1 to 86400, not \"\""},
       {{"-t", "0", "--", "/bin/echo"}, "-t takes whole seconds from 1 to 86400, not \"0\""},
       {{"-t", "86401", "/bin/echo"}, "-t takes whole seconds from 1 to 86400, not \"86401\""},
@@ -544,7 +544,7 @@ TEST_F(GuardTest, RefusesAWrongCommandLine) {
       {{"-k", "99999999999999999999", "x"},
        "-k takes whole seconds from 0 to 3600, not \"99999999999999999999\""},
       {{"-o", "1k", "/bin/echo"}, "-o takes bytes from 1 to 1073741824, not \"1k\""},
-      {{"-h"}, "help was asked for"},
+      {{"-h"}, "help requested"},
   };
   for (const auto& [arguments, reason] : cases) {
     run(arguments);
@@ -566,7 +566,7 @@ TEST_F(GuardTest, SaysWhyItCannotOpenThePipes) {
 TEST_F(GuardTest, SaysWhyItCannotMakeAProcess) {
   run({"--", "/bin/echo"}, [] { forbid(SYS_clone, EAGAIN); });
   EXPECT_EQ(output,
-            "UNKNOWN - koduguard: cannot make a process for /bin/echo: Resource temporarily "
+            "UNKNOWN - koduguard: cannot create a process for /bin/echo: Resource temporarily "
             "unavailable; raise the limit of processes of this user\n");
   EXPECT_EQ(code(), 3);
 }

@@ -76,7 +76,7 @@ TEST_F(DemoTest, NumbersItsTasksFromOne) {
   EXPECT_EQ(freshTasks(), "10");
 }
 
-TEST_F(DemoTest, BeginsAnewUnderTheSameIds) {
+TEST_F(DemoTest, StartsAgainWithTheSameIds) {
   load();
   pretendRuns();
 

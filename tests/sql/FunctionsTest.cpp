@@ -293,7 +293,7 @@ TEST_F(FunctionsTest, ChangesThePluginBehindItsGuard) {
 
   set(1, "cron_parameter = '-t 9'");
   expectRefused("kodu_task_set(1, parameters => 'x')",
-                "the parameters of task 1 name no plugin behind --", "koduguard runs it.");
+                "the parameters of task 1 name no plugin after --", "koduguard runs it.");
 }
 
 TEST_F(FunctionsTest, SaysWhatIsWrongWithANewTask) {
@@ -308,33 +308,33 @@ TEST_F(FunctionsTest, SaysWhatIsWrongWithANewTask) {
   expectAddRefused("'lod', '60 s'", "there is no plugin 'lod'", "Name one of SELECT plugin_name");
   expectAddRefused("NULL, '60 s'", "there is no plugin NULL", "Name one of");
   expectAddRefused("'', '60 s'", "there is no plugin ''", "Name one of");
-  expectAddRefused("'web', '60 s'", "the plugin 'web' is not of the type cron but service",
-                   "The daemon runs no other");
+  expectAddRefused("'web', '60 s'", "the plugin 'web' is of type service, not cron",
+                   "The daemon runs only plugins");
   expectAddRefused("'twin', '60 s'", "there are 2 plugins named 'twin'", "Give the plugin's path.");
   for (const std::string every : {"'0'", "'0.5 s'", "'-1 s'", "'367 days'", "NULL"}) {
-    expectAddRefused("'/a', " + every, "the interval must lie between 1 second and 366 days",
-                     "Say every => '5 minutes'");
+    expectAddRefused("'/a', " + every, "the interval must be between 1 second and 366 days",
+                     "Use every => '5 minutes'");
   }
   for (const std::string every : {"'1 month'", "'1 year'", "'1 month -1 day'"}) {
-    expectAddRefused("'/a', " + every, "the interval holds months, years or a negative part",
-                     "Months have no fixed length. Say 30 days");
+    expectAddRefused("'/a', " + every, "the interval contains months, years or a negative part",
+                     "Months have no fixed length. Use days");
   }
   expectAddRefused("'/a', '1.5 s'", "the interval must be whole seconds", "The daemon counts no");
-  expectAddRefused("'/a', '0', first_run => '2020-01-01'", "the interval must lie", "Say every");
+  expectAddRefused("'/a', '0', first_run => '2020-01-01'", "the interval must be", "Use every");
   expectAddRefused("'/a', '60 s', retries => -1", "the number of retries must not be negative",
-                   "Say retries => 0");
+                   "Use retries => 0");
   expectAddRefused("'/a', '60 s', retry_after => '-1 s'",
-                   "the time to a retry must lie between 0 and 366 days", "Say retry_after");
+                   "the time to a retry must be between 0 and 366 days", "Use retry_after");
   for (const std::string time : {"'infinity'", "'-infinity'", "'2036-01-01'", "'1969-01-01'"}) {
     expectAddRefused("'/a', '60 s', first_run => " + time,
-                     "the time of a run must lie between 1970 and 2035", "Say now() + interval");
+                     "the time of a run must be between 1970 and 2035", "Use now() + interval");
   }
   for (const std::string timeout : {"'0'", "'1.5 s'", "'1 day 1 s'"}) {
     expectAddRefused("'/a', '60 s', timeout => " + timeout,
-                     "the timeout must be whole seconds, from 1 second to 1 day", "Say timeout =>");
+                     "the timeout must be whole seconds, from 1 second to 1 day", "Use timeout =>");
   }
   expectAddRefused("'/a\"', '60 s', timeout => '1 s'", "the path '/a\"' cannot be an argument",
-                   "A task's parameters cannot hold a quote.");
+                   "The parameters of a task cannot contain a quote.");
   EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin"), "0");
   EXPECT_EQ(database.value("SELECT count(*) FROM kodu_plugins"), "3");
   EXPECT_THAT(heard(), IsEmpty());
@@ -348,11 +348,12 @@ TEST_F(FunctionsTest, SaysWhatIsWrongWithAFileName) {
 
   expectNameRefused("'a.txt'", "the file name 'a.txt' lacks $DATE", "Without it the copies");
   expectNameRefused("'/a_$DATE'", "the file name must stay below the daemon's output directory",
-                    "Write no /");
-  expectNameRefused("'../a_$DATE'", "the file name must stay below", "Write no /");
+                    "It must not begin");
+  expectNameRefused("'../a_$DATE'", "the file name must stay below", "It must not begin");
   expectNameRefused("'$DATE/'", "the file name must name a file, in 240 bytes at most",
-                    "It cannot be empty");
-  expectNameRefused("E'\\n$DATE'", "the file name must not hold control characters", "Line feeds");
+                    "It must not be empty");
+  expectNameRefused("E'\\n$DATE'", "the file name must not contain control characters",
+                    "Line feeds");
 }
 
 TEST_F(FunctionsTest, SetsWhatIsNamedAndNoMore) {
@@ -403,15 +404,16 @@ TEST_F(FunctionsTest, SaysWhatIsWrongWithAChange) {
   call("kodu_task_delete(8)");
   heard();
 
-  expectRefused("kodu_task_set(7)", "there is nothing to set for task 7", "Say kodu_task_set(7, ");
+  expectRefused("kodu_task_set(7)", "there is nothing to set for task 7", "Use kodu_task_set(7, ");
   expectRefused("kodu_task_set(7, plugin => 'x')", "there is no plugin 'x'", "Name one of");
-  expectRefused("kodu_task_set(7, every => '0')", "the interval must lie", "Say every");
+  expectRefused("kodu_task_set(7, every => '0')", "the interval must be", "Use every");
   expectRefused("kodu_task_set(7, file_name => 'a')", "the file name 'a' lacks $DATE", "Without");
-  expectRefused("kodu_task_set(7, file_name => '/$DATE')", "the file name must stay", "Write no /");
+  expectRefused("kodu_task_set(7, file_name => '/$DATE')", "the file name must stay",
+                "It must not begin");
   expectRefused("kodu_task_set(7, next_run => '2037-01-01')", "the time of a run must",
-                "Say now()");
+                "Use now()");
   for (const std::string function : {"set", "pause", "resume", "run_now"}) {
-    expectRefused("kodu_task_" + function + "(8)", "task 8 is being deleted", "Add it anew");
+    expectRefused("kodu_task_" + function + "(8)", "task 8 is being deleted", "Add it again");
   }
   for (const std::string function : {"set", "pause", "resume", "run_now", "delete"}) {
     expectRefused("kodu_task_" + function + "(99)", "there is no task 99", "SELECT id, name");
@@ -481,7 +483,7 @@ class RunTest : public FunctionsTest {
   long due = 0;
 };
 
-TEST_F(RunTest, EndsAsEverWhenNothingWasAskedForMeanwhile) {
+TEST_F(RunTest, EndsNormallyWhenNothingWasRequestedMeanwhile) {
   EXPECT_EQ(endRun(), due + 300);
   EXPECT_EQ(lastExec(), std::to_string(due));
   EXPECT_THAT(heard(), IsEmpty());
@@ -502,7 +504,7 @@ TEST_F(RunTest, EndsWithThePauseThatWasAskedForMeanwhile) {
   EXPECT_EQ(database.nextExec(7), due + 300);
 }
 
-TEST_F(RunTest, EndsAsEverWhenItsPauseWasResumedMeanwhile) {
+TEST_F(RunTest, EndsNormallyWhenItsPauseWasResumedMeanwhile) {
   call("kodu_task_pause(7)");
   call("kodu_task_resume(7)");
   EXPECT_EQ(status(7, "paused"), "f");
@@ -558,7 +560,7 @@ TEST_F(RunTest, HasItsDeletedTaskFlaggedAtItsEnd) {
   call("kodu_task_delete(7)");
   EXPECT_EQ(database.task(7, "cron_delete"), "f");
   EXPECT_EQ(status(7, "deleting"), "t");
-  expectRefused("kodu_task_resume(7)", "task 7 is being deleted", "Add it anew");
+  expectRefused("kodu_task_resume(7)", "task 7 is being deleted", "Add it again");
 
   run("UpdateCronProcess", {"7"});  // a retry
   EXPECT_EQ(run("SelectDeleteCron", {}), "");
@@ -828,7 +830,7 @@ TEST_F(FailingTest, AllowsTheGapsOfItsRetries) {
   EXPECT_EQ(failingFor(), "45");
 }
 
-TEST_F(FailingTest, FailsNoMoreAfterASuccess) {
+TEST_F(FailingTest, StopsFailingAfterASuccess) {
   failAgo({14, 9, 4});
   set(7, "cron_status = 'OK'");
 
@@ -855,7 +857,7 @@ TEST_F(FunctionsTest, PrunesOldHistory) {
   EXPECT_EQ(database.query("SELECT cron_logfile FROM kodu_cron_error"), (Rows{{"c"}}));
   for (const std::string age : {"'0'", "'-1 day'", "NULL"}) {
     expectRefused("kodu_history_prune(" + age + ")", "the age must be longer than 0",
-                  "Say kodu_history_prune('30 days')");
+                  "Use kodu_history_prune('30 days')");
   }
 }
 
@@ -987,9 +989,10 @@ TEST_F(StaggerTest, DoesNotMakeTheBusiestSecondBusier) {
 }
 
 TEST_F(StaggerTest, SaysWhatIsWrong) {
-  expectRefused("kodu_stagger(NULL)", "dry_run must be TRUE or FALSE", "Say kodu_stagger(");
-  expectRefused("kodu_stagger(longest => '0')", "dry_run must be TRUE or FALSE, longest one second",
-                "Say kodu_stagger(");
+  expectRefused("kodu_stagger(NULL)", "dry_run must be TRUE or FALSE", "Use kodu_stagger(");
+  expectRefused("kodu_stagger(longest => '0')",
+                "dry_run must be TRUE or FALSE, and longest must be one second",
+                "Use kodu_stagger(");
 }
 
 TEST_F(FunctionsTest, ForecastsTheRunsOfEachMinute) {
@@ -1028,12 +1031,12 @@ TEST_F(FunctionsTest, ForecastsMinutesWithoutRuns) {
 
 TEST_F(FunctionsTest, SaysWhatIsWrongWithAForecast) {
   for (const std::string arguments : {"0", "-1", "169", "NULL", "1, -1", "1, NULL"}) {
-    expectRefused("kodu_forecast(" + arguments + ")", "hours must lie between 0 and 168",
-                  "Say kodu_forecast(");
+    expectRefused("kodu_forecast(" + arguments + ")", "hours must be between 0 and 168",
+                  "Use kodu_forecast(");
   }
   for (const std::string durations : {"NULL", "'[1]'", R"('{"7": "a"}')", R"('{"7": -1}')"}) {
     expectRefused("kodu_forecast(1, 1, " + durations + ")",
-                  "durations must be an object of task ids and seconds", "Say durations =>");
+                  "durations must be an object of task ids and seconds", "Use durations =>");
   }
 }
 
@@ -1144,7 +1147,7 @@ TEST_F(FunctionsTest, GivesTheDaemonNoFunctionAndNoTable) {
             "f");
 }
 
-TEST_F(FunctionsTest, LooksIntoNoSchemaOfItsCallers) {
+TEST_F(FunctionsTest, IgnoresTheSchemasOfItsCallers) {
   insertTask(7);
   database.query(
       "CREATE SCHEMA trap; CREATE FUNCTION trap.kodu_soon() RETURNS timestamp LANGUAGE sql AS "

@@ -262,8 +262,8 @@ TEST_F(SchemaTest, RefusesFileNamesThatEndTheDaemon) {
   database.insertTask(TaskRow());
   for (const std::string name : {"./archive", "archive/61", "x/y", "sub/o_$DATE.txt", "./$DATE"}) {
     EXPECT_THAT(refusalOfChange("cron_log_file = '" + name + "'"),
-                AllOf(HasSubstr("ERROR:  the file name '" + name + "' holds a /\n"),
-                      HasSubstr("HINT:  The daemon makes no folders")));
+                AllOf(HasSubstr("ERROR:  the file name '" + name + "' contains a /\n"),
+                      HasSubstr("HINT:  The daemon creates no folders")));
   }
   EXPECT_THAT(refusalOfChange("cron_log_file = 'x_$date'"),
               HasSubstr("the file name 'x_$date' lacks $DATE"));
@@ -318,9 +318,9 @@ TEST_F(SchemaTest, RefusesIntervalsWithMonths) {
   for (const std::string interval :
        {"1 month", "1 year", "-12 months 365 days", "-120 months 3601 days"}) {
     EXPECT_THAT(refusalOfChange("cron_interval = '" + interval + "'"),
-                HasSubstr("the interval holds months, years or a negative part"));
+                HasSubstr("the interval contains months, years or a negative part"));
     EXPECT_THAT(refusalOfChange("cron_retries_interval = '" + interval + "'"),
-                HasSubstr("the time to a retry holds months or years"));
+                HasSubstr("the time to a retry contains months or years"));
   }
 }
 
@@ -328,7 +328,7 @@ TEST_F(SchemaTest, RefusesIntervalsWithANegativePart) {
   database.insertTask(TaskRow());
   for (const std::string interval : {"1 day -86399 s", "-365 days 8761 hours", "2 days -1 s"}) {
     EXPECT_THAT(refusalOfChange("cron_interval = '" + interval + "'"),
-                HasSubstr("the interval holds months, years or a negative part"));
+                HasSubstr("the interval contains months, years or a negative part"));
   }
   for (const std::string interval : {"1 day", "1 day 1 s", "48 hours", "366 days", "2 days"}) {
     EXPECT_EQ(refusalOfChange("cron_interval = '" + interval + "'"), "");
@@ -431,7 +431,7 @@ TEST_F(SchemaTest, NumbersHistoryRowsByItself) {
             (Rows{{"1"}, {"2"}}));
 }
 
-TEST_F(SchemaTest, NumbersHistoryRowsAnewAfterTheLastNumber) {
+TEST_F(SchemaTest, RestartsTheNumbersOfHistoryRowsAfterTheLastOne) {
   database.query("SELECT setval('kodu_cron_error_cron_error_id_seq', 2147483646)");
   pgSafeThread daemon(database.conninfo());
   prepareNamedStatements(daemon);

@@ -95,7 +95,7 @@ TEST_F(CrashTest, EndsAtTheNextStatementWhenItsSessionIsGone) {
 
 // Nobody needs the database for the two seconds between the first task and the last, while the
 // listener reads from the lost connection.
-TEST_F(CrashTest, LivesOnWithoutItsSessionAsLongAsItNeedsNone) {
+TEST_F(CrashTest, SurvivesALostSessionUntilItsNextStatement) {
   daemon.threadNumber = "0";
   daemon.writeConfig();
   for (const int id : {1, 2, 3}) {
@@ -183,7 +183,7 @@ TEST_F(CrashTest, EndsAtARetryWithinTheSecondOfTheFailure) {
   EXPECT_THAT(daemon.console(), HasSubstr("File exists"));
 }
 
-TEST_F(CrashTest, GoesOnWhenAForgottenTransactionIsEnded) {
+TEST_F(CrashTest, ContinuesWhenAnIdleTransactionIsEnded) {
   insertTask(1, "echo fine");
   insertTask(2, "echo fine");
   pgSafeThread forgetful(database.conninfo());

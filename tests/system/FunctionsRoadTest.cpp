@@ -240,7 +240,7 @@ TEST_F(DuringARunTest, RunsATaskAtTheTimeThatWasSetMeanwhile) {
   EXPECT_GT(ledger(1)[1], wanted);
 }
 
-TEST_F(DuringARunTest, GoesOnInItsRhythmAfterAPauseThatIsOverByItsEnd) {
+TEST_F(DuringARunTest, KeepsItsScheduleAfterAPauseThatIsOverByItsEnd) {
   call("kodu_task_pause(1)");
   call("kodu_task_resume(1)");
 

@@ -20,7 +20,7 @@ constexpr std::chrono::seconds kLimit{240};
 
 const char* const kTimedOut = "UNKNOWN - timed out after 1 s\nhanging\n";
 const char* const kLeft =
-    "hanging\n[koduguard: ended processes that held the output open when the plugin had ended]\n";
+    "hanging\n[koduguard: ended processes that kept the output open after the plugin had ended]\n";
 
 /// Plugins that would take each worker out of service for ever, were it not for the guard, beside
 /// tasks that run each second.
@@ -107,7 +107,7 @@ class SlowGuardRoadTest : public DaemonTest {
   }
 };
 
-TEST_F(SlowGuardRoadTest, EndsHangingPluginsWhileOtherTasksGoOn) {
+TEST_F(SlowGuardRoadTest, EndsHangingPluginsWhileOtherTasksRun) {
   ASSERT_TRUE(daemon.startAndWait());
   ASSERT_TRUE(waitUntil([&] { return hangingDone() >= 4; }, kLimit));
   const auto runsBefore = otherRuns();

@@ -61,7 +61,7 @@ class HealthcheckTest : public testing::Test {
   Daemon daemon{database};
 };
 
-TEST_F(HealthcheckTest, IsContentWithADaemonThatDoesItsWork) {
+TEST_F(HealthcheckTest, ReportsOkForAWorkingDaemon) {
   insert(1, "/bin/echo", "x", "now() + interval '1 hour'");
   ASSERT_TRUE(daemon.startAndWait());
 
@@ -106,8 +106,9 @@ TEST_F(HealthcheckTest, SeesASecondDaemon) {
   const Health health = check();
 
   EXPECT_EQ(health.status, 1);
-  EXPECT_THAT(health.line,
-              StartsWith("KODUCRON WARNING - 0 tasks, 2 daemons are connected: one may run |"));
+  EXPECT_THAT(
+      health.line,
+      StartsWith("KODUCRON WARNING - 0 tasks, 2 daemons are connected: only one may run |"));
 }
 
 TEST_F(HealthcheckTest, TakesNoNamedSessionForADaemon) {

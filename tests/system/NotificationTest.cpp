@@ -176,7 +176,7 @@ TEST_F(NotificationTest, KeepsTheRetriesThatAnUpdatedTaskHasMade) {
   EXPECT_EQ(std::count(log.begin(), end, "DEBUG#TH EXEC: TASK FAILED RETRIES: 2"), 1);
 }
 
-TEST_F(NotificationTest, ReplacesADefinitionWhoseRunGoesOn) {
+TEST_F(NotificationTest, ReplacesADefinitionDuringItsRun) {
   TaskRow old = makeTask(5, waitForRelease() + "echo old");
   old.interval = "2 seconds";
   database.insertTask(old);
@@ -243,7 +243,7 @@ TEST_P(IgnoredCommandTest, IsLoggedAndNoMore) {
 INSTANTIATE_TEST_SUITE_P(Commands, IgnoredCommandTest,
                          testing::Values("add", "update", "DELETE", "", "ADD "));
 
-TEST_F(NotificationTest, GoesOnAfterAPayloadThatIsNoJson) {
+TEST_F(NotificationTest, ContinuesAfterAPayloadThatIsNotJson) {
   ASSERT_TRUE(startAndListen());
 
   EXPECT_THAT(sendIgnored("not json"),
@@ -251,7 +251,7 @@ TEST_F(NotificationTest, GoesOnAfterAPayloadThatIsNoJson) {
                           "WARNING#TH ADMIN# Bad notify Json receive :not json"));
 }
 
-TEST_F(NotificationTest, GoesOnAfterAnEmptyPayload) {
+TEST_F(NotificationTest, ContinuesAfterAnEmptyPayload) {
   ASSERT_TRUE(startAndListen());
 
   EXPECT_THAT(sendIgnored(""), ElementsAre("DEBUG#TH LISTENER# Notify string receive :",
@@ -333,7 +333,7 @@ TEST_F(NotificationTest, LoadsNoPluginOfAnotherType) {
   EXPECT_EQ(runs(7), 0U);
 }
 
-TEST_F(NotificationTest, GoesOnAfterARowThatCannotBeLoaded) {
+TEST_F(NotificationTest, ContinuesAfterARowThatCannotBeLoaded) {
   ASSERT_TRUE(startAndListen());
   database.query("ALTER TABLE kodu_cron_plugin DROP CONSTRAINT cron_interval_from_second_to_year");
   TaskRow row = makeTask(7, "echo fine");

@@ -172,7 +172,7 @@ TEST_F(StopTest, LeavesTheTasksThatWaitForAWorker) {
   EXPECT_EQ(database.task(2, "cron_status"), "");
 }
 
-TEST_F(StopTest, DiesOfTheSignalWhileItReadsItsConfiguration) {
+TEST_F(StopTest, IsKilledByTheSignalWhileItReadsItsConfiguration) {
   std::filesystem::remove(daemon.mainConfig());
   ASSERT_EQ(mkfifo(daemon.mainConfig().c_str(), 0600), 0);
   daemon.start();
@@ -354,7 +354,7 @@ TEST_F(SlowStopTest, EndsWhileAWorkersStatementHangs) {
 }
 
 // Enough tasks that the queues take a while to empty.
-TEST_F(SlowStopTest, BearsSignalsDuringTheOrderlyEnd) {
+TEST_F(SlowStopTest, ToleratesSignalsDuringTheOrderlyShutdown) {
   insertManyTasks(50000);
   daemon.threadNumber = "0";
   daemon.writeConfig();

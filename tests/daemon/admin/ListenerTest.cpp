@@ -54,7 +54,7 @@ TEST_F(NotificationBatchTest, LogsWhatItReceives) {
                                  "DEBUG#TH LISTENER# Notify Json receive :" + payload));
 }
 
-TEST_F(NotificationBatchTest, WarnsOfAPayloadThatIsNoJson) {
+TEST_F(NotificationBatchTest, WarnsOfAPayloadThatIsNotJson) {
   batch.add("not json");
   batch.add("");
 
@@ -266,7 +266,7 @@ TEST_F(ListenerTest, HandsEachBatchOverOnce) {
   EXPECT_THAT(loads(), ElementsAre("(1);", "(2);"));
 }
 
-TEST_F(ListenerTest, GoesOnAfterAPayloadThatIsNoJson) {
+TEST_F(ListenerTest, ContinuesAfterAPayloadThatIsNotJson) {
   insert(7);
   startListener();
 

@@ -155,7 +155,7 @@ TEST_F(DeleteTaskTest, DeletesTheArchiveAndTheRowsOfATaskThatIsNotLoaded) {
   EXPECT_EQ(database.task(1, "cron_id"), "");
 }
 
-TEST_F(DeleteTaskTest, BearsFilesThatAreAbsentAlready) {
+TEST_F(DeleteTaskTest, ToleratesFilesThatAreAlreadyAbsent) {
   makeTaskWithFiles(1, "a.txt");
   fs::remove_all(log_directory);
   flag(1);

@@ -110,7 +110,7 @@ TEST_F(IniConfigTest, ReadsTheLastLineWithoutANewline) {
   EXPECT_EQ(configOf("[CRON]\nthread_number=4").getKey("CRON", "thread_number"), "4");
 }
 
-TEST_F(IniConfigTest, ReadsTheFileAnewAtEachLookup) {
+TEST_F(IniConfigTest, ReadsTheFileAgainAtEachLookup) {
   const auto config = configOf("[CRON]\nthread_number=4\n");
   ASSERT_EQ(config.getKey("CRON", "thread_number"), "4");
 

@@ -125,7 +125,7 @@ TEST_F(LogFileTest, AppendsToAnExistingFile) {
   EXPECT_EQ(readFile(path), "old\nnew\n");
 }
 
-TEST_F(LogFileTest, GoesOnWritingToADeletedFile) {
+TEST_F(LogFileTest, KeepsWritingToADeletedFile) {
   logFile log(0, path);
   const std::string kept = directory / "kept";
   std::filesystem::create_hard_link(path, kept);
@@ -351,7 +351,7 @@ TEST_F(LogFileTest, SplitsItsPathAtTheLastSlash) {
   EXPECT_EQ(log.getDirectory(), directory.path());
 }
 
-TEST_F(LogFileTest, BearsAPathWithoutASlash) {
+TEST_F(LogFileTest, AcceptsAPathWithoutASlash) {
   std::filesystem::current_path(directory.path());
   logFile log(0, "plain.log");
 

@@ -112,7 +112,7 @@ TEST_F(PgSafeThreadTest, TreatsEveryOtherStatusAsAFailure) {
   EXPECT_EQ(valueOf(connection.executeRequest("SELECT 1")), "1") << "the locks are released";
 }
 
-TEST_F(PgSafeThreadTest, GoesOnAfterAFailure) {
+TEST_F(PgSafeThreadTest, ContinuesAfterAFailure) {
   for (int i = 0; i < 3; ++i) {
     EXPECT_THROW(connection.executeRequest("SELECT 1/0"), PostgresqlException);
     EXPECT_EQ(valueOf(connection.executeRequest("SELECT 1")), "1");

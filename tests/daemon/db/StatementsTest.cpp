@@ -183,14 +183,14 @@ TEST_F(StatementTest, StatementsLeaveOtherTasksAlone) {
   EXPECT_EQ(database.task(7, "cron_id"), "");
 }
 
-TEST_F(StatementTest, AnUnknownTaskIsNoFailure) {
+TEST_F(StatementTest, TreatsAnUnknownTaskAsNoFailure) {
   for (const char* name :
        {"UpdateCronProcess", "DeleteCronHistory", "DeleteCron", "SelectCronHistory"}) {
     EXPECT_EQ(run(name, {"8"}), Rows()) << name;
   }
 }
 
-TEST_F(StatementTest, ATextThatIsNoNumberIsAFailure) {
+TEST_F(StatementTest, TreatsATextThatIsNotANumberAsAFailure) {
   std::string text = "nothing was thrown";
   try {
     run("UpdateCronProcess", {"seven"});

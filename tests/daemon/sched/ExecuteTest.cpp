@@ -354,7 +354,7 @@ TEST_F(ExecuteTest, DropsWhatFollowsANulByteInItsChunk) {
   EXPECT_EQ(task.GetStdout(), "ab");
 }
 
-TEST_F(ExecuteTest, GoesOnWithTheChunkAfterANulByte) {
+TEST_F(ExecuteTest, ContinuesWithTheChunkAfterANulByte) {
   std::string content(1024, 'x');
   content[10] = '\0';
   usePluginPrinting(content + "tail");

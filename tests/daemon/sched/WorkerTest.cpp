@@ -42,7 +42,7 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::KilledBySignal;
-using Task = std::shared_ptr<serviceCron>;
+using TaskPtr = std::shared_ptr<serviceCron>;
 
 const char* const kSilent = "DAEMON: the plugin does not return anything on the stdout";
 
@@ -120,7 +120,7 @@ class WorkerTest : public DatabaseGlobalsTest {
   }
 
   /// A task with a row of its own whose plugin is a shell script with `body`; in no queue.
-  Task addTask(int id, const std::string& body, long due = kMayDay - 10) const {
+  TaskPtr addTask(int id, const std::string& body, long due = kMayDay - 10) const {
     TaskRow row;
     row.id = id;
     row.nextExec = "to_timestamp(" + std::to_string(due) + ")";
@@ -150,10 +150,10 @@ class WorkerTest : public DatabaseGlobalsTest {
     die_kodu = 0;
   }
   /// Has one worker run the tasks, each until it is on the schedule queue again.
-  bool runTasks(const std::vector<Task>& tasks) {
+  bool runTasks(const std::vector<TaskPtr>& tasks) {
     startWorkers(1);
     bool isDone = true;
-    for (const Task& task : tasks) {
+    for (const TaskPtr& task : tasks) {
       queueExecTask->push(task);
       isDone = isDone && waitUntil([] { return !serviceQueue->empty(); });
       serviceQueue->pop();
@@ -161,7 +161,7 @@ class WorkerTest : public DatabaseGlobalsTest {
     stopWorkers();
     return isDone;
   }
-  bool runTask(const Task& task) { return runTasks({task}); }
+  bool runTask(const TaskPtr& task) { return runTasks({task}); }
 
   static std::string output(const std::string& name) {
     return readFile(log_directory + "/" + name);
@@ -199,7 +199,7 @@ class WorkerTest : public DatabaseGlobalsTest {
 
 // A run that succeeds.
 TEST_F(WorkerTest, RecordsASuccessfulRun) {
-  const Task task = addTask(1, "echo fine");
+  const TaskPtr task = addTask(1, "echo fine");
   task->SetRetrie(1);
 
   ASSERT_TRUE(runTask(task));
@@ -213,7 +213,7 @@ TEST_F(WorkerTest, RecordsASuccessfulRun) {
 }
 
 TEST_F(WorkerTest, MovesTheTimesByOneInterval) {
-  const Task task = addTask(1, "echo fine");
+  const TaskPtr task = addTask(1, "echo fine");
 
   ASSERT_TRUE(runTask(task));
 
@@ -224,7 +224,7 @@ TEST_F(WorkerTest, MovesTheTimesByOneInterval) {
 }
 
 TEST_F(WorkerTest, SkipsTheIntervalsThatItIsBehind) {
-  const Task task = addTask(1, "echo fine", kMayDay - 950);
+  const TaskPtr task = addTask(1, "echo fine", kMayDay - 950);
 
   ASSERT_TRUE(runTask(task));
 
@@ -254,8 +254,8 @@ TEST_F(WorkerTest, PrintsCodeAndOutputOfARun) {
 }
 
 TEST_F(WorkerTest, PrintsALineAfterOneThatFailed) {
-  const Task lost = addTask(1, "echo lost");
-  const Task kept = addTask(2, "echo kept");
+  const TaskPtr lost = addTask(1, "echo lost");
+  const TaskPtr kept = addTask(2, "echo kept");
   console.release();
   {
     const StandardOutput output("/dev/full");
@@ -270,7 +270,7 @@ TEST_F(WorkerTest, PrintsALineAfterOneThatFailed) {
 
 TEST_F(WorkerTest, SaysProcessWhileThePluginRuns) {
   const std::string go = directory / "go";
-  const Task task = addTask(1, waitInShell(go) + "; echo fine");
+  const TaskPtr task = addTask(1, waitInShell(go) + "; echo fine");
   EXPECT_EQ(status(1), "");
   startWorkers(1);
 
@@ -283,7 +283,7 @@ TEST_F(WorkerTest, SaysProcessWhileThePluginRuns) {
 }
 
 TEST_F(WorkerTest, LetsGoOfTheTaskAndOfItsOutput) {
-  const Task task = addTask(1, "echo fine");
+  const TaskPtr task = addTask(1, "echo fine");
 
   ASSERT_TRUE(runTask(task));
 
@@ -301,9 +301,9 @@ TEST_F(WorkerTest, RunsTaskAfterTask) {
 }
 
 TEST_F(WorkerTest, DropsADeletedTask) {
-  const Task deleted = addTask(1, "echo fine");
+  const TaskPtr deleted = addTask(1, "echo fine");
   deleted->SetExecState(3);
-  const Task next = addTask(2, "echo fine");
+  const TaskPtr next = addTask(2, "echo fine");
   startWorkers(1);
 
   queueExecTask->push(deleted);
@@ -319,7 +319,7 @@ TEST_F(WorkerTest, DropsADeletedTask) {
 }
 
 TEST_F(WorkerTest, RunsAnUpdatedTask) {
-  const Task task = addTask(1, "echo fine");
+  const TaskPtr task = addTask(1, "echo fine");
   task->SetExecState(1);
 
   ASSERT_TRUE(runTask(task));
@@ -331,7 +331,7 @@ TEST_F(WorkerTest, RunsAnUpdatedTask) {
 TEST_F(WorkerTest, PutsBackATaskThatIsDeletedDuringItsRun) {
   const std::string go = directory / "go";
   const std::string started = directory / "started";
-  const Task task = addTask(1, "> " + started + "; " + waitInShell(go) + "; echo fine");
+  const TaskPtr task = addTask(1, "> " + started + "; " + waitInShell(go) + "; echo fine");
   startWorkers(1);
   queueExecTask->push(task);
   ASSERT_TRUE(waitUntil([&] { return fs::exists(started); }));
@@ -419,7 +419,7 @@ TEST_F(WorkerTest, IgnoresAnOutputFileThatTakesNothing) {
 }
 
 TEST_F(WorkerTest, AbandonsAPassWhoseOutputFileCannotBeOpened) {
-  const Task task = addTask(1, "echo bad; exit 2");
+  const TaskPtr task = addTask(1, "echo bad; exit 2");
   task->SetMaxRetrie(5);
   fs::remove_all(log_directory);
   startWorkers(1);
@@ -447,9 +447,9 @@ TEST_F(WorkerTest, NamesTheSystemsReasonWhenItAbandonsAPass) {
   EXPECT_TRUE(waitUntil([&] { return logged("CRITICAL#Is a directory") == 1; }));
 }
 
-TEST_F(WorkerTest, GoesOnWithADeletedTaskAfterAnAbandonedPass) {
-  const Task task = addTask(1, "echo fine");
-  const Task deleted = addTask(2, "echo fine");
+TEST_F(WorkerTest, ContinuesWithADeletedTaskAfterAnAbandonedPass) {
+  const TaskPtr task = addTask(1, "echo fine");
+  const TaskPtr deleted = addTask(2, "echo fine");
   deleted->SetExecState(3);
   fs::remove_all(log_directory);
   startWorkers(1);
@@ -463,7 +463,7 @@ TEST_F(WorkerTest, GoesOnWithADeletedTaskAfterAnAbandonedPass) {
 
 // A run that fails.
 TEST_F(WorkerTest, ArchivesTheOutputOfAFailedRun) {
-  const Task task = addTask(17, "echo bad; exit 2");
+  const TaskPtr task = addTask(17, "echo bad; exit 2");
   task->SetFilename("out_$DATE.txt");
 
   ASSERT_TRUE(runTask(task));
@@ -506,7 +506,7 @@ TEST_F(WorkerTest, UsesAnArchiveDirectoryThatIsThere) {
 }
 
 TEST_F(WorkerTest, GoesStraightToFailedWithoutRetries) {
-  const Task task = addTask(1, "echo bad; exit 1");
+  const TaskPtr task = addTask(1, "echo bad; exit 1");
 
   ASSERT_TRUE(runTask(task));
 
@@ -530,7 +530,7 @@ TEST_F(WorkerTest, LogsTheStepsOfAFailedRun) {
 }
 
 TEST_F(WorkerTest, SchedulesARetryInMemoryOnly) {
-  const Task task = addTask(1, "echo bad; exit 2");
+  const TaskPtr task = addTask(1, "echo bad; exit 2");
   task->SetMaxRetrie(1);
   task->SetRetrieTime(120);
 
@@ -546,7 +546,7 @@ TEST_F(WorkerTest, SchedulesARetryInMemoryOnly) {
 }
 
 TEST_F(WorkerTest, LogsTheStepsOfARetry) {
-  const Task task = addTask(1, "echo bad; exit 2");
+  const TaskPtr task = addTask(1, "echo bad; exit 2");
   task->SetMaxRetrie(2);
   task->SetRetrie(1);
   task->SetRetrieTime(120);
@@ -562,7 +562,7 @@ TEST_F(WorkerTest, LogsTheStepsOfARetry) {
 }
 
 TEST_F(WorkerTest, FailsForGoodWhenTheRetriesAreSpent) {
-  const Task task = addTask(1, "echo bad; exit 2");
+  const TaskPtr task = addTask(1, "echo bad; exit 2");
   task->SetMaxRetrie(1);
   task->SetRetrieTime(120);
   ASSERT_TRUE(runTask(task));
@@ -581,7 +581,7 @@ TEST_F(WorkerTest, FailsForGoodWhenTheRetriesAreSpent) {
 
 TEST_F(WorkerTest, ForgetsItsRetriesAfterASuccess) {
   const std::string go = directory / "go";
-  const Task task = addTask(1, "echo text; [ -e " + go + " ]");
+  const TaskPtr task = addTask(1, "echo text; [ -e " + go + " ]");
   task->SetMaxRetrie(3);
   ASSERT_TRUE(runTask(task));
   EXPECT_EQ(task->GetRetrie(), 1);
@@ -595,7 +595,7 @@ TEST_F(WorkerTest, ForgetsItsRetriesAfterASuccess) {
 }
 
 TEST_F(WorkerTest, AddsUpARetryTimeBeyond32Bits) {
-  const Task task = addTask(1, "echo bad; exit 2");
+  const TaskPtr task = addTask(1, "echo bad; exit 2");
   task->SetMaxRetrie(1);
   task->SetRetrieTime(2147483647);
 
@@ -606,7 +606,7 @@ TEST_F(WorkerTest, AddsUpARetryTimeBeyond32Bits) {
 
 // A plugin that cannot be run to its end.
 TEST_F(WorkerTest, TriesThreeTimesToRunAPlugin) {
-  const Task task = addTask(1, "echo again >>" + directory / "runs");
+  const TaskPtr task = addTask(1, "echo again >>" + directory / "runs");
   const auto begin = std::chrono::steady_clock::now();
 
   ASSERT_TRUE(runTask(task));
@@ -623,7 +623,7 @@ TEST_F(WorkerTest, TriesThreeTimesToRunAPlugin) {
 
 TEST_F(WorkerTest, TakesTheSecondAttemptThatSucceeds) {
   const std::string tried = directory / "tried";
-  const Task task = addTask(1, "if [ -e " + tried + " ]; then echo fine; fi; > " + tried);
+  const TaskPtr task = addTask(1, "if [ -e " + tried + " ]; then echo fine; fi; > " + tried);
 
   ASSERT_TRUE(runTask(task));
 
@@ -645,7 +645,7 @@ TEST_F(WorkerTest, WritesTheTextOfAPluginThatCouldNotConnect) {
 }
 
 TEST_F(WorkerTest, WritesTheTextOfAKilledPlugin) {
-  const Task task = addTask(1, "echo partial; kill -KILL $$");
+  const TaskPtr task = addTask(1, "echo partial; kill -KILL $$");
 
   ASSERT_TRUE(runTask(task));
 
@@ -655,7 +655,7 @@ TEST_F(WorkerTest, WritesTheTextOfAKilledPlugin) {
 }
 
 TEST_F(WorkerTest, WritesWhyAPluginIsNotExecutable) {
-  const Task task = addTask(1, "echo unreachable");
+  const TaskPtr task = addTask(1, "echo unreachable");
   task->Setpath(directory / "missing");
 
   ASSERT_TRUE(runTask(task));
@@ -671,7 +671,7 @@ TEST_F(WorkerTest, LeavesNoStorageOfTheOutputWithTheTask) {
   if (mallinfo2().uordblks == 0) {
     GTEST_SKIP() << "the heap is the sanitizer's";
   }
-  const Task task = addTask(1, "printf '%100000s' end");
+  const TaskPtr task = addTask(1, "printf '%100000s' end");
   ASSERT_TRUE(runTask(addTask(2, "echo fine")));  // what a first run makes for good
   const auto bytesBefore = mallinfo2().uordblks;
 
@@ -693,7 +693,7 @@ TEST_F(WorkerTest, EndsAfterAWakeUpOnceTheStopFlagIsSet) {
 
 TEST_F(WorkerTest, LogsItsNumberAsItWakesUp) {
   std::thread worker([] { th_executeCronTaks(47); });
-  const Task deleted = makeTask(1, "/bin/true");
+  const TaskPtr deleted = makeTask(1, "/bin/true");
   deleted->SetExecState(3);
   queueExecTask->push(deleted);
   ASSERT_TRUE(waitUntil([&] { return deleted.use_count() == 1; }));
@@ -721,7 +721,7 @@ TEST_F(WorkerTest, LeavesTheQueueAloneOnceTheStopFlagIsSet) {
   startWorkers(1);
   queueExecTask->push(addTask(1, waitInShell(go) + "; echo fine"));
   ASSERT_TRUE(waitUntil([&] { return status(1) == "PROCESS"; }));
-  const Task next = addTask(2, "echo fine");
+  const TaskPtr next = addTask(2, "echo fine");
   queueExecTask->push(next);
   die_kodu = 1;
 
@@ -732,7 +732,7 @@ TEST_F(WorkerTest, LeavesTheQueueAloneOnceTheStopFlagIsSet) {
   EXPECT_EQ(queueExecTask->pop(), next);
 }
 
-TEST_F(WorkerTest, BearsThatAnotherWorkerIsFaster) {
+TEST_F(WorkerTest, ToleratesAFasterWorker) {
   startWorkers(4);
   long pushed = 0;
   const auto wakeUps = [this] {
@@ -746,7 +746,7 @@ TEST_F(WorkerTest, BearsThatAnotherWorkerIsFaster) {
   EXPECT_TRUE(waitUntil(
       [&] {
         for (int i = 0; i < 100; ++i, ++pushed) {
-          const Task deleted = makeTask(1, "/bin/true");
+          const TaskPtr deleted = makeTask(1, "/bin/true");
           deleted->SetExecState(3);
           queueExecTask->push(deleted);
         }
@@ -775,8 +775,8 @@ TEST_F(WorkerTest, UnblocksEverySignal) {
 class WorkerCrashTest : public WorkerTest {
  protected:
   /// Has a worker run the tasks until one ends the process.
-  static void work(const std::vector<Task>& tasks) {
-    for (const Task& task : tasks) {
+  static void work(const std::vector<TaskPtr>& tasks) {
+    for (const TaskPtr& task : tasks) {
       queueExecTask->push(task);
     }
     // On a thread, as in the daemon: what the thread does not catch ends the process.
@@ -785,8 +785,8 @@ class WorkerCrashTest : public WorkerTest {
 };
 
 TEST_F(WorkerCrashTest, EndsTheProcessAtTheTaskAfterAnAbandonedPass) {
-  const Task first = addTask(1, "echo fine");
-  const Task second = addTask(2, "echo fine");
+  const TaskPtr first = addTask(1, "echo fine");
+  const TaskPtr second = addTask(2, "echo fine");
   first->SetFilename("missing/out.txt");
 
   EXPECT_EXIT(work({first, second}), KilledBySignal(SIGABRT),
@@ -800,7 +800,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessAtTheTaskAfterAnAbandonedPass) {
 }
 
 TEST_F(WorkerCrashTest, EndsTheProcessWhenTheArchiveFileExists) {
-  const Task task = addTask(1, "echo bad; exit 1");
+  const TaskPtr task = addTask(1, "echo bad; exit 1");
   task->SetFilename("out.txt");
   fs::create_directories(log_directory + "/archive/1");
   writeFile(log_directory + "/archive/1/out.txt", "of an earlier failure");
@@ -817,7 +817,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessWhenTheArchiveFileExists) {
 TEST_F(WorkerCrashTest, EndsTheProcessWhereTheRepeatedHourRepeatsAName) {
   setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
   tzset();
-  const Task task = addTask(1, "echo bad; exit 1");
+  const TaskPtr task = addTask(1, "echo bad; exit 1");
   task->SetFilename("$DATE");
   fs::create_directories(log_directory + "/archive/1");
   writeFile(log_directory + "/archive/1/2024-10-27_02-30-15", "an hour ago");
@@ -831,7 +831,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessWhereTheRepeatedHourRepeatsAName) {
 }
 
 TEST_F(WorkerCrashTest, EndsTheProcessAtTheSecondFailureOfANameWithoutADate) {
-  const Task task = addTask(1, "echo bad; exit 1");
+  const TaskPtr task = addTask(1, "echo bad; exit 1");
   task->SetFilename("out.txt");
   task->SetMaxRetrie(3);
 
@@ -842,7 +842,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessAtTheSecondFailureOfANameWithoutADate) {
 }
 
 TEST_F(WorkerCrashTest, EndsTheProcessAtTwoFailuresWithinASecond) {
-  const Task task = addTask(1, "echo bad; exit 1");
+  const TaskPtr task = addTask(1, "echo bad; exit 1");
   task->SetMaxRetrie(3);
 
   EXPECT_EXIT(work({task, task}), KilledBySignal(SIGABRT), HasSubstr("File exists"));
@@ -851,7 +851,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessAtTwoFailuresWithinASecond) {
 }
 
 TEST_F(WorkerCrashTest, EndsTheProcessWhenTheArchiveDirectoryCannotBeMade) {
-  const Task task = addTask(1, "echo bad; exit 1");
+  const TaskPtr task = addTask(1, "echo bad; exit 1");
   writeFile(log_directory + "/archive", "no directory");
 
   EXPECT_EXIT(work({task}), KilledBySignal(SIGABRT),
@@ -861,7 +861,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessWhenTheArchiveDirectoryCannotBeMade) {
 }
 
 TEST_F(WorkerCrashTest, EndsTheProcessWhenTheTasksRowIsDeleted) {
-  const Task task = addTask(1, "echo fine");
+  const TaskPtr task = addTask(1, "echo fine");
   database.query("DELETE FROM kodu_cron_plugin");
 
   EXPECT_EXIT(work({task}), KilledBySignal(SIGABRT), HasSubstr("logic_error"));
@@ -871,7 +871,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessWhenTheTasksRowIsDeleted) {
 }
 
 TEST_F(WorkerCrashTest, EndsTheProcessWhenTheFirstStatementFails) {
-  const Task task = addTask(1, "echo fine");
+  const TaskPtr task = addTask(1, "echo fine");
   database.query("REVOKE UPDATE (cron_status) ON kodu_cron_plugin FROM kodu");
 
   EXPECT_EXIT(work({task}), KilledBySignal(SIGABRT), HasSubstr("'PostgresqlException'"));
@@ -880,7 +880,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessWhenTheFirstStatementFails) {
 }
 
 TEST_F(WorkerCrashTest, EndsTheProcessWhenTheHistoryTakesNoRow) {
-  const Task task = addTask(1, "echo bad; exit 1");
+  const TaskPtr task = addTask(1, "echo bad; exit 1");
   database.query("REVOKE INSERT ON kodu_cron_error FROM kodu");
 
   EXPECT_EXIT(work({task}), KilledBySignal(SIGABRT), HasSubstr("'PostgresqlException'"));
@@ -890,7 +890,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessWhenTheHistoryTakesNoRow) {
 }
 
 TEST_F(WorkerCrashTest, EndsTheProcessWhenTheLastStatementFails) {
-  const Task task = addTask(1, "echo fine");
+  const TaskPtr task = addTask(1, "echo fine");
   database.query("REVOKE UPDATE (cron_last_exec) ON kodu_cron_plugin FROM kodu");
 
   EXPECT_EXIT(work({task}), KilledBySignal(SIGABRT), HasSubstr("'PostgresqlException'"));
@@ -900,7 +900,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessWhenTheLastStatementFails) {
 }
 
 TEST_F(WorkerCrashTest, EndsTheProcessWhenTheDatabaseHasGone) {
-  const Task task = addTask(1, "echo fine");
+  const TaskPtr task = addTask(1, "echo fine");
   database.query(
       "SELECT pg_terminate_backend(pid) FROM pg_stat_activity "
       "WHERE datname = current_database() AND usename = 'kodu'");

@@ -107,7 +107,7 @@ class Workers {
 
 // The handler's broadcast and the worker that it finds in the wait, which had been waiting since
 // before another one waited again.
-TEST(ExecuteQueueTest, BearsTheHandlerForAWaitingWorker) {
+TEST(ExecuteQueueTest, ToleratesTheHandlerForAWaitingWorker) {
   static ExecuteQueue<int>* signalled = nullptr;
   static std::atomic<int> handled = 0;
   ExecuteQueue<int> queue;
@@ -181,7 +181,7 @@ TEST(ExecuteQueueTest, ReleasesEveryWaitingWorkerWhenTheFlagIsSet) {
   }
 }
 
-TEST(ExecuteQueueTest, GoesOnWaitingAfterABroadcastWithoutAReason) {
+TEST(ExecuteQueueTest, KeepsWaitingAfterABroadcastWithoutAReason) {
   ExecuteQueue<int> queue;
   CountingFlag flag;
   std::atomic<bool> isReleased = false;
