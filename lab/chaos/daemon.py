@@ -11,6 +11,7 @@ from lab.shared.processes import children_of, descriptors_of, is_running, reside
 
 TERMINATED = b'terminate called'
 LAST_WORDS = 600  # bytes that hold the whole of them
+BLANKS = re.compile(rb' {16,}')
 RESTART = re.compile(r'RESTART: pid (\d+) (ended .*?); restarting')
 
 
@@ -73,6 +74,8 @@ class SupervisedDaemon:
     def _read_console(self):
         """Keeps only the end: a task that prints a megabyte fills a disk within minutes."""
         while chunk := self._supervisor.stdout.read1(1 << 16):
+            # A task's megabyte of blanks may come between the words of the terminate handler.
+            chunk = BLANKS.sub(b' ', chunk)
             with self._lock:
                 if self._words:  # other threads may print a megabyte behind it
                     self._words = (self._words + chunk)[:LAST_WORDS]

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "ctl/failure.h"
-#include "ctl/session.h"
+#include "ctl/session/session.h"
 #include "db/pgSafeThread.h"
 #include "tests/ctl/CtlTest.h"
 
