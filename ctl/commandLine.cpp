@@ -23,12 +23,12 @@ std::string valueWithDefault(const std::string& value, const std::string& standa
   return fmt::format("{} ({})", value, standard);
 }
 
-/// The parser with everything it fills. This is the only place that defines commands and options:
-/// help, man page, documentation and completions are generated from it.
+/// The parser and the request that it fills. This is the only place that defines commands and
+/// options: help, man page, documentation and completions are generated from it.
 ///
-/// Descriptions are sentences without a full stop; what more there is to say of a command is its
-/// footer. An option with a value has the text "VALUE" or "VALUE (DEFAULT)". Completion goes by the
-/// value's name: FILE and PLUGIN are paths, ID is a task's id.
+/// Descriptions are sentences without a full stop; details of a command are in its footer. An
+/// option with a value has the text "VALUE" or "VALUE (DEFAULT)". Completion goes by the value's
+/// name: FILE and PLUGIN are paths, ID is a task's id.
 class Parser {
  public:
   Parser() {
@@ -310,7 +310,8 @@ class Parser {
         ->option_text("CONNINFO");
   }
 
-  /// Before the library sees them: it would join what stands behind "--" to its own positionals.
+  /// Called before the library parses them: it would take the arguments after "--" as its own
+  /// positionals.
   void splitPluginArguments(std::vector<std::string>& arguments) {
     const auto separator = std::find(arguments.begin(), arguments.end(), "--");
     if (separator != arguments.end()) {
@@ -319,7 +320,7 @@ class Parser {
     }
   }
 
-  /// Prints help, version or what is wrong with the command line.
+  /// Prints help, version or the error of the command line.
   int reportParseError(const CLI::ParseError& e) {
     const std::vector<std::string> unknown = app.remaining();
     if (app.get_subcommands().empty() && !unknown.empty()) {

@@ -1,4 +1,4 @@
-// koductl: what the operator of a koducron asks it, and tells it to do.
+// koductl: the command line tool for operators of koducron.
 
 #include <clocale>
 #include <string>
@@ -17,10 +17,10 @@ int fail(const std::string& reason, int exitCode) {
 
 }  // namespace
 
-// What is not caught here is a fault of koductl itself.
+// Other exceptions are defects of koductl itself.
 // NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char* argv[]) {
-  // What the database and the plugins say is UTF-8, whatever the caller's locale.
+  // Texts of the database and the plugins are UTF-8 in any locale.
   std::setlocale(LC_CTYPE, "C.UTF-8");
   try {
     const Request request = parseCommandLine(argc, argv);

@@ -11,16 +11,16 @@
 
 namespace {
 
-/// More than a pipe holds at its largest, so that all that its dead writers left is taken at once.
+/// More than the largest pipe holds, so that everything left by ended writers is read at once.
 constexpr int kReadsADrain = 32;
 
-std::array<char, 65536> scratch;  // for what is dropped; nobody reads it
+std::array<char, 65536> scratch;  // for what is dropped; never read
 
 }  // namespace
 
 int Capture::open(std::size_t mostBytes) {
   std::array<int, 2> ends{};
-  // Not O_NONBLOCK here: the plugin's end would have it, too, and plugins do not expect it.
+  // Not O_NONBLOCK here: the plugin's end would inherit it, and plugins do not expect it.
   if (const long result = kernel(SYS_pipe2, ends.data(), O_CLOEXEC); result < 0) {
     return static_cast<int>(-result);
   }

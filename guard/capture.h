@@ -7,7 +7,8 @@
 /// counted. Nothing is released; the program ends soon after.
 class Capture {
  public:
-  /// Opens the pipe, close-on-exec, and room for `mostBytes`. Returns 0 or an errno value.
+  /// Opens the pipe, close-on-exec, and reserves memory for `mostBytes`. Returns 0 or an errno
+  /// value.
   int open(std::size_t mostBytes);
   void closeWriteEnd();
 
@@ -16,12 +17,12 @@ class Capture {
   int writeEnd() const { return writer; }
   bool isOpen() const { return reader >= 0; }
 
-  /// Takes what stands in the pipe, without waiting for more; closes it at its end. Comes back
-  /// though a plugin writes faster than it reads.
+  /// Reads what is in the pipe without waiting for more; closes it at its end. Returns even if a
+  /// plugin writes faster than it reads.
   void drain();
 
   std::string_view kept() const { return {buffer, length}; }
-  /// Bytes that came when the room was full.
+  /// Bytes that arrived when the memory was full.
   std::size_t dropped() const { return droppedBytes; }
 
  private:

@@ -14,7 +14,7 @@
 
 namespace {
 
-/// What the child's side is told, and tells back: it runs in the guard's memory until its execve.
+/// Arguments and result of the child's side, which runs in the guard's memory until its execve.
 struct Start {
   char** plugin;
   int output;
@@ -30,7 +30,7 @@ void becomePlugin(void* argument) {
   kernel(SYS_setpgid, 0, 0);
   kernel(SYS_prctl, PR_SET_PDEATHSIG, SIGKILL);
   if (kernel(SYS_getppid) != start.guard) {
-    endProcess(0);  // the guard died before the line above; nobody would end the plugin
+    endProcess(0);  // the guard died before the line above and could not end the plugin
   }
   kernel(SYS_dup3, start.output, STDOUT_FILENO, 0);
   if (start.errors >= 0) {
@@ -42,8 +42,8 @@ void becomePlugin(void* argument) {
   endProcess(127);
 }
 
-/// The list of the guard's children as the kernel writes it, numbers with a blank behind each; what
-/// does not fit is left out. Empty where /proc is missing.
+/// The list of the guard's children as the kernel writes it, numbers, each followed by a space;
+/// what does not fit is omitted. Empty where /proc is missing.
 std::string_view readChildren(std::array<char, 4096>& buffer) {
   const long file =
       kernel(SYS_openat, AT_FDCWD, "/proc/thread-self/children", O_RDONLY | O_CLOEXEC, 0);
@@ -59,7 +59,7 @@ std::string_view readChildren(std::array<char, 4096>& buffer) {
 
 Child startPlugin(char** plugin, Capture& output, Capture& errors, SignalSet signalMask) {
   Start start{plugin, output.writeEnd(), errors.writeEnd(), signalMask, kernel(SYS_getpid)};
-  // Memory is lent, not copied: half the price of a fork.
+  // Memory is lent, not copied: half the cost of a fork.
   const pid_t pid = lendMemory(becomePlugin, &start);
   output.closeWriteEnd();
   if (errors.isOpen()) {

@@ -6,7 +6,7 @@
 
 class Capture;
 
-/// What came of an attempt to start a plugin.
+/// The result of an attempt to start a plugin.
 struct Child {
   pid_t pid = -1;      // also the number of its process group; -1 when it does not run
   int cloneError = 0;  // errno when there was no process for it

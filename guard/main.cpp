@@ -21,7 +21,7 @@
 
 namespace {
 
-/// What the daemon itself ends with when it cannot execute a plugin.
+/// The exit code of the daemon's child when it cannot execute a plugin.
 constexpr int kNotExecutable = 2;
 
 /// Makes sure that 0, 1 and 2 are open, so that no pipe gets one of these numbers.
@@ -58,7 +58,7 @@ int failToStart(std::string_view path, const Child& child) {
          describe(child.cloneError), "; raise the limit of processes of this user\n"});
     return kUnknown;
   }
-  // The daemon's own words and code, so that a task says the same with and without the guard.
+  // The daemon's own text and code, so that a task reports the same with and without the guard.
   say({"DAEMON: plugin is not executable ", describe(child.execError), "\nkoduguard: cannot run ",
        path, "; give the absolute path of a file that this user may execute\n"});
   return kNotExecutable;
@@ -92,7 +92,7 @@ int main(int, char** argv) {
     return failToStart(path, child);
   }
   const Outcome outcome = Watch(options, child.pid, signalFile, output, errors).run();
-  // From here on a signal ends the guard: a reader that does not read must not keep it.
+  // From here on a signal ends the guard: it must not wait for a reader that does not read.
   kernel(SYS_rt_sigprocmask, SIG_SETMASK, &previousMask, nullptr, sizeof previousMask);
   return report(options, outcome, output, errors);
 }

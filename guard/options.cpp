@@ -31,7 +31,7 @@ constexpr std::array<NumberOption, 3> kNumberOptions = {{
     {"-o", &Options::outputLimit, 1, 1L << 30, "bytes"},
 }};
 
-/// Says what is wrong and how it is right. Returns false, for parseOptions to pass on.
+/// Prints the error and the usage. Returns false, which parseOptions returns too.
 bool refuse(std::initializer_list<std::string_view> reason) {
   say({"UNKNOWN - koduguard: "});
   say(reason);
@@ -49,7 +49,7 @@ const NumberOption* findNumberOption(std::string_view name) {
   return nullptr;
 }
 
-/// `text` is null when the command line ends behind the option's name.
+/// `text` is null when the command line ends after the option's name.
 bool readNumber(const NumberOption& option, const char* text, Options& options) {
   const std::string_view digits = text == nullptr ? "" : text;
   long number = 0;

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What a command line asks for.
+/// The options of a command line.
 struct Options {
   long timeLimitSeconds = 30;
   long graceSeconds = 5;     // between TERM and KILL
@@ -9,6 +9,6 @@ struct Options {
   char** plugin = nullptr;  // path and arguments, ended by a null pointer; part of argv
 };
 
-/// Reads `arguments`, argv without its first element, into `options`. False when there is nothing
-/// to run, after having said why on standard output.
+/// Reads `arguments`, argv without its first element, into `options`. Returns false, after printing
+/// the reason on standard output, when there is nothing to run.
 bool parseOptions(char** arguments, Options& options);

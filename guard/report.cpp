@@ -14,7 +14,7 @@
 
 namespace {
 
-/// The line above the output, where the run did not end by itself.
+/// The line before the output when the run did not end by itself.
 void sayWhyItEnded(const Options& options, const Outcome& outcome) {
   if (outcome.interruptedBy != 0) {
     say({"UNKNOWN - interrupted by SIG", signalName(outcome.interruptedBy), "\n"});
@@ -75,7 +75,7 @@ void sayOutput(const Options& options, const Outcome& outcome, std::string_view 
   }
 }
 
-/// True for what the daemon takes for no output at all and tries again.
+/// True for what the daemon treats as no output and retries.
 bool isNothing(std::string_view output) {
   return output.empty() || output == "''";
 }

@@ -15,7 +15,7 @@ namespace {
 
 /// True when a write that failed with `error` is worth another try, after having waited for it.
 bool canGoOn(int error) {
-  if (error == EAGAIN) {  // whoever made the pipe may have made it without waiting
+  if (error == EAGAIN) {  // the pipe may be non-blocking
     pollfd output = {STDOUT_FILENO, POLLOUT, 0};
     kernel(SYS_ppoll, &output, 1, nullptr, nullptr, 0);
     return true;
@@ -34,7 +34,7 @@ void write(std::string_view text) {
   }
 }
 
-/// The same for a terminal: a "?" takes the place of each character that may command it.
+/// The same for a terminal: a "?" replaces each character that can control it.
 void writePrintable(std::string_view text) {
   std::string_view rest = text;
   while (!rest.empty()) {

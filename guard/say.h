@@ -16,7 +16,7 @@ class Digits {
   std::size_t length;
 };
 
-/// Writes the pieces to standard output, one behind the other, each in full; to a terminal with a
-/// "?" in the place of what common/plainText.h calls unsafe, but for newlines and tabs. Gives up
-/// without a word when nobody can read them: there is no other place to say so.
+/// Writes the pieces to standard output, one after the other, each in full. On a terminal, a "?"
+/// replaces what common/plainText.h calls unsafe, except newlines and tabs. Gives up silently when
+/// the output cannot be written, because there is no other place to report it.
 void say(std::initializer_list<std::string_view> pieces);

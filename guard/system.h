@@ -5,10 +5,10 @@
 
 #include <array>
 
-// The guard calls the kernel itself. A C library's start-up asks the processor for its features,
-// and on a virtual machine each question is a trip to the host: 0.25 of the 0.33 ms that the run of
-// a static program takes which does nothing. The guard would pay that before each plugin.
-// On other processors than x86-64 the same calls go through the C library.
+// The guard calls the kernel itself. The startup of a C library queries the processor's features,
+// and on a virtual machine each query is a trip to the host. That takes 0.25 of the 0.33 ms that a
+// static program that does nothing takes to run. The guard would add it to each plugin. On other
+// processors than x86-64 the same calls go through the C library.
 
 /// Signals as the kernel counts them: bit 0 is signal 1.
 using SignalSet = unsigned long;

@@ -42,7 +42,7 @@ Outcome Watch::run() {
   while (!isOver()) {
     wait();
     readSignals();
-    // Behind the signals: a plugin's last words are in the pipe when its end is known.
+    // After the signals: a plugin's last output is in the pipe when its end is known.
     output.drain();
     errors.drain();
     followTree();
@@ -68,7 +68,7 @@ void Watch::wait() const {
     // No signal tells of a descendant's end that another one has waited for.
     left = std::min(left, kLookAgain);
   }
-  // An interruption is as good as an event: the caller looks at everything anyway.
+  // An interruption counts as an event: the caller checks everything anyway.
   timespec time = {left / 1000, left % 1000 * 1'000'000};
   kernel(SYS_ppoll, files.data(), files.size(), &time, nullptr, 0);
 }

@@ -1,4 +1,4 @@
-# What the scripts share: their usage, failures, steps that are silent when they work, and a private
+# Shared by the scripts: usage, failures, steps that are silent unless they fail, and a private
 # PostgreSQL with the daemon's INI files. Sourced before anything else, since "$0" may be relative to the
 # caller's folder; answers --help with the comment at the head of the script.
 # shellcheck shell=bash
@@ -10,7 +10,7 @@ readonly kScript kProject kName
 
 # Usage and failures ------------------------------------------------------------------------------
 
-# Ends the script, which was called wrongly. The usage is the lines of its head that begin with its name.
+# Ends the script after wrong arguments. The usage is the lines of its head that begin with its name.
 usage() {
   sed -n "1d; /^#/!q; s|^#   \($kName\)|usage: \1|p" "$kScript" >&2
   exit 1
@@ -46,7 +46,7 @@ lock_home() {
   flock -n "$lock" || fail "another run is using $kHome"
 }
 
-# Runs a step that is silent when it works; prints the end of what it said when it does not.
+# Runs a step silently; prints the end of its output if it fails.
 quietly() {  # $1: the step's name, whose log is kept
   local log=$kHome/$1.log
   shift
@@ -67,7 +67,7 @@ on_database() { scripts/cluster psql "$kCluster" -X -q -v ON_ERROR_STOP=1 "$@"; 
 
 port_of_cluster() { sed 's/.* port=\([0-9]*\) .*/\1/' "$kCluster/conninfo"; }
 
-# Both files hold or lead to a password: for this user's eyes only.
+# Both files contain or lead to a password: readable by this user only.
 write_configuration() {  # $1: workers; $2: password
   local previous
   previous=$(umask)
@@ -91,12 +91,12 @@ END
   umask "$previous"
 }
 
-# For supervise --before: reports the runs that a former life of the daemon left unfinished as failed.
+# For supervise --before: reports the runs that the daemon left unfinished when it ended as failed.
 repair_command() {
   printf '%q ' scripts/cluster psql "$kCluster" -X -q -d kodu -f sql/repair.sql
 }
 
-# Loads the files into an empty database; brings one that an earlier release left to the tables of today.
+# Loads the files into an empty database; upgrades a database of an earlier release.
 load_schema() {  # $1...: files
   local file files=()
   for file; do files+=(-f "$file"); done

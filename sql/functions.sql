@@ -1,15 +1,15 @@
--- What an administrator does to koducron's tasks, in SQL: triggers that tell the running daemon of a
--- change, functions for the daily work, a view of what the tasks do. docs/sql.md shows them at work.
+-- Administration of koducron's tasks in SQL: triggers that notify the running daemon of changes,
+-- functions for the daily work and a view of the tasks' state. docs/sql.md shows examples.
 --
 -- Load it after sql/schema.sql, as the same owner; loading it again changes nothing. Then make your
 -- administrators members of the role kodu_admin:
 --     CREATE ROLE alice LOGIN IN ROLE kodu_admin;
 --
--- A writer of rows that notifies the daemon by itself must leave off doing so, or switch the triggers
--- off (ALTER TABLE kodu_cron_plugin DISABLE TRIGGER kodu_task_added): a task that is added twice is
--- in the daemon's queue twice, and runs twice.
+-- A program that writes rows and notifies the daemon must stop sending notifications, or disable the
+-- triggers (ALTER TABLE kodu_cron_plugin DISABLE TRIGGER kodu_task_added). A task that is added twice is
+-- twice in the daemon's queue and runs twice.
 --
--- Arguments that are times have a time zone, what is returned is UTC without one, as in the tables.
+-- Time arguments have a time zone; returned times are UTC without a zone, as in the tables.
 
 BEGIN;
 SET LOCAL client_min_messages = warning;  -- nothing about what exists already
@@ -17,8 +17,8 @@ SET LOCAL search_path = public;
 
 -- Notifications ----------------------------------------------------------------------------------
 
--- The daemon forgets no task that it has loaded: what makes one invisible to it, another plugin_type
--- or a deleted row, cannot be told to it.
+-- The daemon cannot be told to forget a loaded task, for example after a change of plugin_type or a
+-- deleted row.
 CREATE OR REPLACE FUNCTION kodu_notify_of_task() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
     PERFORM pg_catalog.pg_notify('koducronchannel', pg_catalog.format(
@@ -30,8 +30,9 @@ $$;
 CREATE OR REPLACE TRIGGER kodu_task_added AFTER INSERT ON kodu_cron_plugin
     FOR EACH ROW EXECUTE FUNCTION kodu_notify_of_task('ADD');
 
--- The daemon writes cron_status, cron_last_exec and cron_next_exec: it must not hear of itself, so
--- none of them stands here. A next time that somebody else writes is told by the functions below.
+-- The daemon writes cron_status, cron_last_exec and cron_next_exec: it must not be notified of its own
+-- changes, so these columns are not listed here. The functions below notify it when they change a next
+-- time.
 CREATE OR REPLACE TRIGGER kodu_task_changed
     AFTER UPDATE OF cron_plugin_id, cron_interval, cron_log_file, cron_retries,
                     cron_retries_interval, cron_parameter ON kodu_cron_plugin
@@ -43,8 +44,9 @@ CREATE OR REPLACE TRIGGER kodu_task_changed
                NEW.cron_retries_interval, NEW.cron_parameter))
     EXECUTE FUNCTION kodu_notify_of_task('UPDATE');
 
--- During a run the daemon must not be told: to load the task it would wait for the end of the run,
--- load and purge nothing meanwhile, and move the due time under the run, which loses a slot.
+-- During a run the daemon must not be notified. To load the task it would wait for the end of the run
+-- and load and purge nothing meanwhile. It would also move the due time during the run, which loses a
+-- slot.
 CREATE OR REPLACE FUNCTION kodu_remember_change() RETURNS trigger
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 BEGIN
@@ -95,13 +97,13 @@ CREATE OR REPLACE TRIGGER kodu_plugin_changed
 -- ends the daemon. So the functions below write what is to come into cron_wanted, and these triggers
 -- carry it out within the daemon's own statements, whose answers tell the daemon the new time.
 --
--- cron_wanted holds a time until the run of that time begins. `infinity` stands for a deletion: the
--- end of the run flags the row. What is wanted outlives the daemon: where a life of it left the run
--- behind, sql/repair.sql ends that run, and without it the end of the next run counts.
+-- cron_wanted holds a time until the run of that time begins. `infinity` stands for a deletion: the end
+-- of the run flags the row. The request survives the end of the daemon. sql/repair.sql ends an abandoned
+-- run; without it, the request is carried out at the end of the next run.
 --
--- They run as the daemon's role, which has a right to nothing else, and may not fail: that would end
--- the daemon. So they call the server's own functions only. For a task without such a wish the WHEN
--- clauses keep them from being called at all.
+-- They run as the daemon's role, which has no other rights, and must not fail: that would end the
+-- daemon. So they call only the server's own functions. For a task without such a request, the WHEN
+-- clauses prevent the call.
 CREATE OR REPLACE FUNCTION kodu_follow_run() RETURNS trigger
 LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
 DECLARE
@@ -111,7 +113,7 @@ DECLARE
 BEGIN
     IF NEW.cron_status = 'PROCESS' THEN
         IF NEW.cron_delete THEN
-            -- It stood in the daemon's queue as it was flagged. No purge may meet this run.
+            -- It was in the daemon's queue when it was flagged. No purge may happen during this run.
             NEW.cron_delete := FALSE;
             NEW.cron_wanted := 'infinity';
         ELSIF OLD.cron_wanted = OLD.cron_next_exec AND OLD.cron_wanted > soon + interval '1 minute' THEN
@@ -153,10 +155,9 @@ CREATE OR REPLACE TRIGGER kodu_run_changed BEFORE UPDATE OF cron_status ON kodu_
     EXECUTE FUNCTION kodu_follow_run();
 
 -- The daemon moves a time that is past when it loads the task on by whole intervals: a time that
--- somebody has set would be lost where the call's transaction, or the loading of many tasks, took
--- longer than foreseen. Such a run begins now. After 15 minutes it is a missed run like any other: the
--- loading of 60,000 tasks that begin meanwhile takes minutes, but an outage must not end in all of them
--- at once.
+-- somebody has set would be lost where the call's transaction, or the loading of many tasks, took longer
+-- than foreseen. Such a run begins now. After 15 minutes it is a missed run like any other. Loading
+-- 60,000 tasks takes minutes, but after an outage not all of them may run at once.
 CREATE OR REPLACE FUNCTION kodu_keep_wanted() RETURNS trigger
 LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
 DECLARE
@@ -177,8 +178,8 @@ CREATE OR REPLACE TRIGGER kodu_time_moved BEFORE UPDATE OF cron_next_exec ON kod
           AND NEW.cron_status IS NOT DISTINCT FROM OLD.cron_status)
     EXECUTE FUNCTION kodu_keep_wanted();
 
--- A purge that has read the flag of a queued task a moment before its run began. The end of the run
--- flags it again; the file that this run writes stays.
+-- For a purge that read the flag of a queued task just before its run began. The end of the run flags it
+-- again; the file that this run writes stays.
 CREATE OR REPLACE FUNCTION kodu_spare_run() RETURNS trigger
 LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
 BEGIN
@@ -194,12 +195,13 @@ CREATE OR REPLACE TRIGGER kodu_run_deleted BEFORE DELETE ON kodu_cron_plugin
 
 -- Helpers of the functions below -----------------------------------------------------------------
 
--- A moment that the daemon, which looks for notifications once a second, hears of before it comes.
+-- The earliest time of which the daemon, which reads notifications once a second, is notified in
+-- advance.
 CREATE OR REPLACE FUNCTION kodu_soon() RETURNS timestamp
 LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS
     $$SELECT date_trunc('second', clock_timestamp() AT TIME ZONE 'UTC') + interval '3 seconds'$$;
 
--- `slot`, or as many whole intervals later as make it no earlier than `earliest`.
+-- `slot`, moved forward by whole intervals until it is not before `earliest`.
 CREATE OR REPLACE FUNCTION kodu_next_slot(slot timestamp, every interval, earliest timestamp)
 RETURNS timestamp
 LANGUAGE sql IMMUTABLE SET search_path = pg_catalog, public, pg_temp AS $$
@@ -229,7 +231,7 @@ BEGIN
 END
 $$;
 
--- The same for a task that somebody wants to do something with.
+-- The same, but refuses a task that is being deleted.
 CREATE OR REPLACE FUNCTION kodu_task_take(task integer) RETURNS kodu_cron_plugin
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -244,7 +246,7 @@ BEGIN
 END
 $$;
 
--- By the clock: in a long transaction now() is a run's whole life ago.
+-- By the clock: in a long transaction, now() is too old.
 CREATE OR REPLACE FUNCTION kodu_runs_now(task kodu_cron_plugin) RETURNS boolean
 LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
     SELECT kodu_is_running(task.cron_status, task.cron_next_exec, task.cron_wanted,
@@ -258,8 +260,8 @@ LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
 $$;
 
 -- Sets the time of the next run; during a run, of the one after it. NULL: an interval after it. All
--- functions that move a time do it here. is_rhythm: a time that is past when the daemon hears of it
--- may be moved on by an interval, as a missed run is.
+-- functions that move a time do it here. is_rhythm: a time that is past when the daemon is notified may
+-- be moved by an interval, like a missed run.
 CREATE OR REPLACE FUNCTION kodu_move(task kodu_cron_plugin, due timestamp,
                                      is_rhythm boolean DEFAULT FALSE) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
@@ -293,7 +295,7 @@ BEGIN
 END
 $$;
 
--- Says what a CHECK or an index of the tables has refused, in an administrator's words.
+-- Raises an error with a message and a hint for each CHECK or unique index of the tables.
 CREATE OR REPLACE FUNCTION kodu_refuse(broken text) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -383,7 +385,7 @@ DECLARE
     found_one kodu_plugins;
     ids integer[];
 BEGIN
-    -- Of tasks with a timeout the catalogue has two: the plugin, and the guard of the same name.
+    -- For tasks with a timeout the catalogue has two rows: the plugin and the guard with the same name.
     SELECT array_agg(id ORDER BY id) INTO ids
     FROM (SELECT min(plugin_id) AS id,
                  rank() OVER (ORDER BY plugin_type <> 'cron',
@@ -408,8 +410,8 @@ BEGIN
 END
 $$;
 
--- The id of the plugin with this path and just this name, which is what a task of it is called. It is
--- made when the catalogue has none; without a name it is the file's.
+-- The id of the plugin with this path and exactly this name, which is also the name of its tasks.
+-- Creates it if the catalogue has none; the default name is that of the file.
 CREATE OR REPLACE FUNCTION kodu_plugin_at(path text, called text) RETURNS integer
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -417,7 +419,7 @@ DECLARE
     id integer;
 BEGIN
     SELECT min(plugin_id) INTO id
-    -- Only the index of both: a path, or a name, may stand in thousands of rows.
+    -- Uses only the index of both: thousands of rows may have the same path or name.
     FROM (SELECT * FROM kodu_plugins WHERE plugin_path || ' ' || plugin_name = path || ' ' || title
           OFFSET 0) AS alike
     WHERE plugin_path = path AND plugin_name = title AND plugin_type = 'cron';
@@ -429,8 +431,8 @@ BEGIN
 END
 $$;
 
--- The path and the name of what is to be run: of a plugin of the catalogue by its name, or of a path,
--- which is called by its file's name. What other tasks of that path are called does not matter.
+-- The path and the name of the plugin to run: of a plugin of the catalogue given by name, or of a path,
+-- whose name is that of the file. Names of other tasks with that path do not matter.
 CREATE OR REPLACE FUNCTION kodu_plugin_find(plugin text, OUT path text, OUT title text)
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 BEGIN
@@ -506,8 +508,8 @@ BEGIN
 END
 $$;
 
--- The plugin and the parameters that run a path within a time limit. The guard is where the catalogue
--- has it, else where the package puts it.
+-- The plugin and the parameters that run a path within a time limit. The guard's path is that of the
+-- catalogue, otherwise that of the package.
 CREATE OR REPLACE FUNCTION kodu_guarded(path text, called text, parameters text, timeout interval,
                                         OUT id integer, OUT arguments text)
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
@@ -624,8 +626,8 @@ BEGIN
 END
 $$;
 
--- Keeps the task from running until kodu_task_resume, over restarts of the daemon too. A run that
--- goes on, its retries included, ends first.
+-- Prevents the task from running until kodu_task_resume, also after a restart of the daemon. A run in
+-- progress, including its retries, is completed first.
 CREATE OR REPLACE FUNCTION kodu_task_pause(task integer, reason text DEFAULT NULL) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -643,7 +645,7 @@ BEGIN
 END
 $$;
 
--- Lets a paused task run again, at the next of the times at which it would have run.
+-- Lets a paused task run again, at its next regular time.
 CREATE OR REPLACE FUNCTION kodu_task_resume(task integer) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -660,7 +662,7 @@ BEGIN
         PERFORM kodu_move(old, NULL);
         RETURN;
     END IF;
-    -- The end of a run that an older version of these functions paused was due in 2036.
+    -- A run that an older version of these functions paused was due in 2036 when it ended.
     UPDATE kodu_cron_plugin SET cron_last_exec = was_due
     WHERE cron_id = task AND cron_last_exec >= kodu_pause_time();
     PERFORM kodu_move(old, kodu_next_slot(COALESCE(was_due, kodu_soon()), old.cron_interval,
@@ -692,7 +694,7 @@ CREATE OR REPLACE FUNCTION kodu_task_delete(task integer) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     old kodu_cron_plugin := kodu_task_lock(task);
-    -- Not the time of a pause: the daemon keeps a purged task's record until it would have been due.
+    -- Not the time of a pause: the daemon keeps the record of a purged task until its due time.
     later timestamp := kodu_next_slot(old.cron_next_exec, old.cron_interval,
                                       kodu_soon() + interval '5 minutes');
 BEGIN
@@ -747,7 +749,7 @@ COMMENT ON COLUMN kodu_task_status.lateness IS 'Seconds since it was due; 0 befo
 COMMENT ON COLUMN kodu_task_status.last_run IS 'When the last run that has ended was due';
 
 -- Deletes the history rows older than that, of all tasks, and returns their number. The copies of the
--- outputs stay in the archive folders.
+-- outputs remain in the archive folders.
 CREATE OR REPLACE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -844,7 +846,7 @@ BEGIN
             HINT = 'Use kodu_stagger(dry_run => TRUE, longest => ''1 hour''), for example.';
     END IF;
     IF NOT dry_run THEN
-        -- The daemon waits for the whole plan rather than change rows under it.
+        -- The daemon waits until the whole plan is carried out.
         PERFORM FROM kodu_cron_plugin ORDER BY cron_id FOR NO KEY UPDATE;
     END IF;
     SELECT kodu_busiest_second(array_agg(first), array_agg(every)),
@@ -946,14 +948,15 @@ DO $$
 BEGIN
     CREATE ROLE kodu_admin NOLOGIN;
 EXCEPTION
-    -- Roles belong to the whole cluster: another database may have made it, this very moment too.
+    -- Roles belong to the whole cluster: a session of another database may have created it, even at this
+    -- moment.
     WHEN duplicate_object OR unique_violation THEN NULL;
 END
 $$;
 
--- The functions run with the rights of their caller, so these are all the rights there are. Not among
--- them: a task's status, deleting a task's row (the daemon ends at the next run of one that it has
--- loaded), changing a plugin that exists.
+-- The functions run with the rights of their caller, so these are all the rights. They do not include
+-- changing a task's status, deleting a task's row (the daemon would end at its next run) or changing an
+-- existing plugin.
 GRANT USAGE ON SCHEMA public TO kodu_admin;
 GRANT SELECT ON kodu_plugins, kodu_cron_plugin, kodu_cron_error, kodu_cron_repair, kodu_cron_pause,
                 kodu_daemon_state, kodu_task_state, kodu_task_status, kodu_schema_version TO kodu_admin;
@@ -976,7 +979,7 @@ BEGIN
         SELECT oid FROM pg_proc
         WHERE pronamespace = 'public'::regnamespace AND proname LIKE 'kodu\_%'
           AND prorettype <> 'trigger'::regtype
-          -- whoever may read the views calls these
+          -- roles that may read the views call these
           AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused')
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);

@@ -30,7 +30,7 @@ constexpr std::array<Key, 5> kDatabaseKeys = {{{"POSTGRESQL", "PGSQL_host", true
                                                {"POSTGRESQL", "PGSQL_username", true},
                                                {"POSTGRESQL", "PGSQL_pwd", false}}};
 
-/// What the daemon makes of a key, where that is hardly what the writer of the file meant.
+/// Warns of a key whose value the daemon reads differently from what the file suggests.
 void checkKey(const std::string& file, const Key& key, Findings& findings) {
   iniConfig config(file);
   const std::string value = config.getKey(key.section, key.name);

@@ -11,8 +11,8 @@
 
 namespace {
 
-// What the daemon's statements need, as the role of the INI file has it. A table that is missing
-// is a right that is missing.
+// The rights that the daemon's statements need and the role of the INI file lacks. A missing table
+// counts as a missing right.
 constexpr const char* kMissingRights = R"(
 SELECT format('%s on %s', need.privilege, need.object) AS missing
 FROM (VALUES ('SELECT', 'kodu_plugins'), ('SELECT', 'kodu_cron_plugin'),

@@ -16,8 +16,8 @@ namespace {
 
 constexpr long kShortestRetryDelay = 2;  // seconds
 
-/// The checks of one run of koductl check. Remembers what it knows of plugins, since many tasks
-/// share one.
+/// The checks of one run of koductl check. Caches the results for plugins, because many tasks share
+/// one.
 class TaskCheck {
  public:
   TaskCheck(const DaemonIdentity& identity, Findings& list) : daemon(identity), findings(list) {}
@@ -39,8 +39,7 @@ class TaskCheck {
   }
 
  private:
-  /// What makes the loader leave the row out, or the database's own limits where the schema is an
-  /// older one.
+  /// Finds rows that the loader skips, or that exceed the database's limits in an older schema.
   void lookAtRow(const Task& task) {
     if (task.id < 0) {
       findings.addError("refused by the daemon: the id is negative", task.id);
@@ -61,7 +60,7 @@ class TaskCheck {
     }
   }
 
-  /// What the tables refuse by now, in rows that are older.
+  /// Finds older rows that the tables would now refuse.
   void lookAtLimits(const Task& task) {
     if (task.isIntervalUneven) {
       findings.addError(

@@ -1,4 +1,4 @@
-// koductl check: what keeps the daemon or its tasks from working.
+// koductl check: finds what prevents the daemon or its tasks from working.
 
 #include <fmt/format.h>
 
@@ -62,7 +62,7 @@ void printAsJson(const Findings& findings, const std::vector<Task>& next) {
   printJson(json);
 }
 
-/// Looks at everything that can be reached; a file or a database that cannot is a finding itself.
+/// Checks everything that can be reached; an unreachable file or database is itself a finding.
 std::vector<Task> lookAtAll(const Options& options, Findings& findings) {
   try {
     const DaemonConfig config = readConfig(options.configFile, options.user);

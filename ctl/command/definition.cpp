@@ -20,14 +20,14 @@
 
 namespace {
 
-/// What is said of a file that cannot be run; nothing of one that can.
+/// The warning about a file that cannot be run; nothing for one that can.
 std::optional<std::string> whyNotRun(const std::string& path, const DaemonIdentity& daemon) try {
   const AsDaemon rights(daemon);
   const auto reason = whyNotExecutable(path, daemon.directory);
   return reason ? std::optional(fmt::format("user {} cannot run {} here: {}", daemon.userName(),
                                             path, *reason))
                 : std::nullopt;
-} catch (const Failure& e) {  // of a root without all rights; the task is changed already
+} catch (const Failure& e) {  // for a root user without all rights; the task is already changed
   return e.what();
 }
 

@@ -1,4 +1,4 @@
-// koductl explain: what is going on with one task, in sentences.
+// koductl explain: describes the state of one task in sentences.
 
 #include <string>
 #include <vector>
@@ -25,7 +25,8 @@ int runExplain(const Options& options) {
   context.isConnected = isDaemonConnected(session);
   context.workers = stringToInt(session.config.threadNumber);
   context.workload = countRunning(session);
-  // Who writes rows or outputs chooses what is read: with root's rights that would be any file.
+  // Writers of rows and outputs choose which file is read: with root's rights, it could be any
+  // file.
   const AsDaemon rights(context.daemon);
   if (const auto runs = readFailedRuns(session, task, 1); !runs.empty()) {
     context.failureText = firstLineOf(runs.front().path);

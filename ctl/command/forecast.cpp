@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::size_t kShownMinutes = 10;
 
-/// A minute that is to come.
+/// A minute in the future.
 struct Minute {
   std::string time, busiestSecond;  // UTC; no busiest second where nothing is due
   long runs = 0, busiestRuns = 0, workers = 0;

@@ -67,7 +67,8 @@ int runHistory(const Options& options) {
   Session session(options);
   session.makeReadOnly();
   const Task task = readTask(session, options.id);
-  // Who writes rows or outputs chooses what is read: with root's rights that would be any file.
+  // Writers of rows and outputs choose which file is read: with root's rights, it could be any
+  // file.
   const AsDaemon rights(findDaemon(session.config));
   const std::vector<FailedRun> runs = readFailedRuns(session, task, options.count);
   if (options.asJson) {

@@ -59,7 +59,7 @@ void printText(const std::string& text) {
   printOutput(isTerminal() && isLineOpen ? text + "\n" : text);
 }
 
-/// What tells one run's output from the next: the daemon writes it over the former one.
+/// Distinguishes the outputs of two runs: the daemon overwrites the file.
 struct Version {
   timespec changed{};
   off_t size = -1;
@@ -120,7 +120,8 @@ int runOutput(const Options& options) {
     path = pathOf(session, *task, options.archived);
     daemon = findDaemon(session.config);
   }
-  // Who writes rows or outputs chooses what is read: with root's rights that would be any file.
+  // Writers of rows and outputs choose which file is read: with root's rights, it could be any
+  // file.
   const AsDaemon rights(daemon);
   if (options.follow) {
     follow(*task, path, options.asJson);

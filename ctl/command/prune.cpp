@@ -28,7 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A name that a younger row has too stays: its file is the younger one's.
+// A name that a newer row has too is kept: its file belongs to the newer row.
 constexpr const char* kOldRows = R"(
 SELECT cron_id, cron_logfile FROM kodu_cron_error AS old
 WHERE cron_date < now() - $1::interval
@@ -49,13 +49,13 @@ std::vector<fs::path> pathsOfOldRows(Session& session, const std::string& olderT
   return paths;
 }
 
-/// What has become of the files.
+/// The number and size of the deleted files.
 struct Removal {
   long files = 0;
   std::uintmax_t bytes = 0;
 };
 
-/// Before anything changes: each folder either is not there, or files can be removed from it.
+/// Called before anything changes: each folder is either missing, or files can be removed from it.
 void requireAccess(const std::vector<fs::path>& paths, const std::string& outputDirectory) {
   std::set<fs::path> folders = {outputDirectory};
   for (const fs::path& path : paths) {
@@ -63,7 +63,7 @@ void requireAccess(const std::vector<fs::path>& paths, const std::string& output
   }
   for (const fs::path& folder : folders) {
     struct stat status {};
-    // The output folder itself is there wherever the daemon works.
+    // The output folder itself exists on the daemon's machine.
     const bool isMissing = stat(folder.c_str(), &status) != 0 && errno == ENOENT;
     if (isMissing && folder != outputDirectory) {
       continue;
@@ -78,7 +78,7 @@ void requireAccess(const std::vector<fs::path>& paths, const std::string& output
   }
 }
 
-/// A file that is gone already is none to be removed: a former prune was interrupted.
+/// A missing file is not an error: an earlier prune was interrupted.
 void removeFile(const fs::path& path, Removal& removal) {
   struct stat status {};
   const bool isThere = lstat(path.c_str(), &status) == 0;
@@ -102,19 +102,20 @@ long deleteRows(Session& session, const std::string& olderThan) {
       .number(0, "result");
 }
 
-/// Has the database say all that it has against it, before the first file goes. Rolled back at
-/// once: the daemon's purge would wait for the rows until all files are removed, and every task
-/// with it.
+/// Lets the database raise its errors before the first file is deleted. Rolled back at once:
+/// otherwise the daemon's purge, and with it every task, would wait for the rows until all files
+/// are removed.
 void rehearse(Session& session, const std::string& olderThan) {
   session.query("BEGIN");
   deleteRows(session, olderThan);
   session.query("ROLLBACK");
 }
 
-/// Removes the files, then their rows, and returns the number of rows. Interrupted anywhere, it
-/// leaves the rows of all files that are still there, so that the next prune finds them.
+/// Removes the files, then their rows, and returns the number of rows. If it is interrupted, the
+/// rows of all remaining files are kept, so that the next prune finds them.
 long removeOld(Session& session, const std::string& olderThan, Removal& removal) {
-  // In one transaction now() is one moment: a row that grows too old meanwhile stays with its file.
+  // now() does not change within a transaction: a row that becomes too old meanwhile is kept with
+  // its file.
   session.query("BEGIN");
   // Removing many files takes longer than the server keeps an idle transaction.
   session.query("SET LOCAL idle_in_transaction_session_timeout = 0");

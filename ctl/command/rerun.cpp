@@ -1,5 +1,5 @@
-// koductl rerun: a task's plugin once more, as the daemon runs it, with the outcome on the terminal
-// instead of in the database.
+// koductl rerun: runs a task's plugin as the daemon does and prints the outcome instead of storing
+// it.
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -58,7 +58,7 @@ const char* wordFor(int code) {
   }
 }
 
-/// A plugin of the daemon has nothing to read.
+/// A plugin of the daemon has no input.
 void closeInput() {
   const int nothing = open("/dev/null", O_RDONLY);
   dup2(nothing, STDIN_FILENO);
@@ -97,7 +97,7 @@ void leaveTerminal() {
 Run runOnce(const std::shared_ptr<serviceCron>& record) {
   using Clock = std::chrono::steady_clock;
   Run run;
-  // What the plugin writes to a terminal by itself would not be made printable.
+  // Text that the plugin writes directly to a terminal would not be made printable.
   std::optional<CapturedErrors> errors;
   if (isatty(STDERR_FILENO) == 1) {
     errors.emplace();
@@ -142,7 +142,8 @@ void printComparison(const Task& task, const Run& run, const std::optional<std::
     print("--- the same as the stored output, {}\n", task.outputPath());
     return;
   }
-  // The daemon does not cut the file, so a shorter output has the end of a longer one behind it.
+  // The daemon does not truncate the file, so a shorter output is followed by the end of a longer
+  // one.
   if (stored->starts_with(run.output)) {
     print("--- the same as the stored output, {}, except for {} left from an older, longer one\n",
           task.outputPath(),
@@ -193,7 +194,7 @@ int runRerun(const Options& options) {
   std::optional<Task> task;
   DaemonIdentity daemon;
   {
-    // Closed before the plugin starts: nothing of the session shall reach it.
+    // Closed before the plugin starts, so that the plugin gets nothing of the session.
     Session session(options);
     session.makeReadOnly();
     task = readTask(session, options.id);

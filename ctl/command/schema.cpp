@@ -1,4 +1,4 @@
-// koductl schema: the version of the database's tables, and the way to the next.
+// koductl schema: shows or upgrades the version of the database's tables.
 
 #include <string>
 #include <vector>
@@ -18,7 +18,7 @@ namespace {
 
 enum SchemaExit { kCurrent = 0, kBehind = 1, kNewer = 2 };
 
-/// A migration that the database has, or that it waits for.
+/// A migration that is applied or pending.
 struct Step {
   int version = 0;
   std::string title, appliedAt, appliedBy;  // the last two empty: pending

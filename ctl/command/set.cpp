@@ -1,4 +1,4 @@
-// koductl set: changes what is given of a task.
+// koductl set: changes the given settings of a task.
 
 #include "ctl/command/commands.h"
 #include "ctl/command/definition.h"

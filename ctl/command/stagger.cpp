@@ -25,7 +25,7 @@ struct Plan {
 };
 
 Plan readPlan(const Options& options, Session& session) {
-  session.query("SET client_min_messages = warning");  // the notice says what the plan says
+  session.query("SET client_min_messages = warning");  // the notice would repeat the plan
   const Rows rows = Call("kodu_stagger")
                         .with("dry_run", "boolean", options.apply ? "false" : "true")
                         .with("longest", "interval", options.longest)

@@ -58,7 +58,7 @@ constexpr auto kRight = Table::Align::kRight;
 using Columns = std::vector<Table::Column>;
 using Cells = std::vector<Table::Cell>;
 
-/// What stands in each table of tasks: how a task fares.
+/// The columns of every table of tasks: the state of a task.
 const Columns kStateColumns = {{"ID", kRight},   {"NAME"},     {"STATUS"},
                                {"LATE", kRight}, {"LAST DUE"}, {"NEXT DUE"}};
 void addState(Cells& line, const Task& task) {
@@ -91,13 +91,13 @@ std::string pauseCell(const Pause& pause, long now) {
 }
 
 const Columns kOutputColumns = {{"FAILED 24H", kRight}, {"OUTPUT"}};
-/// A file that is there before the task's first run belonged to another.
+/// A file that exists before the task's first run belonged to another task.
 void addOutput(Cells& line, const Task& task) {
   line.emplace_back(std::to_string(task.failuresDay));
   line.emplace_back(task.status ? firstLineOf(task.outputPath()) : "");
 }
 
-/// A last column of its own, where there is something to say in it.
+/// The last column exists only when a task is paused.
 bool hasPause(const std::vector<Task>& tasks) {
   return std::any_of(tasks.begin(), tasks.end(), [](const Task& task) { return task.isPaused(); });
 }
@@ -111,7 +111,7 @@ Table tableOf(const std::vector<Task>& tasks, const Options& options) {
     columns.push_back({"PAUSED"});
   }
   Table table(std::move(columns));
-  std::optional<AsDaemon> rights;  // with root's own, who writes rows could have any file shown
+  std::optional<AsDaemon> rights;  // with root's rights, a writer of rows could have any file shown
   if (options.withOutput) {
     rights.emplace(findDaemon(readConfig(options.configFile, options.user)));
   }
@@ -157,8 +157,8 @@ void printTasks(const std::vector<Task>& tasks, const Options& options) {
   print("{}\n", headline(tasks));
 }
 
-/// Draws over the former picture, line by line, so that nothing flickers; what does not fit into
-/// the terminal's height is counted instead of shown.
+/// Draws over the previous screen line by line to avoid flicker. Lines that do not fit the
+/// terminal's height are counted instead of shown.
 void draw(const std::vector<Task>& tasks, const Options& options) {
   const TerminalSize size = terminalSize();
   const std::vector<std::string> lines = tableOf(tasks, options).render(size.columns);
@@ -173,7 +173,7 @@ void draw(const std::vector<Task>& tasks, const Options& options) {
   print("{}\x1b[J", Styled(screen));
 }
 
-/// Ctrl-C is how a watch ends: with the cursor back, and as a success.
+/// Ctrl-C ends a watch: it restores the cursor, and the exit status is 0.
 void endWatch(int) {
   constexpr std::string_view kShowCursor = "\x1b[?25h\n";
   if (isatty(STDOUT_FILENO) == 1) {
@@ -183,8 +183,8 @@ void endWatch(int) {
   _exit(0);
 }
 
-/// The tasks, over a new session when the former one was lost; nothing while there is none to be
-/// had: `failure` says why.
+/// The tasks, read in a new session when the previous one was lost; nothing when there is none,
+/// with the reason in `failure`.
 std::optional<std::vector<Task>> look(std::optional<Session>& session, const Options& options,
                                       std::string& failure) {
   try {
@@ -233,7 +233,7 @@ void showFailure(const std::string& failure, bool isDrawn) {
 }  // namespace
 
 int runStatus(const Options& options) {
-  // A watch ends at a failure here, too: a wrong configuration does not heal.
+  // A watch ends at a failure here too: a wrong configuration does not become right by waiting.
   std::optional<Session> session(std::in_place, options);
   session->makeReadOnly();
   if (options.watch) {

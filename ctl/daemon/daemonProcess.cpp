@@ -29,10 +29,10 @@ std::string configArgument(std::vector<std::string> arguments) {
   }
   pointers.push_back(nullptr);
   std::string path = pathToConfigFile;
-  optind = 0;  // begins anew
+  optind = 0;  // restarts the scan
   opterr = 0;
   const auto count = static_cast<int>(arguments.size());
-  // Nothing else in koductl reads a command line with it, and there is one thread.
+  // koductl uses getopt only here, and has one thread.
   for (int option = 0;  // NOLINTNEXTLINE(concurrency-mt-unsafe)
        (option = getopt(count, pointers.data(), "f:D")) != -1;) {
     if (option == 'f') {
@@ -44,13 +44,14 @@ std::string configArgument(std::vector<std::string> arguments) {
 
 bool hasConfig(pid_t process, const std::string& mainFile) {
   std::error_code error;
-  // A path that is relative is so to the daemon's directory; joining drops it for an absolute one.
+  // A relative path starts at the daemon's directory; joining ignores the directory for an absolute
+  // one.
   return fs::equivalent(fs::path(directoryOf(process)) / configArgument(argumentsOf(process)),
                         mainFile, error);
 }
 
-/// Where the daemon's executable may lie: beside koductl in a folder of builds, and where the
-/// package, or an installation by hand, puts the one that belongs to this koductl.
+/// The possible paths of the daemon's executable: beside koductl in a build folder, and where the
+/// package or a manual installation puts the daemon of this koductl.
 std::vector<fs::path> executables() {
   std::error_code error;
   const fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();
@@ -63,7 +64,7 @@ bool runsDaemon(pid_t process) {
                              [&](const fs::path& path) { return isRunning(process, path); });
 }
 
-/// True when writing the log proves something: not everybody may, and it is no device.
+/// True when writing the log is evidence: it is a regular file and not writable by all users.
 bool isLogGuarded(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
@@ -87,7 +88,7 @@ std::vector<pid_t> writersOfLog(const DaemonConfig& config) {
       parents.push_back(parent);
     }
   }
-  // The daemon's child is a copy of it until it has become a plugin.
+  // A child of the daemon has its executable and descriptors until it executes a plugin.
   std::vector<pid_t> daemons;
   for (std::size_t i = 0; i < found.size(); ++i) {
     if (std::ranges::count(found, parents[i]) == 0) {
@@ -103,7 +104,7 @@ std::optional<pid_t> findService(const DaemonConfig& config) {
   if (!process || !hasConfig(*process, config.mainFile)) {
     return std::nullopt;
   }
-  // Who may not see its executable cannot take its rights either.
+  // A user who may not read its executable cannot take its rights either.
   if (const std::string path = executableOf(*process); !path.empty() && !runsDaemon(*process)) {
     throw Failure(
         kNotPermitted,
@@ -246,7 +247,7 @@ AsDaemon::AsDaemon(const DaemonIdentity& identity) {
   ownGroup = getegid();
   ownGroups = groupsOfThisProcess();
   isTaken = true;
-  // In this order: the user last, since nobody else may change groups.
+  // In this order: groups can be changed only before the user is.
   if (setgroups(identity.groups.size(), identity.groups.data()) != 0 ||
       setegid(identity.gid) != 0 || seteuid(identity.uid) != 0) {
     throw Failure(kNotPermitted, "cannot take the rights of user " + identity.userName());

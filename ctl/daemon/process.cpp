@@ -45,7 +45,7 @@ void readField(std::istringstream& fields, ProcessStatus& status) {
   }
 }
 
-/// Whether the descriptor that an entry of /proc/PID/fdinfo tells of is open for writing.
+/// Whether the descriptor of an entry of /proc/PID/fdinfo is open for writing.
 bool isForWriting(const fs::path& information) {
   std::ifstream file(information);
   for (std::string name, value; file >> name >> value;) {
@@ -122,7 +122,7 @@ std::string executableOf(pid_t process) {
 
 bool isRunning(pid_t process, const fs::path& executable) {
   struct stat file {};
-  // By the file itself: what stands in the link is the path in the process's own file system.
+  // Compares the file itself: the link contains the path in the process's own file system.
   return (stat(executable.c_str(), &file) == 0 && isSameFile(file, entryOf(process) / "exe")) ||
          executableOf(process) == fmt::format("{} (deleted)", executable.string());
 }

@@ -15,7 +15,7 @@ namespace {
 
 constexpr const char* kSystemctl = "/usr/bin/systemctl";
 
-/// What systemctl is to do once it is started: nothing but to write into the pipe.
+/// The descriptors of systemctl: its standard output is the pipe, the others are /dev/null.
 class Redirections {
  public:
   explicit Redirections(int output) {
@@ -47,7 +47,7 @@ std::string readAll(int file) {
 std::string askSystemctl() {
   std::array<const char*, 6> arguments = {
       kSystemctl, "show", "--property=MainPID", "--value", "koducron.service", nullptr};
-  // Nothing of the caller's environment decides whom systemctl asks.
+  // The caller's environment must not decide which service manager systemctl asks.
   std::array<char*, 1> environment = {nullptr};
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {

@@ -23,7 +23,7 @@ std::string lastError() {
   return std::strerror(errno);
 }
 
-/// Why the kernel would not take the file's content for a program; nothing when it cannot be read.
+/// Why the kernel would not execute the file's content; nothing when it cannot be read.
 std::optional<std::string> whyNoProgram(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   std::string begin;

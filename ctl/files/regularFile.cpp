@@ -14,7 +14,7 @@
 
 namespace {
 
-/// A descriptor that is closed when it goes.
+/// A descriptor that is closed on destruction.
 class Descriptor {
  public:
   explicit Descriptor(int opened) : number(opened) {}
@@ -49,8 +49,9 @@ std::optional<std::string> waitingKind(mode_t mode) {
 }
 
 std::string readRegularFile(const std::string& path, std::size_t most) {
-  // Looked at before it is opened, since opening alone may move a device; and again as opened,
-  // since another file may have taken its place, which O_NONBLOCK keeps from being waited for.
+  // Checked before it is opened, because opening can have effects on a device. Checked again after
+  // it is opened, because another file may have replaced it; O_NONBLOCK prevents waiting for that
+  // one.
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) {
     refuseFor(errno, path);

@@ -13,7 +13,7 @@ constexpr const char* kMayCall = R"(
 SELECT bool_or(has_function_privilege(oid, 'EXECUTE')) AS allowed, current_user AS role
 FROM pg_proc WHERE proname = $1 AND pronamespace = 'public'::regnamespace)";
 
-/// Asked first, since the server's own refusal comes in its own language.
+/// Checked first, because the server's own message is in its language.
 void requireRight(Session& session, const std::string& function) {
   const Rows answer = session.query(kMayCall, {function});
   if (answer.isNull(0, "allowed")) {

@@ -20,7 +20,7 @@
 
 namespace {
 
-/// Before the first lookup, since the reader's own message does not say why.
+/// Called before the first lookup, because the reader's message does not give the reason.
 void requireReadable(const std::string& path, const std::string& advice) {
   struct stat status {};
   const auto kind = stat(path.c_str(), &status) == 0 ? waitingKind(status.st_mode) : std::nullopt;
@@ -34,7 +34,7 @@ void requireReadable(const std::string& path, const std::string& advice) {
       fmt::format("cannot read {}: {}; {}", path, kind.value_or(std::strerror(error)), advice));
 }
 
-/// `value` as libpq reads it behind a "=".
+/// `value` in the form that libpq reads after a "=".
 std::string quoted(const std::string& value) {
   std::string text = "'";
   for (const char c : value) {
@@ -64,7 +64,7 @@ bool isInEnvironment(const char* name) {
   return value != nullptr && *value != '\0';
 }
 
-/// For a role of the caller's own, whose password is not in the file.
+/// For a role of the caller, whose password is not in the file.
 void requireDatabaseInEnvironment(const DaemonConfig& config) {
   if (!isInEnvironment("PGDATABASE") && !isInEnvironment("PGSERVICE")) {
     throw Failure(
@@ -89,7 +89,7 @@ DaemonConfig readConfig(const std::string& mainFile, const std::string& user) {
   if (config.outputDirectory.empty()) {
     config.outputDirectory = log_directory;
   }
-  // The daemon puts a slash of its own behind it: its "output//1_last.txt" is this very file.
+  // The daemon appends a slash: its "output//1_last.txt" is the same file.
   while (config.outputDirectory.size() > 1 && config.outputDirectory.ends_with('/')) {
     config.outputDirectory.pop_back();
   }
@@ -117,8 +117,9 @@ std::string connectionString(const DaemonConfig& config, const std::string& user
   if (!config.isDatabaseFileRead) {
     return own + " user=" + quoted(user);
   }
-  // Unquoted, as the daemon inserts them: a value may bring further settings of libpq with it. Ours
-  // stand first, so that those win; the healthcheck does not take a kodu_ session for the daemon.
+  // Unquoted, as in the daemon: a value can contain further settings of libpq. koductl's own
+  // settings come first, so that the file's values win. The healthcheck does not count a kodu_
+  // session as the daemon.
   const std::string place =
       fmt::format("{} host={} port={} dbname={}", own, config.host, config.port, config.database);
   if (!user.empty()) {

@@ -9,17 +9,17 @@
 
 namespace {
 
-// What this session may take for one statement, which nothing but a server that hangs needs.
+// The limit for one statement of this session; only a server that hangs needs that long.
 constexpr std::chrono::seconds kPatience{2};
 
-// Nothing that it does may wait itself.
+// Its own statements must not wait.
 constexpr const char* kSettings = R"(
 SELECT set_config('search_path', $1, false), set_config('client_encoding', 'UTF8', false),
        set_config('lock_timeout', '200ms', false), set_config('statement_timeout', '1s', false),
        set_config('default_transaction_read_only', 'on', false))";
 
-// A session that waits for a row has the lock of the tuple already, or waits for that, while it
-// waits for the end of the other's transaction: the tuple tells more.
+// A session that waits for a row waits for the end of the other transaction. It also has, or waits
+// for, the lock of the tuple, which is more informative.
 constexpr const char* kLock = R"(
 SELECT locktype, coalesce(relation::regclass::text, ''), format('(%s,%s)', page, tuple)
 FROM pg_locks AS wanted
@@ -27,8 +27,8 @@ WHERE pid = $1::int AND (NOT granted OR locktype = 'tuple')
   AND EXISTS (SELECT FROM pg_locks WHERE pid = wanted.pid AND NOT granted)
 ORDER BY locktype = 'tuple' DESC LIMIT 1)";
 
-// Those at the end of the chain: a session in between waits itself. A role sees the number and the
-// role of all sessions, more only of its own.
+// The sessions at the end of the chain: those in between wait themselves. A role sees the pid and
+// role of all sessions, and further columns only of its own.
 constexpr const char* kHolders = R"(
 WITH RECURSIVE chain (pid) AS (
     SELECT unnest(pg_blocking_pids($1::int))
@@ -58,7 +58,7 @@ std::string cell(const ResultPtr& result, int row, int column) {
   return PQgetvalue(result.get(), row, column);
 }
 
-/// The id of the row at a place of a table; "" for tables whose rows nobody knows by an id.
+/// The id of the row at a position of a table; "" for tables without such ids.
 std::string idOfRow(PGconn* connection, const std::string& table, const std::string& place) {
   const char* sql = table == "kodu_cron_plugin"
                         ? "SELECT cron_id FROM kodu_cron_plugin WHERE ctid = $1::tid"
@@ -79,7 +79,7 @@ std::string rowText(PGconn* connection, const std::string& table, const std::str
                      table);
 }
 
-/// What the row of kLock speaks of.
+/// A description of the lock in the row of kLock.
 std::string lockTextOf(PGconn* connection, const ResultPtr& lock) {
   const std::string type = cell(lock, 0, 0);
   const std::string table = cell(lock, 0, 1);
@@ -137,7 +137,7 @@ ResultPtr replyOf(PGconn* connection) {
 bool LockWatch::isConnected() {
   if (!isTried) {
     isTried = true;
-    CapturedErrors unwanted;  // the first session has told them
+    CapturedErrors unwanted;  // the first session has printed them
     connection.reset(PQconnectdb(conninfo.c_str()));
     PQsetNoticeProcessor(
         connection.get(), [](void*, const char*) {}, nullptr);

@@ -19,7 +19,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// What a server that ends a statement in time may need to say so.
+/// The time that a server may need to report the end of a statement.
 constexpr std::chrono::seconds kGrace{5};
 
 /// "NOTICE:  task 7 is paused already" on standard error, in koductl's own form.
@@ -47,10 +47,9 @@ Connection connect(const std::string& conninfo) {
   return connection;
 }
 
-// Whatever the role or the environment says: times are UTC, names are the schema's, and nothing
-// waits for ever. kodu_daemon_state learns whose sessions are the daemon's: those of the role that
-// the INI file names. No compiling: the view of all tasks looks expensive to the planner, and is
-// not.
+// Independent of role and environment: times are UTC, names are those of the schema, and nothing
+// waits forever. kodu_daemon_state gets the role of the INI file, whose sessions are the daemon's.
+// No JIT compilation: the view of all tasks only looks expensive to the planner.
 constexpr const char* kSettings = R"(
 SELECT set_config('timezone', 'UTC', false), set_config('search_path', 'public', false),
        set_config('client_encoding', 'UTF8', false), set_config('lock_timeout', $1, false),
@@ -79,7 +78,7 @@ std::string sqlState(const ResultPtr& result) {
   return state == nullptr ? "" : state;
 }
 
-/// Whether an error is about a table, a column or a function that is not there.
+/// Whether an error is about a missing table, column or function.
 bool isAboutMissing(const std::string& state) {
   return state == "42P01" || state == "42703" || state == "42883";
 }
@@ -170,9 +169,9 @@ Rows Session::query(const std::string& sql, const std::vector<std::string>& para
   return Rows(awaitResult(statementTimeout).release());
 }
 
-/// The result of what was sent, the last of several; a failed one is thrown. A server that takes
-/// longer than `limit` seconds is given up; 0 is no limit. Meanwhile a watch looks for a lock each
-/// second, or four times within a shorter limit.
+/// The last result of what was sent; throws for a failed one. Gives up on a server that takes
+/// longer than `limit` seconds; 0 is no limit. Meanwhile a watch looks for a lock each second, or
+/// four times within a shorter limit.
 ResultPtr Session::awaitResult(int limit) {
   const std::chrono::milliseconds step(lockTimeout > 0 ? std::min(1000, lockTimeout * 250) : 1000);
   const auto end = Clock::now() + std::chrono::seconds(limit) + kGrace;

@@ -13,17 +13,17 @@
 
 namespace {
 
-// Between two tries the daemon has the tables. It is never made to wait behind a waiting upgrade.
+// Between two tries the daemon can use the tables. It never queues behind a waiting upgrade.
 constexpr std::chrono::milliseconds kPause{50};
 
 constexpr const char* kLockNotAvailable = "55P03";
 
-// What an upgrade of any release asks for, so it never changes.
+// Requested by the upgrades of all releases, so it must never change.
 constexpr const char* kTakeTurn = "SELECT pg_try_advisory_xact_lock(6420241122) AS is_mine";
 
-// Views first: who reads one holds a lock on it, and comes to the tables then. NOWAIT: a lock that
-// is waited for keeps all later ones back, the daemon's too; and who waits while it holds others
-// can meet the daemon in a deadlock, which may end the daemon.
+// Views first: a reader of a view locks it before the tables. NOWAIT: a waiting lock blocks all
+// later ones, also the daemon's, and waiting while holding other locks can cause a deadlock, which
+// may end the daemon.
 constexpr const char* kLockAll = R"(
 DO $$
 DECLARE
@@ -49,7 +49,7 @@ WHERE granted AND pid <> pg_backend_pid() AND locktype = 'relation'
 constexpr const char* kHasFunctions =
     "SELECT to_regproc('public.kodu_notify_of_task') IS NOT NULL AS has_functions";
 
-/// A transaction that goes back unless it is committed.
+/// A transaction that is rolled back unless it is committed.
 class Transaction {
  public:
   explicit Transaction(Session& owner) : session(owner) {
@@ -90,7 +90,7 @@ void takeTurn(Session& session) {
   }
 }
 
-/// False when somebody has one of the tables.
+/// False when another session uses one of the tables.
 bool lockAll(Session& session) {
   try {
     session.execute(kLockAll);
@@ -122,8 +122,8 @@ void applyMigrations(Session& session, int version) {
 }
 
 void redefine(Session& session) {
-  // A database that was given no functions gets none: their triggers notify the daemon, and a
-  // platform that notifies it too would have each new task run twice.
+  // A database without the functions gets none: their triggers notify the daemon. If a platform
+  // notifies it too, each new task would run twice.
   const bool hasFunctions = session.query(kHasFunctions).isTrue(0, "has_functions");
   session.execute(beforeSql);
   session.execute(schemaSql);
@@ -133,7 +133,7 @@ void redefine(Session& session) {
   session.execute(afterSql);
 }
 
-/// The version that was there; nothing when the tables are in use.
+/// The previous version; nothing when the tables are in use.
 std::optional<int> tryUpgrade(Session& session, bool isDryRun) {
   Transaction transaction(session);
   takeTurn(session);

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// `text` without the beginning of a character at its end, whose rest was not read.
+/// `text` without an incomplete character at its end.
 std::string withoutCutCharacter(std::string text) {
   std::size_t last = text.size();
   while (last > 0 && (static_cast<unsigned char>(text[last - 1]) & 0xc0U) == 0x80U) {

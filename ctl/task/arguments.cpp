@@ -32,7 +32,7 @@ std::string parameterString(const std::vector<std::string>& arguments) {
     refuseInexpressible(argument);
     text += fmt::format("{}{}", text.empty() ? "" : " ", quoted(argument));
   }
-  // By the daemon's own parser, whose rules alone count.
+  // Checked with the daemon's own parser, whose rules apply.
   serviceSafe record;
   record.Setparameter(text);
   if (record.GetVectorParam() != arguments) {

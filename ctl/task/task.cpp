@@ -44,7 +44,7 @@ std::optional<Pause> pauseOf(const Rows& rows, int row) {
                rows.text(row, "pause_reason")};
 }
 
-/// The row's definition, as whoever added the task has written it.
+/// The definition of the task in its row.
 Task definitionOf(const Rows& rows, int row) {
   Task task;
   task.id = static_cast<int>(rows.number(row, "id"));

@@ -8,7 +8,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-/// Beyond so many pairs of lines the whole differing part is shown as replaced.
+/// With more pairs of lines than this, the whole differing part is shown as replaced.
 constexpr std::size_t kMostPairs = 4'000'000;
 
 Lines split(const std::string& text) {

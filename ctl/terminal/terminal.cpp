@@ -32,7 +32,7 @@ bool isOneOf(std::string_view characters, char c) {
   return characters.find(c) != std::string_view::npos;
 }
 
-/// The columns that a character takes. A byte that is no UTF-8 takes one.
+/// The columns that a character takes. A byte of invalid UTF-8 takes one.
 int columnsOf(char32_t code) {
   return code == kNoCharacter ? 1 : std::max(0, wcwidth(static_cast<wchar_t>(code)));
 }

@@ -22,7 +22,7 @@ class iniConfig {
   std::string getKey(const std::string& section, const std::string& key) const;
 
   /// getKey read as a decimal int: leading blanks skipped, the rest from the first non-digit on
-  /// ignored, 0 when there is no number. Throws as getKey does.
+  /// ignored, 0 without a number. Throws as getKey does.
   int getKeyToInt(const std::string& section, const std::string& key) const;
 
   /// Every line of `section`, split at its first "=" into name and value. The map belongs to this

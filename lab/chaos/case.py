@@ -74,7 +74,7 @@ class Case:
     def excuses_of(self, task):
         """When this task alone may keep quiet. A definition that is replaced or added again during
         a run moves the next time twice, so one interval more may pass; an ADD between a life's
-        load and its LISTEN reaches nobody, and the next life loads the row."""
+        load and its LISTEN is not received, and the next life loads the row."""
         longest = max(task.interval, task.longest_interval)
         found = [(sent, sent + 2 * longest + NOTICED) for sent in task.updates + task.additions]
         was_added = task.born > self.begun + NOTICED

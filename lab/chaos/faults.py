@@ -72,7 +72,7 @@ def flood_invalid(target):
 
 
 def notify_deadly(target):
-    """An ID that is no number, or JSON that is no object, ends the process: documented."""
+    """An ID that is not a number, or JSON that is not an object, ends the process: documented."""
     payload = target.rng.choice(
         ['{"TYPE":"SERVICE","COMMAND":"ADD","ID":"7"}', '[1, 2]', '"text"'])
     target.journal.add('deadly')
@@ -144,7 +144,7 @@ def forbid_writing(target):
 
 
 def step_clock(target):
-    """Moves the daemon's wall clock, and nobody else's."""
+    """Moves the wall clock of the daemon only."""
     if target.clock is None:
         raise NotInjected('libfaketime is not installed')
     offset = target.rng.choice([-10, -6, -3, 0, 3, 6, 10])
@@ -185,7 +185,7 @@ FAULTS = {
     'SIGSTOP of the daemon for 5 s': stop_daemon,
     '5,000 notifications to be ignored': flood_ignorable,
     '5,000 UPDATE of all tasks': flood_update,
-    '5,000 notifications that are no JSON': flood_invalid,
+    '5,000 notifications that are not JSON': flood_invalid,
     'a notification that ends the process': notify_deadly,
     'ADD': add_tasks,
     'UPDATE of 5 tasks': update_tasks,

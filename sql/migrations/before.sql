@@ -1,6 +1,6 @@
--- Run by koductl schema upgrade before it loads schema.sql and functions.sql: removes what these two
--- define anew (views, functions, triggers), so that no old form of it stays behind. What an
--- administrator did to it is noted, for after.sql.
+-- Run by koductl schema upgrade before it loads schema.sql and functions.sql: drops what these two
+-- recreate (views, functions, triggers), so that no old version remains. Changes by an administrator
+-- are recorded for after.sql.
 --
 -- Names that begin with kodu_ are koducron's.
 

@@ -32,7 +32,7 @@ class OwnRoleTest : public CtlTest {
 
   std::string copy() const { return daemon.directory / "koductl"; }
 
-  /// koductl as user nobody, with the admin's password and `variables` as its environment.
+  /// koductl as the user "nobody", with the admin's password and `variables` as its environment.
   CtlResult runAsNobody(const std::string& variables, const std::string& arguments) const {
     const std::string command = "setpriv --reuid=nobody --regid=nogroup --clear-groups env -i " +
                                 variables + " PGPASSWORD=secret " + copy() + " -f " +

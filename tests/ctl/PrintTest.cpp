@@ -17,7 +17,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-// An escape, a C1 control, DEL, an override of the direction, and a byte that is no UTF-8.
+// An escape, a C1 control, DEL, an override of the direction, and a byte of invalid UTF-8.
 const std::string kNasty = "\x1b[31m \u009b31m \x7f \u202e\u2067 \xff";
 const std::string kNastyUtf8 = kNasty.substr(0, kNasty.size() - 1);
 const std::string kShownNasty = "?[31m ?31m ? ?? ?";

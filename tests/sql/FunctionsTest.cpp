@@ -49,7 +49,7 @@ class FunctionsTest : public testing::Test {
     return R"({"TYPE":"SERVICE","COMMAND":")" + command + R"(","ID":)" + std::to_string(id) + "}";
   }
 
-  /// A task that is not due while a test lasts, and that nobody has heard of.
+  /// A task that is not due during a test, without a notification.
   void insertTask(int id) {
     TaskRow row;
     row.id = id;
@@ -843,7 +843,7 @@ TEST_F(FailingTest, FailsWhileItWaitsForARetry) {
   EXPECT_EQ(failingFor(), "4");
 
   set(7, "cron_next_exec = now() - interval '1 minute'");
-  EXPECT_EQ(failingFor(), "") << "a run whose end nobody knows yet";
+  EXPECT_EQ(failingFor(), "") << "a run that has not ended yet";
 }
 
 TEST_F(FunctionsTest, PrunesOldHistory) {

@@ -47,7 +47,7 @@ class Daemon {
   pid_t pid() const { return process; }
   void signal(int number) const;
 
-  /// waitpid's status once the daemon has ended; nothing when it lives on for `limit`.
+  /// waitpid's status once the daemon has ended; nothing when it still runs after `limit`.
   std::optional<int> waitForEnd(std::chrono::seconds limit = std::chrono::seconds(30));
   bool isRunning();
 

@@ -47,7 +47,7 @@ class DaemonTest : public testing::Test {
   }
 
   /// A task due soon, at a long interval, without retries, whose plugin notes the second of its
-  /// start in its ledger and goes on with `body`.
+  /// start in its ledger and continues with `body`.
   TaskRow makeTask(int id, const std::string& body) const {
     TaskRow row;
     row.id = id;

@@ -93,8 +93,8 @@ TEST_F(CrashTest, EndsAtTheNextStatementWhenItsSessionIsGone) {
   expectResumed(1);
 }
 
-// Nobody needs the database for the two seconds between the first task and the last, while the
-// listener reads from the lost connection.
+// The database is not used for two seconds between the first task and the last, while the listener
+// reads from the lost connection.
 TEST_F(CrashTest, SurvivesALostSessionUntilItsNextStatement) {
   daemon.threadNumber = "0";
   daemon.writeConfig();

@@ -22,8 +22,8 @@ const char* const kTimedOut = "UNKNOWN - timed out after 1 s\nhanging\n";
 const char* const kLeft =
     "hanging\n[koduguard: ended processes that kept the output open after the plugin had ended]\n";
 
-/// Plugins that would take each worker out of service for ever, were it not for the guard, beside
-/// tasks that run each second.
+/// Plugins that would occupy each worker forever without the guard, beside tasks that run each
+/// second.
 class SlowGuardRoadTest : public DaemonTest {
  protected:
   void SetUp() override {

@@ -30,8 +30,8 @@ class LargeOutputTest : public DaemonTest {
     return 0;
   }
 
-  /// Runs a task that prints kSize bytes, `last` at their end, and goes on with `end`. Returns the
-  /// peak of the daemon's memory, in outputs.
+  /// Runs a task that prints kSize bytes, `last` at their end, and continues with `end`. Returns
+  /// the peak of the daemon's memory, in outputs.
   double peak(const std::string& last, const std::string& end, const std::string& status) {
     const std::string count = std::to_string(kSize - 1);
     database.insertTask(makeTask(1, "PATH=/usr/bin:/bin; head -c " + count +

@@ -226,7 +226,7 @@ TEST_F(NotificationTest, IgnoresAnUnknownType) {
                           "DEBUG#TH LISTENER# Notify Json receive :" + message));
 }
 
-/// A "COMMAND" that nobody acts on.
+/// A "COMMAND" that is ignored.
 class IgnoredCommandTest : public NotificationTest,
                            public testing::WithParamInterface<const char*> {};
 

@@ -56,7 +56,7 @@ TEST_F(AdminThreadTest, UnblocksAllSignals) {
   EXPECT_TRUE(sigisemptyset(&mask));
 }
 
-/// What ends the process: nobody catches what a purge throws.
+/// Tests that end the process: exceptions of a purge are not caught.
 class AdminThreadCrashTest : public AdminThreadTest {
  protected:
   static void runAdminThread() { std::thread(th_admin).join(); }

@@ -362,7 +362,7 @@ TEST_F(ListenerTest, TakesWhatCameWhileAnotherThreadsStatementHung) {
   EXPECT_TRUE(waitUntil([] { return isLoaded(8); }));
 }
 
-// Nobody catches what the subscription throws.
+// Exceptions of the subscription are not caught.
 using ListenerCrashTest = ListenerTest;
 
 TEST_F(ListenerCrashTest, EndsTheProcessWhenTheSubscriptionFails) {

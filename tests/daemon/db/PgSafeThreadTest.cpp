@@ -216,7 +216,7 @@ TEST_F(PgSafeThreadTest, LosesNoReplyToAPollerOfNotifications) {
     database.query("NOTIFY test, '" + std::to_string(n) + "'");
   }
 
-  // A thread that waits for ever cannot be joined: leaving with it running ends the test at once.
+  // A thread that waits forever cannot be joined: leaving while it runs ends the test at once.
   ASSERT_TRUE(waitUntil([&] { return running == 0; }, std::chrono::seconds(45)));
   ASSERT_TRUE(waitUntil([&] { return received == kNotifications; }, std::chrono::seconds(45)));
   poller.join();
@@ -225,7 +225,7 @@ TEST_F(PgSafeThreadTest, LosesNoReplyToAPollerOfNotifications) {
   }
 }
 
-// Port 1 of the loopback address: nobody listens there.
+// Port 1 of the loopback address, where no server listens.
 constexpr const char* kNobody = "host=127.0.0.1 port=1 dbname=d user=u";
 
 TEST(PgSafeThreadConnectTest, ThrowsLibpqsMessageAndANewline) {

@@ -412,7 +412,7 @@ TEST_F(ExecuteTest, TakesStandardErrorAloneForSilence) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "not captured\n");
 }
 
-// Text that is no UTF-8.
+// Text that is not valid UTF-8.
 TEST_F(ExecuteTest, ReplacesEachInvalidSequenceByOneBlank) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"a\xFFz", "a z"},                                      // never in UTF-8
