@@ -66,8 +66,8 @@ CREATE OR REPLACE TRIGGER kodu_task_changing
            NEW.cron_retries_interval, NEW.cron_parameter))
     EXECUTE FUNCTION kodu_remember_change();
 
--- A plugin's name and path are part of each of its tasks. Of a task in a run the daemon is told at the
--- run's end, where whoever changes the plugin has a right to the column that says so.
+-- A plugin's name and path are part of each of its tasks. The daemon is told of a task in a run at the
+-- run's end, if the role that changes the plugin has a right to cron_changed.
 CREATE OR REPLACE FUNCTION kodu_notify_of_plugin() RETURNS trigger
 LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
 BEGIN

@@ -65,8 +65,8 @@ void closeInput() {
   close(nothing);
 }
 
-/// Goes on in a child, whose end this process waits for and hands on.
-void goOnInChild() {
+/// Continues in a child. This process waits for the child and exits with its status.
+void continueInChild() {
   const pid_t child = fork();
   if (child == 0) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -85,7 +85,7 @@ void goOnInChild() {
 void leaveTerminal() {
   // Whose terminal is its session's leader's: Ctrl-C would end with it.
   if (getsid(0) == getpid()) {
-    goOnInChild();
+    continueInChild();
   }
   const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
   if (terminal >= 0) {

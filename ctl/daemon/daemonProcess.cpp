@@ -169,7 +169,7 @@ void addGroupsOfUser(DaemonIdentity& identity) {
   identity.groups.resize(static_cast<std::size_t>(count));
 }
 
-/// True when nobody but root could have put the entry of a folder there, or its name.
+/// True when only root can have made the folder entry or given it its name.
 bool isRootsEntry(const fs::path& path) {
   struct stat status {};
   const bool isThere = lstat(path.c_str(), &status) == 0;

@@ -37,7 +37,7 @@ BEGIN
       AND NOT COALESCE(starts_with(tgname, 'kodu_'), FALSE)
     LIMIT 1;
     IF FOUND THEN
-        RAISE EXCEPTION 'the % uses what the upgrade has to make anew', theirs USING
+        RAISE EXCEPTION 'the % uses what the upgrade recreates', theirs USING
             HINT = 'Drop it, upgrade, and create it again.';
     END IF;
 END

@@ -253,7 +253,7 @@ TEST_F(UpgradeTest, RefusesToTakeWhatAnAdministratorBuiltOnIt) {
       " SELECT count(*) FROM kodu_task_status WHERE lateness > 5; END");
   CtlResult result = schema({"upgrade"});
   EXPECT_EQ(result.exitCode, 65) << result.out;
-  EXPECT_THAT(result.err, HasSubstr("the function late() uses what the upgrade has to make anew"));
+  EXPECT_THAT(result.err, HasSubstr("the function late() uses what the upgrade recreates"));
 
   database.query(
       "DROP FUNCTION late(); CREATE TABLE mine (cron_id integer); CREATE TRIGGER told AFTER INSERT"
@@ -299,7 +299,7 @@ TEST_F(UpgradeTest, GoesBackWhereAStatementFails) {
   const std::string before = dump(database, "before.sql");
   const CtlResult result = schema({"upgrade"});
   EXPECT_EQ(result.exitCode, 65);
-  EXPECT_THAT(result.err, HasSubstr("the view mine uses what the upgrade has to make anew"));
+  EXPECT_THAT(result.err, HasSubstr("the view mine uses what the upgrade recreates"));
   expectEqual(before, dump(database, "after.sql"));
 }
 
