@@ -176,7 +176,7 @@ TEST_F(DaemonProcessTest, TakesNoFileOfRootsForTheLogBecauseOfALink) {
   ASSERT_EQ(lchown(daemon.logPath().c_str(), nobody(), nobody()), 0);
   const CtlResult result = run({"rerun", "1"});
   EXPECT_EQ(result.exitCode, 77);
-  EXPECT_THAT(result.err, HasSubstr("its files do not tell its user"));
+  EXPECT_THAT(result.err, HasSubstr("its files do not show its user"));
 }
 
 TEST_F(DaemonProcessTest, TakesNoFileOfRootsForTheLogInAFolderOfAnother) {
