@@ -38,11 +38,11 @@ TEST_F(LimitTest, NamesTheRowThatIsLockedAndWhoHasIt) {
   const auto other = transaction("SELECT kodu_task_set(7, retries => 3)");
   const std::string pid = std::to_string(PQbackendPID(other->connection));
   const std::string before = rows();
-  const CtlResult result = runAsAdmin({"--lock-timeout", "1", "set", "7", "--retries", "1"});
+  const CtlResult result = runAsAdmin({"--lock-timeout", "4", "set", "7", "--retries", "1"});
   EXPECT_EQ(result.exitCode, 69);
   EXPECT_THAT(
       result.err,
-      MatchesRegex("koductl: task 7 \\(its row of kodu_cron_plugin\\) was locked for 1 s; nothing "
+      MatchesRegex("koductl: task 7 \\(its row of kodu_cron_plugin\\) was locked for 4 s; nothing "
                    "was changed\n"
                    "the lock is held by session " +
                    pid + " of role " + admin() +
@@ -58,10 +58,10 @@ TEST_F(LimitTest, NamesTheTableThatIsLocked) {
   database.insertTask(quietTask(7));
   database.query("BEGIN");
   database.query("LOCK TABLE kodu_cron_plugin IN ACCESS EXCLUSIVE MODE");
-  const CtlResult result = run({"status", "--lock-timeout", "1"});
+  const CtlResult result = run({"status", "--lock-timeout", "4"});
   database.query("ROLLBACK");
   EXPECT_EQ(result.exitCode, 69);
-  EXPECT_THAT(result.err, HasSubstr("koductl: the table kodu_cron_plugin was locked for 1 s"));
+  EXPECT_THAT(result.err, HasSubstr("koductl: the table kodu_cron_plugin was locked for 4 s"));
   EXPECT_THAT(result.err,
               MatchesRegex(".*the lock is held by session [0-9]+ of role postgres\n.*"));
   EXPECT_EQ(result.out, "");
@@ -89,7 +89,7 @@ TEST_F(LimitTest, NamesTheSessionAtTheEndOfAChain) {
     return database.value("SELECT count(*) FROM pg_locks WHERE NOT granted AND pid = " +
                           std::to_string(PQbackendPID(second->connection))) == "1";
   }));
-  const CtlResult result = runAsAdmin({"pause", "7", "--lock-timeout", "1"});
+  const CtlResult result = runAsAdmin({"pause", "7", "--lock-timeout", "4"});
   EXPECT_EQ(result.exitCode, 69);
   EXPECT_THAT(result.err, HasSubstr("koductl: task 7 (its row of kodu_cron_plugin) was locked"));
   EXPECT_THAT(result.err, HasSubstr("the lock is held by session " +
