@@ -64,10 +64,9 @@ class PrintTest : public CtlTest {
   TaskRow nastyTask() const {
     TaskRow row = quietTask(7);
     row.name = kNastyUtf8;
-    row.path =
-        writePlugin(daemon.directory / ("plugin" + kNastyUtf8),
-                    "printf '%b' 'said \\033[31m\\n'; printf '%b' 'to err \\033[31m\\n' >&2");
-    row.parameter = "-m \"" + kNastyUtf8 + "\"";
+    row.path = writePlugin(daemon.directory / ("plugin" + kNastyUtf8),
+                           R"(printf '%b' 'said \033[31m\n'; printf '%b' 'to err \033[31m\n' >&2)");
+    row.parameter = R"(-m ")" + kNastyUtf8 + R"(")";
     row.logFile = "out" + kNastyUtf8 + "$DATE.txt";
     return row;
   }
