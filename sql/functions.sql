@@ -810,6 +810,7 @@ BEGIN
         WHERE pronamespace = 'public'::regnamespace AND proname LIKE 'kodu\_%'
           AND prorettype <> 'trigger'::regtype
           AND proname <> 'kodu_pause_time'  -- whoever may read the view calls it
+          AND proname NOT LIKE 'kodu\_ledger\_%'  -- sql/ledger.sql says who calls these
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);
         EXECUTE format('GRANT EXECUTE ON FUNCTION %s TO kodu_admin', function);
