@@ -969,7 +969,7 @@ $$;
 GRANT EXECUTE ON FUNCTION kodu_ledger_find_life, kodu_ledger_other, kodu_ledger_bucket,
                           kodu_ledger_bucket_seconds, kodu_ledger_word TO PUBLIC;
 GRANT EXECUTE ON FUNCTION kodu_ledger_summarise, kodu_ledger_prune, kodu_ledger_index,
-                          kodu_ledger_unwritten, kodu_ledger_status
+                          kodu_ledger_is_on, kodu_ledger_unwritten, kodu_ledger_status
     TO kodu, kodu_admin;
 REVOKE EXECUTE ON FUNCTION kodu_account FROM PUBLIC;
 GRANT EXECUTE ON FUNCTION kodu_account TO kodu_admin;
