@@ -252,7 +252,9 @@ BEGIN
         RETURNING life_id INTO life;
         PERFORM set_config('kodu.ledger_session', life::text, FALSE);
     END IF;
-    PERFORM set_config('kodu.life', life::text, FALSE);
+    IF life > 0 THEN
+        PERFORM set_config('kodu.life', life::text, FALSE);
+    END IF;
     RETURN life;
 END
 $$;
@@ -516,68 +518,69 @@ BEGIN
 END
 $$;
 
--- Two branches for the two statements of nearly every run, which need no rights but the caller's own
--- and no setting but one; all else in a function. One trigger without a WHEN, since the server would
--- read its text out of the catalogue at each statement.
+-- Two branches for the two statements of nearly every run, which need no rights but the caller's own;
+-- all else in a function. One trigger without a WHEN, since the server would read its text out of the
+-- catalogue at each statement. Each expression costs, since the server prepares it anew in each
+-- transaction: so there are few.
 --
 -- An error in here would end the daemon, so none gets out: what cannot be written is counted in the
 -- task's row, and the first row that can be written again accounts for it. Nothing waits for a lock of
 -- the ledger for more than 100 ms, and after such a wait nothing is tried for a second.
 CREATE OR REPLACE FUNCTION kodu_ledger_note() RETURNS trigger LANGUAGE plpgsql AS $$
 DECLARE
+    life integer;
     ignored text;
+    failure text;
 BEGIN
     IF NEW.cron_next_exec = OLD.cron_next_exec THEN
         IF NEW.cron_status = 'PROCESS' AND OLD.cron_status IS DISTINCT FROM 'PROCESS'
+           AND OLD.run_due IS DISTINCT FROM OLD.cron_next_exec
            AND OLD.pause_due IS NULL THEN  -- a run begins
-            NEW.run_attempt := CASE WHEN OLD.run_due = OLD.cron_next_exec
-                                    THEN least(OLD.run_attempt, 32766) + 1 ELSE 1 END;
             NEW.run_due := OLD.cron_next_exec;
             NEW.run_started := pg_catalog.timezone('UTC', pg_catalog.clock_timestamp());
             NEW.run_ended := NULL;
+            NEW.run_attempt := 1;
             RETURN NEW;
         ELSIF NEW.cron_status IS NOT DISTINCT FROM OLD.cron_status
               AND NEW.cron_status IS DISTINCT FROM 'PROCESS'
               AND NEW.cron_interval = OLD.cron_interval THEN
             RETURN NEW;
         END IF;
-    ELSIF NEW.cron_last_exec = OLD.cron_next_exec AND NEW.cron_status <> 'PROCESS'
-          AND OLD.cron_status = 'PROCESS' AND OLD.run_ended IS NULL
-          AND OLD.ledger_to = OLD.cron_next_exec AND OLD.ledger_lost IS NULL
-          AND session_user = 'kodu' THEN  -- a run ends
-        NEW.run_ended := pg_catalog.timezone('UTC', pg_catalog.clock_timestamp());
-        IF (NEW.cron_status = 'OK') = (OLD.failing_since IS NOT NULL) THEN  -- it changes
-            NEW.failing_since := CASE WHEN OLD.failing_since IS NULL THEN NEW.run_ended END;
-        END IF;
+    ELSIF NEW.cron_last_exec = OLD.cron_next_exec AND OLD.cron_status = 'PROCESS'
+          AND OLD.ledger_to = OLD.cron_next_exec AND OLD.run_ended IS NULL
+          AND OLD.run_due IS NOT NULL AND OLD.ledger_lost IS NULL THEN  -- a run ends
         BEGIN
+            -- Of whom it is not known or no life of the daemon, the function below takes care.
+            life := pg_catalog.current_setting('kodu.life', TRUE);
+            NEW.run_ended := pg_catalog.timezone('UTC', pg_catalog.clock_timestamp());
             -- To the end of the statement, which is the daemon's whole transaction; its own row is
             -- locked by now.
             ignored := pg_catalog.set_config('lock_timeout', '100ms', TRUE);
+            -- The first letter of the status is the code of its outcome.
             INSERT INTO public.kodu_ledger (xact, due, started, ended, moved_from, moved_to, cron_id,
                                             periods, every, life, bucket, attempt, outcome)
-            VALUES (pg_catalog.pg_current_xact_id()::text::bigint, OLD.run_due, OLD.run_started,
-                    NEW.run_ended, OLD.cron_next_exec, NEW.cron_next_exec, NEW.cron_id, 1,
-                    pg_catalog.date_part('epoch', OLD.cron_interval)::integer,
-                    -- '' where the transaction that set it was rolled back
-                    COALESCE(NULLIF(pg_catalog.current_setting('kodu.life', TRUE), '')::integer,
-                             public.kodu_ledger_find_life()),
+            VALUES (pg_catalog.txid_current(), OLD.run_due, OLD.run_started, NEW.run_ended,
+                    OLD.cron_next_exec, NEW.cron_next_exec, NEW.cron_id, 1,
+                    pg_catalog.date_part('epoch', OLD.cron_interval), life,
                     public.kodu_ledger_bucket(NEW.run_ended), OLD.run_attempt,
-                    CASE NEW.cron_status WHEN 'OK' THEN 'O' ELSE 'F' END);
+                    NEW.cron_status::"char");
             NEW.ledger_to := NEW.cron_next_exec;
+            IF NEW.cron_status <> 'OK' THEN
+                NEW.failing_since := COALESCE(OLD.failing_since, NEW.run_ended);
+            ELSIF OLD.failing_since IS NOT NULL THEN
+                NEW.failing_since := NULL;
+            END IF;
             RETURN NEW;
         EXCEPTION WHEN OTHERS THEN
-            ignored := SQLSTATE;
+            failure := CASE SQLSTATE WHEN '55P03' THEN SQLSTATE END;  -- no second wait for a lock
         END;
     END IF;
 
-    IF ignored IS NULL THEN
+    IF failure IS NULL THEN
         BEGIN
-            RETURN public.kodu_ledger_other(
-                OLD, NEW,
-                COALESCE(NULLIF(pg_catalog.current_setting('kodu.life', TRUE), '')::integer,
-                         public.kodu_ledger_find_life()));
+            RETURN public.kodu_ledger_other(OLD, NEW, public.kodu_ledger_find_life());
         EXCEPTION WHEN OTHERS THEN
-            ignored := SQLSTATE;
+            failure := SQLSTATE;
         END;
     END IF;
     NEW.ledger_lost := least(COALESCE(OLD.ledger_lost, 0), 2147483646) + 1;
@@ -585,13 +588,15 @@ BEGIN
     IF NEW.cron_status <> 'PROCESS' THEN
         NEW.run_ended := COALESCE(OLD.run_ended,
                                   pg_catalog.timezone('UTC', pg_catalog.clock_timestamp()));
+        NEW.failing_since := CASE WHEN NEW.cron_status <> 'OK'
+                                  THEN COALESCE(OLD.failing_since, NEW.run_ended) END;
     ELSIF NEW.cron_next_exec = OLD.cron_next_exec THEN
         NEW.run_due := COALESCE(OLD.pause_due, OLD.cron_next_exec);
         NEW.run_started := pg_catalog.timezone('UTC', pg_catalog.clock_timestamp());
         NEW.run_ended := NULL;
         NEW.run_attempt := 1;
     END IF;
-    IF ignored <> 'KL001' THEN
+    IF failure <> 'KL001' THEN
         ignored := pg_catalog.set_config('kodu.ledger_rests_until', (
             pg_catalog.date_part('epoch', pg_catalog.clock_timestamp()) + 1)::text, FALSE);
         ignored := pg_catalog.set_config('kodu.life', '', FALSE);
@@ -834,7 +839,9 @@ BEGIN
     END LOOP;
     DELETE FROM kodu_ledger_hour WHERE hour < utc - interval '365 days';
     DELETE FROM kodu_ledger_day WHERE day < utc::date - 90;
-    DELETE FROM kodu_ledger_life WHERE began < utc - interval '400 days';
+    DELETE FROM kodu_ledger_life
+    WHERE began < utc - interval '400 days'
+      AND life_id NOT IN (SELECT max(life_id) FROM kodu_ledger_life GROUP BY host);
     UPDATE kodu_ledger_state SET pruned_at = utc;
     RETURN emptied;
 END
