@@ -332,7 +332,7 @@ DECLARE
     step timestamp := place;
     stop timestamp;
     done integer := 0;
-    upto integer;
+    reached integer;
 BEGIN
     IF is_own AND task.cron_status <> 'PROCESS'
        -- The worker looks at the next time right behind the end of its run.
@@ -346,12 +346,12 @@ BEGIN
                         target];
     END IF;
     FOR n IN 1..cardinality(reasons) LOOP
-        upto := least(ceil((date_part('epoch', bounds[n]) - first) / every), slots);
-        CONTINUE WHEN bounds[n] IS NULL OR upto <= done;
-        stop := CASE WHEN upto = slots THEN target ELSE place + task.cron_interval * upto END;
-        PERFORM kodu_ledger_put(task, life.life_id, reasons[n], step, step, stop, upto - done);
+        reached := least(ceil((date_part('epoch', bounds[n]) - first) / every), slots);
+        CONTINUE WHEN bounds[n] IS NULL OR reached <= done;
+        stop := CASE WHEN reached = slots THEN target ELSE place + task.cron_interval * reached END;
+        PERFORM kodu_ledger_put(task, life.life_id, reasons[n], step, step, stop, reached - done);
         step := stop;
-        done := upto;
+        done := reached;
     END LOOP;
     IF done = 0 THEN  -- moved back
         PERFORM kodu_ledger_put(task, life.life_id, 'c', place, place, target, 0);

@@ -14,9 +14,7 @@
 
 namespace {
 
-using testing::AnyOf;
 using testing::Contains;
-using testing::Ge;
 
 /// The running daemon with the ledger. At the end of each test, each period of each task is a run
 /// or was skipped for a reason, and each attempt that a plugin has noted is in the ledger.
@@ -95,7 +93,7 @@ TEST_F(LedgerDaemonTest, HasEachAttemptOfEachTask) {
   ASSERT_TRUE(daemon.startAndWait());
   ASSERT_TRUE(waitForOk(1, 5));
   ASSERT_TRUE(waitForOk(3, 2));
-  ASSERT_TRUE(waitUntil([&] { return database.task(2, "failing_since") != ""; }, kPatience));
+  ASSERT_TRUE(waitUntil([&] { return !database.task(2, "failing_since").empty(); }, kPatience));
 
   EXPECT_THAT(ledger.rows(1), Contains("ok #1"));
   EXPECT_THAT(ledger.rows(2), Contains("retried #1"));
@@ -286,7 +284,7 @@ class LedgerCrashTest : public testing::Test {
     const std::string conninfo = readLines(cluster + "/conninfo").at(0) + " dbname=" + database;
     PGconn* session = PQconnectdb(conninfo.c_str());
     PGresult* result = PQexec(session, sql.c_str());
-    const std::string value = PQntuples(result) == 1 ? PQgetvalue(result, 0, 0) : "";
+    std::string value = PQntuples(result) == 1 ? PQgetvalue(result, 0, 0) : "";
     PQclear(result);
     PQfinish(session);
     return value;
@@ -299,7 +297,7 @@ class LedgerCrashTest : public testing::Test {
 TEST_F(LedgerCrashTest, BlamesTheDatabaseForWhatItsCrashHasSkipped) {
   const Database database;
   const Ledger ledger(database);
-  const std::string name = database.name();
+  const std::string& name = database.name();
   Daemon daemon(database);
   TaskRow row;
   row.path = writePlugin(daemon.directory / "plugin", "echo fine");
