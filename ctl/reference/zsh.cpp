@@ -12,7 +12,7 @@ std::string quoted(const std::string& text) {
   return fmt::format("'{}'", replaceEach(text, "'", "'\\''"));
 }
 
-/// Text within the brackets, or between the colons, of a specification.
+/// Text within the brackets, or between the colons, of an _arguments entry.
 std::string escaped(const std::string& text) {
   std::string result = replaceEach(text, "\\", "\\\\");
   for (const char* special : {"[", "]", ":"}) {
