@@ -193,7 +193,8 @@ ResultPtr Session::awaitResult(int limit) {
     throw Failure(kNoDatabase, serverMessage(reason));
   }
   const ExecStatusType status = PQresultStatus(result.get());
-  if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+  // An empty query is a migration that consists of a comment.
+  if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK && status != PGRES_EMPTY_QUERY) {
     fail(result, watch);
   }
   return result;
