@@ -15,23 +15,23 @@ TEST(DiffLinesTest, IsEmptyForTheSameText) {
   EXPECT_THAT(diffLines("", ""), IsEmpty());
 }
 
-TEST(DiffLinesTest, ShowsAChangedLineAsOneThatGoesAndOneThatComes) {
+TEST(DiffLinesTest, ShowsAChangedLineAsRemovedAndAdded) {
   EXPECT_THAT(diffLines("a\nb\nc\n", "a\nB\nc\n"), ElementsAre("-b", "+B"));
 }
 
-TEST(DiffLinesTest, ShowsWhatIsAddedAtEitherEnd) {
+TEST(DiffLinesTest, ShowsLinesAddedAtEitherEnd) {
   EXPECT_THAT(diffLines("b\n", "a\nb\nc\n"), ElementsAre("+a", "+c"));
 }
 
-TEST(DiffLinesTest, KeepsWhatIsCommonInBetween) {
+TEST(DiffLinesTest, OmitsCommonLinesBetweenChanges) {
   EXPECT_THAT(diffLines("x\na\ny\nb\nz\n", "a\n1\nb\n"), ElementsAre("-x", "-y", "+1", "-z"));
 }
 
-TEST(DiffLinesTest, ShowsAllLinesOfATextAgainstNone) {
+TEST(DiffLinesTest, ShowsEveryLineAgainstAnEmptyText) {
   EXPECT_THAT(diffLines("", "a\nb"), ElementsAre("+a", "+b"));
 }
 
-TEST(DiffLinesTest, ReplacesAllWhereThereIsTooMuchToCompare) {
+TEST(DiffLinesTest, ReplacesTheWholeTextBeyondTheLimit) {
   std::string before;
   std::string after;
   for (int i = 0; i < 2100; ++i) {

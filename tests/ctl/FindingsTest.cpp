@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Processor time that so many distinct findings take, the least of five tries.
+/// Processor time for `count` distinct findings, the minimum of five tries.
 std::clock_t timeFor(int count) {
   std::clock_t least = std::numeric_limits<std::clock_t>::max();
   for (int attempt = 0; attempt < 5; ++attempt) {
@@ -37,8 +37,8 @@ TEST(FindingsTest, JoinsTheTasksOfOneText) {
   EXPECT_EQ(findings.exitCode(), 2);
 }
 
-TEST(FindingsTest, TakesTimeInProportionToTheirNumber) {
-  // 40 times as many; one by one compared with all before they would take 1600 times as long.
+TEST(FindingsTest, TakesTimeInProportionToTheFindings) {
+  // 40 times as many. Comparing each with all earlier ones would take 1600 times as long.
   EXPECT_LT(timeFor(40000), 400 * timeFor(1000));
 }
 

@@ -34,7 +34,7 @@ TEST(OneLineTest, LeavesNoControlCharacter) {
   EXPECT_EQ(oneLine("cut off \xc2"), "cut off ?");
 }
 
-/// As koductl's main sets it: what a character is depends on the locale.
+/// Sets the locale as koductl's main does: the width of a character depends on it.
 class TableTest : public testing::Test {
  protected:
   TableTest() { std::setlocale(LC_CTYPE, "C.UTF-8"); }
@@ -50,7 +50,7 @@ TEST_F(TableTest, MakesColumnsAsWideAsTheirWidestCell) {
                                       "100  a     line break"}));
 }
 
-TEST_F(TableTest, CutsLinesToAWidth) {
+TEST_F(TableTest, CutsLinesAtAWidth) {
   Table table({{"NAME"}, {"LAST"}});
   table.add({"\xc3\xa9t\xc3\xa9"s, "x"s});
   EXPECT_EQ(table.render(2).back(), "\xc3\xa9t");
@@ -62,12 +62,12 @@ TEST_F(TableTest, CountsCharactersNotBytes) {
   EXPECT_EQ(widthOf("\xc3\xa9t\xc3\xa9"), 3);
 }
 
-TEST_F(TableTest, GivesACharacterTheColumnsThatATerminalGivesIt) {
+TEST_F(TableTest, CountsTheColumnsOfATerminal) {
   EXPECT_EQ(widthOf("日本"), 4);
   EXPECT_EQ(cutTo("日本", 3), "日");
-  EXPECT_EQ(widthOf("e\u0301t"), 2);  // an accent of its own
+  EXPECT_EQ(widthOf("e\u0301t"), 2);  // a combining accent
   EXPECT_EQ(cutTo("e\u0301t", 1), "e\u0301");
-  EXPECT_EQ(widthOf("a\xff\xc3"), 3);  // no UTF-8
+  EXPECT_EQ(widthOf("a\xff\xc3"), 3);  // invalid UTF-8
 }
 
 }  // namespace
