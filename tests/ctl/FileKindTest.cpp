@@ -5,8 +5,6 @@
 #include <csignal>
 #include <string>
 
-#include "ctl/failure.h"
-#include "ctl/files/regularFile.h"
 #include "tests/ctl/CtlTest.h"
 
 namespace {
@@ -102,15 +100,6 @@ TEST_F(FileKindTest, RefusesAFifoAsAnIniFile) {
   const CtlResult result = runOrKill({"-f", fifo, "status"});
   EXPECT_EQ(result.exitCode, 78);
   EXPECT_THAT(result.err, HasSubstr("cannot read " + fifo + ": it is a FIFO"));
-}
-
-TEST(RegularFileTest, ReadsAsManyBytesAsRequested) {
-  const TempDir directory;
-  const std::string content = std::string(200000, 'a') + "b";
-  writeFile(directory / "file", content);
-  EXPECT_EQ(readRegularFile(directory / "file"), content);
-  EXPECT_EQ(readRegularFile(directory / "file", 70000), content.substr(0, 70000));
-  EXPECT_THROW(readRegularFile(directory / "none"), Failure);
 }
 
 }  // namespace
