@@ -133,7 +133,7 @@ void createQueues() {
 
 /// Everything from the signal handler to the running threads. A SIGTERM takes effect at any point
 /// of it: no step is interrupted, but the threads end when they first read the stop flag, and no
-/// purge begins. Tested by StopInStartUpTest.TakesASignalAtOnceDuringTheLoad.
+/// purge begins. Tested by StopInStartUpTest.HandlesASignalAtOnceDuringTheLoad.
 Threads startService(const iniConfig& config) {
   std::signal(SIGTERM, HandlerQuit);
   // The parent process may have left it ignored; then plugins could not be waited for. Tested by

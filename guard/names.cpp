@@ -12,7 +12,7 @@ struct Description {
 };
 
 // The C library's words, which the daemon uses for the plugins that it starts itself.
-// GuardTest.SaysWhatTheDaemonSaysOfAPluginThatCannotBeExecuted compares them.
+// GuardTest.ReportsAPluginThatCannotBeExecutedAsTheDaemonDoes compares them.
 constexpr std::array<Description, 19> kDescriptions = {{
     {EPERM, "Operation not permitted"},
     {ENOENT, "No such file or directory"},

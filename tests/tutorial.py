@@ -29,7 +29,7 @@ def split_block(lines):
 
 
 def type_command(shell, command, word):
-    """What the command printed; ends the program when it fails."""
+    """The command's output; ends the program when it fails."""
     begin = time.monotonic()
     while True:
         done = subprocess.run(shell + [command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,

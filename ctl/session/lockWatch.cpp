@@ -27,8 +27,8 @@ WHERE pid = $1::int AND (NOT granted OR locktype = 'tuple')
   AND EXISTS (SELECT FROM pg_locks WHERE pid = wanted.pid AND NOT granted)
 ORDER BY locktype = 'tuple' DESC LIMIT 1)";
 
-// The sessions at the end of the chain: those in between wait themselves. A role sees the pid and
-// role of all sessions, and further columns only of its own.
+// The sessions at the end of the chain: those in between wait themselves. A role sees pid,
+// role and application name of all sessions, and further columns only of its own.
 constexpr const char* kHolders = R"(
 WITH RECURSIVE chain (pid) AS (
     SELECT unnest(pg_blocking_pids($1::int))

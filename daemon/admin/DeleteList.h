@@ -4,6 +4,9 @@
 
 #include <list>
 
+/// The daemon does not use this class: it is part of the library's interface, for other programs
+/// that link it.
+///
 /// A list of task ids in the order of their insertion; an id can occur more than once. Any thread
 /// may call any member; each holds the list's lock for its whole duration.
 class DeleteList {

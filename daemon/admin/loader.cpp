@@ -48,7 +48,7 @@ void replace(int id, const TaskPtr& known, const TaskPtr& task) {
 /// Replaces or updates the loaded task `id`; the address of the one that was replaced, or null.
 const serviceCron* renew(int id, const TaskPtr& task) {
   // Held over the queue's push and the records' locks, so that the purge finds either the old task
-  // or the new one. Tested by LoaderTest.HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces.
+  // or the new one. Tested by LoaderTest.LocksTheMapWhileItWaitsForTheRunOfAReplacedTask.
   const std::lock_guard lock(mutexTaskMap);
   const auto entry = cronTaskMap.find(id);
   if (entry == cronTaskMap.end()) {

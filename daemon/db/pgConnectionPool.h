@@ -10,6 +10,9 @@
 
 class pgSafeThread;
 
+/// The daemon does not use this class, it has one connection: the pool is part of the library's
+/// interface, for other programs that link it.
+///
 /// A fixed number of connections of one connection string, used in strict turn, so that several
 /// threads can have statements in flight at once. Any thread may call any member. A connection is
 /// handed out whether it is busy or not; its user then waits for that connection's own lock.

@@ -23,7 +23,7 @@ int cutToInt(float value) {
 /// The whole number of intervals, rounded up, that `gapSeconds` makes.
 int intervalsIn(double gapSeconds, unsigned int interval) {
   // Through single precision, whose 24 bits drop the last partial interval of a very long gap:
-  // Tested by NextTimeTest.ComesOutOneIntervalShortAfterAYear.
+  // Tested by NextTimeTest.IsOneIntervalShortAfterAYear.
   return cutToInt(std::ceil(static_cast<float>(gapSeconds / static_cast<double>(interval))));
 }
 

@@ -25,7 +25,7 @@ class CompareTask {
 /// inside. The loader's update of a known task can change it nevertheless: the task then keeps its
 /// old position until a push or a pop moves it. Searching the heap for it would cost more than a
 /// run that is slightly early or late. Tested by
-/// CronTaskQueueTest.ReadsTheTimeWhenTheHeapIsPutInOrder.
+/// CronTaskQueueTest.ReadsTheTimeWhenTheHeapIsOrdered.
 ///
 /// A task that is marked to be dropped (ExecState 3) stays until its due time like any other: then
 /// the timer logs it and a worker drops it. For a task that only the queue still references, only

@@ -57,7 +57,7 @@ void serviceSafe::Setinterval_exec_time(unsigned int seconds) {
   const std::lock_guard lock(mutex);
   interval_exec_time = seconds;
   // An integer division: 7 s cost 42857.0, not 42857.14.
-  // Tested by ServiceSafeTest.CutsTheCostToAWholeNumber.
+  // Tested by ServiceSafeTest.TruncatesTheCostToAWholeNumber.
   const unsigned int wholeCost = kCostOfOneSecond / seconds;
   Cost = static_cast<float>(wholeCost);
 }

@@ -92,7 +92,7 @@ class serviceSafe {
   void SetStdout(std::string text);
   /// Empties the output but keeps its storage. Takes no lock: for the worker between two runs. A
   /// concurrent GetStdout copies the output, or the same number of bytes beginning with a NUL.
-  /// Tested by ServiceSafeTest.EmptiesTheOutputBesideACopyOfIt.
+  /// Tested by ServiceSafeTest.EmptiesTheOutputWhileItIsCopied.
   void clearOutput() { Stdout.clear(); }
 
   std::string Getparameter() const;

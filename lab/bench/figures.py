@@ -84,7 +84,7 @@ def notify_seconds(workload, daemon, task, samples):
 def notification(workload, count, load_seconds, samples):
     """p99 of the seconds from NOTIFY to loaded task: (while idle, while `count` runs saturate it).
 
-    The task that is loaded is the one behind the `count` that run.
+    The id of the loaded task follows those of the `count` running tasks.
     """
     due = int(time.time() + load_seconds * 1.5) + 3 + samples
     workload.make_output_files(count)

@@ -32,7 +32,7 @@ class DaemonLife:
         self._log.close()
 
     def wait_for(self, line, timeout=300):
-        """Reads the log on until a line ends like this; when that was, epoch."""
+        """Reads the log until a line ends with this text; returns its time, epoch."""
         end = time.time() + timeout
         while time.time() < end:
             self._unread += self._log.read()
@@ -64,7 +64,7 @@ class DaemonLife:
                      for name in ('VmRSS', 'VmHWM'))
 
     def wait_for_runs(self, count, seconds=300):
-        """Until the tasks 1 to count have been run to their end."""
+        """Waits until the runs of the tasks 1 to count have ended."""
         end = time.time() + seconds
         while time.time() < end:
             if self._workload.query(f'SELECT count(*) FROM kodu_cron_plugin WHERE cron_id <= {count} '

@@ -16,10 +16,11 @@ from lab.bench import figures
 from lab.bench.workload import Workload
 
 MANY = 100000
-# Of --quick. Where the scheduler places a process and its session decides whether a statement takes 50
-# or 150 us, for as long as they live: only several lives tell, and CPU time better than the clock.
+# For --quick. The placement of a process and its session by the scheduler decides whether a statement
+# takes 50 or 150 us, for their whole lifetime: only several processes give a reliable figure, and CPU
+# time a better one than the clock.
 OVERDUE, CATCH_UPS = 10000, 7
-# Of --quick: 0.8 of what the full run is to show, since one minute on a shared machine tells no more.
+# For --quick: 0.8 of the full run's target, because one minute on a shared machine is not more precise.
 LEAST = {(figures.BURST, 'rate ratio'): 0.8 * 0.95, (MANY, 'rate against few'): 0.8 * 0.90}
 MOST = {(figures.BURST, 'cpu ratio'): 1.15 / 0.8, (MANY, 'load ratio'): 2.0 / 0.8,
         (MANY, 'peak ratio'): 1.6 / 0.8, (OVERDUE, 'catch-up ratio'): 1.1 / 0.8,
@@ -27,7 +28,7 @@ MOST = {(figures.BURST, 'cpu ratio'): 1.15 / 0.8, (MANY, 'load ratio'): 2.0 / 0.
 
 
 class Table:
-    """Rows of (loaded tasks, figure, value, unit); told as they come."""
+    """Rows of (loaded tasks, figure, value, unit); printed when they are added."""
 
     def __init__(self):
         self.rows = []

@@ -1,4 +1,4 @@
-"""What is measured: tasks in the private database, and the floor that runs them too."""
+"""The measured workload: tasks in the private database, and the floor that runs them too."""
 
 import os
 import re
@@ -51,7 +51,7 @@ class Workload:
                    f"WHERE cron_id <= {count}")
 
     def make_output_files(self, count):
-        """Creating files is the file system's price, not the daemon's."""
+        """Creates the files in advance: their creation is a cost of the file system, not of the daemon."""
         self.output.mkdir(exist_ok=True)
         for number in range(1, count + 1):
             self.output_file(number).touch()

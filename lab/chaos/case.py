@@ -1,12 +1,12 @@
-"""The facts of a run in the shapes that the judge's questions need."""
+"""The data of a run, arranged for the judge's questions."""
 
 from collections import defaultdict
 
 from lab.chaos.evidence import covered_parts, failed_passes
 
-NOTICED = 5  # seconds until a notification is acted upon, at the latest, on a busy machine
-TAKEN_UP = 2.5  # the same on a quiet one: the listener looks each second
-PASS_END = 4  # seconds from a plugin's end to its history row at the most; a silent one naps first
+NOTICED = 5  # seconds until a notification takes effect, at most, on a busy machine
+TAKEN_UP = 2.5  # the same on an idle one: the listener checks each second
+PASS_END = 4  # seconds from a plugin's end to its history row, at most; without output the worker sleeps first
 
 
 class Case:
@@ -27,7 +27,7 @@ class Case:
         self.passes = {task: failed_passes(self.runs[task]) for task in self.tasks}
 
     def time(self, at):
-        """A moment as people read it: seconds from the begin."""
+        """A moment in readable form: seconds since the start."""
         return f'{at - self.begun:.1f} s'
 
     def windows(self, *kinds, after=0.0):
@@ -36,7 +36,7 @@ class Case:
                 for event in self.journal.all(*kinds)]
 
     def death_of(self, life, at):
-        """The end of the life, when it came so soon after `at` that it cut the pass short."""
+        """The end of the life, when it followed `at` so soon that it interrupted the pass."""
         stalls = self.windows('stopped')
         for event in self.ends:
             if event['pid'] == life and event['time'] >= at:
@@ -46,14 +46,14 @@ class Case:
         return None
 
     def birth(self, life):
-        """When the life before this one had ended."""
+        """The time at which the previous life had ended."""
         end = next((event['time'] for event in self.ends if event['pid'] == life), self.end)
         return max((event['time'] for event in self.ends if event['time'] < end),
                    default=self.begun)
 
     def has_twin(self, task, life, at):
-        """At that time the life still holds a definition of the task that was replaced: an ADD
-        leaves it, and an UPDATE that came between a run's taking and its start."""
+        """True when the life still has a replaced definition of the task at that time: after an ADD,
+        or after an UPDATE between the moment at which a worker took the run and its start."""
         birth = self.birth(life) - NOTICED
         begins = [run.begin for run in self.runs[task.id] if run.life == life]
         return (any(birth <= sent <= at for sent in task.additions) or
@@ -61,7 +61,7 @@ class Case:
                     for sent in task.updates for begin in begins))
 
     def outages(self):
-        """When no task, or not every task, could run."""
+        """The windows in which no task, or not every task, could run."""
         found = self.windows('fault') + self.windows('directory', after=5)
         for event in self.ends:
             ready = min((at for at in self.readies if at > event['time']),
@@ -72,9 +72,9 @@ class Case:
         return found
 
     def excuses_of(self, task):
-        """When this task alone may keep quiet. A definition that is replaced or added again during
-        a run moves the next time twice, so one interval more may pass; an ADD between a life's
-        load and its LISTEN is not received, and the next life loads the row."""
+        """The windows in which this task alone may have no run. A definition that is replaced or
+        added again during a run moves the next time twice, so one interval more may pass. An ADD
+        between a life's load and its LISTEN is not received, and the next life loads the row."""
         longest = max(task.interval, task.longest_interval)
         found = [(sent, sent + 2 * longest + NOTICED) for sent in task.updates + task.additions]
         was_added = task.born > self.begun + NOTICED

@@ -1,4 +1,4 @@
-"""The daemon under ops/supervise, and all that is seen of it from outside."""
+"""The daemon under ops/supervise, and everything that is visible of it from outside."""
 
 import os
 import re
@@ -16,14 +16,14 @@ RESTART = re.compile(r'RESTART: pid (\d+) (ended .*?); restarting')
 
 
 class SupervisedDaemon:
-    """Starts the daemon, follows its lives and notes each end in the journal."""
+    """Starts the daemon, follows its lives and records each end in the journal."""
 
     def __init__(self, command, environment, log, journal):
         self._command, self._environment = command, environment
         self._log, self._journal = log, journal
         self._supervisor = None
-        self._console = b''  # the end of what the daemon printed; guarded by _lock
-        self._words = b''  # what it printed from its terminate handler on; guarded by _lock
+        self._console = b''  # the end of the daemon's output; guarded by _lock
+        self._words = b''  # its output from the terminate handler on; guarded by _lock
         self._pid = None  # guarded by _lock
         self._lock = threading.Lock()
         self._over = threading.Event()
@@ -39,7 +39,7 @@ class SupervisedDaemon:
             threading.Thread(target=watch, daemon=True).start()
 
     def stop(self):
-        """Ends daemon and supervisor; the supervisor kills what does not end in time."""
+        """Ends daemon and supervisor; the supervisor kills processes that do not end in time."""
         self._over.set()
         if self._supervisor and self._supervisor.poll() is None:
             self._supervisor.terminate()
@@ -53,7 +53,7 @@ class SupervisedDaemon:
             return self._pid
 
     def signal(self, number):
-        """Signals the daemon alone; returns its pid, None when there is none just now."""
+        """Signals only the daemon; returns its pid, or None when it does not run."""
         pid = self.pid()
         try:
             if pid is not None:
@@ -74,10 +74,10 @@ class SupervisedDaemon:
     def _read_console(self):
         """Keeps only the end: a task that prints a megabyte fills a disk within minutes."""
         while chunk := self._supervisor.stdout.read1(1 << 16):
-            # A task's megabyte of blanks may come between the words of the terminate handler.
+            # A task's megabyte of spaces may be printed in the middle of the terminate handler's text.
             chunk = BLANKS.sub(b' ', chunk)
             with self._lock:
-                if self._words:  # other threads may print a megabyte behind it
+                if self._words:  # other threads may print a megabyte after it
                     self._words = (self._words + chunk)[:LAST_WORDS]
                 text = self._console + chunk
                 begin = text.find(TERMINATED)
@@ -90,7 +90,7 @@ class SupervisedDaemon:
             now = time.time()
             line = raw.decode(errors='replace').strip()
             if match := RESTART.search(line):
-                time.sleep(0.2)  # what it printed last may still be on its way through the pipe
+                time.sleep(0.2)  # its last output may still be in the pipe
                 self._journal.add('end', time=now, pid=int(match[1]), how=match[2],
                                   words=self._last_words())
                 forget_shared_clock(int(match[1]))
@@ -105,7 +105,7 @@ class SupervisedDaemon:
         return words.decode(errors='replace')
 
     def _read_log(self):
-        """A life is ready when its threads start; the times in the log may be false ones."""
+        """A life is ready when its threads start; the times in the log may be wrong."""
         with open(self._log, encoding='utf-8', errors='replace') as lines:
             rest = ''
             while not self._over.wait(0.05):
@@ -117,7 +117,7 @@ class SupervisedDaemon:
     def _sample(self):
         looked = time.time()
         while not self._over.wait(0.5):
-            if time.time() > looked + 1.5:  # the machine had no time for anybody
+            if time.time() > looked + 1.5:  # the machine was too busy
                 self._journal.add('stall', time=looked, until=time.time())
             looked = time.time()
             pid = self.pid()
@@ -127,15 +127,15 @@ class SupervisedDaemon:
 
 
 def forget_shared_clock(pid):
-    """libfaketime's two files of a process that had no time to remove them."""
+    """The two files of libfaketime that a killed process did not remove."""
     for name in (f'faketime_shm_{pid}', f'sem.faketime_sem_{pid}'):
         Path('/dev/shm', name).unlink(missing_ok=True)
 
 
 def held_resources(daemon, seconds=6):
-    """How many descriptors, children and zombies the daemon holds all the time.
+    """The number of descriptors, children and zombies that the daemon keeps.
 
-    A plugin runs for three seconds at most, so what is there in every look of six is not a run's.
+    A plugin runs for three seconds at most, so what all six samples contain belongs to no run.
     """
     pid, supervisor = daemon.pid(), daemon.supervisor_pid()
     looks = []
@@ -153,7 +153,7 @@ def held_resources(daemon, seconds=6):
 
 
 def plugins_left(plugin):
-    """Plugins that outlived their daemon and its supervisor."""
+    """Plugins that still run after their daemon and its supervisor have ended."""
     listed = subprocess.run(['pgrep', '--full', '--', f'^/bin/bash {plugin} '],
                             capture_output=True, text=True, check=False)
     return len(listed.stdout.split())

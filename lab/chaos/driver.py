@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Breaks a running daemon on purpose, at random from a seed, and judges what was lost.
+"""Injects random faults, drawn from a seed, into a running daemon and judges what was lost.
 
 Called by lab/chaos/run, which provides the build, the cluster and the folder.
 """
@@ -23,12 +23,12 @@ from lab.shared.database import Database
 
 ROOT = Path(__file__).resolve().parents[2]
 LIBFAKETIME = next(Path('/usr/lib').glob('*/faketime/libfaketimeMT.so.1'), None)
-SETTLE_SECONDS = 60  # without faults, at the end: every task comes due, and memory to rest
+SETTLE_SECONDS = 60  # without faults, at the end: every task becomes due, and memory settles
 RECOVERY_LIMIT = 60
 
 
-# When and how each row went, from inside the deleting transaction: a deletion that a crash of the
-# server takes back takes its note back as well.
+# Records when and by whom each row was deleted, inside the deleting transaction: when a crash of the
+# server rolls back the deletion, it rolls back the record too.
 GONE = """
 CREATE TABLE chaos_gone (
     cron_id integer, flagged boolean, by_daemon boolean, gone_at timestamptz);
@@ -44,7 +44,7 @@ CREATE TRIGGER chaos_gone AFTER DELETE ON kodu_cron_plugin
 
 
 class Target:
-    """Everything that a fault may touch."""
+    """Everything that a fault can change."""
 
     def __init__(self, home, seed, has_tmpfs):
         self.home, self.has_tmpfs = home, has_tmpfs
@@ -69,7 +69,7 @@ class Target:
         if self.clock:
             preload = ['env', f'LD_PRELOAD={LIBFAKETIME}', f'FAKETIME_TIMESTAMP_FILE={self.clock}',
                        'FAKETIME_NO_CACHE=1', 'FAKETIME_DONT_FAKE_MONOTONIC=1']
-        # The orderly end takes up to two minutes and is not what is tried here.
+        # The orderly shutdown takes up to two minutes and is not tested here.
         return ['setpriv', '--pdeathsig', 'TERM', '--', str(ROOT / 'ops/supervise'),
                 '--stop-within', '3', '--before', repair, *preload,
                 str(self.home / 'koducron'), '-f', str(self.home / 'cron.conf')]
@@ -79,13 +79,13 @@ class Target:
         return {'PATH': '/usr/sbin:/usr/bin:/sbin:/bin', 'LC_ALL': 'C.UTF-8', 'TZ': 'UTC'}
 
     def await_life(self):
-        """Returns when there is a daemon to break: it may just have ended by itself."""
+        """Returns when the daemon runs: it may just have ended by itself."""
         end = time.time() + 10
         while time.time() < end and self.daemon.pid() is None:
             time.sleep(0.05)
 
     def await_end(self, act):
-        """Does what must end the present life; returns when that has happened, a time."""
+        """Does what must end the present life; returns the time of its end."""
         pid = self.daemon.pid()
         act()
         end = time.time() + 30
@@ -94,9 +94,9 @@ class Target:
         return time.time()
 
     def await_recovery(self, since):
-        """Seconds to the first run by a life that is still there a second later; None: too long.
+        """Seconds until the first run by a life that still exists a second later; None: too long.
 
-        A doomed life may well start a plugin or two before its next statement ends it.
+        A life that is about to end may start a plugin or two before its next statement ends it.
         """
         while time.time() < since + RECOVERY_LIMIT:
             for run in self.tail.new_runs():
@@ -110,7 +110,7 @@ class Target:
 
 
 def prepare(target):
-    """The tasks, and a note of each that goes."""
+    """Creates the tasks, and the trigger that records each deletion."""
     target.database.query(GONE)
     if target.clock:
         faults.set_clock(target.clock, 0)
@@ -118,7 +118,7 @@ def prepare(target):
 
 
 def resources(target):
-    """What must be the same at the start and at the end."""
+    """The figures that must be the same at the start and at the end."""
     held = daemons.held_resources(target.daemon)
     held['database sessions'] = target.database.number(
         "SELECT count(*) FROM pg_stat_activity WHERE backend_type = 'client backend' "
@@ -127,7 +127,7 @@ def resources(target):
 
 
 def inject(target, name, begun):
-    """One fault and the wait for the recovery, with a line of progress."""
+    """Injects one fault and waits for the recovery, with a line of progress."""
     target.await_life()
     event = target.journal.add('fault', name=name)
     try:
@@ -143,7 +143,7 @@ def inject(target, name, begun):
 
 
 def inject_faults(target, end, begun):
-    """Draws every kind once before any comes again, so that short runs see many kinds too."""
+    """Draws every kind once before any is repeated, so that short runs contain many kinds too."""
     deck = []
     while time.time() < end:
         deck = deck or target.rng.sample(list(faults.FAULTS), len(faults.FAULTS))
@@ -152,7 +152,7 @@ def inject_faults(target, end, begun):
 
 
 def run(target, seconds):
-    """The three phases; returns what was counted at start, end and after the stop."""
+    """Runs the three phases; returns the figures at the start, at the end and after the stop."""
     begun = time.time()
     prepare(target)
     target.daemon.start()
@@ -191,7 +191,7 @@ def read_rows(target):
 
 
 def end_in_order(*_):
-    """SIGTERM ends the driver through its clean-up; nothing of the run may go on without it."""
+    """SIGTERM ends the driver through its clean-up; no part of the run may continue without it."""
     sys.exit(143)
 
 

@@ -5,19 +5,19 @@ import re
 from lab.chaos.case import NOTICED, PASS_END
 from lab.chaos.evidence import covers
 
-# What the daemon prints when it ends itself, and what must have happened for that.
+# The daemon's messages when it ends itself, and the events that explain them.
 CAUSES = {
     r'returned no row': lambda case, event: ran_without_row(case, event),
     r'File exists': lambda case, event: may_fail_twice(case, event),
-    # A copy of which only a part found room ends in the input/output error.
+    # A copy that fits only partly ends with the input/output error.
     r'No space left|Input/output error|Read-only file system|supplies \d+ parameters':
         lambda case, event: covers(case.windows('directory', after=10), event['time']),
     r'convertible|Json::|requires objectValue|type to be':
         lambda case, event: covers(case.windows('deadly', after=10), event['time']),
-    # The server's own words are empty where the listener was the first to see the session's end.
+    # The server's message is empty when the listener was the first to notice the session's end.
     r'prepareRequest failed: +\n|server closed|terminating connection|connection':
         lambda case, event: covers(case.windows('server', 'terminate', after=5), event['time']),
-    # Several threads ended it at once, and took the word from one another.
+    # Several threads ended it at once, and their messages overlap.
     r'terminate called recursively':
         lambda case, event: covers(case.windows('server', 'terminate', 'directory', 'deadly',
                                                 after=5), event['time']),
@@ -25,12 +25,12 @@ CAUSES = {
 
 
 def explains_end(case, event):
-    """True when an event of that moment makes the daemon end as it did."""
+    """True when an event at that moment explains how the daemon ended."""
     if event['how'] == 'ended by SIGKILL':
         return any(kill['pid'] == event['pid'] for kill in case.journal.all('kill'))
     if event['how'] == 'ended with exit status 1':  # a start without the server
         return covers(case.windows('server', 'terminate', after=5), event['time'])
-    # An abort that is not the terminate handler's is a corrupted heap, whatever else happened.
+    # An abort without the terminate handler means a corrupted heap, whatever else happened.
     if event['how'] != 'ended by SIGABRT' or 'terminate called' not in event['words']:
         return False
     return any(explains(case, event) for words, explains in CAUSES.items()
@@ -38,7 +38,7 @@ def explains_end(case, event):
 
 
 def ran_without_row(case, event):
-    """The life has just run a task whose row went during it."""
+    """True when the life has just run a task whose row was deleted during the run."""
     birth = case.birth(event['pid'])
     return any(birth - NOTICED <= gone_at <= event['time'] and
                any(run.life == event['pid'] and run.end is not None and

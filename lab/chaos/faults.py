@@ -14,7 +14,7 @@ HOLD_SECONDS = 3
 
 
 class NotInjected(Exception):
-    """The fault cannot be made on this machine; the text says why."""
+    """The fault cannot be injected on this machine; the text says why."""
 
 
 def kill_daemon(target):
@@ -80,7 +80,7 @@ def notify_deadly(target):
 
 
 def add_tasks(target):
-    """As many as are missing; now and then also an ADD of a task that is loaded already."""
+    """Adds as many tasks as are missing; sometimes also sends an ADD for a task that is already loaded."""
     missing = SIZE - len(target.population.present())
     tasks = target.population.add(max(missing, 1))
     target.journal.add('added', ids=[task.id for task in tasks])
@@ -108,7 +108,7 @@ def flag_tasks(target):
 
 
 def delete_row(target):
-    """The next completed run of the task ends the process: documented. A frequent one, then."""
+    """The next completed run of the task ends the process: documented. Takes a frequent task."""
     task = target.rng.choice([task for task in target.population.present('ok')
                              if task.interval <= 6])
     target.journal.add('row deleted', ids=[task.id])
@@ -116,7 +116,7 @@ def delete_row(target):
 
 
 def fill_output(target):
-    """No byte is left: outputs are lost, and the first copy that fails ends the process."""
+    """The disk is full: outputs are lost, and the first copy that fails ends the process."""
     need_tmpfs(target)
     ballast = target.output / 'ballast'
     event = target.journal.add('directory')

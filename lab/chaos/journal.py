@@ -6,7 +6,7 @@ import time
 
 
 class Journal:
-    """Events in memory for the judge, and a line of JSON each in a file for people."""
+    """Events in memory for the judge, and a line of JSON for each in a file."""
 
     def __init__(self, path):
         self._file = open(path, 'w', encoding='utf-8')
@@ -14,7 +14,7 @@ class Journal:
         self._lock = threading.Lock()
 
     def add(self, kind, **details):
-        """Notes an event of this moment, or of details['time']; returns it, to be completed."""
+        """Records an event of this moment, or of details['time']; returns it, to be completed."""
         event = {'time': time.time(), 'kind': kind, **details}
         with self._lock:
             self._events.append(event)
@@ -22,7 +22,7 @@ class Journal:
         return event
 
     def complete(self, event, **details):
-        """Adds to an event what is known only later."""
+        """Adds later details to an event."""
         with self._lock:
             event.update(details)
             self._write(event)
@@ -34,7 +34,7 @@ class Journal:
         return sorted(chosen, key=lambda event: event['time'])
 
     def close(self):
-        """Nothing can be added any more."""
+        """Closes the journal: no more events can be added."""
         self._file.close()
 
     def _write(self, event):

@@ -1,4 +1,4 @@
-"""What the run is judged by: the ledger and the tables against the driver's journal.
+"""Judges the run: compares the ledger and the tables with the driver's journal.
 
 Each figure counts what was judged, what a documented behaviour explains and what nothing explains.
 An explanation always needs an event of its own moment.
@@ -11,7 +11,7 @@ from lab.chaos.case import NOTICED, PASS_END
 from lab.chaos.ends import explains_end
 from lab.chaos.evidence import longest_stretch, match_copies, median_in, overlapping
 
-IN_HAND = 0.5  # what a worker had taken before the purge may start as much later, seconds
+IN_HAND = 0.5  # seconds: a run that a worker took before the purge may start this much later
 
 
 @dataclass
@@ -32,7 +32,7 @@ class Figure:
 
 
 class Judge:
-    """Asks a question for each figure."""
+    """Calculates each figure of the verdict."""
 
     def __init__(self, case):
         self.case = case
@@ -60,7 +60,7 @@ class Judge:
         return figure
 
     def missed(self):
-        """No stretch without faults may pass without a run for longer than the definition says."""
+        """Outside of faults, no period without a run may be longer than the definition allows."""
         figure = Figure('silences of a task that the faults do not explain')
         outages = self.case.outages()
         for task in self.case.tasks.values():
@@ -88,7 +88,7 @@ class Judge:
         return figure
 
     def _was_replaced(self, task, earlier, later):
-        """The definition was replaced while the earlier run was under way, or there are two."""
+        """The definition was replaced during the earlier run, or there are two definitions."""
         birth = self.case.birth(later.life) - NOTICED
         known = [sent for sent in task.updates if birth <= sent <= later.begin]
         return (any(earlier.begin <= sent + NOTICED for sent in known) or
@@ -107,7 +107,7 @@ class Judge:
         return figure
 
     def unfinished(self):
-        """A row at PROCESS whose run is long over."""
+        """A row at PROCESS whose run ended long ago."""
         figure = Figure('rows left at PROCESS')
         for task, (_, status) in self.case.facts['next'].items():
             figure.judged += 1
@@ -124,7 +124,7 @@ class Judge:
         history = {(int(task), name) for task, name in self.case.facts['history']}
         for task, passes in self.case.passes.items():
             if task in self.case.purged:
-                continue  # its copies and rows went with it, as they should
+                continue  # its copies and rows were deleted with it, as they should be
             found = match_copies(passes, self.case.output / 'archive' / str(task))
             for run in passes:
                 if run.end > self.case.end - PASS_END:
@@ -140,8 +140,8 @@ class Judge:
         return copies, rows
 
     def _explains_loss(self, run):
-        """The pass was cut short by the end of its life, or its directory took no file. A crash of
-        the server, which may take back a row, ends the life as well."""
+        """The end of the life interrupted the pass, or its directory accepted no file. A crash of
+        the server, which may roll back a row, ends the life as well."""
         return (self.case.death_of(run.life, run.end) is not None or
                 any(begin - 1 <= run.end <= end for begin, end in self.case.windows('directory')))
 

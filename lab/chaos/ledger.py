@@ -6,7 +6,7 @@ from typing import Optional
 
 @dataclass
 class Run:
-    """One execution of a plugin; end and code are None when it was ended with its daemon."""
+    """One execution of a plugin; end and code are None when it was killed with its daemon."""
 
     task: int
     kind: str
@@ -18,12 +18,12 @@ class Run:
 
     @property
     def identity(self):
-        """What the first line of the run's output says about it."""
+        """The identification in the first line of the run's output."""
         return self.pid, self.begin
 
 
 def parse(line):
-    """The run that a whole line tells of."""
+    """The run that a complete line describes."""
     task, kind, pid, life, begin, end, code = line.split()
     return Run(int(task), kind, int(pid), int(life), float(begin),
                None if end == '-' else float(end), None if code == '-' else int(code))
@@ -42,7 +42,7 @@ def read(path):
 
 
 class Tail:
-    """Reads what is appended while the plugins run; lines that are not whole yet wait."""
+    """Reads the lines appended while the plugins run; incomplete lines wait."""
 
     def __init__(self, path):
         self._file = open(path, encoding='ascii')

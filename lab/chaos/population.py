@@ -1,15 +1,15 @@
-"""The tasks of a chaos run: what each does, what was changed about it, when it had to run."""
+"""The tasks of a chaos run: what each does, how it was changed, when it had to run."""
 
 import time
 from dataclasses import dataclass, field
 from typing import Optional
 
 SIZE = 300
-# How many of the first 300 do what; the others are plain and successful.
+# The number of tasks of each kind among the first 300; the others succeed.
 SHARES = {'fail': 35, 'flaky': 35, 'slow': 14, 'big': 14, 'bigFail': 3, 'killed': 7, 'silent': 7}
-# Each of these holds a worker for seconds, or leaves a megabyte at each failure: seldom, then.
+# Each of these occupies a worker for seconds, or leaves a megabyte at each failure: they run rarely.
 SELDOM = ('slow', 'bigFail', 'killed', 'silent')
-# Three attempts with a second behind each; a nap; the rest is done in a moment.
+# Three attempts with a second after each, and a pause; the rest takes a moment.
 PASS_SECONDS = {'killed': 4, 'silent': 4, 'slow': 3}
 
 
@@ -93,7 +93,7 @@ class Population:
             f"UPDATE kodu_cron_plugin SET cron_delete = TRUE WHERE cron_id IN ({ids})")
 
     def delete_row(self, task):
-        """Takes the row away under the daemon, whose next completed run of it must end it."""
+        """Deletes the row without a notification: the next completed run of the task must end the daemon."""
         task.gone = time.time()
         self._database.query(f'DELETE FROM kodu_cron_plugin WHERE cron_id = {task.id}')
 
@@ -103,7 +103,7 @@ class Population:
     def _make(self, kind):
         now = time.time()
         interval = self._interval(kind)
-        self._next_id += 1  # never used twice: an id stands for one task in all files
+        self._next_id += 1  # never reused: an id identifies one task in all files
         return Task(id=self._next_id - 1, kind=kind, interval=interval,
                     retries=self._rng.randint(0, 1 if kind in SELDOM else 2),
                     retry_interval=self._rng.randint(3, 5),

@@ -38,7 +38,7 @@ class Database:
         """Ends the server as a crash does, and starts it again; the start recovers."""
         done = subprocess.run([self._script, 'restart', self._folder, '--immediate'],
                               capture_output=True, check=False, timeout=120)
-        if done.returncode != 0:  # the last sessions of the former server were still ending
+        if done.returncode != 0:  # the last sessions of the previous server were still ending
             subprocess.run([self._script, 'start', self._folder], check=True, timeout=120)
 
     def notify(self, payloads):

@@ -1,4 +1,4 @@
-"""What /proc and ps tell of a process."""
+"""Information about a process from /proc and ps."""
 
 import os
 import re

@@ -16,13 +16,13 @@ using testing::StartsWith;
 /// koductl add, set, pause, resume, run and delete.
 class ChangeTest : public CtlTest {
  protected:
-  /// A plugin that notes its runs and its arguments.
+  /// A plugin that records its runs and its arguments.
   std::string plugin(int id, const std::string& body = "echo \"$@\"") const {
     return makeTask(id, body).path;
   }
 
-  /// The exit status of `delete 1` on a terminal where somebody types that; outPath() gets the
-  /// rest.
+  /// The exit status of `delete 1` on a terminal on which a user types `answer`; its output is in
+  /// outPath().
   int deleteAnswering(const std::string& answer) const {
     const std::string command =
         "\"" + program() + "\" -f " + daemon.mainConfig() + " --user " + admin() + " delete 1";
@@ -44,7 +44,7 @@ TEST_F(ChangeTest, AddsATaskThatTheRunningDaemonRuns) {
   EXPECT_EQ(run({"output", "1"}).out, "-m two words\n");
 }
 
-TEST_F(ChangeTest, SetsWhatIsGivenAndLeavesTheRest) {
+TEST_F(ChangeTest, SetsTheGivenFieldsAndKeepsTheOthers) {
   ASSERT_EQ(runAsAdmin({"add", plugin(1), "--every", "1h", "--", "a"}).exitCode, 0);
   const CtlResult result = runAsAdmin({"set", "1", "--every", "2h", "--retry-after", "5m"});
   EXPECT_EQ(result.exitCode, 0) << result.err;
@@ -105,14 +105,14 @@ TEST_F(ChangeTest, AddsATaskAsARootThatCannotTakeTheDaemonsRights) {
   EXPECT_THAT(readFile(errPath()), HasSubstr("warning: cannot take the rights of user "));
 }
 
-TEST_F(ChangeTest, RefusesArgumentsThatTheDaemonCannotBeGiven) {
+TEST_F(ChangeTest, RefusesArgumentsThatTheDaemonCannotPass) {
   const CtlResult result = runAsAdmin({"add", plugin(1), "--every", "1h", "--", "it's"});
   EXPECT_EQ(result.exitCode, 65);
   EXPECT_THAT(result.err, HasSubstr("the argument it's contains a quote"));
   EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin"), "0");
 }
 
-TEST_F(ChangeTest, PassesTheDatabasesRefusalOn) {
+TEST_F(ChangeTest, ReportsAnErrorOfTheDatabase) {
   const CtlResult result = runAsAdmin({"add", "nobody", "--every", "1h"});
   EXPECT_EQ(result.exitCode, 65);
   EXPECT_THAT(result.err, StartsWith("koductl: there is no plugin 'nobody'\nhint: "));
@@ -138,14 +138,14 @@ TEST_F(ChangeTest, SaysWhichRoleMayChangeTasks) {
   }
 }
 
-TEST_F(ChangeTest, EndsWith77WhereARoleMayNotEvenLook) {
+TEST_F(ChangeTest, ExitsWith77WithoutTheRightToRead) {
   database.query("REVOKE SELECT ON kodu_cron_plugin FROM kodu_admin");
   const CtlResult result = runAsAdmin({"status"});
   EXPECT_EQ(result.exitCode, 77);
   EXPECT_EQ(result.err, "koductl: permission denied for table kodu_cron_plugin\n");
 }
 
-TEST_F(ChangeTest, SaysThatTheFunctionsAreMissing) {
+TEST_F(ChangeTest, ReportsMissingFunctions) {
   database.insertTask(quietTask(1));
   database.query("DROP FUNCTION kodu_task_resume");
   const CtlResult result = runAsAdmin({"resume", "1"});
@@ -178,7 +178,7 @@ TEST_F(ChangeTest, RunsATaskNow) {
   EXPECT_TRUE(waitForStatus(1, "OK"));
 }
 
-TEST_F(ChangeTest, SaysWhatComesAfterTheRunInProgress) {
+TEST_F(ChangeTest, ReportsWhatFollowsTheRunInProgress) {
   TaskRow row = quietTask(1);
   row.nextExec = "date_trunc('second', now()) - interval '5 s'";
   database.insertTask(row);
@@ -193,7 +193,7 @@ TEST_F(ChangeTest, SaysWhatComesAfterTheRunInProgress) {
   EXPECT_EQ(database.task(1, "cron_delete"), "f");
 }
 
-TEST_F(ChangeTest, DeletesATaskOnlyWhenToldTo) {
+TEST_F(ChangeTest, DeletesATaskOnlyAfterConfirmation) {
   database.insertTask(quietTask(1));
   const CtlResult asked = runAsAdmin({"delete", "1"});
   EXPECT_EQ(asked.exitCode, 64);
@@ -205,7 +205,7 @@ TEST_F(ChangeTest, DeletesATaskOnlyWhenToldTo) {
   EXPECT_EQ(database.task(1, "cron_delete"), "t");
 }
 
-TEST_F(ChangeTest, AsksOnATerminalBeforeItDeletes) {
+TEST_F(ChangeTest, AsksForConfirmationOnATerminal) {
   database.insertTask(quietTask(1));
   EXPECT_EQ(deleteAnswering("n"), 65);
   EXPECT_EQ(database.task(1, "cron_delete"), "f");
@@ -215,7 +215,7 @@ TEST_F(ChangeTest, AsksOnATerminalBeforeItDeletes) {
   EXPECT_EQ(database.task(1, "cron_delete"), "t");
 }
 
-TEST_F(ChangeTest, HasTheDaemonPurgeADeletedTask) {
+TEST_F(ChangeTest, LeavesThePurgeOfADeletedTaskToTheDaemon) {
   daemon.programVariable = "KODU_TEST_SHORT_PURGE_DAEMON";
   database.insertTask(quietTask(1));
   writeOutput("out_1_last.txt", "fine\n");
@@ -225,7 +225,7 @@ TEST_F(ChangeTest, HasTheDaemonPurgeADeletedTask) {
   EXPECT_TRUE(waitUntil([&] { return daemon.output("out_1_last.txt").empty(); }));
 }
 
-TEST_F(ChangeTest, GivesTheChangedTaskAsJson) {
+TEST_F(ChangeTest, PrintsTheChangedTaskAsJson) {
   const Json::Value json =
       parsed(runAsAdmin({"add", plugin(1), "--every", "90 s", "--json", "--", "x"}).out);
   EXPECT_EQ(json["id"].asInt(), 1);

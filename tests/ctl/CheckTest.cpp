@@ -18,7 +18,7 @@ class CheckTest : public CtlTest {
   void SetUp() override {
     CtlTest::SetUp();
     std::filesystem::create_directories(daemon.outputDirectory());
-    // A copy of the template has its own time zone to be set.
+    // A database copied from the template does not have the template's time zone.
     database.query("ALTER DATABASE " + database.name() + " SET timezone = 'UTC'");
     chmod(daemon.databaseConfig().c_str(), 0600);
   }
@@ -47,7 +47,7 @@ class CheckTest : public CtlTest {
   }
 };
 
-TEST_F(CheckTest, FindsNothingWhereAllIsWell) {
+TEST_F(CheckTest, FindsNothingInAHealthyInstallation) {
   database.insertTask(guardedTask(1));
   ASSERT_TRUE(daemon.startAndWait());
   const std::string text = check(0);
@@ -117,7 +117,7 @@ TEST_F(CheckTest, FindsFileNamesThatEndTheDaemon) {
   EXPECT_THAT(found, HasSubstr("task 2: the file name contains a /, but the archive has no such"));
 }
 
-TEST_F(CheckTest, NamesOldRowsThatAreRefusedToday) {
+TEST_F(CheckTest, FindsOldRowsThatTheTablesNowRefuse) {
   database.takeAnyRow();
   TaskRow folder = guardedTask(1);
   folder.logFile = "./archive";
@@ -171,7 +171,7 @@ TEST_F(CheckTest, WarnsOfAQuoteThatIsNotClosed) {
   EXPECT_THAT(check(1), HasSubstr("task 1: a quote in the parameters is not closed"));
 }
 
-TEST_F(CheckTest, FindsWhatTheIniFilesGetWrong) {
+TEST_F(CheckTest, FindsErrorsInTheIniFiles) {
   writeFile(daemon.mainConfig(),
             "[LOG]\nlog_file=/nowhere/x.log\nlog_path_task=" + daemon.outputDirectory() +
                 " \n[CRON]\nthread_number=many\nold_kodu_conf_file=x\n"
@@ -194,7 +194,7 @@ TEST_F(CheckTest, FindsWhatTheIniFilesGetWrong) {
   EXPECT_THAT(found, HasSubstr("is readable by all users: chmod o-r"));
 }
 
-TEST_F(CheckTest, WarnsOfALineThatIsTakenForAnother) {
+TEST_F(CheckTest, WarnsOfAKeyThatIsReadFromAnotherLine) {
   writeFile(daemon.mainConfig(),
             "[LOG]\nmy_log_file=/tmp/no\nlog_file=" + daemon.logPath() +
                 "\nlog_path_task=" + daemon.outputDirectory() +
@@ -202,7 +202,7 @@ TEST_F(CheckTest, WarnsOfALineThatIsTakenForAnother) {
   EXPECT_THAT(check(1), HasSubstr("log_file in [LOG] is taken from an earlier line"));
 }
 
-TEST_F(CheckTest, LooksAtNoTaskWhenItIsToBeQuick) {
+TEST_F(CheckTest, ReadsNoTaskWithQuick) {
   TaskRow missing = quietTask(1);
   std::filesystem::remove(missing.path);
   database.insertTask(missing);
@@ -213,7 +213,7 @@ TEST_F(CheckTest, LooksAtNoTaskWhenItIsToBeQuick) {
   EXPECT_THAT(result.out, testing::EndsWith("1 error, 1 warning\n"));
 }
 
-TEST_F(CheckTest, IsAsQuickWith100000Tasks) {
+TEST_F(CheckTest, TakesNoLongerWith100000TasksWithQuick) {
   database.insertTask(quietTask(1));
   const auto withOne = medianOfQuickChecks();
   database.query(
@@ -238,14 +238,14 @@ TEST_F(CheckTest, FindsAnotherTimeZone) {
   EXPECT_THAT(check(2), HasSubstr("sessions have the time zone Asia/Tokyo"));
 }
 
-TEST_F(CheckTest, EndsWith2WhereTheDatabaseDoesNotAnswer) {
+TEST_F(CheckTest, ExitsWith2WhenTheDatabaseDoesNotAnswer) {
   writeFile(daemon.databaseConfig(),
             "[POSTGRESQL]\nPGSQL_host=127.0.0.1\nPGSQL_port=1\nPGSQL_db=x\nPGSQL_username=kodu\n");
   chmod(daemon.databaseConfig().c_str(), 0600);
   EXPECT_THAT(check(2), HasSubstr("Connection refused"));
 }
 
-TEST_F(CheckTest, GivesItsFindingsAsJson) {
+TEST_F(CheckTest, PrintsItsFindingsAsJson) {
   database.insertTask(quietTask(1));
   const CtlResult result = run({"check", "--json"});
   const Json::Value json = parsed(result.out);

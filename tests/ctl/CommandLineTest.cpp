@@ -11,7 +11,7 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-/// What koductl says and ends with where it cannot begin.
+/// Messages and exit statuses of koductl when it cannot start a command.
 class CommandLineTest : public CtlTest {};
 
 TEST_F(CommandLineTest, PrintsHelpAndVersion) {
@@ -23,7 +23,7 @@ TEST_F(CommandLineTest, PrintsHelpAndVersion) {
   EXPECT_THAT(version.out, testing::MatchesRegex("koductl [0-9.]+\n"));
 }
 
-TEST_F(CommandLineTest, EndsWith64ForAWrongCommandLine) {
+TEST_F(CommandLineTest, ExitsWith64ForAWrongCommandLine) {
   for (const std::vector<std::string>& wrong : {std::vector<std::string>{},
                                                 {"foo"},
                                                 {"show"},
@@ -41,7 +41,7 @@ TEST_F(CommandLineTest, EndsWith64ForAWrongCommandLine) {
   EXPECT_EQ(run({"show"}).err, "koductl: ID is required; see koductl show --help\n");
 }
 
-TEST_F(CommandLineTest, EndsWith78WithoutAConfiguration) {
+TEST_F(CommandLineTest, ExitsWith78WithoutAConfiguration) {
   const CtlResult result = runWith({"-f", "/nowhere/cron.conf", "status"});
   EXPECT_EQ(result.exitCode, 78);
   EXPECT_EQ(result.err,
@@ -49,14 +49,14 @@ TEST_F(CommandLineTest, EndsWith78WithoutAConfiguration) {
             "main INI file with -f\n");
 }
 
-TEST_F(CommandLineTest, EndsWith78WithoutADatabaseFile) {
+TEST_F(CommandLineTest, ExitsWith78WithoutADatabaseFile) {
   std::filesystem::remove(daemon.databaseConfig());
   const CtlResult result = run({"status"});
   EXPECT_EQ(result.exitCode, 78);
   EXPECT_THAT(result.err, HasSubstr("kodu_conf_file in " + daemon.mainConfig() + " names it"));
 }
 
-TEST_F(CommandLineTest, EndsWith78WhereTheMainFileNamesNoDatabaseFile) {
+TEST_F(CommandLineTest, ExitsWith78WhenTheMainFileNamesNoDatabaseFile) {
   const CtlResult result = runWith({"-f", "/dev/null", "status"});
   EXPECT_EQ(result.exitCode, 78);
   EXPECT_EQ(result.err,
@@ -64,7 +64,7 @@ TEST_F(CommandLineTest, EndsWith78WhereTheMainFileNamesNoDatabaseFile) {
             "[CRON]\n");
 }
 
-TEST_F(CommandLineTest, EndsWith74WhenItsOutputCannotBeWritten) {
+TEST_F(CommandLineTest, ExitsWith74WhenItsOutputCannotBeWritten) {
   database.insertTask(quietTask(1));
   for (const std::string command : {"status", "status --json", "history 1"}) {
     const std::string line = "'" + program() + "' -f " + daemon.mainConfig() + " " + command +
@@ -75,7 +75,7 @@ TEST_F(CommandLineTest, EndsWith74WhenItsOutputCannotBeWritten) {
   }
 }
 
-TEST_F(CommandLineTest, EndsWith69WhereNoDatabaseAnswers) {
+TEST_F(CommandLineTest, ExitsWith69WhenNoDatabaseAnswers) {
   writeFile(daemon.databaseConfig(),
             "[POSTGRESQL]\nPGSQL_host=127.0.0.1\nPGSQL_port=1\nPGSQL_db=x\nPGSQL_username=kodu\n"
             "PGSQL_pwd=x\n");
@@ -88,7 +88,7 @@ TEST_F(CommandLineTest, EndsWith69WhereNoDatabaseAnswers) {
               HasSubstr("; the password comes from PGPASSWORD"));
 }
 
-TEST_F(CommandLineTest, EndsWith66ForATaskThatIsNotThere) {
+TEST_F(CommandLineTest, ExitsWith66ForAnUnknownTask) {
   for (const char* command : {"show", "explain", "history", "output", "rerun", "set", "pause",
                               "resume", "run", "delete"}) {
     const CtlResult result = run({command, "99"});
@@ -97,14 +97,14 @@ TEST_F(CommandLineTest, EndsWith66ForATaskThatIsNotThere) {
   }
 }
 
-TEST_F(CommandLineTest, TakesTheCommonOptionsBehindTheCommandToo) {
+TEST_F(CommandLineTest, AcceptsTheCommonOptionsAfterTheCommand) {
   database.insertTask(quietTask(1));
   const CtlResult result = runWith({"status", "--json", "-f", daemon.mainConfig()});
   EXPECT_EQ(result.exitCode, 0) << result.err;
   EXPECT_EQ(parsed(result.out)[0]["name"].asString(), "task1");
 }
 
-TEST_F(CommandLineTest, NamesItselfAsAToolToTheDatabase) {
+TEST_F(CommandLineTest, SetsAnApplicationName) {
   database.insertTask(quietTask(1));
   const pid_t pid = start({"-f", daemon.mainConfig(), "status", "--watch"});
   const bool isSeen = waitUntil([&] {

@@ -15,7 +15,7 @@ using testing::Not;
 /// The completions of the shells.
 class CompletionTest : public CtlTest {
  protected:
-  /// What bash proposes for the last of these words.
+  /// The proposals of bash for the last of these words.
   std::string complete(const std::string& words) const {
     const std::string command = "bash -c 'source \"" + projectFile("ctl/completion/koductl.bash") +
                                 "\"; COMP_WORDS=(" + words +

@@ -23,7 +23,7 @@
 #include "tests/support/Process.h"
 #include "tests/support/builtProgram.h"
 
-/// What a run of koductl left.
+/// Exit status and output of a run of koductl.
 struct CtlResult {
   int exitCode = -1;
   std::string out, err;
@@ -44,7 +44,7 @@ class CtlTest : public DaemonTest {
   /// A role of this test's own: roles belong to the whole cluster.
   std::string admin() const { return "admin_of_" + database.name(); }
 
-  /// Has `koductl run` call a function of the test's own.
+  /// Replaces the function that `koductl run` calls.
   void replaceRunNow(const std::string& language, const std::string& body) const {
     database.query(
         "DROP FUNCTION kodu_task_run_now; CREATE FUNCTION kodu_task_run_now(task int)"
@@ -93,7 +93,8 @@ class CtlTest : public DaemonTest {
     return pid;
   }
 
-  /// What koductl writes on a terminal of 100 columns, standard output and error together.
+  /// The output of koductl on a terminal of 100 columns, standard output and standard error
+  /// together.
   std::string runOnTerminal(const std::vector<std::string>& arguments,
                             const std::vector<std::string>& variables = {"TERM=xterm",
                                                                          "NO_COLOR=1"}) const {
@@ -135,7 +136,7 @@ class CtlTest : public DaemonTest {
     database.query("UPDATE kodu_cron_plugin SET cron_status = '" + status +
                    "' WHERE cron_id = " + std::to_string(id));
   }
-  /// A failed run of so many seconds ago, with its archived output.
+  /// Adds a run that failed `secondsAgo`, with its archived output.
   void addFailure(int id, long secondsAgo, const std::string& name,
                   const std::string& output) const {
     database.query("INSERT INTO kodu_cron_error (cron_id, cron_date, cron_logfile) VALUES (" +
@@ -152,7 +153,7 @@ class CtlTest : public DaemonTest {
     writeFile(daemon.outputDirectory() + "/" + name, content);
   }
 
-  /// Has the INI file name the output directory with two slashes at its end.
+  /// Appends two slashes to the output directory in the INI file.
   void endOutputDirectoryInSlash() const {
     std::string config = readFile(daemon.mainConfig());
     config.insert(config.find(daemon.outputDirectory()) + daemon.outputDirectory().size(), "//");

@@ -13,7 +13,7 @@ namespace {
 
 using testing::ElementsAre;
 
-/// A parser with each kind of option that koductl has.
+/// A parser with every kind of option that koductl has.
 class DescriptionTest : public testing::Test {
  protected:
   DescriptionTest() {
@@ -65,12 +65,12 @@ TEST_F(DescriptionTest, TakesTheDefaultFromTheBrackets) {
   EXPECT_EQ(parentCommand.options.at(1).meaningAndDefault(), "Set it");
 }
 
-TEST_F(DescriptionTest, NamesAValueWithoutATextAfterItsType) {
+TEST_F(DescriptionTest, NamesAValueAfterItsTypeByDefault) {
   app.add_option("--limit", number, "At most")->check(CLI::Range(0, 9));
   EXPECT_EQ(describe(app).options.at(1).heading(), "--limit INT");
 }
 
-TEST_F(DescriptionTest, GivesTheDetailsToTheirCommandOnly) {
+TEST_F(DescriptionTest, AttachesDetailsToTheirCommandOnly) {
   EXPECT_EQ(program.sentences(), "Do something. Of the program.");
   EXPECT_EQ(parentCommand.sentences(), "Be a parent. Of the parent.");
   EXPECT_EQ(childCommand.sentences(), "Be a child.");
@@ -93,7 +93,7 @@ TEST_F(DescriptionTest, AbbreviatesMoreThanFourOptionalOptions) {
   EXPECT_EQ(describe(*command).synopsis(), "many [OPTION...]");
 }
 
-TEST_F(DescriptionTest, ListsTheCommandsOfCommandsThatDoSomething) {
+TEST_F(DescriptionTest, ListsEveryCommandThatCanBeRun) {
   app.get_subcommand("parent")->require_subcommand(1);
   const auto commands = allCommands(describe(app));
   ASSERT_EQ(commands.size(), 1U);

@@ -66,7 +66,7 @@ TEST_F(ExplainTest, CountsTheRetriesOfARunThatFails) {
                 "It has been failing since .*1 run in the last hour and 1 in the last day")));
 }
 
-TEST_F(ExplainTest, TakesNoRowInProcessForARunBeforeItsTime) {
+TEST_F(ExplainTest, DoesNotReportARunBeforeItsTime) {
   database.insertTask(quietTask(1));
   set(1, "cron_status = 'PROCESS', cron_last_exec = cron_next_exec - interval '300 s'");
   EXPECT_THAT(explain(1), AllOf(HasSubstr("Its last completed run was due at "),
@@ -74,7 +74,7 @@ TEST_F(ExplainTest, TakesNoRowInProcessForARunBeforeItsTime) {
   EXPECT_EQ(parsed(run({"check", "--json"}).out)["due_next"][0]["id"].asInt(), 1);
 }
 
-TEST_F(ExplainTest, SaysWhatTheLatestFailedRunSaid) {
+TEST_F(ExplainTest, QuotesTheOutputOfTheLatestFailedRun) {
   database.insertTask(quietTask(1));
   setStatus(1, "FAILED");
   addFailure(1, 100, "out_1_a.txt", "CRITICAL: first\n");
@@ -115,21 +115,21 @@ TEST_F(ExplainTest, SaysThatARunIsInProgress) {
   release();
 }
 
-TEST_F(ExplainTest, SaysThatALateTaskWaitsForAFreeWorker) {
+TEST_F(ExplainTest, ReportsThatALateTaskWaitsForAFreeWorker) {
   daemon.threadNumber = "1";
   daemon.writeConfig();
   database.insertTask(makeTask(1, waitForRelease() + "echo fine"));
   database.insertTask(quietTask(2));
   ASSERT_TRUE(daemon.startAndWait());
   ASSERT_TRUE(waitForRuns(1, 1));
-  // A row that is added would be loaded soon, and its time moved on.
+  // The daemon would load a new row and move its time.
   database.query(
       "UPDATE kodu_cron_plugin SET cron_next_exec = now() - interval '1 minute' WHERE cron_id = 2");
   EXPECT_THAT(explain(2), HasSubstr("It waits for a free worker (1 worker, 1 run in progress)."));
   release();
 }
 
-TEST_F(ExplainTest, TakesNoRetryThatWaitsForABusyWorker) {
+TEST_F(ExplainTest, TellsARetryFromAWaitForAWorker) {
   daemon.threadNumber = "1";
   daemon.writeConfig();
   TaskRow row = makeTask(1, "echo bad; exit 2");
@@ -144,7 +144,7 @@ TEST_F(ExplainTest, TakesNoRetryThatWaitsForABusyWorker) {
   EXPECT_THAT(explain(2), HasSubstr("The daemon is connected and has free workers"));
 }
 
-TEST_F(ExplainTest, SaysThatNoDaemonIsThere) {
+TEST_F(ExplainTest, ReportsThatNoDaemonRuns) {
   TaskRow row = quietTask(1);
   row.nextExec = "now() - interval '1 minute'";
   database.insertTask(row);
@@ -153,7 +153,7 @@ TEST_F(ExplainTest, SaysThatNoDaemonIsThere) {
   EXPECT_THAT(explain(1), HasSubstr("no daemon is connected: that run was abandoned"));
 }
 
-TEST_F(ExplainTest, KnowsPausedAndDeletedTasks) {
+TEST_F(ExplainTest, ExplainsPausedAndDeletedTasks) {
   database.insertTask(quietTask(1));
   database.query("SELECT kodu_task_pause(1)");
   EXPECT_THAT(explain(1), ContainsRegex("It has been paused since .* ago\\) by [a-z]+. Run koductl "
@@ -165,7 +165,7 @@ TEST_F(ExplainTest, KnowsPausedAndDeletedTasks) {
   EXPECT_THAT(explain(1), HasSubstr("It is marked for deletion"));
 }
 
-TEST_F(ExplainTest, SaysWhyPluginOrOutputCannotBeUsed) {
+TEST_F(ExplainTest, ReportsWhyPluginOrOutputCannotBeUsed) {
   TaskRow row = quietTask(1);
   chmod(row.path.c_str(), 0644);
   row.logFile = "missing/x.txt";
@@ -178,7 +178,7 @@ TEST_F(ExplainTest, SaysWhyPluginOrOutputCannotBeUsed) {
                               "/missing: No such file or directory. This ends the daemon."));
 }
 
-TEST_F(ExplainTest, ShowsNoTwoSlashesWhereTheOutputDirectoryEndsInOne) {
+TEST_F(ExplainTest, ShowsOneSlashAfterTheOutputDirectory) {
   database.insertTask(quietTask(1));
   endOutputDirectoryInSlash();
   const std::string output = daemon.outputDirectory();
@@ -188,7 +188,7 @@ TEST_F(ExplainTest, ShowsNoTwoSlashesWhereTheOutputDirectoryEndsInOne) {
   EXPECT_EQ(json["archive"].asString(), output + "/archive/1/");
 }
 
-TEST_F(ExplainTest, LooksThroughTheGuardAtThePlugin) {
+TEST_F(ExplainTest, ExaminesTheGuardedPlugin) {
   TaskRow row = quietTask(1);
   row.path = guard();
   row.parameter = "-t 5 -- /nowhere/plugin a";
@@ -196,7 +196,7 @@ TEST_F(ExplainTest, LooksThroughTheGuardAtThePlugin) {
   EXPECT_THAT(explain(1), HasSubstr("cannot run /nowhere/plugin: No such file or directory."));
 }
 
-TEST_F(ExplainTest, GivesTheSentencesAsJsonToo) {
+TEST_F(ExplainTest, PrintsTheSentencesAsJson) {
   database.insertTask(quietTask(1));
   const Json::Value json = parsed(run({"explain", "1", "--json"}).out);
   EXPECT_EQ(json["id"].asInt(), 1);

@@ -5,15 +5,13 @@
 #include <csignal>
 #include <string>
 
-#include "ctl/failure.h"
-#include "ctl/files/regularFile.h"
 #include "tests/ctl/CtlTest.h"
 
 namespace {
 
 using testing::HasSubstr;
 
-/// Everything that opens an output, where a FIFO, a socket or a device stands in its place.
+/// Every command that opens an output file, when that is a FIFO, a socket or a device.
 class FileKindTest : public CtlTest {
  protected:
   void SetUp() override {
@@ -27,7 +25,7 @@ class FileKindTest : public CtlTest {
   }
   std::string output() const { return daemon.outputDirectory() + "/out_1_last.txt"; }
 
-  /// Runs it, and ends it where it waits; -1 then.
+  /// Runs koductl with a time limit; -1 when it did not end in time.
   CtlResult runOrKill(std::vector<std::string> arguments) const {
     if (arguments.front() != "-f") {
       arguments.insert(arguments.begin(), {"-f", daemon.mainConfig()});
@@ -41,7 +39,7 @@ class FileKindTest : public CtlTest {
     }
     return {exitStatusOf(status), readFile(outPath()), readFile(errPath())};
   }
-  /// Each command that looks at outputs ends, and says so.
+  /// Expects each command that reads outputs to end with a message.
   void expectNoneWaits(const std::string& kind) const {
     for (const auto& command : std::vector<std::vector<std::string>>{{"status", "--output"},
                                                                      {"show", "1"},
@@ -67,7 +65,7 @@ TEST_F(FileKindTest, DoesNotWaitForTheWriterOfAFifo) {
   EXPECT_THAT(run({"explain", "1"}).out, HasSubstr("it is a FIFO"));
 }
 
-TEST_F(FileKindTest, DoesNotWaitBehindALink) {
+TEST_F(FileKindTest, DoesNotWaitForAFifoBehindALink) {
   const std::string fifo = daemon.directory / "fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0666), 0);
   std::filesystem::create_symlink(fifo, output());
@@ -78,7 +76,7 @@ TEST_F(FileKindTest, DoesNotWaitBehindALink) {
 TEST_F(FileKindTest, DoesNotReadASocket) {
   for (const std::string& path : {output(), archive(1) + "/x"}) {
     const int file = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    // By a short name: the address has room for 107 bytes.
+    // A short path: a socket's address has room for 107 bytes.
     const std::string folder = std::filesystem::path(path).parent_path();
     ASSERT_EQ(chdir(folder.c_str()), 0);
     sockaddr_un address{AF_UNIX, {}};
@@ -102,15 +100,6 @@ TEST_F(FileKindTest, RefusesAFifoAsAnIniFile) {
   const CtlResult result = runOrKill({"-f", fifo, "status"});
   EXPECT_EQ(result.exitCode, 78);
   EXPECT_THAT(result.err, HasSubstr("cannot read " + fifo + ": it is a FIFO"));
-}
-
-TEST(RegularFileTest, ReadsAsMuchAsIsAskedFor) {
-  const TempDir directory;
-  const std::string content = std::string(200000, 'a') + "b";
-  writeFile(directory / "file", content);
-  EXPECT_EQ(readRegularFile(directory / "file"), content);
-  EXPECT_EQ(readRegularFile(directory / "file", 70000), content.substr(0, 70000));
-  EXPECT_THROW(readRegularFile(directory / "none"), Failure);
 }
 
 }  // namespace

@@ -60,7 +60,7 @@ TEST(HelpTextTest, BreaksLinesBeforeColumn80) {
 class HelpTest : public CtlTest {};
 
 /// Without a configuration or a database.
-TEST_F(HelpTest, IsPrintedForEveryCommand) {
+TEST_F(HelpTest, IsPrintedForEachCommand) {
   for (const CommandDescription& command : allCommands(describeCommandLine())) {
     std::vector<std::string> arguments = {"--help"};
     std::istringstream words(command.name);

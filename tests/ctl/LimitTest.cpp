@@ -14,10 +14,10 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
 
-/// The limits of what koductl waits for: locks, statements, a server that hangs.
+/// The time limits of koductl: for locks, statements and a server that hangs.
 class LimitTest : public CtlTest {
  protected:
-  /// Another session, which has begun a transaction with this statement.
+  /// Another session, in a transaction that has executed this statement.
   std::unique_ptr<pgSafeThread> transaction(const std::string& sql) const {
     auto session = std::make_unique<pgSafeThread>(
         "host=" + database.host() + " port=" + std::to_string(database.port()) + " dbname=" +
@@ -32,7 +32,7 @@ class LimitTest : public CtlTest {
   }
 };
 
-TEST_F(LimitTest, NamesTheRowThatIsLockedAndWhoHasIt) {
+TEST_F(LimitTest, NamesTheLockedRowAndItsOwner) {
   database.insertTask(quietTask(6));
   database.insertTask(quietTask(7));
   const auto other = transaction("SELECT kodu_task_set(7, retries => 3)");
@@ -54,7 +54,7 @@ TEST_F(LimitTest, NamesTheRowThatIsLockedAndWhoHasIt) {
   EXPECT_EQ(rows(), before);
 }
 
-TEST_F(LimitTest, NamesTheTableThatIsLocked) {
+TEST_F(LimitTest, NamesTheLockedTable) {
   database.insertTask(quietTask(7));
   database.query("BEGIN");
   database.query("LOCK TABLE kodu_cron_plugin IN ACCESS EXCLUSIVE MODE");
@@ -67,7 +67,7 @@ TEST_F(LimitTest, NamesTheTableThatIsLocked) {
   EXPECT_EQ(result.out, "");
 }
 
-TEST_F(LimitTest, NamesTheLockThatTheStatementsOwnLimitEnds) {
+TEST_F(LimitTest, NamesTheLockWhenTheStatementsLimitExpires) {
   database.insertTask(quietTask(7));
   database.query("BEGIN");
   database.query("LOCK TABLE kodu_cron_plugin IN ACCESS EXCLUSIVE MODE");
@@ -81,7 +81,7 @@ TEST_F(LimitTest, NamesTheLockThatTheStatementsOwnLimitEnds) {
 TEST_F(LimitTest, NamesTheSessionAtTheEndOfAChain) {
   database.insertTask(quietTask(7));
   const auto first = transaction("SELECT kodu_task_set(7, retries => 3)");
-  // Waits for the first one, with the lock of the tuple that koductl then waits for.
+  // Waits for the first session and holds the tuple lock that koductl then waits for.
   const auto second = transaction("SELECT 1");
   PQsendQuery(second->connection, "SELECT kodu_task_set(7, retries => 4)");
   PQflush(second->connection);
@@ -97,7 +97,7 @@ TEST_F(LimitTest, NamesTheSessionAtTheEndOfAChain) {
   EXPECT_THAT(result.err, Not(HasSubstr(std::to_string(PQbackendPID(second->connection)))));
 }
 
-TEST_F(LimitTest, WaitsForALockThatIsFreeWithinTheLimit) {
+TEST_F(LimitTest, WaitsForALockThatIsReleasedInTime) {
   database.insertTask(quietTask(7));
   auto other = transaction("SELECT kodu_task_set(7, retries => 3)");
   environment.emplace_back("PGPASSWORD=secret");
@@ -125,7 +125,7 @@ TEST_F(LimitTest, EndsAStatementThatTakesTooLong) {
             "the limit is 1 s; --statement-timeout SECONDS sets another\n");
 }
 
-TEST_F(LimitTest, GivesUpOnAServerThatDoesNotKeepTheLimit) {
+TEST_F(LimitTest, GivesUpOnAServerThatIgnoresTheLimit) {
   replaceRunNow("plpgsql",
                 "BEGIN PERFORM pg_sleep(60);"
                 "EXCEPTION WHEN query_canceled THEN PERFORM pg_sleep(60); END");
@@ -136,7 +136,7 @@ TEST_F(LimitTest, GivesUpOnAServerThatDoesNotKeepTheLimit) {
               HasSubstr("koductl: the server has not completed the statement after 1 s"));
 }
 
-TEST_F(LimitTest, SaysOnceThatItsSessionWasEnded) {
+TEST_F(LimitTest, ReportsOnceThatItsSessionWasTerminated) {
   replaceRunNow("sql", "SELECT pg_sleep(60)");
   database.insertTask(quietTask(7));
   environment.emplace_back("PGPASSWORD=secret");
@@ -164,13 +164,13 @@ TEST_F(LimitTest, ConnectsByAUri) {
   EXPECT_EQ(runWith({"schema", "--connect", "no setting"}).exitCode, 64);
 }
 
-TEST_F(LimitTest, TellsWhatIsNoPostgreSql) {
+TEST_F(LimitTest, ReportsAServerThatIsNotPostgreSql) {
   const Rows none(PQmakeEmptyPGresult(nullptr, PGRES_TUPLES_OK));
   EXPECT_THROW(none.text(0, "column"), Failure);
   EXPECT_THROW(none.number(0, "column"), Failure);
 }
 
-TEST_F(LimitTest, RefusesALimitThatIsNone) {
+TEST_F(LimitTest, RefusesAnInvalidLimit) {
   for (const char* limit : {"-1", "x", "86401"}) {
     EXPECT_EQ(run({"status", "--lock-timeout", limit}).exitCode, 64);
     EXPECT_EQ(run({"status", "--statement-timeout", limit}).exitCode, 64);

@@ -28,11 +28,11 @@ TEST_F(OutputTest, ListsFailedRunsTheLatestFirst) {
   EXPECT_EQ(cell(result.out, "2", 4), "out_1_a.txt");
 }
 
-TEST_F(OutputTest, ListsAsManyAsAreAskedFor) {
+TEST_F(OutputTest, ListsTheRequestedNumberOfRuns) {
   EXPECT_EQ(parsed(run({"history", "1", "-n", "1", "--json"}).out).size(), 1U);
 }
 
-TEST_F(OutputTest, SaysWhichArchivedOutputIsGone) {
+TEST_F(OutputTest, ReportsMissingArchivedOutputs) {
   std::filesystem::remove(archive(1) + "/out_1_b.txt");
   const Json::Value runs = parsed(run({"history", "1", "--json"}).out);
   EXPECT_TRUE(runs[0]["bytes"].isNull());
@@ -57,18 +57,18 @@ TEST_F(OutputTest, RepairsInvalidTextForJson) {
   EXPECT_EQ(parsed(run({"output", "1", "--json"}).out)["output"].asString(), "a b");
 }
 
-TEST_F(OutputTest, PrintsAnArchivedOneByNumberAndByName) {
+TEST_F(OutputTest, PrintsAnArchivedOutputByNumberAndByName) {
   EXPECT_EQ(run({"output", "1", "1"}).out, "newer\n");
   EXPECT_EQ(run({"output", "1", "2"}).out, "older\n");
   EXPECT_EQ(run({"output", "1", "out_1_a.txt"}).out, "older\n");
 }
 
-TEST_F(OutputTest, RefusesWhatLeadsOutOfTheArchive) {
+TEST_F(OutputTest, RefusesPathsOutsideTheArchive) {
   EXPECT_EQ(run({"output", "1", "../../out_1_last.txt"}).exitCode, 64);
   EXPECT_EQ(run({"output", "1", "/etc/passwd"}).exitCode, 64);
 }
 
-TEST_F(OutputTest, EndsWith66WithoutSuchAnOutput) {
+TEST_F(OutputTest, ExitsWith66ForAMissingOutput) {
   const CtlResult result = run({"output", "1", "3"});
   EXPECT_EQ(result.exitCode, 66);
   EXPECT_EQ(result.err, "koductl: task 1 has only 2 failed runs; koductl history 1 lists them\n");
@@ -93,7 +93,7 @@ TEST_F(OutputTest, FollowsWhatTheDaemonWrites) {
   EXPECT_EQ(exitStatusOf(status), 0);
 }
 
-TEST_F(OutputTest, FollowsAsJsonToo) {
+TEST_F(OutputTest, FollowsAsJson) {
   const pid_t pid = start({"-f", daemon.mainConfig(), "output", "1", "--follow", "--json"});
   const bool isSeen =
       waitUntil([&] { return readFile(outPath()).find("}\n") != std::string::npos; });

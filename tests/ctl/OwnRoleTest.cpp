@@ -9,7 +9,7 @@ namespace {
 
 using testing::HasSubstr;
 
-/// koductl run by somebody who may not read the daemon's password, with a role of their own.
+/// koductl run by a user who may not read the daemon's password, with a role of the user's own.
 class OwnRoleTest : public CtlTest {
  protected:
   void SetUp() override {
@@ -45,7 +45,7 @@ class OwnRoleTest : public CtlTest {
   std::string place;  // of the database, as variables
 };
 
-TEST_F(OwnRoleTest, NeedsNoRightToReadTheDaemonsPassword) {
+TEST_F(OwnRoleTest, WorksWithoutTheRightToReadTheDaemonsPassword) {
   const CtlResult paused = runAsNobody(place, "--user " + admin() + " pause 1");
   EXPECT_EQ(paused.exitCode, 0) << paused.err;
   EXPECT_EQ(paused.out, "task 1 (task1) paused\n");
@@ -53,14 +53,14 @@ TEST_F(OwnRoleTest, NeedsNoRightToReadTheDaemonsPassword) {
   EXPECT_EQ(runAsNobody(place, "--user " + admin() + " status").exitCode, 0);
 }
 
-TEST_F(OwnRoleTest, ChecksWhatMayBeRead) {
+TEST_F(OwnRoleTest, ChecksTheFilesThatItMayRead) {
   const CtlResult result = runAsNobody(place, "--user " + admin() + " check");
   EXPECT_THAT(result.out,
               HasSubstr("not checked, because you may not read it: " + daemon.databaseConfig()));
   EXPECT_THAT(result.out, HasSubstr("DUE NEXT (UTC)"));
 }
 
-TEST_F(OwnRoleTest, SaysHowToNameTheDatabase) {
+TEST_F(OwnRoleTest, ExplainsHowToNameTheDatabase) {
   const CtlResult result = runAsNobody("PGHOST=127.0.0.1", "--user " + admin() + " status");
   EXPECT_EQ(result.exitCode, 77);
   EXPECT_EQ(result.err, "koductl: cannot read " + daemon.databaseConfig() +

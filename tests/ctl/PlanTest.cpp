@@ -18,7 +18,7 @@ class PlanTest : public CtlTest {
  protected:
   void SetUp() override {
     CtlTest::SetUp();
-    writeFile(daemon.logPath(), "");  // whose owner the daemon's user is, while none runs
+    writeFile(daemon.logPath(), "");  // its owner counts as the daemon's user
   }
 
   /// Tasks 1 to `count`, each hour, all at the same second.
@@ -55,7 +55,7 @@ TEST_F(PlanTest, ForecastsWithTheDurationOfATask) {
   EXPECT_THAT(minutes[30]["busiest_second"].asString(), testing::MatchesRegex(kJsonTime));
 }
 
-TEST_F(PlanTest, RefusesDurationsThatAreNone) {
+TEST_F(PlanTest, RefusesInvalidDurations) {
   for (const char* wrong : {"30", "1=", "=1", "1=x", "1=1, \"2\": 3", "1=-1", ""}) {
     const CtlResult result = runAsAdmin({"forecast", "--took", wrong});
     EXPECT_EQ(result.exitCode, 64) << wrong;
@@ -64,11 +64,11 @@ TEST_F(PlanTest, RefusesDurationsThatAreNone) {
   EXPECT_EQ(runAsAdmin({"forecast", "--took", "1=007.5"}).exitCode, 0);
 }
 
-TEST_F(PlanTest, GivesNoBusiestSecondWhereNothingIsDue) {
+TEST_F(PlanTest, OmitsTheBusiestSecondWhenNothingIsDue) {
   EXPECT_TRUE(parsed(runAsAdmin({"forecast", "--json"}).out)[0]["busiest_second"].isNull());
 }
 
-TEST_F(PlanTest, ProposesTimesAndSetsThemWhenToldTo) {
+TEST_F(PlanTest, ProposesTimesAndSetsThemWithApply) {
   insertCrowd(4);
   const CtlResult proposed = runAsAdmin({"stagger"});
   EXPECT_EQ(proposed.exitCode, 0) << proposed.err;
@@ -97,7 +97,7 @@ TEST_F(PlanTest, DeletesOldRowsAndTheirOutputsTogether) {
   EXPECT_EQ(database.failures(1), 1);
 }
 
-TEST_F(PlanTest, KeepsTheOutputThatAYoungerRowNames) {
+TEST_F(PlanTest, KeepsAnOutputThatANewerRowNames) {
   database.insertTask(quietTask(1));
   addFailure(1, 100000, "out_1_same.txt", "old");
   addFailure(1, 10, "out_1_same.txt", "new");
@@ -107,8 +107,8 @@ TEST_F(PlanTest, KeepsTheOutputThatAYoungerRowNames) {
   EXPECT_EQ(readFile(archive(1) + "/out_1_same.txt"), "new");
 }
 
-TEST_F(PlanTest, LooksForOldRowsAndDeletesThemInOneTransaction) {
-  // In two, a row that grows too old in between would go without its file.
+TEST_F(PlanTest, FindsAndDeletesOldRowsInOneTransaction) {
+  // In two transactions, a row that becomes too old in between would be deleted without its file.
   database.query(
       "CREATE OR REPLACE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint"
       " LANGUAGE sql AS $$SELECT count(*) FROM pg_locks WHERE pid = pg_backend_pid()"
@@ -116,7 +116,7 @@ TEST_F(PlanTest, LooksForOldRowsAndDeletesThemInOneTransaction) {
   EXPECT_THAT(runAsAdmin({"prune", "--older-than", "1d"}).out, HasSubstr("1 history row and 0 "));
 }
 
-TEST_F(PlanTest, DeletesNothingThatTheDatabaseRefuses) {
+TEST_F(PlanTest, DeletesNoFileWhenTheDatabaseRefuses) {
   database.insertTask(quietTask(1));
   addFailure(1, 100000, "out_1_old.txt", "12345");
   EXPECT_EQ(runAsAdmin({"prune"}).exitCode, 64);
@@ -126,7 +126,7 @@ TEST_F(PlanTest, DeletesNothingThatTheDatabaseRefuses) {
   EXPECT_EQ(database.failures(1), 1);
 }
 
-/// koductl prune that something keeps from its end.
+/// A koductl prune that is interrupted or fails.
 class PruneTest : public PlanTest {
  protected:
   /// Failed runs of long ago, each with its archived output.
@@ -143,7 +143,7 @@ class PruneTest : public PlanTest {
   }
   std::size_t fileCount() const { return filesIn(archive(1)).size(); }
 
-  /// Starts a prune and kills it once so few files are left.
+  /// Starts a prune and kills it as soon as only `files` files are left.
   void pruneUntilFilesAre(std::size_t few) {
     environment.emplace_back("PGPASSWORD=secret");
     const pid_t process =
@@ -164,9 +164,9 @@ class PruneTest : public PlanTest {
   }
 };
 
-TEST_F(PruneTest, FinishesWhatAKillBetweenFilesAndRowsLeft) {
+TEST_F(PruneTest, CompletesAPruneKilledBetweenFilesAndRows) {
   addOldFailures(3);
-  // The rehearsal passes; the deletion itself waits.
+  // The dry run succeeds; the deletion itself waits.
   database.query(
       "CREATE SEQUENCE calls; GRANT USAGE ON SEQUENCE calls TO kodu_admin;"
       "CREATE TABLE held AS SELECT 1; GRANT SELECT ON held TO kodu_admin;"
@@ -182,7 +182,7 @@ TEST_F(PruneTest, FinishesWhatAKillBetweenFilesAndRowsLeft) {
             "3 history rows and 0 archived outputs deleted, 0 bytes\n");
 }
 
-TEST_F(PruneTest, FinishesWhatAKillAmongTheFilesLeft) {
+TEST_F(PruneTest, CompletesAPruneKilledWhileItDeletesFiles) {
   constexpr int kCount = 20000;
   addOldFailures(kCount);
   pruneUntilFilesAre(kCount - 1);
@@ -193,7 +193,7 @@ TEST_F(PruneTest, FinishesWhatAKillAmongTheFilesLeft) {
   EXPECT_EQ(database.failures(1), 0);
 }
 
-TEST_F(PruneTest, ChangesNothingWhereAFolderCannotBeLookedInto) {
+TEST_F(PruneTest, ChangesNothingWhenAFolderCannotBeRead) {
   const passwd* user = getpwnam("postgres");
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can take rights away from the daemon's user";
@@ -215,13 +215,13 @@ TEST_F(PruneTest, ChangesNothingWhereAFolderCannotBeLookedInto) {
   }
 }
 
-TEST_F(PruneTest, ChangesNothingWhereTheOutputFolderIsNotOnThisMachine) {
+TEST_F(PruneTest, ChangesNothingWithoutTheOutputFolder) {
   addOldFailures(3);
   std::filesystem::rename(daemon.outputDirectory(), daemon.directory / "elsewhere");
   expectNothingDeleted("directory " + daemon.outputDirectory() + ": No such file or directory");
 }
 
-TEST_F(PruneTest, KeepsTheRowsWhileAFileCannotBeDeleted) {
+TEST_F(PruneTest, KeepsTheRowsOfFilesThatCannotBeDeleted) {
   addOldFailures(3);
   std::filesystem::remove(archive(1) + "/2.txt");
   std::filesystem::create_directory(archive(1) + "/2.txt");

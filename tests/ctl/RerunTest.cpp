@@ -16,7 +16,7 @@ class RerunTest : public CtlTest {
  protected:
   void SetUp() override {
     CtlTest::SetUp();
-    writeFile(daemon.logPath(), "");  // whose owner the daemon's user is, while none runs
+    writeFile(daemon.logPath(), "");  // its owner counts as the daemon's user
   }
 
   /// Runs a task whose plugin is a script with this body.
@@ -41,14 +41,14 @@ TEST_F(RerunTest, MapsExitCodesAsTheDaemonDoes) {
   EXPECT_EQ(rerun("echo x; exit 7").exitCode, 3);
 }
 
-TEST_F(RerunTest, GivesTheArgumentsAndNoEnvironment) {
+TEST_F(RerunTest, PassesTheArgumentsAndNoEnvironment) {
   const CtlResult result =
       rerun(R"(echo "$# <$1> <$2>"; /usr/bin/tr '\0' '\n' </proc/$$/environ; read x; echo "[$x]")",
             "-m \"two words\"");
   EXPECT_THAT(result.out, StartsWith("2 <-m> <two words>\n[]\n--- return code 0 (OK)"));
 }
 
-TEST_F(RerunTest, GivesThePluginNoTerminal) {
+TEST_F(RerunTest, RunsThePluginWithoutATerminal) {
   TaskRow row = quietTask(1);
   writePlugin(row.path, "echo fine; if (echo typed >/dev/tty) 2>&-; then exit 1; fi; exit 3");
   database.insertTask(row);
@@ -66,7 +66,7 @@ TEST_F(RerunTest, RunsInTheDirectoryOfTheRunningDaemon) {
   EXPECT_THAT(result.out, HasSubstr(" in " + directory + "\n"));
 }
 
-TEST_F(RerunTest, SaysWhereNoDaemonRuns) {
+TEST_F(RerunTest, SaysThatNoDaemonRuns) {
   EXPECT_THAT(rerun("pwd").out,
               AllOf(StartsWith("/\n"), HasSubstr("no daemon with this configuration runs here")));
 }
@@ -83,7 +83,7 @@ TEST_F(RerunTest, RunsAsTheUserOfTheDaemon) {
   EXPECT_THAT(result.out, HasSubstr("as user postgres in /"));
 }
 
-TEST_F(RerunTest, TakesTheUserOfTheRunningDaemonFirst) {
+TEST_F(RerunTest, PrefersTheUserOfTheRunningDaemon) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can become another user";
   }
@@ -103,20 +103,20 @@ TEST_F(RerunTest, SaysThatNothingDiffers) {
   EXPECT_THAT(rerun("echo same").out, HasSubstr("--- the same as the stored output, "));
 }
 
-TEST_F(RerunTest, KnowsTheTailOfAnOlderLongerOutput) {
+TEST_F(RerunTest, RecognisesTheTailOfAnOlderLongerOutput) {
   writeOutput("out_1_last.txt", "same\nrest\n");
   EXPECT_THAT(rerun("echo same").out,
               HasSubstr("except for 5 bytes left from an older, longer one"));
 }
 
-TEST_F(RerunTest, SaysWhatTheDaemonDoesWithAPluginThatPrintsNothing) {
+TEST_F(RerunTest, DescribesAPluginThatPrintsNothing) {
   const CtlResult result = rerun("exit 0");
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_THAT(result.out, HasSubstr("DAEMON: the plugin does not return anything on the stdout"));
   EXPECT_THAT(result.out, HasSubstr("the daemon tries three times"));
 }
 
-TEST_F(RerunTest, LeavesDatabaseAndFilesAlone) {
+TEST_F(RerunTest, ChangesNeitherDatabaseNorFiles) {
   TaskRow row = quietTask(1);
   writePlugin(row.path, "echo bad; exit 2");
   database.insertTask(row);
@@ -130,7 +130,7 @@ TEST_F(RerunTest, LeavesDatabaseAndFilesAlone) {
   EXPECT_FALSE(std::filesystem::exists(archive(1)));
 }
 
-TEST_F(RerunTest, GivesItAllAsJson) {
+TEST_F(RerunTest, PrintsTheResultAsJson) {
   writeOutput("out_1_last.txt", "old\n");
   TaskRow row = quietTask(1);
   database.insertTask(row);

@@ -44,7 +44,7 @@ TEST_F(StatusTest, ListsEachTaskAndCountsThem) {
   EXPECT_THAT(result.out, Not(HasSubstr("\x1b")));
 }
 
-TEST_F(StatusTest, ListsOnlyWhatFails) {
+TEST_F(StatusTest, ListsOnlyFailedTasks) {
   insertOneOfEach();
   const CtlResult result = run({"status", "--failed", "--json"});
   const Json::Value tasks = parsed(result.out);
@@ -54,7 +54,7 @@ TEST_F(StatusTest, ListsOnlyWhatFails) {
   EXPECT_THAT(tasks[0]["failing_since"].asString(), testing::EndsWith("Z"));
 }
 
-TEST_F(StatusTest, ListsOnlyWhatIsLate) {
+TEST_F(StatusTest, ListsOnlyLateTasks) {
   insertOneOfEach();
   const Json::Value tasks = parsed(run({"status", "--late", "--json"}).out);
   ASSERT_EQ(tasks.size(), 1U);
@@ -62,7 +62,7 @@ TEST_F(StatusTest, ListsOnlyWhatIsLate) {
   EXPECT_GE(tasks[0]["late_seconds"].asInt(), 90);
 }
 
-TEST_F(StatusTest, ShowsWhatTheLastRunsSaidFirst) {
+TEST_F(StatusTest, ShowsTheFirstLinesOfTheLastOutputs) {
   for (const int id : {1, 2, 3}) {
     database.insertTask(quietTask(id));
   }
@@ -90,7 +90,7 @@ TEST_F(StatusTest, FollowsTheSeriesOfFailuresBackToTheLastSuccess) {
             task["failing_since"].asString());
 }
 
-TEST_F(StatusTest, SaysWhyAndByWhomATaskIsPaused) {
+TEST_F(StatusTest, ShowsWhyAndByWhomATaskIsPaused) {
   database.insertTask(quietTask(1));
   database.insertTask(quietTask(2));
   EXPECT_THAT(run({"status"}).out, Not(HasSubstr("PAUSED")));
@@ -105,7 +105,7 @@ TEST_F(StatusTest, SaysWhyAndByWhomATaskIsPaused) {
   EXPECT_THAT(pause["since"].asString(), testing::EndsWith("Z"));
 }
 
-TEST_F(StatusTest, ShowsItAgainEachSecondUntilItIsInterrupted) {
+TEST_F(StatusTest, RefreshesEachSecondUntilItIsInterrupted) {
   database.insertTask(quietTask(1));
   const pid_t pid = start({"-f", daemon.mainConfig(), "status", "--watch"});
   ASSERT_TRUE(waitUntil([&] { return !readFile(outPath()).empty(); }));
@@ -136,7 +136,7 @@ TEST_F(StatusTest, KeepsWatchingWhenTheSessionIsLost) {
   EXPECT_NE(readFile(errPath()), "");
 }
 
-TEST_F(StatusTest, ColoursOnATerminalUnlessNoColorIsSet) {
+TEST_F(StatusTest, UsesColoursOnATerminalUnlessNoColorIsSet) {
   database.insertTask(quietTask(1));
   setStatus(1, "FAILED");
   EXPECT_THAT(runOnTerminal({"status"}, {"TERM=xterm", "NO_COLOR="}), HasSubstr("\x1b[31mFAILED"));

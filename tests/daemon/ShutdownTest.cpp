@@ -67,7 +67,7 @@ TEST_F(HandlerQuitTest, WakesEveryWaitingWorker) {
   }
   ASSERT_TRUE(waitUntil([&] { return waiting == 4; }));
 
-  // Again and again: a worker that does not wait yet misses the broadcast; that gap is accepted.
+  // Repeats the broadcast: a worker that does not wait yet misses it; that gap is accepted.
   EXPECT_TRUE(waitUntil([&] {
     std::raise(SIGTERM);
     return woken == 4;

@@ -50,7 +50,7 @@ bool lives(pid_t pid) {
          readFile("/proc/" + std::to_string(pid) + "/stat").find(") Z") == std::string::npos;
 }
 
-/// Makes a call to the kernel fail with `error`, in this process and those it starts.
+/// Makes a system call fail with `error` in this process and its children.
 void forbid(unsigned call, unsigned error) {
   std::array<sock_filter, 4> filter = {
       sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -124,12 +124,12 @@ class GuardTest : public testing::Test {
     finish();
   }
 
-  /// Runs a shell script with this body behind `options`.
+  /// Runs a shell script with this body as the plugin, after `options`.
   void runScript(std::vector<std::string> options, const std::string& body) {
     addScript(options, body);
     run(options);
   }
-  /// The same with `terminal`, which is closed then, as its standard output.
+  /// The same with `terminal` as standard output; closes it afterwards.
   void runScriptOn(int terminal, const std::string& body) {
     std::vector<std::string> options;
     addScript(options, body);
@@ -141,7 +141,7 @@ class GuardTest : public testing::Test {
                    {"--", writePlugin(directory / "plugin", "PATH=/usr/bin:/bin\n" + body)});
   }
 
-  /// Starts a script that notes its process before it goes on, and waits for that.
+  /// Starts a script that first writes its process id to notePath(), and waits until it has.
   void startNoting(std::vector<std::string> options, const std::string& body) {
     addScript(options, "echo $$ >" + notePath() + ".new; mv " + notePath() + ".new " + notePath() +
                            "\n" + body);
@@ -149,7 +149,7 @@ class GuardTest : public testing::Test {
     ASSERT_TRUE(waitUntil([&] { return noted() > 0; }));
   }
   std::string notePath() const { return directory / "note"; }
-  /// The process that a script has noted; 0 before.
+  /// The process id that the script has written; 0 before.
   pid_t noted() const {
     const std::string text = readFile(notePath());
     return text.empty() ? 0 : std::stoi(text);
@@ -168,7 +168,7 @@ class GuardTest : public testing::Test {
   std::string errors;
 };
 
-// What passes through.
+// Output, exit code and environment.
 
 TEST_F(GuardTest, PassesOutputAndExitCodeThrough) {
   for (const int exitCode : {0, 1, 2, 3, 4, 5, 7, 255}) {
@@ -179,7 +179,7 @@ TEST_F(GuardTest, PassesOutputAndExitCodeThrough) {
   }
 }
 
-TEST_F(GuardTest, GivesATerminalNoControlCharacter) {
+TEST_F(GuardTest, ReplacesControlCharactersOnATerminal) {
   int terminal = -1;
   int end = -1;
   ASSERT_EQ(openpty(&terminal, &end, nullptr, nullptr, nullptr), 0);
@@ -192,18 +192,18 @@ TEST_F(GuardTest, GivesATerminalNoControlCharacter) {
             "a?[31m\tb?31m?? \303\251?\r\n");
 }
 
-TEST_F(GuardTest, LeavesEachByteOfTheOutputAlone) {
+TEST_F(GuardTest, KeepsEachByteOfTheOutput) {
   runScript({}, R"(printf 'a\000b\377c')");
   EXPECT_EQ(output, std::string("a\0b\377c", 5));
 }
 
-TEST_F(GuardTest, HandsTheArgumentsOverAsTheyAre) {
+TEST_F(GuardTest, PassesTheArgumentsUnchanged) {
   run({"-t", "9", "--", writePlugin(directory / "arguments", "for a; do echo \"<$a>\"; done"),
        "two words", "", "--", "-t", "$1"});
   EXPECT_EQ(output, "<two words>\n<>\n<-->\n<-t>\n<$1>\n");
 }
 
-TEST_F(GuardTest, HandsTheEnvironmentOver) {
+TEST_F(GuardTest, PassesTheEnvironment) {
   run({"--", "/usr/bin/env"});
   EXPECT_EQ(output, "/usr/bin/env printed nothing, exit code 0\n");
   variable = "KEY=value";
@@ -211,14 +211,14 @@ TEST_F(GuardTest, HandsTheEnvironmentOver) {
   EXPECT_EQ(output, "KEY=value\n");
 }
 
-TEST_F(GuardTest, HandsStandardInputAndNoOtherDescriptorOver) {
+TEST_F(GuardTest, PassesStandardInputAndNoOtherDescriptor) {
   writeFile(directory / "input", "typed\n");
   const std::string input = directory / "input";
   run({"-e", "--", "/bin/sh", "-c", "/bin/cat; /bin/ls /proc/self/fd"}, [&] {
     dup2(open(input.c_str(), O_RDONLY | O_CLOEXEC), STDIN_FILENO);
     close_range(STDERR_FILENO + 1, ~0U, 0);
   });
-  EXPECT_EQ(output, "typed\n0\n1\n2\n3\n");  // 3 is the list's own
+  EXPECT_EQ(output, "typed\n0\n1\n2\n3\n");  // 3 is the directory that ls reads
 }
 
 TEST_F(GuardTest, LeavesTheSignalMaskAlone) {
@@ -227,7 +227,7 @@ TEST_F(GuardTest, LeavesTheSignalMaskAlone) {
 }
 
 TEST_F(GuardTest, RunsThePluginInAGroupOfItsOwn) {
-  runScript({}, "set -- $(cat /proc/$$/stat); echo $(($1 - $5))");  // its number, its group's
+  runScript({}, "set -- $(cat /proc/$$/stat); echo $(($1 - $5))");  // its process id, its group
   EXPECT_EQ(output, "0\n");
 }
 
@@ -236,7 +236,7 @@ TEST_F(GuardTest, OpensStandardFilesThatAreClosed) {
     close(STDIN_FILENO);
     close_range(STDERR_FILENO, ~0U, 0);
   });
-  EXPECT_EQ(output, "0\n1\n2\n3\n");  // 3 is the list's own
+  EXPECT_EQ(output, "0\n1\n2\n3\n");  // 3 is the directory that ls reads
 }
 
 TEST_F(GuardTest, ToleratesClosedStandardFiles) {
@@ -247,14 +247,14 @@ TEST_F(GuardTest, ToleratesClosedStandardFiles) {
   EXPECT_EQ(output, "out\nerr\n");
 }
 
-TEST_F(GuardTest, WaitsForThePluginWhereSigchldIsInheritedAsIgnored) {
+TEST_F(GuardTest, WaitsForThePluginWhenSigchldIsIgnored) {
   run({"--", "/bin/sh", "-c", "echo out; exit 2"}, [] { std::signal(SIGCHLD, SIG_IGN); });
   EXPECT_EQ(output, "out\n");
   EXPECT_EQ(code(), 2);
 }
 
-TEST_F(GuardTest, WaitsForAReaderThatDoesNotWait) {
-  // Far more than the pipe holds, into a pipe that refuses instead of waiting.
+TEST_F(GuardTest, WaitsForAReaderOfANonBlockingPipe) {
+  // Far more than the pipe's capacity, into a non-blocking pipe.
   start({"-o", "1000000", "--", "/usr/bin/head", "-c", "1000000", "/dev/zero"},
         [] { fcntl(STDOUT_FILENO, F_SETFL, O_NONBLOCK); });
   pollfd file = {reader, POLLIN, 0};
@@ -271,7 +271,7 @@ TEST_F(GuardTest, EndsAPluginAtTheTimeLimit) {
   EXPECT_THAT(output, StartsWith(kTimedOut));
   EXPECT_EQ(code(), 3);
   EXPECT_GE(duration, milliseconds(1000));
-  EXPECT_LT(duration, milliseconds(5000));  // not the grace as well
+  EXPECT_LT(duration, milliseconds(5000));  // without the grace period
   EXPECT_FALSE(lives(std::stoi(output.substr(std::string(kTimedOut).size()))));
 }
 
@@ -288,14 +288,14 @@ TEST_F(GuardTest, SendsKillAfterTheGrace) {
   EXPECT_LT(duration, milliseconds(10'000));
 }
 
-TEST_F(GuardTest, GivesNoGraceWhereNoneIsGiven) {
+TEST_F(GuardTest, KillsAtOnceWithoutAGrace) {
   runScript({"-t", "1", "-k", "0"}, "trap '' TERM; while :; do sleep 0.1; done");
   EXPECT_EQ(output, kTimedOut);
   EXPECT_LT(duration, milliseconds(5000));
 }
 
 TEST_F(GuardTest, EndsTheWholeGroupAtTheTimeLimit) {
-  // The one in the background neither holds the output nor takes TERM.
+  // The background process has another output and ignores TERM.
   runScript({"-t", "1", "-k", "1"}, "(trap '' TERM; exec sleep 60) >/dev/null & echo $! >" +
                                         notePath() + "; exec sleep 60");
   EXPECT_EQ(output, kTimedOut);
@@ -319,7 +319,7 @@ TEST_F(GuardTest, EndsAPluginThatHasClosedItsOutputAndHangs) {
   EXPECT_EQ(output, std::string(kTimedOut) + "words\n");
 }
 
-TEST_F(GuardTest, KeepsItsTimeThoughItWasStopped) {
+TEST_F(GuardTest, KeepsTheTimeLimitAfterAStop) {
   startNoting({"-t", "1"}, "exec sleep 60");
   const pid_t plugin = noted();
   kill(guard, SIGSTOP);
@@ -330,7 +330,7 @@ TEST_F(GuardTest, KeepsItsTimeThoughItWasStopped) {
   EXPECT_FALSE(lives(plugin));
 }
 
-TEST_F(GuardTest, GivesUpWhatKillDoesNotEnd) {
+TEST_F(GuardTest, GivesUpOnAPluginThatCannotBeKilled) {
   run({"-t", "1", "-k", "0", "--", "/bin/sh", "-c", "echo words; exec /bin/sleep 60"},
       [] { forbid(SYS_kill, EPERM); });
   EXPECT_EQ(output, std::string(kTimedOut) +
@@ -343,7 +343,7 @@ TEST_F(GuardTest, GivesUpWhatKillDoesNotEnd) {
 
 // The output limit.
 
-TEST_F(GuardTest, LeavesAnOutputOfJustTheLimitAlone) {
+TEST_F(GuardTest, KeepsAnOutputOfExactlyTheLimit) {
   runScript({"-o", "6"}, "echo 12345");
   EXPECT_EQ(output, "12345\n");
 }
@@ -354,7 +354,7 @@ TEST_F(GuardTest, MarksAnOutputBeyondTheLimit) {
   EXPECT_EQ(code(), 1);
 }
 
-TEST_F(GuardTest, ReadsOnBehindTheLimit) {
+TEST_F(GuardTest, KeepsReadingBeyondTheLimit) {
   run({"-o", "65536", "--", "/usr/bin/head", "-c", "10000000", "/dev/zero"});
   EXPECT_THAT(output, HasSubstr(" 9934464 dropped;"));
   EXPECT_EQ(code(), 0);
@@ -374,7 +374,7 @@ TEST_F(GuardTest, AddsStandardErrorAfterTheOutput) {
   EXPECT_EQ(errors, "");
 }
 
-TEST_F(GuardTest, BeginsALineForStandardError) {
+TEST_F(GuardTest, BeginsANewLineForStandardError) {
   runScript({"-e"}, "echo second >&2; printf first");
   EXPECT_EQ(output, "first\nsecond\n");
 }
@@ -390,7 +390,7 @@ TEST_F(GuardTest, AddsStandardErrorOfAHungPlugin) {
   EXPECT_EQ(output, std::string(kTimedOut) + "first\nsecond\n");
 }
 
-// A plugin that prints nothing, or that a signal ends.
+// A plugin that prints nothing, or is ended by a signal.
 
 TEST_F(GuardTest, SaysThatAPluginPrintedNothing) {
   for (const int exitCode : {0, 2, 255}) {
@@ -401,12 +401,12 @@ TEST_F(GuardTest, SaysThatAPluginPrintedNothing) {
   }
 }
 
-TEST_F(GuardTest, TakesTwoQuotesForNothing) {
+TEST_F(GuardTest, TreatsTwoQuotesAsNoOutput) {
   runScript({}, "printf \"''\"");
   EXPECT_EQ(output, directory / "plugin" + " printed nothing, exit code 0\n");
 }
 
-TEST_F(GuardTest, TakesStandardErrorForSomethingWhereItIsAdded) {
+TEST_F(GuardTest, CountsAddedStandardErrorAsOutput) {
   runScript({"-e"}, "echo words >&2");
   EXPECT_EQ(output, "words\n");
 }
@@ -418,7 +418,7 @@ TEST_F(GuardTest, SaysWhichSignalEndedAPlugin) {
   EXPECT_EQ(code(), 3);
 }
 
-TEST_F(GuardTest, SaysWhatTheDaemonSaysOfAPluginThatCannotBeExecuted) {
+TEST_F(GuardTest, ReportsAPluginThatCannotBeExecutedAsTheDaemonDoes) {
   writeFile(directory / "text", "no program");
   writeFile(directory / "binary", std::string("\177ELF\0\0", 6));
   chmod((directory / "binary").c_str(), 0700);
@@ -434,7 +434,7 @@ TEST_F(GuardTest, SaysWhatTheDaemonSaysOfAPluginThatCannotBeExecuted) {
   }
 }
 
-// What a plugin leaves behind.
+// Processes that a plugin leaves behind.
 
 TEST_F(GuardTest, EndsAGrandchildThatHoldsTheOutput) {
   runScript({"-t", "30"}, "sleep 60 & echo $! >" + notePath() + "; echo words; exit 1");
@@ -472,12 +472,12 @@ TEST_F(GuardTest, EndsGenerationsThatHaveLeftTheGroupAndIgnoreTerm) {
   EXPECT_FALSE(lives(noted()));
 }
 
-TEST_F(GuardTest, TakesWhatAGrandchildHadOnItsWay) {
+TEST_F(GuardTest, KeepsTheOutputOfAGrandchildThatEndsInTime) {
   runScript({}, "(sleep 0.05; echo late) & echo early");
   EXPECT_EQ(output, "early\nlate\n");
 }
 
-TEST_F(GuardTest, LeavesAGrandchildAloneThatDoesNotHoldTheOutput) {
+TEST_F(GuardTest, LeavesAGrandchildAloneWithoutTheOutput) {
   const std::string mark = directory / "mark";
   runScript({}, "setsid sh -c '" + waitInShell(mark) + "; rm " + mark +
                     "' >/dev/null 2>&1 </dev/null & echo words");
@@ -488,7 +488,7 @@ TEST_F(GuardTest, LeavesAGrandchildAloneThatDoesNotHoldTheOutput) {
 
 // Signals to the guard.
 
-TEST_F(GuardTest, PassesSignalsOnToTheGroup) {
+TEST_F(GuardTest, ForwardsSignalsToTheGroup) {
   for (const auto& [signal, name] : {std::pair{SIGTERM, "TERM"}, std::pair{SIGINT, "INT"},
                                      std::pair{SIGHUP, "HUP"}, std::pair{SIGQUIT, "QUIT"}}) {
     std::filesystem::remove(notePath());
@@ -504,7 +504,7 @@ TEST_F(GuardTest, PassesSignalsOnToTheGroup) {
   }
 }
 
-TEST_F(GuardTest, KillsAPluginThatIgnoresASignalPassedOn) {
+TEST_F(GuardTest, KillsAPluginThatIgnoresAForwardedSignal) {
   startNoting({"-k", "1"}, "trap '' TERM; echo ready >" + (directory / "ready") +
                                "; while :; do sleep 0.1; done");
   ASSERT_TRUE(waitUntil([&] { return !readFile(directory / "ready").empty(); }));
@@ -514,7 +514,7 @@ TEST_F(GuardTest, KillsAPluginThatIgnoresASignalPassedOn) {
   EXPECT_FALSE(lives(noted()));
 }
 
-TEST_F(GuardTest, TakesThePluginWithItWhenItIsKilled) {
+TEST_F(GuardTest, EndsThePluginWhenItIsKilled) {
   startNoting({}, "exec sleep 60");
   const pid_t plugin = noted();
   ASSERT_TRUE(lives(plugin));
@@ -553,7 +553,7 @@ TEST_F(GuardTest, RefusesAWrongCommandLine) {
   }
 }
 
-TEST_F(GuardTest, SaysWhyItCannotOpenThePipes) {
+TEST_F(GuardTest, ReportsWhyItCannotOpenThePipes) {
   run({"--", "/bin/echo"}, [] { limit(RLIMIT_NOFILE, 4); });
   EXPECT_THAT(output, StartsWith("UNKNOWN - koduguard: cannot open the pipes for /bin/echo: Too "
                                  "many open files; raise the limits "));
@@ -563,7 +563,7 @@ TEST_F(GuardTest, SaysWhyItCannotOpenThePipes) {
   EXPECT_EQ(code(), 3);
 }
 
-TEST_F(GuardTest, SaysWhyItCannotMakeAProcess) {
+TEST_F(GuardTest, ReportsWhyItCannotCreateAProcess) {
   run({"--", "/bin/echo"}, [] { forbid(SYS_clone, EAGAIN); });
   EXPECT_EQ(output,
             "UNKNOWN - koduguard: cannot create a process for /bin/echo: Resource temporarily "
@@ -571,7 +571,7 @@ TEST_F(GuardTest, SaysWhyItCannotMakeAProcess) {
   EXPECT_EQ(code(), 3);
 }
 
-TEST_F(GuardTest, TakesTheLargestNumbers) {
+TEST_F(GuardTest, AcceptsTheLargestNumbers) {
   run({"-t", "86400", "-k", "3600", "-o", "1073741824", "--", "/bin/echo", "words"});
   EXPECT_EQ(output, "words\n");
 }

@@ -1,4 +1,4 @@
-"""The judge is judged: each loss is seen, and is excused by its own event only."""
+"""Tests of the judge: it detects each loss, and accepts only the loss's own event as an excuse."""
 
 import os
 import tempfile
@@ -18,7 +18,7 @@ LIFE = 77
 
 
 class JudgeTest(unittest.TestCase):
-    """One task with an interval of 5 s in one life of 300 s, and what each test does to it."""
+    """One task with an interval of 5 s in one life of 300 s, which each test changes."""
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
@@ -62,7 +62,7 @@ class JudgeTest(unittest.TestCase):
         for figure in self.judge().figures():
             self.assertEqual([], figure.violations, figure.name)
 
-    def test_sees_a_silence(self):
+    def test_sees_a_missing_run(self):
         self.runs = [run for run in self.runs if not 1100 < run.begin < 1130]
         self.assertEqual([1], self.violations('missed'))
 
@@ -133,17 +133,17 @@ class JudgeTest(unittest.TestCase):
         self.journal.add('end', time=1170.0, pid=LIFE, how='ended by SIGKILL', words='')
         self.assertEqual([1, 1], self.violations('archives'))
 
-    def test_takes_three_attempts_without_output_for_one_failed_run(self):
+    def test_counts_three_attempts_without_output_as_one_failed_run(self):
         self.runs = [self.run_at(at, kind='silent') for at in (1150, 1151, 1152, 1160, 1161)]
         self.copy_of(self.runs[2])
         self.facts['history'] = [['1', '1_a.txt']]
         self.assertEqual([0, 0], self.violations('archives'))
 
-    def test_sees_an_end_of_the_daemon_that_nobody_caused(self):
+    def test_sees_an_end_of_the_daemon_without_a_cause(self):
         self.journal.add('end', time=1153.0, pid=LIFE, how='ended by SIGSEGV', words='')
         self.assertEqual([1], self.violations('restarts'))
 
-    def test_takes_an_end_by_the_cause_that_its_words_name_only(self):
+    def test_accepts_an_end_only_for_the_cause_in_its_message(self):
         self.journal.add('end', time=1153.0, pid=LIFE, how='ended by SIGABRT',
                          words='terminate called: what(): cannot copy: No space left on device')
         self.journal.add('server', time=1152.0, until=1153.0)
@@ -151,7 +151,7 @@ class JudgeTest(unittest.TestCase):
         self.journal.add('directory', time=1152.0, until=1155.0)
         self.assertEqual([0], self.violations('restarts'))
 
-    def test_takes_an_end_without_words_by_a_deadly_fault_of_that_moment_only(self):
+    def test_accepts_an_end_without_a_message_only_for_a_fatal_fault_of_that_moment(self):
         self.journal.add('end', time=1153.0, pid=LIFE, how='ended by SIGABRT',
                          words='terminate called recursively')
         self.journal.add('step', time=1152.0, seconds=3)
@@ -165,7 +165,7 @@ class JudgeTest(unittest.TestCase):
                          words='double free or corruption (fasttop)')
         self.assertEqual([1], self.violations('restarts'))
 
-    def test_ignores_a_copy_that_was_cut_off_at_its_begin(self):
+    def test_ignores_a_copy_without_its_first_line(self):
         self.runs.append(self.run_at(1152, code=2))
         self.copy_of(self.runs[-1])
         self.copy_of(self.run_at(1160, kind='silent'), '1_b.txt')
@@ -204,12 +204,12 @@ class JudgeTest(unittest.TestCase):
         self.memory = [(at, LIFE, 1000 if at < 1200 else 1101) for at in range(1001, 1300)]
         self.assertEqual([1], self.violations('memory'))
 
-    def test_takes_a_last_life_that_is_too_young_for_a_violation(self):
+    def test_reports_a_last_life_that_is_too_young(self):
         self.memory = ([(at, LIFE, 1000) for at in range(1001, 1280)] +
                        [(at, 78, 1000) for at in range(1280, 1300)])
         self.assertEqual([1], self.violations('memory'))
 
-    def test_takes_the_longest_stretch_outside_all_windows(self):
+    def test_finds_the_longest_period_outside_all_windows(self):
         self.assertEqual((5, 15), longest_stretch(10, 20, [(13, 15), (14, 15), (8, 11)]))
 
 

@@ -15,14 +15,14 @@ class DemoTest : public testing::Test {
  protected:
   void SetUp() override { database.query(readFile(projectFile("sql/functions.sql"))); }
 
-  /// Loads it as a demo's start does.
+  /// Loads the file as scripts/demo does.
   void load() const {
     std::string sql = readFile(projectFile("sql/demo.sql"));
     replaceAll(sql, ":'plugins'", "'/plugins'");
     replaceAll(sql, ":'port'", "'5432'");
     database.query(sql);
   }
-  /// What a run leaves in the rows.
+  /// Changes the rows as a run of the daemon does.
   void pretendRuns() const {
     database.query(
         "UPDATE kodu_cron_plugin SET cron_status = 'OK', cron_last_exec = cron_next_exec, "
@@ -45,7 +45,7 @@ class DemoTest : public testing::Test {
         "JOIN kodu_cron_plugin USING (cron_id) JOIN kodu_plugins ON plugin_id = cron_plugin_id "
         "ORDER BY plugin_name");
   }
-  /// How many of the demo's tasks are about to run for the first time.
+  /// The number of the demo's tasks that have not run yet.
   std::string freshTasks() const {
     return database.value(
         "SELECT count(*) FROM kodu_cron_plugin JOIN demo_expected USING (cron_id) "
@@ -87,7 +87,7 @@ TEST_F(DemoTest, StartsAgainWithTheSameIds) {
   EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin"), "10");
 }
 
-TEST_F(DemoTest, TakesBackWhatBecameOfItsTasks) {
+TEST_F(DemoTest, ResetsItsTasks) {
   load();
   const Rows definitionsBefore = definitions();
   database.query("SELECT kodu_task_set(1, '/other', '1 h', 'a', 5, '1 h', '$DATE', name => 'x')");
@@ -101,7 +101,7 @@ TEST_F(DemoTest, TakesBackWhatBecameOfItsTasks) {
   EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_pause"), "0");
 }
 
-TEST_F(DemoTest, AddsATaskThatIsGoneAndLeavesThoseOfOthersAlone) {
+TEST_F(DemoTest, RestoresADeletedTaskAndLeavesOtherTasksAlone) {
   add("load");
   load();
   add("mine");
@@ -120,7 +120,7 @@ TEST_F(DemoTest, AddsATaskThatIsGoneAndLeavesThoseOfOthersAlone) {
       ofOthers);
 }
 
-TEST_F(DemoTest, TakesTheTasksOfADemoThatKeptNoNames) {
+TEST_F(DemoTest, AdoptsTheTasksOfADemoWithoutNames) {
   database.query("ALTER SEQUENCE kodu_cron_plugin_cron_id_seq RESTART WITH 11");
   load();
   pretendRuns();

@@ -20,7 +20,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using Rows = std::vector<Database::Row>;
 
-/// A database with sql/functions.sql, and a session that hears what is told to the daemon.
+/// A database with sql/functions.sql, and a session that listens on the daemon's channel.
 class FunctionsTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -30,7 +30,7 @@ class FunctionsTest : public testing::Test {
 
   void loadFunctions() const { database.query(readFile(projectFile("sql/functions.sql"))); }
 
-  /// The payloads that were sent since the last call.
+  /// The payloads sent since the last call.
   std::vector<std::string> heard() {
     database.notify("last");
     std::vector<std::string> payloads;
@@ -59,7 +59,7 @@ class FunctionsTest : public testing::Test {
     heard();
   }
 
-  /// What the server says to `sql`; "" when it takes it.
+  /// The server's error for `sql`; "" when it succeeds.
   std::string refusalOf(const std::string& sql) const {
     try {
       database.query(sql);
@@ -81,7 +81,7 @@ class FunctionsTest : public testing::Test {
     return database.value("SELECT " + column +
                           " FROM kodu_task_status WHERE id = " + std::to_string(id));
   }
-  /// How far the next time is from now, in seconds.
+  /// Seconds from now to the next run.
   long nextIn(int id) const {
     return std::stol(
         database.task(id, "round(EXTRACT(EPOCH FROM cron_next_exec - clock_timestamp()))"));
@@ -95,7 +95,7 @@ class FunctionsTest : public testing::Test {
   pgSafeThread listener{database.conninfo()};
 };
 
-TEST_F(FunctionsTest, TellsOfEachInsertedTask) {
+TEST_F(FunctionsTest, NotifiesOfEachInsertedTask) {
   database.insertTask(TaskRow());
   database.query(
       "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_log_file) "
@@ -104,7 +104,7 @@ TEST_F(FunctionsTest, TellsOfEachInsertedTask) {
   EXPECT_THAT(heard(), ElementsAre(payload("ADD", 1), payload("ADD", 5), payload("ADD", 6)));
 }
 
-TEST_F(FunctionsTest, TellsOfEachColumnOfTheDefinition) {
+TEST_F(FunctionsTest, NotifiesOfEachChangedColumnOfTheDefinition) {
   insertTask(2);
   insertTask(7);
 
@@ -118,7 +118,7 @@ TEST_F(FunctionsTest, TellsOfEachColumnOfTheDefinition) {
   }
 }
 
-TEST_F(FunctionsTest, TellsOfAPluginsNewNameAndPath) {
+TEST_F(FunctionsTest, NotifiesOfAPluginsNewNameAndPath) {
   insertTask(2);
   insertTask(7);
   set(7, "cron_plugin_id = 2");
@@ -172,7 +172,7 @@ TEST_F(FunctionsTest, DeletesAPausedTaskByTheDaemonsStatement) {
   EXPECT_THAT(database.query("SELECT FROM kodu_cron_pause"), IsEmpty());
 }
 
-TEST_F(FunctionsTest, AddsATaskByItsPluginsNameAlone) {
+TEST_F(FunctionsTest, AddsATaskByThePluginsName) {
   database.query("INSERT INTO kodu_plugins(plugin_name, plugin_path) VALUES ('load', '/bin/load')");
 
   EXPECT_EQ(database.value("SELECT kodu_task_add('load', '5 minutes')"), "1");
@@ -186,7 +186,7 @@ TEST_F(FunctionsTest, AddsATaskByItsPluginsNameAlone) {
   EXPECT_THAT(heard(), ElementsAre(payload("ADD", 1)));
 }
 
-TEST_F(FunctionsTest, AddsATaskWithAllThatIsNamed) {
+TEST_F(FunctionsTest, AddsATaskWithAllParameters) {
   database.query("SET timezone = 'Asia/Tokyo'");
 
   call(
@@ -211,7 +211,7 @@ TEST_F(FunctionsTest, MovesAPastFirstRunByWholeIntervals) {
   EXPECT_NEAR(static_cast<double>(nextIn(1)), 60, 2);
 }
 
-TEST_F(FunctionsTest, CataloguesAPathOnceForEachName) {
+TEST_F(FunctionsTest, AddsAPathToTheCatalogueOnceForEachName) {
   call("kodu_task_add('/opt/check_a', '60 s')");
   call("kodu_task_add('/opt/check_a', '60 s')");
   call("kodu_task_add('check_a', '60 s', name => 'other')");
@@ -235,7 +235,7 @@ TEST_F(FunctionsTest, RunsATaskWithATimeoutThroughTheGuard) {
                   {"a", "/opt/a", ""}}));
 }
 
-TEST_F(FunctionsTest, TakesTheGuardFromTheCatalogue) {
+TEST_F(FunctionsTest, ReadsTheGuardsPathFromTheCatalogue) {
   call("kodu_plugin_at('/opt/bin/koduguard', NULL)");
 
   call("kodu_task_add('/opt/a', '60 s', timeout => '30 s')");
@@ -245,7 +245,7 @@ TEST_F(FunctionsTest, TakesTheGuardFromTheCatalogue) {
             "/opt/bin/koduguard");
 }
 
-TEST_F(FunctionsTest, CallsAnUnnamedTaskOfAPathByItsFile) {
+TEST_F(FunctionsTest, NamesATaskAfterItsFileByDefault) {
   call("kodu_task_add('/opt/check_a', '60 s', name => 'web shop')");
 
   call("kodu_task_add('/opt/check_a', '60 s')");
@@ -266,7 +266,7 @@ TEST_F(FunctionsTest, FindsPluginsWithoutReadingTheWholeCatalogue) {
   call("count(kodu_task_add('p' || i, '60 s', timeout => '5 s')) FROM generate_series(1, 20) i");
   call("kodu_task_add('/r', '60 s', name => 'same')");
 
-  // A path that stands in many rows is found soon without an index, too.
+  // A path that occurs in many rows is found quickly even without an index.
   EXPECT_LT(std::stol(database.value("SELECT seq_tup_read FROM pg_stat_xact_user_tables "
                                      "WHERE relname = 'kodu_plugins'")),
             1000);
@@ -296,7 +296,7 @@ TEST_F(FunctionsTest, ChangesThePluginBehindItsGuard) {
                 "the parameters of task 1 name no plugin after --", "koduguard runs it.");
 }
 
-TEST_F(FunctionsTest, SaysWhatIsWrongWithANewTask) {
+TEST_F(FunctionsTest, ReportsErrorsInANewTask) {
   database.query(
       "INSERT INTO kodu_plugins(plugin_name, plugin_path, plugin_type) VALUES ('web', '/w', "
       "'service'), ('twin', '/a', 'cron'), ('twin', '/b', 'cron')");
@@ -340,7 +340,7 @@ TEST_F(FunctionsTest, SaysWhatIsWrongWithANewTask) {
   EXPECT_THAT(heard(), IsEmpty());
 }
 
-TEST_F(FunctionsTest, SaysWhatIsWrongWithAFileName) {
+TEST_F(FunctionsTest, ReportsErrorsInAFileName) {
   const auto expectNameRefused = [&](const std::string& name, const std::string& message,
                                      const std::string& hint) {
     expectRefused("kodu_task_add('/a', '60 s', file_name => " + name + ")", message, hint);
@@ -356,7 +356,7 @@ TEST_F(FunctionsTest, SaysWhatIsWrongWithAFileName) {
                     "Line feeds");
 }
 
-TEST_F(FunctionsTest, SetsWhatIsNamedAndNoMore) {
+TEST_F(FunctionsTest, SetsOnlyTheNamedColumns) {
   insertTask(7);
   const Database::Row before = database.query("SELECT * FROM kodu_cron_plugin").front();
 
@@ -388,7 +388,7 @@ TEST_F(FunctionsTest, SetsTheNextRun) {
   EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
 }
 
-TEST_F(FunctionsTest, NamesOneTaskOfSeveralWithAPlugin) {
+TEST_F(FunctionsTest, RenamesOneOfSeveralTasksOfAPlugin) {
   insertTask(7);
   call("kodu_task_add('task7', '60 s')");
 
@@ -398,7 +398,7 @@ TEST_F(FunctionsTest, NamesOneTaskOfSeveralWithAPlugin) {
   EXPECT_EQ(status(1, "name"), "task7");
 }
 
-TEST_F(FunctionsTest, SaysWhatIsWrongWithAChange) {
+TEST_F(FunctionsTest, ReportsErrorsInAChange) {
   insertTask(7);
   insertTask(8);
   call("kodu_task_delete(8)");
@@ -466,12 +466,12 @@ class RunTest : public FunctionsTest {
     prepareNamedStatements(daemon);
   }
 
-  /// Runs a statement of the daemon; returns the first cell of its answer, if there is one.
+  /// Executes a statement of the daemon; returns the first value of the result, if there is one.
   std::string run(const std::string& statement, const std::vector<std::string>& parameters) {
     const ResultPtr result(daemon.executePrepareRequest(statement, parameters));
     return PQntuples(result.get()) > 0 ? PQgetvalue(result.get(), 0, 0) : "";
   }
-  /// Ends the run, and returns the next time that the daemon is told.
+  /// Ends the run, and returns the next time that the daemon receives.
   long endRun(const std::string& status = "OK") {
     return std::stol(run("UpdateCronState", {"7", status}));
   }
@@ -483,13 +483,13 @@ class RunTest : public FunctionsTest {
   long due = 0;
 };
 
-TEST_F(RunTest, EndsNormallyWhenNothingWasRequestedMeanwhile) {
+TEST_F(RunTest, EndsNormallyWithoutAPendingRequest) {
   EXPECT_EQ(endRun(), due + 300);
   EXPECT_EQ(lastExec(), std::to_string(due));
   EXPECT_THAT(heard(), IsEmpty());
 }
 
-TEST_F(RunTest, EndsWithThePauseThatWasAskedForMeanwhile) {
+TEST_F(RunTest, EndsInThePauseRequestedMeanwhile) {
   call("kodu_task_pause(7, 'new disks')");
   EXPECT_EQ(database.nextExec(7), due);
   EXPECT_EQ(status(7, "paused || ' ' || running || ' ' || pause_reason"), "true true new disks");
@@ -514,7 +514,7 @@ TEST_F(RunTest, EndsNormallyWhenItsPauseWasResumedMeanwhile) {
   EXPECT_THAT(heard(), IsEmpty());
 }
 
-TEST_F(RunTest, EndsWithTheTimeThatWasSetMeanwhile) {
+TEST_F(RunTest, EndsWithTheNextRunSetMeanwhile) {
   set(7, "cron_interval = '1 day'");
   heard();
   call("kodu_task_set(7, next_run => now() + interval '10 minutes')");
@@ -526,7 +526,7 @@ TEST_F(RunTest, EndsWithTheTimeThatWasSetMeanwhile) {
   EXPECT_NEAR(static_cast<double>(nextIn(7)), 600, 5);
 }
 
-TEST_F(RunTest, ResumesWithTheTimeThatWasSetBeforeThePause) {
+TEST_F(RunTest, ResumesWithTheNextRunSetBeforeThePause) {
   set(7, "cron_interval = '1 day'");
   call("kodu_task_set(7, next_run => now() + interval '10 minutes')");
   call("kodu_task_pause(7)");
@@ -535,17 +535,17 @@ TEST_F(RunTest, ResumesWithTheTimeThatWasSetBeforeThePause) {
   EXPECT_NEAR(static_cast<double>(endRun()), static_cast<double>(due + 602), 5);
 }
 
-TEST_F(RunTest, IsFollowedAtOnceByTheRunThatWasAskedForMeanwhile) {
+TEST_F(RunTest, IsFollowedAtOnceByTheRunRequestedMeanwhile) {
   set(7, "cron_interval = '1 day'");
   call("kodu_task_run_now(7)");
-  set(7, "cron_wanted = now() - interval '1 s'");  // as after a minute of the run
+  set(7, "cron_wanted = now() - interval '1 s'");  // as if the run had taken a minute
 
   run("UpdateCronProcess", {"7"});  // a retry
   EXPECT_THAT(endRun(), testing::AllOf(testing::Ge(due + 3), testing::Le(due + 30)));
   EXPECT_EQ(lastExec(), std::to_string(due));
 }
 
-TEST_F(RunTest, TellsAChangeOfItsTaskAtItsEnd) {
+TEST_F(RunTest, NotifiesOfAChangedTaskAtItsEnd) {
   set(7, "cron_parameter = 'plain'");
   call("kodu_task_set(7, retries => 4)");
   EXPECT_THAT(heard(), IsEmpty());
@@ -555,7 +555,7 @@ TEST_F(RunTest, TellsAChangeOfItsTaskAtItsEnd) {
   EXPECT_EQ(database.task(7, "cron_changed"), "f");
 }
 
-TEST_F(RunTest, HasItsDeletedTaskFlaggedAtItsEnd) {
+TEST_F(RunTest, FlagsItsDeletedTaskAtItsEnd) {
   call("kodu_task_delete(7)");
   call("kodu_task_delete(7)");
   EXPECT_EQ(database.task(7, "cron_delete"), "f");
@@ -570,26 +570,26 @@ TEST_F(RunTest, HasItsDeletedTaskFlaggedAtItsEnd) {
   EXPECT_THAT(heard(), IsEmpty());
 }
 
-TEST_F(RunTest, IsNotMetByAPurgeWhenItsTaskWasFlaggedInTheQueue) {
+TEST_F(RunTest, DelaysThePurgeOfATaskFlaggedInTheQueue) {
   set(7, "cron_status = 'OK'");
   call("kodu_task_delete(7)");
   EXPECT_EQ(run("SelectDeleteCron", {}), "7");
 
-  run("UpdateCronProcess", {"7"});  // the daemon has not heard of the new time
+  run("UpdateCronProcess", {"7"});  // the daemon does not know the new time
   EXPECT_EQ(status(7, "running || ' ' || deleting"), "true true");
   call("kodu_task_delete(7)");
   EXPECT_EQ(run("SelectDeleteCron", {}), "");
-  run("DeleteCron", {"7"});  // of a purge that has looked just before
+  run("DeleteCron", {"7"});  // of a purge that has just read the rows
   endRun();
   EXPECT_EQ(run("SelectDeleteCron", {}), "7");
   run("DeleteCron", {"7"});
   EXPECT_EQ(database.task(7, "cron_id"), "");
 }
 
-TEST_F(RunTest, IsKnownWhenItsTimeWasMovedAsItBegan) {
+TEST_F(RunTest, IsDetectedWhenItsTimeWasMovedAtItsStart) {
   set(7, "cron_status = 'OK', cron_interval = '1 day'");
   call("kodu_task_pause(7)");
-  run("UpdateCronProcess", {"7"});  // by a worker that had the task already
+  run("UpdateCronProcess", {"7"});  // by a worker that already has the task
   EXPECT_EQ(status(7, "running || ' ' || paused"), "true true");
   run("UpdateCronProcess", {"7"});  // a retry
   endRun();
@@ -619,7 +619,7 @@ TEST_F(RunTest, KeepsATimeThatIsSetTwice) {
   EXPECT_EQ(database.task(7, "cron_wanted = cron_next_exec"), "t") << "this is no retry";
 }
 
-TEST_F(RunTest, IsNotMetByAPurgeWhenItsTimeWasMovedAsItBegan) {
+TEST_F(RunTest, DelaysThePurgeWhenItsTimeWasMovedAtItsStart) {
   set(7, "cron_status = 'OK', cron_interval = '1 day'");
   call("kodu_task_pause(7)");
   run("UpdateCronProcess", {"7"});
@@ -629,7 +629,7 @@ TEST_F(RunTest, IsNotMetByAPurgeWhenItsTimeWasMovedAsItBegan) {
   EXPECT_EQ(run("SelectDeleteCron", {}), "7");
 }
 
-TEST_F(RunTest, IsNotMetByAPurgeWhenItWasAskedForAsItBegan) {
+TEST_F(RunTest, DelaysThePurgeWhenItWasRequestedAtItsStart) {
   set(7, "cron_status = 'OK', cron_interval = '1 day'");
   call("kodu_task_run_now(7)");
   run("UpdateCronProcess", {"7"});
@@ -639,7 +639,7 @@ TEST_F(RunTest, IsNotMetByAPurgeWhenItWasAskedForAsItBegan) {
   EXPECT_EQ(run("SelectDeleteCron", {}), "7");
 }
 
-TEST_F(RunTest, IsResumedWhenItsPauseCameAsItBegan) {
+TEST_F(RunTest, IsResumedWhenItWasPausedAtItsStart) {
   set(7, "cron_status = 'OK', cron_interval = '1 day'");
   call("kodu_task_pause(7)");
   run("UpdateCronProcess", {"7"});
@@ -648,13 +648,13 @@ TEST_F(RunTest, IsResumedWhenItsPauseCameAsItBegan) {
   EXPECT_EQ(endRun(), due + 86400);
 }
 
-TEST_F(RunTest, EndsWithoutFailingWhateverIsWanted) {
+TEST_F(RunTest, EndsWithoutErrorWhateverIsRequested) {
   set(7, "cron_wanted = '2037-12-31'");
   endRun();
   EXPECT_EQ(database.task(7, "cron_next_exec"), "2036-01-01 00:00:00");
 }
 
-TEST_F(RunTest, TellsAChangeOfItsPluginAtItsEnd) {
+TEST_F(RunTest, NotifiesOfAChangedPluginAtItsEnd) {
   heard();
   database.query("UPDATE kodu_plugins SET plugin_path = '/bin/echo'");
   EXPECT_THAT(heard(), IsEmpty());
@@ -662,7 +662,7 @@ TEST_F(RunTest, TellsAChangeOfItsPluginAtItsEnd) {
   EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
 }
 
-TEST_F(RunTest, TellsAChangeLaterWhenTheServersQueueIsFull) {
+TEST_F(RunTest, NotifiesLaterWhenTheServersQueueIsFull) {
   database.query(
       "CREATE OR REPLACE FUNCTION pg_catalog.pg_notification_queue_usage() RETURNS double precision"
       " LANGUAGE sql AS $$SELECT current_setting('test.usage')::float8$$");
@@ -681,7 +681,7 @@ TEST_F(RunTest, TellsAChangeLaterWhenTheServersQueueIsFull) {
   EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
 }
 
-TEST_F(RunTest, LeavesWhatIsWantedToTheRepairWhenTheDaemonDies) {
+TEST_F(RunTest, LeavesPendingRequestsToTheRepairWhenTheDaemonDies) {
   insertTask(8);
   set(8, "cron_status = 'PROCESS', cron_next_exec = now() - interval '1 minute'");
   call("kodu_task_set(7, next_run => now() + interval '10 minutes')");
@@ -697,7 +697,7 @@ TEST_F(RunTest, LeavesWhatIsWantedToTheRepairWhenTheDaemonDies) {
             std::to_string(due));
 }
 
-TEST_F(RunTest, BeginsAtOnceWhenItsTimeHasPassedAsTheDaemonLoadsIt) {
+TEST_F(RunTest, BeginsAtOnceWhenItIsOverdueAtItsLoad) {
   set(7, "cron_status = 'OK', cron_interval = '1 day'");
   call("kodu_task_run_now(7)");
   const auto moveOn = [&](const std::string& ago) {
@@ -724,7 +724,7 @@ TEST_F(FunctionsTest, KeepsAPauseOfTheLongestIntervalWithinTheTable) {
   EXPECT_NO_THROW(PQclear(daemon.executePrepareRequest("UpdateCronState", {"7", "OK"})));
 }
 
-TEST_F(FunctionsTest, LeavesAPauseAndARunningTaskAloneTheSecondTime) {
+TEST_F(FunctionsTest, ChangesNothingTheSecondTime) {
   insertTask(7);
   call("kodu_task_resume(7)");
   EXPECT_THAT(heard(), IsEmpty());
@@ -761,7 +761,7 @@ TEST_F(FunctionsTest, RunsATaskAMomentAhead) {
   EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
 }
 
-TEST_F(FunctionsTest, FlagsATaskAndPutsItsRunOffUntilThePurge) {
+TEST_F(FunctionsTest, FlagsATaskAndPostponesItsRunUntilThePurge) {
   insertTask(7);
   set(7, "cron_next_exec = date_trunc('second', now()) + interval '10 seconds'");
   const long before = database.nextExec(7);
@@ -889,7 +889,7 @@ class StaggerTest : public FunctionsTest {
         "generate_series(" +
         ids + ") id");
   }
-  /// How far each next time is from the one before.
+  /// The distances between consecutive next times.
   std::string distances() const {
     return database.value(
         "SELECT string_agg(DISTINCT distance::text, ' ') FROM (SELECT cron_next_exec - "
@@ -948,7 +948,7 @@ TEST_F(StaggerTest, LeavesLongIntervalsWhereTheyAre) {
             (Rows{{"2", "2"}}));
 }
 
-TEST_F(StaggerTest, LeavesATaskThatIsToBeginLaterThanInOneInterval) {
+TEST_F(StaggerTest, LeavesATaskThatBeginsAfterMoreThanOneInterval) {
   set(3, "cron_next_exec = date_trunc('second', now()) + interval '1 day 1 second'");
   const long chosen = database.nextExec(3);
   set(4, "cron_next_exec = date_trunc('second', now()) + cron_interval");
@@ -962,7 +962,7 @@ TEST_F(StaggerTest, LeavesATaskThatIsToBeginLaterThanInOneInterval) {
   EXPECT_EQ(database.value("SELECT proposed = next_run FROM kodu_stagger() WHERE id = 3"), "t");
 }
 
-TEST_F(StaggerTest, PassesOverPausedAndDeletedTasks) {
+TEST_F(StaggerTest, SkipsPausedAndDeletedTasks) {
   call("kodu_task_pause(3)");
   call("kodu_task_delete(4)");
 
@@ -971,7 +971,7 @@ TEST_F(StaggerTest, PassesOverPausedAndDeletedTasks) {
   EXPECT_EQ(status(3, "paused"), "t");
 }
 
-TEST_F(StaggerTest, HasTheEndOfARunMoveItsTask) {
+TEST_F(StaggerTest, MovesARunningTaskAtTheEndOfItsRun) {
   set(5, "cron_status = 'PROCESS', cron_next_exec = date_trunc('second', now()) - '2 s'::interval");
   heard();
 
@@ -983,7 +983,8 @@ TEST_F(StaggerTest, HasTheEndOfARunMoveItsTask) {
 }
 
 TEST_F(StaggerTest, DoesNotMakeTheBusiestSecondBusier) {
-  // Runs of 6 s in even seconds and of 4 s in odd ones. Spread evenly, the two of 6 s have both.
+  // Intervals of 6 s in even seconds and of 4 s in odd ones. Spread evenly, the two tasks of 6 s
+  // use both.
   database.query("DELETE FROM kodu_cron_plugin WHERE cron_id > 3");
   set(1, "cron_interval = '6 s', cron_next_exec = '2030-01-01 00:00:00'");
   set(2, "cron_interval = '6 s', cron_next_exec = '2030-01-01 00:00:02'");
@@ -998,7 +999,7 @@ TEST_F(StaggerTest, DoesNotMakeTheBusiestSecondBusier) {
             (Rows{{"1", "1", "t"}}));
 }
 
-TEST_F(StaggerTest, SaysWhatIsWrong) {
+TEST_F(StaggerTest, ReportsErrors) {
   expectRefused("kodu_stagger(NULL)", "dry_run must be TRUE or FALSE", "Use kodu_stagger(");
   expectRefused("kodu_stagger(longest => '0')",
                 "dry_run must be TRUE or FALSE, and longest must be one second",
@@ -1039,7 +1040,7 @@ TEST_F(FunctionsTest, ForecastsMinutesWithoutRuns) {
             (Rows{{"0", "t", "0", "0"}}));
 }
 
-TEST_F(FunctionsTest, SaysWhatIsWrongWithAForecast) {
+TEST_F(FunctionsTest, ReportsErrorsInAForecast) {
   for (const std::string arguments : {"0", "-1", "169", "NULL", "1, -1", "1, NULL"}) {
     expectRefused("kodu_forecast(" + arguments + ")", "hours must be between 0 and 168",
                   "Use kodu_forecast(");
@@ -1089,7 +1090,7 @@ TEST_F(FunctionsTest, CanBeLoadedByTheDatabasesOwner) {
                  owner + "; DROP ROLE " + owner);
 }
 
-TEST_F(FunctionsTest, LetsAnAdministratorCallEveryFunction) {
+TEST_F(FunctionsTest, AllowsAnAdministratorToCallEveryFunction) {
   database.query("SET ROLE kodu_admin");
 
   for (const std::string function :
@@ -1107,7 +1108,7 @@ TEST_F(FunctionsTest, LetsAnAdministratorCallEveryFunction) {
   EXPECT_EQ(refusalOf("UPDATE kodu_cron_plugin SET cron_parameter = 'x'"), "");
 }
 
-TEST_F(FunctionsTest, RefusesAnAdministratorAllElse) {
+TEST_F(FunctionsTest, DeniesAnAdministratorEverythingElse) {
   insertTask(7);
   database.query("SET ROLE kodu_admin");
 
@@ -1131,7 +1132,7 @@ TEST_F(FunctionsTest, RefusesAnAdministratorAllElse) {
       (Rows{{"f", "f", "f", "f", "f", "f", "0"}}));
 }
 
-TEST_F(FunctionsTest, GivesTheDaemonNoFunctionAndNoTable) {
+TEST_F(FunctionsTest, GrantsTheDaemonNoFunctionAndNoTable) {
   EXPECT_EQ(database.query("SELECT proname FROM pg_proc WHERE proname LIKE 'kodu\\_%' "
                            "AND has_function_privilege('kodu', oid, 'EXECUTE') ORDER BY 1"),
             (Rows{{"kodu_end_sharing"},

@@ -19,8 +19,8 @@ using Rows = std::vector<Database::Row>;
 
 class SchemaTest : public testing::Test {
  protected:
-  /// Loads the shipped file into the test's own database: a copy of the template has the tables,
-  /// but not what the file says about the database itself.
+  /// Loads the shipped file into the test's database: a copy of the template has the tables, but
+  /// not the settings of the database itself.
   void loadSchema() const { database.query(readFile(projectFile("sql/schema.sql"))); }
 
   Rows columns(const std::string& table) const {
@@ -30,7 +30,7 @@ class SchemaTest : public testing::Test {
         table + "' ORDER BY ordinal_position");
   }
 
-  /// What the server says to `sql`; "" when it takes it.
+  /// The server's error for `sql`; "" when it succeeds.
   std::string refusalOf(const std::string& sql) const {
     try {
       database.query(sql);
@@ -40,12 +40,12 @@ class SchemaTest : public testing::Test {
     return "";
   }
 
-  /// What the server says to this change of a good row.
+  /// The server's error for this change of a valid row.
   std::string refusalOfChange(const std::string& assignment) const {
     return refusalOf("UPDATE kodu_cron_plugin SET " + assignment);
   }
 
-  /// Expects `constraint` to refuse each of these SQL values for `column` of a good row.
+  /// Expects `constraint` to refuse each of these SQL values for `column` of a valid row.
   void expectRefused(const std::string& column, const std::string& constraint,
                      const std::vector<std::string>& values) const {
     for (const std::string& value : values) {
@@ -56,7 +56,7 @@ class SchemaTest : public testing::Test {
           << assignment;
     }
   }
-  /// Expects each of these SQL values to be taken.
+  /// Expects each of these SQL values to be accepted.
   void expectTaken(const std::string& column, const std::vector<std::string>& values) const {
     for (const std::string& value : values) {
       std::string assignment = column;
@@ -65,7 +65,7 @@ class SchemaTest : public testing::Test {
     }
   }
 
-  /// All that the file makes or sets in this database, as text.
+  /// Everything that the file creates or sets in this database, as text.
   Rows everything() const {
     return database.query(
         "SELECT pg_get_constraintdef(oid) FROM pg_constraint WHERE conname NOT LIKE 'pg\\_%' "
@@ -127,8 +127,8 @@ TEST_F(SchemaTest, HasAKeyForEachTable) {
             {"kodu_schema_version", "PRIMARY KEY (version)"}}));
 }
 
-// A new CHECK belongs into this list and into a test that sees it refuse a row.
-TEST_F(SchemaTest, HasTheseChecksAndNoOther) {
+// Add a new CHECK to this list, and a test in which it refuses a row.
+TEST_F(SchemaTest, HasExactlyTheseChecks) {
   EXPECT_EQ(database.query("SELECT conname FROM pg_constraint WHERE contype = 'c' AND "
                            "connamespace = 'public'::regnamespace ORDER BY 1"),
             (Rows{{"cron_id_not_negative"},
@@ -291,7 +291,7 @@ TEST_F(SchemaTest, RefusesASecondTaskWithTheSameOutputFile) {
   EXPECT_EQ(refusalOfTask(5, "a_$SERVICEID_$DATE"), "");
 }
 
-// Two sessions at once: the second waits for the first, and learns what became of it.
+// Two concurrent sessions: the second waits for the first and depends on its outcome.
 TEST_F(SchemaTest, RefusesTheSameOutputFileInTwoSessionsAtOnce) {
   database.insertTask(TaskRow());
   pgSafeThread other(database.adminConninfo());
@@ -355,7 +355,7 @@ TEST_F(SchemaTest, RefusesNextRunsAfterWhichTheDaemonCannotCount) {
                         "cron_next_exec, cron_log_file) "
                         "VALUES (2, 1, '1 s', '2037-01-01', '$DATE')"),
               HasSubstr("the next run must be due before 2036"));
-  // A pause, during which a run of a task with the longest interval ends, twice.
+  // A pause during which a run of a task with the longest interval ends, twice.
   EXPECT_EQ(refusalOfChange("cron_next_exec = '2036-01-01', cron_interval = '366 days'"), "");
   pgSafeThread daemon(database.conninfo());
   prepareNamedStatements(daemon);
@@ -363,7 +363,7 @@ TEST_F(SchemaTest, RefusesNextRunsAfterWhichTheDaemonCannotCount) {
   EXPECT_NO_THROW(PQclear(daemon.executePrepareRequest("UpdateCronState", {"1", "OK"})));
 }
 
-TEST_F(SchemaTest, RefusesTextsThatNoProgramTakes) {
+TEST_F(SchemaTest, RefusesTextsThatNoProgramAccepts) {
   database.insertTask(TaskRow());
   EXPECT_THAT(refusalOfChange("cron_parameter = repeat('x', 1000001)"),
               HasSubstr("the parameters are longer than 1,000,000 bytes"));
@@ -377,14 +377,14 @@ TEST_F(SchemaTest, RefusesTextsThatNoProgramTakes) {
   EXPECT_EQ(refusalOfChange("cron_parameter = repeat('x', 1000000)"), "");
 }
 
-TEST_F(SchemaTest, RefusesAnotherIdForATask) {
+TEST_F(SchemaTest, RefusesAChangeOfATasksId) {
   database.insertTask(TaskRow());
   EXPECT_THAT(refusalOfChange("cron_id = 2"), HasSubstr("the id of a task cannot be changed"));
   EXPECT_EQ(refusalOfChange("cron_id = 1"), "");
 }
 
 // An upgraded database may hold such rows.
-TEST_F(SchemaTest, LetsARowThatIsRefusedTodayBeUpdatedElsewhere) {
+TEST_F(SchemaTest, AllowsUpdatesOfOtherColumnsOfAnOldRow) {
   database.query("ALTER TABLE kodu_cron_plugin DISABLE TRIGGER USER");
   TaskRow row;
   row.logFile = "./archive";
@@ -404,8 +404,8 @@ TEST_F(SchemaTest, LetsARowThatIsRefusedTodayBeUpdatedElsewhere) {
   EXPECT_NO_THROW(PQclear(daemon.executePrepareRequest("UpdateCronState", {"1", "OK"})));
 }
 
-// Defaults are times of UTC, whatever the writer's own zone.
-TEST_F(SchemaTest, FillsInWhatAWriterLeavesOut) {
+// Defaults are times in UTC, whatever the zone of the writer's session.
+TEST_F(SchemaTest, FillsInMissingColumns) {
   database.query("SET timezone = 'Asia/Tokyo'");
   database.query("INSERT INTO kodu_plugins(plugin_name, plugin_path) VALUES ('a', '/bin/true')");
   database.query(
@@ -464,7 +464,7 @@ TEST_F(SchemaTest, HasAnIndexForEachSearch) {
               HasSubstr("using kodu_cron_error_of_time"));
 }
 
-TEST_F(SchemaTest, LetsARowOfMonthsThatIsThereAlreadyRun) {
+TEST_F(SchemaTest, LetsAnExistingRowWithMonthsRun) {
   database.insertTask(TaskRow());
   database.query("ALTER TABLE kodu_cron_plugin DISABLE TRIGGER kodu_refuse_months");
   database.query("UPDATE kodu_cron_plugin SET cron_interval = '1 month'");
@@ -536,7 +536,7 @@ TEST_F(StateTest, TellsARetryThatWaitsFromABusyWorker) {
   EXPECT_EQ(state(columns), (Database::Row{"3", "t", "f", "t", ""})) << "no retry is left";
 }
 
-TEST_F(StateTest, TellsATaskThatFailsDuringItsNextRunToo) {
+TEST_F(StateTest, ShowsAFailingTaskDuringItsNextRunToo) {
   set("cron_status = 'PROCESS', cron_last_exec = now() - interval '301 s', "
       "cron_next_exec = now() - interval '1 s'");
   failAgo(300);
@@ -547,7 +547,7 @@ TEST_F(StateTest, TellsATaskThatFailsDuringItsNextRunToo) {
             (Database::Row{"t", "300"}));
 }
 
-TEST_F(StateTest, TellsAPauseOnlyWhileItLasts) {
+TEST_F(StateTest, ShowsAPauseOnlyWhileItLasts) {
   database.query(
       "INSERT INTO kodu_cron_pause VALUES (1, '2026-01-01', '2026-01-02', 'alice', 'new disks')");
   const std::string columns = "paused, paused_at, paused_by, pause_reason, due IS NULL";
@@ -556,7 +556,7 @@ TEST_F(StateTest, TellsAPauseOnlyWhileItLasts) {
   EXPECT_EQ(state(columns), (Database::Row{"t", "2026-01-02 00:00:00", "alice", "new disks", "t"}));
 }
 
-TEST_F(StateTest, KnowsTheDaemonBySessionsOfTheRoleThatTheSettingNames) {
+TEST_F(StateTest, RecognisesTheDaemonByTheRoleInTheSetting) {
   const std::string sql = "SELECT sessions, daemons, connected FROM kodu_daemon_state";
   const std::string other = "daemon_of_" + database.name();
   database.query("CREATE ROLE " + other + " LOGIN PASSWORD 'p'");
@@ -610,7 +610,7 @@ TEST_F(SchemaTest, SetsWhatTheDatabaseAndTheDaemonNeed) {
                   {"kodu", "synchronous_commit=off"}}));
 }
 
-TEST_F(SchemaTest, LetsNoSchemaOfTheRolesNameComeFirst) {
+TEST_F(SchemaTest, IgnoresASchemaNamedAfterTheRole) {
   database.query(
       "CREATE SCHEMA kodu; CREATE TABLE kodu.kodu_plugins(); GRANT USAGE ON SCHEMA kodu "
       "TO kodu");
@@ -642,7 +642,7 @@ TEST_F(SchemaTest, LetsOnlyTheDaemonsRoleConnect) {
   database.query("DROP ROLE " + other);
 }
 
-TEST_F(SchemaTest, GivesTheDaemonJustTheRightsOfItsStatements) {
+TEST_F(SchemaTest, GrantsTheDaemonExactlyTheRightsOfItsStatements) {
   database.insertTask(TaskRow());
   pgSafeThread daemon(database.conninfo());
   prepareNamedStatements(daemon);
@@ -660,7 +660,7 @@ TEST_F(SchemaTest, GivesTheDaemonJustTheRightsOfItsStatements) {
   EXPECT_EQ(database.task(1, "cron_id"), "") << "they did their work";
 }
 
-TEST_F(SchemaTest, RefusesTheDaemonWhatItsStatementsDoNotNeed) {
+TEST_F(SchemaTest, DeniesTheDaemonEveryOtherRight) {
   database.insertTask(TaskRow());
   pgSafeThread daemon(database.conninfo());
 
@@ -683,7 +683,7 @@ TEST_F(SchemaTest, RefusesTheDaemonWhatItsStatementsDoNotNeed) {
   }
 }
 
-TEST_F(SchemaTest, GrantsTheseRightsAndNoOther) {
+TEST_F(SchemaTest, GrantsExactlyTheseRights) {
   EXPECT_EQ(
       database.query(
           "SELECT grantee, table_name, privilege_type FROM information_schema.table_privileges "
@@ -709,10 +709,11 @@ TEST_F(SchemaTest, GrantsTheseRightsAndNoOther) {
       (Rows{{"f", "f", "f", "f", "f", "0"}}));
 }
 
-// The rows fill several pages, each as far as it may be filled, and a third of them is updated:
-// without room left free, or with an index on what is updated, the server must touch the indexes.
-// More updates would hang on when it cleans a page, which other databases' transactions delay.
-TEST_F(SchemaTest, LetsTheDaemonsUpdatesStayBesideTheirRows) {
+// The rows fill several pages up to the fill factor, and a third of them is updated. Without free
+// space, or with an index on an updated column, the server would have to change the indexes. With
+// more updates the result would depend on when the server prunes a page, which transactions of
+// other databases delay.
+TEST_F(SchemaTest, KeepsTheDaemonsUpdatesOnThePageOfTheirRows) {
   database.insertTask(TaskRow());
   database.query(
       "INSERT INTO kodu_cron_plugin(cron_id, cron_plugin_id, cron_interval, cron_log_file) "
@@ -727,7 +728,7 @@ TEST_F(SchemaTest, LetsTheDaemonsUpdatesStayBesideTheirRows) {
     }
   }
 
-  // The session's counts arrive when it ends.
+  // The session reports its counts when it ends.
   EXPECT_TRUE(waitUntil([&] {
     database.query("SELECT pg_stat_clear_snapshot()");
     return database.value(
@@ -744,7 +745,7 @@ class RepairTest : public SchemaTest {
   void repair() const { database.query(readFile(projectFile("sql/repair.sql"))); }
 };
 
-TEST_F(RepairTest, EndsTheRunsOfALifeThatEnded) {
+TEST_F(RepairTest, EndsTheRunsOfAnEarlierDaemon) {
   database.insertTask(TaskRow());
   TaskRow other;
   other.id = 2;
@@ -762,7 +763,7 @@ TEST_F(RepairTest, EndsTheRunsOfALifeThatEnded) {
             (Rows{{"1", "2030-01-01 00:00:00"}}));
 }
 
-TEST_F(RepairTest, ChangesNothingDuringALifeOfTheDaemon) {
+TEST_F(RepairTest, ChangesNothingWhileTheDaemonRuns) {
   database.insertTask(TaskRow());
   database.query("UPDATE kodu_cron_plugin SET cron_status = 'PROCESS'");
   const pgSafeThread daemon(database.conninfo());

@@ -55,7 +55,7 @@ void Daemon::startWith(const std::vector<std::string>& arguments) {
   endStatus.reset();
   process = fork();
   if (process == 0) {
-    setpgid(0, 0);  // so that its plugins can be ended with it
+    setpgid(0, 0);  // so that its plugins can be killed with it
     const int file = open(console.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     dup2(file, STDOUT_FILENO);
     dup2(file, STDERR_FILENO);
@@ -81,7 +81,7 @@ void Daemon::poll() {
   int status = 0;
   if (process > 0 && !endStatus && waitpid(process, &status, WNOHANG) == process) {
     endStatus = status;
-    kill(-process, SIGKILL);  // plugins that outlive it
+    kill(-process, SIGKILL);  // plugins that are still running
   }
 }
 

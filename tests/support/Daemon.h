@@ -11,8 +11,8 @@
 
 class Database;
 
-/// The built daemon as a child process, with INI files, log and output files below a directory of
-/// the test's own. Killed with its plugins when it goes.
+/// The built daemon as a child process, with INI files, log and output files in a temporary
+/// directory. The destructor kills it and its plugins.
 class Daemon {
  public:
   /// Writes the INI files for `database`; starts nothing.
@@ -21,10 +21,10 @@ class Daemon {
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
-  // What the INI files say; change it before start().
+  // Values for the INI files; change them before start().
 
   std::string threadNumber = "2";
-  /// The environment variable that holds the program's path.
+  /// The environment variable that contains the program's path.
   std::string programVariable = "KODU_TEST_DAEMON";
   std::string mainConfig() const { return directory / "cron.conf"; }
   std::string databaseConfig() const { return directory / "database.conf"; }
@@ -41,7 +41,7 @@ class Daemon {
   void start(const std::vector<std::string>& options = {});
   /// Starts it with these arguments alone.
   void startWith(const std::vector<std::string>& arguments);
-  /// Starts it and waits until its log says that it starts its threads. False after 20 s.
+  /// Starts it and waits until its log reports the start of its threads. False after 20 s.
   bool startAndWait(const std::vector<std::string>& options = {});
 
   pid_t pid() const { return process; }
@@ -53,7 +53,7 @@ class Daemon {
 
   /// Its log's messages in order, each as "LEVEL#message".
   std::vector<std::string> log() const;
-  /// How often `line` ("LEVEL#message") stands in its log.
+  /// The number of lines `line` ("LEVEL#message") in its log.
   long logged(const std::string& line) const;
   /// What it wrote on standard output and standard error.
   std::string console() const;
@@ -63,7 +63,7 @@ class Daemon {
   TempDir directory;
 
  private:
-  /// Notes the status when the daemon has ended.
+  /// Stores the status when the daemon has ended.
   void poll();
 
   const Database& database;

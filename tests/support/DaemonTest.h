@@ -11,7 +11,7 @@
 #include "tests/support/Database.h"
 #include "tests/support/waitUntil.h"
 
-/// What one statement of the daemon has made of a task's row; times in seconds since the epoch.
+/// A task's row after one statement of the daemon; times in seconds since the epoch.
 struct Change {
   std::string status;
   long lastExec = 0;  // 0 before the first run's end
@@ -20,16 +20,18 @@ struct Change {
   bool operator==(const Change&) const = default;
 };
 
-/// The daemon on a database that keeps every change that the daemon makes to a task's row, and
-/// plugins that keep a ledger of their runs.
+/// The daemon on a database that records every change that the daemon makes to a task's row, with
+/// plugins that record their runs in a ledger.
 class DaemonTest : public testing::Test {
  protected:
-  /// For what may miss its first slot on a busy machine: more than one interval of kLong.
+  /// A limit for tasks that may miss their first slot on a busy machine: more than one interval of
+  /// kLong.
   static constexpr std::chrono::seconds kPatience{75};
-  /// An interval that is over after all that a test looks at.
+  /// An interval longer than any test.
   static constexpr long kLongSeconds = 30;
   static constexpr const char* kLong = "30 seconds";
-  /// A due time that the load comes before. A load that comes later moves it by one interval.
+  /// A due time that is still ahead when the daemon loads the row. A later load moves it by one
+  /// interval.
   static constexpr const char* kSoon = "date_trunc('second', now()) + interval '2 seconds'";
 
   void SetUp() override {
@@ -46,8 +48,8 @@ class DaemonTest : public testing::Test {
         " WHEN (current_user = 'kodu') EXECUTE FUNCTION keep()");
   }
 
-  /// A task due soon, at a long interval, without retries, whose plugin notes the second of its
-  /// start in its ledger and continues with `body`.
+  /// A task that is due soon, with a long interval and no retries. Its plugin writes the second of
+  /// its start to its ledger and continues with `body`.
   TaskRow makeTask(int id, const std::string& body) const {
     TaskRow row;
     row.id = id;
@@ -77,7 +79,7 @@ class DaemonTest : public testing::Test {
 
   /// The task's changes of status, in order.
   std::vector<Change> changes(int id) const { return journal(id, "NOT is_move"); }
-  /// The changes of its next time alone, by whole intervals out of the past.
+  /// The changes of only its next time, by whole intervals out of the past.
   std::vector<Change> moves(int id) const { return journal(id, "is_move"); }
 
   bool waitForStatus(int id, const std::string& status) const {
@@ -93,8 +95,9 @@ class DaemonTest : public testing::Test {
     return waitUntil([=] { return std::time(nullptr) >= seconds; }, kPatience);
   }
 
-  /// Starts the daemon with a log of all levels, and returns once notifications reach it: one that
-  /// is sent before its subscription is lost. All that it sends meanwhile is of no meaning.
+  /// Starts the daemon with a log of all levels, and returns when it receives notifications: one
+  /// that is sent before its subscription is lost. The notifications that this function sends have
+  /// no effect.
   bool startAndListen() {
     daemon.start({"-D"});
     int looks = 0;

@@ -95,7 +95,7 @@ Database::~Database() {
     run(maintenance, "DROP DATABASE " + databaseName + " WITH (FORCE)");
     PQfinish(maintenance);
   } catch (const std::exception&) {
-    // The cluster goes with all its databases at the end of the test run.
+    // The cluster is removed with all its databases at the end of the test run.
   }
 }
 

@@ -5,7 +5,7 @@
 
 #include <libpq-fe.h>
 
-/// The definition of a task's row; what a test does not name has a harmless value.
+/// The definition of a task's row, with harmless values for the columns that a test does not set.
 struct TaskRow {
   int id = 1;
   std::string name = "task";
@@ -15,15 +15,15 @@ struct TaskRow {
   /// An SQL expression of a timestamp; times are UTC.
   std::string nextExec = "date_trunc('second', now() + interval '1 hour')";
   std::string logFile = "out_$SERVICEID_$DATE.txt";
-  /// SQL expressions, so that NULL can be said.
+  /// SQL expressions, so that NULL is possible.
   std::string retries = "0";
   std::string retriesInterval = "interval '2 seconds'";
   std::string pluginType = "cron";
 };
 
-/// A database of the test's own on the tests' cluster, made from the template with the schema, and
-/// dropped with all its sessions when it goes. Statements run as the cluster's superuser; the
-/// daemon's own role has the rights of the shipped schema.
+/// A database on the tests' cluster for one test, copied from the template with the schema. The
+/// destructor drops it and ends its sessions. Statements run as the cluster's superuser; the
+/// daemon's role has the rights of the shipped schema.
 class Database {
  public:
   using Row = std::vector<std::string>;
@@ -49,22 +49,22 @@ class Database {
   /// The first column of the first row; "" when there is none.
   std::string value(const std::string& sql) const;
 
-  /// Takes rows from here on that would end the daemon, as an older database may hold.
+  /// Accepts rows from now on that would end the daemon, as an older database may contain.
   void takeAnyRow() const;
   /// Inserts a plugin and a task with the same id.
   void insertTask(const TaskRow& row) const;
-  /// A column of a task's row as text; "" when the row is gone.
+  /// A column of a task's row as text; "" without such a row.
   std::string task(int id, const std::string& column) const;
   /// The task's next time, seconds since the epoch.
   long nextExec(int id) const;
   /// The number of the task's history rows.
   int failures(int id) const;
-  /// The number of this database's sessions that wait for a lock. Sees the present also within a
+  /// The number of this database's sessions that wait for a lock, up to date also within a
   /// transaction.
   int waitingSessions() const;
   /// Sends a notification on the daemon's channel.
   void notify(const std::string& payload) const;
-  /// The log lines of the server that are about this database, without their prefix, in order.
+  /// The server's log lines about this database, without their prefix, in order.
   std::vector<std::string> serverLog() const;
 
  private:

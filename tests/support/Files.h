@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-/// A directory of the test's own, removed with all it holds when it goes.
+/// A temporary directory; the destructor removes it with its content.
 class TempDir {
  public:
   TempDir();
@@ -21,7 +21,7 @@ class TempDir {
   std::string root;
 };
 
-/// The file's bytes; "" when it cannot be read.
+/// The bytes of the file; "" when it cannot be read.
 std::string readFile(const std::string& path);
 
 /// The file's lines, without their newlines; none when it cannot be read.

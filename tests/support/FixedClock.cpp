@@ -10,7 +10,7 @@ std::atomic<long> readCount = 0;
 
 }  // namespace
 
-/// Takes the place of the C library's in the program that links this file.
+/// Replaces the function of the C library in the program that links this file.
 extern "C" std::time_t time(std::time_t* timer) noexcept {
   ++readCount;
   std::time_t now = fixedNow;

@@ -2,9 +2,9 @@
 
 #include <ctime>
 
-/// Makes std::time return one second, in the whole process, while it lives; one at a time. A
-/// program that uses it has its own `time`, which otherwise returns the system's. localtime,
-/// timeouts and the database's now() are not touched. Any thread may call any member.
+/// Makes std::time return a fixed second in the whole process during its lifetime; only one object
+/// at a time. A program that uses it has its own `time`, which otherwise returns the system's. It
+/// does not affect localtime, timeouts and the database's now(). Any thread may call any member.
 class FixedClock {
  public:
   explicit FixedClock(std::time_t now);
@@ -13,7 +13,7 @@ class FixedClock {
   FixedClock& operator=(const FixedClock&) = delete;
 
   void set(std::time_t now);
-  /// How often any thread has read the clock since it was made.
+  /// The number of times that any thread has read the clock since the construction.
   long reads() const;
 };
 

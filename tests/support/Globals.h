@@ -21,7 +21,7 @@ class GlobalsTest : public testing::Test {
 
   /// The log's messages in order, each as "LEVEL#message".
   std::vector<std::string> log() const;
-  /// How often `line` ("LEVEL#message") stands in the log.
+  /// The number of lines `line` ("LEVEL#message") in the log.
   long logged(const std::string& line) const;
 
   /// A loaded task that is in no queue: id, name, path, a file name, due at `execTime`.
@@ -33,7 +33,7 @@ class GlobalsTest : public testing::Test {
   std::string savedLogDirectory;
 };
 
-/// The same with a database and the connection pgSQL, the named statements prepared.
+/// The same with a database and the connection pgSQL, on which the named statements are prepared.
 class DatabaseGlobalsTest : public GlobalsTest {
  protected:
   void SetUp() override;

@@ -2,14 +2,15 @@
 
 // A program that links Heap.cpp has an operator new of its own.
 
-/// False in a program whose sanitizer insists on its operator new: the two below do nothing there.
+/// False in a program whose sanitizer needs its own operator new: the two declarations below have
+/// no effect there.
 bool isHeapWatched();
 
-/// How often the calling thread has asked operator new for memory.
+/// The number of calls of operator new by the calling thread.
 long heapRequests();
 
-/// Makes operator new throw std::bad_alloc in the calling thread while it lives, once it has
-/// granted a number of requests. One at a time.
+/// Makes operator new throw std::bad_alloc in the calling thread after a number of successful
+/// requests, during its lifetime. Only one object at a time.
 class HeapLimit {
  public:
   explicit HeapLimit(long granted);

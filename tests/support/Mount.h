@@ -5,15 +5,15 @@
 
 #include <string>
 
-/// A mount that only this process and its children see; undone when it goes. Needs the rights of
-/// an administrator: isMounted() is false without.
+/// A mount that only this process and its children see, until the destructor removes it. Needs
+/// administrator rights: isMounted() is false without them.
 class Mount {
  public:
   /// An empty file system in memory, of `size` ("64k"), on the directory `place`.
   static Mount memory(const std::string& place, const std::string& size) {
     return Mount("tmpfs", place, "tmpfs", 0, "size=" + size);
   }
-  /// The file `source` in the place of the file `place`.
+  /// Binds the file `source` over the file `place`.
   static Mount file(const std::string& source, const std::string& place) {
     return Mount(source, place, "", MS_BIND, "");
   }

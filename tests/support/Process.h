@@ -15,7 +15,7 @@ inline int exitStatusOf(const std::optional<int>& status) {
   return status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
 }
 
-/// The signal that ended a process, by its status of waitpid; -1 when none did.
+/// The signal that ended a process, from a status of waitpid; -1 when it ended without one.
 inline int signalOf(const std::optional<int>& status) {
   return status && WIFSIGNALED(*status) ? WTERMSIG(*status) : -1;
 }
@@ -46,7 +46,7 @@ inline bool allThreadsWait(pid_t pid) {
   return true;
 }
 
-/// How many threads of a process are in the system call `number` (SYS_futex and others).
+/// The number of threads of a process in the system call `number` (SYS_futex and others).
 inline int threadsIn(pid_t pid, long number) {
   int count = 0;
   std::error_code ignored;

@@ -4,7 +4,7 @@ RowGenerator::RowGenerator(unsigned seed, std::vector<std::string> plugins)
     : engine(seed), executables(std::move(plugins)) {}
 
 int RowGenerator::below(int count) {
-  // Not a distribution of the library: its results are its own on each system.
+  // Not a distribution of the standard library: their results differ between systems.
   return static_cast<int>(engine() % static_cast<unsigned>(count));
 }
 
@@ -73,7 +73,7 @@ std::string RowGenerator::fileName() {
       }
       return name;
     }
-    default:  // mostly taken
+    default:  // usually accepted
       std::string name = text(40) + "$DATE";
       std::erase_if(name, [](char c) { return c == '/' || c == '.' || (c >= 0 && c < ' '); });
       return name +
@@ -130,8 +130,8 @@ std::string RowGenerator::retries() {
 }
 
 std::string RowGenerator::retryInterval() {
-  // None from 2 s to a minute that the tables take: in a burst such a retry can be overdue when its
-  // run ends, and two failures within one second end the daemon, see docs/operating.md.
+  // No valid value from 2 s to a minute: in a burst such a retry can be overdue when its run ends,
+  // and two failures within one second end the daemon, see docs/operating.md.
   if (below(3) > 0) {
     return oneOf<std::string>({"NULL", "'1 minute'", "'1 hour 0.5 s'", "'366 days'"});
   }
@@ -163,7 +163,7 @@ std::string RowGenerator::parameter() {
   }
 }
 
-// One draw a statement: the order of draws within an expression is the compiler's.
+// One draw per statement: the compiler may choose the order of evaluation within an expression.
 
 std::string RowGenerator::pluginValues() {
   std::string values = sqlLiteral(text(1000)) + ", ";

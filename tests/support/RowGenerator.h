@@ -5,15 +5,15 @@
 #include <utility>
 #include <vector>
 
-/// Draws tasks as no administrator would write them: every text, time and number that the columns'
-/// types hold, most of them at an edge of what the tables take or beyond it. One seed, one
-/// sequence.
+/// Draws tasks with any text, time and number of the columns' types, most of them at or beyond a
+/// limit of the tables. The same seed produces the same sequence.
 class RowGenerator {
  public:
   /// `plugins`: executables, of which most rows have one.
   RowGenerator(unsigned seed, std::vector<std::string> plugins);
 
-  /// A text from short to a megabyte, without a zero byte: ASCII, controls, all of Unicode, quotes.
+  /// A text of up to a megabyte, without a zero byte: ASCII, control characters, all of Unicode,
+  /// quotes.
   std::string text(std::size_t longest);
   std::string fileName();
   std::string pluginPath();

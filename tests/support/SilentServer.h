@@ -6,7 +6,7 @@
 
 #include <stdexcept>
 
-/// Takes connections on a port of its own and answers nothing.
+/// Accepts connections on a free port and never answers.
 class SilentServer {
  public:
   SilentServer() : listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {

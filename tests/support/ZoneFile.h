@@ -8,8 +8,7 @@
 
 #include "tests/support/Files.h"
 
-/// A time zone file of the test's own with one offset, which a test may put in the place of the
-/// machine's /etc/localtime.
+/// A time zone file with one offset, which a test can bind over the machine's /etc/localtime.
 class ZoneFile {
  public:
   ZoneFile(std::string file, int hoursEast) : path(std::move(file)) { set(hoursEast); }
@@ -21,7 +20,8 @@ class ZoneFile {
     std::string content = "TZif"s + std::string(16, '\0') + counts({0, 0, 0, 0, 1, 4});
     content += bigEndian(hoursEast * 3600) + "\0\0TST\0"s;
     writeFile(path, content);
-    // Readers look at the second of the change, and the last change may have been in this one.
+    // Readers compare modification times in seconds, and the last change may be less than a second
+    // ago.
     changes += std::chrono::seconds(2);
     std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::now() + changes);
   }

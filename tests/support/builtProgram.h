@@ -4,8 +4,8 @@
 #include <stdexcept>
 #include <string>
 
-/// The path of a built program, by the environment variable that ctest gives it in, as
-/// "KODU_TEST_DAEMON". Throws std::runtime_error outside of the tests' environment.
+/// The path of a built program, from an environment variable that ctest sets, such as
+/// "KODU_TEST_DAEMON". Throws std::runtime_error without that variable.
 inline std::string builtProgram(const std::string& variable) {
   const char* path = std::getenv(variable.c_str());
   if (path == nullptr) {

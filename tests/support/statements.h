@@ -5,7 +5,7 @@
 #include "db/PostgresqlException.h"
 #include "db/result.h"
 
-/// The text that `call` throws as PostgresqlException.
+/// The text of the PostgresqlException that `call` throws.
 template <typename Call>
 std::string failureOf(const Call& call) {
   try {
@@ -16,7 +16,7 @@ std::string failureOf(const Call& call) {
   return "nothing was thrown";
 }
 
-/// The first cell of a result, which goes.
+/// The first cell of a result, which is cleared.
 inline std::string valueOf(PGresult* owned) {
   const ResultPtr result(owned);
   return cellText(result, 0, 0, "the test's statement");

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <thread>
 
-/// Waits until `condition` holds, looking every 5 ms; false when it does not within `limit`.
+/// Waits until `condition` holds, checking every 5 ms; false when it does not hold within `limit`.
 template <typename Condition>
 bool waitUntil(const Condition& condition, std::chrono::seconds limit = std::chrono::seconds(10)) {
   const auto end = std::chrono::steady_clock::now() + limit;

@@ -12,7 +12,7 @@ using testing::HasSubstr;
 
 namespace fs = std::filesystem;
 
-/// Task 1 has a plugin that is of no use; task 2 runs each second beside it.
+/// Task 1 has a defective plugin; task 2 runs each second at the same time.
 class BadPluginTest : public DaemonTest {
  protected:
   void SetUp() override {
@@ -22,8 +22,8 @@ class BadPluginTest : public DaemonTest {
     database.insertTask(other);
   }
 
-  /// Starts the daemon and expects it to end task 1's run with this status and current output file,
-  /// and to run task 2 then as before.
+  /// Starts the daemon and expects task 1's run to end with this status and current output file,
+  /// and task 2 to run after it.
   void expectRun(const TaskRow& row, const std::string& status, const std::string& output) {
     database.insertTask(row);
     ASSERT_TRUE(daemon.startAndWait());
@@ -87,7 +87,7 @@ TEST_F(BadPluginTest, CannotConnect) {
   expectRun(makeTask(1, "exit 255"), "FAILED", "UNKNOWN: KoduDaemon could not connect to host");
 }
 
-TEST_F(BadPluginTest, EndsWithAnUnknownCodeWithoutAWord) {
+TEST_F(BadPluginTest, ExitsSilentlyWithAnUnknownCode) {
   TaskRow row = makeTask(1, "exit 9");
   row.parameter = "-a b";
   expectRun(row, "FAILED", "Error execute: Bad return code\ntask1\npath:" + row.path + " -a b ");

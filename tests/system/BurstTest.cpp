@@ -23,12 +23,12 @@ constexpr int kSecondsToLoad = 4;
 #endif
 
 constexpr std::chrono::seconds kLimit{100};
-/// The first id of those tasks that notifications are about; they are not due.
+/// The first id of the tasks for notifications; they are not due.
 constexpr int kNotified = 10001;
 constexpr int kNotifiedTasks = 4;
 
-/// Many tasks due in one second, with notifications all the while: what two threads inside libpq at
-/// once would end or hang.
+/// Many tasks due in one second, with notifications at the same time. The daemon would end or hang
+/// if two threads used libpq at once.
 class BurstTest : public testing::Test {
  protected:
   /// The tasks of the burst, due at `due`, and those of the notifications. The plugin adds its
@@ -86,11 +86,11 @@ class BurstTest : public testing::Test {
       const std::string text = std::to_string(id);
       ASSERT_EQ(daemon.output("out_" + text + "_last.txt"), text + "\n");
     }
-    EXPECT_EQ(filesIn(daemon.outputDirectory()).size(), kTasks + 1U);  // the archive is one
+    EXPECT_EQ(filesIn(daemon.outputDirectory()).size(), kTasks + 1U);  // the archive is one entry
     EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_error"), "0");
   }
 
-  /// Expects each row of the burst to have moved by just one interval.
+  /// Expects each row of the burst to have moved by exactly one interval.
   void expectEachMovedOnce() const {
     const std::string epoch = "EXTRACT(EPOCH FROM cron_";
     EXPECT_THAT(

@@ -23,7 +23,7 @@ using testing::HasSubstr;
 namespace fs = std::filesystem;
 
 constexpr seconds kPatience(30);
-/// Of the tasks, so that a resumed one shows by its next time that it has kept its slots.
+/// The tasks' interval. The next time of a resumed task shows whether it has kept its slots.
 constexpr int kInterval = 2;
 
 class CrashTest : public testing::Test {
@@ -37,7 +37,7 @@ class CrashTest : public testing::Test {
     row.interval = std::to_string(kInterval) + " seconds";
     row.nextExec = "date_trunc('second', now())";
     row.logFile = logFile;
-    database.takeAnyRow();  // tasks that end the daemon are what this is about
+    database.takeAnyRow();  // this test is about tasks that end the daemon
     database.insertTask(row);
   }
 
@@ -52,8 +52,8 @@ class CrashTest : public testing::Test {
                                             exception + "'\n  what():  " + text));
   }
 
-  /// Starts the daemon again and expects it to run the task at a slot from `slot`, the next time
-  /// that the crash has left, on, with this outcome.
+  /// Starts the daemon again and expects it to run the task with this outcome, at `slot`, its next
+  /// time after the crash, or a later slot.
   void expectResumed(int id, long slot, const std::string& status = "OK") {
     ASSERT_TRUE(daemon.startAndWait());
     EXPECT_TRUE(waitUntil(
@@ -133,10 +133,10 @@ TEST_F(CrashTest, EndsWhenTheRowIsDeletedDuringItsRun) {
   expectResumed(2);
 }
 
-/// Changes of a row that the tables refuse; here they are taken, during a run.
+/// Changes of a row that the tables refuse; here they are accepted, during a run.
 class RefusedChangeTest : public CrashTest, public testing::WithParamInterface<const char*> {};
 
-TEST_P(RefusedChangeTest, WouldEndTheDaemonAtTheEndOfTheRun) {
+TEST_P(RefusedChangeTest, EndsTheDaemonAtTheEndOfTheRun) {
   const std::string released = daemon.directory / "released";
   insertTask(1, "until [ -e " + released + " ]; do /bin/sleep 0.05; done; echo released");
   ASSERT_TRUE(daemon.startAndWait());
@@ -161,7 +161,7 @@ TEST_F(CrashTest, EndsAtAFailedRunWhoseFileNameHoldsAFolder) {
   EXPECT_EQ(signalOf(daemon.waitForEnd()), SIGABRT);
 }
 
-TEST_F(CrashTest, EndsAtEachStartWhereThePurgedFileIsAFolder) {
+TEST_F(CrashTest, EndsAtEachStartWhenThePurgedFileIsAFolder) {
   fs::create_directories(daemon.outputDirectory() + "/archive/61");
   insertTask(1, "echo fine", "./archive");
   database.query("UPDATE kodu_cron_plugin SET cron_delete = TRUE");
@@ -171,8 +171,8 @@ TEST_F(CrashTest, EndsAtEachStartWhereThePurgedFileIsAFolder) {
   }
 }
 
-// A first failure after most of a second, then failures at once: within some tries two of them have
-// one name.
+// A first failure late in a second, then immediate failures: after some tries two of them have the
+// same name.
 TEST_F(CrashTest, EndsAtARetryWithinTheSecondOfTheFailure) {
   const std::string slow = daemon.directory / "slow";
   insertTask(1, "if [ -e " + slow + " ]; then /bin/rm " + slow + "; else /bin/touch " + slow +
@@ -206,7 +206,7 @@ TEST_F(CrashTest, ContinuesWhenAnIdleTransactionIsEnded) {
   EXPECT_TRUE(daemon.isRunning());
 }
 
-TEST_F(CrashTest, EndsWhenTheArchiveFileIsThere) {
+TEST_F(CrashTest, EndsWhenTheArchiveFileExists) {
   insertTask(1, "echo failed; exit 2", "out_$SERVICEID.txt");
   ASSERT_TRUE(daemon.startAndWait());
 
@@ -250,7 +250,7 @@ TEST_F(CrashTest, EndsWhenTheHistoryCannotBeWritten) {
   expectResumed(1, database.nextExec(1), "FAILED");
 }
 
-// What the abandoned pass has left among the worker's parameters stands before the next task's id.
+// The worker's parameters still contain a value of the abandoned pass, before the next task's id.
 TEST_F(CrashTest, EndsAtTheTaskAfterAnOutputFileThatCannotBeOpened) {
   daemon.threadNumber = "1";
   daemon.writeConfig();
@@ -286,7 +286,7 @@ TEST_F(CrashTest, EndsWhenTheTasksThatANotificationNamesCannotBeRead) {
   expectResumed(1);
 }
 
-/// What is wrong with a payload, and the payload.
+/// A name for the error, and the payload.
 using Payload = std::pair<std::string, std::string>;
 
 class BadNotificationTest : public CrashTest, public testing::WithParamInterface<Payload> {};
@@ -317,7 +317,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Payload{"IsText", R"("SERVICE")"}),
     [](const auto& payload) { return payload.param.first; });
 
-/// A cluster of the test's own, which it can stop as a crash does.
+/// A separate cluster, which the test can stop as a crash would.
 class ServerCrashTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -326,7 +326,7 @@ class ServerCrashTest : public testing::Test {
   }
   void TearDown() override { EXPECT_EQ(run("tests/testCluster", "stop"), 0); }
 
-  /// Runs a command of one of the project's scripts for the cluster.
+  /// Runs scripts/cluster with this command.
   int run(const std::string& script, const std::string& command,
           const std::string& option = "") const {
     const std::string line =
@@ -338,7 +338,7 @@ class ServerCrashTest : public testing::Test {
   const std::string cluster = directory / "cluster";
 };
 
-/// A value read over a session of its own: those of before the crash are gone.
+/// A value read in a new session: the crash has ended the others.
 long valueOf(const Database& database, const std::string& sql) {
   PGconn* session = PQconnectdb(database.conninfo().c_str());
   const ResultPtr result(PQexec(session, sql.c_str()));
@@ -346,7 +346,7 @@ long valueOf(const Database& database, const std::string& sql) {
   return PQntuples(result.get()) == 1 ? std::stol(PQgetvalue(result.get(), 0, 0)) : -1;
 }
 
-TEST_F(ServerCrashTest, ResumesTheTaskWhenTheServerIsBack) {
+TEST_F(ServerCrashTest, ResumesTheTaskAfterTheServersReturn) {
   const Database database;
   Daemon daemon(database);
   TaskRow row;

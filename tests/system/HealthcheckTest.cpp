@@ -1,4 +1,4 @@
-// ops/healthcheck against a running daemon that is broken in the ways it must see.
+// ops/healthcheck against a running daemon with each fault that it must detect.
 
 #include <sys/wait.h>
 
@@ -53,7 +53,7 @@ class HealthcheckTest : public testing::Test {
     row.path = path;
     row.parameter = parameter;
     row.nextExec = nextExec;
-    row.interval = "1 second";  // so that a slow start only costs a second
+    row.interval = "1 second";  // so that a slow start costs only a second
     database.insertTask(row);
   }
 
@@ -88,7 +88,7 @@ TEST_F(HealthcheckTest, ReadsTheConnectionAsTheDaemonDoes) {
   EXPECT_EQ(health.status, 0) << health.line;
 }
 
-TEST_F(HealthcheckTest, SeesADaemonThatWasStopped) {
+TEST_F(HealthcheckTest, DetectsAStoppedDaemon) {
   ASSERT_TRUE(daemon.startAndWait());
   daemon.signal(SIGKILL);
   ASSERT_TRUE(daemon.waitForEnd().has_value());
@@ -98,7 +98,7 @@ TEST_F(HealthcheckTest, SeesADaemonThatWasStopped) {
   EXPECT_THAT(health.line, StartsWith("KODUCRON CRITICAL - 0 tasks, no session of the daemon |"));
 }
 
-TEST_F(HealthcheckTest, SeesASecondDaemon) {
+TEST_F(HealthcheckTest, DetectsASecondDaemon) {
   ASSERT_TRUE(daemon.startAndWait());
   Daemon second(database);
   ASSERT_TRUE(second.startAndWait());
@@ -111,7 +111,7 @@ TEST_F(HealthcheckTest, SeesASecondDaemon) {
       StartsWith("KODUCRON WARNING - 0 tasks, 2 daemons are connected: only one may run |"));
 }
 
-TEST_F(HealthcheckTest, TakesNoNamedSessionForADaemon) {
+TEST_F(HealthcheckTest, IgnoresSessionsWithAnApplicationName) {
   ASSERT_TRUE(daemon.startAndWait());
   PGconn* client = PQconnectdb((database.conninfo() + " application_name=psql").c_str());
   ASSERT_EQ(PQstatus(client), CONNECTION_OK);
@@ -123,7 +123,7 @@ TEST_F(HealthcheckTest, TakesNoNamedSessionForADaemon) {
   EXPECT_THAT(health.line, HasSubstr("sessions=2\n"));
 }
 
-TEST_F(HealthcheckTest, SeesWorkersThatHang) {
+TEST_F(HealthcheckTest, DetectsWorkersThatHang) {
   for (const int id : {1, 2, 3}) {
     insert(id, "/bin/sleep", "600", "now()");
   }
@@ -137,7 +137,7 @@ TEST_F(HealthcheckTest, SeesWorkersThatHang) {
   EXPECT_THAT(health.line, HasSubstr("1 overdue"));
 }
 
-TEST_F(HealthcheckTest, SeesATableThatIsLocked) {
+TEST_F(HealthcheckTest, DetectsALockedTable) {
   ASSERT_TRUE(daemon.startAndWait());
   database.query("BEGIN");
   database.query("LOCK TABLE kodu_cron_plugin IN ACCESS EXCLUSIVE MODE");
@@ -150,7 +150,7 @@ TEST_F(HealthcheckTest, SeesATableThatIsLocked) {
                          "ERROR: canceling statement due to statement timeout"));
 }
 
-TEST_F(HealthcheckTest, SeesAServerThatStopsInTheMiddleOfItsAnswer) {
+TEST_F(HealthcheckTest, DetectsAServerThatStopsInTheMiddleOfAReply) {
   ASSERT_TRUE(daemon.startAndWait());
   database.query("BEGIN; LOCK TABLE kodu_plugins");
   auto answer = std::async(std::launch::async, [&] { return check("-t 5"); });
@@ -167,10 +167,10 @@ TEST_F(HealthcheckTest, SeesAServerThatStopsInTheMiddleOfItsAnswer) {
   EXPECT_THAT(health.line, HasSubstr("the database does not answer within 5 s"));
 }
 
-TEST_F(HealthcheckTest, TakesNoWarningOfTheServerForAFigure) {
+TEST_F(HealthcheckTest, IgnoresWarningsOfTheServer) {
   insert(1, "/bin/echo", "x", "now() + interval '1 hour'");
   ASSERT_TRUE(daemon.startAndWait());
-  // Said at each connection, in several lines.
+  // A message at each connection, in several lines.
   database.query("UPDATE pg_database SET datcollversion = '9 9 9 9 9 9 9 9' WHERE datname = '" +
                  database.name() + "'");
 
@@ -180,7 +180,7 @@ TEST_F(HealthcheckTest, TakesNoWarningOfTheServerForAFigure) {
   EXPECT_THAT(health.line, StartsWith("KODUCRON OK - 1 tasks, none overdue | tasks=1 overdue=0 "));
 }
 
-TEST_F(HealthcheckTest, SaysWhatPsqlSaidWhenThereAreNoFigures) {
+TEST_F(HealthcheckTest, PrintsTheErrorOfPsql) {
   database.query("DROP VIEW kodu_task_state");
 
   const Health health = check();
@@ -189,7 +189,7 @@ TEST_F(HealthcheckTest, SaysWhatPsqlSaidWhenThereAreNoFigures) {
   EXPECT_THAT(health.line, HasSubstr("ERROR: relation \"kodu_task_state\" does not exist"));
 }
 
-TEST_F(HealthcheckTest, KnowsADaemonOfAnotherRole) {
+TEST_F(HealthcheckTest, RecognisesADaemonOfAnotherRole) {
   const std::string other = "daemon_of_" + database.name();
   database.query("CREATE ROLE " + other + " LOGIN PASSWORD 'p' IN ROLE kodu");
   std::string config = readFile(daemon.databaseConfig());
@@ -206,7 +206,7 @@ TEST_F(HealthcheckTest, KnowsADaemonOfAnotherRole) {
   EXPECT_EQ(health.status, 0) << health.line;
 }
 
-TEST_F(HealthcheckTest, SeesADatabaseThatRefuses) {
+TEST_F(HealthcheckTest, DetectsADatabaseThatRefusesConnections) {
   const std::string config = readFile(daemon.databaseConfig());
   writeFile(daemon.databaseConfig(), config.substr(0, config.find("PGSQL_pwd=")) + "PGSQL_pwd=x\n");
 
@@ -229,7 +229,7 @@ TEST_F(HealthcheckTest, ShowsNoControlCharacterOfAMessage) {
   EXPECT_THAT(health.line, HasSubstr("\"x\\033[31m?[31m?31m??\" does not exist"));
 }
 
-TEST_F(HealthcheckTest, PutsAMessageOfSeveralLinesOnOne) {
+TEST_F(HealthcheckTest, PrintsAMessageOfSeveralLinesInOne) {
   std::string config = readFile(daemon.databaseConfig());
   const std::string port = "PGSQL_port=" + std::to_string(database.port());
   config.replace(config.find(port), port.size(), "PGSQL_port=1");
@@ -256,8 +256,8 @@ TEST_F(HealthcheckTest, CountsFailures) {
   EXPECT_THAT(health.line, HasSubstr("2 failed runs within the last hour"));
 }
 
-/// packaging/watchdog beside a healthcheck that says what the test wants, and a systemctl that only
-/// notes what it is told.
+/// packaging/watchdog with a healthcheck that prints a given text, and a systemctl that only
+/// records its arguments.
 class WatchdogTest : public testing::Test {
  protected:
   WatchdogTest() {
@@ -265,7 +265,7 @@ class WatchdogTest : public testing::Test {
     writePlugin(directory / "systemctl",
                 "echo \"$*\" >>" + toldPath() + "\ncase $1 in show) echo 0 ;; esac");
   }
-  /// What systemctl was told to end, when the healthcheck says this.
+  /// The arguments of systemctl when the healthcheck prints this.
   std::string endedAfter(const std::string& line, int status) const {
     writeFile(directory / "says", line);
     writePlugin(directory / "healthcheck",
@@ -291,7 +291,7 @@ TEST_F(WatchdogTest, EndsADaemonWhoseTasksAreOverdue) {
   EXPECT_EQ(endedAfter("KODUCRON WARNING - 1 tasks, 1 overdue " + figures, 1), "");
 }
 
-TEST_F(WatchdogTest, TakesNoTextForAFigure) {
+TEST_F(WatchdogTest, IgnoresTextInsteadOfAFigure) {
   EXPECT_EQ(endedAfter("KODUCRON CRITICAL - the database does not answer within 5 s: WARNING: "
                        " oldest_overdue=99s;10;60;0 \n",
                        2),
@@ -313,7 +313,7 @@ class RepairScriptTest : public HealthcheckTest {
   }
 };
 
-TEST_F(RepairScriptTest, TakesTheDaemonsRoleFromTheConfiguration) {
+TEST_F(RepairScriptTest, ReadsTheDaemonsRoleFromTheConfiguration) {
   const std::string other = "daemon_of_" + database.name();
   database.query("CREATE ROLE " + other + " LOGIN PASSWORD 'p' IN ROLE kodu");
   std::string config = readFile(daemon.databaseConfig());
@@ -336,7 +336,7 @@ TEST_F(RepairScriptTest, TakesTheDaemonsRoleFromTheConfiguration) {
   database.query("DROP ROLE " + other);
 }
 
-TEST_F(HealthcheckTest, DoesNotKnowWithoutItsConfiguration) {
+TEST_F(HealthcheckTest, IsUnknownWithoutItsConfiguration) {
   EXPECT_EQ(check("-x").status, 3);
   EXPECT_EQ(check("-w ten").status, 3);
   const Health health = check("-f /nowhere");

@@ -10,7 +10,7 @@ namespace {
 
 constexpr long kSize = 40'000'000;
 
-/// How much memory the daemon takes for an output of kSize bytes at most.
+/// The daemon's peak memory for an output of kSize bytes.
 class LargeOutputTest : public DaemonTest {
  protected:
   void SetUp() override {
@@ -45,25 +45,25 @@ class LargeOutputTest : public DaemonTest {
 
 constexpr double kMost = 2.2;
 
-TEST_F(LargeOutputTest, StaysInMemoryTwiceAtMost) {
+TEST_F(LargeOutputTest, NeedsAtMostTwiceItsSizeInMemory) {
   EXPECT_LT(peak("y", "exit 0", "OK"), kMost);
 
   EXPECT_EQ(daemon.output("out_1_last.txt").size(), kSize);
 }
 
-TEST_F(LargeOutputTest, StaysInMemoryTwiceAtMostWhenItIsNoText) {
+TEST_F(LargeOutputTest, NeedsAtMostTwiceItsSizeInMemoryWhenItIsBinary) {
   EXPECT_LT(peak("\\377", "exit 0", "OK"), kMost);
 
   EXPECT_EQ(daemon.output("out_1_last.txt").back(), ' ');
 }
 
-TEST_F(LargeOutputTest, StaysInMemoryTwiceAtMostWhenThePluginFails) {
+TEST_F(LargeOutputTest, NeedsAtMostTwiceItsSizeInMemoryWhenThePluginFails) {
   EXPECT_LT(peak("y", "exit 9", "FAILED"), kMost);
 
   EXPECT_EQ(database.failures(1), 1);
 }
 
-TEST_F(LargeOutputTest, StaysInMemoryTwiceAtMostWhenThePluginIsKilled) {
+TEST_F(LargeOutputTest, NeedsAtMostTwiceItsSizeInMemoryWhenThePluginIsKilled) {
   EXPECT_LT(peak("y", "kill -KILL $$", "FAILED"), kMost);
 
   EXPECT_LT(memory("VmRSS"), kSize) << "it keeps what is not needed any more";

@@ -14,18 +14,18 @@ using testing::SizeIs;
 
 constexpr const char* kReloaded = "NOTICE#script reload successful";
 
-/// What the running daemon makes of the notifications that the platform sends.
+/// The running daemon and the notifications that the platform sends.
 class NotificationTest : public DaemonTest {
  protected:
   void notify(const std::string& command, int id) const { database.notify(payload(command, id)); }
 
-  /// Sends two notifications that arrive together.
+  /// Sends two notifications in one transaction.
   void notifyBoth(const std::string& first, const std::string& second) const {
     database.query("SELECT pg_notify('koducronchannel', '" + first +
                    "'), pg_notify('koducronchannel', '" + second + "')");
   }
 
-  /// The log's lines from now on; each call begins where the one before has ended.
+  /// The log's lines since the previous call.
   std::vector<std::string> newLog() {
     auto log = daemon.log();
     log.erase(log.begin(), log.begin() + static_cast<std::ptrdiff_t>(linesSeen));
@@ -33,8 +33,8 @@ class NotificationTest : public DaemonTest {
     return log;
   }
 
-  /// Sends the payload, and then a task to add, whose load shows that the payload has been through
-  /// the listener. Expects no load but that one, and returns how the log took the payload.
+  /// Sends the payload and then an ADD, whose load shows that the listener has processed the
+  /// payload. Expects no other load, and returns the log lines about the payload.
   std::vector<std::string> sendIgnored(const std::string& message) {
     database.insertTask(makeTask(99, "echo fine"));
     newLog();
@@ -62,7 +62,7 @@ class NotificationTest : public DaemonTest {
   std::size_t linesSeen = 0;
 };
 
-TEST_F(NotificationTest, RunsATaskThatIsInsertedAndAdded) {
+TEST_F(NotificationTest, RunsATaskAfterAnAddNotification) {
   ASSERT_TRUE(startAndListen());
   newLog();
   database.insertTask(makeTask(7, "echo fine"));
@@ -88,7 +88,7 @@ TEST_F(NotificationTest, LoadsATaskWithinAboutASecond) {
   notify("ADD", 7);
 
   ASSERT_TRUE(waitForLog(kReloaded, 2));
-  // The daemon looks once a second; the rest is for a busy machine.
+  // The daemon checks once a second; the rest is for a busy machine.
   EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(5));
 }
 
@@ -107,7 +107,7 @@ TEST_F(NotificationTest, RunsTheNewDefinitionAfterAnUpdate) {
   EXPECT_TRUE(waitUntil([&] { return daemon.output("out_5_last.txt") == "new\n"; }, kPatience));
 }
 
-TEST_F(NotificationTest, RunsAnUpdatedTaskOnceASlot) {
+TEST_F(NotificationTest, RunsAnUpdatedTaskOncePerInterval) {
   TaskRow row = makeTask(5, "echo fine");
   row.nextExec = "date_trunc('second', now()) + interval '6 seconds'";
   database.insertTask(row);
@@ -115,7 +115,7 @@ TEST_F(NotificationTest, RunsAnUpdatedTaskOnceASlot) {
   notify("UPDATE", 5);
   ASSERT_TRUE(waitForLog(kReloaded, 2));
 
-  // Both objects, the one that was replaced and the one in its place, come out of the queue.
+  // The queue yields both objects: the replaced one and its replacement.
   ASSERT_TRUE(waitForLog("DEBUG#TH TIME: Send task to execution task5", 2));
   database.insertTask(makeTask(6, "echo fine"));
   notify("ADD", 6);
@@ -142,7 +142,7 @@ TEST_F(NotificationTest, RunsATaskThatIsAddedAgainTwice) {
 
 TEST_F(NotificationTest, MovesTheTaskByItsNewInterval) {
   TaskRow row = makeTask(5, "echo fine");
-  row.interval = "8 seconds";  // the load of the update comes before the second run
+  row.interval = "8 seconds";  // the update is loaded before the second run
   database.insertTask(row);
   ASSERT_TRUE(startAndListen());
   ASSERT_TRUE(waitForStatus(5, "OK"));
@@ -156,7 +156,7 @@ TEST_F(NotificationTest, MovesTheTaskByItsNewInterval) {
   EXPECT_EQ(daemon.logged(kReloaded), 2);
 }
 
-TEST_F(NotificationTest, KeepsTheRetriesThatAnUpdatedTaskHasMade) {
+TEST_F(NotificationTest, KeepsTheRetryCountOfAnUpdatedTask) {
   TaskRow row = makeTask(5, "echo bad; exit 2");
   row.interval = "3 seconds";
   row.retries = "2";
@@ -186,7 +186,7 @@ TEST_F(NotificationTest, ReplacesADefinitionDuringItsRun) {
 
   database.query("UPDATE kodu_plugins SET plugin_path = '" + next.path + "'");
   notify("UPDATE", 5);
-  // The loader waits for the run, whose record it takes over.
+  // The loader waits for the run, because it copies the record.
   ASSERT_TRUE(waitForLog("DEBUG#Load cron task: task5", 2));
   ASSERT_TRUE(waitUntil([&] { return daemon.log().back().starts_with("DEBUG#ADD cron task: "); },
                         kPatience));
@@ -199,7 +199,7 @@ TEST_F(NotificationTest, ReplacesADefinitionDuringItsRun) {
   EXPECT_EQ(changes(5).at(1).status, "OK");
 }
 
-TEST_F(NotificationTest, TakesTheAdditionsOfASecondBeforeItsUpdates) {
+TEST_F(NotificationTest, LoadsTheAdditionsOfASecondBeforeItsUpdates) {
   database.insertTask(makeWaitingTask(5));
   ASSERT_TRUE(startAndListen());
   database.insertTask(makeWaitingTask(9));
@@ -230,7 +230,7 @@ TEST_F(NotificationTest, IgnoresAnUnknownType) {
 class IgnoredCommandTest : public NotificationTest,
                            public testing::WithParamInterface<const char*> {};
 
-TEST_P(IgnoredCommandTest, IsLoggedAndNoMore) {
+TEST_P(IgnoredCommandTest, IsOnlyLogged) {
   const std::string message = payload(GetParam(), 8);
   ASSERT_TRUE(startAndListen());
   database.insertTask(makeWaitingTask(8));
@@ -296,7 +296,7 @@ TEST_F(NotificationTest, ReadsAMissingIdAsZero) {
   EXPECT_TRUE(waitForStatus(0, "OK"));
 }
 
-TEST_F(NotificationTest, AddsNothingByAnUpdate) {
+TEST_F(NotificationTest, AddsNothingOnAnUpdate) {
   ASSERT_TRUE(startAndListen());
   TaskRow row = makeTask(7, "echo fine");
   row.interval = "300 seconds";
@@ -307,7 +307,7 @@ TEST_F(NotificationTest, AddsNothingByAnUpdate) {
   notify("UPDATE", 7);
 
   ASSERT_TRUE(waitForLog(kReloaded, 2));
-  // The row is read all the same, and its next time moved.
+  // The row is read anyway, and its next time is moved.
   EXPECT_EQ(database.nextExec(7), before + 900);
   database.query(
       "UPDATE kodu_cron_plugin SET cron_next_exec = date_trunc('second', now()) + interval "

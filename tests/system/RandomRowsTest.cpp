@@ -1,5 +1,5 @@
-// Rows drawn at random, through all that the daemon does with a row: none that the tables take may
-// end it. KODU_ROWS says how many that are, KODU_ROWS_SEED which; lab/rows/run makes 20,000.
+// Random rows through everything that the daemon does with a row: no row that the tables accept may
+// end it. KODU_ROWS sets their number, KODU_ROWS_SEED the seed; lab/rows/run draws 20,000.
 
 #include <sys/wait.h>
 
@@ -44,9 +44,9 @@ class RandomRowsTest : public testing::Test {
     ASSERT_TRUE(startAndListen());
   }
 
-  /// Starts the daemon and returns once notifications reach it: one that is sent before is lost.
+  /// Starts the daemon and returns when it receives notifications: earlier ones are lost.
   bool startAndListen() {
-    // A thousand rows on a busy machine may take longer than startAndWait has patience.
+    // A thousand rows on a busy machine may take longer than the limit of startAndWait.
     const long starts = daemon.logged(kStarted);
     daemon.start();
     const bool isStarted = waitAlive([&] { return daemon.logged(kStarted) > starts; });
@@ -74,7 +74,8 @@ class RandomRowsTest : public testing::Test {
             plugin("long", R"(/usr/bin/head -c 100000 /dev/zero | /usr/bin/tr '\0' x; exit 1)")};
   }
 
-  /// Runs an INSERT or UPDATE; false when the tables refuse it, whose words are counted.
+  /// Executes an INSERT or UPDATE; false when the tables refuse it. Counts the refusals by their
+  /// text.
   bool isTaken(const std::string& sql) {
     try {
       database.query(sql);
@@ -88,7 +89,7 @@ class RandomRowsTest : public testing::Test {
     }
   }
 
-  /// Inserts rows until the tables have taken so many.
+  /// Inserts rows until the tables have accepted so many.
   void insert(std::size_t count) {
     while (count > 0) {
       if (!isTaken("INSERT INTO kodu_plugins (plugin_name, plugin_path) VALUES (" +
@@ -119,12 +120,12 @@ class RandomRowsTest : public testing::Test {
            daemon.isRunning();
   }
 
-  /// Has the daemon load all rows as they are, and waits until it has.
+  /// Makes the daemon load all rows, and waits until it has.
   void reload() {
     const long before = daemon.logged(kReloaded);
     int looks = 0;
     EXPECT_TRUE(waitAlive([&] {
-      if (looks++ % 500 == 0) {  // what comes before the daemon's subscription is lost
+      if (looks++ % 500 == 0) {  // notifications before the daemon's subscription are lost
         database.query(
             "SELECT count(pg_notify('koducronchannel', format("
             "'{\"TYPE\":\"SERVICE\",\"COMMAND\":\"UPDATE\",\"ID\":%s}', cron_id)))"
@@ -134,7 +135,7 @@ class RandomRowsTest : public testing::Test {
     }));
   }
 
-  /// Makes every row due within seconds and waits until each has had a run.
+  /// Makes every row due within seconds and waits until each has run.
   void runAll() {
     database.query(
         "DROP TABLE IF EXISTS before; CREATE TABLE before AS SELECT cron_id AS id, cron_last_exec"
@@ -193,7 +194,7 @@ class RandomRowsTest : public testing::Test {
         waitAlive([&] { return database.value("SELECT count(*) FROM kodu_cron_plugin") == "0"; }));
   }
 
-  /// The rows through a start of the daemon, runs, changes, runs and a purge.
+  /// Takes the rows through a start of the daemon, runs, changes, further runs and a purge.
   void take(std::size_t count) {
     insert(count / 2);
     daemon.signal(SIGKILL);
@@ -222,7 +223,7 @@ class RandomRowsTest : public testing::Test {
   std::map<std::string, int> refusals;
 };
 
-TEST_F(RandomRowsTest, EndTheDaemonAtNoStep) {
+TEST_F(RandomRowsTest, NeverEndTheDaemon) {
   const std::size_t count = numberFrom("KODU_ROWS", 150);
   for (std::size_t done = 0; done < count; done += kBatch) {
     ASSERT_NO_FATAL_FAILURE(take(std::min(kBatch, count - done)));

@@ -15,16 +15,16 @@ using testing::Not;
 
 namespace fs = std::filesystem;
 
-/// What a plugin, a writer of rows and another user of the machine can reach.
+/// What a plugin, a writer of rows and another user of the machine can access.
 class SecurityTest : public DaemonTest {
  protected:
-  /// The password must not be anywhere that others may read.
+  /// The password must not appear anywhere that other users may read.
   void expectNoPassword() {
     EXPECT_THAT(readFile(daemon.logPath()), Not(HasSubstr(database.password())));
     EXPECT_THAT(daemon.console(), Not(HasSubstr(database.password())));
   }
 
-  /// Runs a failing task once, so that every file that the daemon makes is there.
+  /// Runs a failing task once, so that the daemon has created every kind of file.
   void runWithUmask(mode_t mask) {
     TaskRow row = makeTask(1, "echo down; exit 2");
     database.insertTask(row);
@@ -61,7 +61,7 @@ TEST_F(SecurityTest, KeepsThePasswordOutOfTheLogAndTheProcessList) {
   expectNoPassword();
 }
 
-TEST_F(SecurityTest, KeepsThePasswordOutOfTheTextOfARefusedConnection) {
+TEST_F(SecurityTest, KeepsThePasswordOutOfAConnectionError) {
   database.query("ALTER DATABASE " + database.name() + " CONNECTION LIMIT 0");
   daemon.start({"-D"});
 
@@ -71,7 +71,7 @@ TEST_F(SecurityTest, KeepsThePasswordOutOfTheTextOfARefusedConnection) {
   expectNoPassword();
 }
 
-TEST_F(SecurityTest, KeepsThePasswordOutOfTheTextOfALostSession) {
+TEST_F(SecurityTest, KeepsThePasswordOutOfALostSessionsError) {
   database.insertTask(makeTask(1, "echo fine"));
   ASSERT_TRUE(daemon.startAndWait({"-D"}));
   database.query(
@@ -84,7 +84,7 @@ TEST_F(SecurityTest, KeepsThePasswordOutOfTheTextOfALostSession) {
   expectNoPassword();
 }
 
-TEST_F(SecurityTest, LeavesTheModesOfItsFilesToTheUmask) {
+TEST_F(SecurityTest, CreatesItsFilesWithTheModeOfTheUmask) {
   runWithUmask(077);
 
   EXPECT_EQ(modeOf(daemon.logPath()), 0600);
@@ -100,7 +100,7 @@ TEST_F(SecurityTest, LetsOthersReadButNotWriteItsOutputFiles) {
   EXPECT_EQ(modeOf(archiveFile()), 0644);
 }
 
-TEST_F(SecurityTest, HandsNoParameterToAShell) {
+TEST_F(SecurityTest, PassesNoParameterToAShell) {
   TaskRow row = makeTask(1, R"(printf '%s|' "$@")");
   const std::string trap = daemon.directory / "trap";
   row.parameter = "$(touch " + trap + ") `touch " + trap + "` ;touch${IFS}" + trap + " >" + trap +
@@ -116,8 +116,8 @@ TEST_F(SecurityTest, HandsNoParameterToAShell) {
                                                  "|*|~|$HOME|&&|false|");
 }
 
-TEST_F(SecurityTest, GivesAPluginNoDescriptorAndNoEnvironmentOfTheDaemons) {
-  // Three of the standard files and the shell's own; nothing of eight workers' files and pipes.
+TEST_F(SecurityTest, PassesNoDescriptorAndNoEnvironmentToAPlugin) {
+  // The three standard files and the shell's own, but no file or pipe of the eight workers.
   daemon.threadNumber = "8";
   daemon.writeConfig();
   for (int id = 1; id <= 8; ++id) {
@@ -130,7 +130,7 @@ TEST_F(SecurityTest, GivesAPluginNoDescriptorAndNoEnvironmentOfTheDaemons) {
 
   for (int id = 1; id <= 8; ++id) {
     ASSERT_TRUE(waitUntil([&] { return !database.task(id, "cron_last_exec").empty(); }, kPatience));
-    // The fourth is ls' own, of the folder that it lists.
+    // The fourth is the folder that ls lists.
     EXPECT_EQ(daemon.output("out_" + std::to_string(id) + "_last.txt"), "0 1 2 3 ");
   }
 }

@@ -18,7 +18,7 @@ class SizingTest : public DaemonTest {
   }
   void TearDown() override { setrlimit(RLIMIT_NOFILE, &former); }
 
-  /// Which the daemon inherits; none of the test's own descriptors is as high.
+  /// The daemon inherits the limit; the test's own descriptors are below it.
   void limitDescriptors(rlim_t count) const {
     const rlimit limit{count, former.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);

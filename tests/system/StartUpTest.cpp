@@ -47,7 +47,7 @@ void replaceLine(const std::string& path, const std::string& key, const std::str
   writeFile(path, content);
 }
 
-/// What libpq says when a connection to `conninfo` fails.
+/// The error of libpq for a failed connection to `conninfo`.
 std::string connectError(const std::string& conninfo) {
   PGconn* connection = PQconnectdb(conninfo.c_str());
   std::string message = PQerrorMessage(connection);
@@ -57,14 +57,14 @@ std::string connectError(const std::string& conninfo) {
 
 class StartUpTest : public testing::Test {
  protected:
-  /// Starts the daemon and expects it to end with status 1 and just `text` on its console.
+  /// Starts the daemon and expects it to end with status 1 and only `text` on its console.
   void expectFailure(const std::string& text) {
     daemon.start();
     EXPECT_EQ(exitStatusOf(daemon.waitForEnd()), 1);
     EXPECT_EQ(daemon.console(), text);
   }
 
-  /// Starts the daemon and expects it to end by the exception of a number that does not convert.
+  /// Starts the daemon and expects it to end by the exception of a failed number conversion.
   void expectConversionFailure(const std::string& exception) {
     daemon.start();
     EXPECT_EQ(signalOf(daemon.waitForEnd()), SIGABRT);
@@ -73,7 +73,7 @@ class StartUpTest : public testing::Test {
     EXPECT_THAT(daemon.log(), ElementsAre(kBanner, kNoDirectory));
   }
 
-  /// Starts the daemon with a log of all levels and waits until it has made its threads.
+  /// Starts the daemon with a log of all levels and waits until it has created its threads.
   bool startWithThreads() {
     daemon.start({"-D"});
     return waitUntil([&] { return daemon.logged("DEBUG#Join Thread") == 1; },
@@ -115,7 +115,7 @@ TEST_F(StartUpTest, LogsItsMilestonesInOrder) {
               ElementsAre(kBanner, kConnecting, kConnected, kLoading, kLoaded, kStarting, kStop));
 }
 
-TEST_F(StartUpTest, LogsItsStepsToo) {
+TEST_F(StartUpTest, LogsItsStepsWithDebugLines) {
   fs::create_directory(daemon.outputDirectory());
   insertTask(1, "check");
   const std::string nextExec = std::to_string(database.nextExec(1));
@@ -123,7 +123,7 @@ TEST_F(StartUpTest, LogsItsStepsToo) {
   daemon.start({"-D"});
   ASSERT_TRUE(waitUntil([&] { return daemon.log().size() >= 14; }, std::chrono::seconds(20)));
 
-  // From here on four threads write.
+  // From here on four threads write to the log.
   std::vector<std::string> log = daemon.log();
   const auto threads = std::find(log.begin(), log.end(), kStarting) + 1;
   EXPECT_THAT(std::vector<std::string>(threads, log.end()),
@@ -179,7 +179,7 @@ TEST_F(StartUpTest, AbortsWhenTheLogDirectoryCannotBeCreated) {
   EXPECT_THAT(daemon.log(), ElementsAre(kBanner, kNoDirectory));
 }
 
-TEST_F(StartUpTest, TakesTheLastOfTwoConfigurations) {
+TEST_F(StartUpTest, UsesTheLastOfTwoConfigurations) {
   daemon.startWith({"-f", daemon.directory / "first", "-f", daemon.mainConfig()});
 
   EXPECT_TRUE(waitUntil([&] { return daemon.logged(kStarting) == 1; }, std::chrono::seconds(20)));
@@ -211,7 +211,8 @@ class StartUpWithoutPathTest : public StartUpTest {
     }
   }
 
-  /// Starts the daemon with `arguments` and expects it to miss the default configuration.
+  /// Starts the daemon with `arguments` and expects an error about the missing default
+  /// configuration.
   void expectDefault(const std::vector<std::string>& arguments, const std::string& before = "") {
     daemon.startWith(arguments);
     EXPECT_EQ(exitStatusOf(daemon.waitForEnd()), 1);
@@ -231,7 +232,7 @@ TEST_F(StartUpWithoutPathTest, IgnoresAPathSwitchWithoutItsPath) {
   expectDefault({"-f"}, daemonPath() + ": option requires an argument -- 'f'\n");
 }
 
-TEST(GlobalsDefaultsTest, NameTheInstalledPlaces) {
+TEST(GlobalsDefaultsTest, NameTheInstalledPaths) {
   EXPECT_EQ(pathToConfigFile, kDefaultConfig);
   EXPECT_EQ(log_directory, "/usr/local/kodu/public_html/data/cron/");
   EXPECT_EQ(debug, 0);
@@ -269,7 +270,7 @@ TEST_F(StartUpTest, EndsWithoutItsConfiguration) {
 
 TEST_F(StartUpTest, EndsWhenItsConfigurationIsUnreadable) {
   fs::remove(daemon.mainConfig());
-  fs::create_symlink(daemon.mainConfig(), daemon.mainConfig());  // refused to root as well
+  fs::create_symlink(daemon.mainConfig(), daemon.mainConfig());  // not readable even by root
 
   expectFailure("error can't open file: " + daemon.mainConfig() + "\n");
 }
@@ -338,7 +339,7 @@ TEST_F(StartUpTest, AbortsWithAnEmptyThreadNumber) {
   expectConversionFailure("std::invalid_argument");
 }
 
-TEST_F(StartUpTest, AbortsWithAThreadNumberThatIsNone) {
+TEST_F(StartUpTest, AbortsWithAnInvalidThreadNumber) {
   replaceLine(daemon.mainConfig(), "thread_number", "thread_number=abc");
 
   expectConversionFailure("std::invalid_argument");
@@ -379,7 +380,7 @@ TEST_F(StartUpTest, LetsTasksPileUpWithoutWorkers) {
 
   const char* const kSent = "DEBUG#TH TIME: Send task to execution task";
   ASSERT_TRUE(waitUntil([&] { return daemon.logged(kSent) == 2; }));
-  // A task that a later notification brings is sent as well: the two were never put back.
+  // A task of a later notification is sent as well: the two were never put back.
   insertDueTask(3, "later");
   database.notify(R"({"TYPE":"SERVICE","COMMAND":"ADD","ID":3})");
   ASSERT_TRUE(
@@ -388,7 +389,7 @@ TEST_F(StartUpTest, LetsTasksPileUpWithoutWorkers) {
   EXPECT_EQ(database.value("SELECT count(cron_status) FROM kodu_cron_plugin"), "0");
 }
 
-TEST_F(StartUpTest, TakesValuesWithALeadingBlank) {
+TEST_F(StartUpTest, AcceptsValuesWithALeadingSpace) {
   replaceLine(daemon.databaseConfig(), "PGSQL_port",
               "PGSQL_port= " + std::to_string(database.port()));
   replaceLine(daemon.databaseConfig(), "PGSQL_db", "PGSQL_db= " + database.name());
@@ -431,8 +432,8 @@ TEST(SampleConfigurationTest, LimitsTheAttemptToConnect) {
 
 class DatabaseKeyTest : public StartUpTest, public testing::WithParamInterface<std::string> {
  protected:
-  /// Expects the daemon to end with what libpq says about the connection string without the value.
-  /// A keyword without its value takes the next one, with its value, for its own.
+  /// Expects the daemon to end with libpq's error for the connection string without the value. A
+  /// keyword without a value takes the next keyword and its value as its own value.
   void expectConnectionFailure() {
     const auto value = [](const char* key, const std::string& text) {
       return key == GetParam() ? "" : text;
@@ -448,13 +449,13 @@ class DatabaseKeyTest : public StartUpTest, public testing::WithParamInterface<s
   }
 };
 
-TEST_P(DatabaseKeyTest, EndsInLibpqsWordsWhenItIsMissing) {
+TEST_P(DatabaseKeyTest, EndsWithLibpqsErrorWhenItIsMissing) {
   replaceLine(daemon.databaseConfig(), GetParam(), "");
 
   expectConnectionFailure();
 }
 
-TEST_P(DatabaseKeyTest, EndsInLibpqsWordsWhenItIsEmpty) {
+TEST_P(DatabaseKeyTest, EndsWithLibpqsErrorWhenItIsEmpty) {
   replaceLine(daemon.databaseConfig(), GetParam(), GetParam() + "=");
 
   expectConnectionFailure();
@@ -486,7 +487,7 @@ TEST_F(StartUpTest, EndsWhenTheTasksCannotBeRead) {
   EXPECT_THAT(daemon.log(), ElementsAre(kBanner, kNoDirectory, kConnecting, kConnected, kLoading));
 }
 
-/// Runs the daemon with other standard files than the fixture's, by a shell.
+/// Runs the daemon by a shell, with other standard files than the fixture's.
 class StandardFilesTest : public StartUpTest {
  protected:
   /// Runs `command`, in which "$0" is the daemon and "$1" its configuration, with standard output
@@ -503,7 +504,8 @@ class StandardFilesTest : public StartUpTest {
   const std::string message = "erreur de redirection de flux stderr (dup2): Bad file descriptor";
 };
 
-// With the standard input closed too: the log would take the free place of the standard output.
+// Standard input is closed too: otherwise the log would get the free descriptor of the standard
+// output.
 TEST_F(StandardFilesTest, EndsWithStatus2WhenTheStandardOutputIsClosed) {
   EXPECT_EQ(exitStatusOf(run(R"(exec "$0" -D -f "$1" <&- >&-)")), 2);
 
@@ -512,7 +514,7 @@ TEST_F(StandardFilesTest, EndsWithStatus2WhenTheStandardOutputIsClosed) {
   EXPECT_THAT(daemon.log(), ElementsAre("DEBUG#Debug mode enabled"));
 }
 
-// No descriptor from 2 on may be made, so the log takes the standard input's.
+// No descriptor from 2 on can be opened, so the log gets the standard input's.
 TEST_F(StandardFilesTest, ReportsAFailedRedirectionOnBoth) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizer's start needs more descriptors";

@@ -12,7 +12,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// The texts once more, letter for letter: what the server's statistics and its log know them by.
+// The exact texts again: the server's statistics and log identify the statements by them.
 
 const std::string kUpdateCronProcess =
     "UpdateCronProcess: UPDATE kodu_cron_plugin SET cron_status='PROCESS' WHERE cron_id=$1::int;";
@@ -62,7 +62,7 @@ class StatementLogTest : public DaemonTest {
     linesBefore = database.serverLog().size();
   }
 
-  /// What the daemon has sent so far, each as "KIND TEXT", an execution with its parameters.
+  /// The daemon's statements so far, each as "KIND TEXT", an execution with its parameters.
   std::vector<std::string> statements() const {
     const std::string kLog = "LOG:  ";
     const std::string kParameters = "DETAIL:  parameters: ";
@@ -86,8 +86,8 @@ class StatementLogTest : public DaemonTest {
     return found;
   }
 
-  /// Waits until the daemon has subscribed and purged, and until it has sent `last`. Returns all
-  /// that it has sent but these two and what precedes the load's end; they come at any place.
+  /// Waits until the daemon has subscribed and purged and has sent `last`. Returns its statements
+  /// after the load, except the subscription and the purge, whose place is not fixed.
   std::vector<std::string> statementsAfterStart(const std::string& last) const {
     EXPECT_TRUE(waitUntil(
         [&] {
@@ -200,7 +200,7 @@ TEST_F(StatementLogTest, ShowsTheIdsOfEachNotificationInTheirOrder) {
 
   const std::string add = statement(kTaskQuery + " AND cron_id IN (7);");
   ASSERT_TRUE(waitForLog("NOTICE#script reload successful", 3));
-  // The second notification comes within the same pass of the listener or the next.
+  // The second notification arrives in the same pass of the listener or in the next one.
   const auto sent = statementsAfterStart(add);
   EXPECT_EQ(sent.front(), add);
   if (sent.at(1) != statement(kTaskQuery + " AND cron_id IN (9,4,9);")) {

@@ -1,6 +1,6 @@
-// SIGTERM at random moments, on a daemon whose purge period is two seconds. KODU_STORM_ROUNDS says
-// how many stops each test makes, KODU_STORM_TASKS how many tasks a long load has; lab/storm/run
-// makes 34 stops of each kind, with 200,000 tasks.
+// SIGTERM at random moments, with a purge period of two seconds. KODU_STORM_ROUNDS sets the number
+// of stops of each test, KODU_STORM_TASKS the number of tasks of a long load. lab/storm/run makes
+// 34 stops of each kind, with 200,000 tasks.
 
 #include <algorithm>
 #include <csignal>
@@ -61,8 +61,8 @@ class StopStormTest : public testing::Test {
     database.query("UPDATE kodu_cron_plugin SET cron_next_exec = date_trunc('second', now())");
   }
 
-  /// Sends SIGTERM once `line` is in the log and up to `spreadMs` have passed, and expects the end
-  /// that a daemon with workers has.
+  /// Sends SIGTERM up to `spreadMs` after `line` has appeared in the log, and expects the usual end
+  /// of a daemon with workers.
   void stopAfter(const std::string& line, int spreadMs) {
     signalAfter(line, spreadMs);
     const auto status = daemon.waitForEnd(std::chrono::seconds(60));
@@ -84,7 +84,7 @@ class StopStormTest : public testing::Test {
     daemon.signal(SIGTERM);
   }
 
-  /// A stop before the threads start leaves nothing for them to do.
+  /// After a stop before their start, the threads have nothing to do.
   void expectNoPurgeAfterAnEarlyStop() {
     const auto log = daemon.log();
     ASSERT_EQ(std::count(log.begin(), log.end(), kStop), 1);
@@ -95,7 +95,7 @@ class StopStormTest : public testing::Test {
     }
   }
 
-  /// Makes place for the next life's log.
+  /// Removes the log of the previous process.
   void forget() {
     std::filesystem::remove(daemon.logPath());
     std::filesystem::remove(daemon.consolePath());
@@ -105,7 +105,7 @@ class StopStormTest : public testing::Test {
   Daemon daemon{database};
   const unsigned seed = std::random_device()();
   std::mt19937 random{seed};
-  int earlyStops = 0;  // how many came before the threads started
+  int earlyStops = 0;  // the number of stops before the threads started
 };
 
 TEST_F(StopStormTest, EndsWhileItConnectsToASilentServer) {

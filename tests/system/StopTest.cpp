@@ -102,7 +102,7 @@ TEST_F(StopTest, EndsTheTimerAndTheListenerWithinSeconds) {
 
   ASSERT_TRUE(stop());
 
-  // The main and the admin thread are left. The limit is far from the 120 s of the latter.
+  // The main and the admin thread remain. The limit is far below the 120 s of the latter.
   EXPECT_TRUE(waitUntil([&] { return threadCount(daemon.pid()) == 2; }));
   EXPECT_TRUE(daemon.isRunning());
   EXPECT_THAT(logFrom(kStop), ElementsAre(kStop));
@@ -130,7 +130,7 @@ TEST_F(StopTest, LogsNothingButTheStopWithoutDebugLines) {
   EXPECT_THAT(logFrom(kStarting), ElementsAre(kStarting, kStop));
 }
 
-TEST_F(StopTest, TakesASecondSignal) {
+TEST_F(StopTest, AcceptsASecondSignal) {
   ASSERT_TRUE(startAndSettle("0"));
 
   ASSERT_TRUE(stop());
@@ -154,7 +154,7 @@ TEST_F(StopTest, LetsARunningPluginFinish) {
   EXPECT_EQ(daemon.output("out_1_last.txt"), "released\n");
 }
 
-TEST_F(StopTest, LeavesTheTasksThatWaitForAWorker) {
+TEST_F(StopTest, DoesNotRunTasksThatWaitForAWorker) {
   insertWaitingTask(1, "waiting");
   startWith("1");
   ASSERT_TRUE(waitUntil([&] { return database.task(1, "cron_status") == "PROCESS"; }, kPatience));
@@ -188,8 +188,8 @@ TEST_F(StopTest, IsKilledByTheSignalWhileItReadsItsConfiguration) {
   close(writer);
 }
 
-// The execution queue, which the handler wakes, does not exist yet.
-TEST_F(StopTest, TakesASignalAtOnceWhileItConnects) {
+// The execution queue, which the handler would notify, does not exist yet.
+TEST_F(StopTest, HandlesASignalAtOnceWhileItConnects) {
   SilentServer server;
   daemon.writeDatabaseConfig("127.0.0.1", server.port());
   daemon.start();
@@ -206,7 +206,7 @@ TEST_F(StopTest, TakesASignalAtOnceWhileItConnects) {
   EXPECT_THAT(daemon.console(), HasSubstr("server closed the connection unexpectedly"));
 }
 
-TEST_F(StopTest, EndsAConnectionAttemptAfterTheTimeThatItsHostLineGivesIt) {
+TEST_F(StopTest, EndsAConnectionAttemptAfterItsTimeout) {
   SilentServer server;
   daemon.writeDatabaseConfig("127.0.0.1 connect_timeout=2", server.port());
   daemon.start();
@@ -218,8 +218,8 @@ TEST_F(StopTest, EndsAConnectionAttemptAfterTheTimeThatItsHostLineGivesIt) {
   EXPECT_THAT(daemon.console(), HasSubstr("timeout expired"));
 }
 
-/// Stops the daemon while its start-up waits for a table that the test has locked, and lets it go
-/// on once the stop is logged.
+/// Stops the daemon while its start-up waits for a table that the test has locked. Releases the
+/// lock when the stop is logged.
 class StopInStartUpTest : public StopTest {
  protected:
   void stopWhileLocked(const std::string& table) {
@@ -231,7 +231,7 @@ class StopInStartUpTest : public StopTest {
     database.query("COMMIT");
   }
 
-  /// Long before the admin thread would have slept its 120 s.
+  /// Long before the end of the admin thread's sleep of 120 s.
   void expectTheEndWithoutAPurge() {
     EXPECT_EQ(signalOf(daemon.waitForEnd()), SIGABRT);
     EXPECT_EQ(daemon.logged(kStop), 1);
@@ -241,22 +241,22 @@ class StopInStartUpTest : public StopTest {
   }
 };
 
-TEST_F(StopInStartUpTest, TakesASignalAtOnceWhileItPrepares) {
+TEST_F(StopInStartUpTest, HandlesASignalAtOnceWhileItPrepares) {
   stopWhileLocked("kodu_cron_error");
 
   expectTheEndWithoutAPurge();
 }
 
-TEST_F(StopInStartUpTest, TakesASignalAtOnceDuringTheLoad) {
+TEST_F(StopInStartUpTest, HandlesASignalAtOnceDuringTheLoad) {
   insertManyTasks(2000);
 
-  stopWhileLocked("kodu_plugins");  // the statements are prepared without this one
+  stopWhileLocked("kodu_plugins");  // this lock does not affect the preparation of the statements
 
   expectTheEndWithoutAPurge();
   EXPECT_EQ(daemon.logged("DEBUG#Load cron task: task"), 2000);
 }
 
-TEST_F(StopTest, LeavesWhatIsDueWhenAllWorkersAreBusy) {
+TEST_F(StopTest, DoesNotRunDueTasksWhenAllWorkersAreBusy) {
   database.query("INSERT INTO kodu_plugins VALUES (1, 'task', '" +
                  writePlugin(daemon.directory / "plugin", "echo fine") + "', 'cron')");
   database.query(
@@ -271,13 +271,13 @@ TEST_F(StopTest, LeavesWhatIsDueWhenAllWorkersAreBusy) {
 
   EXPECT_TRUE(waitUntil(
       [&] { return daemon.logged(kWorkerEnd) == 4 && threadCount(daemon.pid()) <= 2; }, kPatience));
-  // No pass is cut short.
+  // No pass is interrupted.
   EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin WHERE cron_status = 'PROCESS'"),
             "0");
   EXPECT_NE(database.value("SELECT count(*) FROM kodu_cron_plugin WHERE cron_status IS NULL"), "0");
 }
 
-/// The whole way to the end, which the admin thread's sleep of 120 s puts off.
+/// The complete shutdown, which the admin thread's sleep delays by up to 120 s.
 class SlowStopTest : public StopTest {
  protected:
   static constexpr seconds kLongestStop{125};
@@ -297,7 +297,7 @@ TEST_F(SlowStopTest, EndsByTheTerminateHandlerWhenWorkersWereStarted) {
                                    kWorkerEnd));
 }
 
-// What comes after the stop is left alone: a task that is due, a notification, a flagged row.
+// After the stop the daemon ignores a task that becomes due, a notification and a flagged row.
 TEST_F(SlowStopTest, EndsWithStatus0WithoutWorkers) {
   insertTask(1, "queued", "echo never");
   ASSERT_TRUE(startAndSettle("0"));
@@ -342,18 +342,18 @@ TEST_F(SlowStopTest, EndsWhileAWorkersStatementHangs) {
   database.query("BEGIN");
   database.query("UPDATE kodu_cron_plugin SET cron_interval = interval '1 hour'");
   ASSERT_TRUE(waitUntil([&] { return database.waitingSessions() == 1; }, kPatience));
-  // The main thread waits for the others, the listener for its turn on the connection.
+  // The main thread waits for the others, and the listener for the connection.
   ASSERT_TRUE(waitUntil([&] { return threadsIn(daemon.pid(), SYS_futex) == 2; }, kPatience));
 
   ASSERT_TRUE(stop());
 
-  // The main, the admin and the worker's thread are left.
+  // The main, the admin and the worker's thread remain.
   EXPECT_TRUE(waitUntil([&] { return threadCount(daemon.pid()) == 3; }));
   EXPECT_EQ(signalOf(daemon.waitForEnd(kLongestStop)), SIGABRT);
   EXPECT_EQ(database.waitingSessions(), 1) << "the statement hangs still";
 }
 
-// Enough tasks that the queues take a while to empty.
+// Enough tasks that emptying the queues takes some time.
 TEST_F(SlowStopTest, ToleratesSignalsDuringTheOrderlyShutdown) {
   insertManyTasks(50000);
   daemon.threadNumber = "0";

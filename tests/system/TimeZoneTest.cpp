@@ -24,7 +24,7 @@ class TimeZoneTest : public DaemonTest {
     DaemonTest::SetUp();
   }
 
-  /// The hours that the time of the log's last line with `text` is ahead of UTC.
+  /// The offset from UTC, in hours, of the time in the log's last line with `text`.
   double hoursEast(const std::string& text) const {
     std::tm parts{};
     for (const std::string& line : readLines(daemon.logPath())) {
@@ -54,14 +54,14 @@ TEST_F(TimeZoneTest, IsFollowedByTheLogAndTheArchive) {
 
   const auto archived = [&] { return filesIn(daemon.outputDirectory() + "/archive/1").front(); };
   EXPECT_TRUE(waitUntil([&] {
-    // Six hours: names in the western zone also sort before those in the eastern one.
+    // Six hours, so that names in the western zone also sort before those in the eastern one.
     std::tm parts{};
     strptime(archived().c_str(), "out_1_%Y-%m-%d_%H-%M-%S", &parts);
     return timegm(&parts) < changed - 21'600;
   })) << archived();
 }
 
-// Nothing but the timer thread has looked at the zone since.
+// Since then only the timer thread has read the zone.
 TEST_F(TimeZoneTest, IsFollowedByTheStopLineOfAnIdleDaemon) {
   ASSERT_TRUE(daemon.startAndWait());
   EXPECT_EQ(hoursEast("#Start Thread"), 5);

@@ -78,7 +78,7 @@ TEST(SectionsTest, GivesBashTheWordsAfterEachCommand) {
                     HasSubstr("['-f']='FILE'\n"), HasSubstr("['show']='ID'\n")));
 }
 
-TEST(SectionsTest, QuotesWhatZshWouldRead) {
+TEST(SectionsTest, QuotesCharactersThatZshInterprets) {
   EXPECT_THAT(zshArrays(programWithCommands()),
               HasSubstr("\n    '(-f --config)-f[Read it'\\''s \\[file\\]\\: now]:FILE:_files'\n"));
 }

@@ -12,7 +12,7 @@ std::string marked(const std::string& text) {
       [](const std::string& word) { return word; });
 }
 
-TEST(WordsTest, MarksWhatAUserWouldType) {
+TEST(WordsTest, MarksTheWordsThatAUserTypes) {
   EXPECT_EQ(marked("with --user, -n (or ~/.pgpass); $DATE."),
             "with <--user>, <-n> (or <~/.pgpass>); <$DATE>.");
   EXPECT_EQ(marked("set thread_number; -- alone"), "set <thread_number>; <--> alone");
@@ -22,7 +22,7 @@ TEST(WordsTest, LeavesProseAlone) {
   EXPECT_EQ(marked("a well-known task's 7=12.5 - or ..."), "a well-known task's 7=12.5 - or ...");
 }
 
-TEST(WordsTest, AppendsWordsWithOneBlank) {
+TEST(WordsTest, AppendsWordsWithOneSpace) {
   std::string words;
   for (const char* word : {"", "one", "", "two"}) {
     appendWord(words, word);
@@ -32,7 +32,7 @@ TEST(WordsTest, AppendsWordsWithOneBlank) {
   EXPECT_EQ(lastWord("one"), "one");
 }
 
-TEST(WordsTest, ReplacesEachAndNotWhatItPutThere) {
+TEST(WordsTest, DoesNotReplaceItsOwnReplacements) {
   EXPECT_EQ(replaceEach("a|b|", "|", "\\|"), "a\\|b\\|");
 }
 

@@ -32,7 +32,7 @@ class AdminThreadTest : public DatabaseGlobalsTest {
   }
 };
 
-TEST_F(AdminThreadTest, LeavesWithoutAPurgeWhenTheFlagIsSetAlready) {
+TEST_F(AdminThreadTest, EndsWithoutAPurgeWhenTheFlagIsAlreadySet) {
   flag(1);
   die_kodu = 1;
 
@@ -93,7 +93,7 @@ TEST(PurgePeriodTest, IsTwoMinutes) {
 
 using SlowAdminThreadTest = AdminThreadTest;
 
-TEST_F(SlowAdminThreadTest, PurgesAtOnceAndLeavesAtTheEndOfItsSleepWithoutAnotherPurge) {
+TEST_F(SlowAdminThreadTest, PurgesAtOnceAndEndsAfterItsSleepWithoutAnotherPurge) {
   flag(1);
   const auto start = std::chrono::steady_clock::now();
   std::atomic<bool> hasEnded = false;
@@ -106,7 +106,7 @@ TEST_F(SlowAdminThreadTest, PurgesAtOnceAndLeavesAtTheEndOfItsSleepWithoutAnothe
 
   flag(2);
   die_kodu = 1;
-  // A signal cuts the sleep no shorter.
+  // A signal does not shorten the sleep.
   static std::atomic<bool> isInterrupted = false;
   const auto previous = std::signal(SIGUSR1, [](int) { isInterrupted = true; });
   pthread_kill(admin.native_handle(), SIGUSR1);

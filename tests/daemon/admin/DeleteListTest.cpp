@@ -20,7 +20,7 @@ TEST(DeleteListTest, KeepsDuplicates) {
   EXPECT_TRUE(list.find(5));
 }
 
-TEST(DeleteListTest, TellsWhatItHolds) {
+TEST(DeleteListTest, TellsWhetherItContainsAnId) {
   DeleteList list;
   EXPECT_TRUE(list.empty());
   EXPECT_EQ(list.size(), 0);
@@ -63,7 +63,7 @@ TEST(DeleteListTest, ShowsAnEmptyListAsAnEmptyLine) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n");
 }
 
-TEST(DeleteListTest, LosesNothingAmongThreads) {
+TEST(DeleteListTest, LosesNothingBetweenThreads) {
   DeleteList list;
   std::vector<std::thread> threads;
   for (unsigned long long id = 0; id < 4; ++id) {

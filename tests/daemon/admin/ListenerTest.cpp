@@ -35,7 +35,7 @@ class NotificationBatchTest : public GlobalsTest {
   NotificationBatch batch;
 };
 
-TEST_F(NotificationBatchTest, CollectsTheIdsOfBothCommandsInTheirOrder) {
+TEST_F(NotificationBatchTest, CollectsTheIdsOfBothCommandsInOrder) {
   batch.add(R"({"TYPE":"SERVICE","COMMAND":"UPDATE","ID":5})");
   batch.add(R"({"TYPE":"SERVICE","COMMAND":"ADD","ID":9})");
   batch.add(R"({"TYPE":"SERVICE","COMMAND":"ADD","ID":7})");
@@ -85,7 +85,7 @@ TEST_F(NotificationBatchTest, ReadsAMissingIdAsZero) {
   EXPECT_THAT(batch.additions(), ElementsAre(0));
 }
 
-TEST_F(NotificationBatchTest, TakesWhatJsonCanTurnIntoAnInteger) {
+TEST_F(NotificationBatchTest, AcceptsValuesThatJsonConvertsToAnInteger) {
   for (const char* id : {"-1", "2147483647", "7.9", "true", "null"}) {
     batch.add(R"({"TYPE":"SERVICE","COMMAND":"UPDATE","ID":)" + std::string(id) + "}");
   }
@@ -101,7 +101,7 @@ TEST_F(NotificationBatchTest, ThrowsForAnIdOutsideTheIntegers) {
   }
 }
 
-TEST_F(NotificationBatchTest, WarnsOfANestingThatIsTooDeep) {
+TEST_F(NotificationBatchTest, WarnsOfNestingBeyondTheLimit) {
   const std::string payload(1001, '[');
 
   batch.add(payload);
@@ -110,7 +110,7 @@ TEST_F(NotificationBatchTest, WarnsOfANestingThatIsTooDeep) {
                                  "WARNING#TH ADMIN# Bad notify Json receive :" + payload));
 }
 
-TEST_F(NotificationBatchTest, TakesANestingThatIsJustWithinTheLimit) {
+TEST_F(NotificationBatchTest, AcceptsNestingUpToTheLimit) {
   const std::string depth(998, '[');
   const std::string payload =
       R"({"TYPE":"SERVICE","COMMAND":"ADD","ID":7,"x":)" + depth + std::string(998, ']') + "}";
@@ -120,7 +120,7 @@ TEST_F(NotificationBatchTest, TakesANestingThatIsJustWithinTheLimit) {
   EXPECT_THAT(batch.additions(), ElementsAre(7));
 }
 
-TEST_F(NotificationBatchTest, ReadsOnAfterABadPayload) {
+TEST_F(NotificationBatchTest, ContinuesAfterABadPayload) {
   batch.add("{");
   batch.add(std::string(1001, '['));
   batch.add(R"({"TYPE":"SERVICE","COMMAND":"ADD","ID":7})");
@@ -214,7 +214,7 @@ TEST_F(ListenerTest, LoadsTheTaskThatAnAddNotificationNames) {
   EXPECT_THAT(loads(), ElementsAre("(7);"));
 }
 
-TEST_F(ListenerTest, HandsOverAdditionsBeforeUpdates) {
+TEST_F(ListenerTest, LoadsAdditionsBeforeUpdates) {
   insert(5);
   insert(9);
   startListener();
@@ -255,7 +255,7 @@ TEST_F(ListenerTest, ListsAnIdAsOftenAsItIsNotified) {
   EXPECT_EQ(serviceQueue->size(), 1U);
 }
 
-TEST_F(ListenerTest, HandsEachBatchOverOnce) {
+TEST_F(ListenerTest, LoadsEachBatchOnce) {
   startListener();
   database.notify(payload("ADD", 1));
   ASSERT_TRUE(waitUntil([&] { return loads().size() == 1; }));
@@ -279,7 +279,7 @@ TEST_F(ListenerTest, ContinuesAfterAPayloadThatIsNotJson) {
   EXPECT_THAT(loads(), ElementsAre("(7);"));
 }
 
-TEST_F(ListenerTest, TakesNotificationsThatCameWithAStatementsReply) {
+TEST_F(ListenerTest, ReadsNotificationsThatArrivedWithAStatementsReply) {
   insert(7);
   startListener();
   database.notify(payload("ADD", 7));
@@ -289,7 +289,7 @@ TEST_F(ListenerTest, TakesNotificationsThatCameWithAStatementsReply) {
   EXPECT_TRUE(waitUntil([] { return isLoaded(7); }));
 }
 
-TEST_F(ListenerTest, TakesWhatComesWhileTheLoaderRunsInTheNextPass) {
+TEST_F(ListenerTest, LeavesNotificationsDuringALoadToTheNextPass) {
   insert(1);
   insert(2);
   startListener();
@@ -345,7 +345,7 @@ TEST_F(ListenerTest, EndsWithinSecondsWhileAnotherThreadsStatementHangs) {
   watcher.join();
 }
 
-TEST_F(ListenerTest, TakesWhatCameWhileAnotherThreadsStatementHung) {
+TEST_F(ListenerTest, ReadsNotificationsThatArrivedDuringAHungStatement) {
   insert(7);
   insert(8);
   startListener();

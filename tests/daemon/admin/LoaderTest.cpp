@@ -25,7 +25,7 @@ int heapTrims = 0;
 
 }  // namespace
 
-/// In the C library's place.
+/// Replaces the function of the C library.
 extern "C" int malloc_trim(std::size_t /*pad*/) noexcept {
   ++heapTrims;
   return 0;
@@ -251,7 +251,7 @@ TEST_F(LoaderTest, ReplacesATaskWhoseTimingChanged) {
   EXPECT_EQ(serviceQueue->size(), 2U) << "the old one leaves the queue when it is met";
 }
 
-// The one way to an update in place: the interval, in seconds, equals the next time.
+// The only case of an update in place: the interval, in seconds, equals the next time.
 TEST_F(LoaderTest, UpdatesATaskInPlaceWhoseTimingDidNotChange) {
   insert(5);
   load_cron_task("ADD", nullptr);
@@ -300,7 +300,7 @@ TEST_F(LoaderTest, UpdatesTheListedTasksOnly) {
   EXPECT_EQ(other->GetExecState(), 0);
 }
 
-TEST_F(LoaderTest, HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces) {
+TEST_F(LoaderTest, LocksTheMapWhileItWaitsForTheRunOfAReplacedTask) {
   insert(5);
   load_cron_task("ADD", nullptr);
   const auto old = loaded(5);
@@ -328,7 +328,7 @@ TEST_F(LoaderTest, HoldsTheMapWhileItWaitsForTheRunOfATaskThatItReplaces) {
   EXPECT_EQ(serviceQueue->size(), 2U);
 }
 
-TEST_F(LoaderTest, ReplacesATaskWhoseParametersAloneChanged) {
+TEST_F(LoaderTest, ReplacesATaskWhenOnlyItsParametersChanged) {
   insert(5);
   load_cron_task("ADD", nullptr);
   const auto old = loaded(5);
@@ -359,7 +359,7 @@ TEST_F(LoaderTest, KeepsNoStorageOfTheTasksThatItReplaced) {
   const auto bytesBefore = mallinfo2().uordblks;
 
   for (int round = 1; round <= kRounds; ++round) {
-    // A new time each, so that no replaced task is like another.
+    // Each time is different, so that no two replaced tasks are equal.
     database.query("UPDATE kodu_cron_plugin SET cron_next_exec = cron_next_exec + interval '1 d'");
     std::vector<int> ids(kTasks);
     std::iota(ids.begin(), ids.end(), 1);
@@ -370,7 +370,7 @@ TEST_F(LoaderTest, KeepsNoStorageOfTheTasksThatItReplaced) {
   EXPECT_LT(mallinfo2().uordblks, bytesBefore + 3'000'000);
 }
 
-TEST_F(LoaderTest, VisitsTheGapsOfTheHeapAfterManyRowsOnly) {
+TEST_F(LoaderTest, TrimsTheHeapOnlyAfterManyRows) {
   insert(5);
   heapTrims = 0;
   load("UPDATE", {5});
@@ -475,7 +475,7 @@ TEST_F(LoaderTest, RefusesAnIntervalBelowASecond) {
   EXPECT_THAT(loadedIds(), testing::IsEmpty());
 }
 
-TEST_F(LoaderTest, CutsAFractionOffTheInterval) {
+TEST_F(LoaderTest, TruncatesAFractionOfTheInterval) {
   dropCheck("cron_interval_whole_seconds");
   insert(1);
   database.query("UPDATE kodu_cron_plugin SET cron_interval = '7.9 s'");
@@ -485,7 +485,7 @@ TEST_F(LoaderTest, CutsAFractionOffTheInterval) {
   EXPECT_EQ(loaded(1)->Getinterval_exec_time(), 7U);
 }
 
-TEST_F(LoaderTest, LogsARowWhoseTextsAreNoNumbers) {
+TEST_F(LoaderTest, LogsARowWithTextsThatAreNotNumbers) {
   dropCheck("cron_next_exec_in_integer_seconds");
   insert(1);
   database.query("UPDATE kodu_cron_plugin SET cron_next_exec = '-infinity'");

@@ -51,7 +51,7 @@ class DeleteTaskTest : public DatabaseGlobalsTest {
     return task;
   }
 
-  /// The plugin writes the file "begun" and ends once there is a file "released".
+  /// The plugin writes the file "begun" and ends when the file "released" exists.
   void usePluginThatWaits(const std::shared_ptr<serviceCron>& task) const {
     task->Setpath(writePlugin(directory / "plugin", "echo begun >" + (directory / "begun") + "\n" +
                                                         waitInShell(directory / "released") +
@@ -197,7 +197,7 @@ TEST_F(DeleteTaskTest, KeepsTheRowsWhenAFileCannotBeRemoved) {
   EXPECT_THAT(log(), ElementsAre("DEBUG#DELETE TASK: 1"));
 }
 
-TEST_F(DeleteTaskTest, RepeatsTheStepsOfAPurgeThatWasCutShort) {
+TEST_F(DeleteTaskTest, RepeatsTheStepsOfAnInterruptedPurge) {
   makeTaskWithFiles(1, "a.txt");
   fs::remove(log_directory + "/a.txt");
   fs::create_directories(log_directory + "/a.txt/not empty");
@@ -261,7 +261,7 @@ TEST_F(DeleteTaskTest, LeavesTheTasksBehindAFailureFlagged) {
   EXPECT_EQ(readFile(log_directory + "/3.txt"), "output");
 }
 
-/// Ids that the table could not hold come from a view in its place.
+/// A view in place of the table provides ids that the table cannot hold.
 class DeleteTaskIdTest : public DatabaseGlobalsTest {
  protected:
   void flagText(const std::string& id) {
@@ -275,7 +275,7 @@ class DeleteTaskIdTest : public DatabaseGlobalsTest {
   }
 };
 
-TEST_F(DeleteTaskIdTest, ThrowsForAnIdThatIsNoNumber) {
+TEST_F(DeleteTaskIdTest, ThrowsForAnIdThatIsNotANumber) {
   flagText("x");
 
   EXPECT_THROW(DeleteTask(), std::invalid_argument);
@@ -291,7 +291,7 @@ TEST_F(DeleteTaskIdTest, ThrowsForAnIdAboveTheIntegers) {
   EXPECT_THAT(log(), IsEmpty());
 }
 
-TEST_F(DeleteTaskTest, TakesTheTaskOutUnderTheLockOfTheMap) {
+TEST_F(DeleteTaskTest, RemovesTheTaskUnderTheLockOfTheMap) {
   const auto task = makeTaskWithFiles(1, "a.txt");
   flag(1);
   mutexTaskMap.lock();
@@ -331,7 +331,7 @@ TEST_F(DeleteTaskTest, LeavesTheMapUnlockedDuringItsStatements) {
   EXPECT_EQ(database.task(2, "cron_id"), "");
 }
 
-TEST_F(DeleteTaskTest, LeavesAllAsItIsWhenTheQueryFails) {
+TEST_F(DeleteTaskTest, ChangesNothingWhenTheQueryFails) {
   const auto task = makeTaskWithFiles(1, "a.txt");
   flag(1);
   PQclear(pgSQL->executeRequest("DEALLOCATE \"SelectDeleteCron\""));

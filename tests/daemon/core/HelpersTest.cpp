@@ -12,13 +12,13 @@ TEST(StringToIntTest, ReadsTheLeadingNumber) {
   EXPECT_EQ(stringToInt("-7"), -7);
 }
 
-TEST(StringToIntTest, GivesZeroWithoutANumber) {
+TEST(StringToIntTest, ReturnsZeroWithoutANumber) {
   EXPECT_EQ(stringToInt("abc"), 0);
   EXPECT_EQ(stringToInt(""), 0);
   EXPECT_EQ(stringToInt("   "), 0);
 }
 
-TEST(StringToIntTest, GivesTheNearestBoundForANumberOutOfRange) {
+TEST(StringToIntTest, ReturnsTheNearestBoundForANumberOutOfRange) {
   EXPECT_EQ(stringToInt("2147483648"), std::numeric_limits<int>::max());
   EXPECT_EQ(stringToInt("-2147483649"), std::numeric_limits<int>::min());
   EXPECT_EQ(stringToUnsignedInt("4294967296"), std::numeric_limits<unsigned int>::max());

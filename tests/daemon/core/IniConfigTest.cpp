@@ -27,17 +27,17 @@ TEST_F(IniConfigTest, FindsAKeyInItsSectionOnly) {
   EXPECT_EQ(config.getKey("LOG", "thread_number"), "");
 }
 
-TEST_F(IniConfigTest, DropsLeadingBlanksThenTabs) {
+TEST_F(IniConfigTest, DropsLeadingSpacesThenTabs) {
   EXPECT_EQ(configOf("[LOG]\n \tlog_file=/x\n").getKey("LOG", "log_file"), "/x");
 }
 
-TEST_F(IniConfigTest, LeavesABlankBehindALeadingTab) {
+TEST_F(IniConfigTest, KeepsASpaceAfterALeadingTab) {
   auto config = configOf("[LOG]\n\t log_file=/x\n");
 
   EXPECT_EQ(config.getSection("LOG"), (Values{{"[LOG]", ""}, {" log_file", "/x"}}));
 }
 
-TEST_F(IniConfigTest, KeepsTheBlankBehindTheSign) {
+TEST_F(IniConfigTest, KeepsTheSpaceAfterTheEqualSign) {
   EXPECT_EQ(configOf("[LOG]\nlog_file = /x\n").getKey("LOG", "log_file"), " /x");
 }
 
@@ -45,7 +45,7 @@ TEST_F(IniConfigTest, KeepsTheCarriageReturn) {
   EXPECT_EQ(configOf("[LOG]\nlog_file=/x\r\n").getKey("LOG", "log_file"), "/x\r");
 }
 
-TEST_F(IniConfigTest, SplitsAtTheFirstSign) {
+TEST_F(IniConfigTest, SplitsAtTheFirstEqualSign) {
   EXPECT_EQ(configOf("[LOG]\nlog_file=a=b\n").getKey("LOG", "log_file"), "a=b");
 }
 
@@ -63,11 +63,11 @@ TEST_F(IniConfigTest, CountsTheHeaderLineAsTheSectionsFirstLine) {
   EXPECT_EQ(config.getKey("LOG=1", ""), "1]");
 }
 
-TEST_F(IniConfigTest, GivesAnEmptyValueForALineWithoutASign) {
+TEST_F(IniConfigTest, ReturnsAnEmptyValueForALineWithoutAnEqualSign) {
   EXPECT_EQ(configOf("[LOG]\nlog_file\nlog_file=/x\n").getKey("LOG", "log_file"), "");
 }
 
-TEST_F(IniConfigTest, GivesAnEmptyValueWithoutTheSectionOrTheKey) {
+TEST_F(IniConfigTest, ReturnsAnEmptyValueWithoutTheSectionOrTheKey) {
   const auto config = configOf("before=1\n[LOG]\nlog_file=/x\n");
 
   EXPECT_EQ(config.getKey("CRON", "log_file"), "");
@@ -170,7 +170,7 @@ TEST(TrimTest, DropsAllSixKindsOfWhitespace) {
   EXPECT_EQ(rtrim(space + "a b" + space), space + "a b");
 }
 
-TEST(TrimTest, LeavesNothingOfWhitespaceAlone) {
+TEST(TrimTest, ReturnsAnEmptyTextForWhitespaceOnly) {
   for (const std::string text : {"", " \n\r\t\f\v"}) {
     EXPECT_EQ(trim(text), "");
     EXPECT_EQ(ltrim(text), "");

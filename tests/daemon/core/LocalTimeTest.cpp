@@ -35,7 +35,7 @@ TEST(CalendarTimeTest, KnowsLeapYears) {
 
 class UtcOffsetTest : public testing::Test {
  protected:
-  void SetUp() override { readZone(); }  // so that no test's second was looked at before
+  void SetUp() override { readZone(); }  // so that no two tests read the zone in the same second
   void TearDown() override { unsetenv("TZ"); }
 
   static void setZone(const char* zone) { setenv("TZ", zone, 1); }
@@ -57,7 +57,7 @@ TEST_F(UtcOffsetTest, FollowsDaylightSavingTimeToTheSecond) {
   EXPECT_EQ(utcOffset(kSpring - 1), 3600);
 }
 
-TEST_F(UtcOffsetTest, LooksOnceASecond) {
+TEST_F(UtcOffsetTest, ReadsTheZoneOnceASecond) {
   setZone("AAA-1");
   EXPECT_EQ(utcOffset(kMayDay), 3600);
 
@@ -67,7 +67,7 @@ TEST_F(UtcOffsetTest, LooksOnceASecond) {
   EXPECT_EQ(utcOffset(kMayDay + 1), 7200);
 }
 
-TEST_F(UtcOffsetTest, LooksAtOnceWhenTold) {
+TEST_F(UtcOffsetTest, ReadsTheZoneAtOnceOnRequest) {
   setZone("AAA-1");
   EXPECT_EQ(utcOffset(kMayDay), 3600);
 
@@ -78,7 +78,7 @@ TEST_F(UtcOffsetTest, LooksAtOnceWhenTold) {
   EXPECT_EQ(utcOffset(kMayDay), 7200);
 }
 
-TEST_F(UtcOffsetTest, AllocatesNothingWhenItDoesNotLook) {
+TEST_F(UtcOffsetTest, AllocatesNothingBetweenTwoReads) {
   readZone();
   const long before = heapRequests();
 
@@ -88,7 +88,7 @@ TEST_F(UtcOffsetTest, AllocatesNothingWhenItDoesNotLook) {
   EXPECT_EQ(heapRequests(), before);
 }
 
-TEST_F(UtcOffsetTest, FollowsTheMachinesFileInEveryThread) {
+TEST_F(UtcOffsetTest, FollowsTheZoneFileInEveryThread) {
   const TempDir directory;
   ZoneFile zone(directory / "zone", 0);
   const Mount mount = Mount::file(zone.name(), "/etc/localtime");

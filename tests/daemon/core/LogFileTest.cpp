@@ -59,7 +59,7 @@ TEST_F(LogFileTest, DropsLinesBelowTheThreshold) {
   EXPECT_THAT(readLog(path), ElementsAre("NOTICE#notice"));
 }
 
-TEST_F(LogFileTest, PutsTogetherOnlyWhatIsWritten) {
+TEST_F(LogFileTest, FormatsOnlyLinesThatAreWritten) {
   logFile log(2, path);
   int calls = 0;
   const auto message = [&calls] { return "call " + std::to_string(++calls); };
@@ -70,7 +70,7 @@ TEST_F(LogFileTest, PutsTogetherOnlyWhatIsWritten) {
   EXPECT_THAT(readLog(path), ElementsAre("NOTICE#call 1"));
 }
 
-TEST_F(LogFileTest, HasThresholdOneUnlessTold) {
+TEST_F(LogFileTest, HasThresholdOneByDefault) {
   logFile log(path);
   const char* const text = path.c_str();
   logFile same(text);
@@ -137,7 +137,7 @@ TEST_F(LogFileTest, KeepsWritingToADeletedFile) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-TEST_F(LogFileTest, EndsALineThatAFormerLifeCutShort) {
+TEST_F(LogFileTest, CompletesALineThatAnEarlierProcessCutShort) {
   writeFile(path, "Sun Nov 15 12:16:44 2026#NOT");
 
   logFile(0, path).write("new");
@@ -145,7 +145,7 @@ TEST_F(LogFileTest, EndsALineThatAFormerLifeCutShort) {
   EXPECT_EQ(readFile(path), "Sun Nov 15 12:16:44 2026#NOT\nnew\n");
 }
 
-TEST_F(LogFileTest, WritesToWhatIsNoFile) {
+TEST_F(LogFileTest, WritesToAPipe) {
   const int pipe = makePipe(path);
   logFile log(0, path);
 
@@ -202,7 +202,7 @@ class FullLogFileTest : public LogFileTest {
   }
 };
 
-TEST_F(FullLogFileTest, WritesAgainAfterLinesThatFoundNoRoom) {
+TEST_F(FullLogFileTest, WritesAgainAfterLinesThatDidNotFit) {
   logFile log(0, path);
   log.write("before");
   limitFiles(log.size());
@@ -231,7 +231,7 @@ TEST_F(FullLogFileTest, BeginsANewLineAfterOneThatWasCutShort) {
   EXPECT_EQ(readFile(path), "before\ncut \nafter\nand on\n");
 }
 
-TEST_F(FullLogFileTest, BeginsNoNewLineWhereTheLastOneIsWhole) {
+TEST_F(FullLogFileTest, BeginsNoNewLineAfterACompleteOne) {
   logFile log(0, path);
   log.write("before");
   limitFiles(log.size() + 4);
@@ -280,7 +280,7 @@ TEST_F(FullLogFileTest, WritesWholeLinesAgainAfterAFullDisk) {
   EXPECT_EQ(readFile(disk + "/cron.log"), full + "\nafter\n");
 }
 
-/// The machine's time zone, as this process sees it, is a file of the test's own.
+/// The machine's time zone, as this process sees it, is a file that belongs to the test.
 class ZoneLogFileTest : public LogFileTest {
  protected:
   void SetUp() override {
@@ -328,7 +328,7 @@ TEST_F(LogFileTest, KeepsLinesOfDifferentThreadsApart) {
   EXPECT_EQ(readLog(path).size(), kThreads * kLines);
 }
 
-TEST_F(LogFileTest, TellsTheFilesSize) {
+TEST_F(LogFileTest, ReturnsTheFilesSize) {
   logFile log(0, path);
   EXPECT_EQ(log.size(), 0U);
 
@@ -337,7 +337,7 @@ TEST_F(LogFileTest, TellsTheFilesSize) {
   EXPECT_EQ(log.size(), 6U);
 }
 
-TEST_F(LogFileTest, ThrowsWhenTheSizeOfAMissingFileIsAsked) {
+TEST_F(LogFileTest, ThrowsForTheSizeOfAMissingFile) {
   logFile log(0, path);
   std::filesystem::remove(path);
 

@@ -52,7 +52,7 @@ TEST_F(PgConnectionPoolTest, UsesItsConnectionsInTurn) {
   EXPECT_TRUE(std::equal(used.begin(), used.begin() + 3, used.begin() + 3));
 }
 
-TEST_F(PgConnectionPoolTest, HandsItsConnectionsOutInTurn) {
+TEST_F(PgConnectionPoolTest, ReturnsItsConnectionsInTurn) {
   pgConnectionPool pool(database.conninfo(), 2);
   pgSafeThread* const first = pool.getNextConnection();
   pgSafeThread* const second = pool.getNextConnection();
@@ -80,7 +80,7 @@ TEST_F(PgConnectionPoolTest, IsEmptyForACountBelowOne) {
   EXPECT_EQ(negative.getConnectionNumber(), 0);
 }
 
-TEST_F(PgConnectionPoolTest, EndsItsSessionsWhenItGoes) {
+TEST_F(PgConnectionPoolTest, ClosesItsSessionsWhenDestroyed) {
   { const pgConnectionPool pool(database.conninfo(), 3); }
 
   EXPECT_TRUE(waitUntil([&] { return sessions() == "0"; }));
@@ -116,7 +116,7 @@ TEST_F(PgConnectionPoolTest, StopsPreparingAtTheFirstFailure) {
               StartsWith("Exec prepareRequest failed:  ERROR:  prepared statement \"taken\" does"));
 }
 
-TEST_F(PgConnectionPoolTest, TracesSuccessesOnlyAndOnlyWhenTold) {
+TEST_F(PgConnectionPoolTest, TracesOnlySuccessesAndOnlyOnRequest) {
   pgConnectionPool pool(database.conninfo(), 2);
   testing::internal::CaptureStdout();
   PQclear(pool.executeRequest("SELECT 1"));
@@ -157,7 +157,7 @@ TEST_F(PgConnectionPoolTest, FlushesItsTrace) {
   EXPECT_EQ(written, "line\n");
 }
 
-TEST_F(PgConnectionPoolTest, PassesTheFailureOfAStatementOn) {
+TEST_F(PgConnectionPoolTest, ReportsTheFailureOfAStatement) {
   pgConnectionPool pool(database.conninfo(), 1);
 
   EXPECT_THAT(failureOf([&] { pool.executeRequest("SELEKT"); }),
@@ -182,7 +182,7 @@ TEST_F(PgConnectionPoolTest, ThrowsLibpqsMessageForAWrongPassword) {
   EXPECT_THAT(alone, testing::Not(testing::HasSubstr(database.password())));
 }
 
-TEST_F(PgConnectionPoolTest, ClosesWhatItHadOpenedWhenOneConnectionFails) {
+TEST_F(PgConnectionPoolTest, ClosesItsConnectionsWhenOneFails) {
   database.query("ALTER DATABASE " + database.name() + " CONNECTION LIMIT 3");
 
   EXPECT_THAT(failureOf([&] { const pgConnectionPool pool(database.conninfo(), 5); }),
@@ -191,9 +191,9 @@ TEST_F(PgConnectionPoolTest, ClosesWhatItHadOpenedWhenOneConnectionFails) {
   EXPECT_TRUE(waitUntil([&] { return sessions() == "0"; }));
 }
 
-// The second turn comes back while the first one's statement waits for the lock; the third meets
-// the connection of the first and waits, holding nothing that the others need.
-TEST_F(PgConnectionPoolTest, RunsStatementsBesideOneThatWaits) {
+// The second statement returns while the first one waits for the lock. The third uses the same
+// connection as the first and waits; it holds nothing that the others need.
+TEST_F(PgConnectionPoolTest, RunsStatementsWhileAnotherOneWaits) {
   pgConnectionPool pool(database.conninfo(), 2);
   std::atomic<int> ended = 0;
   const auto waitForLock = [&] {

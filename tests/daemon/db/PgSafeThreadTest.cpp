@@ -32,7 +32,7 @@ TEST_F(PgSafeThreadTest, ConnectsWithFiveValues) {
   EXPECT_EQ(valueOf(other.executeRequest("SELECT current_user")), "kodu");
 }
 
-TEST_F(PgSafeThreadTest, TellsTheClientEncoding) {
+TEST_F(PgSafeThreadTest, ReturnsTheClientEncoding) {
   EXPECT_EQ(connection.getClientEncoding(), "UTF8");
   PQclear(connection.executeRequest("SET client_encoding TO LATIN1"));
   EXPECT_EQ(connection.getClientEncoding(), "LATIN1");
@@ -82,7 +82,7 @@ TEST_F(PgSafeThreadTest, NamesTheKindOfStatementThatFailed) {
               StartsWith("Exec prepareRequest failed:  ERROR:  prepared statement \"unknown\""));
 }
 
-TEST_F(PgSafeThreadTest, RefusesANameThatIsTaken) {
+TEST_F(PgSafeThreadTest, RefusesADuplicateName) {
   connection.prepareRequest("one", "SELECT 1");
 
   EXPECT_THAT(failureOf([&] { connection.prepareRequest("one", "SELECT 1", 0); }),
@@ -119,8 +119,8 @@ TEST_F(PgSafeThreadTest, ContinuesAfterAFailure) {
   }
 }
 
-// Once libpq knows of the loss a call yields no result at all, so that the operations which take
-// their message from the result have nothing to say but their prefix.
+// When libpq knows of the lost session, a call returns no result. Operations that read their
+// message from the result then report only their prefix.
 TEST_F(PgSafeThreadTest, ThrowsAtEveryCallOnceTheSessionIsGone) {
   connection.prepareRequest("one", "SELECT 1");
   database.query(
@@ -154,7 +154,7 @@ TEST_F(PgSafeThreadTest, LeavesTheResultToItsCaller) {
   EXPECT_EQ(PQfformat(first.get(), 0), 0) << "results come as text";
 }
 
-TEST_F(PgSafeThreadTest, EndsItsSessionWhenItGoes) {
+TEST_F(PgSafeThreadTest, ClosesItsSessionWhenDestroyed) {
   const auto sessions = [&] {
     return database.value(
         "SELECT count(*) FROM pg_stat_activity WHERE usename = 'kodu' AND "
@@ -187,7 +187,7 @@ TEST_F(PgSafeThreadTest, LetsThreadsShareTheConnection) {
   EXPECT_EQ(wrong, 0);
 }
 
-TEST_F(PgSafeThreadTest, LosesNoReplyToAPollerOfNotifications) {
+TEST_F(PgSafeThreadTest, KeepsRepliesFromAThreadThatPollsNotifications) {
   constexpr int kStatements = 300;
   constexpr int kNotifications = 300;
   PQclear(connection.executeRequest("LISTEN test"));
@@ -216,7 +216,7 @@ TEST_F(PgSafeThreadTest, LosesNoReplyToAPollerOfNotifications) {
     database.query("NOTIFY test, '" + std::to_string(n) + "'");
   }
 
-  // A thread that waits forever cannot be joined: leaving while it runs ends the test at once.
+  // A thread that waits forever cannot be joined: returning while it runs ends the test at once.
   ASSERT_TRUE(waitUntil([&] { return running == 0; }, std::chrono::seconds(45)));
   ASSERT_TRUE(waitUntil([&] { return received == kNotifications; }, std::chrono::seconds(45)));
   poller.join();
@@ -272,7 +272,7 @@ TEST(PgSafeThreadConnectTest, BreaksOnAValueWithABlank) {
               StartsWith("missing \"=\" after \"b\" in connection info string"));
 }
 
-TEST(PostgresqlExceptionTest, TellsItsMessage) {
+TEST(PostgresqlExceptionTest, ReturnsItsMessage) {
   EXPECT_STREQ(PostgresqlException("text").what(), "text");
   EXPECT_TRUE((std::is_base_of_v<std::exception, PostgresqlException>));
 }

@@ -40,7 +40,7 @@ TEST(TaskQueryTest, NamesTheIdsInTheListsOrder) {
   EXPECT_EQ(taskQuery(&more), std::string(kTasks) + " AND cron_id IN (9,4,9,-1);");
 }
 
-TEST(NamedStatementsTest, StandInTheOrderOfTheirPreparation) {
+TEST(NamedStatementsTest, AreListedInTheOrderOfTheirPreparation) {
   std::vector<std::string> found;
   for (const NamedStatement& statement : kNamedStatements) {
     found.push_back(std::string(statement.name) + " " + std::to_string(statement.nParams) + " " +
@@ -67,7 +67,7 @@ TEST(NamedStatementsTest, StandInTheOrderOfTheirPreparation) {
           "EXTRACT(EPOCH FROM cron_next_exec)::int;"));
 }
 
-TEST(NamedStatementsTest, ArePreparedOnTheServerLetterForLetter) {
+TEST(NamedStatementsTest, ArePreparedWithExactlyTheirTexts) {
   const Database database;
   pgSafeThread connection(database.conninfo());
   prepareNamedStatements(connection);
@@ -157,9 +157,9 @@ TEST_F(StatementTest, UpdateCronStateAddsOneIntervalToATimeLongPast) {
   EXPECT_EQ(database.task(9, "cron_next_exec"), "2001-02-03 04:10:06");
 }
 
-// The query cuts, the two statements round: a time in the second half of its second comes back
-// one second later than it was loaded.
-TEST_F(StatementTest, TimesWithAFractionAreCutByTheQueryAndRoundedByTheStatements) {
+// The query truncates, the two statements round: a time in the second half of its second is
+// returned one second later than it was loaded.
+TEST_F(StatementTest, TimesWithAFractionAreTruncatedByTheQueryAndRoundedByTheStatements) {
   database.query("UPDATE kodu_cron_plugin SET cron_next_exec = '2030-01-01 00:00:00.6'");
   const ResultPtr loaded(connection.executeRequest(taskQuery(nullptr)));
 
@@ -210,7 +210,7 @@ TEST_F(StatementTest, UpdateCronExecTaskSkipsWholeIntervals) {
   EXPECT_EQ(database.task(7, "cron_last_exec"), "");
 }
 
-TEST_F(StatementTest, ReturningStatementsGiveNoRowForAnUnknownTask) {
+TEST_F(StatementTest, ReturningStatementsReturnNoRowForAnUnknownTask) {
   EXPECT_EQ(run("UpdateCronState", {"8", "OK"}), Rows());
   EXPECT_EQ(run("updateCronExecTask", {"8", "1"}), Rows());
 }
@@ -241,7 +241,7 @@ TEST_F(StatementTest, FlaggedTasksAreFoundAndDeleted) {
   EXPECT_EQ(database.task(7, "cron_id"), "");
 }
 
-TEST_F(StatementTest, TheTaskQueryGivesTwelveColumnsOfTasksOfTypeCron) {
+TEST_F(StatementTest, TheTaskQueryReturnsTwelveColumnsOfTasksOfTypeCron) {
   TaskRow other;
   other.id = 9;
   other.pluginType = "web";
@@ -289,7 +289,7 @@ TEST(ListenTest, SubscribesTheSession) {
   EXPECT_STREQ(PQgetvalue(channels.get(), 0, 0), "koducronchannel");
 }
 
-TEST(CellTextTest, ThrowsForARowThatIsNotThere) {
+TEST(CellTextTest, ThrowsForAMissingRow) {
   const ResultPtr empty(PQmakeEmptyPGresult(nullptr, PGRES_TUPLES_OK));
 
   EXPECT_THROW(cellText(empty, 0, 0, "UpdateCronState"), std::logic_error);

@@ -56,7 +56,7 @@ TEST_F(CopyFileTest, CopiesEveryByte) {
   }
 }
 
-TEST_F(CopyFileTest, CopiesIntoADirectoryInTheCopysPlace) {
+TEST_F(CopyFileTest, CopiesIntoAnExistingDirectory) {
   writeFile(from, "text");
   fs::create_directory(to);
 
@@ -90,7 +90,7 @@ TEST_F(CopyFileTest, NeverOverwrites) {
   EXPECT_EQ(readFile(to), "old");
 }
 
-TEST_F(CopyFileTest, DoesNotFollowALinkInTheCopysPlace) {
+TEST_F(CopyFileTest, DoesNotFollowALinkAtTheTarget) {
   writeFile(from, "new");
   fs::create_symlink(directory / "elsewhere", to);
 
@@ -99,13 +99,13 @@ TEST_F(CopyFileTest, DoesNotFollowALinkInTheCopysPlace) {
   EXPECT_FALSE(fs::exists(directory / "elsewhere"));
 }
 
-TEST_F(CopyFileTest, NamesTheSystemsReason) {
+TEST_F(CopyFileTest, ReportsTheSystemsReason) {
   EXPECT_EQ(failure(), failureText(ENOENT));
   writeFile(from, "text");
   EXPECT_THROW(copyToNewFile(from, directory / "missing/to"), fs::filesystem_error);
 }
 
-TEST_F(CopyFileTest, RefusesWhatIsNoFileWithoutWaitingForIt) {
+TEST_F(CopyFileTest, RefusesAFifoWithoutWaiting) {
   fs::create_directory(from);
   EXPECT_EQ(failure(), failureText(ENOTSUP));
   fs::remove(from);
@@ -115,7 +115,7 @@ TEST_F(CopyFileTest, RefusesWhatIsNoFileWithoutWaitingForIt) {
   EXPECT_FALSE(fs::exists(to));
 }
 
-TEST_F(CopyFileTest, FailsWhenTheDiskTakesNoMore) {
+TEST_F(CopyFileTest, FailsOnAFullDisk) {
   writeFile(from, std::string(100'000, 'x'));
   const auto previous = std::signal(SIGXFSZ, SIG_IGN);
   rlimit saved{};
@@ -140,8 +140,8 @@ TEST_F(CopyFileTest, OpensBothFilesCloseOnExec) {
     }
   });
 
-  // A descriptor may be closed, and be another's, between two calls: what counts is that it was the
-  // copy's before and after.
+  // Between two calls a descriptor can be closed and reused. It counts only if it belonged to the
+  // copy before and after.
   int seen = 0;
   while (seen < 200) {
     for (int file = 3; file < 16; ++file) {

@@ -90,7 +90,7 @@ rlim_t descriptorLimit() {
   return descriptors.rlim_cur;
 }
 
-/// Gives up the privilege to go beyond limits, and the right to any further process.
+/// Drops the privilege to exceed limits, and the right to create further processes.
 void forbidProcesses() {
   const rlimit none = {0, 0};
   if (setrlimit(RLIMIT_NPROC, &none) != 0 ||
@@ -108,13 +108,14 @@ class ExecuteTest : public testing::Test {
 
   /// Makes the task's plugin a shell script with this body.
   void usePlugin(const std::string& body) { task.Setpath(writePlugin(directory / "plugin", body)); }
-  /// Makes the task's plugin one that writes `output` in as few writes as it can, and exits 0.
+  /// Replaces the task's plugin by one that writes `output` in as few writes as possible and exits
+  /// with 0.
   void usePluginPrinting(const std::string& output) {
     writeFile(directory / "content", output);
     task.Setpath("/bin/cat");
     task.Setparameter(directory / "content");
   }
-  /// What stands in every message behind its prefix.
+  /// The part of every message after its prefix.
   std::string trailer(const std::string& detail) const {
     return "my task\npath:" + task.Getpath() + " " + task.Getparameter() + detail;
   }
@@ -127,8 +128,8 @@ class ExecuteTest : public testing::Test {
     }
     return "";
   }
-  /// Fails and succeeds once, on a thread each. The sanitizer's first look at a type opens a pipe,
-  /// which it could not under a test's limit of descriptors.
+  /// Fails once and succeeds once, on a thread each. When the sanitizer first meets a type it opens
+  /// a pipe, which would fail under a test's limit of descriptors.
   void showTypesToSanitizer() {
     usePlugin("exit 0");
     startFailing().get();
@@ -136,7 +137,7 @@ class ExecuteTest : public testing::Test {
     start().get();
     task.SetReturnCode(1);
   }
-  /// Runs on a thread of its own; the future holds the text of the exception.
+  /// Runs on another thread; the future returns the text of the exception.
   std::future<std::string> startFailing() {
     return std::async(std::launch::async, [this] { return failure(); });
   }
@@ -167,7 +168,7 @@ TEST_F(ExecuteTest, StoresCodeAndOutputOfASuccessfulRun) {
   EXPECT_EQ(task.GetStdout(), "OK - fine");
 }
 
-TEST_F(ExecuteTest, PassesCodesUpToFiveThrough) {
+TEST_F(ExecuteTest, KeepsReturnCodesUpToFive) {
   for (const int code : {0, 1, 2, 3, 4, 5}) {
     usePlugin("echo text; exit " + std::to_string(code));
 
@@ -227,7 +228,7 @@ TEST_F(ExecuteTest, SaysBadReturnCodeForASilentHigherCode) {
   }
 }
 
-TEST_F(ExecuteTest, TakesTwoSingleQuotesForSilence) {
+TEST_F(ExecuteTest, TreatsTwoSingleQuotesAsNoOutput) {
   usePlugin("printf \"''\"");
 
   EXPECT_EQ(failure(), kSilent);
@@ -252,7 +253,7 @@ TEST_F(ExecuteTest, SaysCouldNotConnectForTwoSingleQuotesAnd255) {
   EXPECT_EQ(task.GetStdout(), "UNKNOWN: KoduDaemon could not connect to host");
 }
 
-TEST_F(ExecuteTest, TakesTwoSingleQuotesAndMoreForOutput) {
+TEST_F(ExecuteTest, TreatsMoreThanTwoSingleQuotesAsOutput) {
   usePlugin("echo \"''\"");
 
   EXPECT_EQ(task.execute(), 0);
@@ -372,16 +373,17 @@ TEST_F(ExecuteTest, KeepsAChunkWhoseLastByteIsNul) {
   EXPECT_EQ(task.GetStdout(), std::string(1023, 'x') + std::string(1024, 'y'));
 }
 
-TEST_F(ExecuteTest, TakesNulBytesAloneForSilence) {
+TEST_F(ExecuteTest, TreatsNulBytesAloneAsNoOutput) {
   usePluginPrinting(std::string(3000, '\0'));
 
   EXPECT_EQ(failure(), kSilent);
 }
 
-TEST_F(ExecuteTest, ReadsUntilTheLastHolderOfTheOutputIsGone) {
+TEST_F(ExecuteTest, ReadsUntilTheLastWriterHasClosedTheOutput) {
   usePlugin("(" + waitInShell(directory / "go") + "; echo late) & echo early; exit 1");
   auto run = start();
-  // The plugin itself has ended when its process is a zombie; the one it left behind prints then.
+  // The plugin has ended when its process is a zombie; the process that it started prints after
+  // that.
   ASSERT_TRUE(waitUntil([] {
     siginfo_t ended{};
     return waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid != 0;
@@ -403,7 +405,7 @@ TEST_F(ExecuteTest, LeavesStandardErrorAlone) {
   EXPECT_EQ(task.GetStdout(), "captured\n");
 }
 
-TEST_F(ExecuteTest, TakesStandardErrorAloneForSilence) {
+TEST_F(ExecuteTest, TreatsStandardErrorAloneAsNoOutput) {
   usePlugin("echo 'not captured' >&2");
   testing::internal::CaptureStderr();
 
@@ -413,7 +415,7 @@ TEST_F(ExecuteTest, TakesStandardErrorAloneForSilence) {
 }
 
 // Text that is not valid UTF-8.
-TEST_F(ExecuteTest, ReplacesEachInvalidSequenceByOneBlank) {
+TEST_F(ExecuteTest, ReplacesEachInvalidSequenceByOneSpace) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"a\xFFz", "a z"},                                      // never in UTF-8
       {"a\xFF\xFEz", "a  z"},                                 // two of them
@@ -452,7 +454,7 @@ TEST_F(ExecuteTest, LeavesValidTextAlone) {
   EXPECT_EQ(task.GetStdout(), text);
 }
 
-TEST_F(ExecuteTest, JoinsACharacterThatTwoChunksShare) {
+TEST_F(ExecuteTest, JoinsACharacterSplitBetweenTwoChunks) {
   usePluginPrinting(std::string(1023, 'x') + "\xC3\xA9");
 
   EXPECT_EQ(task.execute(), 0);
@@ -460,8 +462,8 @@ TEST_F(ExecuteTest, JoinsACharacterThatTwoChunksShare) {
   EXPECT_EQ(task.GetStdout(), std::string(1023, 'x') + "\xC3\xA9");
 }
 
-// What the plugin is given.
-TEST_F(ExecuteTest, GivesTheArgumentsOfTheParameterString) {
+// What the plugin inherits and receives.
+TEST_F(ExecuteTest, PassesTheArgumentsOfTheParameterString) {
   usePlugin("printf '[%s]' \"$@\"");
   task.Setparameter("-m \"two  words\" 'it is' a\tb  -x");
 
@@ -470,7 +472,7 @@ TEST_F(ExecuteTest, GivesTheArgumentsOfTheParameterString) {
   EXPECT_EQ(task.GetStdout(), "[-m][two  words][it is][a\tb][-x]");
 }
 
-TEST_F(ExecuteTest, GivesItsPathAsTheFirstArgument) {
+TEST_F(ExecuteTest, PassesItsPathAsTheFirstArgument) {
   task.Setpath("/bin/cat");
   task.Setparameter("/proc/self/cmdline");
 
@@ -479,7 +481,7 @@ TEST_F(ExecuteTest, GivesItsPathAsTheFirstArgument) {
   EXPECT_EQ(task.GetStdout(), "/bin/cat");
 }
 
-TEST_F(ExecuteTest, LetsNoShellSeeTheParameters) {
+TEST_F(ExecuteTest, PassesParametersWithoutAShell) {
   usePlugin("printf '[%s]' \"$@\"");
   task.Setparameter("$HOME `id` $(id) * ~ ; | > <x & \\n # %s {a,b}");
 
@@ -488,14 +490,14 @@ TEST_F(ExecuteTest, LetsNoShellSeeTheParameters) {
   EXPECT_EQ(task.GetStdout(), "[$HOME][`id`][$(id)][*][~][;][|][>][<x][&][\\n][#][%s][{a,b}]");
 }
 
-TEST_F(ExecuteTest, GivesNoEnvironment) {
+TEST_F(ExecuteTest, PassesNoEnvironment) {
   task.Setpath("/usr/bin/env");
   ASSERT_NE(std::getenv("PATH"), nullptr);
 
   EXPECT_EQ(failure(), kSilent);
 }
 
-TEST_F(ExecuteTest, GivesNoDescriptorAboveStandardError) {
+TEST_F(ExecuteTest, PassesNoDescriptorAboveStandardError) {
   const int leaked = open(directory.path().c_str(), O_RDONLY);
   const int leakedFar = fcntl(leaked, F_DUPFD, 200);
   task.Setpath("/bin/ls");
@@ -508,7 +510,7 @@ TEST_F(ExecuteTest, GivesNoDescriptorAboveStandardError) {
   close(leakedFar);
 }
 
-TEST_F(ExecuteTest, GivesThePluginTheCallersSignalMask) {
+TEST_F(ExecuteTest, RunsThePluginWithTheCallersSignalMask) {
   task.Setpath("/bin/cat");
   task.Setparameter("/proc/self/status");
   installEmptySignalMask();
@@ -518,7 +520,7 @@ TEST_F(ExecuteTest, GivesThePluginTheCallersSignalMask) {
   EXPECT_EQ(signalSet(task.GetStdout(), "SigBlk"), 0UL);
 }
 
-TEST_F(ExecuteTest, GivesThePluginTheDefaultActionOfSigterm) {
+TEST_F(ExecuteTest, RunsThePluginWithTheDefaultActionOfSigterm) {
   task.Setpath("/bin/cat");
   task.Setparameter("/proc/self/status");
   const auto previous = std::signal(SIGTERM, SIG_IGN);
@@ -530,7 +532,7 @@ TEST_F(ExecuteTest, GivesThePluginTheDefaultActionOfSigterm) {
   EXPECT_EQ(signalSet(task.GetStdout(), "SigCgt"), 0UL);
 }
 
-TEST_F(ExecuteTest, GivesThePluginTheDefaultActionOfSigpipeAndKeepsItsOwn) {
+TEST_F(ExecuteTest, RunsThePluginWithTheDefaultActionOfSigpipeAndKeepsItsOwn) {
   task.Setpath("/bin/cat");
   task.Setparameter("/proc/self/status");
   const auto previous = std::signal(SIGPIPE, SIG_IGN);
@@ -585,7 +587,7 @@ TEST_F(ExecuteTest, SaysThatAnEmptyPathIsNotExecutable) {
   EXPECT_EQ(task.GetStdout(), std::string(kNotExecutable) + "No such file or directory\n");
 }
 
-TEST_F(ExecuteTest, SaysThatAFileWithoutTheRightIsNotExecutable) {
+TEST_F(ExecuteTest, SaysThatAFileWithoutExecutePermissionIsNotExecutable) {
   usePlugin("echo text");
   std::filesystem::permissions(task.Getpath(), std::filesystem::perms::owner_read);
 
@@ -620,7 +622,7 @@ TEST_F(ExecuteTest, SaysThatATextIsNotExecutable) {
   EXPECT_EQ(task.GetStdout(), std::string(kNotExecutable) + "Exec format error\n");
 }
 
-TEST_F(ExecuteTest, FindsNoPluginBySearch) {
+TEST_F(ExecuteTest, DoesNotSearchThePathForAPlugin) {
   task.Setpath("echo");
 
   EXPECT_EQ(task.execute(), 2);
@@ -667,7 +669,7 @@ TEST_F(ExecuteTest, FailsWhenThePluginStops) {
 }
 
 TEST_F(ExecuteTest, FailsWhenThePluginWasStoppedAndContinued) {
-  // A process that it leaves behind holds the output open until the plugin has been continued.
+  // A child of the plugin keeps the output open until the plugin has been continued.
   usePlugin("(" + waitInShell(directory / "go") + ") & echo $$ >" +
             directory / "pid; echo partial; " + "exec >&-; kill -STOP $$; > " +
             directory / "continued; " + waitInShell(directory / "end"));
@@ -734,8 +736,8 @@ TEST_F(ExecuteTest, FailsWhenTheReadFailsAndLeavesTheChild) {
   auto run = startFailing();
   ASSERT_TRUE(waitUntil([&] { return exists(directory / "started"); }));
   ASSERT_TRUE(waitUntil([&] { return pipesBeside(known).size() == 1; }));
-  // A directory in the pipe's place: the present read gets the text, the next one fails. The plain
-  // system call, so that the thread sanitizer does not take it for a mistake.
+  // Replaces the pipe by a directory: the present read returns the text, the next one fails. The
+  // plain system call, so that the thread sanitizer does not report it.
   const int readEnd = pipesBeside(known).front();
   const int unreadable = open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   syscall(SYS_dup3, unreadable, readEnd, O_CLOEXEC);
@@ -770,8 +772,8 @@ TEST_F(ExecuteTest, FailsWhenThePluginCannotBeWaitedFor) {
 
 TEST_F(ExecuteTest, ReportsAnOutputThatCannotBeRedirected) {
   showTypesToSanitizer();
-  // The second run makes its pipe and waits for the first one; meanwhile descriptor 1 goes out of
-  // bounds, so that the child cannot make the pipe its standard output.
+  // The second run creates its pipe and waits for the first one. Meanwhile the limit of descriptors
+  // is lowered below 2, so that the child cannot make the pipe its standard output.
   const std::vector<int> known = pipesBeside({});
   usePlugin("> " + directory / "started; " + waitInShell(directory / "go") + "; echo text");
   auto first = start();
@@ -792,14 +794,14 @@ TEST_F(ExecuteTest, ReportsAnOutputThatCannotBeRedirected) {
             "EXEC fils: erreur de redirection de flux (dup2): Bad file descriptor\n");
 }
 
-/// Lets SIGUSR1 interrupt whatever call it finds.
+/// Makes SIGUSR1 interrupt the system call in progress.
 void interruptBySigusr1() {
   struct sigaction action {};
   action.sa_handler = [](int) {};
   sigaction(SIGUSR1, &action, nullptr);
 }
 
-TEST_F(ExecuteTest, ReadsOnAfterASignal) {
+TEST_F(ExecuteTest, KeepsReadingAfterASignal) {
   interruptBySigusr1();
   usePlugin("> " + directory / "started; " + waitInShell(directory / "go") + "; echo text");
   std::atomic<bool> isDone = false;

@@ -31,13 +31,14 @@ class NextTimeTest : public DatabaseGlobalsTest {
   static long long nextTime(long gapSeconds, unsigned int interval) {
     return getNextTimeToExec(std::to_string(kMayDay - gapSeconds), interval, "1");
   }
-  /// Where the task's next time stands in the database, in seconds from now.
+  /// The task's next time in the database, in seconds from now.
   long databaseFromNow() const { return database.nextExec(1) - kMayDay; }
 
   FixedClock clock{kMayDay};
 };
 
-// What the database holds differs from the text in the first two, so that an update would show.
+// The database's value differs from the text in the first two cases, so that an update would be
+// visible.
 TEST_F(NextTimeTest, LeavesATimeInTheFutureAlone) {
   insertTask(5000, "300 seconds");
 
@@ -74,7 +75,7 @@ TEST_F(NextTimeTest, LogsItsCalculation) {
                        "DEBUG#change time exec: " + std::to_string(kMayDay + 250)}));
 }
 
-TEST_F(NextTimeTest, CountsAGapOfWholeIntervalsExactly) {
+TEST_F(NextTimeTest, ComputesAGapOfWholeIntervalsExactly) {
   insertTask(600, "300 seconds");
 
   EXPECT_EQ(nextTime(600, 300), kMayDay);
@@ -91,7 +92,7 @@ TEST_F(NextTimeTest, SkipsOneMoreIntervalASecondLater) {
   EXPECT_EQ(logged("DEBUG#calc time exec: calcule: 601.000000 / 300 = 3"), 1);
 }
 
-TEST_F(NextTimeTest, SkipsADayForASecond) {
+TEST_F(NextTimeTest, SkipsADayWhenASecondLate) {
   insertTask(1, "1 day");
 
   EXPECT_EQ(nextTime(1, kDay), kMayDay + kDay - 1);
@@ -107,7 +108,7 @@ TEST_F(NextTimeTest, CountsAYearOfDaysExactly) {
   EXPECT_EQ(logged("DEBUG#calc time exec: calcule: 31536000.000000 / 86400 = 365"), 1);
 }
 
-TEST_F(NextTimeTest, ComesOutOneIntervalShortAfterAYear) {
+TEST_F(NextTimeTest, IsOneIntervalShortAfterAYear) {
   insertTask(365 * kDay + 1, "1 day");
 
   EXPECT_EQ(nextTime(365 * kDay + 1, kDay), kMayDay - 1);
@@ -140,10 +141,11 @@ TEST_F(NextTimeTest, PrintsTheIntervalUnsigned) {
   EXPECT_EQ(logged("DEBUG#calc time exec: calcule: 1.000000 / 4294967295 = 1"), 1);
 }
 
-TEST_F(NextTimeTest, ReturnsWhatTheDatabaseHolds) {
+TEST_F(NextTimeTest, ReturnsTheTimeInTheDatabase) {
   insertTask(5000, "7 seconds");
 
-  // Counted from the text and the given interval, moved from the row's time by the row's interval.
+  // The number of intervals follows from the text and the given interval; the update starts from
+  // the row's time and uses the row's interval.
   EXPECT_EQ(nextTime(650, 300), kMayDay - 5000 + 21);
 }
 
@@ -160,7 +162,7 @@ TEST_F(NextTimeTest, MovesTheGivenTaskOnly) {
   EXPECT_EQ(database.nextExec(2), kMayDay + 250);
 }
 
-TEST_F(NextTimeTest, ReadsTheNumberThatTheTextBeginsWith) {
+TEST_F(NextTimeTest, ReadsTheLeadingNumberOfTheText) {
   EXPECT_EQ(getNextTimeToExec(" " + std::to_string(kMayDay + 10) + "abc", 300, "1"), kMayDay + 10);
 }
 

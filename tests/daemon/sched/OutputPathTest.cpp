@@ -80,7 +80,7 @@ TEST_F(ReplaceParameterTest, FillsInTheTasksId) {
   EXPECT_EQ(replace("out_$SERVICEID.txt"), "out_42.txt");
 }
 
-TEST_F(ReplaceParameterTest, FillsInTheIdAsTheTextThatItIs) {
+TEST_F(ReplaceParameterTest, FillsInTheIdAsText) {
   task->SetService_id(std::string("007"));
 
   EXPECT_EQ(replace("$SERVICEID"), "007");
@@ -113,13 +113,13 @@ TEST_F(ReplaceParameterTest, ReplacesInsideALongerWord) {
   EXPECT_EQ(replace("a$SERVICEIDS$DATES"), "a42S2024-05-01_13-02-09S");
 }
 
-TEST_F(ReplaceParameterTest, NeverTakesAnIdForAPlaceholder) {
+TEST_F(ReplaceParameterTest, DoesNotReplaceAPlaceholderInAnId) {
   task->SetService_id(std::string("42$DATE"));
 
   EXPECT_EQ(replace("$SERVICEID_$DATE"), "42$DATE_2024-05-01_13-02-09");
 }
 
-TEST_F(ReplaceParameterTest, HandsItsArgumentsBackAsTheyWere) {
+TEST_F(ReplaceParameterTest, LeavesItsArgumentsUnchanged) {
   const std::string text = "$SERVICEID";
 
   replaceParameter(text, task);
@@ -149,7 +149,7 @@ TEST_F(ReplaceParameterTest, FollowsDaylightSavingTime) {
   EXPECT_EQ(replace("$DATE"), "2024-01-02_04-04-05");
 }
 
-TEST_F(ReplaceParameterTest, GivesTheRepeatedHourOfAutumnTwice) {
+TEST_F(ReplaceParameterTest, RepeatsANameInTheHourRepeatedInAutumn) {
   setZone("CET-1CEST,M3.5.0,M10.5.0/3");
   clock.set(1729989000);
   EXPECT_EQ(replace("$DATE"), "2024-10-27_02-30-00");
@@ -198,7 +198,7 @@ TEST_F(CurrentOutputPathTest, FillsASecondDateWithTheTime) {
   EXPECT_EQ(currentOutputPath(log_directory, task), "/d/last_2024-05-01_13-02-09_$DATE.txt");
 }
 
-TEST_F(CurrentOutputPathTest, PutsASlashBehindADirectoryThatEndsInOne) {
+TEST_F(CurrentOutputPathTest, AppendsASlashToADirectoryThatEndsInOne) {
   log_directory = "/d/";
   task->SetFilename("out.txt");
 

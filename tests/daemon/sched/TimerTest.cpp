@@ -72,7 +72,7 @@ class TimerTest : public GlobalsTest {
     const long before = clock.reads();
     return waitUntil([&] { return clock.reads() >= before + count; });
   }
-  /// How often the timer thread has gone to sleep.
+  /// The number of times that the timer thread has slept.
   long sleeps() const {
     const std::string key = "voluntary_ctxt_switches:\t";
     const std::string status =
@@ -86,7 +86,7 @@ class TimerTest : public GlobalsTest {
   std::atomic<pid_t> threadId = 0;
 };
 
-// The clock stands still, so what is due does not depend on how fast a test runs.
+// The clock is fixed, so that the due tasks do not depend on the speed of the test.
 TEST_F(TimerTest, SendsATaskWhoseTimeHasPassed) {
   const auto task = schedule(1, kMayDay - 1);
 
@@ -165,9 +165,9 @@ TEST_F(TimerTest, WakesAWorkerForEachTask) {
   EXPECT_EQ(taken, 2);
 }
 
-TEST_F(TimerTest, LogsTheTaskThatItHandsOver) {
-  // The plugin's run keeps the record locked, so the timer waits for the name that it is to log,
-  // while an earlier task comes.
+TEST_F(TimerTest, LogsTheTaskThatItQueues) {
+  // The plugin's run keeps the record locked. The timer therefore waits for the name that it logs,
+  // while an earlier task is added.
   const std::string go = directory / "go";
   const std::string started = directory / "started";
   const auto locked = makeTask(1, "", kMayDay - 1);
@@ -244,7 +244,7 @@ TEST_F(TimerTest, SleepsASecondWhileNothingIsDue) {
   EXPECT_GE(Clock::now() - begin, std::chrono::seconds(2));
 }
 
-TEST_F(TimerTest, SleepsOnAfterASignal) {
+TEST_F(TimerTest, KeepsSleepingAfterASignal) {
   struct sigaction action {};
   action.sa_handler = [](int) {};
   sigaction(SIGUSR1, &action, nullptr);

@@ -46,10 +46,10 @@ using TaskPtr = std::shared_ptr<serviceCron>;
 
 const char* const kSilent = "DAEMON: the plugin does not return anything on the stdout";
 
-/// What goes to std::cout while it lives, and how often it is flushed.
+/// Captures the output to std::cout during its lifetime, and counts the flushes.
 class Console : public std::stringbuf {
  public:
-  /// Gives std::cout its own buffer back.
+  /// Restores the buffer of std::cout.
   void release() const { std::cout.rdbuf(previous); }
 
   Console() : previous(std::cout.rdbuf(this)) {}
@@ -70,7 +70,7 @@ class Console : public std::stringbuf {
   int flushCount = 0;
 };
 
-/// Makes a file the process's standard output while it lives.
+/// Redirects the process's standard output to a file during its lifetime.
 class StandardOutput {
  public:
   explicit StandardOutput(const std::string& path) { lead(path); }
@@ -81,7 +81,7 @@ class StandardOutput {
   StandardOutput(const StandardOutput&) = delete;
   StandardOutput& operator=(const StandardOutput&) = delete;
 
-  /// Makes it another file.
+  /// Redirects it to another file.
   static void lead(const std::string& path) {
     const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     dup2(file, STDOUT_FILENO);
@@ -137,7 +137,7 @@ class WorkerTest : public DatabaseGlobalsTest {
   }
   void stopWorkers() {
     die_kodu = 1;
-    // Again and again: a worker between its look at the flag and its wait misses a wake-up.
+    // Repeats the wake-up: a worker between its check of the flag and its wait misses one.
     waitUntil([this] {
       queueExecTask->wakeAll();
       return ended == static_cast<int>(workers.size());
@@ -180,7 +180,7 @@ class WorkerTest : public DatabaseGlobalsTest {
     }
     return names;
   }
-  /// The log without what waking up and ending leave there.
+  /// The log without the lines about waking up and ending.
   std::vector<std::string> passLog() const {
     std::vector<std::string> lines = log();
     std::erase_if(lines, [](const std::string& line) {
@@ -282,7 +282,7 @@ TEST_F(WorkerTest, SaysProcessWhileThePluginRuns) {
   EXPECT_TRUE(waitUntil([&] { return status(1) == "OK"; }));
 }
 
-TEST_F(WorkerTest, LetsGoOfTheTaskAndOfItsOutput) {
+TEST_F(WorkerTest, ReleasesTheTaskAndItsOutput) {
   const TaskPtr task = addTask(1, "echo fine");
 
   ASSERT_TRUE(runTask(task));
@@ -410,7 +410,7 @@ TEST_F(WorkerTest, OpensTheOutputFileCloseOnExec) {
   close(reader);
 }
 
-TEST_F(WorkerTest, IgnoresAnOutputFileThatTakesNothing) {
+TEST_F(WorkerTest, IgnoresAnOutputFileThatCannotBeWritten) {
   fs::create_symlink("/dev/full", log_directory + "/out_1_last.txt");
 
   ASSERT_TRUE(runTask(addTask(1, "echo fine")));
@@ -496,7 +496,7 @@ TEST_F(WorkerTest, CopiesTheTailOfALongerOutputToo) {
   EXPECT_EQ(output("archive/1/out_1_2024-05-01_13-02-09.txt"), "badxxxxxxx");
 }
 
-TEST_F(WorkerTest, UsesAnArchiveDirectoryThatIsThere) {
+TEST_F(WorkerTest, UsesAnExistingArchiveDirectory) {
   fs::create_directories(log_directory + "/archive/1");
   writeFile(log_directory + "/archive/1/kept", "");
 
@@ -561,7 +561,7 @@ TEST_F(WorkerTest, LogsTheStepsOfARetry) {
           "DEBUG#TH EXEC: TASK FAILED RETRIES NEXT EXEC: " + std::to_string(kMayDay + 110)));
 }
 
-TEST_F(WorkerTest, FailsForGoodWhenTheRetriesAreSpent) {
+TEST_F(WorkerTest, FailsWhenNoRetriesAreLeft) {
   const TaskPtr task = addTask(1, "echo bad; exit 2");
   task->SetMaxRetrie(1);
   task->SetRetrieTime(120);
@@ -594,7 +594,7 @@ TEST_F(WorkerTest, ForgetsItsRetriesAfterASuccess) {
   EXPECT_EQ(database.nextExec(1), kMayDay + 290);
 }
 
-TEST_F(WorkerTest, AddsUpARetryTimeBeyond32Bits) {
+TEST_F(WorkerTest, ComputesARetryTimeBeyond32Bits) {
   const TaskPtr task = addTask(1, "echo bad; exit 2");
   task->SetMaxRetrie(1);
   task->SetRetrieTime(2147483647);
@@ -621,7 +621,7 @@ TEST_F(WorkerTest, TriesThreeTimesToRunAPlugin) {
   EXPECT_EQ(database.failures(1), 1);
 }
 
-TEST_F(WorkerTest, TakesTheSecondAttemptThatSucceeds) {
+TEST_F(WorkerTest, AcceptsASuccessfulSecondAttempt) {
   const std::string tried = directory / "tried";
   const TaskPtr task = addTask(1, "if [ -e " + tried + " ]; then echo fine; fi; > " + tried);
 
@@ -666,13 +666,14 @@ TEST_F(WorkerTest, WritesWhyAPluginIsNotExecutable) {
   EXPECT_EQ(status(1), "FAILED");
 }
 
-TEST_F(WorkerTest, LeavesNoStorageOfTheOutputWithTheTask) {
+TEST_F(WorkerTest, FreesTheStorageOfTheOutput) {
   constexpr std::size_t kLength = 100'000;
   if (mallinfo2().uordblks == 0) {
     GTEST_SKIP() << "the heap is the sanitizer's";
   }
   const TaskPtr task = addTask(1, "printf '%100000s' end");
-  ASSERT_TRUE(runTask(addTask(2, "echo fine")));  // what a first run makes for good
+  ASSERT_TRUE(
+      runTask(addTask(2, "echo fine")));  // objects that the first run allocates permanently
   const auto bytesBefore = mallinfo2().uordblks;
 
   ASSERT_TRUE(runTask(task));
@@ -742,7 +743,7 @@ TEST_F(WorkerTest, ToleratesAFasterWorker) {
     });
   };
 
-  // More wake-ups than tasks: somebody has found the queue empty.
+  // More wake-ups than tasks: at least one worker has found the queue empty.
   EXPECT_TRUE(waitUntil(
       [&] {
         for (int i = 0; i < 100; ++i, ++pushed) {
@@ -779,7 +780,7 @@ class WorkerCrashTest : public WorkerTest {
     for (const TaskPtr& task : tasks) {
       queueExecTask->push(task);
     }
-    // On a thread, as in the daemon: what the thread does not catch ends the process.
+    // On a thread, as in the daemon: an exception that leaves the thread ends the process.
     std::thread(th_executeCronTaks, 0).join();
   }
 };
@@ -814,7 +815,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessWhenTheArchiveFileExists) {
   EXPECT_EQ(status(1), "PROCESS");
 }
 
-TEST_F(WorkerCrashTest, EndsTheProcessWhereTheRepeatedHourRepeatsAName) {
+TEST_F(WorkerCrashTest, EndsTheProcessWhenTheRepeatedHourRepeatsAName) {
   setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
   tzset();
   const TaskPtr task = addTask(1, "echo bad; exit 1");
@@ -850,7 +851,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessAtTwoFailuresWithinASecond) {
   EXPECT_THAT(archive(1), ElementsAre("out_1_2024-05-01_13-02-09.txt"));
 }
 
-TEST_F(WorkerCrashTest, EndsTheProcessWhenTheArchiveDirectoryCannotBeMade) {
+TEST_F(WorkerCrashTest, EndsTheProcessWhenTheArchiveDirectoryCannotBeCreated) {
   const TaskPtr task = addTask(1, "echo bad; exit 1");
   writeFile(log_directory + "/archive", "no directory");
 
@@ -879,7 +880,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessWhenTheFirstStatementFails) {
   EXPECT_EQ(output("out_1_last.txt"), "");
 }
 
-TEST_F(WorkerCrashTest, EndsTheProcessWhenTheHistoryTakesNoRow) {
+TEST_F(WorkerCrashTest, EndsTheProcessWhenTheHistoryCannotBeWritten) {
   const TaskPtr task = addTask(1, "echo bad; exit 1");
   database.query("REVOKE INSERT ON kodu_cron_error FROM kodu");
 

@@ -124,7 +124,7 @@ TEST(CronTaskQueueTest, ReleasesTheEarliestFirstWhenCleared) {
   EXPECT_EQ(released, (std::vector<long>{10, 20, 30, 40}));
 }
 
-TEST(CronTaskQueueTest, ReleasesItsTasksWhenItGoes) {
+TEST(CronTaskQueueTest, ReleasesItsTasksWhenDestroyed) {
   const auto task = taskAt(1);
   {
     CronTaskQueue queue;
@@ -136,14 +136,14 @@ TEST(CronTaskQueueTest, ReleasesItsTasksWhenItGoes) {
   EXPECT_TRUE(std::has_virtual_destructor_v<CronTaskQueue>);
 }
 
-TEST(CronTaskQueueTest, GivesAnEmptyPointerWhenEmpty) {
+TEST(CronTaskQueueTest, ReturnsAnEmptyPointerWhenEmpty) {
   CronTaskQueue queue;
 
   EXPECT_EQ(queue.front(), nullptr);
   EXPECT_EQ(queue.pop(), nullptr);
 }
 
-TEST(CronTaskQueueTest, ReadsTheTimeWhenTheHeapIsPutInOrder) {
+TEST(CronTaskQueueTest, ReadsTheTimeWhenTheHeapIsOrdered) {
   CronTaskQueue queue;
   const auto moved = taskAt(10);
   queue.push(moved);
@@ -157,7 +157,7 @@ TEST(CronTaskQueueTest, ReadsTheTimeWhenTheHeapIsPutInOrder) {
   EXPECT_EQ(queue.front()->GetExecTimeSec(), 20);
 }
 
-TEST(CronTaskQueueTest, LosesNothingAmongThreads) {
+TEST(CronTaskQueueTest, LosesNothingBetweenThreads) {
   constexpr int kThreads = 4;
   constexpr int kTasks = 500;
   CronTaskQueue queue;
@@ -180,7 +180,7 @@ TEST(CronTaskQueueTest, LosesNothingAmongThreads) {
   }
 }
 
-/// Marks a task that the queue holds, and lets go of it.
+/// Marks a task in the queue, and releases the test's own reference.
 void drop(CronTaskQueue& queue, std::shared_ptr<serviceCron> task) {
   task->SetExecState(3);
   const serviceCron* const address = task.get();
@@ -188,7 +188,7 @@ void drop(CronTaskQueue& queue, std::shared_ptr<serviceCron> task) {
   queue.noteMarked(address);
 }
 
-TEST(CronTaskQueueTest, FreesAMarkedTaskButForItsTimeAndItsName) {
+TEST(CronTaskQueueTest, FreesAMarkedTaskExceptItsTimeAndName) {
   CronTaskQueue queue;
   auto task = taskAt(20);
   task->Setname("a name that is too long for the record itself");
@@ -214,7 +214,7 @@ TEST(CronTaskQueueTest, FreesAMarkedTaskButForItsTimeAndItsName) {
   EXPECT_TRUE(queue.empty());
 }
 
-TEST(CronTaskQueueTest, KeepsAMarkedTaskThatIsHeldElsewhere) {
+TEST(CronTaskQueueTest, KeepsAMarkedTaskThatIsReferencedElsewhere) {
   CronTaskQueue queue;
   const auto held = taskAt(10);
   queue.push(held);
@@ -224,7 +224,7 @@ TEST(CronTaskQueueTest, KeepsAMarkedTaskThatIsHeldElsewhere) {
   EXPECT_EQ(queue.pop(), held);
 }
 
-TEST(CronTaskQueueTest, FreesATaskThatWasHeldWhenItWasMarked) {
+TEST(CronTaskQueueTest, FreesATaskThatWasReferencedWhenItWasMarked) {
   CronTaskQueue queue;
   auto held = taskAt(10);
   const std::weak_ptr<serviceCron> freed = held;
@@ -249,7 +249,7 @@ TEST(CronTaskQueueTest, FreesATaskThatWasMarkedDuringItsRun) {
   EXPECT_TRUE(freed.expired());
 }
 
-/// Seconds that the queue of `size` tasks needs for 1,000 marks, which is when it frees.
+/// Seconds that a queue of `size` tasks needs for 1,000 marks, after which it frees them.
 double secondsToFree(std::size_t size) {
   CronTaskQueue queue;
   std::vector<std::shared_ptr<serviceCron>> tasks;
@@ -269,8 +269,8 @@ double secondsToFree(std::size_t size) {
   return static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC;
 }
 
-// A look into each record takes 0.04 s and more, and the lock is held meanwhile.
-TEST(CronTaskQueueTest, FreesTasksWithoutALookIntoEachRecord) {
+// Reading each record takes 0.04 s and more, and the lock is held meanwhile.
+TEST(CronTaskQueueTest, FreesTasksWithoutReadingEachRecord) {
   if (mallinfo2().uordblks == 0) {
     GTEST_SKIP() << "the time is the sanitizer's";
   }

@@ -50,7 +50,7 @@ TEST(ExecuteQueueTest, DoesNotWaitWhileItHoldsAnElementOrTheFlagIsSet) {
   EXPECT_EQ(queue.pop(), 1);
 }
 
-/// Workers that take elements until they are told to stop, as the daemon's do.
+/// Workers that take elements until the stop flag is set, like the daemon's.
 class Workers {
  public:
   Workers(ExecuteQueue<int>& sharedQueue, int count) : queue(sharedQueue) {
@@ -69,7 +69,7 @@ class Workers {
   /// Stops and joins them; false when one does not end.
   bool stopAll() {
     stop = 1;
-    // Again and again: a worker that does not wait yet misses a broadcast.
+    // Repeats the broadcast: a worker that does not wait yet misses it.
     const bool haveEnded = waitUntil([&] {
       queue.wakeAll();
       return ended == static_cast<int>(threads.size());
@@ -93,7 +93,7 @@ class Workers {
         sum += queue.pop();
         ++taken;
       } catch (const EmptyQueueException&) {
-        // Another worker was faster, or the end has come.
+        // Another worker was faster, or the workers are being stopped.
       }
     }
     ++ended;
@@ -105,8 +105,7 @@ class Workers {
   std::vector<std::thread> threads;
 };
 
-// The handler's broadcast and the worker that it finds in the wait, which had been waiting since
-// before another one waited again.
+// The handler's broadcast reaches the worker that has been waiting longest.
 TEST(ExecuteQueueTest, ToleratesTheHandlerForAWaitingWorker) {
   static ExecuteQueue<int>* signalled = nullptr;
   static std::atomic<int> handled = 0;
@@ -123,7 +122,7 @@ TEST(ExecuteQueueTest, ToleratesTheHandlerForAWaitingWorker) {
 
   workers.signalAll(SIGTERM);
   for (int i = 0; i < 100; ++i) {
-    queue.push(i);  // each worker leaves its wait some time, and the handler runs then
+    queue.push(i);  // each worker wakes up at some time, and the handler runs then
   }
 
   EXPECT_TRUE(waitUntil([&] { return workers.taken == 101; }));
@@ -144,8 +143,8 @@ TEST(ExecuteQueueTest, GivesOneOfTwoWaitingWorkersTheElement) {
   EXPECT_EQ(workers.taken, 1);
 }
 
-/// A stop flag that counts how often it was looked at: before a wait, and after each wake-up that
-/// found no element.
+/// A stop flag that counts how often it was read: before a wait, and after each wake-up without an
+/// element.
 class CountingFlag {
  public:
   bool operator==(int value) const {
@@ -227,7 +226,7 @@ TEST(ExecuteQueueTest, ReleasesTheOldestFirstWhenCleared) {
   EXPECT_EQ(released, (std::vector<int>{3, 1, 2}));
 }
 
-TEST(ExecuteQueueTest, ReleasesItsElementsWhenItGoes) {
+TEST(ExecuteQueueTest, ReleasesItsElementsWhenDestroyed) {
   const auto element = std::make_shared<int>(1);
   {
     ExecuteQueue<std::shared_ptr<int>> queue;
@@ -239,7 +238,7 @@ TEST(ExecuteQueueTest, ReleasesItsElementsWhenItGoes) {
   EXPECT_TRUE(std::has_virtual_destructor_v<ExecuteQueue<int>>);
 }
 
-TEST(ExecuteQueueTest, HandsEachElementToOneWorkerOnly) {
+TEST(ExecuteQueueTest, YieldsEachElementToOneWorkerOnly) {
   constexpr int kElements = 2000;
   ExecuteQueue<int> queue;
   Workers workers(queue, 4);

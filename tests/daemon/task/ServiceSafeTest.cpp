@@ -24,7 +24,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// A record whose every field differs from the default.
+/// A record in which every field differs from its default.
 std::shared_ptr<serviceSafe> filledRecord() {
   auto record = std::make_shared<serviceSafe>();
   record->SetDevice_id(11);
@@ -49,22 +49,22 @@ std::shared_ptr<serviceSafe> filledRecord() {
 
 using Record = std::shared_ptr<serviceSafe>;
 
-/// A record that is never freed: one whose mutex stays locked must not be destroyed, and the
-/// threads that wait for it stay.
+/// A record that is never freed: a record with a locked mutex must not be destroyed, and the
+/// threads that wait for it never end.
 Record keptRecord() {
   static auto& kept = *new std::vector<Record>();
   return kept.emplace_back(std::make_shared<serviceSafe>());
 }
 
-/// A record that a bad id has left locked.
+/// A record that is locked because of a bad id.
 Record lockedRecord() {
   Record record = keptRecord();
   EXPECT_THROW(record->SetService_id(std::string("abc")), std::invalid_argument);
   return record;
 }
 
-/// Starts `use` in a thread that holds `record` and that the process ends, if nothing else does.
-/// The future is ready when `use` has returned.
+/// Starts `use` in a thread that holds `record`; the thread may last until the process ends. The
+/// future is ready when `use` has returned.
 std::future<void> startUse(const Record& record, const std::function<void(serviceSafe&)>& use) {
   auto done = std::make_shared<std::promise<void>>();
   auto finished = done->get_future();
@@ -147,7 +147,7 @@ TEST(ServiceSafeTest, ComputesTheCostFromTheInterval) {
   EXPECT_EQ(record.GetCost(), 0.0F);
 }
 
-TEST(ServiceSafeTest, CutsTheCostToAWholeNumber) {
+TEST(ServiceSafeTest, TruncatesTheCostToAWholeNumber) {
   serviceSafe record;
 
   record.Setinterval_exec_time(7);
@@ -232,7 +232,7 @@ TEST(ServiceSafeTest, LocksForEachStringAndForTheInterval) {
     uses.push_back(startUse(record, use));
   }
 
-  EXPECT_TRUE(isLeftLocked(record));  // also the time that the others had to go wrong
+  EXPECT_TRUE(isLeftLocked(record));  // also the time in which the others could have failed
   for (std::size_t i = 0; i < uses.size(); ++i) {
     EXPECT_EQ(uses[i].wait_for(std::chrono::seconds(0)), std::future_status::timeout)
         << "use " << i;
@@ -273,7 +273,7 @@ TEST(ServiceSafeTest, NeverWaitsForAScalar) {
   EXPECT_TRUE(record->isTimeParameterUpdate(*record));
 }
 
-TEST(ServiceSafeTest, GivesAStringWholeWhileAnotherThreadStoresIt) {
+TEST(ServiceSafeTest, ReturnsAWholeStringWhileAnotherThreadStoresIt) {
   const std::string one(100, '1');
   const std::string other(200, '2');
   serviceSafe record;
@@ -294,7 +294,7 @@ TEST(ServiceSafeTest, GivesAStringWholeWhileAnotherThreadStoresIt) {
   writer.join();
 }
 
-TEST(ServiceSafeTest, EmptiesTheOutputBesideACopyOfIt) {
+TEST(ServiceSafeTest, EmptiesTheOutputWhileItIsCopied) {
   const std::string output(4096, 'x');
   const std::string torn = '\0' + output.substr(1);
   serviceSafe record;
@@ -360,7 +360,7 @@ TEST(ServiceSafeTest, ComparesTheIntervalWithTheExecTime) {
   EXPECT_TRUE(known.isTimeParameterUpdate(*changed));
 }
 
-TEST(ServiceSafeTest, TakesOverADefinition) {
+TEST(ServiceSafeTest, CopiesADefinition) {
   const auto source = filledRecord();
   serviceSafe known;
 
@@ -488,7 +488,7 @@ TEST(ServiceSafeTest, EmptiesItsOutput) {
   EXPECT_EQ(record.GetStdout(), "");
 }
 
-TEST(ServiceSafeTest, GivesTheStorageOfTheFormerOutputBack) {
+TEST(ServiceSafeTest, FreesTheStorageOfTheFormerOutput) {
   if (mallinfo2().uordblks == 0) {
     GTEST_SKIP() << "the heap is the sanitizer's";
   }
@@ -503,7 +503,7 @@ TEST(ServiceSafeTest, GivesTheStorageOfTheFormerOutputBack) {
   EXPECT_TRUE(std::has_virtual_destructor_v<serviceSafe>);
 }
 
-TEST(ServiceSafeExceptionTest, TellsItsMessage) {
+TEST(ServiceSafeExceptionTest, ReturnsItsMessage) {
   const serviceSafeException e("Error create fork ");
 
   EXPECT_STREQ(e.what(), "Error create fork ");
@@ -529,13 +529,13 @@ TEST(SetparameterTest, DropsEmptyTokens) {
   EXPECT_THAT(split("   "), IsEmpty());
 }
 
-TEST(SetparameterTest, KeepsTogetherWhatStandsBetweenQuotesOfEitherKind) {
+TEST(SetparameterTest, KeepsQuotedTextTogether) {
   EXPECT_THAT(split("-m \"two words\""), ElementsAre("-m", "two words"));
   EXPECT_THAT(split("-m 'two words'"), ElementsAre("-m", "two words"));
   EXPECT_THAT(split("--m='two words'x"), ElementsAre("--m=two wordsx"));
 }
 
-TEST(SetparameterTest, DoesNotPairTheKindsOfQuotes) {
+TEST(SetparameterTest, DoesNotDistinguishTheKindsOfQuotes) {
   EXPECT_THAT(split("-m \"it's\""), ElementsAre("-m", "its"));
   EXPECT_THAT(split("\"a b' c"), ElementsAre("a b", "c"));
 }
@@ -550,7 +550,7 @@ TEST(SetparameterTest, HasNoEscapeCharacter) {
   EXPECT_THAT(split("end\\"), ElementsAre("end\\"));
 }
 
-TEST(SetparameterTest, SeparatesBySpaceAlone) {
+TEST(SetparameterTest, SeparatesAtSpacesOnly) {
   EXPECT_THAT(split("a\tb\nc"), ElementsAre("a\tb\nc"));
   EXPECT_THAT(split("$HOME `id` *.c ; | &"), ElementsAre("$HOME", "`id`", "*.c", ";", "|", "&"));
 }
@@ -560,7 +560,7 @@ TEST(SetparameterTest, EndsAnArgumentAtANul) {
   EXPECT_THAT(split("a\0b \0c d"s), ElementsAre("a", "d"));
 }
 
-TEST(SetparameterTest, ReplacesTheArgumentsOfBefore) {
+TEST(SetparameterTest, ReplacesEarlierArguments) {
   serviceSafe record;
   record.Setparameter("a b c");
 
@@ -577,7 +577,7 @@ TEST(SetparameterTest, LeavesTheRecordLockedWhenMemoryRunsOut) {
   const std::string other(1000, '2');
   Record record;
   bool isSplit = false;
-  // One request more each time, until the failing one is that for the second argument.
+  // Grants one request more each time, until the request for the second argument fails.
   for (long granted = 0; record == nullptr || record->GetVectorParam().empty(); ++granted) {
     record = keptRecord();
     std::string text = one;

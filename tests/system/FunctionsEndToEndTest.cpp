@@ -13,8 +13,8 @@ namespace {
 
 using testing::IsEmpty;
 
-/// The running daemon, and an administrator who has nothing but SQL.
-class FunctionsRoadTest : public DaemonTest {
+/// The running daemon, and an administrator who uses only SQL.
+class FunctionsEndToEndTest : public DaemonTest {
  protected:
   void SetUp() override {
     DaemonTest::SetUp();
@@ -28,7 +28,7 @@ class FunctionsRoadTest : public DaemonTest {
     row.interval = "1 second";
     return row;
   }
-  /// A task that is not due while a test lasts.
+  /// A task that is not due during a test.
   TaskRow makeWaitingTask(int id) const {
     TaskRow row = makeTask(id, "echo fine");
     row.nextExec = TaskRow().nextExec;
@@ -49,7 +49,7 @@ class FunctionsRoadTest : public DaemonTest {
     EXPECT_TRUE(waitForRuns(id, 3));
   }
 
-  /// The payloads that the daemon has received, but for those of its start.
+  /// The payloads that the daemon has received, except those of its start.
   std::vector<std::string> received() const {
     const std::string begin = "DEBUG#TH LISTENER# Notify string receive :";
     std::vector<std::string> payloads;
@@ -62,7 +62,7 @@ class FunctionsRoadTest : public DaemonTest {
   }
 };
 
-TEST_F(FunctionsRoadTest, RunsATaskThatPlainSqlInserts) {
+TEST_F(FunctionsEndToEndTest, RunsATaskThatPlainSqlInserts) {
   ASSERT_TRUE(startAndListen());
 
   database.insertTask(makeTask(7, "echo fine"));
@@ -71,7 +71,7 @@ TEST_F(FunctionsRoadTest, RunsATaskThatPlainSqlInserts) {
   EXPECT_EQ(daemon.output("out_7_last.txt"), "fine\n");
 }
 
-TEST_F(FunctionsRoadTest, RunsTheDefinitionThatPlainSqlChanges) {
+TEST_F(FunctionsEndToEndTest, RunsTheDefinitionThatPlainSqlChanges) {
   database.insertTask(makeQuickTask(5, R"(echo "$1")"));
   ASSERT_TRUE(startAndListen());
   ASSERT_TRUE(waitForStatus(5, "OK"));
@@ -81,7 +81,7 @@ TEST_F(FunctionsRoadTest, RunsTheDefinitionThatPlainSqlChanges) {
   EXPECT_TRUE(waitUntil([&] { return daemon.output("out_5_last.txt") == "new\n"; }, kPatience));
 }
 
-TEST_F(FunctionsRoadTest, RunsThePathThatPlainSqlChanges) {
+TEST_F(FunctionsEndToEndTest, RunsThePathThatPlainSqlChanges) {
   database.insertTask(makeQuickTask(5));
   const TaskRow next = makeTask(6, "echo fine");
   ASSERT_TRUE(startAndListen());
@@ -91,7 +91,7 @@ TEST_F(FunctionsRoadTest, RunsThePathThatPlainSqlChanges) {
   EXPECT_TRUE(waitForRuns(6, 1));
 }
 
-TEST_F(FunctionsRoadTest, HearsNothingOfItsOwnUpdates) {
+TEST_F(FunctionsEndToEndTest, IsNotNotifiedOfItsOwnUpdates) {
   TaskRow failing = makeQuickTask(5, "echo bad; exit 2");
   failing.retries = "1";
   failing.retriesInterval = "interval '2 seconds'";
@@ -107,7 +107,7 @@ TEST_F(FunctionsRoadTest, HearsNothingOfItsOwnUpdates) {
   EXPECT_EQ(received().front(), payload("ADD", 99));
 }
 
-TEST_F(FunctionsRoadTest, AddsATaskAndChangesIt) {
+TEST_F(FunctionsEndToEndTest, AddsATaskAndChangesIt) {
   const TaskRow row = makeTask(5, R"(echo "$1")");
   ASSERT_TRUE(startAndListen());
 
@@ -120,7 +120,7 @@ TEST_F(FunctionsRoadTest, AddsATaskAndChangesIt) {
   EXPECT_TRUE(waitUntil([&] { return daemon.output(output) == "two\n"; }, kPatience));
 }
 
-TEST_F(FunctionsRoadTest, PausesATaskUntilItIsResumed) {
+TEST_F(FunctionsEndToEndTest, PausesATaskUntilItIsResumed) {
   database.insertTask(makeQuickTask(5));
   ASSERT_TRUE(startAndListen());
   ASSERT_TRUE(waitForRuns(5, 2));
@@ -135,7 +135,7 @@ TEST_F(FunctionsRoadTest, PausesATaskUntilItIsResumed) {
   EXPECT_TRUE(waitForRuns(5, paused + 2));
 }
 
-TEST_F(FunctionsRoadTest, KeepsAPauseOverARestart) {
+TEST_F(FunctionsEndToEndTest, KeepsAPauseAcrossARestart) {
   database.insertTask(makeQuickTask(5));
   call("kodu_task_pause(5)");
   ASSERT_TRUE(startAndListen());
@@ -148,7 +148,7 @@ TEST_F(FunctionsRoadTest, KeepsAPauseOverARestart) {
   EXPECT_TRUE(waitForRuns(5, 2));
 }
 
-TEST_F(FunctionsRoadTest, EndsTheRunOfAPausedTaskWithoutWaitingForIt) {
+TEST_F(FunctionsEndToEndTest, PausesARunningTaskWithoutWaiting) {
   TaskRow row = makeTask(5, waitForRelease() + "echo fine");
   row.interval = "3 seconds";
   database.insertTask(row);
@@ -169,7 +169,7 @@ TEST_F(FunctionsRoadTest, EndsTheRunOfAPausedTaskWithoutWaitingForIt) {
   EXPECT_TRUE(waitForRuns(5, 3));
 }
 
-TEST_F(FunctionsRoadTest, EndsTheRetriesOfAPausedTask) {
+TEST_F(FunctionsEndToEndTest, EndsTheRetriesOfAPausedTask) {
   TaskRow row = makeQuickTask(5, "echo bad; exit 2");
   row.retries = "2";
   row.retriesInterval = "interval '2 seconds'";
@@ -184,7 +184,7 @@ TEST_F(FunctionsRoadTest, EndsTheRetriesOfAPausedTask) {
   EXPECT_EQ(runs(5), 3U);
 }
 
-TEST_F(FunctionsRoadTest, RunsATaskNow) {
+TEST_F(FunctionsEndToEndTest, RunsATaskNow) {
   database.insertTask(makeWaitingTask(5));
   ASSERT_TRUE(startAndListen());
 
@@ -195,13 +195,13 @@ TEST_F(FunctionsRoadTest, RunsATaskNow) {
   EXPECT_EQ(runs(5), 1U);
 }
 
-/// A task of one run a day, whose plugin ends when it is told to.
-class DuringARunTest : public FunctionsRoadTest {
+/// A task with one run a day, whose plugin ends when the test releases it.
+class DuringARunTest : public FunctionsEndToEndTest {
  protected:
   static constexpr long kDay = 86400;
 
   void SetUp() override {
-    FunctionsRoadTest::SetUp();
+    FunctionsEndToEndTest::SetUp();
     ASSERT_TRUE(startAndListen());
     const TaskRow row = makeTask(1, waitForRelease() + "echo \"$1\"");
     ASSERT_EQ(call("kodu_task_add('" + row.path + "', '1 day', 'one', retries => 0)"), "1");
@@ -212,7 +212,7 @@ class DuringARunTest : public FunctionsRoadTest {
   long due = 0;
 };
 
-TEST_F(DuringARunTest, RunsATaskAgainRightAfterIt) {
+TEST_F(DuringARunTest, RunsATaskAgainImmediately) {
   call("kodu_task_run_now(1)");
   letOthersRun(6);
   EXPECT_EQ(runs(1), 1U);
@@ -226,7 +226,7 @@ TEST_F(DuringARunTest, RunsATaskAgainRightAfterIt) {
   EXPECT_EQ(runs(1), 2U);
 }
 
-TEST_F(DuringARunTest, RunsATaskAtTheTimeThatWasSetMeanwhile) {
+TEST_F(DuringARunTest, RunsATaskAtTheTimeSetMeanwhile) {
   call(
       "kodu_task_set(1, next_run => date_trunc('second', now()) + interval '10 s', "
       "parameters => 'two')");
@@ -240,7 +240,7 @@ TEST_F(DuringARunTest, RunsATaskAtTheTimeThatWasSetMeanwhile) {
   EXPECT_GT(ledger(1)[1], wanted);
 }
 
-TEST_F(DuringARunTest, KeepsItsScheduleAfterAPauseThatIsOverByItsEnd) {
+TEST_F(DuringARunTest, KeepsItsScheduleAfterAPauseResumedMeanwhile) {
   call("kodu_task_pause(1)");
   call("kodu_task_resume(1)");
 
@@ -264,7 +264,7 @@ TEST_F(DuringARunTest, PurgesADeletedTaskAfterIt) {
   EXPECT_TRUE(daemon.isRunning());
 }
 
-TEST_F(FunctionsRoadTest, RunsATaskWhoseTimeHasPassedByTheCommit) {
+TEST_F(FunctionsEndToEndTest, RunsATaskWhoseTimeHasPassedByTheCommit) {
   database.insertTask(makeWaitingTask(5));
   database.query("UPDATE kodu_cron_plugin SET cron_interval = '1 day'");
   const TaskRow added = makeTask(1, "echo fine");
@@ -273,7 +273,7 @@ TEST_F(FunctionsRoadTest, RunsATaskWhoseTimeHasPassedByTheCommit) {
   database.query("BEGIN");
   call("kodu_task_run_now(5)");
   call("kodu_task_add('" + added.path + "', '1 day')");
-  ASSERT_TRUE(waitUntil([&] {  // as the end of a call for thousands of tasks would
+  ASSERT_TRUE(waitUntil([&] {  // as a call for thousands of tasks would end
     return database.value("SELECT clock_timestamp() > now() + interval '5 s'") == "t";
   }));
   database.query("COMMIT");
@@ -285,7 +285,7 @@ TEST_F(FunctionsRoadTest, RunsATaskWhoseTimeHasPassedByTheCommit) {
   EXPECT_EQ(runs(1), 1U);
 }
 
-TEST_F(FunctionsRoadTest, RunsADeletedTaskNoMoreWhileItWaitsForThePurge) {
+TEST_F(FunctionsEndToEndTest, DoesNotRunADeletedTaskBeforeThePurge) {
   daemon.programVariable = "KODU_TEST_DAEMON";  // purges every two minutes
   database.insertTask(makeQuickTask(5));
   ASSERT_TRUE(startAndListen());
@@ -299,7 +299,7 @@ TEST_F(FunctionsRoadTest, RunsADeletedTaskNoMoreWhileItWaitsForThePurge) {
   EXPECT_EQ(runs(5), deleted);
 }
 
-TEST_F(FunctionsRoadTest, PurgesADeletedTask) {
+TEST_F(FunctionsEndToEndTest, PurgesADeletedTask) {
   database.insertTask(makeQuickTask(5));
   ASSERT_TRUE(startAndListen());
   ASSERT_TRUE(waitForRuns(5, 2));
@@ -313,7 +313,7 @@ TEST_F(FunctionsRoadTest, PurgesADeletedTask) {
   EXPECT_TRUE(daemon.isRunning());
 }
 
-TEST_F(FunctionsRoadTest, PurgesAPausedTask) {
+TEST_F(FunctionsEndToEndTest, PurgesAPausedTask) {
   database.insertTask(makeQuickTask(5));
   ASSERT_TRUE(startAndListen());
   call("kodu_task_pause(5)");
@@ -326,7 +326,7 @@ TEST_F(FunctionsRoadTest, PurgesAPausedTask) {
   EXPECT_TRUE(daemon.isRunning());
 }
 
-TEST_F(FunctionsRoadTest, SpreadsTheTasksOfARunningDaemon) {
+TEST_F(FunctionsEndToEndTest, SpreadsTheTasksOfARunningDaemon) {
   for (int id = 1; id <= 4; ++id) {
     TaskRow row = makeTask(id, "echo fine");
     row.interval = "8 seconds";

@@ -18,8 +18,8 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-/// Which process koductl, run by root, takes for the daemon. The output folder belongs to another
-/// user, whose rights are taken where no process is.
+/// Which process koductl, run by root, recognises as the daemon. The output folder belongs to
+/// another user; koductl acts with that user's rights when no daemon runs.
 class DaemonProcessTest : public CtlTest {
  protected:
   void SetUp() override {
@@ -50,8 +50,8 @@ class DaemonProcessTest : public CtlTest {
     ASSERT_EQ(chown(path.c_str(), user->pw_uid, user->pw_gid), 0);
   }
 
-  /// Starts a program as "koducron -f INI", with these real and effective users, and the log open
-  /// for writing if so said. It is stopped before its first instruction.
+  /// Starts a program as "koducron -f INI" with these real and effective users, and with the log
+  /// open for writing if requested. It is stopped before its first instruction.
   pid_t startStopped(const std::string& path, uid_t real, uid_t effective, bool isWritingLog) {
     const std::string config = daemon.mainConfig();
     const std::string log = daemon.logPath();
@@ -75,7 +75,7 @@ class DaemonProcessTest : public CtlTest {
   static std::string daemonProgram() { return builtProgram("KODU_TEST_DAEMON"); }
   static uid_t nobody() { return getpwnam("nobody")->pw_uid; }
 
-  /// Runs koductl where `mounts`, shell commands, have changed the file system for it alone.
+  /// Runs koductl in a mount namespace of its own, after the shell commands `mounts`.
   CtlResult runBehind(const std::string& mounts, const std::string& arguments) const {
     const std::string script = daemon.directory / "script";
     writeFile(script, "set -e\n" + mounts + "\nexec " + program() + " -f " + daemon.mainConfig() +
@@ -84,7 +84,7 @@ class DaemonProcessTest : public CtlTest {
     const int status = std::system(command.c_str());  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
     return {exitStatusOf(status), readFile(outPath()), readFile(errPath())};
   }
-  /// A system whose service manager names this process as the daemon.
+  /// Simulates a service manager that reports this process as the daemon.
   std::string serviceOf(pid_t process) const {
     const std::string systemctl =
         writePlugin(daemon.directory / "systemctl",
@@ -101,23 +101,23 @@ class DaemonProcessTest : public CtlTest {
   std::vector<pid_t> started;
 };
 
-TEST_F(DaemonProcessTest, DoesNotTakeAProcessForItsName) {
+TEST_F(DaemonProcessTest, IgnoresAProcessThatOnlyHasTheName) {
   startStopped("/usr/bin/tail", nobody(), 0, false);
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("postgres\n"));
 }
 
-TEST_F(DaemonProcessTest, DoesNotTakeTheDaemonsProgramThatCannotWriteTheLog) {
+TEST_F(DaemonProcessTest, IgnoresADaemonThatDoesNotWriteTheLog) {
   startStopped(daemonProgram(), nobody(), nobody(), false);
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("postgres\n"));
 }
 
-TEST_F(DaemonProcessTest, DoesNotTakeAnotherProgramThatWritesTheLog) {
+TEST_F(DaemonProcessTest, IgnoresAnotherProgramThatWritesTheLog) {
   startStopped("/usr/bin/tail", 0, 0, true);
   giveAway(daemon.logPath());
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("postgres\n"));
 }
 
-TEST_F(DaemonProcessTest, TakesTheDaemonThatWritesTheLog) {
+TEST_F(DaemonProcessTest, FindsTheDaemonThatWritesTheLog) {
   ASSERT_TRUE(daemon.startAndWait());
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
 }
@@ -154,7 +154,7 @@ TEST_F(DaemonProcessTest, RefusesADaemonOfTwoUsers) {
   EXPECT_THAT(result.err, HasSubstr("runs with more than one user or group"));
 }
 
-TEST_F(DaemonProcessTest, RunsNothingAsRootByAGuess) {
+TEST_F(DaemonProcessTest, RunsNothingAsRootOnAGuess) {
   ASSERT_EQ(chown(daemon.outputDirectory().c_str(), 0, 0), 0);
   for (const std::vector<std::string>& command :
        {std::vector<std::string>{"rerun", "1"}, {"prune", "--older-than", "1 day"}}) {
@@ -162,16 +162,16 @@ TEST_F(DaemonProcessTest, RunsNothingAsRootByAGuess) {
     EXPECT_EQ(result.exitCode, 77);
     EXPECT_THAT(result.err, HasSubstr("its files do not show its user: start it, or run koductl"));
   }
-  // A log that root alone writes does.
+  // A log that only root can write identifies the daemon's user.
   writeFile(daemon.logPath(), "");
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
 }
 
-TEST_F(DaemonProcessTest, TakesNoFileOfRootsForTheLogBecauseOfALink) {
+TEST_F(DaemonProcessTest, IgnoresAFileOfRootBehindALink) {
   const std::string target = daemon.directory / "of_root";
   writeFile(target, "");
   ASSERT_EQ(symlink(target.c_str(), daemon.logPath().c_str()), 0);
-  // By root itself: a log on another disk.
+  // A log on another disk, linked by root.
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
   ASSERT_EQ(lchown(daemon.logPath().c_str(), nobody(), nobody()), 0);
   const CtlResult result = run({"rerun", "1"});
@@ -179,7 +179,7 @@ TEST_F(DaemonProcessTest, TakesNoFileOfRootsForTheLogBecauseOfALink) {
   EXPECT_THAT(result.err, HasSubstr("its files do not show its user"));
 }
 
-TEST_F(DaemonProcessTest, TakesNoFileOfRootsForTheLogInAFolderOfAnother) {
+TEST_F(DaemonProcessTest, IgnoresAFileOfRootInAnotherUsersFolder) {
   writeFile(daemon.logPath(), "");
   const std::string folder = std::filesystem::path(daemon.logPath()).parent_path();
   ASSERT_EQ(chown(folder.c_str(), nobody(), nobody()), 0);
@@ -191,7 +191,7 @@ TEST_F(DaemonProcessTest, TakesNoFileOfRootsForTheLogInAFolderOfAnother) {
   EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
 }
 
-TEST_F(DaemonProcessTest, GivesAPluginAllGroupsOfItsUser) {
+TEST_F(DaemonProcessTest, RunsAPluginWithAllGroupsOfItsUser) {
   if (!canMount()) {
     GTEST_SKIP() << "nothing can be mounted here";
   }
@@ -206,7 +206,7 @@ TEST_F(DaemonProcessTest, GivesAPluginAllGroupsOfItsUser) {
   EXPECT_THAT(result.out, Not(testing::ContainsRegex("\n([0-9]+ )*0[ \n]")));  // root's group
 }
 
-TEST_F(DaemonProcessTest, TakesTheProcessOfTheServiceManager) {
+TEST_F(DaemonProcessTest, FindsTheProcessOfTheServiceManager) {
   if (!canMount()) {
     GTEST_SKIP() << "nothing can be mounted here";
   }
@@ -228,7 +228,7 @@ TEST_F(DaemonProcessTest, RefusesAServiceThatRunsAnotherProgram) {
   EXPECT_THAT(result.err, HasSubstr("the service koducron runs /usr/bin/tail"));
 }
 
-TEST_F(DaemonProcessTest, ShowsNoFileThatOnlyRootMayRead) {
+TEST_F(DaemonProcessTest, DoesNotShowAFileThatOnlyRootMayRead) {
   setStatus(1, "FAILED");
   addFailure(1, 10, "out_1_x.txt", "harmless");
   writeFile(daemon.directory / "secret", "the secret\n");

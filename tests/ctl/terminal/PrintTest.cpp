@@ -22,8 +22,8 @@ const std::string kNasty = "\x1b[31m \u009b31m \x7f \u202e\u2067 \xff";
 const std::string kNastyUtf8 = kNasty.substr(0, kNasty.size() - 1);
 const std::string kShownNasty = "?[31m ?31m ? ?? ?";
 
-/// The unsafe characters of what was printed for people, each as its code; newlines and tabs are
-/// none, and a terminal ends lines in a carriage return, too.
+/// The codes of the unsafe characters in printed text. Newlines and tabs are safe, and so is the
+/// carriage return with which a terminal ends lines.
 std::string unsafeIn(std::string_view text) {
   std::string found;
   while (!text.empty()) {
@@ -36,14 +36,14 @@ std::string unsafeIn(std::string_view text) {
   return found;
 }
 
-TEST(PrintableTest, PutsAQuestionMarkForEachUnsafeCharacter) {
+TEST(PrintableTest, ReplacesEachUnsafeCharacterByAQuestionMark) {
   EXPECT_EQ(printable(kNasty), kShownNasty);
   EXPECT_EQ(printable("line\n\ttab\r"), "line\n\ttab?");
   EXPECT_EQ(printable("\u061c\u200e\u200f\u2028\u2029\u202a\u202e\u2066\u2069"), "?????????");
   EXPECT_EQ(printable("é \u00a0 日本 \U0001f600 \u200d"), "é \u00a0 日本 \U0001f600 \u200d");
 }
 
-TEST(PrintableTest, TakesNoByteForACharacterThatIsNone) {
+TEST(PrintableTest, ReplacesEachByteOfInvalidUtf8) {
   for (const char* wrong :
        {"\x80", "\xc2", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
         "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80", "\xe2\x80"}) {
@@ -52,15 +52,15 @@ TEST(PrintableTest, TakesNoByteForACharacterThatIsNone) {
   }
 }
 
-/// What koductl prints of names, outputs and messages that command a terminal.
+/// How koductl prints names, outputs and messages that contain control sequences.
 class PrintTest : public CtlTest {
  protected:
   void SetUp() override {
     CtlTest::SetUp();
-    writeFile(daemon.logPath(), "");  // whose owner the daemon's user is, while none runs
+    writeFile(daemon.logPath(), "");  // its owner counts as the daemon's user
   }
 
-  /// A task whose name, plugin, arguments and file are nasty, which has run and failed.
+  /// A task whose name, plugin, arguments and file contain control sequences; its run has failed.
   TaskRow nastyTask() const {
     TaskRow row = quietTask(7);
     row.name = kNastyUtf8;
@@ -71,7 +71,7 @@ class PrintTest : public CtlTest {
     return row;
   }
   void insertNastyTask() const {
-    // As a schema of an earlier version takes it.
+    // An earlier version of the schema accepts such a row.
     database.query("ALTER TABLE kodu_cron_plugin DROP CONSTRAINT cron_log_file_without_controls");
     database.insertTask(nastyTask());
     setStatus(7, "FAILED");
@@ -80,7 +80,7 @@ class PrintTest : public CtlTest {
   }
 };
 
-TEST_F(PrintTest, GivesATerminalNoneOfThem) {
+TEST_F(PrintTest, WritesNoControlCharacterToATerminal) {
   insertNastyTask();
   const std::vector<std::vector<std::string>> commands = {{"status"},
                                                           {"status", "--output"},
@@ -106,7 +106,7 @@ TEST_F(PrintTest, GivesATerminalNoneOfThem) {
   }
 }
 
-TEST_F(PrintTest, GivesAFileNoneOfThemButInAPluginsOutput) {
+TEST_F(PrintTest, WritesControlCharactersToAFileOnlyInPluginOutput) {
   insertNastyTask();
   for (const auto& command : std::vector<std::vector<std::string>>{
            {"status", "--output"}, {"show", "7"}, {"explain", "7"}, {"check"}, {"history", "7"}}) {
@@ -119,7 +119,7 @@ TEST_F(PrintTest, GivesAFileNoneOfThemButInAPluginsOutput) {
   EXPECT_EQ(rerun.err, "to err \x1b[31m\n");
 }
 
-TEST_F(PrintTest, EscapesThemInJson) {
+TEST_F(PrintTest, EscapesControlCharactersInJson) {
   insertNastyTask();
   for (const auto& command : std::vector<std::vector<std::string>>{{"status"},
                                                                    {"show", "7"},
@@ -138,7 +138,7 @@ TEST_F(PrintTest, EscapesThemInJson) {
   EXPECT_EQ(parsed(run({"output", "7", "--json"}).out)["output"].asString(), kNastyUtf8 + " \n");
 }
 
-TEST_F(PrintTest, ShowsWhatTheServerSaysWithoutThem) {
+TEST_F(PrintTest, ShowsNoControlCharacterOfAServerMessage) {
   replaceRunNow("plpgsql",
                 "BEGIN RAISE NOTICE E'noted \\x1b[31m'; RAISE EXCEPTION E'refused \\u009b31m'"
                 " USING HINT = E'a hint \\x7f'; END");
@@ -148,7 +148,7 @@ TEST_F(PrintTest, ShowsWhatTheServerSaysWithoutThem) {
   EXPECT_EQ(result.err, "koductl: noted ?[31m\nkoductl: refused ?31m\nhint: a hint ?\n");
 }
 
-TEST_F(PrintTest, ShowsWhatTheServerSaysAtTheConnectionWithoutThem) {
+TEST_F(PrintTest, ShowsNoControlCharacterOfAConnectionError) {
   database.query(
       "UPDATE pg_database SET datcollversion = E'\\x1b[31m'"
       " WHERE datname = current_database()");
@@ -158,20 +158,20 @@ TEST_F(PrintTest, ShowsWhatTheServerSaysAtTheConnectionWithoutThem) {
   EXPECT_EQ(unsafeIn(result.err), "");
 }
 
-TEST_F(PrintTest, KeepsTwoBlanksBehindAColonOfAMessage) {
+TEST_F(PrintTest, KeepsTwoSpacesAfterAColonInAMessage) {
   replaceRunNow("plpgsql", "BEGIN RAISE NOTICE 'all of this:  is the message'; END");
   database.insertTask(quietTask(7));
   EXPECT_EQ(runAsAdmin({"run", "7"}).err, "koductl: all of this:  is the message\n");
 }
 
-TEST_F(PrintTest, LeavesNoHalfCharacterAtTheEndOfAFirstLine) {
+TEST_F(PrintTest, CutsAFirstLineBetweenCharacters) {
   database.insertTask(quietTask(7));
   setStatus(7, "OK");
   writeOutput("out_7_last.txt", "a" + std::string(400, 'x').replace(238, 3, "日"));
   EXPECT_THAT(run({"status", "--output"}).out, HasSubstr("a" + std::string(238, 'x') + "\n"));
 }
 
-/// The exit status of koductl when a shell has redirected its outputs so.
+/// The exit status of koductl with its outputs redirected by a shell.
 class RefusedOutputTest : public PrintTest {
  protected:
   int statusOf(const std::string& arguments, const std::string& redirections) const {
@@ -182,7 +182,7 @@ class RefusedOutputTest : public PrintTest {
   }
 };
 
-TEST_F(RefusedOutputTest, EndsACommandThatWouldGoOn) {
+TEST_F(RefusedOutputTest, EndsAWatchingCommand) {
   database.insertTask(quietTask(7));
   setStatus(7, "OK");
   writeOutput("out_7_last.txt", "fine\n");
@@ -197,7 +197,7 @@ TEST_F(RefusedOutputTest, FailsTheHelp) {
   }
 }
 
-TEST_F(RefusedOutputTest, EndsWithItsStatusWhenErrorsCannotBeTold) {
+TEST_F(RefusedOutputTest, ExitsWithItsStatusWhenErrorsCannotBePrinted) {
   for (const char* where : {"2>&-", "2>/dev/full", ">&- 2>&-"}) {
     EXPECT_EQ(statusOf("show 99", where), 66) << where;
     EXPECT_EQ(statusOf("nonsense", where), 64) << where;

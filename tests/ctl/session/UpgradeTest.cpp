@@ -63,7 +63,8 @@ class UpgradeTest : public CtlTest {
     ASSERT_EQ(result.exitCode, 0) << result.out << result.err;
   }
 
-  /// What pg_dump says of the database's definitions, in a file, without its random keys.
+  /// Writes the output of pg_dump for the database's definitions to a file, without its random
+  /// keys.
   std::string dump(const Database& target, const std::string& name) const {
     std::string path = daemon.directory / name;
     const std::string command = "bash -c \"set -o pipefail; pg_dump --schema-only --dbname '" +
@@ -84,7 +85,7 @@ class UpgradeTest : public CtlTest {
     return database.value("SELECT string_agg(row::text, E'\\n' ORDER BY row::text) FROM (" +
                           select + ") AS row");
   }
-  /// What the daemon never changes, and all that it has left behind so far.
+  /// The rows and columns that the daemon never changes, and the history so far.
   std::string rows() const {
     return rowsOf("SELECT * FROM kodu_plugins") +
            rowsOf(
@@ -122,7 +123,7 @@ TEST_F(UpgradeTest, MakesTheFirstReleaseEqualToAFreshDatabaseWhileTheDaemonRuns)
   EXPECT_EQ(schema({"upgrade"}).exitCode, 0) << "a second time";
 }
 
-TEST_F(UpgradeTest, LeavesOldRowsThatAreRefusedTodayToTheDaemonsUpdates) {
+TEST_F(UpgradeTest, LetsTheDaemonUpdateOldRowsThatAreNowRefused) {
   makeFirstRelease();
   addFirstReleasesRows();
   upgrade();
@@ -175,7 +176,7 @@ TEST_F(UpgradeTest, RefusesTablesOfALaterRelease) {
   EXPECT_TRUE(daemon.startAndWait()) << "the daemon does not ask for the version";
 }
 
-TEST_F(UpgradeTest, SaysThatTheTablesAreBehindWhereSomethingIsMissing) {
+TEST_F(UpgradeTest, ReportsOldTablesWhenSomethingIsMissing) {
   makeFirstRelease();
   database.query("DROP TABLE kodu_cron_error CASCADE");
   const CtlResult result = run({"status"});
@@ -188,7 +189,7 @@ TEST_F(UpgradeTest, WarnsInACheckOfTablesThatAreBehind) {
   EXPECT_THAT(run({"check"}).out, HasSubstr("WARNING  the database's tables have version 0"));
 }
 
-TEST_F(UpgradeTest, LetsSchemaSqlLeaveAnOlderDatabaseAlone) {
+TEST_F(UpgradeTest, DoesNotLoadSchemaSqlIntoAnOlderDatabase) {
   makeFirstRelease();
   const std::string before = dump(database, "before.sql");
   try {
@@ -224,7 +225,7 @@ TEST_F(UpgradeTest, LeavesNoOverloadBehind) {
   EXPECT_EQ(database.query("SELECT id FROM kodu_task_status").size(), 0U);
 }
 
-TEST_F(UpgradeTest, KeepsWhatAnAdministratorDid) {
+TEST_F(UpgradeTest, KeepsTheGrantsOfAnAdministrator) {
   makeFirstRelease();
   database.query("GRANT SELECT ON kodu_task_status TO " + admin() +
                  "; GRANT SELECT (id, name) ON kodu_task_status TO " + admin() +
@@ -246,7 +247,7 @@ TEST_F(UpgradeTest, KeepsWhatAnAdministratorDid) {
             "D");
 }
 
-TEST_F(UpgradeTest, RefusesToTakeWhatAnAdministratorBuiltOnIt) {
+TEST_F(UpgradeTest, RefusesWhenAnAdministratorsObjectsDependOnIt) {
   makeFirstRelease();
   database.query(
       "CREATE FUNCTION late() RETURNS bigint BEGIN ATOMIC"
@@ -266,7 +267,7 @@ TEST_F(UpgradeTest, RefusesToTakeWhatAnAdministratorBuiltOnIt) {
   upgrade();
 }
 
-TEST_F(UpgradeTest, LoadsNoFunctionsWhereThereAreNone) {
+TEST_F(UpgradeTest, LoadsNoFunctionsIntoADatabaseWithoutThem) {
   empty(database);
   load(database, "tests/firstRelease/schema.sql");
   upgrade();
@@ -274,7 +275,7 @@ TEST_F(UpgradeTest, LoadsNoFunctionsWhereThereAreNone) {
   EXPECT_EQ(schema().exitCode, 0);
 }
 
-TEST_F(UpgradeTest, GivesNewTablesToTheOwnerOfTheOld) {
+TEST_F(UpgradeTest, GivesNewTablesTheOwnerOfTheOldOnes) {
   const std::string owner = "owner_of_" + database.name();
   database.query("CREATE ROLE " + owner + " CREATEROLE; GRANT CREATE ON SCHEMA public TO " + owner);
   makeFirstRelease();
@@ -293,7 +294,7 @@ TEST_F(UpgradeTest, GivesNewTablesToTheOwnerOfTheOld) {
                  "; DROP ROLE " + owner);
 }
 
-TEST_F(UpgradeTest, GoesBackWhereAStatementFails) {
+TEST_F(UpgradeTest, RollsBackWhenAStatementFails) {
   makeFirstRelease();
   database.query("CREATE VIEW mine AS SELECT id FROM kodu_task_status");
   const std::string before = dump(database, "before.sql");
@@ -303,9 +304,9 @@ TEST_F(UpgradeTest, GoesBackWhereAStatementFails) {
   expectEqual(before, dump(database, "after.sql"));
 }
 
-TEST_F(UpgradeTest, GivesTheTablesBackWhenItIsStoppedInTheMiddle) {
+TEST_F(UpgradeTest, ReleasesTheTablesWhenItIsStopped) {
   makeFirstRelease();
-  // The setting of the tables' own file, which a copied database lacks.
+  // sql/schema.sql makes this setting; a copied database lacks it.
   database.query(
       "DO $$BEGIN EXECUTE format('ALTER DATABASE %I RESET ALL', current_database()); END$$;"
       "CREATE FUNCTION slow() RETURNS event_trigger LANGUAGE plpgsql AS"
@@ -332,7 +333,7 @@ TEST_F(UpgradeTest, GivesTheTablesBackWhenItIsStoppedInTheMiddle) {
   upgrade();
 }
 
-TEST_F(UpgradeTest, RefusesASecondUpgradeAtATime) {
+TEST_F(UpgradeTest, RefusesASecondUpgradeAtTheSameTime) {
   pgSafeThread other(database.adminConninfo());
   PQclear(other.executeRequest("BEGIN; SELECT pg_advisory_xact_lock(6420241122)"));
   const CtlResult result = schema({"upgrade"});

@@ -19,10 +19,10 @@ namespace fs = std::filesystem;
 
 constexpr const char* kPurged = "DEBUG#DELETE END";
 
-/// Tasks that are flagged for deletion, in the running daemon.
-class PurgeRoadTest : public DaemonTest {
+/// Tasks flagged for deletion, with the running daemon.
+class PurgeEndToEndTest : public DaemonTest {
  protected:
-  /// A task that is not due while a test lasts, with an output file, an archive and a history.
+  /// A task that is not due during a test, with an output file, an archive and a history.
   void insertOldTask(int id, const std::string& pluginType = "cron") const {
     TaskRow row = makeTask(id, "echo fine");
     row.pluginType = pluginType;
@@ -63,7 +63,7 @@ class PurgeRoadTest : public DaemonTest {
     EXPECT_EQ(readFile(currentOutput(id)), "fine\n");
   }
 
-  /// How often a worker has woken up.
+  /// The number of times that a worker has woken up.
   long wakeUps() const {
     return daemon.logged("DEBUG#TH EXEC wake up 0") + daemon.logged("DEBUG#TH EXEC wake up 1");
   }
@@ -76,7 +76,7 @@ class PurgeRoadTest : public DaemonTest {
   }
 };
 
-TEST_F(PurgeRoadTest, PurgesFlaggedTasksAtOnce) {
+TEST_F(PurgeEndToEndTest, PurgesFlaggedTasksAtOnce) {
   for (const int id : {1, 2, 3}) {
     insertOldTask(id);
   }
@@ -92,7 +92,7 @@ TEST_F(PurgeRoadTest, PurgesFlaggedTasksAtOnce) {
   EXPECT_THAT(purgeLog(), ElementsAre("DEBUG#DELETE TASK: 1", "DEBUG#DELETE TASK: 3", kPurged));
 }
 
-TEST_F(PurgeRoadTest, LogsOneLineWhenNothingIsFlagged) {
+TEST_F(PurgeEndToEndTest, LogsOneLineWhenNothingIsFlagged) {
   insertOldTask(1);
 
   ASSERT_TRUE(daemon.startAndWait({"-D"}));
@@ -102,7 +102,7 @@ TEST_F(PurgeRoadTest, LogsOneLineWhenNothingIsFlagged) {
   EXPECT_THAT(purgeLog(), ElementsAre(kPurged));
 }
 
-TEST_F(PurgeRoadTest, PurgesATaskWithoutFiles) {
+TEST_F(PurgeEndToEndTest, PurgesATaskWithoutFiles) {
   insertOldTask(1);
   fs::remove_all(archive(1));
   fs::remove(currentOutput(1));
@@ -114,8 +114,8 @@ TEST_F(PurgeRoadTest, PurgesATaskWithoutFiles) {
   expectPurged(1);
 }
 
-// A task that was never loaded has no file name to go by.
-TEST_F(PurgeRoadTest, LeavesTheOutputFileOfATaskThatIsNotLoaded) {
+// The daemon does not know the file name of a task that was never loaded.
+TEST_F(PurgeEndToEndTest, LeavesTheOutputFileOfATaskThatIsNotLoaded) {
   insertOldTask(1, "service");
   flag(1);
 
@@ -127,7 +127,7 @@ TEST_F(PurgeRoadTest, LeavesTheOutputFileOfATaskThatIsNotLoaded) {
   expectPurged(1);
 }
 
-TEST_F(PurgeRoadTest, CompletesAnInterruptedPurge) {
+TEST_F(PurgeEndToEndTest, CompletesAnInterruptedPurge) {
   insertOldTask(1);
   flag(1);
   database.query("REVOKE DELETE ON kodu_cron_plugin FROM kodu");
@@ -145,7 +145,7 @@ TEST_F(PurgeRoadTest, CompletesAnInterruptedPurge) {
   expectPurged(1);
 }
 
-TEST_F(PurgeRoadTest, DropsAPurgedTaskWhenItsTimeComes) {
+TEST_F(PurgeEndToEndTest, DropsAPurgedTaskWhenItsTimeComes) {
   database.insertTask(makeTask(1, "echo fine"));
   database.insertTask(makeTask(2, "echo fine"));
   flag(1);
@@ -160,10 +160,10 @@ TEST_F(PurgeRoadTest, DropsAPurgedTaskWhenItsTimeComes) {
   EXPECT_FALSE(fs::exists(daemon.outputDirectory() + "/out_1_last.txt"));
 }
 
-class SlowPurgeRoadTest : public PurgeRoadTest {
+class SlowPurgeEndToEndTest : public PurgeEndToEndTest {
  protected:
   static constexpr std::chrono::seconds kPeriod{120};
-  /// A period, and what a busy machine adds.
+  /// A purge period, and time for a busy machine.
   static constexpr std::chrono::seconds kPeriodPatience{160};
 
   bool waitForPurge(long count) const {
@@ -171,7 +171,7 @@ class SlowPurgeRoadTest : public PurgeRoadTest {
   }
 };
 
-TEST_F(SlowPurgeRoadTest, PurgesATaskThatIsFlaggedWhileItRuns) {
+TEST_F(SlowPurgeEndToEndTest, PurgesATaskThatIsFlaggedWhileItRuns) {
   insertOldTask(1);
   ASSERT_TRUE(daemon.startAndWait({"-D"}));
   ASSERT_TRUE(waitForPurge(1));
@@ -185,7 +185,7 @@ TEST_F(SlowPurgeRoadTest, PurgesATaskThatIsFlaggedWhileItRuns) {
   EXPECT_THAT(purgeLog(), ElementsAre(kPurged, "DEBUG#DELETE TASK: 1", kPurged));
 }
 
-TEST_F(SlowPurgeRoadTest, DropsAPurgedTaskThatWaitsForAWorker) {
+TEST_F(SlowPurgeEndToEndTest, DropsAPurgedTaskThatWaitsForAWorker) {
   daemon.threadNumber = "1";
   daemon.writeConfig();
   database.insertTask(makeTask(1, waitForRelease() + "echo fine"));
@@ -203,7 +203,7 @@ TEST_F(SlowPurgeRoadTest, DropsAPurgedTaskThatWaitsForAWorker) {
 
   ASSERT_TRUE(waitForStatus(1, "OK"));
   ASSERT_TRUE(waitForLog("DEBUG#TH EXEC wake up 0", 2));
-  // The worker takes it out before its next task.
+  // The worker removes it before its next task.
   ASSERT_TRUE(waitForRuns(1, 2));
   EXPECT_EQ(daemon.logged("DEBUG#TH EXEC: crontask exec task2"), 0);
   EXPECT_EQ(runs(2), 0U);

@@ -22,9 +22,9 @@ const char* const kTimedOut = "UNKNOWN - timed out after 1 s\nhanging\n";
 const char* const kLeft =
     "hanging\n[koduguard: ended processes that kept the output open after the plugin had ended]\n";
 
-/// Plugins that would occupy each worker forever without the guard, beside tasks that run each
+/// Plugins that without the guard would occupy every worker forever, and tasks that run each
 /// second.
-class SlowGuardRoadTest : public DaemonTest {
+class SlowGuardEndToEndTest : public DaemonTest {
  protected:
   void SetUp() override {
     DaemonTest::SetUp();
@@ -39,12 +39,12 @@ class SlowGuardRoadTest : public DaemonTest {
     daemon.writeConfig();
   }
 
-  /// A program that no other test runs, so that its processes can be counted.
+  /// A program that only this test runs, so that its processes can be counted.
   std::string sleeper() const { return daemon.directory / "sleeper"; }
   std::string startsPath() const { return daemon.directory / "starts"; }
 
   /// A plugin that hangs in one of four ways, by its number: it sleeps, ignores TERM, stops itself,
-  /// or ends and leaves a process that has left the group on its output.
+  /// or ends while a child outside its group keeps the output open.
   std::string writeHangingPlugin() const {
     return writePlugin(daemon.directory / "hang",
                        "echo $1 >>" + startsPath() +
@@ -83,7 +83,7 @@ class SlowGuardRoadTest : public DaemonTest {
     return counts;
   }
 
-  /// The number of processes that the hanging plugins have left.
+  /// The number of remaining processes of the hanging plugins.
   int sleepers() const {
     int count = 0;
     for (const auto& process : fs::directory_iterator("/proc")) {
@@ -107,7 +107,7 @@ class SlowGuardRoadTest : public DaemonTest {
   }
 };
 
-TEST_F(SlowGuardRoadTest, EndsHangingPluginsWhileOtherTasksRun) {
+TEST_F(SlowGuardEndToEndTest, EndsHangingPluginsWhileOtherTasksRun) {
   ASSERT_TRUE(daemon.startAndWait());
   ASSERT_TRUE(waitUntil([&] { return hangingDone() >= 4; }, kLimit));
   const auto runsBefore = otherRuns();

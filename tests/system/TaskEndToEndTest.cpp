@@ -19,15 +19,15 @@ using testing::IsEmpty;
 
 namespace fs = std::filesystem;
 
-/// A task's way from its due time to the next, as the database, the files and the log show it.
-class TaskRoadTest : public DaemonTest {
+/// A task from its due time to the next, as the database, the files and the log show it.
+class TaskEndToEndTest : public DaemonTest {
  protected:
   std::string archive(int id) const {
     return daemon.outputDirectory() + "/archive/" + std::to_string(id);
   }
 };
 
-TEST_F(TaskRoadTest, MarksARunningTaskAndThenItsSuccess) {
+TEST_F(TaskEndToEndTest, MarksARunningTaskAndThenItsSuccess) {
   database.insertTask(makeTask(1, "echo fine"));
   const long first = database.nextExec(1);
 
@@ -43,7 +43,7 @@ TEST_F(TaskRoadTest, MarksARunningTaskAndThenItsSuccess) {
   EXPECT_FALSE(fs::exists(archive(1)));
 }
 
-TEST_F(TaskRoadTest, LogsEachStepOfARun) {
+TEST_F(TaskEndToEndTest, LogsEachStepOfARun) {
   database.insertTask(makeTask(1, "echo fine"));
   ASSERT_TRUE(daemon.startAndWait({"-D"}));
   ASSERT_TRUE(waitForLog("DEBUG#cron task: getNextTimeToExec", 2));
@@ -65,7 +65,7 @@ TEST_F(TaskRoadTest, LogsEachStepOfARun) {
                                  "DEBUG#cron task: getNextTimeToExec"));
 }
 
-TEST_F(TaskRoadTest, RunsAfterEachSlotOfItsInterval) {
+TEST_F(TaskEndToEndTest, RunsAfterEachSlotOfItsInterval) {
   TaskRow row = makeTask(1, "echo fine");
   row.interval = "2 seconds";
   database.insertTask(row);
@@ -81,12 +81,12 @@ TEST_F(TaskRoadTest, RunsAfterEachSlotOfItsInterval) {
     EXPECT_EQ(running.status, "PROCESS");
     EXPECT_EQ((running.nextExec - first) % 2, 0);
     EXPECT_EQ(done, (Change{"OK", running.nextExec, running.nextExec + 2}));
-    // A task is due once the second of its time is over.
+    // A task is due when the second of its time is over.
     EXPECT_GT(starts.at(run), running.nextExec);
   }
 }
 
-TEST_F(TaskRoadTest, SkipsTheSlotsThatALongRunHasMissed) {
+TEST_F(TaskEndToEndTest, SkipsTheSlotsThatALongRunHasMissed) {
   TaskRow row = makeTask(1, waitForRelease() + "echo done");
   row.interval = "1 second";
   database.insertTask(row);
@@ -107,8 +107,8 @@ TEST_F(TaskRoadTest, SkipsTheSlotsThatALongRunHasMissed) {
   EXPECT_THAT(moves(1), testing::Contains(Change{"OK", due, seen.at(2).nextExec}));
 }
 
-TEST_F(TaskRoadTest, HandsOverdueTasksOverEarliestFirst) {
-  // Counted from one moment for all three, and far enough ahead for a slow start.
+TEST_F(TaskEndToEndTest, RunsOverdueTasksEarliestFirst) {
+  // Relative to the same moment for all three, and far enough ahead for a slow start.
   const std::string base = database.value("SELECT date_trunc('second', now())");
   for (const int id : {3, 1, 2}) {
     TaskRow row = makeTask(id, "echo fine");
@@ -129,7 +129,7 @@ TEST_F(TaskRoadTest, HandsOverdueTasksOverEarliestFirst) {
                                 "DEBUG#TH TIME: Send task to execution task3"));
 }
 
-TEST_F(TaskRoadTest, PrintsTheReturnCodeAndTheOutputOfEachRun) {
+TEST_F(TaskEndToEndTest, PrintsTheReturnCodeAndTheOutputOfEachRun) {
   daemon.threadNumber = "1";  // two workers' lines would mix
   daemon.writeConfig();
   const std::vector<int> codes = {0, 1, 2, 3, 4, 5, 6, 7, 255};
@@ -158,7 +158,7 @@ TEST_F(TaskRoadTest, PrintsTheReturnCodeAndTheOutputOfEachRun) {
   EXPECT_EQ(daemon.console().size(), length);
 }
 
-TEST_F(TaskRoadTest, LeavesTheTailOfALongerOutputFile) {
+TEST_F(TaskEndToEndTest, KeepsTheTailOfALongerOutputFile) {
   fs::create_directory(daemon.outputDirectory());
   writeFile(daemon.outputDirectory() + "/out_1_last.txt", "abcdefghijklmnopqrstuvwxyzABC\n");
   database.insertTask(makeTask(1, "echo 123456789"));
@@ -169,7 +169,7 @@ TEST_F(TaskRoadTest, LeavesTheTailOfALongerOutputFile) {
   EXPECT_EQ(daemon.output("out_1_last.txt"), "123456789\nklmnopqrstuvwxyzABC\n");
 }
 
-TEST_F(TaskRoadTest, HandsTheParametersToThePlugin) {
+TEST_F(TaskEndToEndTest, PassesTheParametersToThePlugin) {
   TaskRow row = makeTask(1, R"(printf '[%s]' "$@")");
   row.parameter = R"(-H 10.0.0.1 -m "two words" C:\dir 'x y')";
   database.insertTask(row);
@@ -180,7 +180,7 @@ TEST_F(TaskRoadTest, HandsTheParametersToThePlugin) {
   EXPECT_EQ(daemon.output("out_1_last.txt"), R"([-H][10.0.0.1][-m][two words][C:\dir][x y])");
 }
 
-TEST_F(TaskRoadTest, KeepsACopyAndARowOfAFailedRun) {
+TEST_F(TaskEndToEndTest, ArchivesAFailedRunWithARow) {
   database.insertTask(makeTask(1, "echo bad; exit 2"));
 
   ASSERT_TRUE(daemon.startAndWait());
@@ -196,7 +196,7 @@ TEST_F(TaskRoadTest, KeepsACopyAndARowOfAFailedRun) {
             "t");
 }
 
-TEST_F(TaskRoadTest, NamesTheCopyByTheLocalTime) {
+TEST_F(TaskEndToEndTest, NamesTheCopyByTheLocalTime) {
   setenv("TZ", "KDU-9", 1);  // nine hours ahead of UTC; the daemon inherits it
   database.insertTask(makeTask(1, "echo bad; exit 2"));
 
@@ -215,7 +215,7 @@ TEST_F(TaskRoadTest, NamesTheCopyByTheLocalTime) {
   EXPECT_LE(copied, after);
 }
 
-TEST_F(TaskRoadTest, FillsOnlyTheFirstPlaceholderOfTheCurrentFileWithLast) {
+TEST_F(TaskEndToEndTest, FillsOnlyTheFirstPlaceholderOfTheCurrentFileWithLast) {
   TaskRow row = makeTask(1, "echo fine");
   row.logFile = "$DATE_$DATE_$SERVICEID_$SERVICEID";
   database.insertTask(row);
@@ -229,11 +229,11 @@ TEST_F(TaskRoadTest, FillsOnlyTheFirstPlaceholderOfTheCurrentFileWithLast) {
 }
 
 /// The number of retries that a task has.
-class RetriesTest : public TaskRoadTest, public testing::WithParamInterface<int> {};
+class RetriesTest : public TaskEndToEndTest, public testing::WithParamInterface<int> {};
 
-TEST_P(RetriesTest, FailsTheTaskOnceTheyAreSpent) {
+TEST_P(RetriesTest, FailsTheTaskWhenTheyAreUsedUp) {
   const int retries = GetParam();
-  // Longer than a slot of the timer: a delay counted from the run's end would show.
+  // Longer than a pass of the timer: a delay counted from the end of the run would be visible.
   TaskRow row = makeTask(1, "/bin/sleep 1.5; echo bad; exit 1");
   row.retries = std::to_string(retries);
   database.insertTask(row);
@@ -263,7 +263,7 @@ TEST_P(RetriesTest, FailsTheTaskOnceTheyAreSpent) {
 
 INSTANTIATE_TEST_SUITE_P(Retries, RetriesTest, testing::Values(0, 1, 2));
 
-TEST_F(TaskRoadTest, EndsTheRetriesAtTheFirstSuccess) {
+TEST_F(TaskEndToEndTest, EndsTheRetriesAtTheFirstSuccess) {
   const std::string repaired = daemon.directory / "repaired";
   TaskRow row = makeTask(
       1, "[ -e " + repaired + " ] && echo fine && exit 0\n>" + repaired + "\necho bad\nexit 2");
@@ -279,7 +279,7 @@ TEST_F(TaskRoadTest, EndsTheRetriesAtTheFirstSuccess) {
   EXPECT_EQ(database.failures(1), 1);
 }
 
-TEST_F(TaskRoadTest, RetriesOnceAfterTwoMinutesWhenTheRowSaysNothing) {
+TEST_F(TaskEndToEndTest, RetriesOnceAfterTwoMinutesByDefault) {
   TaskRow row = makeTask(1, "echo bad; exit 2");
   row.retries = "NULL";
   row.retriesInterval = "NULL";
@@ -293,7 +293,7 @@ TEST_F(TaskRoadTest, RetriesOnceAfterTwoMinutesWhenTheRowSaysNothing) {
   EXPECT_EQ(database.task(1, "cron_status"), "PROCESS");
 }
 
-TEST_F(TaskRoadTest, SkipsTheIntervalsOfAnOutage) {
+TEST_F(TaskEndToEndTest, SkipsTheIntervalsOfAnOutage) {
   TaskRow row = makeTask(1, "echo fine");
   row.interval = "300 seconds";
   row.nextExec = "date_trunc('second', now()) - interval '650 seconds'";
@@ -304,7 +304,7 @@ TEST_F(TaskRoadTest, SkipsTheIntervalsOfAnOutage) {
   ASSERT_TRUE(daemon.startAndWait({"-D"}));
   ASSERT_TRUE(waitForStatus(2, "OK"));
 
-  // The start takes a while of its own, which counts as well.
+  // The start takes some time, which also counts.
   EXPECT_THAT(readFile(daemon.logPath()),
               ContainsRegex("DEBUG#calc time exec: calcule: 6[5-9][0-9]\\.000000 / 300 = 3\n"));
   EXPECT_EQ(daemon.logged("DEBUG#change time exec: " + std::to_string(before + 900)), 1);
@@ -314,7 +314,7 @@ TEST_F(TaskRoadTest, SkipsTheIntervalsOfAnOutage) {
   EXPECT_EQ(runs(1), 0U);
 }
 
-TEST_F(TaskRoadTest, ResumesWithOneRunAfterAnOutage) {
+TEST_F(TaskEndToEndTest, ResumesWithOneRunAfterAnOutage) {
   TaskRow row = makeTask(1, "echo fine");
   row.interval = "3 seconds";
   database.insertTask(row);

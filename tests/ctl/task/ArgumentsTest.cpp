@@ -13,7 +13,7 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
-/// What the daemon makes of the text.
+/// The arguments that the daemon reads from the text.
 Arguments split(const std::string& text) {
   serviceSafe record;
   record.Setparameter(text);
@@ -29,16 +29,16 @@ std::string refusalOf(const Arguments& arguments) {
   }
 }
 
-TEST(ParameterStringTest, JoinsPlainArgumentsByBlanks) {
+TEST(ParameterStringTest, JoinsPlainArgumentsWithSpaces) {
   EXPECT_EQ(parameterString({"-H", "10.0.0.1", "-w", "80"}), "-H 10.0.0.1 -w 80");
   EXPECT_EQ(parameterString({}), "");
 }
 
-TEST(ParameterStringTest, QuotesWhatHoldsABlank) {
+TEST(ParameterStringTest, QuotesAnArgumentWithASpace) {
   EXPECT_EQ(parameterString({"-m", "two words"}), "-m \"two words\"");
 }
 
-TEST(ParameterStringTest, ComesBackFromTheDaemonsParserAsItWas) {
+TEST(ParameterStringTest, IsSplitByTheDaemonIntoTheSameArguments) {
   for (const Arguments& arguments :
        {Arguments{"a"}, Arguments{" "}, Arguments{"  a  b  ", "c"}, Arguments{"C:\\dir\\", "\\"},
         Arguments{"a\tb", "c\nx", "e,f", "$HOME", "*"}, Arguments{"\xc3\xa9t\xc3\xa9 1"}}) {
