@@ -44,6 +44,6 @@ class Turn {
   std::mutex mutex;
   std::condition_variable isFree;
   std::condition_variable isFreeInHurry;  // for those that wait for a limited time
-  bool isTaken = false;  // guarded by mutex
-  int hurried = 0;       // how many wait for a limited time; guarded by mutex
+  bool isTaken = false;                   // guarded by mutex
+  int hurried = 0;                        // how many wait for a limited time; guarded by mutex
 };
