@@ -178,19 +178,28 @@ CREATE OR REPLACE TRIGGER kodu_task_updated
     BEFORE UPDATE OF cron_status, cron_next_exec ON kodu_cron_plugin
     FOR EACH ROW EXECUTE FUNCTION kodu_follow_daemon();
 
--- For a purge that read the flag of a queued task just before its run began. The end of the run flags it
--- again; the file that this run writes stays.
+-- For a purge that read the flag of a task whose run begins at the same time: such a run ends with an
+-- update of the row. The purge has taken the task from the daemon's memory by then, and the next purge
+-- deletes the row. The flag is off during the run, and the end of the run sets it again; the file that
+-- this run writes stays. Before the run, cron_wanted says how long the row is kept. A due time proves
+-- nothing: the functions may have moved it.
 CREATE OR REPLACE FUNCTION kodu_spare_run() RETURNS trigger
 LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
+DECLARE
+    utc timestamp := clock_timestamp() AT TIME ZONE 'UTC';
 BEGIN
-    RETURN NULL;
+    IF (CASE WHEN OLD.cron_delete
+             -- A later time was wanted before somebody else set the flag.
+             THEN OLD.cron_wanted > utc AND OLD.cron_wanted < utc + interval '15 seconds'
+             ELSE OLD.cron_status = 'PROCESS' AND OLD.cron_wanted = 'infinity' END) THEN
+        RETURN NULL;
+    END IF;
+    RETURN OLD;
 END
 $$;
 
--- The flag is off during such a run. A time proves nothing: the functions may have moved it.
 CREATE OR REPLACE TRIGGER kodu_run_deleted BEFORE DELETE ON kodu_cron_plugin
-    FOR EACH ROW WHEN (OLD.cron_status = 'PROCESS' AND OLD.cron_wanted = 'infinity'
-                       AND NOT OLD.cron_delete)
+    FOR EACH ROW WHEN (OLD.cron_wanted IS NOT NULL)
     EXECUTE FUNCTION kodu_spare_run();
 
 -- Helpers of the functions below -----------------------------------------------------------------
@@ -687,9 +696,10 @@ BEGIN
 END
 $$;
 
--- Has the daemon remove the task, its files and its history, within two minutes; where a run is in
--- progress, within two minutes of the end of its last retry. A purge in the middle of a run ends the
--- daemon, so the flag stays off until then.
+-- Has the daemon remove the task, its files and its history, within four minutes; where a run is in
+-- progress, within four minutes of the end of its last retry. A purge in the middle of a run ends the
+-- daemon, so the flag stays off until then, and the row is kept until the daemon has surely heard that
+-- the task is no longer due.
 CREATE OR REPLACE FUNCTION kodu_task_delete(task integer) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -707,7 +717,8 @@ BEGIN
         UPDATE kodu_cron_plugin SET cron_wanted = 'infinity' WHERE cron_id = task;
         RETURN;
     END IF;
-    UPDATE kodu_cron_plugin SET cron_delete = TRUE, cron_next_exec = later, cron_wanted = NULL
+    UPDATE kodu_cron_plugin SET cron_delete = TRUE, cron_next_exec = later,
+        cron_wanted = kodu_soon() + interval '10 seconds'
     WHERE cron_id = task;
     IF later > old.cron_next_exec THEN
         PERFORM kodu_tell_update(task);
