@@ -1031,8 +1031,8 @@ TEST_F(FunctionsTest, ForecastsMinutesWithoutRuns) {
 }
 
 TEST_F(FunctionsTest, ReportsErrorsInAForecast) {
-  for (const std::string arguments : {"0", "-1", "169", "NULL", "1, -1", "1, NULL"}) {
-    expectRefused("kodu_forecast(" + arguments + ")", "hours must be between 0 and 168",
+  for (const std::string arguments : {"0", "-1", "169", "NULL", "1, -1", "1, NULL", "1, 'NaN'"}) {
+    expectRefused("kodu_forecast(" + arguments + ")", "hours must be more than 0 and at most 168",
                   "Use kodu_forecast(");
   }
   for (const std::string durations : {"NULL", "'[1]'", R"('{"7": "a"}')", R"('{"7": -1}')"}) {

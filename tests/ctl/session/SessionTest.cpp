@@ -53,8 +53,8 @@ TEST(ServerMessageTest, DoesNotLookForACodeBeyondTheFirstLine) {
 }
 
 TEST(ServerMessageTest, RemovesTheTabsOfFurtherLines) {
-  EXPECT_EQ(serverMessage("lost\n\tThis probably means\n\tthe server ended.\n"),
-            "lost\nThis probably means\nthe server ended.");
+  EXPECT_EQ(serverMessage("lost\n\tThis probably means\n\tan end of the server.\n"),
+            "lost\nThis probably means\nan end of the server.");
   EXPECT_EQ(serverMessage("a\tb"), "a\tb");
 }
 
