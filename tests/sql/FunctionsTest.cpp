@@ -698,9 +698,9 @@ TEST_F(RunTest, BeginsAtOnceWhenItIsOverdueAtItsLoad) {
   };
 
   EXPECT_THAT(moveOn("890 s"), testing::AllOf(testing::Ge(0), testing::Le(2)));
-  EXPECT_GT(moveOn("901 s"), 80000) << "a missed run like any other";
+  EXPECT_GT(moveOn("901 s"), 80000) << "as for any missed run";
   run("UpdateCronProcess", {"7"});
-  EXPECT_EQ(database.task(7, "cron_wanted"), "") << "what was wanted has begun";
+  EXPECT_EQ(database.task(7, "cron_wanted"), "") << "the requested run has begun";
 }
 
 TEST_F(FunctionsTest, KeepsAPauseOfTheLongestIntervalWithinTheTable) {
@@ -1141,7 +1141,7 @@ TEST_F(FunctionsTest, GrantsTheDaemonNoFunctionAndNoTable) {
   EXPECT_EQ(database.query("SELECT prosecdef, count(*) > 20 FROM pg_proc "
                            "WHERE proname LIKE 'kodu\\_%' GROUP BY 1"),
             (Rows{{"f", "t"}}))
-      << "none has the rights of its owner";
+      << "no function has the rights of its owner";
   EXPECT_EQ(database.value("SELECT has_table_privilege('kodu', 'kodu_cron_pause', 'SELECT, INSERT, "
                            "UPDATE, DELETE') OR has_table_privilege('kodu', 'kodu_task_status', "
                            "'SELECT')"),

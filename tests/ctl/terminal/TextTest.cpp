@@ -35,6 +35,8 @@ TEST(ShortTimeTest, ChangesAtMidnightUtc) {
   EXPECT_EQ(shortTime(midnight + kDay - 1, kNoon), "23:59:59");
   EXPECT_EQ(shortTime(midnight - 1, kNoon), "2024-04-30 23:59:59");
   EXPECT_EQ(shortTime(midnight + kDay, kNoon), "2024-05-02 00:00:00");
+  EXPECT_EQ(shortTime(midnight, midnight + kDay - 1), "00:00:00");
+  EXPECT_EQ(shortTime(midnight - 1, midnight), "2024-04-30 23:59:59");
 }
 
 TEST(DurationTextTest, ShowsTheTwoLargestUnits) {
