@@ -10,7 +10,6 @@
 namespace {
 
 using testing::HasSubstr;
-using testing::MatchesRegex;
 using testing::StartsWith;
 
 using Words = std::vector<std::string>;

@@ -6,7 +6,6 @@
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
 
 using Words = std::vector<std::string>;

@@ -86,9 +86,9 @@ TEST_F(TableTest, CutsAtTheWidthOfTheTerminal) {
   Table table({{"NAME"}, {"LAST"}});
   table.add({"abcdefgh"s, "ijkl"s});
   const Variable noColour("NO_COLOR", "1");
-  const FakeTerminal terminal(24, 11);
+  FakeTerminal terminal(24, 11);
   table.print();
-  EXPECT_EQ(terminal.read(), "NAME      L\r\nabcdefgh  i\r\n");
+  EXPECT_EQ(terminal.finish(), "NAME      L\r\nabcdefgh  i\r\n");
 }
 
 TEST_F(TableTest, DoesNotCutInAFile) {
