@@ -55,7 +55,7 @@ TEST(DurationTextTest, ShowsTheTwoLargestUnits) {
       {kDay + 59, "1d"},
       {kDay + 3600, "1d 1h"},
       {90061, "1d 1h"},
-      {365 * kDay + 23 * 3600, "365d 23h"},
+      {365 * kDay + 23L * 3600, "365d 23h"},
       {-5, "0s"},
   };
   for (const auto& [seconds, text] : cases) {
