@@ -67,8 +67,8 @@ class Parser {
   void addCommonOptions() {
     options.configFile = pathToConfigFile;
     app.add_option("-f,--config", options.configFile,
-                   "Read the daemon's main INI file from FILE; it leads to the database and to the "
-                   "output files")
+                   "Read the daemon's main INI file from FILE; it names the database file and the "
+                   "folder of the output files")
         ->option_text(valueWithDefault("FILE", options.configFile));
     app.add_option("--user", options.user,
                    "Connect to the database as ROLE; the password comes from PGPASSWORD or "
@@ -228,7 +228,7 @@ class Parser {
                     "Name of the task; a new task has the name of its plugin")
         ->option_text("TEXT");
     sub->add_option("--every", options.every,
-                    "Interval of the runs in whole seconds, at most 366 days, as 90s, 5m or 1h")
+                    "Interval of the runs, such as 90s, 5m or 1h: whole seconds, at most 366 days")
         ->option_text("INTERVAL");
     sub->add_option("--retries", options.retries,
                     "Number of retries after a failed run; a new task has 1")
@@ -243,7 +243,7 @@ class Parser {
     // Described only: splitPluginArguments reads these, and the parser gives none to an argument
     // that expects none.
     sub->add_option(kPluginArgument)
-        ->description("Argument of the plugin; it can be neither empty nor contain a quote")
+        ->description("Argument of the plugin; it cannot be empty or contain a quote")
         ->expected(0);
   }
 
@@ -258,8 +258,9 @@ class Parser {
         ->add_option("--run-seconds", options.runSeconds, "Assume that each run takes this long")
         ->option_text(valueWithDefault("SECONDS", options.runSeconds));
     forecast
-        ->add_option("--took", options.took,
-                     "Assume that the runs of task ID take this long, as 7=12.5; can be repeated")
+        ->add_option(
+            "--took", options.took,
+            "Assume that the runs of task ID take this long, such as 7=12.5; can be repeated")
         ->option_text("ID=SECONDS")
         ->expected(1)
         ->allow_extra_args(false)
@@ -277,10 +278,12 @@ class Parser {
     CLI::App* prune = addCommand(
         "prune", "Delete old history and the archived outputs that belong to it", runPrune);
     prune->footer(
-        "Files are deleted before rows, so the same command completes an interrupted one. Run it "
-        "as the daemon's user or as root: it needs the right to delete the daemon's files. "
+        "Files are deleted before rows, so a second call completes an interrupted one. Run it as "
+        "the daemon's user or as root: it needs the right to delete the daemon's files. "
         "Without this right it deletes nothing.");
-    prune->add_option("--older-than", options.olderThan, "Delete what is older than this, as 30d")
+    prune
+        ->add_option("--older-than", options.olderThan,
+                     "Delete what is older than this, such as 30d")
         ->option_text("INTERVAL")
         ->required();
   }

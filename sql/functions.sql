@@ -37,7 +37,7 @@ CREATE OR REPLACE TRIGGER kodu_task_changed
     AFTER UPDATE OF cron_plugin_id, cron_interval, cron_log_file, cron_retries,
                     cron_retries_interval, cron_parameter ON kodu_cron_plugin
     FOR EACH ROW
-    WHEN (NOT NEW.cron_changed  -- else kodu_run_changed tells it
+    WHEN (NOT NEW.cron_changed  -- else the end of the run tells it
           AND (OLD.cron_plugin_id, OLD.cron_interval, OLD.cron_log_file, OLD.cron_retries,
                OLD.cron_retries_interval, OLD.cron_parameter) IS DISTINCT FROM
               (NEW.cron_plugin_id, NEW.cron_interval, NEW.cron_log_file, NEW.cron_retries,
@@ -102,81 +102,81 @@ CREATE OR REPLACE TRIGGER kodu_plugin_changed
 -- run; without it, the request is carried out at the end of the next run.
 --
 -- They run as the daemon's role, which has no other rights, and must not fail: that would end the
--- daemon. So they call only the server's own functions. For a task without such a request, the WHEN
--- clauses prevent the call.
-CREATE OR REPLACE FUNCTION kodu_follow_run() RETURNS trigger
-LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
-DECLARE
-    -- The daemon looks at the clock again when it has the answer.
-    soon timestamp := date_trunc('second', clock_timestamp() AT TIME ZONE 'UTC')
-                      + interval '2 seconds';
-BEGIN
-    IF NEW.cron_status = 'PROCESS' THEN
-        IF NEW.cron_delete THEN
-            -- It was in the daemon's queue when it was flagged. No purge may happen during this run.
-            NEW.cron_delete := FALSE;
-            NEW.cron_wanted := 'infinity';
-        ELSIF OLD.cron_wanted = OLD.cron_next_exec AND OLD.cron_wanted > soon + interval '1 minute' THEN
-            -- A worker had the task before the daemon heard of that time, which comes after this run.
-            -- A minute, since the daemon's clock may be ahead.
-            NULL;
-        ELSIF OLD.cron_wanted <> 'infinity' AND (OLD.cron_status IS DISTINCT FROM 'PROCESS'
-                                                 OR OLD.cron_wanted = OLD.cron_next_exec) THEN
-            NEW.cron_wanted := NULL;  -- this is the run; a retry leaves what is wanted after it
-        END IF;
-    ELSIF OLD.cron_status = 'PROCESS' THEN
-        IF OLD.cron_wanted = 'infinity' THEN
-            NEW.cron_delete := TRUE;
-            NEW.cron_wanted := NULL;
-            NEW.cron_next_exec := greatest(NEW.cron_next_exec, soon + interval '5 minutes');
-        ELSIF OLD.cron_wanted IS NOT NULL THEN
-            -- Beyond 2036 the table would refuse it, to the daemon.
-            NEW.cron_next_exec := greatest(least(OLD.cron_wanted, timestamp '2036-01-01'), soon);
-            -- The run began as its time was moved.
-            NEW.cron_last_exec := least(NEW.cron_last_exec, soon - interval '2 seconds');
-            -- Kept while it could be past when the daemon loads the task.
-            NEW.cron_wanted := CASE WHEN NEW.cron_next_exec < soon + interval '1 hour'
-                                    THEN NEW.cron_next_exec END;
-        END IF;
-        -- A full queue of the server would fail the daemon's statement as it commits, where no handler
-        -- catches it. Then the end of the next run tells it, or the next start.
-        IF OLD.cron_changed AND pg_notification_queue_usage() < 0.9 THEN
-            NEW.cron_changed := FALSE;
-            PERFORM pg_notify('koducronchannel', format(
-                '{"TYPE":"SERVICE","COMMAND":"UPDATE","ID":%s}', NEW.cron_id));
-        END IF;
-    END IF;
-    RETURN NEW;
-END
-$$;
-
-CREATE OR REPLACE TRIGGER kodu_run_changed BEFORE UPDATE OF cron_status ON kodu_cron_plugin
-    FOR EACH ROW WHEN (OLD.cron_wanted IS NOT NULL OR OLD.cron_changed OR OLD.cron_delete)
-    EXECUTE FUNCTION kodu_follow_run();
-
+-- daemon. So they call only the server's own functions.
+--
 -- The daemon moves a time that is past when it loads the task on by whole intervals: a time that
 -- somebody has set would be lost where the call's transaction, or the loading of many tasks, took longer
 -- than foreseen. Such a run begins now. After 15 minutes it is a missed run like any other. Loading
 -- 60,000 tasks takes minutes, but after an outage not all of them may run at once.
-CREATE OR REPLACE FUNCTION kodu_keep_wanted() RETURNS trigger
+
+-- `new` as the request in the task's row changes it.
+CREATE OR REPLACE FUNCTION kodu_follow_request(old kodu_cron_plugin, new kodu_cron_plugin)
+RETURNS kodu_cron_plugin
 LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
 DECLARE
     utc timestamp := date_trunc('second', clock_timestamp() AT TIME ZONE 'UTC');
+    -- The daemon looks at the clock again when it has the answer.
+    soon timestamp := utc + interval '2 seconds';
 BEGIN
-    IF OLD.cron_wanted BETWEEN utc - interval '15 minutes' AND utc THEN
-        NEW.cron_next_exec := utc + interval '2 seconds';
-        NEW.cron_wanted := NEW.cron_next_exec;
+    IF new.cron_status = 'PROCESS' AND new.cron_next_exec = old.cron_next_exec THEN
+        IF new.cron_delete THEN
+            -- It was in the daemon's queue when it was flagged. No purge may happen during this run.
+            new.cron_delete := FALSE;
+            new.cron_wanted := 'infinity';
+        ELSIF old.cron_wanted = old.cron_next_exec AND old.cron_wanted > soon + interval '1 minute' THEN
+            -- A worker had the task before the daemon heard of that time, which comes after this run.
+            -- A minute, since the daemon's clock may be ahead.
+            NULL;
+        ELSIF old.cron_wanted <> 'infinity' AND (old.cron_status IS DISTINCT FROM 'PROCESS'
+                                                 OR old.cron_wanted = old.cron_next_exec) THEN
+            new.cron_wanted := NULL;  -- this is the run; a retry leaves what is wanted after it
+        END IF;
+    ELSIF old.cron_status = 'PROCESS' AND new.cron_status IS DISTINCT FROM 'PROCESS' THEN
+        IF old.cron_wanted = 'infinity' THEN
+            new.cron_delete := TRUE;
+            new.cron_wanted := NULL;
+            new.cron_next_exec := greatest(new.cron_next_exec, soon + interval '5 minutes');
+        ELSIF old.cron_wanted IS NOT NULL THEN
+            -- Beyond 2036 the table would refuse it, to the daemon.
+            new.cron_next_exec := greatest(least(old.cron_wanted, timestamp '2036-01-01'), soon);
+            -- The run began as its time was moved.
+            new.cron_last_exec := least(new.cron_last_exec, soon - interval '2 seconds');
+            -- Kept while it could be past when the daemon loads the task.
+            new.cron_wanted := CASE WHEN new.cron_next_exec < soon + interval '1 hour'
+                                    THEN new.cron_next_exec END;
+        END IF;
+        -- A full queue of the server would fail the daemon's statement as it commits, where no handler
+        -- catches it. Then the end of the next run tells it, or the next start.
+        IF old.cron_changed AND pg_notification_queue_usage() < 0.9 THEN
+            new.cron_changed := FALSE;
+            PERFORM pg_notify('koducronchannel', format(
+                '{"TYPE":"SERVICE","COMMAND":"UPDATE","ID":%s}', new.cron_id));
+        END IF;
+    ELSIF new.cron_next_exec > old.cron_next_exec AND old.cron_wanted = old.cron_next_exec
+          AND new.cron_wanted IS NOT DISTINCT FROM old.cron_wanted
+          AND new.cron_status IS NOT DISTINCT FROM old.cron_status
+          AND old.cron_wanted BETWEEN utc - interval '15 minutes' AND utc THEN
+        new.cron_next_exec := soon;
+        new.cron_wanted := soon;
     END IF;
-    RETURN NEW;
+    RETURN new;
 END
 $$;
 
-CREATE OR REPLACE TRIGGER kodu_time_moved BEFORE UPDATE OF cron_next_exec ON kodu_cron_plugin
-    FOR EACH ROW
-    WHEN (OLD.cron_wanted = OLD.cron_next_exec AND NEW.cron_next_exec > OLD.cron_next_exec
-          AND NEW.cron_wanted IS NOT DISTINCT FROM OLD.cron_wanted
-          AND NEW.cron_status IS NOT DISTINCT FROM OLD.cron_status)
-    EXECUTE FUNCTION kodu_keep_wanted();
+-- The one trigger of the daemon's updates. The server would read a WHEN clause, and set a search_path,
+-- again at each statement. Reading three columns is all that a task without a request costs.
+CREATE OR REPLACE FUNCTION kodu_follow_daemon() RETURNS trigger LANGUAGE plpgsql AS $$
+BEGIN
+    IF OLD.cron_wanted IS NULL AND NOT OLD.cron_changed AND NOT OLD.cron_delete THEN
+        RETURN NEW;
+    END IF;
+    RETURN public.kodu_follow_request(OLD, NEW);
+END
+$$;
+
+CREATE OR REPLACE TRIGGER kodu_task_updated
+    BEFORE UPDATE OF cron_status, cron_next_exec ON kodu_cron_plugin
+    FOR EACH ROW EXECUTE FUNCTION kodu_follow_daemon();
 
 -- For a purge that read the flag of a queued task just before its run began. The end of the run flags it
 -- again; the file that this run writes stays.
@@ -267,12 +267,12 @@ CREATE OR REPLACE FUNCTION kodu_move(task kodu_cron_plugin, due timestamp,
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 BEGIN
     IF kodu_runs_now(task) THEN
-        UPDATE kodu_cron_plugin SET cron_wanted = due,
-            -- The run that began as its time was moved is known by the two being equal.
-            cron_next_exec = CASE WHEN cron_wanted = cron_next_exec AND due <= kodu_pause_time()
-                                  THEN due ELSE cron_next_exec END
-        WHERE cron_id = task.cron_id;
+        UPDATE kodu_cron_plugin SET cron_wanted = due WHERE cron_id = task.cron_id;
         IF task.cron_wanted = task.cron_next_exec THEN
+            -- The run that began as its time was moved is known by the two being equal. To the trigger,
+            -- a time that is set but not changed would be the retry of a run.
+            UPDATE kodu_cron_plugin SET cron_next_exec = due
+            WHERE cron_id = task.cron_id AND due <= kodu_pause_time() AND cron_next_exec <> due;
             PERFORM kodu_tell_update(task.cron_id);  -- it has been told of the other time
         END IF;
     ELSE
@@ -981,8 +981,9 @@ BEGIN
         SELECT oid FROM pg_proc
         WHERE pronamespace = 'public'::regnamespace AND proname LIKE 'kodu\_%'
           AND prorettype <> 'trigger'::regtype
-          -- roles that may read the views call these
-          AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused')
+          -- roles that may read the views, or that update a task, call these
+          AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused',
+                              'kodu_follow_request')
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);
         EXECUTE format('GRANT EXECUTE ON FUNCTION %s TO kodu_admin', function);

@@ -20,8 +20,8 @@ SET LOCAL search_path = public;
 
 -- The number and the title of the latest file in sql/migrations, which changed existing tables to what
 -- this file creates.
-SET LOCAL kodu.schema_version = '3';
-SET LOCAL kodu.schema_title = 'let changes wait for the end of a run';
+SET LOCAL kodu.schema_version = '4';
+SET LOCAL kodu.schema_title = 'follow the daemon with one trigger';
 
 -- CREATE TABLE below does not change tables of another version, but the rest of this file would change.
 DO $$

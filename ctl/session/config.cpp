@@ -106,7 +106,7 @@ DaemonConfig readConfig(const std::string& mainFile, const std::string& user) {
   }
   requireReadable(config.databaseFile,
                   fmt::format("kodu_conf_file in {} names it; run koductl as the daemon's user or "
-                              "as root where only they may read it, or with --user ROLE",
+                              "as root, or use --user ROLE",
                               mainFile));
   readDatabaseFile(config);
   return config;

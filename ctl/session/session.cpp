@@ -86,7 +86,7 @@ bool isAboutMissing(const std::string& state) {
 /// A pooler or another program that speaks the protocol may answer anything.
 [[noreturn]] void refuseAnswer(const char* column) {
   throw Failure(kNoDatabase,
-                fmt::format("what answers is no PostgreSQL: no valid {} in its answer", column));
+                fmt::format("the server is not PostgreSQL: its answer has no valid {}", column));
 }
 
 /// Why a statement has ended that waited for a lock longer than `limit`, by the option's name.
@@ -193,7 +193,8 @@ ResultPtr Session::awaitResult(int limit) {
     throw Failure(kNoDatabase, serverMessage(reason));
   }
   const ExecStatusType status = PQresultStatus(result.get());
-  if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+  // An empty query is a migration that consists of a comment.
+  if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK && status != PGRES_EMPTY_QUERY) {
     fail(result, watch);
   }
   return result;

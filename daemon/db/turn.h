@@ -23,23 +23,27 @@ class Turn {
   bool try_lock_until(std::chrono::steady_clock::time_point limit) {
     std::unique_lock state(mutex);
     ++hurried;
-    const bool isMine = isFree.wait_until(state, limit, [this] { return !isTaken; });
+    const bool isMine = isFreeInHurry.wait_until(state, limit, [this] { return !isTaken; });
     --hurried;
     isTaken = isTaken || isMine;
     return isMine;
   }
 
   void unlock() {
+    bool isHurried;
     {
       const std::lock_guard state(mutex);
       isTaken = false;
+      isHurried = hurried > 0;
     }
-    isFree.notify_all();
+    // Waking one thread is enough, and each that wakes in vain costs two context switches.
+    (isHurried ? isFreeInHurry : isFree).notify_one();
   }
 
  private:
   std::mutex mutex;
   std::condition_variable isFree;
+  std::condition_variable isFreeInHurry;  // for those that wait for a limited time
   bool isTaken = false;  // guarded by mutex
   int hurried = 0;       // how many wait for a limited time; guarded by mutex
 };

@@ -71,7 +71,7 @@ TEST_F(OwnRoleTest, ExplainsHowToNameTheDatabase) {
 TEST_F(OwnRoleTest, NeedsTheFileForTheDaemonsRole) {
   const CtlResult result = runAsNobody(place, "status");
   EXPECT_EQ(result.exitCode, 77);
-  EXPECT_THAT(result.err, HasSubstr("as root where only they may read it, or with --user ROLE"));
+  EXPECT_THAT(result.err, HasSubstr("as root, or use --user ROLE"));
 }
 
 }  // namespace

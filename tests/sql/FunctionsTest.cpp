@@ -609,6 +609,16 @@ TEST_F(RunTest, IsDetectedWhenItsTimeWasMovedAtItsStart) {
   EXPECT_NEAR(static_cast<double>(nextIn(7)), 1200, 5);
 }
 
+TEST_F(RunTest, KeepsATimeThatIsSetTwice) {
+  set(7,
+      "cron_next_exec = date_trunc('second', now()) + interval '30 s',"
+      "cron_wanted = date_trunc('second', now()) + interval '30 s'");
+  call(
+      "kodu_task_set(7, next_run => (SELECT cron_wanted AT TIME ZONE 'UTC' FROM "
+      "kodu_cron_plugin))");
+  EXPECT_EQ(database.task(7, "cron_wanted = cron_next_exec"), "t") << "this is no retry";
+}
+
 TEST_F(RunTest, DelaysThePurgeWhenItsTimeWasMovedAtItsStart) {
   set(7, "cron_status = 'OK', cron_interval = '1 day'");
   call("kodu_task_pause(7)");
@@ -1126,10 +1136,10 @@ TEST_F(FunctionsTest, GrantsTheDaemonNoFunctionAndNoTable) {
   EXPECT_EQ(database.query("SELECT proname FROM pg_proc WHERE proname LIKE 'kodu\\_%' "
                            "AND has_function_privilege('kodu', oid, 'EXECUTE') ORDER BY 1"),
             (Rows{{"kodu_end_sharing"},
-                  {"kodu_follow_run"},
+                  {"kodu_follow_daemon"},
+                  {"kodu_follow_request"},
                   {"kodu_is_paused"},
                   {"kodu_is_running"},
-                  {"kodu_keep_wanted"},
                   {"kodu_notify_of_plugin"},
                   {"kodu_notify_of_task"},
                   {"kodu_pause_time"},
@@ -1137,7 +1147,7 @@ TEST_F(FunctionsTest, GrantsTheDaemonNoFunctionAndNoTable) {
                   {"kodu_refuse_row"},
                   {"kodu_remember_change"},
                   {"kodu_spare_run"}}))
-      << "triggers, and what the views call";
+      << "triggers, and what they and the views call";
   EXPECT_EQ(database.query("SELECT prosecdef, count(*) > 20 FROM pg_proc "
                            "WHERE proname LIKE 'kodu\\_%' GROUP BY 1"),
             (Rows{{"f", "t"}}))

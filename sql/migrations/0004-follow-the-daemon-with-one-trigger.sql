@@ -1,0 +1,1 @@
+-- sql/functions.sql has one trigger instead of two; the tables are those of version 3.
