@@ -74,7 +74,7 @@ void printAsJson(const SchemaState& state, const std::vector<Step>& steps) {
     Json::Value entry;
     entry["version"] = step.version;
     entry["title"] = step.title;
-    entry["applied_at"] = step.appliedAt.empty() ? Json::Value() : Json::Value(step.appliedAt);
+    entry["applied_at"] = jsonMoment(step.appliedAt);
     entry["applied_by"] = step.appliedBy.empty() ? Json::Value() : Json::Value(step.appliedBy);
     json["migrations"].append(entry);
   }
