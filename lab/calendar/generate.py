@@ -28,11 +28,11 @@ class Generator:
 
     def item(self, low, high, names=(), specials=()):
         kind = self.random.random()
-        if specials and kind < 0.2:
+        if specials and kind < 0.35:
             return self.random.choice(specials)()
-        if kind < 0.5:
+        if kind < 0.6:
             return self.value(low, high, names)[1]
-        if kind < 0.65:
+        if kind < 0.75:
             return self.range(low, high, names)
         step = self.random.randint(1, max(2, (high - low) // 2))
         body = self.random.choice([lambda: '*', lambda: self.range(low, high, names),
@@ -49,7 +49,15 @@ class Generator:
         name = self.value(0, 7, WEEKDAYS)[1]
         return name + self.random.choice(['L', 'l', '#1', '#2', '#3', '#4', '#5'])
 
+    def rare_expression(self):
+        """On the last days of February, which some years or all years have."""
+        return ' '.join([self.field(0, 59, star=0.1), self.field(0, 23, star=0.1),
+                         self.random.choice(['29', '29', '30', '*/28']), self.cased('feb'),
+                         self.random.choice(['*', '*/2', '*/5', '*/7', 'wed'])])
+
     def expression(self):
+        if self.random.random() < 0.05:
+            return self.rare_expression()
         if self.random.random() < 0.05:
             return self.cased(self.random.choice(list(SHORTHANDS)))
         return self.random.choice([' ', '  ', '\t']).join([

@@ -1,4 +1,4 @@
-"""A calendar followed minute by minute: slow, plain, and written without a look at sql/calendar.sql."""
+"""A calendar followed minute by minute: slow, plain, and nothing like sql/calendar.sql."""
 
 import calendar
 from datetime import date, datetime, timedelta, timezone
@@ -63,7 +63,8 @@ class Expression:
                 if number(name, WEEKDAYS) % 7 == weekday and (day.day - 1) // 7 + 1 == int(which):
                     return True
             elif item[-1] == 'l':
-                if number(item[:-1], WEEKDAYS) % 7 == weekday and (day + 7 * DAY).month != day.month:
+                is_last = (day + 7 * DAY).month != day.month
+                if number(item[:-1], WEEKDAYS) % 7 == weekday and is_last:
                     return True
             elif weekday in {value % 7 for value in values(item, 0, 7, WEEKDAYS)}:
                 return True
