@@ -30,7 +30,7 @@ class Turn {
   }
 
   void unlock() {
-    bool isHurried;
+    bool isHurried = false;
     {
       const std::lock_guard state(mutex);
       isTaken = false;

@@ -147,10 +147,10 @@ TEST_F(CheckConfigTest, WarnsOfAPasswordThatOthersCanRead) {
   const std::string warning = "warning: " + databaseFile() +
                               " contains a password and is readable by all users: chmod o-r " +
                               databaseFile();
-  for (const mode_t mode : {0644, 0604, 0666}) {
+  for (const mode_t mode : {0644U, 0604U, 0666U}) {
     EXPECT_THAT(check(true, mode), ElementsAre(warning)) << std::oct << mode;
   }
-  for (const mode_t mode : {0600, 0640, 0622, 0601}) {
+  for (const mode_t mode : {0600U, 0640U, 0622U, 0601U}) {
     EXPECT_THAT(check(true, mode), IsEmpty()) << std::oct << mode;
   }
 }
