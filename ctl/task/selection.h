@@ -13,6 +13,7 @@ struct Task;
 /// condition that is set.
 struct Selection {
   std::vector<int> ids;                     // one of these; empty: any
+  std::string prefix;                       // digits with which the id begins; "": any
   std::optional<std::string> name, plugin;  // patterns with * and ?; \ takes the next one literally
   bool isFailed = false, isLate = false, isRunning = false, isPaused = false, isDeleting = false;
   bool isNeverRun = false;
@@ -39,17 +40,27 @@ struct Statement {
   std::vector<std::string> values;
 };
 
-/// SELECT id, key: the selected tasks in their order, where key is what `Selection::after` takes.
-/// The conditions that cost most are tested last; no column is read that the selection does not need.
+/// SELECT id, place: the selected tasks and the values by which they are ordered. The conditions
+/// that cost most are tested last.
 Statement idsOf(const Selection& selection);
+
+/// Throws Failure (kNotFound) when one of the ids that the selection names does not exist.
+void requireIds(Session& session, const Selection& selection);
 
 /// Reads the selected tasks and calls `use` for each in the selection's order. None is kept: memory
 /// does not depend on their number. A second statement on the session has to wait for the end.
 void forEachTask(Session& session, const Selection& selection,
                  const std::function<void(const Task&)>& use);
 
-/// The same of a page that fits into memory.
+/// The definitions of all tasks, as takeDefinition() reads them, by id. None is kept.
+void forEachDefinition(Session& session, const std::function<void(const Task&)>& use);
+
+/// The selected tasks, of a page that fits into memory.
 std::vector<Task> readTasks(Session& session, const Selection& selection);
+
+/// The ids of the selected tasks in the selection's order, with their names or "". None is kept.
+void forEachId(Session& session, const Selection& selection, bool withNames,
+               const std::function<void(int, const std::string&)>& use);
 
 /// The ids of the selected tasks in the selection's order: four bytes for each.
 std::vector<int> readIds(Session& session, const Selection& selection);
