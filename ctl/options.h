@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "ctl/task/selection.h"
+
 /// The command line of koductl as given. A field that belongs to one command has its default for
 /// all others.
 // Grouped by command, not by size. NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding)
@@ -13,15 +15,21 @@ struct Options {
   bool asJson = false;
   int lockTimeout = 5, statementTimeout = 60;  // seconds; 0 is no limit
 
-  int id = 0;
+  int id = 0;  // of a command about one task
+
+  // Commands about several tasks.
+  Selection selection;
+  bool isAll = false;        // all tasks: no limit of a page, and no condition is needed
+  bool isConfirmed = false;  // change them without a question
+  bool isDryRun = false;     // change nothing; also schema
 
   bool isQuick = false;  // check
 
   // status
-  bool onlyFailed = false;
-  bool onlyLate = false;
   bool withOutput = false;
   bool watch = false;
+
+  bool withNames = false;  // ids
 
   // history, output
   int count = 20;        // rows
@@ -37,7 +45,6 @@ struct Options {
   std::optional<std::vector<std::string>> pluginArguments;
 
   std::optional<std::string> reason;  // pause
-  bool isConfirmed = false;           // delete
 
   // forecast: hours and seconds as numbers, and "ID=SECONDS"
   std::string hours = "1", runSeconds = "1";
@@ -51,7 +58,6 @@ struct Options {
 
   // schema
   std::string schemaAction;  // "": show the state; "upgrade"
-  bool isDryRun = false;
   int waitSeconds = 60;
   std::string connection;  // a libpq connection string instead of the INI files; "": none
 };

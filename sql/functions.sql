@@ -182,16 +182,27 @@ CREATE OR REPLACE TRIGGER kodu_task_updated
 -- update of the row. The purge has taken the task from the daemon's memory by then, and the next purge
 -- deletes the row. The flag is off during the run, and the end of the run sets it again; the file that
 -- this run writes stays. Before the run, cron_wanted says how long the row is kept. A due time proves
--- nothing: the functions may have moved it.
+-- nothing: the functions may have moved it. The same holds for a purge that read the flag just before the
+-- deletion was taken back: it has dropped the task from the daemon's memory, which loads it again.
 CREATE OR REPLACE FUNCTION kodu_spare_run() RETURNS trigger
 LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
 DECLARE
     utc timestamp := clock_timestamp() AT TIME ZONE 'UTC';
 BEGIN
-    IF (CASE WHEN OLD.cron_delete
-             -- A later time was wanted before somebody else set the flag.
-             THEN OLD.cron_wanted > utc AND OLD.cron_wanted < utc + interval '15 seconds'
-             ELSE OLD.cron_status = 'PROCESS' AND OLD.cron_wanted = 'infinity' END) THEN
+    IF NOT OLD.cron_delete AND OLD.cron_wanted = timestamp '1970-01-01' THEN
+        IF pg_notification_queue_usage() < 0.9 THEN
+            PERFORM pg_notify('koducronchannel', format(
+                '{"TYPE":"SERVICE","COMMAND":"ADD","ID":%s}', OLD.cron_id));
+        END IF;
+        RETURN NULL;
+    END IF;
+    IF NOT OLD.cron_delete AND OLD.cron_status = 'PROCESS' AND OLD.cron_wanted = 'infinity' THEN
+        RETURN NULL;
+    END IF;
+    -- A later time was wanted before somebody else set the flag.
+    IF OLD.cron_delete AND OLD.cron_wanted > utc AND OLD.cron_wanted < utc + interval '15 seconds' THEN
+        -- Too late to take the deletion back: the daemon has forgotten the task.
+        UPDATE public.kodu_cron_plugin SET cron_wanted = '-infinity' WHERE cron_id = OLD.cron_id;
         RETURN NULL;
     END IF;
     RETURN OLD;
@@ -218,10 +229,13 @@ LANGUAGE sql IMMUTABLE SET search_path = pg_catalog, public, pg_temp AS $$
                                            / EXTRACT(EPOCH FROM every)))::double precision
 $$;
 
+-- Not in SQL: PERFORM would parse and plan such a function again at each of ten thousand calls.
 CREATE OR REPLACE FUNCTION kodu_tell_update(task integer) RETURNS void
-LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
-    SELECT pg_notify('koducronchannel',
-                     format('{"TYPE":"SERVICE","COMMAND":"UPDATE","ID":%s}', task))
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    PERFORM pg_notify('koducronchannel',
+                      format('{"TYPE":"SERVICE","COMMAND":"UPDATE","ID":%s}', task));
+END
 $$;
 
 -- The task's row, which the daemon cannot write from here to the end of the transaction.
@@ -660,6 +674,7 @@ LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     old kodu_cron_plugin := kodu_task_take(task);
     was_due timestamp;
+    next_slot timestamp;
 BEGIN
     DELETE FROM kodu_cron_pause WHERE cron_id = task RETURNING next_exec INTO was_due;
     IF NOT kodu_paused_now(old) THEN
@@ -671,11 +686,13 @@ BEGIN
         PERFORM kodu_move(old, NULL);
         RETURN;
     END IF;
-    -- A run that an older version of these functions paused was due in 2036 when it ended.
-    UPDATE kodu_cron_plugin SET cron_last_exec = was_due
-    WHERE cron_id = task AND cron_last_exec >= kodu_pause_time();
-    PERFORM kodu_move(old, kodu_next_slot(COALESCE(was_due, kodu_soon()), old.cron_interval,
-                                          kodu_soon()));
+    IF old.cron_last_exec >= kodu_pause_time() THEN
+        -- A run that an older version of these functions paused was due in 2036 when it ended.
+        UPDATE kodu_cron_plugin SET cron_last_exec = was_due WHERE cron_id = task;
+    END IF;
+    -- Assigned, because PERFORM would plan these functions again at each call.
+    next_slot := kodu_next_slot(COALESCE(was_due, kodu_soon()), old.cron_interval, kodu_soon());
+    PERFORM kodu_move(old, next_slot);
 END
 $$;
 
@@ -726,6 +743,43 @@ BEGIN
 END
 $$;
 
+-- Takes a deletion back. The task is due at its next regular time; a pause from before goes on.
+--
+-- The daemon may have read the flag already: then it forgets the task, removes its files and its history
+-- and deletes the row at any moment. The mark in cron_wanted, which stays until the next run begins, has
+-- kodu_spare_run keep the row and tell the daemon of the task again.
+CREATE OR REPLACE FUNCTION kodu_task_undelete(task integer) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    old kodu_cron_plugin := kodu_task_lock(task);
+    was_paused boolean := EXISTS (SELECT FROM kodu_cron_pause WHERE cron_id = task);
+    soon timestamp := kodu_soon();
+    due timestamp;
+BEGIN
+    IF old.cron_delete AND old.cron_wanted = '-infinity' THEN
+        RAISE EXCEPTION 'the purge of task % has begun', task USING
+            ERRCODE = 'object_not_in_prerequisite_state',
+            HINT = 'Its files and its history are gone already. Add the task again.';
+    ELSIF old.cron_wanted = 'infinity' THEN  -- the end of a run in progress would have set the flag
+        UPDATE kodu_cron_plugin SET cron_wanted = CASE WHEN was_paused THEN kodu_pause_time() END
+        WHERE cron_id = task;
+    ELSIF old.cron_delete THEN
+        due := CASE WHEN was_paused THEN kodu_pause_time()
+                    ELSE kodu_next_slot(
+                        old.cron_next_exec - old.cron_interval * greatest(0, ceil(
+                            EXTRACT(EPOCH FROM old.cron_next_exec - soon)
+                            / EXTRACT(EPOCH FROM old.cron_interval)))::double precision,
+                        old.cron_interval, soon) END;
+        UPDATE kodu_cron_plugin SET cron_delete = FALSE, cron_next_exec = due,
+                                    cron_wanted = timestamp '1970-01-01'
+        WHERE cron_id = task;
+        PERFORM kodu_tell_update(task);
+    ELSE
+        RAISE NOTICE 'task % is not being deleted', task;
+    END IF;
+END
+$$;
+
 -- What the tasks do ------------------------------------------------------------------------------
 
 -- One row a task that the daemon runs, from the one definition in sql/schema.sql; times are UTC. due:
@@ -738,8 +792,8 @@ SELECT id,
        due_seconds AS lateness,
        last_due AS last_run,
        CASE WHEN running OR NOT paused THEN due END AS next_run,
-       cron_interval AS "interval",
-       COALESCE(cron_retries, 1) AS retries,
+       every AS "interval",
+       COALESCE(retry_limit, 1) AS retries,
        failures_hour,
        failures_day,
        failing_since,
@@ -751,7 +805,7 @@ SELECT id,
        paused_at,
        paused_by,
        pause_reason
-FROM kodu_task_state JOIN kodu_cron_plugin ON cron_id = id
+FROM kodu_task_state
 WHERE plugin_type = 'cron';
 
 COMMENT ON VIEW kodu_task_status IS 'One row a task that the daemon runs; times are UTC';
@@ -759,19 +813,28 @@ COMMENT ON COLUMN kodu_task_status.due IS 'Its time has come, and its run has no
 COMMENT ON COLUMN kodu_task_status.lateness IS 'Seconds since it was due; 0 before and while paused';
 COMMENT ON COLUMN kodu_task_status.last_run IS 'When the last run that has ended was due';
 
--- Deletes the history rows older than that, of all tasks, and returns their number. The copies of the
--- outputs remain in the archive folders.
-CREATE OR REPLACE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint
-LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
-DECLARE
-    deleted bigint;
+-- The time before which history is that old.
+CREATE OR REPLACE FUNCTION kodu_history_cutoff(older_than interval) RETURNS timestamp
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
 BEGIN
     IF older_than IS NULL OR older_than <= interval '0' THEN
         RAISE EXCEPTION 'the age must be longer than 0' USING
             ERRCODE = 'invalid_parameter_value',
             HINT = 'Use kodu_history_prune(''30 days''), for example.';
     END IF;
-    DELETE FROM kodu_cron_error WHERE cron_date < now() AT TIME ZONE 'UTC' - older_than;
+    RETURN now() AT TIME ZONE 'UTC' - older_than;
+END
+$$;
+
+-- Deletes the history rows older than that, of all tasks, and returns their number. The copies of the
+-- outputs remain in the archive folders.
+CREATE OR REPLACE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    deleted bigint;
+    cutoff timestamp := kodu_history_cutoff(older_than);
+BEGIN
+    DELETE FROM kodu_cron_error WHERE cron_date < cutoff;
     GET DIAGNOSTICS deleted = ROW_COUNT;
     RETURN deleted;
 END
@@ -783,12 +846,11 @@ $$;
 CREATE OR REPLACE FUNCTION kodu_schedule(OUT id integer, OUT first bigint, OUT every bigint)
 RETURNS SETOF record
 LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
-    SELECT cron_id,
+    SELECT state.id,
            floor(EXTRACT(EPOCH FROM kodu_next_slot(
-               cron_next_exec, cron_interval,
-               date_trunc('second', now() AT TIME ZONE 'UTC'))))::bigint,
-           EXTRACT(EPOCH FROM cron_interval)::bigint
-    FROM kodu_task_state JOIN kodu_cron_plugin ON cron_id = id
+               scheduled, state.every, date_trunc('second', now() AT TIME ZONE 'UTC'))))::bigint,
+           EXTRACT(EPOCH FROM state.every)::bigint
+    FROM kodu_task_state AS state
     WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused
 $$;
 

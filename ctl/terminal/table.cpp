@@ -50,7 +50,11 @@ std::vector<int> Table::widths() const {
 }
 
 std::vector<std::string> Table::render(int maxWidth) const {
-  const std::vector<int> columnWidths = widths();
+  return render(widths(), true, maxWidth);
+}
+
+std::vector<std::string> Table::render(const std::vector<int>& columnWidths, bool withHead,
+                                       int maxWidth) const {
   const auto renderLine = [&](const auto& cellAt) {
     Line line(maxWidth);
     for (std::size_t i = 0; i < columns.size(); ++i) {
@@ -66,16 +70,24 @@ std::vector<std::string> Table::render(int maxWidth) const {
     return line.content;
   };
   std::vector<std::string> rendered;
-  rendered.push_back(
-      renderLine([&](std::size_t i) { return Cell(columns[i].title, Colour::kBold); }));
+  if (withHead) {
+    rendered.push_back(
+        renderLine([&](std::size_t i) { return Cell(columns[i].title, Colour::kBold); }));
+  }
   for (const auto& cells : lines) {
     rendered.push_back(renderLine([&](std::size_t i) -> const Cell& { return cells[i]; }));
   }
   return rendered;
 }
 
-void Table::print() const {
-  for (const std::string& line : render(isTerminal() ? terminalSize().columns : 0)) {
+void Table::print() {
+  const bool isFirst = printedWidths.empty();
+  if (isFirst) {
+    printedWidths = widths();
+  }
+  for (const std::string& line :
+       render(printedWidths, isFirst, isTerminal() ? terminalSize().columns : 0)) {
     ::print("{}\n", Styled(line));
   }
+  lines.clear();
 }

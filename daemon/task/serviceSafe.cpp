@@ -21,6 +21,7 @@ serviceSafe::serviceSafe(const serviceSafe& other)
       MaxRetrie(other.MaxRetrie.load()),
       RetrieTime(other.RetrieTime.load()),
       ExecState(other.ExecState.load()),
+      isDropped(other.isDropped.load()),
       Service_idStr(other.GetService_idStr()),
       name(other.Getname()),
       parameter(other.Getparameter()),

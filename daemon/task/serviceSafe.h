@@ -76,7 +76,17 @@ class serviceSafe {
 
   /// 0 normal, 1 updated while known, 3 deleted or replaced: a worker that takes it drops the task.
   char GetExecState() const { return ExecState; }
-  void SetExecState(char state) { ExecState = state; }
+  void SetExecState(char state) {
+    isDropped = state == kRecordDropped;
+    ExecState = state;
+  }
+  /// Sets state 3 again when execute has cleared it: the mark came after the worker had looked at
+  /// the state. For the worker, before it puts the task back.
+  void restoreDrop() {
+    if (isDropped) {
+      ExecState = kRecordDropped;
+    }
+  }
 
   std::string Getname() const;
   /// The name itself. Takes no lock: for the thread that holds the record's last reference.
@@ -162,6 +172,7 @@ class serviceSafe {
   std::atomic<std::int32_t> MaxRetrie = 1;
   std::atomic<std::int32_t> RetrieTime = 120;
   std::atomic<char> ExecState = kRecordNormal;
+  std::atomic<bool> isDropped = false;  // the state that was set last was 3
   std::string Service_idStr;     // guarded by mutex
   std::string name;              // guarded by mutex
   std::string parameter;         // guarded by mutex, but for Setparameter's store

@@ -345,6 +345,30 @@ TEST_F(WorkerTest, PutsBackATaskThatIsDeletedDuringItsRun) {
 }
 
 // The output file.
+TEST_F(WorkerTest, KeepsAMarkThatComesJustBeforeTheRun) {
+  const TaskPtr task = addTask(1, "echo fine");
+  database.query("CREATE TABLE held AS SELECT 1 AS one");
+  // The statement that precedes the run waits: the worker has looked at the state by then.
+  database.query(
+      "CREATE FUNCTION hold() RETURNS trigger LANGUAGE plpgsql SECURITY DEFINER AS $$BEGIN"
+      " WHILE EXISTS (SELECT FROM held) LOOP PERFORM pg_sleep(0.01); END LOOP; RETURN NEW; END$$;"
+      "CREATE TRIGGER hold BEFORE UPDATE ON kodu_cron_plugin FOR EACH ROW"
+      " WHEN (NEW.cron_status = 'PROCESS') EXECUTE FUNCTION hold()");
+  startWorkers(1);
+  queueExecTask->push(task);
+  ASSERT_TRUE(waitUntil([&] {
+    return database.value("SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'PgSleep'") ==
+           "1";
+  }));
+
+  task->SetExecState(3);
+  database.query("DELETE FROM held");
+
+  EXPECT_TRUE(waitUntil([] { return serviceQueue->size() == 1; }));
+  EXPECT_EQ(status(1), "OK") << "a run that has begun is completed";
+  EXPECT_EQ(task->GetExecState(), 3) << "the next pop drops it";
+}
+
 TEST_F(WorkerTest, LeavesTheTailOfALongerOutput) {
   fs::create_directories(log_directory);
   writeFile(log_directory + "/out_1_last.txt", std::string(30, 'x'));
