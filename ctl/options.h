@@ -13,6 +13,10 @@ struct Options {
   bool asJson = false;
   int lockTimeout = 5, statementTimeout = 60;  // seconds; 0 is no limit
 
+  // Of the session, set by commands.
+  std::string applicationName = "kodu_ctl";
+  std::optional<int> connectTimeout;  // seconds; nothing: that of the database file, else 10
+
   int id = 0;
 
   bool isQuick = false;  // check
@@ -23,10 +27,18 @@ struct Options {
   bool withOutput = false;
   bool watch = false;
 
+  // logs, with onlyFailed and follow
+  std::optional<int> onlyTask;  // nothing: all tasks
+  int outputs = 10;             // at most
+
   // history, output
   int count = 20;        // rows
   std::string archived;  // "": the last output; a file name, or a number counted from the latest
   bool follow = false;
+
+  // health: whole numbers of seconds, the failures a count; nothing: no limit
+  std::string warnOverdue = "10", criticalOverdue = "60", warnProcess = "600", answerTimeout = "5";
+  std::optional<std::string> warnFailures;
 
   // add, set; without a value, the database's default or the present value is kept. Periods are
   // intervals in the syntax of PostgreSQL ("90 s", "5m"), and so are times ("2030-01-01 12:00",
@@ -36,6 +48,7 @@ struct Options {
   /// The arguments after "--"; nothing without "--".
   std::optional<std::vector<std::string>> pluginArguments;
 
+  bool isAwaited = false;             // run
   std::optional<std::string> reason;  // pause
   bool isConfirmed = false;           // delete
 

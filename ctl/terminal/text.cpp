@@ -45,6 +45,10 @@ std::string timeText(long time) {
   return formatted(time, "%Y-%m-%d %H:%M:%S");
 }
 
+std::string zonedTime(long time) {
+  return timeText(time) + " UTC";
+}
+
 std::string shortTime(std::optional<long> time, long now) {
   if (!time) {
     return "-";

@@ -11,6 +11,8 @@
 
 /// "2024-05-01 13:02:09".
 std::string timeText(long time);
+/// "2024-05-01 13:02:09 UTC".
+std::string zonedTime(long time);
 /// The time alone on the day of `now`, else with its date; "-" without a value.
 std::string shortTime(std::optional<long> time, long now);
 /// "1d 2h", "5m", "90s": at most two units, the rest truncated.
