@@ -13,6 +13,7 @@
 #include "ctl/failure.h"
 #include "ctl/help.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
@@ -41,7 +42,7 @@ class Parser {
     app.footer(
         "koductl COMMAND --help describes a command. Commands that change tasks or plan need "
         "--user with a member of kodu_admin. Intervals and times have the syntax of PostgreSQL: "
-        "90s, 5m or 1 day, and 2026-12-01 08:00 or tomorrow. Times are UTC.");
+        "90s, 5m or 1 day, and 2026-12-01 08:00, 18:30 or tomorrow.");
     addCommonOptions();
     addReadingCommands();
     addChangingCommands();
@@ -56,6 +57,7 @@ class Parser {
     try {
       app.parse(arguments);
       refuseStrayArguments();
+      useZone(options.zone);
     } catch (const CLI::ParseError& e) {
       request.run = nullptr;
       request.exitCode = reportParseError(e);
@@ -82,6 +84,9 @@ class Parser {
                "Wait at most SECONDS for a lock; 0 sets no limit");
     addTimeout("--statement-timeout", options.statementTimeout,
                "Wait at most SECONDS for a statement; 0 sets no limit");
+    app.add_option("--zone", options.zone,
+                   "Take and show times in this time zone, such as Europe/Berlin; JSON has UTC")
+        ->option_text("ZONE (that of TZ, else of the system)");
     app.add_flag("--json", options.asJson, "Print data as JSON");
     app.set_help_flag("-h,--help", "Print help and exit; after a command, help for this command");
     app.set_version_flag("--version", std::string("koductl " KODU_VERSION),
@@ -216,13 +221,18 @@ class Parser {
     group = "Change tasks";
     addAdd();
     addSet();
-    CLI::App* pause =
-        addTaskCommand("pause", "Keep a task from running until it is resumed", runPause);
+    CLI::App* pause = addTaskCommand(
+        "pause", "Keep a task from running until it is resumed, or until a time", runPause);
     pause->footer(
         "A run in progress is completed first, with its retries. A restart of the daemon does not "
         "end the pause.");
     pause->add_option("--reason", options.reason, "Record the reason of the pause")
         ->option_text("TEXT");
+    pause
+        ->add_option("--until", options.until,
+                     "End the pause at this time, or after this time: as 18:00 or 2h; the next run "
+                     "is the first regular one from then on")
+        ->option_text("TIME (no end)");
     addTaskCommand("resume", "Let a paused task run again", runResume);
     CLI::App* now = addTaskCommand("run", "Run a task now", runNow);
     now->footer(
@@ -259,11 +269,15 @@ class Parser {
     CLI::App* set = addTaskCommand("set", "Change a task", runSet);
     set->footer(
         "Settings that are not given do not change. The arguments that follow -- replace all "
-        "arguments of the plugin; -- alone removes them. The time limit of a task does not "
-        "change.");
+        "arguments of the plugin; -- alone removes them.");
     set->add_option("--plugin", options.plugin, "Run another plugin: its name or path")
         ->option_text("PLUGIN");
     addDefinition(set);
+    CLI::Option* timeout =
+        set->add_option("--timeout", options.timeout,
+                        "End a run after this time, by running the plugin through koduguard")
+            ->option_text("INTERVAL");
+    set->add_flag("--no-timeout", options.isUnlimited, "Let runs take any time")->excludes(timeout);
     set->add_option("--next", options.next, "Time of the next run; later runs follow from it")
         ->option_text("TIME");
   }

@@ -10,6 +10,7 @@
 struct Options {
   std::string configFile;  // the daemon's main INI file
   std::string user;        // "": the role of the INI file
+  std::string zone;        // "": that of TZ, else of the system
   bool asJson = false;
   int lockTimeout = 5, statementTimeout = 60;  // seconds; 0 is no limit
 
@@ -44,13 +45,14 @@ struct Options {
   // intervals in the syntax of PostgreSQL ("90 s", "5m"), and so are times ("2030-01-01 12:00",
   // "tomorrow").
   std::optional<std::string> plugin, name, every, fileName, retryAfter, next, timeout;
+  bool isUnlimited = false;  // set: without a timeout
   std::optional<int> retries;
   /// The arguments after "--"; nothing without "--".
   std::optional<std::vector<std::string>> pluginArguments;
 
-  bool isAwaited = false;             // run
-  std::optional<std::string> reason;  // pause
-  bool isConfirmed = false;           // delete
+  bool isAwaited = false;                    // run
+  std::optional<std::string> reason, until;  // pause; the end also as an interval
+  bool isConfirmed = false;                  // delete
 
   // forecast: hours and seconds as numbers, and "ID=SECONDS"
   std::string hours = "1", runSeconds = "1";

@@ -16,6 +16,7 @@
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
@@ -87,13 +88,13 @@ void printBusiestMinutes(std::vector<Minute> minutes) {
                    [](const Minute& a, const Minute& b) { return a.runs > b.runs; });
   minutes.resize(std::min(minutes.size(), kShownMinutes));
   constexpr auto kRight = Table::Align::kRight;
-  Table table({{"BUSIEST MINUTES (UTC)"},
+  Table table({{fmt::format("BUSIEST MINUTES ({})", zoneName())},
                {"RUNS", kRight},
                {"BUSIEST SECOND"},
                {"RUNS", kRight},
                {"WORKERS", kRight}});
   for (const Minute& minute : minutes) {
-    table.add({minute.time, std::to_string(minute.runs), minute.busiestSecond,
+    table.add({localText(minute.time), std::to_string(minute.runs), localText(minute.busiestSecond),
                std::to_string(minute.busiestRuns), std::to_string(minute.workers)});
   }
   table.print();
@@ -113,7 +114,8 @@ void printSummary(const std::vector<Minute>& minutes, const Options& options,
   }
   print("{} in {} h", counted(runs, "run"), options.hours);
   if (busiest.busiestRuns > 0) {
-    print("; the busiest second is {} with {}", busiest.busiestSecond, busiest.busiestRuns);
+    print("; the busiest second is {} with {}", localText(busiest.busiestSecond),
+          busiest.busiestRuns);
   }
   print(".\nRuns of {} s need {}; thread_number is {}.\n\n", options.runSeconds,
         counted(workers, "worker"), threadNumber);

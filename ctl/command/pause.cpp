@@ -5,6 +5,7 @@
 #include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session/call.h"
+#include "ctl/session/moment.h"
 #include "ctl/session/session.h"
 #include "ctl/task/task.h"
 
@@ -14,6 +15,7 @@ int runPause(const Options& options) {
   Call("kodu_task_pause")
       .with("task", options.id)
       .with("reason", "text", options.reason)
+      .with("until", "timestamptz", momentOf(session, options.until, true))
       .run(session);
   reportChange(session, options, options.id, "paused");
   return kDone;

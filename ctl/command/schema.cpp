@@ -13,6 +13,7 @@
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
@@ -51,10 +52,11 @@ const char* wordOf(const SchemaState& state) {
 }
 
 void printForPeople(const SchemaState& state, const std::vector<Step>& steps) {
-  Table table({{"VERSION", Table::Align::kRight}, {"TITLE"}, {"APPLIED (UTC)"}, {"BY"}});
+  Table table(
+      {{"VERSION", Table::Align::kRight}, {"TITLE"}, {"APPLIED (" + zoneName() + ")"}, {"BY"}});
   for (const Step& step : steps) {
     table.add({std::to_string(step.version), step.title,
-               step.appliedAt.empty() ? "pending" : step.appliedAt, step.appliedBy});
+               step.appliedAt.empty() ? "pending" : localText(step.appliedAt), step.appliedBy});
   }
   table.print();
   print("\nThe database has version {}, this koductl knows version {}: {}.\n", state.version,

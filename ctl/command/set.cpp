@@ -6,6 +6,7 @@
 #include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session/call.h"
+#include "ctl/session/moment.h"
 #include "ctl/session/session.h"
 #include "ctl/task/task.h"
 
@@ -15,12 +16,14 @@ int runSet(const Options& options) {
   Call call("kodu_task_set");
   call.with("task", options.id)
       .with("plugin", "text", options.plugin)
-      .with("next_run", "timestamptz", options.next)
+      .with("next_run", "timestamptz", momentOf(session, options.next))
+      .with("timeout", "interval",
+            options.isUnlimited ? std::optional<std::string>("0") : options.timeout)
       .with("parameters", "text", parametersOf(options));
   giveDefinition(call, options);
   call.run(session);
   reportChange(session, options, options.id, "changed");
-  if (options.plugin) {
+  if (options.plugin || options.timeout) {
     warnOfPlugin(session, options.id);
   }
   return kDone;

@@ -11,6 +11,7 @@
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
@@ -45,10 +46,13 @@ Plan readPlan(const Options& options, Session& session) {
 }
 
 void printPlan(const Plan& plan, bool isApplied) {
-  Table table(
-      {{"ID", Table::Align::kRight}, {"NAME"}, {"EVERY"}, {"NEXT RUN (UTC)"}, {"PROPOSED"}});
+  Table table({{"ID", Table::Align::kRight},
+               {"NAME"},
+               {"EVERY"},
+               {"NEXT RUN (" + zoneName() + ")"},
+               {"PROPOSED"}});
   for (const Plan::Move& move : plan.moves) {
-    table.add({move.id, move.name, move.every, move.nextRun, move.proposed});
+    table.add({move.id, move.name, move.every, localText(move.nextRun), localText(move.proposed)});
   }
   if (!plan.moves.empty()) {
     table.print();

@@ -23,6 +23,7 @@
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
@@ -85,8 +86,9 @@ void addHistory(Cells& line, const Task& task) {
 
 /// "since 10:31:01 by alice: new disks".
 std::string pauseCell(const Pause& pause, long now) {
-  return fmt::format("since {}{}{}", shortTime(pause.since, now),
+  return fmt::format("since {}{}{}{}", shortTime(pause.since, now),
                      pause.by.empty() ? "" : " by " + pause.by,
+                     pause.until ? " until " + shortTime(pause.until, now) : "",
                      pause.reason.empty() ? "" : ": " + pause.reason);
 }
 
@@ -140,8 +142,8 @@ std::string headline(const std::vector<Task>& tasks) {
   }
   const auto late =
       std::count_if(tasks.begin(), tasks.end(), [](const Task& task) { return task.isLate; });
-  return fmt::format("{}{}; {} late. Times are UTC.",
-                     counted(static_cast<long>(tasks.size()), "task"), states, late);
+  return fmt::format("{}{}; {} late. {}", counted(static_cast<long>(tasks.size()), "task"), states,
+                     late, zoneSentence());
 }
 
 void printTasks(const std::vector<Task>& tasks, const Options& options) {

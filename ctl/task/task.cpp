@@ -16,6 +16,7 @@ SELECT id, name, plugin_path AS path, plugin_type AS type,
        status, deleting, running, awaiting_retry, late, late_seconds,
        paused, paused_by, pause_reason,
        floor(EXTRACT(EPOCH FROM paused_at))::bigint AS paused_at,
+       floor(EXTRACT(EPOCH FROM paused_until))::bigint AS paused_until,
        floor(EXTRACT(EPOCH FROM last_due))::bigint AS last,
        floor(EXTRACT(EPOCH FROM due))::bigint AS next,
        floor(EXTRACT(EPOCH FROM due_after_run))::bigint AS after_run,
@@ -40,8 +41,8 @@ std::optional<Pause> pauseOf(const Rows& rows, int row) {
   if (!rows.isTrue(row, "paused")) {
     return std::nullopt;
   }
-  return Pause{rows.optionalNumber(row, "paused_at"), rows.text(row, "paused_by"),
-               rows.text(row, "pause_reason")};
+  return Pause{rows.optionalNumber(row, "paused_at"), rows.optionalNumber(row, "paused_until"),
+               rows.text(row, "paused_by"), rows.text(row, "pause_reason")};
 }
 
 /// The definition of the task in its row.
@@ -90,6 +91,7 @@ Json::Value toJson(const std::optional<Pause>& pause) {
   }
   Json::Value json;
   json["since"] = jsonTime(pause->since);
+  json["until"] = jsonTime(pause->until);
   json["by"] = pause->by;
   json["reason"] = pause->reason;
   return json;
@@ -100,10 +102,13 @@ Json::Value toJson(const std::optional<Pause>& pause) {
 std::string pauseText(const Pause& pause, long now) {
   std::string text = "paused";
   if (pause.since) {
-    text += fmt::format(" since {} UTC ({} ago)", timeText(*pause.since),
+    text += fmt::format(" since {} ({} ago)", zonedTime(*pause.since),
                         durationText(now - *pause.since));
   }
   text += pause.by.empty() ? "" : " by " + pause.by;
+  text += pause.until ? fmt::format(" until {} (in {})", zonedTime(*pause.until),
+                                    durationText(*pause.until - now))
+                      : "";
   return text + (pause.reason.empty() ? "" : ": " + pause.reason);
 }
 

@@ -13,6 +13,7 @@ class serviceCron;
 /// Why a task does not run.
 struct Pause {
   std::optional<long> since;  // nothing where it was paused without the functions
+  std::optional<long> until;  // nothing where it does not end by itself
   std::string by, reason;     // "" where they are not known
 };
 
@@ -72,7 +73,8 @@ struct Workload {
 };
 Workload countRunning(Session& session);
 
-/// "paused since 2024-05-01 13:02:09 UTC (5m ago) by alice: new disks"; unknown parts are omitted.
+/// "paused since 2024-05-01 13:02:09 UTC (5m ago) by alice until 2024-05-01 15:00:00 UTC (in 1h
+/// 57m): new disks"; unknown parts are omitted.
 std::string pauseText(const Pause& pause, long now);
 
 /// Everything above as a JSON object.

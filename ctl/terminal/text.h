@@ -6,13 +6,16 @@
 
 #include <json/json.h>
 
-// The formats of times and numbers in koductl's output. Times are seconds since the epoch, shown in
-// UTC as in the database.
+// The formats of times and numbers in koductl's output. Times are seconds since the epoch. People
+// see them in the zone of ctl/terminal/zone.h, JSON has UTC.
 
 /// "2024-05-01 13:02:09".
 std::string timeText(long time);
-/// "2024-05-01 13:02:09 UTC".
+/// "2024-05-01 13:02:09 UTC": with the abbreviation of the zone.
 std::string zonedTime(long time);
+/// A time as the database prints it, "2024-05-01 13:02:09" in UTC, in the form of timeText();
+/// another text as it is.
+std::string localText(const std::string& utc);
 /// The time alone on the day of `now`, else with its date; "-" without a value.
 std::string shortTime(std::optional<long> time, long now);
 /// "1d 2h", "5m", "90s": at most two units, the rest truncated.

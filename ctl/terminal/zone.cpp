@@ -60,3 +60,8 @@ std::string zoneName() {
   }
   return name.empty() || name == "Etc/UTC" ? "UTC" : name;
 }
+
+std::string zoneSentence() {
+  const std::string name = zoneName();
+  return fmt::format("Times are {}{}.", name == "UTC" ? "" : "those of ", name);
+}

@@ -10,3 +10,6 @@ void useZone(const std::string& name);
 
 /// The name that the server knows the zone by: "Europe/Berlin", or "UTC".
 std::string zoneName();
+
+/// "Times are UTC." or "Times are those of Europe/Berlin."
+std::string zoneSentence();
