@@ -12,17 +12,26 @@
 #include "ctl/command/commands.h"
 #include "ctl/failure.h"
 #include "ctl/help.h"
+#include "ctl/session/schemaVersion.h"
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/zone.h"
 
 namespace {
 
 constexpr const char* kPluginArgument = "ARGUMENT";
+constexpr int kJsonVersion = 1;    // of docs/json.md
 constexpr int kPluginUnknown = 3;  // the exit status of a monitoring plugin that cannot tell
 
 /// The text of an option: "COUNT (20)".
 std::string valueWithDefault(const std::string& value, const std::string& standard) {
   return fmt::format("{} ({})", value, standard);
+}
+
+std::string versionText(bool asJson) {
+  return asJson
+             ? fmt::format("{{\n  \"json\" : {},\n  \"koductl\" : \"{}\",\n  \"schema\" : {}\n}}",
+                           kJsonVersion, KODU_VERSION, knownSchemaVersion())
+             : "koductl " KODU_VERSION;
 }
 
 /// The parser and the request that it fills. This is the only place that defines commands and
@@ -89,8 +98,9 @@ class Parser {
         ->option_text("ZONE (that of TZ, else of the system)");
     app.add_flag("--json", options.asJson, "Print data as JSON");
     app.set_help_flag("-h,--help", "Print help and exit; after a command, help for this command");
-    app.set_version_flag("--version", std::string("koductl " KODU_VERSION),
-                         "Print the version and exit");
+    app.set_version_flag(
+        "--version", [this] { return versionText(options.asJson); },
+        "Print the version and exit; with --json, also those of the JSON and of the tables");
   }
 
   void addTimeout(const char* name, int& seconds, const char* description) {
@@ -121,6 +131,14 @@ class Parser {
   void addReadingCommands() {
     group = "Show tasks";
     addStatus();
+    addCommand("top", "Show late, running, failing and the latest tasks, live", runTop)
+        ->footer(
+            "Keys select what is shown (a all, l late, r running, f failing, t latest), sort it "
+            "(s, S "
+            "for the other direction), filter it by name (/), explain the selected task (Enter), "
+            "pause it (p), resume it (u), run it (x) and quit (q). With --json, the present state "
+            "is "
+            "printed once.");
     addTaskCommand("show", "Show everything that is known about a task", runShow)
         ->footer(
             "This includes its plugin and arguments, interval, status, due times, retries, "

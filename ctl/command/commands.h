@@ -7,6 +7,7 @@ struct Options;
 
 int runStatus(const Options& options);
 int runShow(const Options& options);
+int runTop(const Options& options);
 int runExplain(const Options& options);
 int runLogs(const Options& options);
 int runHistory(const Options& options);

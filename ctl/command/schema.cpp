@@ -76,7 +76,7 @@ void printAsJson(const SchemaState& state, const std::vector<Step>& steps) {
     Json::Value entry;
     entry["version"] = step.version;
     entry["title"] = step.title;
-    entry["applied_at"] = step.appliedAt.empty() ? Json::Value() : Json::Value(step.appliedAt);
+    entry["applied_at"] = jsonMoment(step.appliedAt);
     entry["applied_by"] = step.appliedBy.empty() ? Json::Value() : Json::Value(step.appliedBy);
     json["migrations"].append(entry);
   }
@@ -101,9 +101,29 @@ int showState(const Options& options, Session& session) {
   return state.isNewer() ? kNewer : state.isBehind() ? kBehind : kCurrent;
 }
 
+void printUpgradeAsJson(const Options& options, int before) {
+  Json::Value json;
+  json["dry_run"] = options.isDryRun;
+  json["version"] = knownSchemaVersion();
+  json["applied"] = Json::Value(Json::arrayValue);
+  for (const Migration& migration : migrations()) {
+    if (migration.version > before) {
+      Json::Value entry;
+      entry["version"] = migration.version;
+      entry["title"] = migration.title;
+      json["applied"].append(entry);
+    }
+  }
+  printJson(json);
+}
+
 int upgrade(const Options& options, Session& session) {
   const int before =
       upgradeSchema(session, {options.isDryRun, std::chrono::seconds(options.waitSeconds)});
+  if (options.asJson) {
+    printUpgradeAsJson(options, before);
+    return kDone;
+  }
   for (const Migration& migration : migrations()) {
     if (migration.version > before) {
       print("{} {}: {}\n", options.isDryRun ? "would apply" : "applied", migration.version,

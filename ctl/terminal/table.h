@@ -32,11 +32,15 @@ class Table {
   /// Head and lines, each truncated to `maxWidth` columns if that is above 0.
   std::vector<std::string> render(int maxWidth = 0) const;
 
+  /// The same without colours and attributes.
+  std::vector<std::string> renderPlain(int maxWidth) const;
+
   /// Prints it, truncated to the width of the terminal if there is one.
   void print() const;
 
  private:
   std::vector<int> widths() const;
+  std::vector<std::string> renderWith(int maxWidth, bool withColours) const;
 
   std::vector<Column> columns;  // constant after construction
   std::vector<std::vector<Cell>> lines;

@@ -53,10 +53,15 @@ std::string zonedTime(long time) {
   return local(time, "%Y-%m-%d %H:%M:%S %Z");
 }
 
-std::string localText(const std::string& utc) {
+std::optional<long> utcTime(const std::string& text) {
   std::tm parts{};
-  const char* end = strptime(utc.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
-  return end != nullptr && *end == '\0' ? timeText(timegm(&parts)) : utc;
+  const char* end = strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
+  return end != nullptr && *end == '\0' ? std::optional(timegm(&parts)) : std::nullopt;
+}
+
+std::string localText(const std::string& utc) {
+  const auto time = utcTime(utc);
+  return time ? timeText(*time) : utc;
 }
 
 std::string shortTime(std::optional<long> time, long now) {

@@ -13,7 +13,9 @@
 std::string timeText(long time);
 /// "2024-05-01 13:02:09 UTC": with the abbreviation of the zone.
 std::string zonedTime(long time);
-/// A time as the database prints it, "2024-05-01 13:02:09" in UTC, in the form of timeText();
+/// A time as the database prints it, "2024-05-01 13:02:09" in UTC; nothing for another text.
+std::optional<long> utcTime(const std::string& text);
+/// Such a time in the form of timeText();
 /// another text as it is.
 std::string localText(const std::string& utc);
 /// The time alone on the day of `now`, else with its date; "-" without a value.
