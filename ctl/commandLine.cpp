@@ -128,6 +128,52 @@ class Parser {
     return sub;
   }
 
+  /// Adds the options that choose tasks. `prefix` goes before those that say something else to the
+  /// command: set --name gives a task its name.
+  void addSelection(CLI::App* sub, const std::string& prefix = "") {
+    Selection& selection = options.selection;
+    sub->add_option("ID", selection.ids, "Id of a task; koductl status lists the ids")
+        ->check(CLI::Range(0, 2147483647))
+        ->take_all();
+    sub->add_option("--" + prefix + "name", selection.name,
+                    "Only tasks whose name matches GLOB, with * for any characters and ? for one")
+        ->option_text("GLOB");
+    sub->add_option("--" + prefix + "plugin", selection.plugin,
+                    "Only tasks that run a program whose path matches PATH, with * and ?, also "
+                    "through koduguard")
+        ->option_text("PATH");
+    sub->add_flag("--failed", selection.isFailed, "Only tasks that are failing");
+    sub->add_flag("--late", selection.isLate, "Only tasks that are late");
+    sub->add_flag("--running", selection.isRunning, "Only tasks with a run in progress");
+    sub->add_flag("--paused", selection.isPaused, "Only tasks that are paused");
+    sub->add_flag("--deleting", selection.isDeleting, "Only tasks that are being deleted");
+    sub->add_flag("--never-ran", selection.isNeverRun, "Only tasks that have not run yet");
+    sub->add_option(
+           "--sort", selection.sort,
+           fmt::format("Sort by KEY, the smallest value first, or with \",desc\" the largest; "
+                       "the keys are {}",
+                       fmt::join(sortKeys(), ", ")))
+        ->option_text("KEY (id)");
+    sub->add_option("--limit", selection.limit, "Only the first COUNT of these tasks")
+        ->option_text("COUNT")
+        ->check(CLI::Range(1L, 2147483647L));
+    sub->add_option("--after", selection.after,
+                    "Only the tasks that follow this key, which the end of a page shows")
+        ->option_text("KEY");
+    sub->add_flag("--all", options.isAll, "All tasks");
+  }
+
+  /// A command that changes the selected tasks.
+  CLI::App* addChange(const char* name, const char* description, int (*command)(const Options&),
+                      const std::string& prefix = "") {
+    CLI::App* sub = addCommand(name, description, command);
+    addSelection(sub, prefix);
+    sub->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
+    sub->add_flag("--dry-run", options.isDryRun,
+                  "Perform the change, list the tasks, and take it back");
+    return sub;
+  }
+
   void addReadingCommands() {
     group = "Show tasks";
     addStatus();
@@ -139,6 +185,11 @@ class Parser {
             "pause it (p), resume it (u), run it (x) and quit (q). With --json, the present state "
             "is "
             "printed once.");
+    CLI::App* ids = addCommand("ids", "Print the ids of tasks, one on each line", runIds);
+    addSelection(ids);
+    ids->add_option("--prefix", options.selection.prefix, "Only ids that begin with DIGITS")
+        ->option_text("DIGITS");
+    ids->add_flag("--names", options.withNames, "Print the name after a tab");
     addTaskCommand("show", "Show everything that is known about a task", runShow)
         ->footer(
             "This includes its plugin and arguments, interval, status, due times, retries, "
@@ -198,12 +249,16 @@ class Parser {
   void addStatus() {
     CLI::App* status = addCommand("status", "List the tasks", runStatus);
     status->footer(
-        "A task is late when its run was due more than two seconds ago and has not started.");
-    status->add_flag("--failed", options.onlyFailed, "List only tasks that are failing");
-    status->add_flag("--late", options.onlyLate, "List only tasks that are late");
+        "A task is late when its run was due more than two seconds ago and has not started. A "
+        "terminal shows as many tasks as fit, and the line below them how to see the others; "
+        "elsewhere, and with --json, all are listed.");
+    addSelection(status);
     status->add_flag("--output", options.withOutput,
                      "Show the first line of each task's last output");
-    status->add_flag("--watch", options.watch, "Refresh the list every second until Ctrl-C");
+    status->add_flag(
+        "--watch", options.watch,
+        "Refresh the list until Ctrl-C: the tasks that it shows every second, which ones these "
+        "are and their number less often when there are many");
   }
 
   /// Commands about the runs of a task.
@@ -239,8 +294,28 @@ class Parser {
     group = "Change tasks";
     addAdd();
     addSet();
-    CLI::App* pause = addTaskCommand(
-        "pause", "Keep a task from running until it is resumed, or until a time", runPause);
+    addPause();
+    addChange("resume", "Let paused tasks run again", runResume);
+    CLI::App* now = addChange("run", "Run tasks now", runNow);
+    now->footer(
+        "The run is due in three seconds. If a run is in progress, the new run follows it. Later "
+        "runs follow at the interval of the task. With --wait, the exit status is 0 when the run "
+        "ended OK and 1 when it FAILED, after its retries.");
+    now->add_flag("--wait", options.isAwaited,
+                  "Wait for the end of the run of one task and print its output");
+    addChange("delete", "Delete tasks, their files and their history", runDelete)
+        ->footer(
+            "The daemon deletes them within two minutes; until then, koductl undelete keeps them. "
+            "If a run is in progress, the two minutes begin when it ends.");
+    addChange("undelete", "Keep tasks that are being deleted", runUndelete)
+        ->footer(
+            "This is possible until the daemon removes the task. A task whose removal begins at "
+            "the same moment can lose its files and its history.");
+  }
+
+  void addPause() {
+    CLI::App* pause =
+        addChange("pause", "Keep tasks from running until they are resumed, or until a time", runPause);
     pause->footer(
         "A run in progress is completed first, with its retries. A restart of the daemon does not "
         "end the pause.");
@@ -251,19 +326,6 @@ class Parser {
                      "End the pause at this time, or after this time: as 18:00 or 2h; the next run "
                      "is the first regular one from then on")
         ->option_text("TIME (no end)");
-    addTaskCommand("resume", "Let a paused task run again", runResume);
-    CLI::App* now = addTaskCommand("run", "Run a task now", runNow);
-    now->footer(
-        "The run is due in three seconds. If a run is in progress, the new run follows it. Later "
-        "runs follow at the interval of the task. With --wait, the exit status is 0 when the run "
-        "ended OK and 1 when it FAILED, after its retries.");
-    now->add_flag("--wait", options.isAwaited, "Wait for the end of the run and print its output");
-    CLI::App* remove =
-        addTaskCommand("delete", "Delete a task, its files and its history", runDelete);
-    remove->footer(
-        "The daemon deletes them within two minutes. If a run is in progress, the two minutes "
-        "begin when it ends.");
-    remove->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
   }
 
   void addAdd() {
@@ -284,7 +346,7 @@ class Parser {
   }
 
   void addSet() {
-    CLI::App* set = addTaskCommand("set", "Change a task", runSet);
+    CLI::App* set = addChange("set", "Change tasks", runSet, "where-");
     set->footer(
         "Settings that are not given do not change. The arguments that follow -- replace all "
         "arguments of the plugin; -- alone removes them.");
@@ -355,12 +417,14 @@ class Parser {
     CLI::App* prune = addCommand(
         "prune", "Delete old history and the archived outputs that belong to it", runPrune);
     prune->footer(
-        "Files are deleted before rows, so a second call completes an interrupted one. Run it as "
-        "the daemon's user or as root: it needs the right to delete the daemon's files. "
+        "Without conditions, the history of all tasks is meant, and nothing is asked. "
+        "Files are deleted before rows, so a second call completes an interrupted one. Run it "
+        "as the daemon's user or as root: it needs the right to delete the daemon's files. "
         "Without this right it deletes nothing.");
-    prune
-        ->add_option("--older-than", options.olderThan,
-                     "Delete what is older than this, such as 30d")
+    addSelection(prune);
+    prune->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
+    prune->add_flag("--dry-run", options.isDryRun, "Count what would be deleted");
+    prune->add_option("--older-than", options.olderThan, "Delete what is older than this, such as 30d")
         ->option_text("INTERVAL")
         ->required();
   }

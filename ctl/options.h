@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "ctl/task/selection.h"
+
 /// The command line of koductl as given. A field that belongs to one command has its default for
 /// all others.
 // Grouped by command, not by size. NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding)
@@ -18,19 +20,26 @@ struct Options {
   std::string applicationName = "kodu_ctl";
   std::optional<int> connectTimeout;  // seconds; nothing: that of the database file, else 10
 
-  int id = 0;
+  int id = 0;  // of a command about one task
+
+  // Commands about several tasks.
+  Selection selection;
+  bool isAll = false;        // all tasks: no limit of a page, and no condition is needed
+  bool isConfirmed = false;  // change them without a question
+  bool isDryRun = false;     // change nothing; also schema
 
   bool isQuick = false;  // check
 
   // status
-  bool onlyFailed = false;
-  bool onlyLate = false;
   bool withOutput = false;
   bool watch = false;
 
-  // logs, with onlyFailed and follow
+  bool withNames = false;  // ids
+
+  // logs, with follow
   std::optional<int> onlyTask;  // nothing: all tasks
   int outputs = 10;             // at most
+  bool onlyFailed = false;
 
   // history, output
   int count = 20;        // rows
@@ -52,7 +61,6 @@ struct Options {
 
   bool isAwaited = false;                    // run
   std::optional<std::string> reason, until;  // pause; the end also as an interval
-  bool isConfirmed = false;                  // delete
 
   // forecast: hours and seconds as numbers, and "ID=SECONDS"
   std::string hours = "1", runSeconds = "1";
@@ -66,7 +74,6 @@ struct Options {
 
   // schema
   std::string schemaAction;  // "": show the state; "upgrade"
-  bool isDryRun = false;
   int waitSeconds = 60;
   std::string connection;  // a libpq connection string instead of the INI files; "": none
 };

@@ -179,18 +179,24 @@ CREATE OR REPLACE TRIGGER kodu_task_updated
     FOR EACH ROW EXECUTE FUNCTION kodu_follow_daemon();
 
 -- For a purge that read the flag of a queued task just before its run began. The end of the run flags it
--- again; the file that this run writes stays.
+-- again; the file that this run writes stays. And for one that read it just before the deletion was taken
+-- back: it has dropped the task from the daemon's memory, which loads it again.
 CREATE OR REPLACE FUNCTION kodu_spare_run() RETURNS trigger
 LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
 BEGIN
+    IF OLD.cron_wanted = timestamp '1970-01-01' AND pg_notification_queue_usage() < 0.9 THEN
+        PERFORM pg_notify('koducronchannel', format(
+            '{"TYPE":"SERVICE","COMMAND":"ADD","ID":%s}', OLD.cron_id));
+    END IF;
     RETURN NULL;
 END
 $$;
 
 -- The flag is off during such a run. A time proves nothing: the functions may have moved it.
 CREATE OR REPLACE TRIGGER kodu_run_deleted BEFORE DELETE ON kodu_cron_plugin
-    FOR EACH ROW WHEN (OLD.cron_status = 'PROCESS' AND OLD.cron_wanted = 'infinity'
-                       AND NOT OLD.cron_delete)
+    FOR EACH ROW WHEN (NOT OLD.cron_delete
+                       AND (OLD.cron_status = 'PROCESS' AND OLD.cron_wanted = 'infinity'
+                            OR OLD.cron_wanted = timestamp '1970-01-01'))
     EXECUTE FUNCTION kodu_spare_run();
 
 -- Helpers of the functions below -----------------------------------------------------------------
@@ -209,10 +215,13 @@ LANGUAGE sql IMMUTABLE SET search_path = pg_catalog, public, pg_temp AS $$
                                            / EXTRACT(EPOCH FROM every)))::double precision
 $$;
 
+-- Not in SQL: PERFORM would parse and plan such a function again at each of ten thousand calls.
 CREATE OR REPLACE FUNCTION kodu_tell_update(task integer) RETURNS void
-LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
-    SELECT pg_notify('koducronchannel',
-                     format('{"TYPE":"SERVICE","COMMAND":"UPDATE","ID":%s}', task))
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    PERFORM pg_notify('koducronchannel',
+                      format('{"TYPE":"SERVICE","COMMAND":"UPDATE","ID":%s}', task));
+END
 $$;
 
 -- The task's row, which the daemon cannot write from here to the end of the transaction.
@@ -702,6 +711,7 @@ DECLARE
     old kodu_cron_plugin := kodu_task_take(task);
     was_paused boolean := kodu_paused_now(old);
     was_due timestamp;
+    next_slot timestamp;
 BEGIN
     DELETE FROM kodu_cron_pause WHERE cron_id = task RETURNING next_exec INTO was_due;
     IF NOT was_paused THEN
@@ -713,11 +723,13 @@ BEGIN
         PERFORM kodu_move(old, NULL);
         RETURN;
     END IF;
-    -- A run that an older version of these functions paused was due in 2036 when it ended.
-    UPDATE kodu_cron_plugin SET cron_last_exec = was_due
-    WHERE cron_id = task AND cron_last_exec >= kodu_pause_time();
-    PERFORM kodu_move(old, kodu_next_slot(COALESCE(was_due, kodu_soon()), old.cron_interval,
-                                          kodu_soon()));
+    IF old.cron_last_exec >= kodu_pause_time() THEN
+        -- A run that an older version of these functions paused was due in 2036 when it ended.
+        UPDATE kodu_cron_plugin SET cron_last_exec = was_due WHERE cron_id = task;
+    END IF;
+    -- Assigned, because PERFORM would plan these functions again at each call.
+    next_slot := kodu_next_slot(COALESCE(was_due, kodu_soon()), old.cron_interval, kodu_soon());
+    PERFORM kodu_move(old, next_slot);
 END
 $$;
 
@@ -766,6 +778,39 @@ BEGIN
 END
 $$;
 
+-- Takes a deletion back. The task is due at its next regular time; a pause from before goes on.
+--
+-- The daemon may have read the flag already: then it forgets the task, removes its files and its history
+-- and deletes the row at any moment. The mark in cron_wanted, which stays until the next run begins, has
+-- kodu_spare_run keep the row and tell the daemon of the task again.
+CREATE OR REPLACE FUNCTION kodu_task_undelete(task integer) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    old kodu_cron_plugin := kodu_task_lock(task);
+    was_paused boolean := EXISTS (SELECT FROM kodu_cron_pause WHERE cron_id = task);
+    soon timestamp := kodu_soon();
+    due timestamp;
+BEGIN
+    IF old.cron_wanted = 'infinity' THEN  -- the end of a run in progress would have set the flag
+        UPDATE kodu_cron_plugin SET cron_wanted = CASE WHEN was_paused THEN kodu_pause_time() END
+        WHERE cron_id = task;
+    ELSIF old.cron_delete THEN
+        due := CASE WHEN was_paused THEN kodu_pause_time()
+                    ELSE kodu_next_slot(
+                        old.cron_next_exec - old.cron_interval * greatest(0, ceil(
+                            EXTRACT(EPOCH FROM old.cron_next_exec - soon)
+                            / EXTRACT(EPOCH FROM old.cron_interval)))::double precision,
+                        old.cron_interval, soon) END;
+        UPDATE kodu_cron_plugin SET cron_delete = FALSE, cron_next_exec = due,
+                                    cron_wanted = timestamp '1970-01-01'
+        WHERE cron_id = task;
+        PERFORM kodu_tell_update(task);
+    ELSE
+        RAISE NOTICE 'task % is not being deleted', task;
+    END IF;
+END
+$$;
+
 -- What the tasks do ------------------------------------------------------------------------------
 
 -- One row a task that the daemon runs, from the one definition in sql/schema.sql; times are UTC. due:
@@ -778,8 +823,8 @@ SELECT id,
        due_seconds AS lateness,
        last_due AS last_run,
        CASE WHEN running OR NOT paused OR paused_until IS NOT NULL THEN due END AS next_run,
-       cron_interval AS "interval",
-       COALESCE(cron_retries, 1) AS retries,
+       every AS "interval",
+       COALESCE(retry_limit, 1) AS retries,
        failures_hour,
        failures_day,
        failing_since,
@@ -792,7 +837,7 @@ SELECT id,
        paused_by,
        pause_reason,
        paused_until
-FROM kodu_task_state JOIN kodu_cron_plugin ON cron_id = id
+FROM kodu_task_state
 WHERE plugin_type = 'cron';
 
 COMMENT ON VIEW kodu_task_status IS 'One row a task that the daemon runs; times are UTC';
@@ -800,19 +845,28 @@ COMMENT ON COLUMN kodu_task_status.due IS 'Its time has come, and its run has no
 COMMENT ON COLUMN kodu_task_status.lateness IS 'Seconds since it was due; 0 before and while paused';
 COMMENT ON COLUMN kodu_task_status.last_run IS 'When the last run that has ended was due';
 
--- Deletes the history rows older than that, of all tasks, and returns their number. The copies of the
--- outputs remain in the archive folders.
-CREATE OR REPLACE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint
-LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
-DECLARE
-    deleted bigint;
+-- The time before which history is that old.
+CREATE OR REPLACE FUNCTION kodu_history_cutoff(older_than interval) RETURNS timestamp
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
 BEGIN
     IF older_than IS NULL OR older_than <= interval '0' THEN
         RAISE EXCEPTION 'the age must be longer than 0' USING
             ERRCODE = 'invalid_parameter_value',
             HINT = 'Use kodu_history_prune(''30 days''), for example.';
     END IF;
-    DELETE FROM kodu_cron_error WHERE cron_date < now() AT TIME ZONE 'UTC' - older_than;
+    RETURN now() AT TIME ZONE 'UTC' - older_than;
+END
+$$;
+
+-- Deletes the history rows older than that, of all tasks, and returns their number. The copies of the
+-- outputs remain in the archive folders.
+CREATE OR REPLACE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    deleted bigint;
+    cutoff timestamp := kodu_history_cutoff(older_than);
+BEGIN
+    DELETE FROM kodu_cron_error WHERE cron_date < cutoff;
     GET DIAGNOSTICS deleted = ROW_COUNT;
     RETURN deleted;
 END
@@ -824,12 +878,11 @@ $$;
 CREATE OR REPLACE FUNCTION kodu_schedule(OUT id integer, OUT first bigint, OUT every bigint)
 RETURNS SETOF record
 LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
-    SELECT cron_id,
+    SELECT state.id,
            floor(EXTRACT(EPOCH FROM kodu_next_slot(
-               cron_next_exec, cron_interval,
-               date_trunc('second', now() AT TIME ZONE 'UTC'))))::bigint,
-           EXTRACT(EPOCH FROM cron_interval)::bigint
-    FROM kodu_task_state JOIN kodu_cron_plugin ON cron_id = id
+               scheduled, state.every, date_trunc('second', now() AT TIME ZONE 'UTC'))))::bigint,
+           EXTRACT(EPOCH FROM state.every)::bigint
+    FROM kodu_task_state AS state
     WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused
 $$;
 

@@ -332,7 +332,8 @@ CREATE OR REPLACE TRIGGER kodu_end_sharing
 -- is due in 2036, so it is still paused after a restart of the daemon; where the pause has an end, at its
 -- first regular time after that. Its previous due time is stored in kodu_cron_pause. From 2036 on, cron_next_exec can be moved twice by a year without exceeding its
 -- limit.
-CREATE OR REPLACE FUNCTION kodu_pause_time() RETURNS timestamp LANGUAGE sql IMMUTABLE
+CREATE OR REPLACE FUNCTION kodu_pause_time() RETURNS timestamp
+LANGUAGE sql IMMUTABLE PARALLEL SAFE
     RETURN timestamp '2036-01-01 00:00:00';
 
 -- A run, or the wait for its retry, is in progress: its due time stays in the row until it ends.
@@ -341,14 +342,14 @@ CREATE OR REPLACE FUNCTION kodu_pause_time() RETURNS timestamp LANGUAGE sql IMMU
 -- the task is to be deleted.
 CREATE OR REPLACE FUNCTION kodu_is_running(status text, due timestamp, wanted timestamp,
                                            moment timestamp)
-RETURNS boolean LANGUAGE sql IMMUTABLE
+RETURNS boolean LANGUAGE sql IMMUTABLE PARALLEL SAFE
     RETURN COALESCE(status = 'PROCESS' AND (due < moment OR wanted = due OR wanted = 'infinity'),
                     FALSE);
 
 -- A task is paused from the call on, although its time is moved only at the end of a run in progress.
 CREATE OR REPLACE FUNCTION kodu_is_paused(status text, due timestamp, wanted timestamp,
                                           moment timestamp)
-RETURNS boolean LANGUAGE sql IMMUTABLE
+RETURNS boolean LANGUAGE sql IMMUTABLE PARALLEL SAFE
     RETURN COALESCE(due >= kodu_pause_time()
                     OR kodu_is_running(status, due, wanted, moment)
                        AND wanted >= kodu_pause_time() AND wanted < 'infinity', FALSE);
@@ -371,7 +372,9 @@ WHERE usename = COALESCE(NULLIF(current_setting('kodu.daemon_role', TRUE), ''), 
 
 -- The one definition of each task's state, for all tools. One row a task; times are UTC. Rows whose
 -- plugin_type is not `cron` are among them, which the daemon does not run. A column that is not
--- selected costs nothing: what looks into the history is a subquery in the list of columns.
+-- selected costs nothing: what looks into the history is a subquery in the list of columns, and the
+-- outer joins, each to one row at most, are left out when none of their columns is read. Its functions
+-- allow several processes to share one count of a million tasks.
 --
 -- retry_due: the tables do not tell whether the retry has begun, only when it does at the earliest.
 -- failing_since: the first failure of those between which no run can have succeeded, as far as the
@@ -423,14 +426,25 @@ SELECT task.cron_id AS id,
            ORDER BY cron_date DESC
            LIMIT 1)
        END AS failing_since,
-       (SELECT connected FROM kodu_daemon_state) AS daemon_connected
+       (SELECT connected FROM kodu_daemon_state) AS daemon_connected,
+       CASE WHEN plugin_path NOT LIKE '%/koduguard' THEN plugin_path
+            WHEN guarded LIKE '"%' THEN split_part(guarded, '"', 2)
+            WHEN guarded LIKE '''%' THEN split_part(guarded, '''', 2)
+            ELSE split_part(guarded, ' ', 1) END AS program,
+       cron_parameter AS parameters,
+       cron_log_file AS file_name,
+       cron_interval AS every,
+       cron_retries AS retry_limit,
+       cron_retries_interval AS retry_delay,
+       cron_next_exec AS scheduled
 FROM kodu_cron_plugin AS task
-JOIN kodu_plugins ON plugin_id = cron_plugin_id
+LEFT JOIN kodu_plugins ON plugin_id = cron_plugin_id  -- never without one
 LEFT JOIN kodu_cron_pause AS pause ON pause.cron_id = task.cron_id
 CROSS JOIN LATERAL (
     SELECT now() AT TIME ZONE 'UTC' AS utc,
            COALESCE(cron_retries, 1) AS retries,
-           COALESCE(cron_retries_interval, interval '120 seconds') AS retry_after
+           COALESCE(cron_retries_interval, interval '120 seconds') AS retry_after,
+           ltrim(split_part(cron_parameter, '-- ', 2)) AS guarded
 ) AS present
 CROSS JOIN LATERAL (
     SELECT kodu_is_running(cron_status, cron_next_exec, cron_wanted, utc) AS running,
@@ -502,6 +516,11 @@ COMMENT ON COLUMN kodu_task_state.late IS 'late_seconds is more than the timer m
 COMMENT ON COLUMN kodu_task_state.due_after_run IS
     'The time that was set for the run after the one in progress; NULL: one interval after it';
 COMMENT ON COLUMN kodu_task_state.last_due IS 'When the last run that has ended was due';
+COMMENT ON COLUMN kodu_task_state.program IS
+    'The path of what does the work: the plugin, or the program that koduguard runs for it';
+COMMENT ON COLUMN kodu_task_state.retry_limit IS 'NULL: one';
+COMMENT ON COLUMN kodu_task_state.retry_delay IS 'NULL: 120 seconds';
+COMMENT ON COLUMN kodu_task_state.scheduled IS 'The time in the row: that of due, also while paused';
 COMMENT ON TABLE kodu_plugins IS 'Executables; those of plugin_type cron can be tasks';
 COMMENT ON TABLE kodu_cron_repair IS 'One row a run found unfinished at a start; times are UTC';
 COMMENT ON TABLE kodu_cron_error IS 'One row a failed run; times are UTC';

@@ -4,23 +4,46 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "ctl/check/checks.h"
 #include "ctl/check/findings.h"
 #include "ctl/daemon/daemonProcess.h"
 #include "ctl/files/fileCheck.h"
+#include "ctl/session/session.h"
 #include "ctl/task/guarded.h"
+#include "ctl/task/selection.h"
 #include "ctl/task/task.h"
 
 namespace {
 
 constexpr long kShortestRetryDelay = 2;  // seconds
 
+/// Output files that several tasks may write, and the first task that was found to write one.
+using SharedFiles = std::map<std::string, std::optional<int>>;
+
+/// A unique index sees to it that every other file belongs to one task. Without it, any may not.
+SharedFiles readSharedFiles(Session& session) {
+  SharedFiles files;
+  session.forEachRow(
+      "SELECT cron_id, cron_log_file FROM kodu_cron_plugin WHERE cron_shares_output OR "
+      "to_regclass('cron_log_file_of_one_task') IS NULL",
+      {}, [&](Fields& fields) {
+        Task task;
+        task.outputDirectory = session.config.outputDirectory;
+        task.id = static_cast<int>(fields.number());
+        task.fileName = fields.text();
+        files.emplace(task.outputPath(), std::nullopt);
+      });
+  return files;
+}
+
 /// The checks of one run of koductl check. Caches the results for plugins, because many tasks share
 /// one.
 class TaskCheck {
  public:
-  TaskCheck(const DaemonIdentity& identity, Findings& list) : daemon(identity), findings(list) {}
+  TaskCheck(const DaemonIdentity& identity, SharedFiles files, Findings& list)
+      : daemon(identity), findings(list), shared(std::move(files)) {}
 
   void look(const Task& task) {
     if (task.type != "cron") {
@@ -102,6 +125,10 @@ class TaskCheck {
     if (known != plugins.end()) {
       return known->second;
     }
+    constexpr std::size_t kMostPlugins = 10000;
+    if (plugins.size() >= kMostPlugins) {
+      plugins.clear();
+    }
     return plugins[path] = whyNotExecutable(path, daemon.directory);
   }
 
@@ -125,25 +152,26 @@ class TaskCheck {
     if (const auto reason = whyNotWritable(path)) {
       findings.addError("output file cannot be written: " + *reason, task.id);
     }
-    const auto [other, isNew] = outputs.emplace(path, task.id);
-    if (!isNew) {
+    if (const auto other = shared.find(path); other == shared.end()) {
+      return;
+    } else if (other->second) {
       findings.addWarning(
-          fmt::format("writes the same output file as task {}: {}", other->second, path), task.id);
+          fmt::format("writes the same output file as task {}: {}", *other->second, path), task.id);
+    } else {
+      other->second = task.id;
     }
   }
 
   const DaemonIdentity& daemon;
   Findings& findings;
   std::map<std::string, std::optional<std::string>> plugins;  // path, why it cannot be run
-  std::map<std::string, int> outputs;                         // path, first task that writes it
+  SharedFiles shared;
 };
 
 }  // namespace
 
-void checkTasks(const std::vector<Task>& tasks, const DaemonIdentity& daemon, Findings& findings) {
+void checkTasks(Session& session, const DaemonIdentity& daemon, Findings& findings) {
+  TaskCheck check(daemon, readSharedFiles(session), findings);
   const AsDaemon rights(daemon);
-  TaskCheck check(daemon, findings);
-  for (const Task& task : tasks) {
-    check.look(task);
-  }
+  forEachDefinition(session, [&](const Task& task) { check.look(task); });
 }

@@ -91,17 +91,21 @@ void printEnd(const Options& options, const Task& task, const std::string& statu
 }  // namespace
 
 int runAndWait(const Options& options) {
+  if (options.selection.ids.size() != 1) {
+    throw Failure(kWrongUsage, "--wait waits for one task: name it by its id");
+  }
+  const int id = options.selection.ids.front();
   Session session(options);
-  readTask(session, options.id);  // says it in koductl's own words when there is none
-  const Rows moved = Call("kodu_task_run_now").with("task", options.id).run(session);
+  readTask(session, id);  // says it in koductl's own words when there is none
+  const Rows moved = Call("kodu_task_run_now").with("task", id).run(session);
   const long due = session
                        .query("SELECT EXTRACT(EPOCH FROM $1::timestamp)::bigint AS due",
                               {moved.text(0, "result")})
                        .number(0, "due");
-  printError("koductl: task {} is due at {}\n", options.id, zonedTime(due));
-  const std::string status = statusAtEnd(session, options.id, due);
-  const Task task = readTask(session, options.id);
-  printError("koductl: task {} ended {}\n", options.id, status);
+  printError("koductl: task {} is due at {}\n", id, zonedTime(due));
+  const std::string status = statusAtEnd(session, id, due);
+  const Task task = readTask(session, id);
+  printError("koductl: task {} ended {}\n", id, status);
   {
     const AsDaemon rights(findDaemon(session.config));
     printEnd(options, task, status);

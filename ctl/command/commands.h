@@ -6,6 +6,7 @@ struct Options;
 // failures are thrown as Failure.
 
 int runStatus(const Options& options);
+int runIds(const Options& options);
 int runShow(const Options& options);
 int runTop(const Options& options);
 int runExplain(const Options& options);
@@ -23,6 +24,7 @@ int runPause(const Options& options);
 int runResume(const Options& options);
 int runNow(const Options& options);
 int runDelete(const Options& options);
+int runUndelete(const Options& options);
 int runForecast(const Options& options);
 int runStagger(const Options& options);
 int runPrune(const Options& options);

@@ -2,9 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "ctl/failure.h"
 #include "ctl/options.h"
-#include "ctl/session/call.h"
 #include "ctl/session/session.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
@@ -35,12 +33,4 @@ void reportChange(Session& session, const Options& options, int id, const std::s
   } else {
     print("task {} ({}) {}{}\n", id, oneLine(task.name), done, nextText(task));
   }
-}
-
-int callWithTask(const Options& options, const char* function, const std::string& done) {
-  Session session(options);
-  readTask(session, options.id);  // says it in koductl's own words when there is none
-  Call(function).with("task", options.id).run(session);
-  reportChange(session, options, options.id, done);
-  return kDone;
 }

@@ -4,85 +4,19 @@
 
 #include "ctl/failure.h"
 #include "ctl/session/session.h"
+#include "ctl/task/selection.h"
 #include "ctl/terminal/text.h"
 #include "sched/outputPath.h"
 #include "task/serviceCron.h"
 
 namespace {
 
-constexpr const char* kSelect = R"(
-SELECT id, name, plugin_path AS path, plugin_type AS type,
-       coalesce(cron_parameter, '') AS parameter, coalesce(cron_log_file, '') AS file,
-       status, deleting, running, awaiting_retry, late, late_seconds,
-       paused, paused_by, pause_reason,
-       floor(EXTRACT(EPOCH FROM paused_at))::bigint AS paused_at,
-       floor(EXTRACT(EPOCH FROM paused_until))::bigint AS paused_until,
-       floor(EXTRACT(EPOCH FROM last_due))::bigint AS last,
-       floor(EXTRACT(EPOCH FROM due))::bigint AS next,
-       floor(EXTRACT(EPOCH FROM due_after_run))::bigint AS after_run,
-       floor(EXTRACT(EPOCH FROM cron_interval))::bigint AS every,
-       coalesce(EXTRACT(YEAR FROM cron_interval) <> 0 OR EXTRACT(MONTH FROM cron_interval) <> 0
-                OR EXTRACT(DAY FROM cron_interval) < 0
-                OR EXTRACT(EPOCH FROM cron_interval) < 86400 * EXTRACT(DAY FROM cron_interval),
-                false) AS is_uneven,
-       -- A run that ends during a pause adds an interval of up to a year to the pause's time.
-       cron_next_exec > kodu_pause_time() + interval '366 days' AS beyond_limit,
-       cron_retries AS retries,
-       floor(EXTRACT(EPOCH FROM cron_retries_interval))::bigint AS retry_after,
-       floor(EXTRACT(EPOCH FROM retry_due))::bigint AS retry_due,
-       failures_hour AS hour, failures_day AS day, attempts, failing,
-       floor(EXTRACT(EPOCH FROM failing_since))::bigint AS failing_since,
-       floor(EXTRACT(EPOCH FROM now()))::bigint AS now
-FROM kodu_task_state JOIN kodu_cron_plugin ON cron_id = id
-)";
-
-/// Nothing for a task that is not paused.
-std::optional<Pause> pauseOf(const Rows& rows, int row) {
-  if (!rows.isTrue(row, "paused")) {
-    return std::nullopt;
+/// Who paused a paused task, and why.
+void takePause(Fields& fields, Task& task) {
+  Pause pause{fields.optionalNumber(), fields.optionalNumber(), fields.text(), fields.text()};
+  if (task.pause) {
+    task.pause = std::move(pause);
   }
-  return Pause{rows.optionalNumber(row, "paused_at"), rows.optionalNumber(row, "paused_until"),
-               rows.text(row, "paused_by"), rows.text(row, "pause_reason")};
-}
-
-/// The definition of the task in its row.
-Task definitionOf(const Rows& rows, int row) {
-  Task task;
-  task.id = static_cast<int>(rows.number(row, "id"));
-  task.name = rows.text(row, "name");
-  task.path = rows.text(row, "path");
-  task.type = rows.text(row, "type");
-  task.parameter = rows.text(row, "parameter");
-  task.fileName = rows.text(row, "file");
-  task.every = rows.optionalNumber(row, "every");
-  task.isIntervalUneven = rows.isTrue(row, "is_uneven");
-  task.isNextBeyondLimit = rows.isTrue(row, "beyond_limit");
-  task.retries = rows.optionalNumber(row, "retries");
-  task.retryAfter = rows.optionalNumber(row, "retry_after");
-  return task;
-}
-
-Task taskOf(const Rows& rows, int row, const std::string& outputDirectory) {
-  Task task = definitionOf(rows, row);
-  task.outputDirectory = outputDirectory;
-  task.status = rows.optionalText(row, "status");
-  task.lastDue = rows.optionalNumber(row, "last");
-  task.next = rows.optionalNumber(row, "next");
-  task.afterRun = rows.optionalNumber(row, "after_run");
-  task.isRunning = rows.isTrue(row, "running");
-  task.awaitsRetry = rows.isTrue(row, "awaiting_retry");
-  task.retryDue = rows.optionalNumber(row, "retry_due");
-  task.isLate = rows.isTrue(row, "late");
-  task.lateSeconds = rows.number(row, "late_seconds");
-  task.pause = pauseOf(rows, row);
-  task.isFlagged = rows.isTrue(row, "deleting");
-  task.failuresHour = rows.number(row, "hour");
-  task.failuresDay = rows.number(row, "day");
-  task.failedAttempts = rows.number(row, "attempts");
-  task.isFailing = rows.isTrue(row, "failing");
-  task.failingSince = rows.optionalNumber(row, "failing_since");
-  task.now = rows.number(row, "now");
-  return task;
 }
 
 Json::Value toJson(const std::optional<Pause>& pause) {
@@ -130,23 +64,78 @@ std::string Task::archivePath() const {
   return archiveDirectory(outputDirectory, std::to_string(id));
 }
 
-std::vector<Task> readTasks(Session& session) {
-  const Rows rows = session.query(std::string(kSelect) + "ORDER BY id");
-  std::vector<Task> tasks;
-  tasks.reserve(static_cast<std::size_t>(rows.count()));
-  for (int row = 0; row < rows.count(); ++row) {
-    tasks.push_back(taskOf(rows, row, session.config.outputDirectory));
+const char* const kDefinitionColumns = R"(
+       id, name, plugin_path, plugin_type, coalesce(parameters, ''), coalesce(file_name, ''),
+       floor(EXTRACT(EPOCH FROM every))::bigint,
+       coalesce(EXTRACT(YEAR FROM every) <> 0 OR EXTRACT(MONTH FROM every) <> 0
+                OR EXTRACT(DAY FROM every) < 0
+                OR EXTRACT(EPOCH FROM every) < 86400 * EXTRACT(DAY FROM every), false),
+       -- A run that ends during a pause adds an interval of up to a year to the pause's time.
+       scheduled > kodu_pause_time() + interval '366 days',
+       retry_limit, floor(EXTRACT(EPOCH FROM retry_delay))::bigint,
+       floor(EXTRACT(EPOCH FROM due))::bigint, late, paused)";
+
+const char* const kStateColumns = R"(,
+       status,
+       floor(EXTRACT(EPOCH FROM last_due))::bigint,
+       floor(EXTRACT(EPOCH FROM due_after_run))::bigint,
+       running, awaiting_retry, floor(EXTRACT(EPOCH FROM retry_due))::bigint, late_seconds,
+       floor(EXTRACT(EPOCH FROM paused_at))::bigint,
+       floor(EXTRACT(EPOCH FROM paused_until))::bigint, paused_by, pause_reason,
+       deleting, failures_hour, failures_day, attempts, failing,
+       floor(EXTRACT(EPOCH FROM failing_since))::bigint,
+       floor(EXTRACT(EPOCH FROM now()))::bigint)";
+
+Task takeDefinition(Fields& fields, const std::string& outputDirectory) {
+  Task task;
+  task.outputDirectory = outputDirectory;
+  task.id = static_cast<int>(fields.number());
+  task.name = fields.text();
+  task.path = fields.text();
+  task.type = fields.text();
+  task.parameter = fields.text();
+  task.fileName = fields.text();
+  task.every = fields.optionalNumber();
+  task.isIntervalUneven = fields.isTrue();
+  task.isNextBeyondLimit = fields.isTrue();
+  task.retries = fields.optionalNumber();
+  task.retryAfter = fields.optionalNumber();
+  task.next = fields.optionalNumber();
+  task.isLate = fields.isTrue();
+  if (fields.isTrue()) {
+    task.pause.emplace();
   }
-  return tasks;
+  return task;
+}
+
+Task takeTask(Fields& fields, const std::string& outputDirectory) {
+  Task task = takeDefinition(fields, outputDirectory);
+  task.status = fields.optionalText();
+  task.lastDue = fields.optionalNumber();
+  task.afterRun = fields.optionalNumber();
+  task.isRunning = fields.isTrue();
+  task.awaitsRetry = fields.isTrue();
+  task.retryDue = fields.optionalNumber();
+  task.lateSeconds = fields.number();
+  takePause(fields, task);
+  task.isFlagged = fields.isTrue();
+  task.failuresHour = fields.number();
+  task.failuresDay = fields.number();
+  task.failedAttempts = fields.number();
+  task.isFailing = fields.isTrue();
+  task.failingSince = fields.optionalNumber();
+  task.now = fields.number();
+  return task;
 }
 
 Task readTask(Session& session, int id) {
-  const Rows rows =
-      session.query(std::string(kSelect) + "WHERE id = $1::int", {std::to_string(id)});
-  if (rows.count() == 0) {
+  Selection selection;
+  selection.ids = {id};
+  const std::vector<Task> found = readTasks(session, selection);
+  if (found.empty()) {
     throw Failure(kNotFound, fmt::format("there is no task {}; koductl status lists them", id));
   }
-  return taskOf(rows, 0, session.config.outputDirectory);
+  return found.front();
 }
 
 Workload countRunning(Session& session) {

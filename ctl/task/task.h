@@ -7,6 +7,7 @@
 
 #include <json/json.h>
 
+class Fields;
 class Session;
 class serviceCron;
 
@@ -60,8 +61,16 @@ struct Task {
   static constexpr long kDefaultRetryAfter = 120;
 };
 
-/// All tasks, by id, including rows that the daemon does not run because of their plugin_type.
-std::vector<Task> readTasks(Session& session);
+/// Columns of the view kodu_task_state for the list of a SELECT: what takeDefinition() reads, and
+/// what takeTask() reads after it.
+extern const char* const kDefinitionColumns;
+extern const char* const kStateColumns;
+
+/// The task of a row of kDefinitionColumns: its definition, when it is due, and whether it is late
+/// or paused. Throws Failure (kNoDatabase) for another row.
+Task takeDefinition(Fields& fields, const std::string& outputDirectory);
+/// The whole task of a row of both.
+Task takeTask(Fields& fields, const std::string& outputDirectory);
 
 /// One task. Throws Failure (kNotFound) when there is none.
 Task readTask(Session& session, int id);

@@ -51,15 +51,15 @@ std::vector<int> Table::widths() const {
 }
 
 std::vector<std::string> Table::render(int maxWidth) const {
-  return renderWith(maxWidth, true);
+  return renderWith(widths(), true, maxWidth, true);
 }
 
 std::vector<std::string> Table::renderPlain(int maxWidth) const {
-  return renderWith(maxWidth, false);
+  return renderWith(widths(), true, maxWidth, false);
 }
 
-std::vector<std::string> Table::renderWith(int maxWidth, bool withColours) const {
-  const std::vector<int> columnWidths = widths();
+std::vector<std::string> Table::renderWith(const std::vector<int>& columnWidths, bool withHead,
+                                           int maxWidth, bool withColours) const {
   const auto renderLine = [&](const auto& cellAt) {
     Line line(maxWidth, withColours);
     for (std::size_t i = 0; i < columns.size(); ++i) {
@@ -75,16 +75,24 @@ std::vector<std::string> Table::renderWith(int maxWidth, bool withColours) const
     return line.content;
   };
   std::vector<std::string> rendered;
-  rendered.push_back(
-      renderLine([&](std::size_t i) { return Cell(columns[i].title, Colour::kBold); }));
+  if (withHead) {
+    rendered.push_back(
+        renderLine([&](std::size_t i) { return Cell(columns[i].title, Colour::kBold); }));
+  }
   for (const auto& cells : lines) {
     rendered.push_back(renderLine([&](std::size_t i) -> const Cell& { return cells[i]; }));
   }
   return rendered;
 }
 
-void Table::print() const {
-  for (const std::string& line : render(isTerminal() ? terminalSize().columns : 0)) {
+void Table::print() {
+  const bool isFirst = printedWidths.empty();
+  if (isFirst) {
+    printedWidths = widths();
+  }
+  for (const std::string& line :
+       renderWith(printedWidths, isFirst, isTerminal() ? terminalSize().columns : 0, true)) {
     ::print("{}\n", Styled(line));
   }
+  lines.clear();
 }

@@ -94,6 +94,16 @@ std::string counted(long count, const std::string& noun) {
   return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
+std::string grouped(long count) {
+  const std::string digits = std::to_string(count);
+  std::string text;
+  for (std::size_t i = 0; i < digits.size(); ++i) {
+    const bool isGroupEnd = i > 0 && (digits.size() - i) % 3 == 0;
+    text += isGroupEnd ? fmt::format(",{}", digits[i]) : std::string(1, digits[i]);
+  }
+  return text;
+}
+
 Json::Value jsonMoment(std::string time) {
   if (time.empty()) {
     return {};
@@ -120,11 +130,15 @@ Json::Value jsonText(const std::optional<std::string>& text) {
   return text ? Json::Value(*text) : Json::Value();
 }
 
-void printJson(const Json::Value& value) {
+std::string jsonText(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;
   std::string text = Json::writeString(builder, value);
   repairUtf8(text);
-  print("{}\n", Styled(escaped(text)));
+  return escaped(text);
+}
+
+void printJson(const Json::Value& value) {
+  print("{}\n", Styled(jsonText(value)));
 }

@@ -59,6 +59,7 @@ class JsonSchemaTest : public CtlTest {
 
 TEST_F(JsonSchemaTest, DescribesTheCommandsThatRead) {
   keep("status", {"status"});
+  keep("ids", {"ids"});
   keep("show", {"show", "1"});
   keep("explain", {"explain", "1"});
   keep("logs", {"logs", "1"});
@@ -84,7 +85,11 @@ TEST_F(JsonSchemaTest, DescribesTheCommandsThatChange) {
   keep("pause", {"pause", "1"});
   keep("show", {"show", "1"});
   keep("run", {"run", "2"});
+  keep("pause", {"pause", "1", "2", "--yes"});
+  keep("resume", {"resume", "2"});
+  keep("run", {"run", "2", "--dry-run"});
   keep("delete", {"delete", "3", "--yes"});
+  keep("undelete", {"undelete", "3"});
   keep("stagger", {"stagger"});
   keep("prune", {"prune", "--older-than", "1s"});
   keepText("repair", run({"repair", "--json"}).out);

@@ -681,6 +681,62 @@ TEST_F(RunTest, HasItsDeletedTaskFlaggedAtItsEnd) {
   EXPECT_THAT(heard(), IsEmpty());
 }
 
+TEST_F(RunTest, LeavesItsTaskWhenTheDeletionIsTakenBack) {
+  call("kodu_task_delete(7)");
+  call("kodu_task_undelete(7)");
+  EXPECT_EQ(status(7, "running || ' ' || deleting"), "true false");
+  endRun();
+  EXPECT_EQ(run("SelectDeleteCron", {}), "");
+  EXPECT_EQ(status(7, "paused"), "f");
+}
+
+TEST_F(RunTest, KeepsItsPauseWhenTheDeletionIsTakenBack) {
+  call("kodu_task_pause(7)");
+  call("kodu_task_delete(7)");
+  call("kodu_task_undelete(7)");
+  endRun();
+  EXPECT_EQ(status(7, "paused || ' ' || deleting"), "true false");
+}
+
+TEST_F(FunctionsTest, TakesADeletionBackInTheTasksOwnRhythm) {
+  insertTask(7);
+  const long due = database.nextExec(7);
+  call("kodu_task_delete(7)");
+  heard();
+  call("kodu_task_undelete(7)");
+  EXPECT_EQ(database.task(7, "cron_delete"), "f");
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+  EXPECT_EQ((database.nextExec(7) - due) % 300, 0);
+  EXPECT_GT(nextIn(7), 0);
+  EXPECT_LE(nextIn(7), 304);
+  call("kodu_task_undelete(7)");
+  EXPECT_THAT(heard(), IsEmpty());
+  expectRefused("kodu_task_undelete(8)", "there is no task 8", "SELECT id, name");
+}
+
+TEST_F(FunctionsTest, TakesADeletionBackWithTheTasksPause) {
+  insertTask(7);
+  call("kodu_task_pause(7, 'new disks')");
+  call("kodu_task_delete(7)");
+  call("kodu_task_undelete(7)");
+  EXPECT_EQ(status(7, "paused || ' ' || deleting || ' ' || pause_reason"), "true false new disks");
+}
+
+TEST_F(RunTest, SurvivesAPurgeThatLookedBeforeTheDeletionWasTakenBack) {
+  set(7, "cron_status = 'OK'");
+  call("kodu_task_delete(7)");
+  EXPECT_EQ(run("SelectDeleteCron", {}), "7");
+  call("kodu_task_undelete(7)");
+  heard();
+  run("DeleteCron", {"7"});
+  EXPECT_EQ(database.task(7, "cron_id"), "7");
+  EXPECT_THAT(heard(), ElementsAre(payload("ADD", 7))) << "the purge has dropped the task";
+  run("UpdateCronProcess", {"7"});  // a run, which no purge of before can meet
+  endRun();
+  run("DeleteCron", {"7"});
+  EXPECT_EQ(database.task(7, "cron_id"), "");
+}
+
 TEST_F(RunTest, IsNotMetByAPurgeWhenItsTaskWasFlaggedInTheQueue) {
   set(7, "cron_status = 'OK'");
   call("kodu_task_delete(7)");
