@@ -93,8 +93,12 @@ Json::Value jsonMoment(std::string time) {
   return time + "Z";
 }
 
+std::optional<std::string> jsonTimeText(std::optional<long> time) {
+  return time ? std::optional(formatted(*time, "%Y-%m-%dT%H:%M:%SZ")) : std::nullopt;
+}
+
 Json::Value jsonTime(std::optional<long> time) {
-  return time ? Json::Value(formatted(*time, "%Y-%m-%dT%H:%M:%SZ")) : Json::Value();
+  return jsonText(jsonTimeText(time));
 }
 
 Json::Value jsonNumber(std::optional<long> number) {
@@ -105,7 +109,7 @@ Json::Value jsonText(const std::optional<std::string>& text) {
   return text ? Json::Value(*text) : Json::Value();
 }
 
-std::string jsonText(const Json::Value& value) {
+std::string printedJson(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;
@@ -115,5 +119,5 @@ std::string jsonText(const Json::Value& value) {
 }
 
 void printJson(const Json::Value& value) {
-  print("{}\n", Styled(jsonText(value)));
+  print("{}\n", Styled(printedJson(value)));
 }
