@@ -23,7 +23,7 @@ namespace {
 
 void printAsJson(Session& session, const Selection& selection) {
   JsonList list;
-  forEachTask(session, selection, [&](const Task& task) { list.add(toJson(task)); });
+  forEachTask(session, selection, [&](const Task& task) { list.add(toJsonText(task)); });
   list.end();
 }
 

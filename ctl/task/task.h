@@ -88,3 +88,5 @@ std::string pauseText(const Pause& pause, long now);
 
 /// Everything above as a JSON object.
 Json::Value toJson(const Task& task);
+/// The same as an element for JsonList.
+std::string toJsonText(const Task& task);

@@ -112,14 +112,18 @@ Json::Value jsonMoment(std::string time) {
   return time + "Z";
 }
 
-Json::Value jsonTime(std::optional<long> time) {
+std::optional<std::string> jsonTimeText(std::optional<long> time) {
   if (!time) {
-    return {};
+    return std::nullopt;
   }
   const std::time_t seconds = *time;
   std::tm parts{};
   gmtime_r(&seconds, &parts);
   return formatted(parts, "%Y-%m-%dT%H:%M:%SZ");
+}
+
+Json::Value jsonTime(std::optional<long> time) {
+  return jsonText(jsonTimeText(time));
 }
 
 Json::Value jsonNumber(std::optional<long> number) {
@@ -130,7 +134,7 @@ Json::Value jsonText(const std::optional<std::string>& text) {
   return text ? Json::Value(*text) : Json::Value();
 }
 
-std::string jsonText(const Json::Value& value) {
+std::string printedJson(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;
@@ -140,5 +144,5 @@ std::string jsonText(const Json::Value& value) {
 }
 
 void printJson(const Json::Value& value) {
-  print("{}\n", Styled(jsonText(value)));
+  print("{}\n", Styled(printedJson(value)));
 }

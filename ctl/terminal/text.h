@@ -30,12 +30,14 @@ std::string grouped(long count);
 
 /// A time as the database prints it, "2024-05-01 13:02:09", as "2024-05-01T13:02:09Z"; null for "".
 Json::Value jsonMoment(std::string time);
-/// "2024-05-01T13:02:09Z" or null.
+/// "2024-05-01T13:02:09Z", or nothing.
+std::optional<std::string> jsonTimeText(std::optional<long> time);
+/// The same or null.
 Json::Value jsonTime(std::optional<long> time);
 Json::Value jsonNumber(std::optional<long> number);
 Json::Value jsonText(const std::optional<std::string>& text);
 /// The text that printJson() prints.
-std::string jsonText(const Json::Value& value);
+std::string printedJson(const Json::Value& value);
 /// Prints a value, indented, with a newline. Bytes that are not valid UTF-8 become spaces, as in
 /// what the daemon stores; characters that common/plainText.h calls unsafe are escaped.
 void printJson(const Json::Value& value);
