@@ -202,7 +202,7 @@ void silenceErrors() {
   close(nothing);
 }
 
-/// A file that cannot be read says nothing about the daemon.
+/// A file that cannot be read is no evidence about the daemon.
 bool isAboutConfig(const Failure& failure) {
   return failure.exitCode == kWrongConfig || failure.exitCode == kWrongUsage ||
          (failure.exitCode == kNotPermitted && failure.sqlState.empty());
