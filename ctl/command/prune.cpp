@@ -189,7 +189,7 @@ std::vector<int> chosenTasks(Session& session, const Options& options) {
   if (!options.selection.isLimitedToSome() && !options.selection.limit) {
     return {};
   }
-  const std::vector<int> ids = selectedIds(session, options, "prune");
+  std::vector<int> ids = selectedIds(session, options, "prune");
   if (ids.empty()) {
     throw Failure(kNotFound, "no task is selected; nothing was deleted");
   }
