@@ -72,7 +72,7 @@ TEST(JsonTextTest, WritesMembersAsPrintJsonDoes) {
 
 TEST(JsonTextTest, EscapesWhatPrintJsonEscapes) {
   for (const std::string& hostile :
-       {std::string("\"quoted\" \\ back"), std::string("line\nfeed\ttab"), std::string("\x1b[31m"),
+       {std::string(R"("quoted" \ back)"), std::string("line\nfeed\ttab"), std::string("\x1b[31m"),
         std::string("\u009b31m"), std::string("\xff\xfe"), std::string("ä€😀"),
         std::string("\u202e"), std::string("nul\0byte", 8), std::string()}) {
     JsonText text(0);

@@ -50,7 +50,7 @@ TEST_F(StreamTest, GivesEachFieldInTurn) {
                         found.push_back(fields.text());
                         EXPECT_EQ(fields.text(), "");
                         EXPECT_FALSE(fields.optionalNumber());
-                        found.push_back(fields.isTrue() ? "second" : "first");
+                        found.emplace_back(fields.isTrue() ? "second" : "first");
                         EXPECT_EQ(fields.optionalText(), "");
                       });
   EXPECT_THAT(found, ElementsAre("1", "word", "first", "2", "word", "second"));
