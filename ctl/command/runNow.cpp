@@ -1,4 +1,4 @@
-// koductl run: has the daemon run tasks in a few seconds, and waits for the end of a run if asked to.
+// koductl run: has the daemon run tasks in a few seconds, and can wait for the end of a run.
 
 #include "ctl/command/awaitRun.h"
 #include "ctl/command/change.h"

@@ -20,8 +20,8 @@
 #include "ctl/task/taskTable.h"
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/terminal.h"
-#include "ctl/terminal/zone.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 

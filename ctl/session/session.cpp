@@ -263,6 +263,7 @@ void Session::forEachRow(const std::string& sql, const std::vector<std::string>&
     } else if (status == PGRES_TUPLES_OK) {
       isComplete = true;  // comes without a row after the last one
     } else {
+      replyOf(connection.get());  // so that the session can go on
       fail(row, watch);
     }
   } while (!isComplete);

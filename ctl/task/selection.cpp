@@ -269,6 +269,7 @@ bool Selection::isLimitedToSome() const {
 const std::vector<std::string>& sortKeys() {
   static const std::vector<std::string> names = [] {
     std::vector<std::string> list;
+    list.reserve(kSortKeys.size());
     for (const SortKey& key : kSortKeys) {
       list.emplace_back(key.name);
     }

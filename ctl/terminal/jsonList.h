@@ -14,6 +14,7 @@ class JsonText {
   void begin();
   void name(const char* member);
   void value(std::string_view content);
+  void value(const char* content) { value(std::string_view(content)); }  // else it is a bool
   void value(long number);
   void value(bool isTrue);
   void null() { text += "null"; }
