@@ -98,7 +98,7 @@ TEST(JsonListTest, SeparatesItsElements) {
 TEST(TaskTextTest, SaysTheSameAsTheValue) {
   Task plain = taskNamed("load");
   Task paused = taskNamed("a \"b\" \x1b[31m");
-  paused.pause = Pause{1714564801, "alice", "new\ndisks"};
+  paused.pause = Pause{1714564801, std::nullopt, "alice", "new\ndisks"};
   paused.status = "OK";
   paused.retryDue = 1714564900;
   paused.isRunning = paused.isFlagged = paused.isLate = true;
