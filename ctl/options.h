@@ -12,8 +12,13 @@
 struct Options {
   std::string configFile;  // the daemon's main INI file
   std::string user;        // "": the role of the INI file
+  std::string zone;        // "": that of TZ, else of the system
   bool asJson = false;
   int lockTimeout = 5, statementTimeout = 60;  // seconds; 0 is no limit
+
+  // Of the session, set by commands.
+  std::string applicationName = "kodu_ctl";
+  std::optional<int> connectTimeout;  // seconds; nothing: that of the database file, else 10
 
   int id = 0;  // of a command about one task
 
@@ -31,20 +36,31 @@ struct Options {
 
   bool withNames = false;  // ids
 
+  // logs, with follow
+  std::optional<int> onlyTask;  // nothing: all tasks
+  int outputs = 10;             // at most
+  bool onlyFailed = false;
+
   // history, output
   int count = 20;        // rows
   std::string archived;  // "": the last output; a file name, or a number counted from the latest
   bool follow = false;
 
+  // health: whole numbers of seconds, the failures a count; nothing: no limit
+  std::string warnOverdue = "10", criticalOverdue = "60", warnProcess = "600", answerTimeout = "5";
+  std::optional<std::string> warnFailures;
+
   // add, set; without a value, the database's default or the present value is kept. Periods are
   // intervals in the syntax of PostgreSQL ("90 s", "5m"), and so are times ("2030-01-01 12:00",
   // "tomorrow").
   std::optional<std::string> plugin, name, every, fileName, retryAfter, next, timeout;
+  bool isUnlimited = false;  // set: without a timeout
   std::optional<int> retries;
   /// The arguments after "--"; nothing without "--".
   std::optional<std::vector<std::string>> pluginArguments;
 
-  std::optional<std::string> reason;  // pause
+  bool isAwaited = false;                    // run
+  std::optional<std::string> reason, until;  // pause; the end also as an interval
 
   // forecast: hours and seconds as numbers, and "ID=SECONDS"
   std::string hours = "1", runSeconds = "1";

@@ -280,6 +280,9 @@ CREATE OR REPLACE FUNCTION kodu_paused_now(task kodu_cron_plugin) RETURNS boolea
 LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
     SELECT kodu_is_paused(task.cron_status, task.cron_next_exec, task.cron_wanted,
                           clock_timestamp() AT TIME ZONE 'UTC')
+           OR EXISTS (SELECT FROM kodu_cron_pause
+                      WHERE cron_id = task.cron_id
+                        AND resumes_at > clock_timestamp() AT TIME ZONE 'UTC')
 $$;
 
 -- Sets the time of the next run; during a run, of the one after it. NULL: an interval after it. All
@@ -531,24 +534,33 @@ BEGIN
 END
 $$;
 
--- The plugin and the parameters that run a path within a time limit. The guard's path is that of the
--- catalogue, otherwise that of the package.
-CREATE OR REPLACE FUNCTION kodu_guarded(path text, called text, parameters text, timeout interval,
-                                        OUT id integer, OUT arguments text)
+CREATE OR REPLACE FUNCTION kodu_timeout_seconds(timeout interval) RETURNS integer
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     seconds numeric := EXTRACT(EPOCH FROM timeout);
-    guard text;
 BEGIN
     IF seconds NOT BETWEEN 1 AND 86400 OR seconds % 1 <> 0 THEN
         RAISE EXCEPTION 'the timeout must be whole seconds, from 1 second to 1 day' USING
             ERRCODE = 'invalid_parameter_value',
             HINT = 'Use timeout => ''30 seconds'', for example.';
     END IF;
+    RETURN seconds;
+END
+$$;
+
+-- The plugin and the parameters that run a path within a time limit. The guard's path is that of the
+-- catalogue, otherwise that of the package.
+CREATE OR REPLACE FUNCTION kodu_guarded(path text, called text, parameters text, timeout interval,
+                                        OUT id integer, OUT arguments text)
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    seconds integer := kodu_timeout_seconds(timeout);
+    guard text;
+BEGIN
     SELECT plugin_path INTO guard FROM kodu_plugins WHERE plugin_path LIKE '%/koduguard'
     ORDER BY plugin_id LIMIT 1;
     id := kodu_plugin_at(COALESCE(guard, '/usr/bin/koduguard'), called);
-    arguments := concat_ws(' ', '-t', seconds::integer, '--', kodu_quote_argument(path), parameters);
+    arguments := concat_ws(' ', '-t', seconds, '--', kodu_quote_argument(path), parameters);
 END
 $$;
 
@@ -574,11 +586,20 @@ BEGIN
 END
 $$;
 
--- What kodu_task_set's plugin, parameters and name come to: the id of a plugin of the catalogue, and
--- the task's parameters; NULL for what stays. Where koduguard runs the task's plugin, all three are
--- about that plugin, and guard and time limit stay.
+-- The guard's own parameters with another time limit; the others stay.
+CREATE OR REPLACE FUNCTION kodu_guard_limited(guard text, timeout interval) RETURNS text
+LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT CASE WHEN timeout IS NULL THEN guard
+                ELSE format('-t %s %s', kodu_timeout_seconds(timeout),
+                            regexp_replace(guard, '(^| )-t +[^ ]+ +', '\1')) END
+$$;
+
+-- What kodu_task_set's plugin, parameters, name and timeout come to: the id of a plugin of the
+-- catalogue, and the task's parameters; NULL for what stays. Where koduguard runs the task's plugin, the
+-- first three are about that plugin, and the guard stays unless the timeout is 0.
 CREATE OR REPLACE FUNCTION kodu_redefined(task kodu_cron_plugin, plugin text, parameters text,
-                                          name text, OUT id integer, OUT arguments text)
+                                          name text, timeout interval,
+                                          OUT id integer, OUT arguments text)
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     present kodu_plugins;
@@ -591,26 +612,39 @@ BEGIN
         SELECT * INTO wanted FROM kodu_plugin_find(plugin);
     END IF;
     arguments := parameters;
-    IF present.plugin_path LIKE '%/koduguard' AND num_nonnulls(plugin, parameters) > 0
+    IF present.plugin_path LIKE '%/koduguard' AND num_nonnulls(plugin, parameters, timeout) > 0
        AND wanted.path NOT LIKE '%/koduguard' IS NOT FALSE THEN
         SELECT * INTO parts FROM kodu_guard_parts(task);
-        arguments := parts.guard || concat_ws(
-            ' ', COALESCE(kodu_quote_argument(wanted.path), parts.plugin),
-            NULLIF(COALESCE(parameters, parts.arguments), ''));
-        wanted.path := present.plugin_path;
+        arguments := COALESCE(parameters, parts.arguments, '');
+        IF timeout = interval '0' THEN
+            wanted.path := COALESCE(wanted.path, btrim(parts.plugin, '"'''));
+        ELSE
+            arguments := kodu_guard_limited(parts.guard, timeout) || concat_ws(
+                ' ', COALESCE(kodu_quote_argument(wanted.path), parts.plugin),
+                NULLIF(arguments, ''));
+            wanted.path := present.plugin_path;
+        END IF;
+    ELSIF timeout <> interval '0' THEN
+        SELECT guarded.id, guarded.arguments INTO id, arguments
+        FROM kodu_guarded(COALESCE(wanted.path, present.plugin_path),
+                          COALESCE(name, wanted.title, present.plugin_name),
+                          COALESCE(parameters, task.cron_parameter), timeout) AS guarded;
+        RETURN;
     END IF;
-    IF num_nonnulls(plugin, name) > 0 THEN
+    IF num_nonnulls(plugin, name) > 0 OR wanted.path <> present.plugin_path THEN
         id := kodu_plugin_at(COALESCE(wanted.path, present.plugin_path),
-                             COALESCE(name, wanted.title));
+                             COALESCE(name, wanted.title, present.plugin_name));
     END IF;
 END
 $$;
 
--- Changes what is not NULL. next_run moves the task's next run, and with it all that follow.
+-- Changes what is not NULL. next_run moves the task's next run, and with it all that follow. timeout: has
+-- koduguard run the plugin with that limit; 0 removes the limit.
 CREATE OR REPLACE FUNCTION kodu_task_set(
     task integer, plugin text DEFAULT NULL, every interval DEFAULT NULL,
     parameters text DEFAULT NULL, retries integer DEFAULT NULL, retry_after interval DEFAULT NULL,
-    file_name text DEFAULT NULL, next_run timestamptz DEFAULT NULL, name text DEFAULT NULL)
+    file_name text DEFAULT NULL, next_run timestamptz DEFAULT NULL, name text DEFAULT NULL,
+    timeout interval DEFAULT NULL)
 RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -618,8 +652,8 @@ DECLARE
     defined record;
     broken text;
 BEGIN
-    IF num_nonnulls(plugin, every, parameters, retries, retry_after, file_name, next_run, name) = 0
-    THEN
+    IF num_nonnulls(plugin, every, parameters, retries, retry_after, file_name, next_run, name,
+                    timeout) = 0 THEN
         RAISE EXCEPTION 'there is nothing to set for task %', task USING
             ERRCODE = 'invalid_parameter_value',
             HINT = format('Use kodu_task_set(%s, every => ''5 minutes''), for example.', task);
@@ -627,7 +661,7 @@ BEGIN
     IF next_run IS NOT NULL THEN
         PERFORM kodu_refuse_paused(old);
     END IF;
-    SELECT * INTO defined FROM kodu_redefined(old, plugin, parameters, name);
+    SELECT * INTO defined FROM kodu_redefined(old, plugin, parameters, name, timeout);
     BEGIN
         -- The triggers tell the daemon.
         UPDATE kodu_cron_plugin SET
@@ -649,22 +683,38 @@ BEGIN
 END
 $$;
 
--- Prevents the task from running until kodu_task_resume, also after a restart of the daemon. A run in
--- progress, including its retries, is completed first.
-CREATE OR REPLACE FUNCTION kodu_task_pause(task integer, reason text DEFAULT NULL) RETURNS void
+-- Prevents the task from running until kodu_task_resume, also after a restart of the daemon, or until a
+-- time: then its next run is its first regular one from that time on. A run in progress, including its
+-- retries, is completed first. A pause can get another end during it.
+CREATE OR REPLACE FUNCTION kodu_task_pause(task integer, reason text DEFAULT NULL,
+                                           until timestamptz DEFAULT NULL) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     old kodu_cron_plugin := kodu_task_take(task);
+    ends timestamp := date_trunc('second', until AT TIME ZONE 'UTC');
+    was_due timestamp := greatest(old.cron_next_exec, old.cron_wanted);
+    present kodu_cron_pause;
 BEGIN
-    IF kodu_paused_now(old) THEN
-        RAISE NOTICE 'task % is paused already', task;
-        RETURN;
+    IF ends <= clock_timestamp() AT TIME ZONE 'UTC' OR ends >= timestamp '2035-01-01' THEN
+        RAISE EXCEPTION 'the end of a pause must lie ahead, and before 2035' USING
+            ERRCODE = 'invalid_parameter_value',
+            HINT = 'Use until => now() + interval ''2 hours'', for example.';
     END IF;
-    INSERT INTO kodu_cron_pause AS pause (cron_id, next_exec, reason)
-    VALUES (task, greatest(old.cron_next_exec, old.cron_wanted), kodu_task_pause.reason)
+    IF kodu_paused_now(old) THEN
+        IF ends IS NULL THEN
+            RAISE NOTICE 'task % is paused already', task;
+            RETURN;
+        END IF;
+        SELECT * INTO present FROM kodu_cron_pause WHERE cron_id = task;
+        was_due := COALESCE(present.next_exec, kodu_soon());
+    END IF;
+    INSERT INTO kodu_cron_pause AS pause (cron_id, next_exec, reason, resumes_at)
+    VALUES (task, was_due, COALESCE(kodu_task_pause.reason, present.reason), ends)
     ON CONFLICT (cron_id) DO UPDATE SET next_exec = EXCLUDED.next_exec,
-        paused_at = EXCLUDED.paused_at, paused_by = EXCLUDED.paused_by, reason = EXCLUDED.reason;
-    PERFORM kodu_move(old, kodu_pause_time());
+        paused_at = EXCLUDED.paused_at, paused_by = EXCLUDED.paused_by, reason = EXCLUDED.reason,
+        resumes_at = EXCLUDED.resumes_at;
+    PERFORM kodu_move(old, CASE WHEN ends IS NULL THEN kodu_pause_time()
+                                ELSE kodu_next_slot(was_due, old.cron_interval, ends) END);
 END
 $$;
 
@@ -673,11 +723,12 @@ CREATE OR REPLACE FUNCTION kodu_task_resume(task integer) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     old kodu_cron_plugin := kodu_task_take(task);
+    was_paused boolean := kodu_paused_now(old);
     was_due timestamp;
     next_slot timestamp;
 BEGIN
     DELETE FROM kodu_cron_pause WHERE cron_id = task RETURNING next_exec INTO was_due;
-    IF NOT kodu_paused_now(old) THEN
+    IF NOT was_paused THEN
         RAISE NOTICE 'task % is not paused', task;
         RETURN;
     END IF;
@@ -791,7 +842,7 @@ SELECT id,
        COALESCE(due < now() AT TIME ZONE 'UTC', FALSE) AS due,
        due_seconds AS lateness,
        last_due AS last_run,
-       CASE WHEN running OR NOT paused THEN due END AS next_run,
+       CASE WHEN running OR NOT paused OR paused_until IS NOT NULL THEN due END AS next_run,
        every AS "interval",
        COALESCE(retry_limit, 1) AS retries,
        failures_hour,
@@ -804,7 +855,8 @@ SELECT id,
        late,
        paused_at,
        paused_by,
-       pause_reason
+       pause_reason,
+       paused_until
 FROM kodu_task_state
 WHERE plugin_type = 'cron';
 

@@ -20,8 +20,8 @@ SET LOCAL search_path = public;
 
 -- The number and the title of the latest file in sql/migrations, which changed existing tables to what
 -- this file creates.
-SET LOCAL kodu.schema_version = '4';
-SET LOCAL kodu.schema_title = 'follow the daemon with one trigger';
+SET LOCAL kodu.schema_version = '5';
+SET LOCAL kodu.schema_title = 'let pauses end';
 
 -- CREATE TABLE below does not change tables of another version, but the rest of this file would change.
 DO $$
@@ -151,7 +151,10 @@ CREATE TABLE IF NOT EXISTS kodu_cron_pause (
     next_exec timestamp NOT NULL,
     paused_at timestamp NOT NULL DEFAULT date_trunc('second', now() AT TIME ZONE 'UTC'),
     paused_by text NOT NULL DEFAULT session_user,
-    reason    text
+    reason    text,
+    -- NULL: until somebody ends it. The run that is due first after this time is the task's next one, so
+    -- the pause ends by itself, and a row whose time has come means nothing any more.
+    resumes_at timestamp
 );
 
 -- Indexes: all other statements find their row by its primary key --------------------------------
@@ -326,8 +329,8 @@ CREATE OR REPLACE TRIGGER kodu_end_sharing
 -- What the tasks do ------------------------------------------------------------------------------
 
 -- The daemon has no notion of a pause: it loads every task and runs each when it is due. A paused task
--- is due in 2036, so it is still paused after a restart of the daemon. Its previous due time is stored
--- in kodu_cron_pause. From 2036 on, cron_next_exec can be moved twice by a year without exceeding its
+-- is due in 2036, so it is still paused after a restart of the daemon; where the pause has an end, at its
+-- first regular time after that. Its previous due time is stored in kodu_cron_pause. From 2036 on, cron_next_exec can be moved twice by a year without exceeding its
 -- limit.
 CREATE OR REPLACE FUNCTION kodu_pause_time() RETURNS timestamp
 LANGUAGE sql IMMUTABLE PARALLEL SAFE
@@ -389,6 +392,7 @@ SELECT task.cron_id AS id,
        CASE WHEN paused THEN paused_at END AS paused_at,
        CASE WHEN paused THEN paused_by END AS paused_by,
        CASE WHEN paused THEN reason END AS pause_reason,
+       CASE WHEN paused THEN resumes_at END AS paused_until,
        running,
        attempts,
        retry_due,
@@ -444,7 +448,8 @@ CROSS JOIN LATERAL (
 ) AS present
 CROSS JOIN LATERAL (
     SELECT kodu_is_running(cron_status, cron_next_exec, cron_wanted, utc) AS running,
-           kodu_is_paused(cron_status, cron_next_exec, cron_wanted, utc) AS paused,
+           COALESCE(resumes_at > utc, FALSE)
+               OR kodu_is_paused(cron_status, cron_next_exec, cron_wanted, utc) AS paused,
            greatest(0, floor(EXTRACT(EPOCH FROM utc - cron_next_exec)))::bigint AS due_seconds
 ) AS moment
 CROSS JOIN LATERAL (
@@ -493,6 +498,9 @@ COMMENT ON COLUMN kodu_cron_plugin.cron_changed IS
     'TRUE: the daemon is told of a change of the definition at the end of the run in progress';
 COMMENT ON TABLE kodu_cron_pause IS 'One row a paused task; times are UTC';
 COMMENT ON COLUMN kodu_cron_pause.next_exec IS 'Next due time at the moment of the pause';
+COMMENT ON COLUMN kodu_cron_pause.resumes_at IS
+    'When it ends by itself; NULL: never; past: it has ended';
+COMMENT ON COLUMN kodu_task_state.paused_until IS 'When the pause ends by itself; NULL: never';
 COMMENT ON VIEW kodu_daemon_state IS 'One row: whether the daemon is connected to this database';
 COMMENT ON VIEW kodu_task_state IS 'One row a task: its state as all tools know it; times are UTC';
 COMMENT ON COLUMN kodu_task_state.running IS 'A run, or the wait for its retry, is in progress';
@@ -501,7 +509,7 @@ COMMENT ON COLUMN kodu_task_state.retry_due IS 'When its next retry is due, or w
 COMMENT ON COLUMN kodu_task_state.awaiting_retry IS 'It waits for that time, and occupies no worker';
 COMMENT ON COLUMN kodu_task_state.busy IS 'running, and not awaiting_retry: it may occupy a worker';
 COMMENT ON COLUMN kodu_task_state.due IS
-    'When the run in progress was due, else when the next is; NULL while paused';
+    'When the run in progress was due, else when the next is; NULL during a pause without an end';
 COMMENT ON COLUMN kodu_task_state.due_seconds IS 'Seconds since then; 0 before';
 COMMENT ON COLUMN kodu_task_state.late_seconds IS 'The same, of a run that has not begun';
 COMMENT ON COLUMN kodu_task_state.late IS 'late_seconds is more than the timer may take';

@@ -152,13 +152,17 @@ class TaskCheck {
     if (const auto reason = whyNotWritable(path)) {
       findings.addError("output file cannot be written: " + *reason, task.id);
     }
-    if (const auto other = shared.find(path); other == shared.end()) {
-      return;
-    } else if (other->second) {
-      findings.addWarning(
-          fmt::format("writes the same output file as task {}: {}", *other->second, path), task.id);
+    if (const auto other = shared.find(path); other != shared.end()) {
+      lookAtShared(task, path, other->second);
+    }
+  }
+
+  void lookAtShared(const Task& task, const std::string& path, std::optional<int>& first) {
+    if (first) {
+      findings.addWarning(fmt::format("writes the same output file as task {}: {}", *first, path),
+                          task.id);
     } else {
-      other->second = task.id;
+      first = task.id;
     }
   }
 

@@ -6,16 +6,17 @@
 #include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session/call.h"
+#include "ctl/session/moment.h"
 #include "ctl/session/session.h"
 
 int runAdd(const Options& options) {
+  Session session(options);
   Call call("kodu_task_add");
   call.with("plugin", "text", options.plugin)
-      .with("first_run", "timestamptz", options.next)
+      .with("first_run", "timestamptz", momentOf(session, options.next))
       .with("timeout", "interval", options.timeout)
       .with("parameters", "text", parametersOf(options));
   giveDefinition(call, options);
-  Session session(options);
   const Rows added = call.run(session);
   const auto id = static_cast<int>(added.number(0, "result"));
   reportChange(session, options, id, "added");

@@ -18,7 +18,7 @@ struct TaskChange {
   /// What a change of one task prints instead of "task 7 (load) paused; next due at ...".
   std::function<void(const Task& before)> report = nullptr;
   /// What a task loses, "its output, archive and history": then one task is confirmed, too.
-  std::string loss = "";
+  std::string loss{};
   /// Called with the first of the changed tasks at the end.
   std::function<void(int id)> afterwards = nullptr;
 };

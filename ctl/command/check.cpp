@@ -18,6 +18,7 @@
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
@@ -39,8 +40,10 @@ void printForPeople(const Findings& findings, const std::vector<Task>& next) {
   if (next.empty()) {
     return;
   }
-  Table table(
-      {{"DUE NEXT (UTC)"}, {"IN", Table::Align::kRight}, {"ID", Table::Align::kRight}, {"NAME"}});
+  Table table({{fmt::format("DUE NEXT ({})", zoneName())},
+               {"IN", Table::Align::kRight},
+               {"ID", Table::Align::kRight},
+               {"NAME"}});
   for (const Task& task : next) {
     const long wait = *task.next - task.now;
     table.add({timeText(*task.next), wait < 0 ? "now" : durationText(wait), std::to_string(task.id),

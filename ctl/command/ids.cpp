@@ -17,7 +17,7 @@ int runIds(const Options& options) {
   JsonList list;
   forEachId(session, options.selection, options.withNames, [&](int id, const std::string& name) {
     if (options.asJson) {
-      list.add(id);
+      list.add(std::to_string(id));
     } else if (options.withNames) {
       print("{}\t{}\n", id, oneLine(name));
     } else {

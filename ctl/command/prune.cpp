@@ -48,20 +48,25 @@ SELECT cron_error_id, cron_id, cron_date, cron_logfile,
        EXISTS (SELECT FROM kodu_cron_error AS young
                WHERE young.cron_id = old.cron_id AND young.cron_logfile = old.cron_logfile
                  AND young.cron_date >= $1::timestamp) AS is_young
-FROM kodu_cron_error AS old WHERE {} AND cron_date >= $3::timestamp
-ORDER BY cron_date LIMIT 10000)";
+FROM kodu_cron_error AS old WHERE {} AND (cron_id, cron_date) >= ($3::int, $4::timestamp)
+ORDER BY cron_id, cron_date LIMIT 10000)";
+
+/// Where a batch begins.
+struct Place {
+  std::string id = "-2147483648", date = "-infinity";
+};
 
 /// Some history rows and the files that belong to them.
 struct Batch {
   std::string rows;  // their ids as an array of the server
   long count = 0;
   std::vector<fs::path> files;
-  std::string last;  // the time of the last row
+  Place last;  // of the last row
 };
 
-Batch readBatch(Session& session, const OldRows& old, const std::string& from) {
+Batch readBatch(Session& session, const OldRows& old, const Place& from) {
   std::vector<std::string> values = old.values();
-  values.push_back(from);
+  values.insert(values.end(), {from.id, from.date});
   const Rows rows = session.query(fmt::format(kBatch, kCondition), values);
   Batch batch;
   for (int row = 0; row < rows.count(); ++row) {
@@ -71,7 +76,7 @@ Batch readBatch(Session& session, const OldRows& old, const std::string& from) {
       batch.files.emplace_back(
           archiveDirectory(session.config.outputDirectory, rows.text(row, "cron_id")) + name);
     }
-    batch.last = rows.text(row, "cron_date");
+    batch.last = {rows.text(row, "cron_id"), rows.text(row, "cron_date")};
   }
   batch.rows += "}";
   batch.count = rows.count();
@@ -141,7 +146,7 @@ long countRows(Session& session, const OldRows& old) {
 /// daemon, whose purge may want the same rows, waits for no file. If it is interrupted, the rows of
 /// all remaining files are kept, so that the next prune finds them.
 void removeOld(Session& session, const OldRows& old, Progress& progress, Removal& removal) {
-  std::string from = "-infinity";
+  Place from;
   for (Batch batch = readBatch(session, old, from); batch.count > 0;
        batch = readBatch(session, old, from)) {
     for (const fs::path& path : batch.files) {
@@ -189,7 +194,7 @@ std::vector<int> chosenTasks(Session& session, const Options& options) {
   if (!options.selection.isLimitedToSome() && !options.selection.limit) {
     return {};
   }
-  const std::vector<int> ids = selectedIds(session, options, "prune");
+  std::vector<int> ids = selectedIds(session, options, "prune");
   if (ids.empty()) {
     throw Failure(kNotFound, "no task is selected; nothing was deleted");
   }

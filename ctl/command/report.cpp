@@ -12,7 +12,7 @@
 namespace {
 
 std::string nextText(const Task& task) {
-  if (task.isPaused() || !task.next) {
+  if (!task.next || (task.isPaused() && !task.pause->until)) {
     return "";
   }
   if (task.isRunning && !task.afterRun) {
@@ -20,7 +20,7 @@ std::string nextText(const Task& task) {
   }
   const long next = task.afterRun.value_or(*task.next);
   const long wait = next - task.now;
-  return fmt::format("; next due at {} UTC ({})", timeText(next),
+  return fmt::format("; next due at {} ({})", zonedTime(next),
                      wait < 0 ? durationText(-wait) + " ago" : "in " + durationText(wait));
 }
 

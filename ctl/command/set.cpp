@@ -5,17 +5,20 @@
 #include "ctl/command/definition.h"
 #include "ctl/options.h"
 #include "ctl/session/call.h"
+#include "ctl/session/moment.h"
 #include "ctl/session/session.h"
 
 int runSet(const Options& options) {
   Session session(options);
   Call call("kodu_task_set");
   call.with("plugin", "text", options.plugin)
-      .with("next_run", "timestamptz", options.next)
+      .with("next_run", "timestamptz", momentOf(session, options.next))
+      .with("timeout", "interval",
+            options.isUnlimited ? std::optional<std::string>("0") : options.timeout)
       .with("parameters", "text", parametersOf(options));
   giveDefinition(call, options);
   TaskChange change{call, "set", "changed"};
-  if (options.plugin) {  // all of them have the same
+  if (options.plugin || options.timeout) {  // all of them have the same
     change.afterwards = [&](int id) { warnOfPlugin(session, id); };
   }
   return changeTasks(session, options, change);

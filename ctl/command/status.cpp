@@ -17,12 +17,13 @@
 #include "ctl/task/taskTable.h"
 #include "ctl/terminal/jsonList.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
 void printAsJson(Session& session, const Selection& selection) {
   JsonList list;
-  forEachTask(session, selection, [&](const Task& task) { list.add(toJson(task)); });
+  forEachTask(session, selection, [&](const Task& task) { list.add(toJsonText(task)); });
   list.end();
 }
 
@@ -39,7 +40,7 @@ void printForPeople(Session& session, const Options& options, const Selection& s
     }
   });
   table.print();
-  print("{}. Times are UTC.\n", totalsText(totals));
+  print("{}. {}\n", totalsText(totals), zoneSentence());
   if (const std::string rest = restText(session, selection, page, totals); !rest.empty()) {
     print("{}\n", rest);
   }

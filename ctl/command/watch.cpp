@@ -21,6 +21,7 @@
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
@@ -98,7 +99,7 @@ class Screen {
 
   std::string headline() const {
     const long age = count.age();
-    return fmt::format("{}. Times are UTC.{}", totalsText(totals),
+    return fmt::format("{}. {}{}", totalsText(totals), zoneSentence(),
                        age > 2 ? fmt::format(" Counted {} ago.", durationText(age)) : "");
   }
 

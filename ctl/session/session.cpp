@@ -63,6 +63,17 @@ SELECT set_config('timezone', 'UTC', false), set_config('search_path', 'public',
        set_config('statement_timeout', $2, false), set_config('kodu.daemon_role', $3, false),
        set_config('jit', 'off', false), set_config('work_mem', '64MB', false))";
 
+/// What the INI files or --connect say, with the options' own settings.
+std::string conninfoOf(const Options& options, const DaemonConfig& config) {
+  const std::string given = options.connection.empty()
+                                ? connectionString(config, options.user, options.applicationName)
+                                : connectionString(options.connection);
+  // The last one counts: the database file may bring the daemon's.
+  return options.connectTimeout
+             ? fmt::format("{} connect_timeout={}", given, *options.connectTimeout)
+             : given;
+}
+
 Connection connectAs(const Options& options, const DaemonConfig& config,
                      const std::string& conninfo) {
   Connection connection = connect(conninfo);
@@ -133,6 +144,11 @@ int Rows::indexOf(int row, const char* column) const {
   return index;
 }
 
+long Rows::affected() const {
+  const std::string number = PQcmdTuples(result.get());
+  return number.empty() ? 0 : std::stol(number);
+}
+
 bool Rows::isNull(int row, const char* column) const {
   return PQgetisnull(result.get(), row, indexOf(row, column)) == 1;
 }
@@ -198,8 +214,7 @@ std::optional<long> Fields::optionalNumber() {
 Session::Session(const Options& options, SchemaRule rule)
     : config(options.connection.empty() ? readConfig(options.configFile, options.user)
                                         : DaemonConfig{}),
-      conninfo(options.connection.empty() ? connectionString(config, options.user)
-                                          : connectionString(options.connection)),
+      conninfo(conninfoOf(options, config)),
       lockTimeout(options.lockTimeout),
       statementTimeout(options.statementTimeout),
       connection(connectAs(options, config, conninfo)) {
@@ -248,6 +263,7 @@ void Session::forEachRow(const std::string& sql, const std::vector<std::string>&
     } else if (status == PGRES_TUPLES_OK) {
       isComplete = true;  // comes without a row after the last one
     } else {
+      replyOf(connection.get());  // so that the session can go on
       fail(row, watch);
     }
   } while (!isComplete);

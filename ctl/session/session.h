@@ -18,6 +18,8 @@ class Rows {
   explicit Rows(PGresult* owned) : result(owned) {}
 
   int count() const { return PQntuples(result.get()); }
+  /// The number of rows that the statement has inserted, changed or deleted.
+  long affected() const;
   bool isNull(int row, const char* column) const;
   /// "" for SQL NULL.
   std::string text(int row, const char* column) const;

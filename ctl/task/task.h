@@ -14,6 +14,7 @@ class serviceCron;
 /// Why a task does not run.
 struct Pause {
   std::optional<long> since;  // nothing where it was paused without the functions
+  std::optional<long> until;  // nothing where it does not end by itself
   std::string by, reason;     // "" where they are not known
 };
 
@@ -81,8 +82,11 @@ struct Workload {
 };
 Workload countRunning(Session& session);
 
-/// "paused since 2024-05-01 13:02:09 UTC (5m ago) by alice: new disks"; unknown parts are omitted.
+/// "paused since 2024-05-01 13:02:09 UTC (5m ago) by alice until 2024-05-01 15:00:00 UTC (in 1h
+/// 57m): new disks"; unknown parts are omitted.
 std::string pauseText(const Pause& pause, long now);
 
 /// Everything above as a JSON object.
 Json::Value toJson(const Task& task);
+/// The same as an element for JsonList.
+std::string toJsonText(const Task& task);

@@ -48,8 +48,9 @@ void addHistory(Cells& line, const Task& task) {
 
 /// "since 10:31:01 by alice: new disks".
 std::string pauseCell(const Pause& pause, long now) {
-  return fmt::format("since {}{}{}", shortTime(pause.since, now),
+  return fmt::format("since {}{}{}{}", shortTime(pause.since, now),
                      pause.by.empty() ? "" : " by " + pause.by,
+                     pause.until ? " until " + shortTime(pause.until, now) : "",
                      pause.reason.empty() ? "" : ": " + pause.reason);
 }
 

@@ -191,6 +191,23 @@ TEST_F(BulkTest, DeletesAndTakesItBack) {
   EXPECT_THAT(runAsAdmin({"undelete", "3"}).err, HasSubstr("task 3 is not being deleted"));
 }
 
+TEST_F(BulkTest, KeepsATaskFromTheDaemonsPurge) {
+  daemon.programVariable = "KODU_TEST_SHORT_PURGE_DAEMON";
+  TaskRow kept = makeTask(1, "echo fine");
+  kept.nextExec = "date_trunc('second', now()) + interval '1 hour'";
+  kept.interval = "1 hour";
+  database.insertTask(kept);
+  database.insertTask(quietTask(2));
+  ASSERT_TRUE(startAndListen());
+  ASSERT_EQ(runAsAdmin({"delete", "1", "--yes"}).exitCode, 0);
+  ASSERT_EQ(runAsAdmin({"undelete", "1"}).exitCode, 0);
+  ASSERT_EQ(runAsAdmin({"delete", "2", "--yes"}).exitCode, 0);
+  EXPECT_TRUE(waitUntil([&] { return database.task(2, "cron_id").empty(); }, kPatience));
+  EXPECT_EQ(database.task(1, "cron_id"), "1");
+  ASSERT_EQ(runAsAdmin({"run", "1"}).exitCode, 0);
+  EXPECT_TRUE(waitForStatus(1, "OK"));
+}
+
 TEST_F(BulkTest, RefusesWithoutTheRightBeforeItAsks) {
   insertTasks(2);
   const CtlResult result = run({"pause", "--all"});

@@ -17,7 +17,7 @@ class CommandLineTest : public CtlTest {};
 TEST_F(CommandLineTest, PrintsHelpAndVersion) {
   const CtlResult help = runWith({"--help"});
   EXPECT_EQ(help.exitCode, 0);
-  EXPECT_THAT(help.out, HasSubstr("rerun"));
+  EXPECT_THAT(help.out, HasSubstr("  test  "));
   const CtlResult version = runWith({"--version"});
   EXPECT_EQ(version.exitCode, 0);
   EXPECT_THAT(version.out, testing::MatchesRegex("koductl [0-9.]+\n"));

@@ -14,7 +14,6 @@
 
 namespace {
 
-using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;

@@ -422,6 +422,107 @@ TEST_F(FunctionsTest, ReportsErrorsInAChange) {
   EXPECT_THAT(heard(), IsEmpty());
 }
 
+TEST_F(FunctionsTest, SetsAndRemovesTheTimeLimit) {
+  const auto definition = [&] {
+    return status(1,
+                  "name || ': ' || (SELECT plugin_path || ' ' || COALESCE(cron_parameter, 'none')"
+                  " FROM kodu_cron_plugin JOIN kodu_plugins ON plugin_id = cron_plugin_id)");
+  };
+  call("kodu_task_add('/opt/b c', '60 s', '-w \"7 8\"', name => 'mine')");
+
+  call("kodu_task_set(1, timeout => '30 s')");
+  EXPECT_EQ(definition(), "mine: /usr/bin/koduguard -t 30 -- \"/opt/b c\" -w \"7 8\"");
+  call("kodu_task_set(1, timeout => '2 min')");
+  EXPECT_EQ(definition(), "mine: /usr/bin/koduguard -t 120 -- \"/opt/b c\" -w \"7 8\"");
+  call("kodu_task_set(1, timeout => '0', name => 'other')");
+  EXPECT_EQ(definition(), "other: /opt/b c -w \"7 8\"");
+  call("kodu_task_set(1, timeout => '0')");
+  EXPECT_EQ(definition(), "other: /opt/b c -w \"7 8\"");
+  call("kodu_task_set(1, plugin => '/opt/d', parameters => 'x', timeout => '5 s')");
+  EXPECT_EQ(definition(), "d: /usr/bin/koduguard -t 5 -- /opt/d x");
+  call("kodu_task_set(1, plugin => '/opt/e', timeout => '0')");
+  EXPECT_EQ(definition(), "e: /opt/e x");
+}
+
+TEST_F(FunctionsTest, KeepsTheOtherOptionsOfTheGuard) {
+  call("kodu_task_add('/opt/a', '60 s', timeout => '30 s')");
+  for (const auto& [before, after] :
+       {std::pair("-k 1 -t 30 -e -- /opt/a x", "-t 9 -k 1 -e -- /opt/a x"),
+        std::pair("-e -- /opt/a", "-t 9 -e -- /opt/a"), std::pair("-- /opt/a", "-t 9 -- /opt/a")}) {
+    set(1, "cron_parameter = '" + std::string(before) + "'");
+    call("kodu_task_set(1, timeout => '9 s')");
+    EXPECT_EQ(database.task(1, "cron_parameter"), after);
+  }
+}
+
+TEST_F(FunctionsTest, SaysWhatIsWrongWithATimeLimit) {
+  insertTask(7);
+  for (const char* limit : {"0.5 s", "-5 s", "2 days"}) {
+    expectRefused("kodu_task_set(7, timeout => '" + std::string(limit) + "')",
+                  "the timeout must be whole seconds, from 1 second to 1 day",
+                  "Use timeout => '30 seconds', for example.");
+  }
+}
+
+TEST_F(FunctionsTest, ResumesByItselfAtTheFirstRegularTimeAfterTheEndOfAPause) {
+  insertTask(7);  // every 300 seconds, due in an hour
+  const long before = database.nextExec(7);
+
+  call("kodu_task_pause(7, 'new disks', to_timestamp(" + std::to_string(before + 301) + "))");
+  EXPECT_EQ(database.nextExec(7), before + 600);
+  EXPECT_EQ(status(7, "paused || ' ' || pause_reason || ' ' || late"), "true new disks false");
+  EXPECT_EQ(status(7, "EXTRACT(EPOCH FROM paused_until)::bigint"), std::to_string(before + 301));
+  EXPECT_EQ(status(7, "EXTRACT(EPOCH FROM next_run)::bigint"), std::to_string(before + 600));
+  EXPECT_THAT(heard(), ElementsAre(payload("UPDATE", 7)));
+  expectRefused("kodu_task_run_now(7)", "task 7 is paused", "Call kodu_task_resume(7) first.");
+
+  database.query("UPDATE kodu_cron_pause SET resumes_at = now() - interval '1 s'");
+  EXPECT_EQ(status(7, "paused || ' ' || (paused_at IS NULL) || ' ' || (pause_reason IS NULL)"),
+            "false true true");
+  EXPECT_EQ(database.nextExec(7), before + 600);
+}
+
+TEST_F(FunctionsTest, EndsATimedPauseEarlier) {
+  insertTask(7);
+  const long before = database.nextExec(7);
+  call("kodu_task_pause(7, until => now() + interval '1 day')");
+  call("kodu_task_resume(7)");
+  EXPECT_EQ(database.nextExec(7), before);
+  EXPECT_EQ(status(7, "paused"), "f");
+}
+
+TEST_F(FunctionsTest, GivesAPauseAnotherEnd) {
+  insertTask(7);
+  const long before = database.nextExec(7);
+  call("kodu_task_pause(7, 'new disks')");
+  for (const long later : {901L, 301L}) {
+    call("kodu_task_pause(7, until => to_timestamp(" + std::to_string(before + later) + "))");
+    EXPECT_EQ(database.nextExec(7), before + later + 299);
+  }
+  EXPECT_EQ(status(7, "pause_reason"), "new disks");
+  call("kodu_task_resume(7)");
+  EXPECT_EQ(database.nextExec(7), before);
+}
+
+TEST_F(FunctionsTest, PausesAgainAfterATimedPause) {
+  insertTask(7);
+  call("kodu_task_pause(7, 'old', now() + interval '1 day')");
+  database.query("UPDATE kodu_cron_pause SET resumes_at = now() - interval '1 s'");
+  call("kodu_task_pause(7)");
+  EXPECT_EQ(database.task(7, "cron_next_exec"), "2036-01-01 00:00:00");
+  EXPECT_EQ(status(7, "paused || ' ' || (paused_until IS NULL) || ' ' || (pause_reason IS NULL)"),
+            "true true true");
+}
+
+TEST_F(FunctionsTest, SaysWhatIsWrongWithTheEndOfAPause) {
+  insertTask(7);
+  for (const char* end : {"now()", "'2035-01-01'", "'infinity'", "'-infinity'"}) {
+    expectRefused("kodu_task_pause(7, until => " + std::string(end) + ")",
+                  "the end of a pause must lie ahead, and before 2035",
+                  "Use until => now() + interval '2 hours', for example.");
+  }
+}
+
 TEST_F(FunctionsTest, ResumesAPausedTaskAtItsOldTimes) {
   insertTask(7);
   const long before = database.nextExec(7);
@@ -500,6 +601,16 @@ TEST_F(RunTest, EndsInThePauseRequestedMeanwhile) {
   EXPECT_EQ(status(7, "paused || ' ' || running"), "true false");
   EXPECT_EQ(status(7, "EXTRACT(EPOCH FROM last_run)::bigint"), std::to_string(due));
   EXPECT_THAT(heard(), IsEmpty()) << "the end of the run takes the time from the row";
+  call("kodu_task_resume(7)");
+  EXPECT_EQ(database.nextExec(7), due + 300);
+}
+
+TEST_F(RunTest, EndsWithTheTimedPauseThatWasAskedForMeanwhile) {
+  call("kodu_task_pause(7, until => to_timestamp(" + std::to_string(due + 3000) + "))");
+  EXPECT_EQ(database.nextExec(7), due);
+  EXPECT_EQ(status(7, "paused || ' ' || running"), "true true");
+  EXPECT_EQ(endRun(), due + 3000);
+  EXPECT_EQ(status(7, "paused || ' ' || running"), "true false");
   call("kodu_task_resume(7)");
   EXPECT_EQ(database.nextExec(7), due + 300);
 }

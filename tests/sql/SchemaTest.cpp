@@ -577,7 +577,7 @@ TEST_F(StateTest, RecognisesTheDaemonByTheRoleInTheSetting) {
 }
 
 TEST_F(StateTest, ReadsNoHistoryAndNoPauseForColumnsThatDoNotNeedThem) {
-  EXPECT_THAT(plan("id, status, running, paused, due, late_seconds, late, deleting"),
+  EXPECT_THAT(plan("id, status, running, due, late_seconds, late, deleting"),
               testing::Not(testing::AnyOf(HasSubstr("kodu_cron_error"),
                                           HasSubstr("kodu_cron_pause"), HasSubstr("pg_stat"))));
   EXPECT_THAT(plan("failures_hour"), HasSubstr("kodu_cron_error"));
