@@ -130,7 +130,7 @@ class Conditions {
       addAfter(order, pageKeyOf(order, selection.after));
     }
     addPattern("name", selection.name);
-    addPattern("program", selection.plugin);
+    addPlugin(selection.plugin);
     if (selection.isFailed) {
       add("failing");  // may look into the history
     }
@@ -190,6 +190,16 @@ class Conditions {
   void addPattern(const char* column, const std::optional<std::string>& glob) {
     if (glob) {
       add(fmt::format("{} LIKE {}", column, place(likePattern(*glob), "text")));
+    }
+  }
+
+  /// What koduguard runs is known only once a task is joined with its plugin. The first condition
+  /// is about the plugin alone, and leaves few to be joined.
+  void addPlugin(const std::optional<std::string>& glob) {
+    if (glob) {
+      const std::string pattern = place(likePattern(*glob), "text");
+      add(fmt::format("(plugin_path LIKE {} OR plugin_path LIKE '%/koduguard')", pattern));
+      add(fmt::format("program LIKE {}", pattern));
     }
   }
 
