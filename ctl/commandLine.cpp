@@ -403,6 +403,7 @@ class Parser {
             "Assume that the runs of task ID take this long, such as 7=12.5; can be repeated")
         ->option_text("ID=SECONDS")
         ->expected(1)
+        ->allow_extra_args(false)
         ->take_all();
 
     CLI::App* stagger = addCommand(

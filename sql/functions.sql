@@ -1019,8 +1019,10 @@ DECLARE
     begins bigint := floor(EXTRACT(EPOCH FROM now()));
     ends bigint;
 BEGIN
-    IF hours IS NULL OR hours <= 0 OR hours > 168 OR run_seconds IS NULL OR run_seconds < 0 THEN
-        RAISE EXCEPTION 'hours must be between 0 and 168, and run_seconds must not be negative' USING
+    IF hours IS NULL OR hours <= 0 OR hours > 168
+       OR run_seconds IS NULL OR run_seconds < 0 OR run_seconds = 'NaN' THEN
+        RAISE EXCEPTION USING
+            MESSAGE = 'hours must be more than 0 and at most 168, and run_seconds must not be negative',
             ERRCODE = 'invalid_parameter_value',
             HINT = 'Use kodu_forecast(hours => 24, run_seconds => 2.5), for example.';
     END IF;

@@ -1,15 +1,202 @@
+#include "ctl/commandLine.h"
+
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "ctl/command/commands.h"
+#include "ctl/failure.h"
 #include "tests/ctl/CtlTest.h"
+#include "tests/support/outputOf.h"
 
 namespace {
 
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::Eq;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
+using testing::Optional;
+using testing::StartsWith;
+
+using Words = std::vector<std::string>;
+using Command = int (*)(const Options&);
+
+/// The parser without the commands.
+class ParserTest : public testing::Test {
+ protected:
+  Request parse(const Words& arguments) {
+    std::vector<const char*> pointers = {"koductl"};
+    for (const std::string& argument : arguments) {
+      pointers.push_back(argument.c_str());
+    }
+    Request request;
+    err = outputOf(
+        [&] {
+          out = outputOf([&] {
+            request = parseCommandLine(static_cast<int>(pointers.size()), pointers.data());
+          });
+        },
+        STDERR_FILENO);
+    return request;
+  }
+  /// The options of a command line without an error.
+  Options optionsOf(const Words& arguments) {
+    const Request request = parse(arguments);
+    EXPECT_TRUE(request.run) << testing::PrintToString(arguments) << err;
+    return request.options;
+  }
+  void expectError(const Words& arguments, const std::string& text) {
+    const Request request = parse(arguments);
+    EXPECT_FALSE(request.run) << testing::PrintToString(arguments);
+    EXPECT_EQ(request.exitCode, kWrongUsage) << testing::PrintToString(arguments);
+    EXPECT_EQ(out, "");
+    EXPECT_THAT(err, StartsWith("koductl: ")) << testing::PrintToString(arguments);
+    EXPECT_THAT(err, HasSubstr(text)) << testing::PrintToString(arguments);
+  }
+
+  std::string out, err;  // of the last parse
+};
+
+TEST_F(ParserTest, HasDefaults) {
+  const Options options = optionsOf({"status"});
+  EXPECT_EQ(options.configFile, "/etc/kodu/cron.conf");
+  EXPECT_EQ(options.user, "");
+  EXPECT_EQ(options.lockTimeout, 5);
+  EXPECT_EQ(options.statementTimeout, 60);
+  EXPECT_FALSE(options.asJson || options.onlyFailed || options.onlyLate || options.withOutput ||
+               options.watch);
+}
+
+TEST_F(ParserTest, AcceptsTheCommonOptionsOnBothSidesOfTheCommand) {
+  const Words common = {
+      "-f", "/x", "--user", "alice", "--json", "--lock-timeout", "1", "--statement-timeout", "0"};
+  Words before = common;
+  before.emplace_back("status");
+  Words after = {"status"};
+  after.insert(after.end(), common.begin(), common.end());
+  for (const Words& arguments : {before, after}) {
+    const Options options = optionsOf(arguments);
+    EXPECT_EQ(options.configFile, "/x");
+    EXPECT_EQ(options.user, "alice");
+    EXPECT_TRUE(options.asJson);
+    EXPECT_EQ(options.lockTimeout, 1);
+    EXPECT_EQ(options.statementTimeout, 0);
+  }
+  EXPECT_EQ(optionsOf({"--config=/y", "status"}).configFile, "/y");
+}
+
+TEST_F(ParserTest, FindsEachCommand) {
+  const std::vector<std::pair<Words, Command>> cases = {
+      {{"status"}, runStatus},        {{"show", "7"}, runShow},
+      {{"explain", "7"}, runExplain}, {{"history", "7"}, runHistory},
+      {{"output", "7"}, runOutput},   {{"rerun", "7"}, runRerun},
+      {{"check"}, runCheck},          {{"add", "p", "--every", "1s"}, runAdd},
+      {{"set", "7"}, runSet},         {{"pause", "7"}, runPause},
+      {{"resume", "7"}, runResume},   {{"run", "7"}, runNow},
+      {{"delete", "7"}, runDelete},   {{"forecast"}, runForecast},
+      {{"stagger"}, runStagger},      {{"prune", "--older-than", "1d"}, runPrune},
+      {{"schema"}, runSchema},
+  };
+  for (const auto& [arguments, command] : cases) {
+    const Request request = parse(arguments);
+    const auto* found = request.run.target<Command>();
+    ASSERT_NE(found, nullptr) << arguments.front() << err;
+    EXPECT_EQ(*found, command) << arguments.front();
+  }
+}
+
+TEST_F(ParserTest, AcceptsTheLimitsOfAnId) {
+  EXPECT_EQ(optionsOf({"show", "0"}).id, 0);
+  EXPECT_EQ(optionsOf({"show", "2147483647"}).id, 2147483647);
+}
+
+TEST_F(ParserTest, KeepsMissingSettingsApartFromEmptyOnes) {
+  const Options none = optionsOf({"set", "7"});
+  for (const auto& value : {none.plugin, none.name, none.every, none.fileName, none.retryAfter,
+                            none.next, none.timeout}) {
+    EXPECT_EQ(value, std::nullopt);
+  }
+  EXPECT_EQ(none.retries, std::nullopt);
+  EXPECT_EQ(none.pluginArguments, std::nullopt);
+  const Options given = optionsOf({"set", "7", "--name", "", "--retries", "0", "--"});
+  EXPECT_THAT(given.name, Optional(Eq("")));
+  EXPECT_THAT(given.retries, Optional(0));
+  EXPECT_THAT(given.pluginArguments, Optional(IsEmpty()));
+}
+
+TEST_F(ParserTest, LeavesWhatFollowsTheSeparatorToThePlugin) {
+  const Words arguments = {"--json", "-f", "--", "--help", "", "two words", "7"};
+  Words line = {"add", "p", "--every", "1s", "--"};
+  line.insert(line.end(), arguments.begin(), arguments.end());
+  const Options options = optionsOf(line);
+  EXPECT_THAT(options.pluginArguments, Optional(arguments));
+  EXPECT_FALSE(options.asJson);
+}
+
+TEST_F(ParserTest, RefusesPluginArgumentsOfOtherCommands) {
+  for (const Words& arguments :
+       {Words{"status", "--"}, {"show", "7", "--", "x"}, {"delete", "7", "--", "--yes"}}) {
+    expectError(arguments, "only add and set accept plugin arguments after --");
+  }
+}
+
+TEST_F(ParserTest, CollectsRepeatedDurations) {
+  EXPECT_THAT(optionsOf({"forecast", "--took", "1=2", "3", "--took", "4=5"}).took,
+              ElementsAre("1=2", "4=5"));
+  EXPECT_EQ(optionsOf({"forecast", "3"}).hours, "3");
+}
+
+TEST_F(ParserTest, ReportsErrorsWithTheHelpOfTheCommand) {
+  const std::vector<std::pair<Words, std::string>> cases = {
+      {{}, "; see koductl --help\n"},
+      {{"stats"}, "unknown command stats; koductl --help lists the commands\n"},
+      {{"stats", "--json"}, "unknown command stats; "},
+      {{"--unknown"}, "--unknown"},
+      {{"show"}, "ID is required; see koductl show --help\n"},
+      {{"show", "-1"}, "; see koductl show --help\n"},
+      {{"show", "seven"}, "; see koductl show --help\n"},
+      {{"status", "7"}, "; see koductl status --help\n"},
+      {{"status", "--lat"}, "--lat"},
+      {{"history", "7", "-n", "0"}, "; see koductl history --help\n"},
+      {{"--lock-timeout", "86401", "status"}, "86401"},
+      {{"--statement-timeout", "-1", "status"}, "-1"},
+      {{"prune"}, "--older-than is required; see koductl prune --help\n"},
+      {{"schema", "downgrade"}, "downgrade"},
+      {{"schema", "upgrade", "--wait", "-1"}, "; see koductl schema --help\n"},
+      {{"pause", "7", "--reason"}, "--reason"},
+      {{"status", "show", "7"}, "; see koductl status --help\n"},
+  };
+  for (const auto& [arguments, text] : cases) {
+    expectError(arguments, text);
+  }
+}
+
+TEST_F(ParserTest, PrintsAnErrorOnOneLineWithoutControlCharacters) {
+  expectError({"a\nb\x1b[2J"}, "unknown command a b?[2J; ");
+  expectError({"show", "a\nb\x1b[2J"}, "a b?[2J");
+}
+
+TEST_F(ParserTest, PrintsHelpAndVersionToStandardOutput) {
+  for (const Words& arguments : {Words{"--help"},
+                                 {"-h"},
+                                 {"--version"},
+                                 {"status", "--help"},
+                                 {"-f", "/nowhere", "add", "-h"}}) {
+    const Request request = parse(arguments);
+    EXPECT_FALSE(request.run) << testing::PrintToString(arguments);
+    EXPECT_EQ(request.exitCode, 0);
+    EXPECT_THAT(out, EndsWith("\n"));
+    EXPECT_EQ(err, "");
+  }
+  parse({"delete", "--help"});
+  EXPECT_THAT(out, StartsWith("Usage: koductl delete ID [--yes]"));
+}
 
 /// Messages and exit statuses of koductl when it cannot start a command.
 class CommandLineTest : public CtlTest {};

@@ -165,7 +165,7 @@ class CtlTest : public DaemonTest {
     std::istringstream stream(text);
     std::string errors;
     if (!Json::parseFromStream(Json::CharReaderBuilder(), stream, &value, &errors)) {
-      throw std::runtime_error("no JSON: " + text);
+      throw std::runtime_error("not JSON: " + text);
     }
     return value;
   }

@@ -1,7 +1,6 @@
 #include "guard/say.h"
 
 #include <fcntl.h>
-#include <pty.h>
 #include <unistd.h>
 
 #include <array>
@@ -13,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/FakeTerminal.h"
 #include "tests/support/outputOf.h"
 
 namespace {
@@ -39,18 +39,9 @@ TEST(SayTest, KeepsEachByteInAFile) {
 }
 
 std::string onTerminal(std::string_view text) {
-  int terminal = -1;
-  int end = -1;
-  EXPECT_EQ(openpty(&terminal, &end, nullptr, nullptr, nullptr), 0);
-  {
-    const Redirected redirected(STDOUT_FILENO, end);
-    say({text, "."});
-  }
-  std::array<char, 256> shown{};
-  const ssize_t length = read(terminal, shown.data(), shown.size());
-  close(end);
-  close(terminal);
-  return {shown.data(), static_cast<std::size_t>(length)};
+  FakeTerminal terminal(24, 80);
+  say({text, "."});
+  return terminal.finish();
 }
 
 struct Shown {

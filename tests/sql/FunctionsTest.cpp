@@ -875,9 +875,9 @@ TEST_F(RunTest, BeginsAtOnceWhenItIsOverdueAtItsLoad) {
   };
 
   EXPECT_THAT(moveOn("890 s"), testing::AllOf(testing::Ge(0), testing::Le(2)));
-  EXPECT_GT(moveOn("901 s"), 80000) << "a missed run like any other";
+  EXPECT_GT(moveOn("901 s"), 80000) << "as for any missed run";
   run("UpdateCronProcess", {"7"});
-  EXPECT_EQ(database.task(7, "cron_wanted"), "") << "what was wanted has begun";
+  EXPECT_EQ(database.task(7, "cron_wanted"), "") << "the requested run has begun";
 }
 
 TEST_F(FunctionsTest, KeepsAPauseOfTheLongestIntervalWithinTheTable) {
@@ -1208,8 +1208,8 @@ TEST_F(FunctionsTest, ForecastsMinutesWithoutRuns) {
 }
 
 TEST_F(FunctionsTest, ReportsErrorsInAForecast) {
-  for (const std::string arguments : {"0", "-1", "169", "NULL", "1, -1", "1, NULL"}) {
-    expectRefused("kodu_forecast(" + arguments + ")", "hours must be between 0 and 168",
+  for (const std::string arguments : {"0", "-1", "169", "NULL", "1, -1", "1, NULL", "1, 'NaN'"}) {
+    expectRefused("kodu_forecast(" + arguments + ")", "hours must be more than 0 and at most 168",
                   "Use kodu_forecast(");
   }
   for (const std::string durations : {"NULL", "'[1]'", R"('{"7": "a"}')", R"('{"7": -1}')"}) {
@@ -1318,7 +1318,7 @@ TEST_F(FunctionsTest, GrantsTheDaemonNoFunctionAndNoTable) {
   EXPECT_EQ(database.query("SELECT prosecdef, count(*) > 20 FROM pg_proc "
                            "WHERE proname LIKE 'kodu\\_%' GROUP BY 1"),
             (Rows{{"f", "t"}}))
-      << "none has the rights of its owner";
+      << "no function has the rights of its owner";
   EXPECT_EQ(database.value("SELECT has_table_privilege('kodu', 'kodu_cron_pause', 'SELECT, INSERT, "
                            "UPDATE, DELETE') OR has_table_privilege('kodu', 'kodu_task_status', "
                            "'SELECT')"),

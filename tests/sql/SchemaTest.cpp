@@ -519,7 +519,7 @@ TEST_F(StateTest, TellsLateFromRunning) {
   set("cron_status = 'OK', cron_delete = TRUE");
   EXPECT_EQ(state(columns), (Database::Row{"f", "3", "0", "f"}));
   set("cron_status = 'PROCESS', cron_next_exec = now() + interval '1 s'");
-  EXPECT_EQ(state(columns), (Database::Row{"f", "0", "0", "f"})) << "what a life left behind";
+  EXPECT_EQ(state(columns), (Database::Row{"f", "0", "0", "f"})) << "a row of an earlier process";
 }
 
 TEST_F(StateTest, TellsARetryThatWaitsFromABusyWorker) {
@@ -627,7 +627,7 @@ TEST_F(SchemaTest, LetsOnlyTheDaemonsRoleConnect) {
   const auto connect = [&] {
     pgSafeThread(database.host(), database.port(), database.name(), other, "p");
   };
-  EXPECT_NO_THROW(connect()) << "a copy of the template lets everybody in";
+  EXPECT_NO_THROW(connect()) << "in a copy of the template every role may connect";
 
   loadSchema();
 

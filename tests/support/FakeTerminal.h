@@ -12,8 +12,7 @@
 
 #include "tests/support/outputOf.h"
 
-/// Makes a terminal the standard output of this process during its lifetime, without colours unless
-/// the test sets TERM and NO_COLOR.
+/// Makes a terminal the standard output of this process during its lifetime.
 class FakeTerminal {
  public:
   FakeTerminal(unsigned short rows, unsigned short columns) {
@@ -32,13 +31,16 @@ class FakeTerminal {
   FakeTerminal(const FakeTerminal&) = delete;
   FakeTerminal& operator=(const FakeTerminal&) = delete;
 
-  /// What has been printed since the last call, with "\r\n" at the end of each line. Waits for the
-  /// first byte.
-  std::string read() const {
-    std::fflush(stdout);
+  /// Everything that has been printed, with "\r\n" at the end of each line. Restores standard
+  /// output.
+  std::string finish() {
+    redirected.reset();
+    std::string text;
     std::array<char, 4096> chunk{};
-    const ssize_t length = ::read(screen, chunk.data(), chunk.size());
-    return {chunk.data(), static_cast<std::size_t>(length < 0 ? 0 : length)};
+    for (ssize_t length = 0; (length = read(screen, chunk.data(), chunk.size())) > 0;) {
+      text.append(chunk.data(), static_cast<std::size_t>(length));
+    }
+    return text;
   }
 
  private:

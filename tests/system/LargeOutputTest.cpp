@@ -66,7 +66,7 @@ TEST_F(LargeOutputTest, NeedsAtMostTwiceItsSizeInMemoryWhenThePluginFails) {
 TEST_F(LargeOutputTest, NeedsAtMostTwiceItsSizeInMemoryWhenThePluginIsKilled) {
   EXPECT_LT(peak("y", "kill -KILL $$", "FAILED"), kMost);
 
-  EXPECT_LT(memory("VmRSS"), kSize) << "it keeps what is not needed any more";
+  EXPECT_LT(memory("VmRSS"), kSize) << "it keeps memory that is no longer needed";
 }
 
 }  // namespace

@@ -202,7 +202,7 @@ class RandomRowsTest : public testing::Test {
     insert(count - count / 2);
     const bool isStarted = startAndListen();
     ASSERT_NO_FATAL_FAILURE(expectAlive("start"));
-    ASSERT_TRUE(isStarted) << "the daemon does not come to its threads";
+    ASSERT_TRUE(isStarted) << "the daemon does not start its threads";
     runAll();
     ASSERT_NO_FATAL_FAILURE(expectAlive("run"));
     rest();

@@ -66,7 +66,7 @@ class StopStormTest : public testing::Test {
   void stopAfter(const std::string& line, int spreadMs) {
     signalAfter(line, spreadMs);
     const auto status = daemon.waitForEnd(std::chrono::seconds(60));
-    ASSERT_TRUE(status.has_value()) << "hangs since SIGTERM; seed " << seed;
+    ASSERT_TRUE(status.has_value()) << "hangs after SIGTERM; seed " << seed;
     ASSERT_EQ(signalOf(status), SIGABRT) << "status " << *status << "; seed " << seed;
     ASSERT_NE(daemon.console().find("terminate called without an active exception"),
               std::string::npos);

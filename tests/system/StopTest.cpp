@@ -195,7 +195,7 @@ TEST_F(StopTest, HandlesASignalAtOnceWhileItConnects) {
   daemon.start();
   ASSERT_TRUE(server.accept());
 
-  EXPECT_TRUE(stop()) << "the server is silent still";
+  EXPECT_TRUE(stop()) << "the server is still silent";
 
   server.hangUp();
   EXPECT_EQ(exitStatusOf(daemon.waitForEnd()), 1);
@@ -227,7 +227,7 @@ class StopInStartUpTest : public StopTest {
     database.query("LOCK TABLE " + table);
     startWith("2");
     ASSERT_TRUE(waitUntil([&] { return database.waitingSessions() == 1; }, kPatience));
-    EXPECT_TRUE(stop()) << "the table is locked still";
+    EXPECT_TRUE(stop()) << "the table is still locked";
     database.query("COMMIT");
   }
 
@@ -350,7 +350,7 @@ TEST_F(SlowStopTest, EndsWhileAWorkersStatementHangs) {
   // The main, the admin and the worker's thread remain.
   EXPECT_TRUE(waitUntil([&] { return threadCount(daemon.pid()) == 3; }));
   EXPECT_EQ(signalOf(daemon.waitForEnd(kLongestStop)), SIGABRT);
-  EXPECT_EQ(database.waitingSessions(), 1) << "the statement hangs still";
+  EXPECT_EQ(database.waitingSessions(), 1) << "the statement still hangs";
 }
 
 // Enough tasks that emptying the queues takes some time.

@@ -18,7 +18,7 @@ class TimeZoneTest : public DaemonTest {
  protected:
   void SetUp() override {
     if (!mount.isMounted()) {
-      GTEST_SKIP() << "/etc/localtime can be replaced by an administrator only";
+      GTEST_SKIP() << "only an administrator can replace /etc/localtime";
     }
     unsetenv("TZ");
     DaemonTest::SetUp();

@@ -21,7 +21,7 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const char* const kOwn = "application_name=kodu_ctl connect_timeout=10";
+const char* const kOwnSettings = "application_name=kodu_ctl connect_timeout=10";
 
 /// A pair of INI files, which a test may change.
 class ConfigTest : public testing::Test {
@@ -176,15 +176,15 @@ TEST_F(OtherUsersConfigTest, CannotReadALockedMainFile) {
 }
 
 TEST_F(ConfigTest, ConnectsAsTheDaemonsRole) {
-  EXPECT_EQ(
-      connectionString(read(), ""),
-      std::string(kOwn) + " host=db.example port=5433 dbname=tasks user=cron password=se cret")
+  EXPECT_EQ(connectionString(read(), ""),
+            std::string(kOwnSettings) +
+                " host=db.example port=5433 dbname=tasks user=cron password=se cret")
       << "unquoted, as in the daemon";
 }
 
 TEST_F(ConfigTest, ConnectsAsAnotherRoleWithoutThePassword) {
   EXPECT_EQ(connectionString(read(), "alice"),
-            std::string(kOwn) + " host=db.example port=5433 dbname=tasks user='alice'");
+            std::string(kOwnSettings) + " host=db.example port=5433 dbname=tasks user='alice'");
 }
 
 TEST_F(ConfigTest, LetsTheFileAddSettings) {
@@ -192,14 +192,14 @@ TEST_F(ConfigTest, LetsTheFileAddSettings) {
             "[POSTGRESQL]\nPGSQL_host=h connect_timeout=3\nPGSQL_port=1\n"
             "PGSQL_db=d\nPGSQL_username=u\nPGSQL_pwd=p\n");
   EXPECT_THAT(connectionString(read(), ""),
-              StartsWith(std::string(kOwn) + " host=h connect_timeout=3 port=1 "));
+              StartsWith(std::string(kOwnSettings) + " host=h connect_timeout=3 port=1 "));
 }
 
 TEST_F(ConfigTest, NamesOnlyTheRoleWhenTheDatabaseIsInTheEnvironment) {
   DaemonConfig config;
   config.isDatabaseFileRead = false;
   config.user = "kodu";
-  EXPECT_EQ(connectionString(config, "alice"), std::string(kOwn) + " user='alice'");
+  EXPECT_EQ(connectionString(config, "alice"), std::string(kOwnSettings) + " user='alice'");
 }
 
 TEST_F(ConfigTest, QuotesTheNameOfARole) {
@@ -226,13 +226,14 @@ TEST(ConnectionStringTest, AcceptsSettingsAndUris) {
       {"postgresql://h/a%20b", " dbname='a b' host='h'"},
   };
   for (const auto& [given, settings] : cases) {
-    EXPECT_EQ(connectionString(given), kOwn + settings) << given;
+    EXPECT_EQ(connectionString(given), kOwnSettings + settings) << given;
   }
 }
 
 TEST(ConnectionStringTest, LetsASettingReplaceItsOwn) {
-  EXPECT_THAT(connectionString("application_name=mine connect_timeout=2"),
-              StartsWith(std::string(kOwn) + " connect_timeout='2' application_name='mine'"));
+  EXPECT_THAT(
+      connectionString("application_name=mine connect_timeout=2"),
+      StartsWith(std::string(kOwnSettings) + " connect_timeout='2' application_name='mine'"));
 }
 
 TEST(ConnectionStringTest, RefusesWhatLibpqCannotRead) {

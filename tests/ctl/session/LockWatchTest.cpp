@@ -42,17 +42,23 @@ class LockWatchTest : public CtlTest {
                             pidOf(*waiting)) != "0";
     }));
   }
-  LockWatch watch() const {
-    LockWatch result(database.adminConninfo(), PQbackendPID(waiting->connection));
-    result.look();
+  /// What a watch finds: a busy machine may need more than one look.
+  LockWatch watch(const std::string& conninfo) const {
+    LockWatch result(conninfo, PQbackendPID(waiting->connection));
+    EXPECT_TRUE(waitUntil([&] {
+      result.look();
+      return !result.lock().empty() && !result.holders().empty();
+    }));
     return result;
   }
+  LockWatch watch() const { return watch(database.adminConninfo()); }
 
   std::unique_ptr<pgSafeThread> waiting;
 };
 
 TEST_F(LockWatchTest, FindsNothingForASessionThatDoesNotWait) {
-  const LockWatch idle = watch();
+  LockWatch idle(database.adminConninfo(), PQbackendPID(waiting->connection));
+  idle.look();
   EXPECT_EQ(idle.lock(), "");
   EXPECT_EQ(idle.holders(), "");
   EXPECT_EQ(idle.remedy(), "");
@@ -127,8 +133,7 @@ TEST_F(LockWatchTest, EndsTheSessionsByItsRemedy) {
 TEST_F(LockWatchTest, KeepsWhatItFoundAfterTheWait) {
   auto other = holder("LOCK TABLE kodu_plugins");
   await("SELECT count(*) FROM kodu_plugins");
-  LockWatch found(database.adminConninfo(), PQbackendPID(waiting->connection));
-  found.look();
+  LockWatch found = watch();
   PQclear(other->executeRequest("ROLLBACK"));
   ASSERT_TRUE(hasReplied(waiting->connection, std::chrono::seconds(10)));
   replyOf(waiting->connection);
@@ -140,9 +145,8 @@ TEST_F(LockWatchTest, KeepsWhatItFoundAfterTheWait) {
 TEST_F(LockWatchTest, OmitsTheStateThatARoleMayNotSee) {
   const auto other = holder("LOCK TABLE kodu_plugins");
   await("SELECT * FROM kodu_plugins");
-  LockWatch found(database.conninfo(), PQbackendPID(waiting->connection));
-  found.look();
-  EXPECT_EQ(found.holders(), "session " + pidOf(*other) + " of role postgres (psql)");
+  EXPECT_EQ(watch(database.conninfo()).holders(),
+            "session " + pidOf(*other) + " of role postgres (psql)");
 }
 
 TEST_F(LockWatchTest, FindsNothingWithoutAConnection) {

@@ -53,8 +53,8 @@ TEST(ServerMessageTest, DoesNotLookForACodeBeyondTheFirstLine) {
 }
 
 TEST(ServerMessageTest, RemovesTheTabsOfFurtherLines) {
-  EXPECT_EQ(serverMessage("lost\n\tThis probably means\n\tthe server ended.\n"),
-            "lost\nThis probably means\nthe server ended.");
+  EXPECT_EQ(serverMessage("lost\n\tThis probably means\n\tan end of the server.\n"),
+            "lost\nThis probably means\nan end of the server.");
   EXPECT_EQ(serverMessage("a\tb"), "a\tb");
 }
 
@@ -115,7 +115,7 @@ TEST(RowsTest, RefusesAResultThatPostgreSqlDoesNotSend) {
       ADD_FAILURE() << "was read";
     } catch (const Failure& e) {
       EXPECT_EQ(e.exitCode, kNoDatabase);
-      EXPECT_THAT(e.what(), StartsWith("what answers is no PostgreSQL: no valid "));
+      EXPECT_THAT(e.what(), testing::AllOf(HasSubstr("PostgreSQL"), HasSubstr("no valid ")));
     }
   }
 }

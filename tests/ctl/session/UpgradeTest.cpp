@@ -195,7 +195,7 @@ TEST_F(UpgradeTest, DoesNotLoadSchemaSqlIntoAnOlderDatabase) {
   const std::string before = dump(database, "before.sql");
   try {
     load(database, "sql/schema.sql");
-    ADD_FAILURE() << "an older database was taken";
+    ADD_FAILURE() << "an older database was accepted";
   } catch (const std::runtime_error& e) {
     EXPECT_THAT(e.what(), HasSubstr("HINT:  Run koductl --user OWNER schema upgrade."));
   }

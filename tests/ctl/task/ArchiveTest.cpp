@@ -56,9 +56,10 @@ TEST_F(FirstLineTest, IsCutBetweenCharacters) {
   // Of two, three and four bytes.
   for (const std::string character : {"\u00e9", "\u65e5", "\U0001f600"}) {
     for (std::size_t inside = 0; inside <= character.size(); ++inside) {
-      const std::string begin(240 - inside, 'x');
-      EXPECT_EQ(firstLine(begin + character + character),
-                inside == character.size() ? begin + character : begin)
+      std::string text(240 - inside, 'x');
+      const std::string begin = text;
+      text.append(character).append(character);
+      EXPECT_EQ(firstLine(text), inside == character.size() ? text.substr(0, 240) : begin)
           << character << " with " << inside << " bytes before the cut";
     }
   }

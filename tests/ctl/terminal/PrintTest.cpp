@@ -20,7 +20,6 @@ using testing::StartsWith;
 // An escape, a C1 control, DEL, an override of the direction, and a byte of invalid UTF-8.
 const std::string kNasty = "\x1b[31m \u009b31m \x7f \u202e\u2067 \xff";
 const std::string kNastyUtf8 = kNasty.substr(0, kNasty.size() - 1);
-const std::string kShownNasty = "?[31m ?31m ? ?? ?";
 
 /// The codes of the unsafe characters in printed text. Newlines and tabs are safe, and so is the
 /// carriage return with which a terminal ends lines.
@@ -34,22 +33,6 @@ std::string unsafeIn(std::string_view text) {
     text.remove_prefix(first.bytes);
   }
   return found;
-}
-
-TEST(PrintableTest, ReplacesEachUnsafeCharacterByAQuestionMark) {
-  EXPECT_EQ(printable(kNasty), kShownNasty);
-  EXPECT_EQ(printable("line\n\ttab\r"), "line\n\ttab?");
-  EXPECT_EQ(printable("\u061c\u200e\u200f\u2028\u2029\u202a\u202e\u2066\u2069"), "?????????");
-  EXPECT_EQ(printable("é \u00a0 日本 \U0001f600 \u200d"), "é \u00a0 日本 \U0001f600 \u200d");
-}
-
-TEST(PrintableTest, ReplacesEachByteOfInvalidUtf8) {
-  for (const char* wrong :
-       {"\x80", "\xc2", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
-        "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80", "\xe2\x80"}) {
-    const std::string text = std::string(wrong) + "a";
-    EXPECT_EQ(printable(text), std::string(text.size() - 1, '?') + "a");
-  }
 }
 
 /// How koductl prints names, outputs and messages that contain control sequences.

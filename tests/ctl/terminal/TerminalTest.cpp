@@ -40,6 +40,20 @@ TEST(PrintableTest, KeepsNewlinesAndTabsOnly) {
   }
 }
 
+TEST(PrintableTest, ReplacesEachMarkOfTheDirection) {
+  EXPECT_EQ(printable("\u061c\u200e\u200f\u2028\u2029\u202a\u202e\u2066\u2069"), "?????????");
+  EXPECT_EQ(printable("\u00a0 \u200d"), "\u00a0 \u200d") << "harmless characters";
+}
+
+TEST(PrintableTest, ReplacesEachByteOfInvalidUtf8) {
+  for (const char* wrong :
+       {"\x80", "\xc2", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
+        "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80", "\xe2\x80"}) {
+    const std::string text = std::string(wrong) + "a";
+    EXPECT_EQ(printable(text), std::string(text.size() - 1, '?') + "a");
+  }
+}
+
 TEST(OneLineTest, ReplacesLineBreaksAndTabsBySpaces) {
   for (const Text& test :
        {Text{"newline", "a\nb", "a b"}, Text{"tab", "a\tb", "a b"}, Text{"both", "a\r\nb", "a  b"},

@@ -35,6 +35,8 @@ TEST(ShortTimeTest, ChangesAtMidnightUtc) {
   EXPECT_EQ(shortTime(midnight + kDay - 1, kNoon), "23:59:59");
   EXPECT_EQ(shortTime(midnight - 1, kNoon), "2024-04-30 23:59:59");
   EXPECT_EQ(shortTime(midnight + kDay, kNoon), "2024-05-02 00:00:00");
+  EXPECT_EQ(shortTime(midnight, midnight + kDay - 1), "00:00:00");
+  EXPECT_EQ(shortTime(midnight - 1, midnight), "2024-04-30 23:59:59");
 }
 
 TEST(DurationTextTest, ShowsTheTwoLargestUnits) {
@@ -53,7 +55,7 @@ TEST(DurationTextTest, ShowsTheTwoLargestUnits) {
       {kDay + 59, "1d"},
       {kDay + 3600, "1d 1h"},
       {90061, "1d 1h"},
-      {365 * kDay + 23 * 3600, "365d 23h"},
+      {365 * kDay + 23L * 3600, "365d 23h"},
       {-5, "0s"},
   };
   for (const auto& [seconds, text] : cases) {

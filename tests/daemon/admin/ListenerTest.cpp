@@ -339,7 +339,7 @@ TEST_F(ListenerTest, EndsWithinSecondsWhileAnotherThreadsStatementHangs) {
 
   EXPECT_TRUE(waitUntil([&] { return hasEnded.load(); }));
 
-  EXPECT_EQ(database.waitingSessions(), 1) << "the statement hangs no longer";
+  EXPECT_EQ(database.waitingSessions(), 1) << "the statement no longer hangs";
   database.query("COMMIT");
   worker.join();
   watcher.join();

@@ -167,8 +167,7 @@ TEST_F(LoaderTest, MovesAnOverdueTaskOutOfThePast) {
 
   EXPECT_EQ(database.nextExec(1), before + 900);
   EXPECT_EQ(loaded(1)->GetExecTimeSec(), before + 900);
-  EXPECT_EQ(logged("DEBUG#ADD cron task: " + std::to_string(before)), 1)
-      << "the text as it was read";
+  EXPECT_EQ(logged("DEBUG#ADD cron task: " + std::to_string(before)), 1) << "the unchanged text";
 }
 
 TEST_F(LoaderTest, LoadsTheListedTasksOnly) {
@@ -201,7 +200,7 @@ TEST_F(LoaderTest, ReplacesAKnownTaskAndLeavesItQueued) {
   load("ADD", {1});
 
   EXPECT_NE(loaded(1), first);
-  EXPECT_EQ(first->GetExecState(), 0) << "nothing tells the old one to go";
+  EXPECT_EQ(first->GetExecState(), 0) << "nothing removes the old one";
   EXPECT_EQ(serviceQueue->size(), 2U);
 }
 
@@ -248,7 +247,7 @@ TEST_F(LoaderTest, ReplacesATaskWhoseTimingChanged) {
   EXPECT_EQ(task->GetRetrie(), 1);
   EXPECT_EQ(task->GetMaxRetrie(), 9);
   EXPECT_EQ(task->Getinterval_exec_time(), 60U);
-  EXPECT_EQ(serviceQueue->size(), 2U) << "the old one leaves the queue when it is met";
+  EXPECT_EQ(serviceQueue->size(), 2U) << "the old one leaves the queue when it is found";
 }
 
 // The only case of an update in place: the interval, in seconds, equals the next time.

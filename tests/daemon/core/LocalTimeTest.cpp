@@ -93,7 +93,7 @@ TEST_F(UtcOffsetTest, FollowsTheZoneFileInEveryThread) {
   ZoneFile zone(directory / "zone", 0);
   const Mount mount = Mount::file(zone.name(), "/etc/localtime");
   if (!mount.isMounted()) {
-    GTEST_SKIP() << "/etc/localtime can be replaced by an administrator only";
+    GTEST_SKIP() << "only an administrator can replace /etc/localtime";
   }
   unsetenv("TZ");
   for (long hours = -8; hours <= 8; ++hours) {

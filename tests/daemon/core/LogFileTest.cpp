@@ -262,7 +262,7 @@ TEST_F(FullLogFileTest, WritesWholeLinesAgainAfterAFullDisk) {
   std::filesystem::create_directory(disk);
   const Mount mount = Mount::memory(disk, "64k");
   if (!mount.isMounted()) {
-    GTEST_SKIP() << "file systems can be mounted by an administrator only";
+    GTEST_SKIP() << "only an administrator can mount file systems";
   }
   writeFile(disk + "/filler", std::string(32'768, 'x'));
   const std::string message(99, 'm');
@@ -286,7 +286,7 @@ class ZoneLogFileTest : public LogFileTest {
   void SetUp() override {
     unsetenv("TZ");
     if (!mount.isMounted()) {
-      GTEST_SKIP() << "/etc/localtime can be replaced by an administrator only";
+      GTEST_SKIP() << "only an administrator can replace /etc/localtime";
     }
   }
 

@@ -505,7 +505,7 @@ TEST_F(ExecuteTest, PassesNoDescriptorAboveStandardError) {
 
   task.execute();
 
-  EXPECT_EQ(task.GetStdout(), "0\n1\n2\n3\n") << "3 is what ls reads the directory by";
+  EXPECT_EQ(task.GetStdout(), "0\n1\n2\n3\n") << "3 is the directory that ls reads";
   close(leaked);
   close(leakedFar);
 }
@@ -551,7 +551,7 @@ TEST_F(ExecuteTest, EndsAPipelineOfThePluginWhoseReaderHasGone) {
   task.execute();
 
   std::signal(SIGPIPE, previous);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "y\n") << "yes has complained";
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "y\n") << "yes has reported an error";
   EXPECT_EQ(task.GetStdout(), "ended with 141\n");
 }
 
@@ -859,7 +859,7 @@ TEST_F(ExecuteTest, HoldsTheRecordsLockUntilThePluginEnds) {
 
   makeMark(directory / "go");
 
-  EXPECT_EQ(getter.get(), "text\n") << "the getter came through before the plugin had ended";
+  EXPECT_EQ(getter.get(), "text\n") << "the getter returned before the plugin had ended";
   EXPECT_EQ(run.get(), 0);
 }
 

@@ -163,7 +163,7 @@ TEST_F(ReplaceParameterTest, FollowsAChangeOfTheMachinesZoneInTheNextSecond) {
   ZoneFile zone(directory / "zone", 5);
   const Mount mount = Mount::file(zone.name(), "/etc/localtime");
   if (!mount.isMounted()) {
-    GTEST_SKIP() << "/etc/localtime can be replaced by an administrator only";
+    GTEST_SKIP() << "only an administrator can replace /etc/localtime";
   }
   unsetenv("TZ");
   readZone();

@@ -453,7 +453,7 @@ TEST_F(WorkerTest, AbandonsAPassWhoseOutputFileCannotBeOpened) {
   EXPECT_TRUE(waitUntil([&] { return logged("CRITICAL#No such file or directory") == 1; }));
   stopWorkers();
   EXPECT_TRUE(serviceQueue->empty());
-  EXPECT_EQ(task.use_count(), 1) << "somebody has kept the task";
+  EXPECT_EQ(task.use_count(), 1) << "the task is still referenced";
   EXPECT_EQ(status(1), "PROCESS");
   EXPECT_EQ(database.failures(1), 0);
   EXPECT_EQ(task->GetRetrie(), 0);
@@ -753,7 +753,7 @@ TEST_F(WorkerTest, LeavesTheQueueAloneOnceTheStopFlagIsSet) {
   writeFile(go, "");
 
   EXPECT_TRUE(waitUntil([&] { return logged("DEBUG#TH EXEC END") == 1; }));
-  EXPECT_EQ(status(1), "OK") << "a run that has begun comes to its end";
+  EXPECT_EQ(status(1), "OK") << "a run that has begun is completed";
   EXPECT_EQ(queueExecTask->pop(), next);
 }
 
@@ -780,7 +780,7 @@ TEST_F(WorkerTest, ToleratesAFasterWorker) {
       std::chrono::seconds(60)));
 
   queueExecTask->push(addTask(1, "echo fine"));
-  EXPECT_TRUE(waitUntil([&] { return status(1) == "OK"; })) << "a worker has not survived it";
+  EXPECT_TRUE(waitUntil([&] { return status(1) == "OK"; })) << "a worker has ended";
 }
 
 TEST_F(WorkerTest, UnblocksEverySignal) {
@@ -891,7 +891,7 @@ TEST_F(WorkerCrashTest, EndsTheProcessWhenTheTasksRowIsDeleted) {
 
   EXPECT_EXIT(work({task}), KilledBySignal(SIGABRT), HasSubstr("logic_error"));
 
-  EXPECT_EQ(output("out_1_last.txt"), "fine\n") << "the first update does not mind";
+  EXPECT_EQ(output("out_1_last.txt"), "fine\n") << "the first update is independent of it";
   EXPECT_EQ(log().back(), "DEBUG#TH EXEC: UPDATE TASK STATE: OK task 1");
 }
 
