@@ -33,11 +33,13 @@ struct Options {
   // "tomorrow").
   std::optional<std::string> plugin, name, every, fileName, retryAfter, next, timeout;
   std::optional<int> retries;
+  std::optional<std::string> key;
+  bool ifMissing = false;  // add
   /// The arguments after "--"; nothing without "--".
   std::optional<std::vector<std::string>> pluginArguments;
 
   std::optional<std::string> reason;  // pause
-  bool isConfirmed = false;           // delete
+  bool isConfirmed = false;           // delete, apply
 
   // forecast: hours and seconds as numbers, and "ID=SECONDS"
   std::string hours = "1", runSeconds = "1";
@@ -49,9 +51,15 @@ struct Options {
 
   std::string olderThan;  // prune
 
+  // export, apply
+  std::vector<int> ids;  // none: all
+  std::string set;       // "": any
+  std::string source;    // a file, a directory or "-"
+  bool isPruning = false;
+
   // schema
   std::string schemaAction;  // "": show the state; "upgrade"
-  bool isDryRun = false;
+  bool isDryRun = false;     // also apply
   int waitSeconds = 60;
   std::string connection;  // a libpq connection string instead of the INI files; "": none
 };

@@ -13,8 +13,10 @@ constexpr const char* kMayCall = R"(
 SELECT bool_or(has_function_privilege(oid, 'EXECUTE')) AS allowed, current_user AS role
 FROM pg_proc WHERE proname = $1 AND pronamespace = 'public'::regnamespace)";
 
-/// Checked first, because the server's own message is in its language.
-void requireRight(Session& session, const std::string& function) {
+}  // namespace
+
+// Checked first, because the server's own message is in its language.
+void requireFunction(Session& session, const std::string& function) {
   const Rows answer = session.query(kMayCall, {function});
   if (answer.isNull(0, "allowed")) {
     throw Failure(kRefused, fmt::format("the database has no function {}: load sql/functions.sql "
@@ -28,8 +30,6 @@ void requireRight(Session& session, const std::string& function) {
                               answer.text(0, "role")));
   }
 }
-
-}  // namespace
 
 Call& Call::with(const std::string& name, const std::string& type,
                  const std::optional<std::string>& value) {
@@ -46,6 +46,6 @@ Call& Call::with(const std::string& name, std::optional<int> value) {
 }
 
 Rows Call::run(Session& session) const {
-  requireRight(session, function);
+  requireFunction(session, function);
   return session.query(fmt::format("SELECT * FROM {}({}) AS result", function, arguments), values);
 }

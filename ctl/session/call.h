@@ -6,6 +6,10 @@
 
 #include "ctl/session/session.h"
 
+/// Throws Failure when the session's role may not call a function of sql/functions.sql
+/// (kNotPermitted) or the database has none of that name (kRefused).
+void requireFunction(Session& session, const std::string& function);
+
 /// A call of one of the functions in sql/functions.sql with named arguments. Arguments that are not
 /// given have the function's default.
 class Call {
