@@ -419,6 +419,81 @@ TEST_F(ApplyTest, LeavesNothingHalfDoneWhenItIsInterrupted) {
   }
 }
 
+TEST_F(ApplyTest, AddsTasksThatTheRunningDaemonRuns) {
+  const std::string path = makeTask(1, "echo \"$@\"").path;
+  ASSERT_TRUE(startAndListen());
+  applied("tasks:\n  a: {plugin: " + path + ", every: 1h, arguments: [two words, x]}\n");
+  ASSERT_TRUE(waitForStatus(1, "OK"));
+  EXPECT_EQ(daemon.output("1_last.txt"), "two words x\n");
+}
+
+TEST_F(ApplyTest, ChangesATaskDuringItsRunWithoutLosingASlot) {
+  const std::string path = makeTask(1, waitForRelease() + "echo \"$@\"").path;
+  const std::string task = "tasks:\n  a:\n    plugin: " + path + "\n    every: ";
+  ASSERT_TRUE(startAndListen());
+  applied(task + "30m\n    arguments: [old]\n");
+  ASSERT_TRUE(waitForStatus(1, "PROCESS"));
+  const std::string slot = database.value("SELECT date_trunc('second', now()) + interval '12 s'");
+  const long second =
+      std::stol(database.value("SELECT extract(epoch FROM '" + slot + "'::timestamptz)::bigint"));
+  applied(task + "1h\n    arguments: [new]\n    first: " + slot.substr(0, 19) + "\n");
+  EXPECT_EQ(database.task(1, "cron_status"), "PROCESS");
+  release();
+  ASSERT_TRUE(waitForRuns(1, 2));
+  EXPECT_THAT(ledger(1)[1], testing::AllOf(testing::Ge(second), testing::Le(second + 5)));
+  EXPECT_TRUE(waitUntil([&] { return daemon.output("1_last.txt") == "new\n"; }, kPatience));
+  EXPECT_TRUE(waitUntil([&] { return database.nextExec(1) == second + 3600; }, kPatience));
+}
+
+TEST_F(ApplyTest, HasTheDaemonPurgeWhatIsNoLongerDeclared) {
+  daemon.programVariable = "KODU_TEST_SHORT_PURGE_DAEMON";
+  applied("set: web\ntasks:\n" + task("a") + task("b"));
+  ASSERT_TRUE(startAndListen());
+  applied("set: web\ntasks:\n" + task("a"), {"--prune", "--yes"});
+  EXPECT_TRUE(waitUntil([&] { return database.task(2, "cron_id").empty(); }, kPatience));
+  EXPECT_EQ(database.value("SELECT string_agg(task_key, ' ') FROM kodu_cron_key"), "a");
+  EXPECT_TRUE(daemon.isRunning());
+}
+
+TEST_F(ApplyTest, SaysWhatWasLostWhenTheServerEndsTheSession) {
+  applied("tasks:\n" + task("z"));
+  pgSafeThread other(database.adminConninfo());
+  PQclear(other.executeRequest("BEGIN"));
+  PQclear(other.executeRequest("SELECT FROM kodu_cron_plugin FOR UPDATE"));
+  writeFile(file(), "tasks:\n" + task("z", "every: 7m") + task("a"));
+  environment.emplace_back("PGPASSWORD=secret");
+  const pid_t process = start({"-f", daemon.mainConfig(), "--user", admin(), "apply", file()});
+  environment.pop_back();
+  EXPECT_TRUE(waitUntil([&] { return database.waitingSessions() > 0; }));
+  database.query(
+      "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = current_database()"
+      " AND cardinality(pg_blocking_pids(pid)) > 0");
+  int status = 0;
+  waitpid(process, &status, 0);
+  EXPECT_EQ(exitStatusOf(status), 69);
+  EXPECT_THAT(readFile(errPath()), HasSubstr("terminating connection"));
+  EXPECT_EQ(readFile(outPath()), "");
+  PQclear(other.executeRequest("ROLLBACK"));
+  EXPECT_EQ(count(), "1");
+  EXPECT_EQ(database.task(1, "cron_interval"), "00:05:00");
+}
+
+TEST_F(ApplyTest, EndsQuietlyWhenNobodyReadsThePlan) {
+  std::string content = "tasks:\n";
+  for (int i = 0; i < 2000; ++i) {
+    content += task("k" + std::to_string(i));
+  }
+  writeFile(file(), content);
+  const std::string line = "PGPASSWORD=secret '" + program() + "' -f " + daemon.mainConfig() +
+                           " --user " + admin() + " apply " + file() + " 2>" + errPath() +
+                           " | head -1 >" + outPath();
+  // NOLINTNEXTLINE(cert-env33-c,concurrency-mt-unsafe)
+  EXPECT_EQ(exitStatusOf(std::system(line.c_str())), 0);
+  EXPECT_THAT(readFile(outPath()), StartsWith("+ k0  task "));
+  EXPECT_EQ(readFile(errPath()), "");
+  EXPECT_EQ(count(), "2000");
+}
+
 TEST_F(ApplyTest, AddsATaskOfAKeyOnce) {
   const std::vector<std::string> add = {"add", "/bin/true", "--every", "5m", "--key", "web/load"};
   ASSERT_EQ(runAsAdmin(add).exitCode, 0);
