@@ -17,7 +17,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kMostBytes = 64UL << 20;
+// The parser needs up to 170 bytes of memory for each.
+constexpr std::size_t kMostBytes = 16UL << 20;
 
 [[noreturn]] void refuse(const std::string& path, const std::string& reason, ExitCode code) {
   throw Failure(code, fmt::format("cannot read {}: {}", path, reason));

@@ -326,10 +326,10 @@ TEST_F(ApplyTest, RefusesFilesThatItCannotRead) {
   EXPECT_THAT(runAsAdmin({"apply", folder}).err, HasSubstr("No such file"));
   EXPECT_THAT(runAsAdmin({"apply", "/dev/zero"}).err, HasSubstr("it is not a regular file"));
   writeFile(file(), "");
-  std::filesystem::resize_file(file(), (64UL << 20) + 1);
+  std::filesystem::resize_file(file(), (16UL << 20) + 1);
   const CtlResult large = runAsAdmin({"apply", file()});
   EXPECT_EQ(large.exitCode, 65);
-  EXPECT_THAT(large.err, HasSubstr("more than 64 MB"));
+  EXPECT_THAT(large.err, HasSubstr("more than 16 MB"));
 }
 
 TEST_F(ApplyTest, ReadsStandardInput) {
@@ -342,7 +342,7 @@ TEST_F(ApplyTest, ReadsStandardInput) {
   EXPECT_EQ(exitStatusOf(std::system(command.c_str())), 0) << readFile(outPath());
   EXPECT_EQ(count(), "1");
   const std::string endless =
-      "yes '# x' | head -c 70000000 | '" + program() + "' apply - >" + outPath() + " 2>&1";
+      "yes '# x' | head -c 20000000 | '" + program() + "' apply - >" + outPath() + " 2>&1";
   // NOLINTNEXTLINE(cert-env33-c,concurrency-mt-unsafe)
   EXPECT_EQ(exitStatusOf(std::system(endless.c_str())), 65);
 }
@@ -492,6 +492,136 @@ TEST_F(ApplyTest, EndsQuietlyWhenNobodyReadsThePlan) {
   EXPECT_THAT(readFile(outPath()), StartsWith("+ k0  task "));
   EXPECT_EQ(readFile(errPath()), "");
   EXPECT_EQ(count(), "2000");
+}
+
+TEST_F(ApplyTest, KeepsOneGuardForAllTimeLimits) {
+  const std::string content =
+      "tasks:\n  a: {plugin: /opt/koduguard, every: 5m, arguments: [-t, \"5\", --, /bin/true]}\n" +
+      task("b", "every: 5m, timeout: 10s");
+  applied(content);
+  EXPECT_EQ(database.value("SELECT string_agg(plugin_path, ' ' ORDER BY kodu_key_of(id))"
+                           " FROM kodu_task_state"),
+            "/opt/koduguard /usr/bin/koduguard");
+  EXPECT_EQ(applied(content), "0 tasks added, 0 changed, 0 deleted, 2 unchanged\n");
+}
+
+TEST_F(ApplyTest, ShowsNothingOfAFileThatCouldCommandATerminal) {
+  const std::string name = "\"a\\u001b[31m\\nb\\u202e\"";
+  writeFile(file(), "tasks:\n" + task("a", "every: 5m, name: " + name));
+  const std::string shown = runOnTerminal({"--user", admin(), "apply", file()},
+                                          {"TERM=xterm", "NO_COLOR=1", "PGPASSWORD=secret"});
+  EXPECT_THAT(shown, HasSubstr("+ a  task 1 (a?[31m b?)"));
+  EXPECT_EQ(shown.find('\x1b'), std::string::npos);
+  EXPECT_EQ(database.value("SELECT name FROM kodu_task_status"), "a\x1b[31m\nb\xe2\x80\xae");
+  const CtlResult wrong = apply("tasks:\n  ? \"\\u001b[31m\\n\"\n  : {}\n");
+  EXPECT_THAT(wrong.err, HasSubstr(": ?[31m : the key must be one word"));
+}
+
+TEST_F(ApplyTest, ColoursTheSignsOnATerminal) {
+  writeFile(file(), "tasks:\n" + task("a"));
+  const std::string shown = runOnTerminal({"--user", admin(), "apply", file(), "--dry-run"},
+                                          {"TERM=xterm", "PGPASSWORD=secret"});
+  EXPECT_THAT(shown, HasSubstr("\x1b[32m+\x1b[0m a\r\n"));
+}
+
+TEST_F(ApplyTest, ShortensLongValuesInThePlanAlone) {
+  const std::string longText(900000, 'x');
+  const std::string content = "tasks:\n" + task("a", "every: 5m, arguments: [" + longText + "]");
+  EXPECT_THAT(applied(content, {"--dry-run"}),
+              HasSubstr("arguments    " + std::string(200, 'x') + "...\n"));
+  EXPECT_EQ(parsed(applied(content, {"--json"}))["changes"][0]["settings"]["arguments"]["new"],
+            longText);
+  EXPECT_EQ(database.value("SELECT length(cron_parameter) FROM kodu_cron_plugin"), "900000");
+  EXPECT_THAT(
+      apply("tasks:\n" + task("a", "every: 5m, arguments: [" + longText + longText + "]")).err,
+      HasSubstr(":2: a: the parameters are longer than 1,000,000 bytes"));
+}
+
+TEST_F(ApplyTest, WaitsForAnotherCallAndSaysSo) {
+  pgSafeThread other(database.adminConninfo());
+  PQclear(other.executeRequest("BEGIN"));
+  PQclear(other.executeRequest("SELECT pg_advisory_xact_lock(6420241123)"));
+  writeFile(file(), "tasks:\n" + task("a"));
+  const CtlResult result = runAsAdmin({"apply", file(), "--lock-timeout", "1"});
+  EXPECT_EQ(result.exitCode, 69);
+  EXPECT_THAT(result.err,
+              HasSubstr("was locked for 1 s; nothing was changed\nthe lock is held by "));
+  PQclear(other.executeRequest("COMMIT"));
+  EXPECT_EQ(runAsAdmin({"apply", file()}).exitCode, 0);
+}
+
+TEST_F(ApplyTest, DeletesNothingThatWasNotInThePlanThatWasConfirmed) {
+  applied("set: web\ntasks:\n" + task("a") + task("b") + task("c"));
+  database.query("UPDATE kodu_cron_key SET task_set = 'db' WHERE task_key = 'c'");
+  writeFile(file(), "set: web\ntasks:\n" + task("a"));
+  const std::string asked = daemon.directory / "asked";
+  const std::string command = "\"" + program() + "\" -f " + daemon.mainConfig() + " --user " +
+                              admin() + " apply --prune " + file();
+  const std::string line = "(until [ -e " + asked +
+                           " ]; do sleep 0.05; done; echo y) |"
+                           " PGPASSWORD=secret script -qefc '" +
+                           command + "' /dev/null >" + outPath() + " & echo $! >" + errPath();
+  ASSERT_EQ(std::system(line.c_str()), 0);  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
+  ASSERT_TRUE(waitUntil([&] { return readFile(outPath()).find("[y/N]") != std::string::npos; }));
+  database.query("UPDATE kodu_cron_key SET task_set = 'web' WHERE task_key = 'c'");
+  writeFile(asked, "");
+  EXPECT_TRUE(waitUntil([&] {
+    return readFile(outPath()).find("task 3 has joined the set web meanwhile") != std::string::npos;
+  }));
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin WHERE cron_delete"), "0");
+}
+
+TEST_F(ApplyTest, SaysThatTheFunctionsAreMissing) {
+  database.query("DROP FUNCTION kodu_task_define");
+  const CtlResult result = apply("tasks:\n" + task("a"));
+  EXPECT_EQ(result.exitCode, 65);
+  EXPECT_THAT(result.err, HasSubstr("no function kodu_task_define: load sql/functions.sql"));
+}
+
+TEST_F(ApplyTest, ChangesEachSettingByItself) {
+  const std::string plain = "every: 5m, file: x_$DATE, arguments: [a], retries: 2";
+  struct Case {
+    std::string settings, name, before, after;
+  };
+  for (const Case& one : std::vector<Case>{
+           {"every: 6m, file: x_$DATE, arguments: [a], retries: 2", "every", "5m", "6m"},
+           {"every: 5m, file: y_$DATE, arguments: [a], retries: 2", "file", "x_$DATE", "y_$DATE"},
+           {"every: 5m, file: x_$DATE, arguments: [b c], retries: 2", "arguments", "a", "\"b c\""},
+           {"every: 5m, file: x_$DATE, retries: 2", "arguments", "a", "(default)"},
+           {"every: 5m, file: x_$DATE, arguments: [a]", "retries", "2", "(default)"},
+           {plain + ", name: n", "name", "(default)", "n"},
+           {plain + ", retry-after: 3m", "retry-after", "(default)", "3m"},
+           {plain + ", timeout: 1h", "timeout", "(default)", "1h"},
+           {plain + ", paused: true", "paused", "false", "true"}}) {
+    applied("tasks:\n" + task("a", plain + ", paused: false"));
+    const std::string plan = applied("tasks:\n" + task("a", one.settings));
+    const std::string heading = "~ a  task 1 (" + std::string(one.name == "name" ? "n" : "true") +
+                                ")\n    " + one.name + std::string(13 - one.name.size(), ' ');
+    EXPECT_EQ(plan, heading + one.before + " -> " + one.after +
+                        "\n0 tasks added, 1 changed, 0 deleted, 0 unchanged\n");
+    EXPECT_EQ(applied("tasks:\n" + task("a", one.settings)),
+              "0 tasks added, 0 changed, 0 deleted, 1 unchanged\n");
+  }
+  EXPECT_EQ(count(), "1");
+}
+
+TEST_F(ApplyTest, TakesEqualPeriodsForEqual) {
+  applied("tasks:\n" + task("a", "every: 1 day, retry-after: 90s"));
+  for (const char* same :
+       {"every: 24h, retry-after: 90", "every: 86400, retry-after: 1m 30s",
+        "every: \"24:00:00\", retry-after: 0:01:30", "every: P1D, retry-after: 1.5 minutes"}) {
+    EXPECT_EQ(applied("tasks:\n" + task("a", same)),
+              "0 tasks added, 0 changed, 0 deleted, 1 unchanged\n")
+        << same;
+  }
+}
+
+TEST_F(ApplyTest, RefusesTwoTasksWithOneOutputFile) {
+  const CtlResult result = apply("tasks:\n" + task("a", "every: 5m, file: x_$DATE") +
+                                 task("b", "every: 5m, file: x_$DATE"));
+  EXPECT_EQ(result.exitCode, 65);
+  EXPECT_THAT(result.err, HasSubstr(":3: b: another task has this output file"));
+  EXPECT_EQ(count(), "0");
 }
 
 TEST_F(ApplyTest, AddsATaskOfAKeyOnce) {

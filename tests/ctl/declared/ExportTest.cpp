@@ -150,6 +150,83 @@ TEST_F(ExportTest, EndsWith74WhenItsOutputCannotBeWritten) {
   EXPECT_THAT(readFile(errPath()), HasSubstr("cannot write to standard output"));
 }
 
+TEST_F(ExportTest, WritesManyTasksOneByOne) {
+  database.query(
+      "INSERT INTO kodu_plugins (plugin_name, plugin_path) VALUES ('p', '/p');"
+      "INSERT INTO kodu_cron_plugin (cron_plugin_id, cron_interval, cron_log_file)"
+      " SELECT 1, '1 hour', '$SERVICEID_$DATE.txt' FROM generate_series(1, 3500)");
+  const Json::Value json = parsed(exported({"--json"}));
+  EXPECT_EQ(json["tasks"].size(), 3500U);
+  EXPECT_TRUE(json["tasks"].isMember("task-3500"));
+}
+
+TEST_F(ExportTest, IsReadByApplyThroughAPipe) {
+  applyText("set: web\ntasks: {a: {plugin: /bin/true, every: 5m}}\n");
+  database.query("UPDATE kodu_cron_plugin SET cron_interval = '7 minutes'");
+  const std::string koductl = "'" + program() + "' -f " + daemon.mainConfig();
+  const std::string line = koductl + " export --set web | sed 's/7m/9m/' | PGPASSWORD=secret " +
+                           koductl + " --user " + admin() + " apply - >" + outPath() + " 2>&1";
+  // NOLINTNEXTLINE(cert-env33-c,concurrency-mt-unsafe)
+  EXPECT_EQ(exitStatusOf(std::system(line.c_str())), 0) << readFile(outPath());
+  EXPECT_THAT(readFile(outPath()), StartsWith("~ a  task 1 (true)\n    every        7m -> 9m\n"));
+}
+
+TEST_F(ExportTest, EndsQuietlyWhenItsReaderHasSeenEnough) {
+  database.query(
+      "INSERT INTO kodu_plugins (plugin_name, plugin_path) VALUES ('p', '/p');"
+      "INSERT INTO kodu_cron_plugin (cron_plugin_id, cron_interval, cron_log_file)"
+      " SELECT 1, '1 hour', '$SERVICEID_$DATE.txt' FROM generate_series(1, 3500)");
+  const std::string line = "'" + program() + "' -f " + daemon.mainConfig() + " export 2>" +
+                           errPath() + " | head -1 >" + outPath();
+  // NOLINTNEXTLINE(cert-env33-c,concurrency-mt-unsafe)
+  EXPECT_EQ(exitStatusOf(std::system(line.c_str())), 0);
+  EXPECT_EQ(readFile(outPath()), "tasks:\n");
+  EXPECT_EQ(readFile(errPath()), "");
+}
+
+TEST_F(ExportTest, ShowsNoTextThatCouldCommandATerminal) {
+  TaskRow row = quietTask(1);
+  row.name = "a\x1b[31m\xc2\x9b\xe2\x80\xae\r\n";
+  row.parameter = "\x07";
+  database.insertTask(row);
+  const std::string shown = runOnTerminal({"export"});
+  EXPECT_THAT(shown, HasSubstr("name: \"a\\u001b[31m\\u009b\\u202e\\u000d\\n\"\r\n"));
+  EXPECT_THAT(shown, HasSubstr("arguments: [\"\\u0007\"]"));
+  EXPECT_EQ(shown.find('\x1b'), std::string::npos);
+}
+
+TEST_F(ExportTest, WritesParametersThatNoListOfArgumentsMeans) {
+  for (const char* parameter : {"\"open", "a  b", " a", "it's", "a\"b c\"d", "\"\"", "a "}) {
+    removeAllTasks();
+    TaskRow row = quietTask(1);
+    row.parameter = parameter;
+    database.insertTask(row);
+    const std::string text = exported();
+    EXPECT_THAT(text, HasSubstr("    parameters: \"")) << parameter;
+    EXPECT_THAT(text, Not(HasSubstr("arguments")));
+    removeAllTasks();
+    applyText(text);
+    EXPECT_EQ(database.value("SELECT cron_parameter FROM kodu_cron_plugin"), parameter);
+  }
+}
+
+TEST_F(ExportTest, KeepsATimeThatIsFarAhead) {
+  applyText("tasks: {a: {plugin: /bin/true, every: 5m, first: 2034-05-06 07:08:09}}\n");
+  EXPECT_THAT(exported(), HasSubstr("    first: 2034-05-06 07:08:09\n"));
+  EXPECT_EQ(database.task(1, "cron_next_exec"), "2034-05-06 07:08:09");
+}
+
+TEST_F(ExportTest, WritesARunInProgressWithTheRhythmThatFollows) {
+  TaskRow row = quietTask(1);
+  row.interval = "1 hour";
+  row.nextExec = "'2020-01-01 00:10:00'";
+  database.insertTask(row);
+  setStatus(1, "PROCESS");
+  EXPECT_THAT(exported(), HasSubstr("    first: 1970-01-01 00:10:00\n"));
+  database.query("SELECT kodu_task_set(1, next_run => date_trunc('hour', now()) + '90 minutes')");
+  EXPECT_THAT(exported(), HasSubstr("    first: 1970-01-01 00:30:00\n"));
+}
+
 TEST_F(ExportTest, WorksWithoutTheFunctions) {
   database.insertTask(quietTask(1));
   database.query("DROP FUNCTION kodu_task_define, kodu_key_of");
