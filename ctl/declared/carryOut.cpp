@@ -11,21 +11,13 @@
 #include "ctl/declared/sqlText.h"
 #include "ctl/failure.h"
 #include "ctl/session/session.h"
+#include "ctl/terminal/text.h"
 
 namespace {
 
 // A statement gets so many tasks, or so many bytes.
 constexpr std::size_t kMostTasks = 250;
 constexpr std::size_t kMostBytes = 4UL << 20;
-
-// The time of a run in the declared rhythm that still lies ahead when the transaction ends: the
-// daemon would begin a run that it hears of too late at once, which is another rhythm. $2: seconds
-// until then.
-constexpr const char* kSlot = R"(
-CASE WHEN every::interval >= interval '1 second'
-     THEN kodu_next_slot(first::timestamp, every::interval,
-                         kodu_soon() + make_interval(secs => $2::integer)) AT TIME ZONE 'UTC'
-     ELSE first::timestamptz END)";
 
 // The names are those of koductl's options.
 constexpr const char* kEntries = R"(
@@ -39,20 +31,36 @@ constexpr const char* kDefinition = R"(
     parameters => arguments)";
 
 std::string addStatement() {
-  return fmt::format("SELECT key, kodu_task_add({}, key => key, first_run => {}) AS id {}",
-                     kDefinition, kSlot, kEntries);
+  return fmt::format(
+      "SELECT key, kodu_task_add({}, key => key, first_run => first::timestamptz) AS id {}",
+      kDefinition, kEntries);
 }
 
 std::string defineStatement() {
   return fmt::format(
-      "SELECT key, kodu_task_define(id, {}, next_run => CASE WHEN is_moved THEN {} END) {}",
-      kDefinition, kSlot, kEntries);
+      "SELECT key, kodu_task_define(id, {},"
+      " next_run => CASE WHEN is_moved THEN first::timestamptz END) {}",
+      kDefinition, kEntries);
 }
 
-Json::Value entryOf(const Change& change) {
+/// The first time in the declared rhythm that is not before `earliest`.
+std::string slotOf(const Definition& definition, long earliest) {
+  const std::string first = settingOf(definition, "first");
+  const auto begin = secondsOf(first);
+  const auto every = secondsIn(settingOf(definition, "every"));
+  if (!begin || !every || *begin >= earliest) {
+    return first;  // the database refuses what is wrong in it
+  }
+  return timeText(*begin + (earliest - *begin + *every - 1) / *every * *every);
+}
+
+Json::Value entryOf(const Change& change, long earliest) {
   Json::Value entry(Json::objectValue);
   for (const auto& [name, value] : change.definition) {
     entry[name] = value;
+  }
+  if (change.definition.count("first") > 0) {
+    entry["first"] = slotOf(change.definition, earliest);
   }
   entry["key"] = change.key;
   entry["id"] = change.id;
@@ -81,8 +89,9 @@ class Batches {
   Batches(Session& owner, Plan& wholePlan, Mistakes& collected)
       : session(owner),
         mistakes(collected),
-        // As many tasks as that take a second.
-        secondsAhead(std::to_string(wholePlan.changes.size() / 1000)) {}
+        earliest(session.query("SELECT EXTRACT(EPOCH FROM kodu_soon())::bigint AS soon")
+                     .number(0, "soon") +
+                 static_cast<long>(wholePlan.changes.size() / kTasksASecond)) {}
 
   /// `use` gets the rows of each call.
   void run(const std::string& sql, const Changes& changes,
@@ -91,7 +100,7 @@ class Batches {
     std::string entries;
     for (Change* change : changes) {
       entries += entries.empty() ? "" : ",";
-      entries += Json::writeString(compact(), entryOf(*change));
+      entries += Json::writeString(compact(), entryOf(*change, earliest));
       batch.push_back(change);
       if (batch.size() == kMostTasks || entries.size() > kMostBytes || change == changes.back()) {
         runBatch(sql, batch, entries, use);
@@ -102,6 +111,9 @@ class Batches {
   }
 
  private:
+  /// Even a busy server changes as many.
+  static constexpr std::size_t kTasksASecond = 1000;
+
   static const Json::StreamWriterBuilder& compact() {
     static const Json::StreamWriterBuilder builder = [] {
       Json::StreamWriterBuilder made;
@@ -116,7 +128,7 @@ class Batches {
                 const std::function<void(const Rows&, const Changes&)>& use) {
     session.query("SAVEPOINT batch");
     try {
-      const Rows rows = session.query(sql, {fmt::format("[{}]", entries), secondsAhead});
+      const Rows rows = session.query(sql, {fmt::format("[{}]", entries)});
       use(rows, batch);
       session.query("RELEASE SAVEPOINT batch");
     } catch (const Failure& e) {
@@ -132,8 +144,8 @@ class Batches {
   void findMistakes(const std::string& sql, const Changes& batch) {
     for (const Change* change : batch) {
       try {
-        const std::string entry = Json::writeString(compact(), entryOf(*change));
-        session.query(sql, {fmt::format("[{}]", entry), secondsAhead});
+        const std::string entry = Json::writeString(compact(), entryOf(*change, earliest));
+        session.query(sql, {fmt::format("[{}]", entry)});
         session.query("SAVEPOINT batch");
       } catch (const Failure& e) {
         if (e.exitCode != kRefused) {
@@ -147,7 +159,9 @@ class Batches {
 
   Session& session;
   Mistakes& mistakes;
-  const std::string secondsAhead;
+  // Seconds since the epoch. The daemon would begin a run at once that it hears of too late, and
+  // that is another rhythm: so times lie after the end of the transaction.
+  const long earliest;
 };
 
 std::string idsOf(const Changes& changes) {

@@ -83,6 +83,25 @@ std::string periodText(const std::string& seconds) {
   return fmt::format("{}s", number);
 }
 
+std::optional<long> secondsIn(const std::string& period) {
+  char* unit = nullptr;
+  const long number = std::strtol(period.c_str(), &unit, 10);
+  const std::string rest = unit;
+  if (number <= 0 || rest.size() != 1) {
+    return std::nullopt;
+  }
+  switch (rest.front()) {
+    case 'd':
+      return number * 86400;
+    case 'h':
+      return number * 3600;
+    case 'm':
+      return number * 60;
+    default:
+      return number;
+  }
+}
+
 std::optional<long> secondsOf(std::string_view time) {
   namespace chr = std::chrono;
   const bool hasSeconds = looksLike(time, "0000-00-00 00:00:00");

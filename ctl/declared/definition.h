@@ -27,6 +27,9 @@ std::string settingOf(const Definition& definition, const std::string& name);
 /// interval with months, is returned unchanged.
 std::string periodText(const std::string& seconds);
 
+/// The seconds of such a text; nothing for 0, fractions and months.
+std::optional<long> secondsIn(const std::string& period);
+
 /// "2026-12-01 08:00", with or without seconds, as seconds since the epoch; nothing for another
 /// text.
 std::optional<long> secondsOf(std::string_view time);

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -18,26 +17,6 @@ constexpr std::array<const char*, 8> kRowSettings = {
 std::optional<std::string> optionalSetting(const Definition& definition, const char* name) {
   const auto found = definition.find(name);
   return found == definition.end() ? std::nullopt : std::optional(found->second);
-}
-
-/// The number behind a periodText() of whole seconds.
-std::optional<long> secondsIn(const std::string& period) {
-  char* unit = nullptr;
-  const long number = std::strtol(period.c_str(), &unit, 10);
-  const std::string rest = unit;
-  if (number <= 0 || rest.size() != 1) {
-    return std::nullopt;
-  }
-  switch (rest.front()) {
-    case 'd':
-      return number * 86400;
-    case 'h':
-      return number * 3600;
-    case 'm':
-      return number * 60;
-    default:
-      return number;
-  }
 }
 
 std::string nameIn(const Definition& definition) {

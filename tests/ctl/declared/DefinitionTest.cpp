@@ -37,6 +37,15 @@ TEST(DefinitionTest, WritesPeriodsInTheLargestUnitWithoutAFraction) {
   EXPECT_EQ(periodText(""), "");
 }
 
+TEST(DefinitionTest, ReadsPeriodsOfWholeSecondsBack) {
+  for (const long seconds : {1L, 59L, 60L, 90L, 3600L, 5400L, 86400L, 31622400L}) {
+    EXPECT_EQ(secondsIn(periodText(std::to_string(seconds))), seconds);
+  }
+  for (const char* other : {"", "0s", "2.5s", "1 mon", "-1s", "s", "5", "1d "}) {
+    EXPECT_FALSE(secondsIn(other)) << other;
+  }
+}
+
 TEST(DefinitionTest, ReadsTimesOfOneFormOnly) {
   EXPECT_EQ(secondsOf("1970-01-01 00:00"), 0);
   EXPECT_EQ(secondsOf("1970-01-02 01:02:03"), 86400 + 3723);
