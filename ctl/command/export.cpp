@@ -49,7 +49,9 @@ class Writer {
  public:
   Writer(const std::string& set, bool isJson) : asJson(isJson) {
     if (asJson) {
-      print("{{\n  {}\"tasks\": {{", Styled(set.empty() ? "" : "\"set\": \"" + set + "\",\n  "));
+      const std::string name = quotedText(set).value_or("");
+      print("{{\n  {}\"tasks\": {{",
+            Styled(set.empty() ? "" : fmt::format("\"set\": {},\n  ", name)));
     } else if (!set.empty()) {
       print("set: {}\n", Styled(plainOrQuoted(set)));
     }

@@ -45,7 +45,7 @@ std::string defineStatement() {
 
 /// The first time in the declared rhythm that is not before `earliest`.
 std::string slotOf(const Definition& definition, long earliest) {
-  const std::string first = settingOf(definition, "first");
+  std::string first = settingOf(definition, "first");
   const auto begin = secondsOf(first);
   const auto every = secondsIn(settingOf(definition, "every"));
   if (!begin || !every || *begin >= earliest) {

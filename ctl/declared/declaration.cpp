@@ -73,7 +73,7 @@ class TaskReader {
       refuse(value, fmt::format("there is no setting {}{}", name, suggestion(name, known())));
     } else if (value.kind != Value::Kind::kText) {
       refuse(value,
-             fmt::format("{} must be a text; write the words \"null\" and \"~\" in quotes", name));
+             fmt::format(R"({} must be a text; write the words "null" and "~" in quotes)", name));
     } else if (const std::string reason = whyNot(name, value.text); !reason.empty()) {
       refuse(value, reason);
     } else {

@@ -126,7 +126,7 @@ class Builder : public YAML::EventHandler {
       level.value.items.push_back(std::move(value));
     } else if (level.key) {
       value.line = level.keyLine;
-      level.value.entries.emplace_back(std::move(*level.key), std::move(value));
+      level.value.entries.push_back({std::move(*level.key), std::move(value)});
       level.key.reset();
     } else {
       takeKey(level, value);

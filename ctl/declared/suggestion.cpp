@@ -11,10 +11,10 @@ namespace {
 std::size_t distance(const std::string& one, const std::string& other) {
   std::vector<std::size_t> row(other.size() + 1);
   std::iota(row.begin(), row.end(), 0U);
-  for (std::size_t i = 0; i < one.size(); ++i) {
+  for (const char letter : one) {
     std::size_t corner = row[0]++;
     for (std::size_t j = 0; j < other.size(); ++j) {
-      const std::size_t replaced = corner + (one[i] == other[j] ? 0 : 1);
+      const std::size_t replaced = corner + (letter == other[j] ? 0 : 1);
       corner = row[j + 1];
       row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
     }

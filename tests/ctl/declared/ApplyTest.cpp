@@ -506,7 +506,7 @@ TEST_F(ApplyTest, KeepsOneGuardForAllTimeLimits) {
 }
 
 TEST_F(ApplyTest, ShowsNothingOfAFileThatCouldCommandATerminal) {
-  const std::string name = "\"a\\u001b[31m\\nb\\u202e\"";
+  const std::string name = R"("a\u001b[31m\nb\u202e")";
   writeFile(file(), "tasks:\n" + task("a", "every: 5m, name: " + name));
   const std::string shown = runOnTerminal({"--user", admin(), "apply", file()},
                                           {"TERM=xterm", "NO_COLOR=1", "PGPASSWORD=secret"});

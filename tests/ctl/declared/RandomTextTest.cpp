@@ -86,12 +86,12 @@ TEST_F(RandomTextTest, ReadsEachTextBackAsItWasWritten) {
         documentOf(fmt::format("a: {}\nb:\n  c: [{}, {}]\n  d: {}\n", *quoted, *quoted,
                                quotedText(other).value_or(""), plainOrQuoted(other)));
     ASSERT_EQ(document.entries.size(), 2U) << testing::PrintToString(one);
-    EXPECT_EQ(document.entries[0].second.text, one);
-    const Value& map = document.entries[1].second;
+    EXPECT_EQ(document.entries[0].value.text, one);
+    const Value& map = document.entries[1].value;
     ASSERT_EQ(map.entries.size(), 2U);
-    EXPECT_EQ(map.entries[0].second.items[0].text, one);
-    EXPECT_EQ(map.entries[0].second.items[1].text, other);
-    EXPECT_EQ(map.entries[1].second.text, other);
+    EXPECT_EQ(map.entries[0].value.items[0].text, one);
+    EXPECT_EQ(map.entries[0].value.items[1].text, other);
+    EXPECT_EQ(map.entries[1].value.text, other);
   }
 }
 
@@ -101,7 +101,7 @@ TEST_F(RandomTextTest, ReadsTheSameTextsFromJson) {
     const Value document = documentOf(
         fmt::format("{{\n  \"a\": {{\n    \"b\": {}\n  }}\n}}\n", quotedText(one).value_or("")));
     ASSERT_EQ(document.entries.size(), 1U) << testing::PrintToString(one);
-    EXPECT_EQ(document.entries[0].second.entries[0].second.text, one);
+    EXPECT_EQ(document.entries[0].value.entries[0].value.text, one);
   }
 }
 
