@@ -55,6 +55,7 @@ class Parser {
     addCommonOptions();
     addReadingCommands();
     addChangingCommands();
+    addDeclaringCommands();
     addPlanningCommands();
     addSchemaCommand();
     addEarlierNames();
@@ -343,6 +344,9 @@ class Parser {
     add->add_option("--timeout", options.timeout,
                     "End a run after this time, by running the plugin through koduguard")
         ->option_text("INTERVAL (no limit)");
+    add->add_flag("--if-missing", options.ifMissing,
+                  "Do nothing when there is a task with this key already")
+        ->needs("--key");
   }
 
   void addSet() {
@@ -380,6 +384,10 @@ class Parser {
     sub->add_option("--file", options.fileName,
                     "Name of the output file, with $DATE; a new task has $SERVICEID_$DATE.txt")
         ->option_text("NAME");
+    sub->add_option("--key", options.key,
+                    "Key of the task, which identifies it whatever its name is; two tasks cannot "
+                    "have the same key")
+        ->option_text("KEY");
     // Described only: splitPluginArguments reads these, and the parser gives none to an argument
     // that expects none.
     sub->add_option(kPluginArgument)
@@ -430,6 +438,35 @@ class Parser {
                      "Delete what is older than this, such as 30d")
         ->option_text("INTERVAL")
         ->required();
+  }
+
+  void addDeclaringCommands() {
+    group = "Declare tasks";
+    CLI::App* exported =
+        addCommand("export", "Write tasks as YAML, or with --json as JSON", runExport);
+    exported->footer(
+        "Settings with their default are left out. A task without a key has the key task-ID. "
+        "koductl apply reads both forms.");
+    exported->add_option("ID", options.selection.ids, "Ids of the tasks; without one, all tasks")
+        ->check(CLI::Range(0, 2147483647));
+    exported->add_option("--set", options.set, "Write only the tasks of this set, and its name")
+        ->option_text("SET");
+
+    CLI::App* apply =
+        addCommand("apply", "Bring the tasks of the database to what files declare", runApply);
+    apply->footer(
+        "All changes are one transaction: a mistake in any file changes nothing. A plan shows what "
+        "is added (+), changed (~) and deleted (-). A second call changes nothing.");
+    apply
+        ->add_option(
+            "FILE", options.source,
+            "A YAML or JSON file, a directory of *.yaml and *.yml files, or - for standard "
+            "input")
+        ->required();
+    apply->add_flag("--dry-run", options.isDryRun, "Try all of it, but change nothing");
+    apply->add_flag("--prune", options.isPruning,
+                    "Delete the tasks of the set that the files no longer declare");
+    apply->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation of deletions");
   }
 
   void addSchemaCommand() {

@@ -25,8 +25,8 @@ struct Options {
   // Commands about several tasks.
   Selection selection;
   bool isAll = false;        // all tasks: no limit of a page, and no condition is needed
-  bool isConfirmed = false;  // change them without a question
-  bool isDryRun = false;     // change nothing; also schema
+  bool isConfirmed = false;  // change them without a question; also apply
+  bool isDryRun = false;     // change nothing; also schema, apply
 
   bool isQuick = false;  // check
 
@@ -56,6 +56,8 @@ struct Options {
   std::optional<std::string> plugin, name, every, fileName, retryAfter, next, timeout;
   bool isUnlimited = false;  // set: without a timeout
   std::optional<int> retries;
+  std::optional<std::string> key;
+  bool ifMissing = false;  // add
   /// The arguments after "--"; nothing without "--".
   std::optional<std::vector<std::string>> pluginArguments;
 
@@ -71,6 +73,11 @@ struct Options {
   std::string longest = "1 hour";
 
   std::string olderThan;  // prune
+
+  // export, apply
+  std::string set;     // "": any
+  std::string source;  // a file, a directory or "-"
+  bool isPruning = false;
 
   // schema
   std::string schemaAction;  // "": show the state; "upgrade"

@@ -351,6 +351,11 @@ DECLARE
         WHEN 'cron_retries_interval_up_to_year' THEN
             ARRAY['the time to a retry must be between 0 and 366 days',
                   'Use retry_after => ''2 minutes'', for example.']
+        WHEN 'kodu_cron_key_task_key_key' THEN
+            ARRAY['another task has this key', 'SELECT kodu_task_with_key(''web/load'') names it.']
+        WHEN 'task_key_is_one_word' THEN
+            ARRAY['a key must be one word of at most 200 letters, digits and . _ : / @ -',
+                  'Use key => ''web/load'', for example.']
         ELSE
             ARRAY['the tables'' check ' || broken || ' refuses the task',
                   'See its definition in sql/schema.sql.']
@@ -490,41 +495,129 @@ BEGIN
 END
 $$;
 
+-- What a task's row holds for a plugin, a name, parameters and a time limit: the id of a plugin of the
+-- catalogue, and the parameters.
+CREATE OR REPLACE FUNCTION kodu_defined(plugin text, name text, parameters text, timeout interval,
+                                        OUT id integer, OUT arguments text)
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    called record;
+BEGIN
+    SELECT * INTO called FROM kodu_plugin_find(plugin);
+    id := kodu_plugin_at(called.path, COALESCE(name, called.title));
+    arguments := parameters;
+    IF timeout IS NOT NULL THEN
+        SELECT guarded.id, guarded.arguments INTO id, arguments
+        FROM kodu_guarded(called.path, COALESCE(name, called.title), parameters, timeout) AS guarded;
+    END IF;
+END
+$$;
+
+-- Writes the definition in `wanted` into the task's row. The triggers notify the daemon if it differs.
+CREATE OR REPLACE FUNCTION kodu_rewrite(wanted kodu_cron_plugin) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    broken text;
+BEGIN
+    UPDATE kodu_cron_plugin SET
+        cron_plugin_id = wanted.cron_plugin_id,
+        cron_interval = wanted.cron_interval,
+        cron_parameter = wanted.cron_parameter,
+        cron_retries = wanted.cron_retries,
+        cron_retries_interval = wanted.cron_retries_interval,
+        cron_log_file = wanted.cron_log_file
+    WHERE cron_id = wanted.cron_id;
+EXCEPTION WHEN check_violation OR unique_violation THEN
+    GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
+    PERFORM kodu_refuse(broken);
+END
+$$;
+
+-- Keys -------------------------------------------------------------------------------------------
+
+-- kodu_implied_key in sql/schema.sql is the key of a task that has not been given one.
+
+CREATE OR REPLACE FUNCTION kodu_key_of(task integer) RETURNS text
+LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT COALESCE((SELECT task_key FROM kodu_cron_key WHERE cron_id = task), kodu_implied_key(task))
+$$;
+
+-- The id of the task that has the key, NULL when there is none. A task that is being deleted does not
+-- count.
+CREATE OR REPLACE FUNCTION kodu_task_with_key(key text) RETURNS integer
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    id integer;
+BEGIN
+    SELECT cron_id INTO id FROM kodu_cron_key WHERE task_key = key;
+    IF NOT FOUND AND key ~ '^task-[0-9]{1,9}x*$' THEN
+        SELECT cron_id INTO id FROM kodu_cron_plugin
+        WHERE cron_id = substring(key, '[0-9]+')::integer AND kodu_key_of(cron_id) = key;
+    END IF;
+    IF id IS NOT NULL THEN
+        SELECT cron_id INTO id FROM kodu_cron_plugin
+        WHERE cron_id = id AND NOT cron_delete AND cron_wanted IS DISTINCT FROM 'infinity';
+    END IF;
+    RETURN id;
+END
+$$;
+
+-- Gives a task that key, instead of its present one. A task that is being deleted loses it.
+CREATE OR REPLACE FUNCTION kodu_give_key(task integer, key text) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    IF EXISTS (SELECT FROM kodu_cron_key WHERE task_key = key) THEN
+        DELETE FROM kodu_cron_key USING kodu_cron_plugin AS holder
+        WHERE task_key = key AND holder.cron_id = kodu_cron_key.cron_id
+          AND (cron_delete OR cron_wanted = 'infinity');
+    END IF;
+    INSERT INTO kodu_cron_key (cron_id, task_key) VALUES (task, key)
+    ON CONFLICT (cron_id) DO UPDATE SET task_key = EXCLUDED.task_key;
+END
+$$;
+
 -- Tasks ------------------------------------------------------------------------------------------
 
 -- Adds a task and returns its id. plugin: a name of the catalogue or a path. name: what the task is
 -- called; the plugin's own by default. retries and retry_after: one after 120 seconds by default.
 -- first_run: a moment ahead by default. timeout: runs the plugin through koduguard with that limit.
+-- key: refuses a second task with this key; with if_missing returns the id of the present one instead.
 CREATE OR REPLACE FUNCTION kodu_task_add(
     plugin text, every interval, parameters text DEFAULT NULL, retries integer DEFAULT NULL,
     retry_after interval DEFAULT NULL, file_name text DEFAULT '$SERVICEID_$DATE.txt',
-    first_run timestamptz DEFAULT NULL, name text DEFAULT NULL, timeout interval DEFAULT NULL)
+    first_run timestamptz DEFAULT NULL, name text DEFAULT NULL, timeout interval DEFAULT NULL,
+    key text DEFAULT NULL, if_missing boolean DEFAULT FALSE)
 RETURNS integer
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
-    called record;
-    plugin_of integer;
-    arguments text := parameters;
+    defined record;
     due timestamp := COALESCE(kodu_check_time(first_run, every), kodu_soon());
-    id integer;
+    id integer := CASE WHEN key IS NOT NULL THEN kodu_task_with_key(key) END;
     broken text;
 BEGIN
-    SELECT * INTO called FROM kodu_plugin_find(plugin);
-    plugin_of := kodu_plugin_at(called.path, COALESCE(name, called.title));
+    IF id IS NOT NULL THEN
+        IF if_missing THEN
+            RETURN id;
+        END IF;
+        RAISE EXCEPTION 'task % has the key %', id, quote_literal(key) USING
+            ERRCODE = 'unique_violation',
+            HINT = 'Two tasks cannot have the same key. Leave the present one as it is with'
+                   ' if_missing => TRUE, or change it with kodu_task_set.';
+    END IF;
+    SELECT * INTO defined FROM kodu_defined(plugin, name, parameters, timeout);
     IF every IS NULL THEN
         PERFORM kodu_refuse('cron_interval_from_second_to_year');
     END IF;
     file_name := COALESCE(file_name, '$SERVICEID_$DATE.txt');
-    IF timeout IS NOT NULL THEN
-        SELECT guarded.id, guarded.arguments INTO plugin_of, arguments
-        FROM kodu_guarded(called.path, COALESCE(name, called.title), parameters, timeout) AS guarded;
-    END IF;
     BEGIN
         INSERT INTO kodu_cron_plugin (cron_plugin_id, cron_interval, cron_next_exec, cron_wanted,
                                       cron_log_file, cron_retries, cron_retries_interval,
                                       cron_parameter)
-        VALUES (plugin_of, every, due, due, file_name, retries, retry_after, arguments)
+        VALUES (defined.id, every, due, due, file_name, retries, retry_after, defined.arguments)
         RETURNING cron_id INTO id;
+        IF key IS NOT NULL THEN
+            PERFORM kodu_give_key(id, key);
+        END IF;
     EXCEPTION WHEN check_violation OR unique_violation THEN
         GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
         PERFORM kodu_refuse(broken);
@@ -560,7 +653,8 @@ BEGIN
     SELECT plugin_path INTO guard FROM kodu_plugins WHERE plugin_path LIKE '%/koduguard'
     ORDER BY plugin_id LIMIT 1;
     id := kodu_plugin_at(COALESCE(guard, '/usr/bin/koduguard'), called);
-    arguments := concat_ws(' ', '-t', seconds, '--', kodu_quote_argument(path), parameters);
+    arguments := concat_ws(' ', '-t', seconds, '--', kodu_quote_argument(path),
+                           NULLIF(parameters, ''));
 END
 $$;
 
@@ -644,16 +738,17 @@ CREATE OR REPLACE FUNCTION kodu_task_set(
     task integer, plugin text DEFAULT NULL, every interval DEFAULT NULL,
     parameters text DEFAULT NULL, retries integer DEFAULT NULL, retry_after interval DEFAULT NULL,
     file_name text DEFAULT NULL, next_run timestamptz DEFAULT NULL, name text DEFAULT NULL,
-    timeout interval DEFAULT NULL)
+    timeout interval DEFAULT NULL, key text DEFAULT NULL)
 RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     old kodu_cron_plugin := kodu_task_take(task);
+    wanted kodu_cron_plugin := old;
     defined record;
     broken text;
 BEGIN
     IF num_nonnulls(plugin, every, parameters, retries, retry_after, file_name, next_run, name,
-                    timeout) = 0 THEN
+                    timeout, key) = 0 THEN
         RAISE EXCEPTION 'there is nothing to set for task %', task USING
             ERRCODE = 'invalid_parameter_value',
             HINT = format('Use kodu_task_set(%s, every => ''5 minutes''), for example.', task);
@@ -662,23 +757,59 @@ BEGIN
         PERFORM kodu_refuse_paused(old);
     END IF;
     SELECT * INTO defined FROM kodu_redefined(old, plugin, parameters, name, timeout);
-    BEGIN
-        -- The triggers tell the daemon.
-        UPDATE kodu_cron_plugin SET
-            cron_plugin_id = COALESCE(defined.id, cron_plugin_id),
-            cron_interval = COALESCE(every, cron_interval),
-            cron_parameter = COALESCE(defined.arguments, cron_parameter),
-            cron_retries = COALESCE(retries, cron_retries),
-            cron_retries_interval = COALESCE(retry_after, cron_retries_interval),
-            cron_log_file = COALESCE(file_name, cron_log_file)
-        WHERE cron_id = task;
-    EXCEPTION WHEN check_violation OR unique_violation THEN
-        GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
-        PERFORM kodu_refuse(broken);
-    END;
+    wanted.cron_plugin_id := COALESCE(defined.id, old.cron_plugin_id);
+    wanted.cron_interval := COALESCE(every, old.cron_interval);
+    wanted.cron_parameter := COALESCE(defined.arguments, old.cron_parameter);
+    wanted.cron_retries := COALESCE(retries, old.cron_retries);
+    wanted.cron_retries_interval := COALESCE(retry_after, old.cron_retries_interval);
+    wanted.cron_log_file := COALESCE(file_name, old.cron_log_file);
+    PERFORM kodu_rewrite(wanted);
     PERFORM kodu_check_file_name(file_name);
+    IF key IS NOT NULL THEN
+        BEGIN
+            PERFORM kodu_give_key(task, key);
+        EXCEPTION WHEN check_violation OR unique_violation THEN
+            GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
+            PERFORM kodu_refuse(broken);
+        END;
+    END IF;
     IF next_run IS NOT NULL THEN
-        PERFORM kodu_move(old, kodu_check_time(next_run, COALESCE(every, old.cron_interval)));
+        PERFORM kodu_move(old, kodu_check_time(next_run, wanted.cron_interval));
+    END IF;
+END
+$$;
+
+-- Makes a task what kodu_task_add would make of the same arguments: what is NULL gets its default. The
+-- next run stays where it is unless next_run moves it; so do status, history and key.
+CREATE OR REPLACE FUNCTION kodu_task_define(
+    task integer, plugin text, every interval, parameters text DEFAULT NULL,
+    retries integer DEFAULT NULL, retry_after interval DEFAULT NULL,
+    file_name text DEFAULT NULL, next_run timestamptz DEFAULT NULL, name text DEFAULT NULL,
+    timeout interval DEFAULT NULL)
+RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    old kodu_cron_plugin := kodu_task_take(task);
+    wanted kodu_cron_plugin := old;
+    defined record;
+BEGIN
+    IF next_run IS NOT NULL THEN
+        PERFORM kodu_refuse_paused(old);
+    END IF;
+    IF every IS NULL THEN
+        PERFORM kodu_refuse('cron_interval_from_second_to_year');
+    END IF;
+    SELECT * INTO defined FROM kodu_defined(plugin, name, parameters, timeout);
+    wanted.cron_plugin_id := defined.id;
+    wanted.cron_interval := every;
+    wanted.cron_parameter := defined.arguments;
+    wanted.cron_retries := retries;
+    wanted.cron_retries_interval := retry_after;
+    wanted.cron_log_file := COALESCE(file_name, '$SERVICEID_$DATE.txt');
+    PERFORM kodu_rewrite(wanted);
+    PERFORM kodu_check_file_name(wanted.cron_log_file);
+    IF next_run IS NOT NULL THEN
+        PERFORM kodu_move(old, kodu_check_time(next_run, every));
     END IF;
 END
 $$;
@@ -1086,7 +1217,8 @@ $$;
 -- existing plugin.
 GRANT USAGE ON SCHEMA public TO kodu_admin;
 GRANT SELECT ON kodu_plugins, kodu_cron_plugin, kodu_cron_error, kodu_cron_repair, kodu_cron_pause,
-                kodu_daemon_state, kodu_task_state, kodu_task_status, kodu_schema_version TO kodu_admin;
+                kodu_cron_key, kodu_daemon_state, kodu_task_state, kodu_task_status,
+                kodu_schema_version TO kodu_admin;
 GRANT INSERT (plugin_name, plugin_path, plugin_type) ON kodu_plugins TO kodu_admin;
 GRANT INSERT (cron_plugin_id, cron_interval, cron_next_exec, cron_log_file, cron_retries,
               cron_retries_interval, cron_parameter, cron_wanted),
@@ -1095,7 +1227,7 @@ GRANT INSERT (cron_plugin_id, cron_interval, cron_next_exec, cron_log_file, cron
               cron_last_exec)  -- after a run that ended during a pause
     ON kodu_cron_plugin TO kodu_admin;
 GRANT DELETE ON kodu_cron_error TO kodu_admin;
-GRANT INSERT, UPDATE, DELETE ON kodu_cron_pause TO kodu_admin;
+GRANT INSERT, UPDATE, DELETE ON kodu_cron_pause, kodu_cron_key TO kodu_admin;
 
 DO $$
 DECLARE
@@ -1108,7 +1240,7 @@ BEGIN
           AND prorettype <> 'trigger'::regtype
           -- roles that may read the views, or that update a task, call these
           AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused',
-                              'kodu_follow_request')
+                              'kodu_follow_request', 'kodu_implied_key')
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);
         EXECUTE format('GRANT EXECUTE ON FUNCTION %s TO kodu_admin', function);

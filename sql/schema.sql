@@ -20,8 +20,8 @@ SET LOCAL search_path = public;
 
 -- The number and the title of the latest file in sql/migrations, which changed existing tables to what
 -- this file creates.
-SET LOCAL kodu.schema_version = '5';
-SET LOCAL kodu.schema_title = 'let pauses end';
+SET LOCAL kodu.schema_version = '6';
+SET LOCAL kodu.schema_title = 'give tasks keys';
 
 -- CREATE TABLE below does not change tables of another version, but the rest of this file would change.
 DO $$
@@ -155,6 +155,17 @@ CREATE TABLE IF NOT EXISTS kodu_cron_pause (
     -- NULL: until somebody ends it. The run that is due first after this time is the task's next one, so
     -- the pause ends by itself, and a row whose time has come means nothing any more.
     resumes_at timestamp
+);
+
+-- The keys of tasks, see kodu_task_add in sql/functions.sql, and the set of declared tasks that a task
+-- belongs to. A table of its own: the daemon's updates write no more because of it.
+CREATE TABLE IF NOT EXISTS kodu_cron_key (
+    -- The daemon can delete the task, and this row with it, without a right to this table.
+    cron_id  integer PRIMARY KEY REFERENCES kodu_cron_plugin (cron_id) ON DELETE CASCADE,
+    task_key text NOT NULL UNIQUE
+        CONSTRAINT task_key_is_one_word CHECK (task_key ~ '^[A-Za-z0-9][A-Za-z0-9._:/@-]{0,199}$'),
+    task_set text
+        CONSTRAINT task_set_is_one_word CHECK (task_set ~ '^[A-Za-z0-9][A-Za-z0-9._:/@-]{0,199}$')
 );
 
 -- Indexes: all other statements find their row by its primary key --------------------------------
@@ -326,6 +337,15 @@ CREATE OR REPLACE TRIGGER kodu_end_sharing
     FOR EACH ROW WHEN (OLD.cron_shares_output AND OLD.cron_log_file <> NEW.cron_log_file)
     EXECUTE FUNCTION kodu_end_sharing();
 
+-- The key of a task that has not been given one: task-ID. An x follows where another task has been given
+-- that key.
+CREATE OR REPLACE FUNCTION kodu_implied_key(task integer) RETURNS text
+LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT key FROM generate_series(0, 100) AS more, concat('task-', task, repeat('x', more)) AS key
+    WHERE NOT EXISTS (SELECT FROM kodu_cron_key WHERE task_key = key AND cron_id <> task)
+    ORDER BY more LIMIT 1
+$$;
+
 -- What the tasks do ------------------------------------------------------------------------------
 
 -- The daemon has no notion of a pause: it loads every task and runs each when it is due. A paused task
@@ -436,7 +456,8 @@ SELECT task.cron_id AS id,
        cron_interval AS every,
        cron_retries AS retry_limit,
        cron_retries_interval AS retry_delay,
-       cron_next_exec AS scheduled
+       cron_next_exec AS scheduled,
+       CASE WHEN paused THEN next_exec END AS due_at_pause
 FROM kodu_cron_plugin AS task
 LEFT JOIN kodu_plugins ON plugin_id = cron_plugin_id  -- never without one
 LEFT JOIN kodu_cron_pause AS pause ON pause.cron_id = task.cron_id
@@ -501,6 +522,8 @@ COMMENT ON COLUMN kodu_cron_pause.next_exec IS 'Next due time at the moment of t
 COMMENT ON COLUMN kodu_cron_pause.resumes_at IS
     'When it ends by itself; NULL: never; past: it has ended';
 COMMENT ON COLUMN kodu_task_state.paused_until IS 'When the pause ends by itself; NULL: never';
+COMMENT ON TABLE kodu_cron_key IS 'One row a task with a key, which it keeps when its name changes';
+COMMENT ON COLUMN kodu_cron_key.task_set IS 'The set of declared tasks that it belongs to; NULL: none';
 COMMENT ON VIEW kodu_daemon_state IS 'One row: whether the daemon is connected to this database';
 COMMENT ON VIEW kodu_task_state IS 'One row a task: its state as all tools know it; times are UTC';
 COMMENT ON COLUMN kodu_task_state.running IS 'A run, or the wait for its retry, is in progress';
@@ -515,6 +538,8 @@ COMMENT ON COLUMN kodu_task_state.late_seconds IS 'The same, of a run that has n
 COMMENT ON COLUMN kodu_task_state.late IS 'late_seconds is more than the timer may take';
 COMMENT ON COLUMN kodu_task_state.due_after_run IS
     'The time that was set for the run after the one in progress; NULL: one interval after it';
+COMMENT ON COLUMN kodu_task_state.due_at_pause IS
+    'When the next run of a paused task was due as it was paused; NULL where that is not known';
 COMMENT ON COLUMN kodu_task_state.last_due IS 'When the last run that has ended was due';
 COMMENT ON COLUMN kodu_task_state.program IS
     'The path of what does the work: the plugin, or the program that koduguard runs for it';
@@ -547,6 +572,7 @@ GRANT SELECT, INSERT, DELETE ON kodu_cron_error TO kodu;
 GRANT SELECT, INSERT ON kodu_cron_repair TO kodu;
 GRANT SELECT ON kodu_daemon_state, kodu_task_state TO kodu;  -- of the tools, which connect as it too
 GRANT SELECT ON kodu_schema_version TO kodu;
+GRANT SELECT ON kodu_cron_key TO kodu;
 GRANT USAGE ON SEQUENCE kodu_cron_error_cron_error_id_seq TO kodu;
 
 DO $$

@@ -28,4 +28,6 @@ int runUndelete(const Options& options);
 int runForecast(const Options& options);
 int runStagger(const Options& options);
 int runPrune(const Options& options);
+int runExport(const Options& options);
+int runApply(const Options& options);
 int runSchema(const Options& options);

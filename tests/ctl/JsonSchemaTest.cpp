@@ -91,6 +91,14 @@ TEST_F(JsonSchemaTest, DescribesTheCommandsThatChange) {
   keep("delete", {"delete", "3", "--yes"});
   keep("undelete", {"undelete", "3"});
   keep("stagger", {"stagger"});
+  keep("export", {"export"});
+  const std::string declared = daemon.directory / "declared.yaml";
+  writeFile(declared, "set: s\ntasks: {a: {plugin: /bin/true, every: 1h, paused: true}}\n");
+  keep("apply", {"apply", declared, "--dry-run"});
+  keep("apply", {"apply", declared});
+  keep("export", {"export", "--set", "s"});
+  writeFile(declared, "set: s\ntasks: {}\n");
+  keep("apply", {"apply", declared, "--prune", "--yes"});
   keep("prune", {"prune", "--older-than", "1s"});
   keepText("repair", run({"repair", "--json"}).out);
   EXPECT_EQ(violations(), "");

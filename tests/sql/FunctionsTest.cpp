@@ -1,11 +1,13 @@
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
+#include "db/PostgresqlException.h"
 #include "db/pgSafeThread.h"
 #include "db/result.h"
 #include "db/statements.h"
@@ -1275,6 +1277,129 @@ TEST_F(FunctionsTest, AllowsAnAdministratorToCallEveryFunction) {
   EXPECT_EQ(refusalOf("UPDATE kodu_cron_plugin SET cron_parameter = 'x'"), "");
 }
 
+TEST_F(FunctionsTest, AddsATaskOfAKeyOnce) {
+  const std::string add = "SELECT kodu_task_add('/bin/true', '5 minutes', key => 'web/load'";
+  EXPECT_EQ(database.value(add + ")"), "1");
+  heard();
+  EXPECT_THAT(refusalOf(add + ")"), HasSubstr("task 1 has the key 'web/load'"));
+  EXPECT_EQ(database.value(add + ", if_missing => TRUE)"), "1");
+  EXPECT_THAT(heard(), IsEmpty());
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin"), "1");
+  EXPECT_EQ(database.value("SELECT kodu_task_with_key('web/load')"), "1");
+  EXPECT_EQ(database.value("SELECT kodu_task_with_key('web/other') IS NULL"), "t");
+  EXPECT_THAT(refusalOf("SELECT kodu_task_add('/bin/true', '1 m', key => 'two words')"),
+              HasSubstr("a key must be one word"));
+}
+
+TEST_F(FunctionsTest, RefusesAKeyThatAnotherSessionIsAdding) {
+  const std::string add = "SELECT kodu_task_add('/bin/true', '5 minutes', key => 'k'";
+  pgSafeThread other(database.adminConninfo());
+  PQclear(other.executeRequest("BEGIN"));
+  PQclear(other.executeRequest(add + ")"));
+  std::string refusal;
+  pgSafeThread late(database.adminConninfo());
+  std::thread second([&] {
+    try {
+      PQclear(late.executeRequest(add + ", if_missing => TRUE)"));
+    } catch (const PostgresqlException& e) {
+      refusal = e.what();
+    }
+  });
+  EXPECT_TRUE(waitUntil([&] { return database.waitingSessions() > 0; }));
+  PQclear(other.executeRequest("COMMIT"));
+  second.join();
+  EXPECT_THAT(refusal, HasSubstr("another task has this key"));
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin"), "1");
+}
+
+TEST_F(FunctionsTest, KnowsATaskWithoutAKeyByItsId) {
+  insertTask(7);
+  EXPECT_EQ(database.value("SELECT kodu_key_of(7)"), "task-7");
+  EXPECT_EQ(database.value("SELECT kodu_task_with_key('task-7')"), "7");
+  EXPECT_EQ(database.value("SELECT kodu_task_with_key('task-8') IS NULL"), "t");
+  insertTask(8);
+  database.query("SELECT kodu_task_set(8, key => 'task-7')");
+  EXPECT_EQ(database.value("SELECT kodu_task_with_key('task-7')"), "8");
+  EXPECT_EQ(database.value("SELECT kodu_key_of(7)"), "task-7x");
+  EXPECT_EQ(database.value("SELECT kodu_task_with_key('task-7x')"), "7");
+  EXPECT_EQ(database.value("SELECT kodu_task_with_key('task-8') IS NULL"), "t");
+  EXPECT_EQ(database.value("SELECT kodu_task_with_key('task-99999999999x') IS NULL"), "t");
+}
+
+TEST_F(FunctionsTest, TellsNobodyOfAKey) {
+  insertTask(7);
+  database.query("SELECT kodu_task_set(7, key => 'a')");
+  database.query("SELECT kodu_task_set(7, key => 'b')");
+  EXPECT_THAT(heard(), IsEmpty());
+  EXPECT_EQ(database.value("SELECT kodu_key_of(7)"), "b");
+}
+
+TEST_F(FunctionsTest, GivesTheKeyOfATaskThatIsBeingDeletedToAnother) {
+  insertTask(7);
+  insertTask(8);
+  database.query("SELECT kodu_task_set(7, key => 'k')");
+  EXPECT_THAT(refusalOf("SELECT kodu_task_set(8, key => 'k')"),
+              HasSubstr("another task has this key"));
+  database.query("SELECT kodu_task_delete(7)");
+  EXPECT_EQ(database.value("SELECT kodu_task_with_key('k') IS NULL"), "t");
+  database.query("SELECT kodu_task_set(8, key => 'k')");
+  EXPECT_EQ(database.value("SELECT kodu_task_with_key('k')"), "8");
+}
+
+TEST_F(FunctionsTest, LetsTheDaemonPurgeATaskWithAKey) {
+  insertTask(7);
+  database.query("SELECT kodu_task_set(7, key => 'k')");
+  pgSafeThread daemon(database.conninfo());
+  PQclear(daemon.executeRequest("DELETE FROM kodu_cron_plugin WHERE cron_id = 7"));
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_key"), "0");
+}
+
+TEST_F(FunctionsTest, DefinesATaskAsAddWould) {
+  database.query(
+      "SELECT kodu_task_add('/bin/true', '5 minutes', 'a', 3, '1 m', 'x_$DATE', name => 'n',"
+      " timeout => '9 s', key => 'k')");
+  const std::string before = database.task(1, "cron_next_exec");
+  heard();
+  database.query("SELECT kodu_task_define(1, '/bin/false', '1 hour')");
+  EXPECT_EQ(heard(), std::vector<std::string>{payload("UPDATE", 1)});
+  EXPECT_EQ(
+      database.value("SELECT concat_ws('|', plugin_path, plugin_name, cron_interval,"
+                     " cron_parameter IS NULL, cron_retries IS NULL,"
+                     " cron_retries_interval IS NULL, cron_log_file)"
+                     " FROM kodu_cron_plugin JOIN kodu_plugins ON plugin_id = cron_plugin_id"),
+      "/bin/false|false|01:00:00|t|t|t|$SERVICEID_$DATE.txt");
+  EXPECT_EQ(database.task(1, "cron_next_exec"), before);
+  database.query("SELECT kodu_task_define(1, '/bin/false', '1 hour')");
+  EXPECT_THAT(heard(), IsEmpty());
+  database.query(
+      "SELECT kodu_task_define(1, '/bin/false', '1 hour', parameters => 'b c', timeout => '5 s',"
+      " next_run => '2030-01-01 00:00:00Z')");
+  EXPECT_EQ(database.task(1, "cron_parameter"), "-t 5 -- /bin/false b c");
+  EXPECT_EQ(database.task(1, "cron_next_exec"), "2030-01-01 00:00:00");
+  EXPECT_EQ(database.value("SELECT kodu_key_of(1)"), "k");
+  EXPECT_THAT(refusalOf("SELECT kodu_task_define(1, '/bin/true', NULL)"),
+              HasSubstr("the interval must be"));
+  EXPECT_THAT(refusalOf("SELECT kodu_task_define(1, '/bin/true', '1 m', file_name => 'x')"),
+              HasSubstr("lacks $DATE"));
+  EXPECT_THAT(refusalOf("SELECT kodu_task_define(9, '/bin/true', '1 m')"),
+              HasSubstr("there is no task 9"));
+}
+
+TEST_F(FunctionsTest, DefinesATaskDuringItsRunForTheTimeAfterIt) {
+  insertTask(7);
+  database.query(
+      "UPDATE kodu_cron_plugin SET cron_status = 'PROCESS', cron_next_exec = "
+      "date_trunc('second', now() - interval '1 second')");
+  const std::string due = database.task(7, "cron_next_exec");
+  database.query(
+      "SELECT kodu_task_define(7, '/bin/true', '1 hour',"
+      " next_run => now() + interval '30 minutes')");
+  EXPECT_THAT(heard(), IsEmpty());
+  EXPECT_EQ(database.task(7, "cron_next_exec"), due);
+  EXPECT_EQ(database.task(7, "cron_changed"), "t");
+  EXPECT_NE(database.task(7, "cron_wanted"), "");
+}
+
 TEST_F(FunctionsTest, DeniesAnAdministratorEverythingElse) {
   insertTask(7);
   database.query("SET ROLE kodu_admin");
@@ -1305,6 +1430,7 @@ TEST_F(FunctionsTest, GrantsTheDaemonNoFunctionAndNoTable) {
             (Rows{{"kodu_end_sharing"},
                   {"kodu_follow_daemon"},
                   {"kodu_follow_request"},
+                  {"kodu_implied_key"},
                   {"kodu_is_paused"},
                   {"kodu_is_running"},
                   {"kodu_notify_of_plugin"},
