@@ -315,8 +315,8 @@ class Parser {
   }
 
   void addPause() {
-    CLI::App* pause =
-        addChange("pause", "Keep tasks from running until they are resumed, or until a time", runPause);
+    CLI::App* pause = addChange(
+        "pause", "Keep tasks from running until they are resumed, or until a time", runPause);
     pause->footer(
         "A run in progress is completed first, with its retries. A restart of the daemon does not "
         "end the pause.");
