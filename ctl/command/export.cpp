@@ -130,6 +130,10 @@ class Writer {
       if (!task.pauseReason.empty()) {
         lines.emplace_back("reason", textOf(task.pauseReason));
       }
+      if (task.pausedUntil) {
+        const std::string until = declaredTime(*task.pausedUntil);
+        lines.emplace_back("until", asJson ? textOf(until) : until);
+      }
     }
     return lines;
   }

@@ -11,7 +11,6 @@
 #include "ctl/declared/sqlText.h"
 #include "ctl/failure.h"
 #include "ctl/session/session.h"
-#include "ctl/terminal/text.h"
 
 namespace {
 
@@ -51,7 +50,7 @@ std::string slotOf(const Definition& definition, long earliest) {
   if (!begin || !every || *begin >= earliest) {
     return first;  // the database refuses what is wrong in it
   }
-  return timeText(*begin + (earliest - *begin + *every - 1) / *every * *every);
+  return declaredTime(*begin + (earliest - *begin + *every - 1) / *every * *every);
 }
 
 Json::Value entryOf(const Change& change, long earliest) {
@@ -208,10 +207,11 @@ void define(Batches& batches, Plan& plan) {
 void pause(Session& session, Plan& plan) {
   const Changes paused = those(plan, [](const Change& c) { return c.isPaused == true; });
   session.query(
-      "SELECT kodu_task_pause(id, NULLIF(reason, ''))"
-      " FROM unnest($1::integer[], $2::text[]) AS task (id, reason)",
+      "SELECT kodu_task_pause(id, NULLIF(reason, ''), NULLIF(until, '')::timestamptz)"
+      " FROM unnest($1::integer[], $2::text[], $3::text[]) AS task (id, reason, until)",
       {idsOf(paused),
-       textsOf(paused, [](const Change& c) { return settingOf(c.definition, "reason"); })});
+       textsOf(paused, [](const Change& c) { return settingOf(c.definition, "reason"); }),
+       textsOf(paused, [](const Change& c) { return settingOf(c.definition, "until"); })});
 }
 
 void group(Session& session, Plan& plan) {

@@ -54,6 +54,9 @@ class TaskReader {
           refuse(value, fmt::format("{}: is missing", required));
         }
       }
+      if (task.lines.count("until") > 0 && settingOf(task.definition, "paused") != "true") {
+        refuse(value, "until is the end of a pause: it needs paused: true");
+      }
     }
     return isGood ? std::optional(std::move(task)) : std::nullopt;
   }
@@ -100,8 +103,8 @@ class TaskReader {
     if (name == "paused") {
       return text == "true" || text == "false" ? "" : "paused must be true or false";
     }
-    if (name == "first") {
-      return secondsOf(text) ? "" : "first must be a time in UTC, such as 2026-12-01 08:00";
+    if (name == "first" || name == "until") {
+      return secondsOf(text) ? "" : name + " must be a time in UTC, such as 2026-12-01 08:00";
     }
     return "";
   }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <utility>
 
 namespace {
@@ -119,6 +120,13 @@ std::optional<long> secondsOf(std::string_view time) {
   }
   return chr::sys_days(day).time_since_epoch().count() * 86400L + hour * 3600L + minute * 60L +
          second;
+}
+
+std::string declaredTime(long time) {
+  std::tm parts{};
+  gmtime_r(&time, &parts);
+  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", parts.tm_year + 1900, parts.tm_mon + 1,
+                     parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
 }
 
 std::string fileNameOf(const std::string& path) {

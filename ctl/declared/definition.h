@@ -12,9 +12,9 @@ using Definition = std::map<std::string, std::string>;
 
 /// The settings in the order in which they are shown. Those after "arguments" are no part of a
 /// task's row that apply compares by itself: it only moves, pauses and resumes by them.
-constexpr std::array<const char*, 11> kSettings = {"plugin",  "name",        "every", "retries",
-                                                   "timeout", "retry-after", "file",  "arguments",
-                                                   "first",   "paused",      "reason"};
+constexpr std::array<const char*, 12> kSettings = {"plugin",  "name",        "every",  "retries",
+                                                   "timeout", "retry-after", "file",   "arguments",
+                                                   "first",   "paused",      "reason", "until"};
 
 constexpr const char* kDefaultFile = "$SERVICEID_$DATE.txt";
 constexpr const char* kDefaultRetryAfter = "2m";
@@ -31,8 +31,11 @@ std::string periodText(const std::string& seconds);
 std::optional<long> secondsIn(const std::string& period);
 
 /// "2026-12-01 08:00", with or without seconds, as seconds since the epoch; nothing for another
-/// text.
+/// text. Times of declarations are UTC, whatever the operator's zone is.
 std::optional<long> secondsOf(std::string_view time);
+
+/// Seconds since the epoch as such a text, with seconds.
+std::string declaredTime(long time);
 
 /// A text of the database as the definition of a task; the texts of the periods are those of
 /// periodText(). `guard` is the path of koduguard that tasks with a time limit have in this

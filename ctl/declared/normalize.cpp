@@ -9,7 +9,6 @@
 #include "ctl/declared/sqlText.h"
 #include "ctl/failure.h"
 #include "ctl/session/session.h"
-#include "ctl/terminal/text.h"
 
 namespace {
 
@@ -94,6 +93,8 @@ class Normalizer {
              Mistakes& collected)
       : guard(std::move(guardPath)),
         mistakes(collected),
+        now(session.query("SELECT floor(EXTRACT(EPOCH FROM now()))::bigint AS now")
+                .number(0, "now")),
         periods(session,
                 fmt::format("SELECT text AS asked, {} AS one, '' AS other"
                             " FROM (SELECT text, text::interval AS period"
@@ -152,19 +153,36 @@ class Normalizer {
         {path, setting("name", title), setting("arguments", ""), setting("file", kDefaultFile),
          setting("every", ""), setting("retries", "1"), setting("retry-after", kDefaultRetryAfter)},
         timeout.empty() ? guard : "");
-    for (const char* other : {"timeout", "first", "paused", "reason"}) {
+    for (const char* other : {"timeout", "first", "paused", "reason", "until"}) {
       if (definition.count(other) > 0) {
         result[other] = definition.at(other);
       }
     }
     if (const auto first = secondsOf(setting("first", ""))) {
-      result["first"] = timeText(*first);
+      result["first"] = declaredTime(*first);
     }
+    endPause(result);
     definition = std::move(result);
+  }
+
+  /// A declared pause that is over says nothing about later ones.
+  void endPause(Definition& definition) const {
+    const auto until = secondsOf(settingOf(definition, "until"));
+    if (!until) {
+      return;
+    }
+    if (*until > now) {
+      definition["until"] = declaredTime(*until);
+      return;
+    }
+    for (const char* name : {"paused", "reason", "until"}) {
+      definition.erase(name);
+    }
   }
 
   const std::string guard;
   Mistakes& mistakes;
+  const long now;  // the server's clock
   const Answers periods, plugins;
 };
 

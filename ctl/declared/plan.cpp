@@ -6,8 +6,6 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "ctl/terminal/text.h"
-
 namespace {
 
 /// The settings that are in a task's row.
@@ -56,6 +54,13 @@ void comparePause(const StoredTask& task, Change& change) {
   if (!paused.empty() && (paused == "true") != task.isPaused) {
     change.isPaused = paused == "true";
     change.settings.push_back({"paused", task.isPaused ? "true" : "false", paused});
+  }
+  const auto until = secondsOf(settingOf(change.definition, "until"));
+  if (until && until != task.pausedUntil) {
+    change.isPaused = true;
+    change.settings.push_back(
+        {"until", task.pausedUntil ? std::optional(declaredTime(*task.pausedUntil)) : std::nullopt,
+         declaredTime(*until)});
   }
 }
 
@@ -173,5 +178,5 @@ std::optional<std::string> rhythmOf(const StoredTask& task) {
   // The functions move a run ahead a little for themselves.
   constexpr long kAhead = 60;
   const bool isLater = *task.due > task.now + *every + kAhead;
-  return timeText(isLater ? *task.due : phaseOf(*task.due, *every));
+  return declaredTime(isLater ? *task.due : phaseOf(*task.due, *every));
 }

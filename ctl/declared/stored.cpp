@@ -21,7 +21,7 @@ std::string selectWhere(const std::string& condition) {
        cron_parameter AS parameters, cron_log_file AS file,
        {} AS every, COALESCE(cron_retries, 1) AS retries,
        COALESCE({}, '120') AS retry_after,
-       paused, pause_reason,
+       paused, pause_reason, EXTRACT(EPOCH FROM paused_until)::bigint AS paused_until,
        floor(EXTRACT(EPOCH FROM CASE WHEN paused THEN due_at_pause
                                      ELSE COALESCE(due_after_run, due) END))::bigint AS due,
        floor(EXTRACT(EPOCH FROM now()))::bigint AS now
@@ -51,6 +51,7 @@ StoredTask taskOf(const Rows& rows, int row, const std::string& guard) {
                    guard);
   task.isPaused = rows.isTrue(row, "paused");
   task.pauseReason = rows.text(row, "pause_reason");
+  task.pausedUntil = rows.optionalNumber(row, "paused_until");
   task.due = rows.optionalNumber(row, "due");
   task.now = rows.number(row, "now");
   return task;

@@ -16,6 +16,7 @@ struct StoredTask {
   Definition definition;
   bool isPaused = false;
   std::string pauseReason;
+  std::optional<long> pausedUntil;  // seconds since the epoch; nothing: until it is resumed
   std::optional<long>
       due;       // of the next run, seconds since the epoch; of a paused one after resume
   long now = 0;  // the server's clock

@@ -188,6 +188,37 @@ TEST_F(ApplyTest, PausesResumesAndMovesTheRhythm) {
             "0 tasks added, 0 changed, 0 deleted, 1 unchanged\n");
 }
 
+TEST_F(ApplyTest, PausesUntilATimeInUtc) {
+  const auto until = [](const std::string& time) {
+    return "tasks:\n" +
+           task("a", "every: 1 day, first: 1970-01-01 03:00, paused: true, until: " + time);
+  };
+  const std::string pausedUntil = "SELECT paused_until FROM kodu_task_status";
+  const std::string unchanged = "0 tasks added, 0 changed, 0 deleted, 1 unchanged\n";
+  const std::vector<std::string> elsewhere = {"--zone", "Asia/Kathmandu"};
+  applied(until("2034-06-01 12:00"), elsewhere);
+  EXPECT_EQ(database.value(pausedUntil), "2034-06-01 12:00:00");
+  EXPECT_EQ(database.task(1, "cron_next_exec"), "2034-06-02 03:00:00");
+  EXPECT_EQ(applied(until("2034-06-01 12:00:00"), elsewhere), unchanged);
+  EXPECT_EQ(applied(until("2034-07-01 02:00"), elsewhere),
+            "~ a  task 1 (true)\n"
+            "    until        2034-06-01 12:00:00 -> 2034-07-01 02:00:00\n"
+            "0 tasks added, 1 changed, 0 deleted, 0 unchanged\n");
+  EXPECT_EQ(database.task(1, "cron_next_exec"), "2034-07-01 03:00:00");
+  EXPECT_EQ(applied("tasks:\n" + task("a", "every: 1 day, paused: true")), unchanged);
+  EXPECT_EQ(database.value(pausedUntil), "2034-07-01 02:00:00");
+}
+
+TEST_F(ApplyTest, ForgetsADeclaredPauseThatIsOver) {
+  const std::string over =
+      "tasks:\n" + task("a", "every: 1 day, paused: true, until: 2020-01-01 00:00");
+  EXPECT_THAT(applied(over), Not(HasSubstr("paused")));
+  EXPECT_EQ(database.value("SELECT paused FROM kodu_task_status"), "f");
+  ASSERT_EQ(runAsAdmin({"pause", "1"}).exitCode, 0);
+  EXPECT_EQ(applied(over), "0 tasks added, 0 changed, 0 deleted, 1 unchanged\n");
+  EXPECT_EQ(database.value("SELECT paused FROM kodu_task_status"), "t");
+}
+
 TEST_F(ApplyTest, LeavesAPauseThatAnOperatorHasSet) {
   applied("tasks:\n" + task("a"));
   ASSERT_EQ(runAsAdmin({"pause", "1"}).exitCode, 0);

@@ -76,6 +76,8 @@ TEST(DeclarationTest, AcceptsEachSetting) {
   EXPECT_EQ(definitionWith("retries: \"1000000\"").at("retries"), "1000000");
   EXPECT_EQ(definitionWith("paused: false").at("paused"), "false");
   EXPECT_EQ(definitionWith("first: 2026-12-01 08:00").at("first"), "2026-12-01 08:00");
+  EXPECT_EQ(definitionWith("paused: true\n    until: 2034-01-01 08:00").at("until"),
+            "2034-01-01 08:00");
   EXPECT_EQ(definitionWith("name: no").at("name"), "no");
   EXPECT_EQ(definitionWith("reason: \"\"").at("reason"), "");
 }
@@ -92,6 +94,8 @@ TEST(DeclarationTest, NamesFileLineKeyAndSettingOfAMistake) {
     EXPECT_THAT(mistakesInTask(wrong), HasSubstr("paused must be true or false")) << wrong;
   }
   EXPECT_THAT(mistakesInTask("first: tomorrow"), HasSubstr("such as 2026-12-01 08:00"));
+  EXPECT_THAT(mistakesInTask("until: 2h"), HasSubstr("until must be a time in UTC"));
+  EXPECT_THAT(mistakesInTask("until: 2034-01-01 00:00"), HasSubstr("it needs paused: true"));
   for (const char* wrong : {"name:", "name: ~", "name: null", "name: [a]", "name: {a: b}"}) {
     EXPECT_THAT(mistakesInTask(wrong), StartsWith("f:5: k: name must be a text")) << wrong;
   }

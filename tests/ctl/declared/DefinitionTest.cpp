@@ -48,6 +48,7 @@ TEST(DefinitionTest, ReadsPeriodsOfWholeSecondsBack) {
 
 TEST(DefinitionTest, ReadsTimesOfOneFormOnly) {
   EXPECT_EQ(secondsOf("1970-01-01 00:00"), 0);
+  EXPECT_EQ(declaredTime(86400 + 3723), "1970-01-02 01:02:03");
   EXPECT_EQ(secondsOf("1970-01-02 01:02:03"), 86400 + 3723);
   EXPECT_EQ(secondsOf("2024-02-29 00:00"), 1709164800);
   for (const char* wrong :

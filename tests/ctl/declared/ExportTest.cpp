@@ -44,6 +44,7 @@ class ExportTest : public CtlTest {
         " extract(epoch FROM coalesce(cron_retries_interval, interval '2 minutes')), cron_log_file,"
         " paused,"
         " pause_reason,"
+        " paused_until,"
         " CASE WHEN due > now() + cron_interval + interval '1 minute' THEN due::text ELSE "
         "(extract(epoch FROM"
         "   coalesce(due, next_exec)) % extract(epoch FROM cron_interval))::text END"
@@ -61,7 +62,7 @@ TEST_F(ExportTest, WritesWhatDiffersFromDefaults) {
       "      file: $SERVICEID_$DATE.txt, arguments: [], first: 2020-01-01 00:04:05}\n"
       "  a: {plugin: /opt/my check, every: 1 day, name: \"no\", retries: 0, timeout: 90s,\n"
       "      retry-after: 5m, file: a_$DATE, arguments: [-w, \"5\", a b], paused: true,\n"
-      "      reason: \"new: disks\", first: 1970-01-01 03:00}\n");
+      "      reason: \"new: disks\", until: 2034-06-01 12:00, first: 1970-01-01 03:00}\n");
   const std::string a =
       "  a:\n"
       "    plugin: \"/opt/my check\"\n"
@@ -74,7 +75,8 @@ TEST_F(ExportTest, WritesWhatDiffersFromDefaults) {
       "    arguments: [\"-w\", \"5\", \"a b\"]\n"
       "    first: 1970-01-01 03:00:00\n"
       "    paused: true\n"
-      "    reason: \"new: disks\"\n";
+      "    reason: \"new: disks\"\n"
+      "    until: 2034-06-01 12:00:00\n";
   const std::string b =
       "  b:\n"
       "    plugin: /bin/true\n"
@@ -84,6 +86,7 @@ TEST_F(ExportTest, WritesWhatDiffersFromDefaults) {
   EXPECT_EQ(exported({"--set", "web"}), "set: web\ntasks:\n" + a + b);
   EXPECT_EQ(exported({"--set", "db"}), "set: db\ntasks: {}\n");
   EXPECT_EQ(exported({"1"}), "tasks:\n" + a);
+  EXPECT_EQ(exported({"--zone", "Asia/Kathmandu"}), "tasks:\n" + a + b);
   EXPECT_EQ(run({"export", "1", "99"}).exitCode, 66);
 }
 
