@@ -165,7 +165,7 @@ class Normalizer {
     definition = std::move(result);
   }
 
-  /// A declared pause that is over says nothing about later ones.
+  /// A declared pause that is over has no effect, also not on a later one by an operator.
   void endPause(Definition& definition) const {
     const auto until = secondsOf(settingOf(definition, "until"));
     if (!until) {
