@@ -12,15 +12,26 @@
 #include "ctl/command/commands.h"
 #include "ctl/failure.h"
 #include "ctl/help.h"
+#include "ctl/session/schemaVersion.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
 constexpr const char* kPluginArgument = "ARGUMENT";
+constexpr int kJsonVersion = 1;    // of docs/json.md
+constexpr int kPluginUnknown = 3;  // the exit status of a monitoring plugin that cannot tell
 
 /// The text of an option: "COUNT (20)".
 std::string valueWithDefault(const std::string& value, const std::string& standard) {
   return fmt::format("{} ({})", value, standard);
+}
+
+std::string versionText(bool asJson) {
+  return asJson
+             ? fmt::format("{{\n  \"json\" : {},\n  \"koductl\" : \"{}\",\n  \"schema\" : {}\n}}",
+                           kJsonVersion, KODU_VERSION, knownSchemaVersion())
+             : "koductl " KODU_VERSION;
 }
 
 /// The parser and the request that it fills. This is the only place that defines commands and
@@ -40,12 +51,14 @@ class Parser {
     app.footer(
         "koductl COMMAND --help describes a command. Commands that change tasks or plan need "
         "--user with a member of kodu_admin. Intervals and times have the syntax of PostgreSQL: "
-        "90s, 5m or 1 day, and 2026-12-01 08:00 or tomorrow. Times are UTC.");
+        "90s, 5m or 1 day, and 2026-12-01 08:00, 18:30 or tomorrow.");
     addCommonOptions();
     addReadingCommands();
     addChangingCommands();
+    addDeclaringCommands();
     addPlanningCommands();
     addSchemaCommand();
+    addEarlierNames();
   }
 
   Request parse(std::vector<std::string> arguments) {
@@ -54,6 +67,7 @@ class Parser {
     try {
       app.parse(arguments);
       refuseStrayArguments();
+      useZone(options.zone);
     } catch (const CLI::ParseError& e) {
       request.run = nullptr;
       request.exitCode = reportParseError(e);
@@ -69,7 +83,8 @@ class Parser {
     app.add_option("-f,--config", options.configFile,
                    "Read the daemon's main INI file from FILE; it names the database file and the "
                    "folder of the output files")
-        ->option_text(valueWithDefault("FILE", options.configFile));
+        ->option_text(valueWithDefault("FILE", options.configFile))
+        ->take_last();
     app.add_option("--user", options.user,
                    "Connect to the database as ROLE; the password comes from PGPASSWORD or "
                    "~/.pgpass; where the database file cannot be read, the database comes from "
@@ -79,10 +94,14 @@ class Parser {
                "Wait at most SECONDS for a lock; 0 sets no limit");
     addTimeout("--statement-timeout", options.statementTimeout,
                "Wait at most SECONDS for a statement; 0 sets no limit");
+    app.add_option("--zone", options.zone,
+                   "Take and show times in this time zone, such as Europe/Berlin; JSON has UTC")
+        ->option_text("ZONE (that of TZ, else of the system)");
     app.add_flag("--json", options.asJson, "Print data as JSON");
     app.set_help_flag("-h,--help", "Print help and exit; after a command, help for this command");
-    app.set_version_flag("--version", std::string("koductl " KODU_VERSION),
-                         "Print the version and exit");
+    app.set_version_flag(
+        "--version", [this] { return versionText(options.asJson); },
+        "Print the version and exit; with --json, also those of the JSON and of the tables");
   }
 
   void addTimeout(const char* name, int& seconds, const char* description) {
@@ -110,9 +129,68 @@ class Parser {
     return sub;
   }
 
+  /// Adds the options that choose tasks. `prefix` goes before those that say something else to the
+  /// command: set --name gives a task its name.
+  void addSelection(CLI::App* sub, const std::string& prefix = "") {
+    Selection& selection = options.selection;
+    sub->add_option("ID", selection.ids, "Id of a task; koductl status lists the ids")
+        ->check(CLI::Range(0, 2147483647))
+        ->take_all();
+    sub->add_option("--" + prefix + "name", selection.name,
+                    "Only tasks whose name matches GLOB, with * for any characters and ? for one")
+        ->option_text("GLOB");
+    sub->add_option("--" + prefix + "plugin", selection.plugin,
+                    "Only tasks that run a program whose path matches PATH, with * and ?, also "
+                    "through koduguard")
+        ->option_text("PATH");
+    sub->add_flag("--failed", selection.isFailed, "Only tasks that are failing");
+    sub->add_flag("--late", selection.isLate, "Only tasks that are late");
+    sub->add_flag("--running", selection.isRunning, "Only tasks with a run in progress");
+    sub->add_flag("--paused", selection.isPaused, "Only tasks that are paused");
+    sub->add_flag("--deleting", selection.isDeleting, "Only tasks that are being deleted");
+    sub->add_flag("--never-ran", selection.isNeverRun, "Only tasks that have not run yet");
+    sub->add_option(
+           "--sort", selection.sort,
+           fmt::format("Sort by KEY, the smallest value first, or with \",desc\" the largest; "
+                       "the keys are {}",
+                       fmt::join(sortKeys(), ", ")))
+        ->option_text("KEY (id)");
+    sub->add_option("--limit", selection.limit, "Only the first COUNT of these tasks")
+        ->option_text("COUNT")
+        ->check(CLI::Range(1L, 2147483647L));
+    sub->add_option("--after", selection.after,
+                    "Only the tasks that follow this key, which the end of a page shows")
+        ->option_text("KEY");
+    sub->add_flag("--all", options.isAll, "All tasks");
+  }
+
+  /// A command that changes the selected tasks.
+  CLI::App* addChange(const char* name, const char* description, int (*command)(const Options&),
+                      const std::string& prefix = "") {
+    CLI::App* sub = addCommand(name, description, command);
+    addSelection(sub, prefix);
+    sub->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
+    sub->add_flag("--dry-run", options.isDryRun,
+                  "Perform the change, list the tasks, and take it back");
+    return sub;
+  }
+
   void addReadingCommands() {
     group = "Show tasks";
     addStatus();
+    addCommand("top", "Show late, running, failing and the latest tasks, live", runTop)
+        ->footer(
+            "Keys select what is shown (a all, l late, r running, f failing, t latest), sort it "
+            "(s, S "
+            "for the other direction), filter it by name (/), explain the selected task (Enter), "
+            "pause it (p), resume it (u), run it (x) and quit (q). With --json, the present state "
+            "is "
+            "printed once.");
+    CLI::App* ids = addCommand("ids", "Print the ids of tasks, one on each line", runIds);
+    addSelection(ids);
+    ids->add_option("--prefix", options.selection.prefix, "Only ids that begin with DIGITS")
+        ->option_text("DIGITS");
+    ids->add_flag("--names", options.withNames, "Print the name after a tab");
     addTaskCommand("show", "Show everything that is known about a task", runShow)
         ->footer(
             "This includes its plugin and arguments, interval, status, due times, retries, "
@@ -124,8 +202,13 @@ class Parser {
             "used and since when it has been failing. They also say whether its plugin can be run, "
             "whether its output can be written and which rule set its next run.");
     addOutputs();
+    addCommand("daemon", "Show how the daemon is doing", runDaemon)
+        ->footer(
+            "This includes its version, start, restarts, workers, tasks and tables, and a verdict. "
+            "The exit status is 0 if it works, 1 if it works with difficulties, and 2 if not.");
     CLI::App* check =
         addCommand("check", "Find what prevents the daemon or its tasks from working", runCheck);
+    addHealth();
     check->add_flag("--quick", options.isQuick, "Skip the checks of single tasks");
     check->footer(
         "The INI files, the log, the folders, the connection, the rights in the database and "
@@ -133,63 +216,117 @@ class Parser {
         "is 0 without findings, 1 with warnings only, and 2 with errors.");
   }
 
+  /// Its options are those of other monitoring plugins, and a number that is none is UNKNOWN.
+  void addHealth() {
+    CLI::App* health =
+        addCommand("health", "Check the daemon as a plugin of a monitoring system", runHealth);
+    health->footer(
+        "One line with performance data is printed. The exit status is 0 for OK, 1 for WARNING, 2 "
+        "for CRITICAL and 3 for UNKNOWN. It is also CRITICAL when no session of the daemon is "
+        "connected, and WARNING when more than one daemon is.");
+    health
+        ->add_option("-w,--warning", options.warnOverdue,
+                     "WARNING when a task is overdue by more than this")
+        ->option_text(valueWithDefault("SECONDS", options.warnOverdue));
+    health
+        ->add_option("-c,--critical", options.criticalOverdue,
+                     "CRITICAL when a task is overdue by more than this")
+        ->option_text(valueWithDefault("SECONDS", options.criticalOverdue));
+    health
+        ->add_option("-p,--in-process", options.warnProcess,
+                     "WARNING when a task is in PROCESS for longer, counted from the due time of "
+                     "the run")
+        ->option_text(valueWithDefault("SECONDS", options.warnProcess));
+    health
+        ->add_option("-e,--failures", options.warnFailures,
+                     "WARNING when more runs failed within the last hour")
+        ->option_text("COUNT (no limit)");
+    health
+        ->add_option("-t,--timeout", options.answerTimeout,
+                     "CRITICAL when the database does not answer within this time")
+        ->option_text(valueWithDefault("SECONDS", options.answerTimeout));
+  }
+
   void addStatus() {
     CLI::App* status = addCommand("status", "List the tasks", runStatus);
     status->footer(
-        "A task is late when its run was due more than two seconds ago and has not started.");
-    status->add_flag("--failed", options.onlyFailed, "List only tasks that are failing");
-    status->add_flag("--late", options.onlyLate, "List only tasks that are late");
+        "A task is late when its run was due more than two seconds ago and has not started. A "
+        "terminal shows as many tasks as fit, and the line below them how to see the others; "
+        "elsewhere, and with --json, all are listed.");
+    addSelection(status);
     status->add_flag("--output", options.withOutput,
                      "Show the first line of each task's last output");
-    status->add_flag("--watch", options.watch, "Refresh the list every second until Ctrl-C");
+    status->add_flag(
+        "--watch", options.watch,
+        "Refresh the list until Ctrl-C: the tasks that it shows every second, which ones these "
+        "are and their number less often when there are many");
   }
 
   /// Commands about the runs of a task.
   void addOutputs() {
-    CLI::App* history =
-        addTaskCommand("history", "List the failed runs of a task, the latest first", runHistory);
-    history->add_option("-n,--count", options.count, "List at most COUNT runs")
-        ->option_text(valueWithDefault("COUNT", std::to_string(options.count)))
+    CLI::App* logs = addCommand(
+        "logs", "Print what the latest runs of a task printed, the latest last", runLogs);
+    logs->footer(
+        "The daemon keeps the output of the latest run and copies of those of failed runs. Each "
+        "output follows a line with its time; with --count 1, the output is printed alone and "
+        "unchanged. With --follow and no ID, the outputs of all tasks are printed as they are "
+        "written. With --follow and --json, each output is one JSON object. After logs, -f means "
+        "--follow.");
+    logs->add_option("ID", options.onlyTask, "Id of the task; koductl status lists the ids")
+        ->check(CLI::Range(0, 2147483647));
+    logs->add_option("-n,--count", options.outputs, "Print at most COUNT outputs")
+        ->option_text(valueWithDefault("COUNT", std::to_string(options.outputs)))
         ->check(CLI::Range(1, 1000000));
+    logs->add_flag("-f,--follow", options.follow, "Print the output of each new run until Ctrl-C");
+    logs->add_flag("--failed", options.onlyFailed, "Print only outputs of failed runs");
 
-    CLI::App* output = addTaskCommand("output", "Print the output of a task's last run", runOutput);
-    output->footer("With --follow and --json, each output is one JSON object.");
-    output->add_option("ARCHIVED", options.archived,
-                       "Print the output of this failed run instead: its number or its file name, "
-                       "as koductl history lists them");
-    output->add_flag("--follow", options.follow, "Print the output of each new run until Ctrl-C");
-
-    addTaskCommand("rerun", "Run a task's plugin as the daemon does, without changing anything",
-                   runRerun)
-        ->footer(
-            "The plugin gets the arguments, the user, the folder and the empty environment that "
-            "the daemon gives it. Its output is followed by the return code and by the differences "
-            "from the stored output. The exit status is the return code.");
+    CLI::App* test = addTaskCommand(
+        "test", "Run a task's plugin as the daemon does, without changing anything", runTest);
+    test->alias("rerun");
+    test->footer(
+        "The plugin gets the arguments, the user, the folder and the empty environment that "
+        "the daemon gives it. As root, and when the daemon is the unit koducron.service, it also "
+        "runs in the unit's sandbox. Its output is followed by the return code and by the "
+        "differences from the stored output. The exit status is the return code. An earlier name "
+        "of this command, rerun, works in this release.");
   }
 
   void addChangingCommands() {
     group = "Change tasks";
     addAdd();
     addSet();
-    CLI::App* pause =
-        addTaskCommand("pause", "Keep a task from running until it is resumed", runPause);
+    addPause();
+    addChange("resume", "Let paused tasks run again", runResume);
+    CLI::App* now = addChange("run", "Run tasks now", runNow);
+    now->footer(
+        "The run is due in three seconds. If a run is in progress, the new run follows it. Later "
+        "runs follow at the interval of the task. With --wait, the exit status is 0 when the run "
+        "ended OK and 1 when it FAILED, after its retries.");
+    now->add_flag("--wait", options.isAwaited,
+                  "Wait for the end of the run of one task and print its output");
+    addChange("delete", "Delete tasks, their files and their history", runDelete)
+        ->footer(
+            "The daemon deletes them within four minutes; until then, koductl undelete keeps them. "
+            "If a run is in progress, the four minutes begin when it ends.");
+    addChange("undelete", "Keep tasks that are being deleted", runUndelete)
+        ->footer(
+            "This is possible until the daemon removes the task. A task whose removal begins at "
+            "the same moment can lose its files and its history.");
+  }
+
+  void addPause() {
+    CLI::App* pause = addChange(
+        "pause", "Keep tasks from running until they are resumed, or until a time", runPause);
     pause->footer(
         "A run in progress is completed first, with its retries. A restart of the daemon does not "
         "end the pause.");
     pause->add_option("--reason", options.reason, "Record the reason of the pause")
         ->option_text("TEXT");
-    addTaskCommand("resume", "Let a paused task run again", runResume);
-    addTaskCommand("run", "Run a task now", runNow)
-        ->footer(
-            "The run is due in three seconds. If a run is in progress, the new run follows it. "
-            "Later "
-            "runs follow at the interval of the task.");
-    CLI::App* remove =
-        addTaskCommand("delete", "Delete a task, its files and its history", runDelete);
-    remove->footer(
-        "The daemon deletes them within four minutes. If a run is in progress, the four minutes "
-        "begin when it ends.");
-    remove->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
+    pause
+        ->add_option("--until", options.until,
+                     "End the pause at this time, or after this time: as 18:00 or 2h; the next run "
+                     "is the first regular one from then on")
+        ->option_text("TIME (no end)");
   }
 
   void addAdd() {
@@ -207,17 +344,24 @@ class Parser {
     add->add_option("--timeout", options.timeout,
                     "End a run after this time, by running the plugin through koduguard")
         ->option_text("INTERVAL (no limit)");
+    add->add_flag("--if-missing", options.ifMissing,
+                  "Do nothing when there is a task with this key already")
+        ->needs("--key");
   }
 
   void addSet() {
-    CLI::App* set = addTaskCommand("set", "Change a task", runSet);
+    CLI::App* set = addChange("set", "Change tasks", runSet, "where-");
     set->footer(
         "Settings that are not given do not change. The arguments that follow -- replace all "
-        "arguments of the plugin; -- alone removes them. The time limit of a task does not "
-        "change.");
+        "arguments of the plugin; -- alone removes them.");
     set->add_option("--plugin", options.plugin, "Run another plugin: its name or path")
         ->option_text("PLUGIN");
     addDefinition(set);
+    CLI::Option* timeout =
+        set->add_option("--timeout", options.timeout,
+                        "End a run after this time, by running the plugin through koduguard")
+            ->option_text("INTERVAL");
+    set->add_flag("--no-timeout", options.isUnlimited, "Let runs take any time")->excludes(timeout);
     set->add_option("--next", options.next, "Time of the next run; later runs follow from it")
         ->option_text("TIME");
   }
@@ -240,6 +384,10 @@ class Parser {
     sub->add_option("--file", options.fileName,
                     "Name of the output file, with $DATE; a new task has $SERVICEID_$DATE.txt")
         ->option_text("NAME");
+    sub->add_option("--key", options.key,
+                    "Key of the task, which identifies it whatever its name is; two tasks cannot "
+                    "have the same key")
+        ->option_text("KEY");
     // Described only: splitPluginArguments reads these, and the parser gives none to an argument
     // that expects none.
     sub->add_option(kPluginArgument)
@@ -278,14 +426,47 @@ class Parser {
     CLI::App* prune = addCommand(
         "prune", "Delete old history and the archived outputs that belong to it", runPrune);
     prune->footer(
-        "Files are deleted before rows, so a second call completes an interrupted one. Run it as "
-        "the daemon's user or as root: it needs the right to delete the daemon's files. "
+        "Without conditions, the history of all tasks is meant, and nothing is asked. "
+        "Files are deleted before rows, so a second call completes an interrupted one. Run it "
+        "as the daemon's user or as root: it needs the right to delete the daemon's files. "
         "Without this right it deletes nothing.");
+    addSelection(prune);
+    prune->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
+    prune->add_flag("--dry-run", options.isDryRun, "Count what would be deleted");
     prune
         ->add_option("--older-than", options.olderThan,
                      "Delete what is older than this, such as 30d")
         ->option_text("INTERVAL")
         ->required();
+  }
+
+  void addDeclaringCommands() {
+    group = "Declare tasks";
+    CLI::App* exported =
+        addCommand("export", "Write tasks as YAML, or with --json as JSON", runExport);
+    exported->footer(
+        "Settings with their default are left out. A task without a key has the key task-ID. "
+        "koductl apply reads both forms.");
+    exported->add_option("ID", options.selection.ids, "Ids of the tasks; without one, all tasks")
+        ->check(CLI::Range(0, 2147483647));
+    exported->add_option("--set", options.set, "Write only the tasks of this set, and its name")
+        ->option_text("SET");
+
+    CLI::App* apply =
+        addCommand("apply", "Bring the tasks of the database to what files declare", runApply);
+    apply->footer(
+        "All changes are one transaction: a mistake in any file changes nothing. A plan shows what "
+        "is added (+), changed (~) and deleted (-). A second call changes nothing.");
+    apply
+        ->add_option(
+            "FILE", options.source,
+            "A YAML or JSON file, a directory of *.yaml and *.yml files, or - for standard "
+            "input")
+        ->required();
+    apply->add_flag("--dry-run", options.isDryRun, "Try all of it, but change nothing");
+    apply->add_flag("--prune", options.isPruning,
+                    "Delete the tasks of the set that the files no longer declare");
+    apply->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation of deletions");
   }
 
   void addSchemaCommand() {
@@ -300,6 +481,11 @@ class Parser {
         ->add_option("ACTION", options.schemaAction,
                      "With upgrade, bring the tables to the version of this koductl")
         ->check(CLI::IsMember({"upgrade"}));
+    addCommand("repair", "Mark runs as FAILED that a daemon left unfinished", runRepair)
+        ->footer(
+            "It is for the time before a start of the daemon: while one is connected, nothing is "
+            "changed. Each of these runs gets a row in kodu_cron_repair. The next time of a task "
+            "stays.");
     schema->add_flag("--dry-run", options.isDryRun, "Perform the upgrade, then roll it back");
     schema
         ->add_option("--wait", options.waitSeconds,
@@ -312,6 +498,25 @@ class Parser {
                      "the password "
                      "comes from PGPASSWORD or ~/.pgpass")
         ->option_text("CONNINFO");
+  }
+
+  /// Commands of the first release that another one has replaced.
+  void addEarlierNames() {
+    group = "Earlier names";
+    CLI::App* history = addTaskCommand(
+        "history", "List the failed runs of a task; the next release has only logs --failed",
+        runHistory);
+    history->add_option("-n,--count", options.count, "List at most COUNT runs")
+        ->option_text(valueWithDefault("COUNT", std::to_string(options.count)))
+        ->check(CLI::Range(1, 1000000));
+
+    CLI::App* output = addTaskCommand(
+        "output", "Print the output of a task's last run; the next release has only logs",
+        runOutput);
+    output->add_option("ARCHIVED", options.archived,
+                       "Print the output of this failed run instead: its number or its file name, "
+                       "as koductl history lists them");
+    output->add_flag("--follow", options.follow, "Print the output of each new run until Ctrl-C");
   }
 
   /// Called before the library parses them: it would take the arguments after "--" as its own
@@ -339,6 +544,10 @@ class Parser {
       return exitCode;
     }
     const auto commands = app.get_subcommands();
+    if (!commands.empty() && commands.front()->get_name() == "health") {
+      print("KODUCRON UNKNOWN - {}; see koductl health --help\n", oneLine(e.what()));
+      return kPluginUnknown;
+    }
     printError("koductl: {}; see koductl {}--help\n", oneLine(e.what()),
                commands.empty() ? "" : commands.front()->get_name() + " ");
     return kWrongUsage;

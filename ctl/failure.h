@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-/// Exit statuses of koductl. Below 64 they describe what a command examined (check: 0, 1, 2; rerun:
+/// Exit statuses of koductl. Below 64 they describe what a command examined (check: 0, 1, 2; test:
 /// the plugin's return code). From 64 on they describe failures of the command itself, with the
 /// numbers of sysexits.h.
 enum ExitCode {

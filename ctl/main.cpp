@@ -2,8 +2,10 @@
 
 #include <clocale>
 #include <string>
+#include <string_view>
 #include <system_error>
 
+#include "ctl/command/test.h"
 #include "ctl/commandLine.h"
 #include "ctl/failure.h"
 #include "ctl/terminal/print.h"
@@ -15,6 +17,14 @@ int fail(const std::string& reason, int exitCode) {
   return exitCode;
 }
 
+int runCommand(int argc, char* argv[]) {
+  if (argc == 2 && std::string_view(argv[1]) == kTestInside) {
+    return testInside();
+  }
+  const Request request = parseCommandLine(argc, argv);
+  return request.run ? request.run(request.options) : request.exitCode;
+}
+
 }  // namespace
 
 // Other exceptions are defects of koductl itself.
@@ -23,8 +33,7 @@ int main(int argc, char* argv[]) {
   // Texts of the database and the plugins are UTF-8 in any locale.
   std::setlocale(LC_CTYPE, "C.UTF-8");
   try {
-    const Request request = parseCommandLine(argc, argv);
-    const int exitCode = request.run ? request.run(request.options) : request.exitCode;
+    const int exitCode = runCommand(argc, argv);
     flushOutput();  // what stands in the buffer is part of the answer, too
     return exitCode;
   } catch (const Failure& e) {

@@ -4,40 +4,65 @@
 #include <string>
 #include <vector>
 
+#include "ctl/task/selection.h"
+
 /// The command line of koductl as given. A field that belongs to one command has its default for
 /// all others.
 // Grouped by command, not by size. NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding)
 struct Options {
   std::string configFile;  // the daemon's main INI file
   std::string user;        // "": the role of the INI file
+  std::string zone;        // "": that of TZ, else of the system
   bool asJson = false;
   int lockTimeout = 5, statementTimeout = 60;  // seconds; 0 is no limit
 
-  int id = 0;
+  // Of the session, set by commands.
+  std::string applicationName = "kodu_ctl";
+  std::optional<int> connectTimeout;  // seconds; nothing: that of the database file, else 10
+
+  int id = 0;  // of a command about one task
+
+  // Commands about several tasks.
+  Selection selection;
+  bool isAll = false;        // all tasks: no limit of a page, and no condition is needed
+  bool isConfirmed = false;  // change them without a question; also apply
+  bool isDryRun = false;     // change nothing; also schema, apply
 
   bool isQuick = false;  // check
 
   // status
-  bool onlyFailed = false;
-  bool onlyLate = false;
   bool withOutput = false;
   bool watch = false;
+
+  bool withNames = false;  // ids
+
+  // logs, with follow
+  std::optional<int> onlyTask;  // nothing: all tasks
+  int outputs = 10;             // at most
+  bool onlyFailed = false;
 
   // history, output
   int count = 20;        // rows
   std::string archived;  // "": the last output; a file name, or a number counted from the latest
   bool follow = false;
 
+  // health: whole numbers of seconds, the failures a count; nothing: no limit
+  std::string warnOverdue = "10", criticalOverdue = "60", warnProcess = "600", answerTimeout = "5";
+  std::optional<std::string> warnFailures;
+
   // add, set; without a value, the database's default or the present value is kept. Periods are
   // intervals in the syntax of PostgreSQL ("90 s", "5m"), and so are times ("2030-01-01 12:00",
   // "tomorrow").
   std::optional<std::string> plugin, name, every, fileName, retryAfter, next, timeout;
+  bool isUnlimited = false;  // set: without a timeout
   std::optional<int> retries;
+  std::optional<std::string> key;
+  bool ifMissing = false;  // add
   /// The arguments after "--"; nothing without "--".
   std::optional<std::vector<std::string>> pluginArguments;
 
-  std::optional<std::string> reason;  // pause
-  bool isConfirmed = false;           // delete
+  bool isAwaited = false;                    // run
+  std::optional<std::string> reason, until;  // pause; the end also as an interval
 
   // forecast: hours and seconds as numbers, and "ID=SECONDS"
   std::string hours = "1", runSeconds = "1";
@@ -49,9 +74,13 @@ struct Options {
 
   std::string olderThan;  // prune
 
+  // export, apply
+  std::string set;     // "": any
+  std::string source;  // a file, a directory or "-"
+  bool isPruning = false;
+
   // schema
   std::string schemaAction;  // "": show the state; "upgrade"
-  bool isDryRun = false;
   int waitSeconds = 60;
   std::string connection;  // a libpq connection string instead of the INI files; "": none
 };

@@ -182,16 +182,30 @@ CREATE OR REPLACE TRIGGER kodu_task_updated
 -- update of the row. The purge has taken the task from the daemon's memory by then, and the next purge
 -- deletes the row. The flag is off during the run, and the end of the run sets it again; the file that
 -- this run writes stays. Before the run, cron_wanted says how long the row is kept. A due time proves
--- nothing: the functions may have moved it.
+-- nothing: the functions may have moved it. The same holds for a purge that read the flag just before the
+-- deletion was taken back: it has dropped the task from the daemon's memory, which loads it again.
+--
+-- With the rights of the tables' owner, since the daemon's role may not write cron_wanted.
 CREATE OR REPLACE FUNCTION kodu_spare_run() RETURNS trigger
-LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
+LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
 DECLARE
     utc timestamp := clock_timestamp() AT TIME ZONE 'UTC';
 BEGIN
-    IF (CASE WHEN OLD.cron_delete
-             -- A later time was wanted before somebody else set the flag.
-             THEN OLD.cron_wanted > utc AND OLD.cron_wanted < utc + interval '15 seconds'
-             ELSE OLD.cron_status = 'PROCESS' AND OLD.cron_wanted = 'infinity' END) THEN
+    IF NOT OLD.cron_delete AND OLD.cron_wanted = timestamp '1970-01-01' THEN
+        IF pg_notification_queue_usage() < 0.9 THEN
+            PERFORM pg_notify('koducronchannel', format(
+                '{"TYPE":"SERVICE","COMMAND":"ADD","ID":%s}', OLD.cron_id));
+        END IF;
+        RETURN NULL;
+    END IF;
+    IF NOT OLD.cron_delete AND OLD.cron_status = 'PROCESS' AND OLD.cron_wanted = 'infinity' THEN
+        RETURN NULL;
+    END IF;
+    -- A later time was wanted before somebody else set the flag.
+    IF OLD.cron_delete AND OLD.cron_wanted > utc AND OLD.cron_wanted < utc + interval '15 seconds' THEN
+        -- Too late to take the deletion back: the daemon has forgotten the task.
+        UPDATE public.kodu_cron_plugin SET cron_wanted = timestamp '1970-01-01'
+        WHERE cron_id = OLD.cron_id;
         RETURN NULL;
     END IF;
     RETURN OLD;
@@ -218,10 +232,13 @@ LANGUAGE sql IMMUTABLE SET search_path = pg_catalog, public, pg_temp AS $$
                                            / EXTRACT(EPOCH FROM every)))::double precision
 $$;
 
+-- Not in SQL: PERFORM would parse and plan such a function again at each of ten thousand calls.
 CREATE OR REPLACE FUNCTION kodu_tell_update(task integer) RETURNS void
-LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
-    SELECT pg_notify('koducronchannel',
-                     format('{"TYPE":"SERVICE","COMMAND":"UPDATE","ID":%s}', task))
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    PERFORM pg_notify('koducronchannel',
+                      format('{"TYPE":"SERVICE","COMMAND":"UPDATE","ID":%s}', task));
+END
 $$;
 
 -- The task's row, which the daemon cannot write from here to the end of the transaction.
@@ -266,6 +283,9 @@ CREATE OR REPLACE FUNCTION kodu_paused_now(task kodu_cron_plugin) RETURNS boolea
 LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
     SELECT kodu_is_paused(task.cron_status, task.cron_next_exec, task.cron_wanted,
                           clock_timestamp() AT TIME ZONE 'UTC')
+           OR EXISTS (SELECT FROM kodu_cron_pause
+                      WHERE cron_id = task.cron_id
+                        AND resumes_at > clock_timestamp() AT TIME ZONE 'UTC')
 $$;
 
 -- Sets the time of the next run; during a run, of the one after it. NULL: an interval after it. All
@@ -334,6 +354,11 @@ DECLARE
         WHEN 'cron_retries_interval_up_to_year' THEN
             ARRAY['the time to a retry must be between 0 and 366 days',
                   'Use retry_after => ''2 minutes'', for example.']
+        WHEN 'kodu_cron_key_task_key_key' THEN
+            ARRAY['another task has this key', 'SELECT kodu_task_with_key(''web/load'') names it.']
+        WHEN 'task_key_is_one_word' THEN
+            ARRAY['a key must be one word of at most 200 letters, digits and . _ : / @ -',
+                  'Use key => ''web/load'', for example.']
         ELSE
             ARRAY['the tables'' check ' || broken || ' refuses the task',
                   'See its definition in sql/schema.sql.']
@@ -473,41 +498,129 @@ BEGIN
 END
 $$;
 
+-- What a task's row holds for a plugin, a name, parameters and a time limit: the id of a plugin of the
+-- catalogue, and the parameters.
+CREATE OR REPLACE FUNCTION kodu_defined(plugin text, name text, parameters text, timeout interval,
+                                        OUT id integer, OUT arguments text)
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    called record;
+BEGIN
+    SELECT * INTO called FROM kodu_plugin_find(plugin);
+    id := kodu_plugin_at(called.path, COALESCE(name, called.title));
+    arguments := parameters;
+    IF timeout IS NOT NULL THEN
+        SELECT guarded.id, guarded.arguments INTO id, arguments
+        FROM kodu_guarded(called.path, COALESCE(name, called.title), parameters, timeout) AS guarded;
+    END IF;
+END
+$$;
+
+-- Writes the definition in `wanted` into the task's row. The triggers notify the daemon if it differs.
+CREATE OR REPLACE FUNCTION kodu_rewrite(wanted kodu_cron_plugin) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    broken text;
+BEGIN
+    UPDATE kodu_cron_plugin SET
+        cron_plugin_id = wanted.cron_plugin_id,
+        cron_interval = wanted.cron_interval,
+        cron_parameter = wanted.cron_parameter,
+        cron_retries = wanted.cron_retries,
+        cron_retries_interval = wanted.cron_retries_interval,
+        cron_log_file = wanted.cron_log_file
+    WHERE cron_id = wanted.cron_id;
+EXCEPTION WHEN check_violation OR unique_violation THEN
+    GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
+    PERFORM kodu_refuse(broken);
+END
+$$;
+
+-- Keys -------------------------------------------------------------------------------------------
+
+-- kodu_implied_key in sql/schema.sql is the key of a task that has not been given one.
+
+CREATE OR REPLACE FUNCTION kodu_key_of(task integer) RETURNS text
+LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT COALESCE((SELECT task_key FROM kodu_cron_key WHERE cron_id = task), kodu_implied_key(task))
+$$;
+
+-- The id of the task that has the key, NULL when there is none. A task that is being deleted does not
+-- count.
+CREATE OR REPLACE FUNCTION kodu_task_with_key(key text) RETURNS integer
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    id integer;
+BEGIN
+    SELECT cron_id INTO id FROM kodu_cron_key WHERE task_key = key;
+    IF NOT FOUND AND key ~ '^task-[0-9]{1,9}x*$' THEN
+        SELECT cron_id INTO id FROM kodu_cron_plugin
+        WHERE cron_id = substring(key, '[0-9]+')::integer AND kodu_key_of(cron_id) = key;
+    END IF;
+    IF id IS NOT NULL THEN
+        SELECT cron_id INTO id FROM kodu_cron_plugin
+        WHERE cron_id = id AND NOT cron_delete AND cron_wanted IS DISTINCT FROM 'infinity';
+    END IF;
+    RETURN id;
+END
+$$;
+
+-- Gives a task that key, instead of its present one. A task that is being deleted loses it.
+CREATE OR REPLACE FUNCTION kodu_give_key(task integer, key text) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    IF EXISTS (SELECT FROM kodu_cron_key WHERE task_key = key) THEN
+        DELETE FROM kodu_cron_key USING kodu_cron_plugin AS holder
+        WHERE task_key = key AND holder.cron_id = kodu_cron_key.cron_id
+          AND (cron_delete OR cron_wanted = 'infinity');
+    END IF;
+    INSERT INTO kodu_cron_key (cron_id, task_key) VALUES (task, key)
+    ON CONFLICT (cron_id) DO UPDATE SET task_key = EXCLUDED.task_key;
+END
+$$;
+
 -- Tasks ------------------------------------------------------------------------------------------
 
 -- Adds a task and returns its id. plugin: a name of the catalogue or a path. name: what the task is
 -- called; the plugin's own by default. retries and retry_after: one after 120 seconds by default.
 -- first_run: a moment ahead by default. timeout: runs the plugin through koduguard with that limit.
+-- key: refuses a second task with this key; with if_missing returns the id of the present one instead.
 CREATE OR REPLACE FUNCTION kodu_task_add(
     plugin text, every interval, parameters text DEFAULT NULL, retries integer DEFAULT NULL,
     retry_after interval DEFAULT NULL, file_name text DEFAULT '$SERVICEID_$DATE.txt',
-    first_run timestamptz DEFAULT NULL, name text DEFAULT NULL, timeout interval DEFAULT NULL)
+    first_run timestamptz DEFAULT NULL, name text DEFAULT NULL, timeout interval DEFAULT NULL,
+    key text DEFAULT NULL, if_missing boolean DEFAULT FALSE)
 RETURNS integer
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
-    called record;
-    plugin_of integer;
-    arguments text := parameters;
+    defined record;
     due timestamp := COALESCE(kodu_check_time(first_run, every), kodu_soon());
-    id integer;
+    id integer := CASE WHEN key IS NOT NULL THEN kodu_task_with_key(key) END;
     broken text;
 BEGIN
-    SELECT * INTO called FROM kodu_plugin_find(plugin);
-    plugin_of := kodu_plugin_at(called.path, COALESCE(name, called.title));
+    IF id IS NOT NULL THEN
+        IF if_missing THEN
+            RETURN id;
+        END IF;
+        RAISE EXCEPTION 'task % has the key %', id, quote_literal(key) USING
+            ERRCODE = 'unique_violation',
+            HINT = 'Two tasks cannot have the same key. Leave the present one as it is with'
+                   ' if_missing => TRUE, or change it with kodu_task_set.';
+    END IF;
+    SELECT * INTO defined FROM kodu_defined(plugin, name, parameters, timeout);
     IF every IS NULL THEN
         PERFORM kodu_refuse('cron_interval_from_second_to_year');
     END IF;
     file_name := COALESCE(file_name, '$SERVICEID_$DATE.txt');
-    IF timeout IS NOT NULL THEN
-        SELECT guarded.id, guarded.arguments INTO plugin_of, arguments
-        FROM kodu_guarded(called.path, COALESCE(name, called.title), parameters, timeout) AS guarded;
-    END IF;
     BEGIN
         INSERT INTO kodu_cron_plugin (cron_plugin_id, cron_interval, cron_next_exec, cron_wanted,
                                       cron_log_file, cron_retries, cron_retries_interval,
                                       cron_parameter)
-        VALUES (plugin_of, every, due, due, file_name, retries, retry_after, arguments)
+        VALUES (defined.id, every, due, due, file_name, retries, retry_after, defined.arguments)
         RETURNING cron_id INTO id;
+        IF key IS NOT NULL THEN
+            PERFORM kodu_give_key(id, key);
+        END IF;
     EXCEPTION WHEN check_violation OR unique_violation THEN
         GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
         PERFORM kodu_refuse(broken);
@@ -517,24 +630,34 @@ BEGIN
 END
 $$;
 
--- The plugin and the parameters that run a path within a time limit. The guard's path is that of the
--- catalogue, otherwise that of the package.
-CREATE OR REPLACE FUNCTION kodu_guarded(path text, called text, parameters text, timeout interval,
-                                        OUT id integer, OUT arguments text)
+CREATE OR REPLACE FUNCTION kodu_timeout_seconds(timeout interval) RETURNS integer
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     seconds numeric := EXTRACT(EPOCH FROM timeout);
-    guard text;
 BEGIN
     IF seconds NOT BETWEEN 1 AND 86400 OR seconds % 1 <> 0 THEN
         RAISE EXCEPTION 'the timeout must be whole seconds, from 1 second to 1 day' USING
             ERRCODE = 'invalid_parameter_value',
             HINT = 'Use timeout => ''30 seconds'', for example.';
     END IF;
+    RETURN seconds;
+END
+$$;
+
+-- The plugin and the parameters that run a path within a time limit. The guard's path is that of the
+-- catalogue, otherwise that of the package.
+CREATE OR REPLACE FUNCTION kodu_guarded(path text, called text, parameters text, timeout interval,
+                                        OUT id integer, OUT arguments text)
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    seconds integer := kodu_timeout_seconds(timeout);
+    guard text;
+BEGIN
     SELECT plugin_path INTO guard FROM kodu_plugins WHERE plugin_path LIKE '%/koduguard'
     ORDER BY plugin_id LIMIT 1;
     id := kodu_plugin_at(COALESCE(guard, '/usr/bin/koduguard'), called);
-    arguments := concat_ws(' ', '-t', seconds::integer, '--', kodu_quote_argument(path), parameters);
+    arguments := concat_ws(' ', '-t', seconds, '--', kodu_quote_argument(path),
+                           NULLIF(parameters, ''));
 END
 $$;
 
@@ -560,11 +683,20 @@ BEGIN
 END
 $$;
 
--- What kodu_task_set's plugin, parameters and name come to: the id of a plugin of the catalogue, and
--- the task's parameters; NULL for what stays. Where koduguard runs the task's plugin, all three are
--- about that plugin, and guard and time limit stay.
+-- The guard's own parameters with another time limit; the others stay.
+CREATE OR REPLACE FUNCTION kodu_guard_limited(guard text, timeout interval) RETURNS text
+LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT CASE WHEN timeout IS NULL THEN guard
+                ELSE format('-t %s %s', kodu_timeout_seconds(timeout),
+                            regexp_replace(guard, '(^| )-t +[^ ]+ +', '\1')) END
+$$;
+
+-- What kodu_task_set's plugin, parameters, name and timeout come to: the id of a plugin of the
+-- catalogue, and the task's parameters; NULL for what stays. Where koduguard runs the task's plugin, the
+-- first three are about that plugin, and the guard stays unless the timeout is 0.
 CREATE OR REPLACE FUNCTION kodu_redefined(task kodu_cron_plugin, plugin text, parameters text,
-                                          name text, OUT id integer, OUT arguments text)
+                                          name text, timeout interval,
+                                          OUT id integer, OUT arguments text)
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     present kodu_plugins;
@@ -577,35 +709,49 @@ BEGIN
         SELECT * INTO wanted FROM kodu_plugin_find(plugin);
     END IF;
     arguments := parameters;
-    IF present.plugin_path LIKE '%/koduguard' AND num_nonnulls(plugin, parameters) > 0
+    IF present.plugin_path LIKE '%/koduguard' AND num_nonnulls(plugin, parameters, timeout) > 0
        AND wanted.path NOT LIKE '%/koduguard' IS NOT FALSE THEN
         SELECT * INTO parts FROM kodu_guard_parts(task);
-        arguments := parts.guard || concat_ws(
-            ' ', COALESCE(kodu_quote_argument(wanted.path), parts.plugin),
-            NULLIF(COALESCE(parameters, parts.arguments), ''));
-        wanted.path := present.plugin_path;
+        arguments := COALESCE(parameters, parts.arguments, '');
+        IF timeout = interval '0' THEN
+            wanted.path := COALESCE(wanted.path, btrim(parts.plugin, '"'''));
+        ELSE
+            arguments := kodu_guard_limited(parts.guard, timeout) || concat_ws(
+                ' ', COALESCE(kodu_quote_argument(wanted.path), parts.plugin),
+                NULLIF(arguments, ''));
+            wanted.path := present.plugin_path;
+        END IF;
+    ELSIF timeout <> interval '0' THEN
+        SELECT guarded.id, guarded.arguments INTO id, arguments
+        FROM kodu_guarded(COALESCE(wanted.path, present.plugin_path),
+                          COALESCE(name, wanted.title, present.plugin_name),
+                          COALESCE(parameters, task.cron_parameter), timeout) AS guarded;
+        RETURN;
     END IF;
-    IF num_nonnulls(plugin, name) > 0 THEN
+    IF num_nonnulls(plugin, name) > 0 OR wanted.path <> present.plugin_path THEN
         id := kodu_plugin_at(COALESCE(wanted.path, present.plugin_path),
-                             COALESCE(name, wanted.title));
+                             COALESCE(name, wanted.title, present.plugin_name));
     END IF;
 END
 $$;
 
--- Changes what is not NULL. next_run moves the task's next run, and with it all that follow.
+-- Changes what is not NULL. next_run moves the task's next run, and with it all that follow. timeout: has
+-- koduguard run the plugin with that limit; 0 removes the limit.
 CREATE OR REPLACE FUNCTION kodu_task_set(
     task integer, plugin text DEFAULT NULL, every interval DEFAULT NULL,
     parameters text DEFAULT NULL, retries integer DEFAULT NULL, retry_after interval DEFAULT NULL,
-    file_name text DEFAULT NULL, next_run timestamptz DEFAULT NULL, name text DEFAULT NULL)
+    file_name text DEFAULT NULL, next_run timestamptz DEFAULT NULL, name text DEFAULT NULL,
+    timeout interval DEFAULT NULL, key text DEFAULT NULL)
 RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     old kodu_cron_plugin := kodu_task_take(task);
+    wanted kodu_cron_plugin := old;
     defined record;
     broken text;
 BEGIN
-    IF num_nonnulls(plugin, every, parameters, retries, retry_after, file_name, next_run, name) = 0
-    THEN
+    IF num_nonnulls(plugin, every, parameters, retries, retry_after, file_name, next_run, name,
+                    timeout, key) = 0 THEN
         RAISE EXCEPTION 'there is nothing to set for task %', task USING
             ERRCODE = 'invalid_parameter_value',
             HINT = format('Use kodu_task_set(%s, every => ''5 minutes''), for example.', task);
@@ -613,44 +759,96 @@ BEGIN
     IF next_run IS NOT NULL THEN
         PERFORM kodu_refuse_paused(old);
     END IF;
-    SELECT * INTO defined FROM kodu_redefined(old, plugin, parameters, name);
-    BEGIN
-        -- The triggers tell the daemon.
-        UPDATE kodu_cron_plugin SET
-            cron_plugin_id = COALESCE(defined.id, cron_plugin_id),
-            cron_interval = COALESCE(every, cron_interval),
-            cron_parameter = COALESCE(defined.arguments, cron_parameter),
-            cron_retries = COALESCE(retries, cron_retries),
-            cron_retries_interval = COALESCE(retry_after, cron_retries_interval),
-            cron_log_file = COALESCE(file_name, cron_log_file)
-        WHERE cron_id = task;
-    EXCEPTION WHEN check_violation OR unique_violation THEN
-        GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
-        PERFORM kodu_refuse(broken);
-    END;
+    SELECT * INTO defined FROM kodu_redefined(old, plugin, parameters, name, timeout);
+    wanted.cron_plugin_id := COALESCE(defined.id, old.cron_plugin_id);
+    wanted.cron_interval := COALESCE(every, old.cron_interval);
+    wanted.cron_parameter := COALESCE(defined.arguments, old.cron_parameter);
+    wanted.cron_retries := COALESCE(retries, old.cron_retries);
+    wanted.cron_retries_interval := COALESCE(retry_after, old.cron_retries_interval);
+    wanted.cron_log_file := COALESCE(file_name, old.cron_log_file);
+    PERFORM kodu_rewrite(wanted);
     PERFORM kodu_check_file_name(file_name);
+    IF key IS NOT NULL THEN
+        BEGIN
+            PERFORM kodu_give_key(task, key);
+        EXCEPTION WHEN check_violation OR unique_violation THEN
+            GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
+            PERFORM kodu_refuse(broken);
+        END;
+    END IF;
     IF next_run IS NOT NULL THEN
-        PERFORM kodu_move(old, kodu_check_time(next_run, COALESCE(every, old.cron_interval)));
+        PERFORM kodu_move(old, kodu_check_time(next_run, wanted.cron_interval));
     END IF;
 END
 $$;
 
--- Prevents the task from running until kodu_task_resume, also after a restart of the daemon. A run in
--- progress, including its retries, is completed first.
-CREATE OR REPLACE FUNCTION kodu_task_pause(task integer, reason text DEFAULT NULL) RETURNS void
+-- Makes a task what kodu_task_add would make of the same arguments: what is NULL gets its default. The
+-- next run stays where it is unless next_run moves it; so do status, history and key.
+CREATE OR REPLACE FUNCTION kodu_task_define(
+    task integer, plugin text, every interval, parameters text DEFAULT NULL,
+    retries integer DEFAULT NULL, retry_after interval DEFAULT NULL,
+    file_name text DEFAULT NULL, next_run timestamptz DEFAULT NULL, name text DEFAULT NULL,
+    timeout interval DEFAULT NULL)
+RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     old kodu_cron_plugin := kodu_task_take(task);
+    wanted kodu_cron_plugin := old;
+    defined record;
 BEGIN
-    IF kodu_paused_now(old) THEN
-        RAISE NOTICE 'task % is paused already', task;
-        RETURN;
+    IF next_run IS NOT NULL THEN
+        PERFORM kodu_refuse_paused(old);
     END IF;
-    INSERT INTO kodu_cron_pause AS pause (cron_id, next_exec, reason)
-    VALUES (task, greatest(old.cron_next_exec, old.cron_wanted), kodu_task_pause.reason)
+    IF every IS NULL THEN
+        PERFORM kodu_refuse('cron_interval_from_second_to_year');
+    END IF;
+    SELECT * INTO defined FROM kodu_defined(plugin, name, parameters, timeout);
+    wanted.cron_plugin_id := defined.id;
+    wanted.cron_interval := every;
+    wanted.cron_parameter := defined.arguments;
+    wanted.cron_retries := retries;
+    wanted.cron_retries_interval := retry_after;
+    wanted.cron_log_file := COALESCE(file_name, '$SERVICEID_$DATE.txt');
+    PERFORM kodu_rewrite(wanted);
+    PERFORM kodu_check_file_name(wanted.cron_log_file);
+    IF next_run IS NOT NULL THEN
+        PERFORM kodu_move(old, kodu_check_time(next_run, every));
+    END IF;
+END
+$$;
+
+-- Prevents the task from running until kodu_task_resume, also after a restart of the daemon, or until a
+-- time: then its next run is its first regular one from that time on. A run in progress, including its
+-- retries, is completed first. A pause can get another end during it.
+CREATE OR REPLACE FUNCTION kodu_task_pause(task integer, reason text DEFAULT NULL,
+                                           until timestamptz DEFAULT NULL) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    old kodu_cron_plugin := kodu_task_take(task);
+    ends timestamp := date_trunc('second', until AT TIME ZONE 'UTC');
+    was_due timestamp := greatest(old.cron_next_exec, old.cron_wanted);
+    present kodu_cron_pause;
+BEGIN
+    IF ends <= clock_timestamp() AT TIME ZONE 'UTC' OR ends >= timestamp '2035-01-01' THEN
+        RAISE EXCEPTION 'the end of a pause must lie ahead, and before 2035' USING
+            ERRCODE = 'invalid_parameter_value',
+            HINT = 'Use until => now() + interval ''2 hours'', for example.';
+    END IF;
+    IF kodu_paused_now(old) THEN
+        IF ends IS NULL THEN
+            RAISE NOTICE 'task % is paused already', task;
+            RETURN;
+        END IF;
+        SELECT * INTO present FROM kodu_cron_pause WHERE cron_id = task;
+        was_due := COALESCE(present.next_exec, kodu_soon());
+    END IF;
+    INSERT INTO kodu_cron_pause AS pause (cron_id, next_exec, reason, resumes_at)
+    VALUES (task, was_due, COALESCE(kodu_task_pause.reason, present.reason), ends)
     ON CONFLICT (cron_id) DO UPDATE SET next_exec = EXCLUDED.next_exec,
-        paused_at = EXCLUDED.paused_at, paused_by = EXCLUDED.paused_by, reason = EXCLUDED.reason;
-    PERFORM kodu_move(old, kodu_pause_time());
+        paused_at = EXCLUDED.paused_at, paused_by = EXCLUDED.paused_by, reason = EXCLUDED.reason,
+        resumes_at = EXCLUDED.resumes_at;
+    PERFORM kodu_move(old, CASE WHEN ends IS NULL THEN kodu_pause_time()
+                                ELSE kodu_next_slot(was_due, old.cron_interval, ends) END);
 END
 $$;
 
@@ -659,10 +857,12 @@ CREATE OR REPLACE FUNCTION kodu_task_resume(task integer) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     old kodu_cron_plugin := kodu_task_take(task);
+    was_paused boolean := kodu_paused_now(old);
     was_due timestamp;
+    next_slot timestamp;
 BEGIN
     DELETE FROM kodu_cron_pause WHERE cron_id = task RETURNING next_exec INTO was_due;
-    IF NOT kodu_paused_now(old) THEN
+    IF NOT was_paused THEN
         RAISE NOTICE 'task % is not paused', task;
         RETURN;
     END IF;
@@ -671,11 +871,13 @@ BEGIN
         PERFORM kodu_move(old, NULL);
         RETURN;
     END IF;
-    -- A run that an older version of these functions paused was due in 2036 when it ended.
-    UPDATE kodu_cron_plugin SET cron_last_exec = was_due
-    WHERE cron_id = task AND cron_last_exec >= kodu_pause_time();
-    PERFORM kodu_move(old, kodu_next_slot(COALESCE(was_due, kodu_soon()), old.cron_interval,
-                                          kodu_soon()));
+    IF old.cron_last_exec >= kodu_pause_time() THEN
+        -- A run that an older version of these functions paused was due in 2036 when it ended.
+        UPDATE kodu_cron_plugin SET cron_last_exec = was_due WHERE cron_id = task;
+    END IF;
+    -- Assigned, because PERFORM would plan these functions again at each call.
+    next_slot := kodu_next_slot(COALESCE(was_due, kodu_soon()), old.cron_interval, kodu_soon());
+    PERFORM kodu_move(old, next_slot);
 END
 $$;
 
@@ -726,6 +928,43 @@ BEGIN
 END
 $$;
 
+-- Takes a deletion back. The task is due at its next regular time; a pause from before goes on.
+--
+-- The daemon may have read the flag already: then it forgets the task, removes its files and its history
+-- and deletes the row at any moment. The mark in cron_wanted, which stays until the next run begins, has
+-- kodu_spare_run keep the row and tell the daemon of the task again.
+CREATE OR REPLACE FUNCTION kodu_task_undelete(task integer) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    old kodu_cron_plugin := kodu_task_lock(task);
+    was_paused boolean := EXISTS (SELECT FROM kodu_cron_pause WHERE cron_id = task);
+    soon timestamp := kodu_soon();
+    due timestamp;
+BEGIN
+    IF old.cron_delete AND old.cron_wanted = timestamp '1970-01-01' THEN
+        RAISE EXCEPTION 'the purge of task % has begun', task USING
+            ERRCODE = 'object_not_in_prerequisite_state',
+            HINT = 'Its files and its history are gone already. Add the task again.';
+    ELSIF old.cron_wanted = 'infinity' THEN  -- the end of a run in progress would have set the flag
+        UPDATE kodu_cron_plugin SET cron_wanted = CASE WHEN was_paused THEN kodu_pause_time() END
+        WHERE cron_id = task;
+    ELSIF old.cron_delete THEN
+        due := CASE WHEN was_paused THEN kodu_pause_time()
+                    ELSE kodu_next_slot(
+                        old.cron_next_exec - old.cron_interval * greatest(0, ceil(
+                            EXTRACT(EPOCH FROM old.cron_next_exec - soon)
+                            / EXTRACT(EPOCH FROM old.cron_interval)))::double precision,
+                        old.cron_interval, soon) END;
+        UPDATE kodu_cron_plugin SET cron_delete = FALSE, cron_next_exec = due,
+                                    cron_wanted = timestamp '1970-01-01'
+        WHERE cron_id = task;
+        PERFORM kodu_tell_update(task);
+    ELSE
+        RAISE NOTICE 'task % is not being deleted', task;
+    END IF;
+END
+$$;
+
 -- What the tasks do ------------------------------------------------------------------------------
 
 -- One row a task that the daemon runs, from the one definition in sql/schema.sql; times are UTC. due:
@@ -737,9 +976,9 @@ SELECT id,
        COALESCE(due < now() AT TIME ZONE 'UTC', FALSE) AS due,
        due_seconds AS lateness,
        last_due AS last_run,
-       CASE WHEN running OR NOT paused THEN due END AS next_run,
-       cron_interval AS "interval",
-       COALESCE(cron_retries, 1) AS retries,
+       CASE WHEN running OR NOT paused OR paused_until IS NOT NULL THEN due END AS next_run,
+       every AS "interval",
+       COALESCE(retry_limit, 1) AS retries,
        failures_hour,
        failures_day,
        failing_since,
@@ -750,8 +989,9 @@ SELECT id,
        late,
        paused_at,
        paused_by,
-       pause_reason
-FROM kodu_task_state JOIN kodu_cron_plugin ON cron_id = id
+       pause_reason,
+       paused_until
+FROM kodu_task_state
 WHERE plugin_type = 'cron';
 
 COMMENT ON VIEW kodu_task_status IS 'One row a task that the daemon runs; times are UTC';
@@ -759,19 +999,28 @@ COMMENT ON COLUMN kodu_task_status.due IS 'Its time has come, and its run has no
 COMMENT ON COLUMN kodu_task_status.lateness IS 'Seconds since it was due; 0 before and while paused';
 COMMENT ON COLUMN kodu_task_status.last_run IS 'When the last run that has ended was due';
 
--- Deletes the history rows older than that, of all tasks, and returns their number. The copies of the
--- outputs remain in the archive folders.
-CREATE OR REPLACE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint
-LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
-DECLARE
-    deleted bigint;
+-- The time before which history is that old.
+CREATE OR REPLACE FUNCTION kodu_history_cutoff(older_than interval) RETURNS timestamp
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
 BEGIN
     IF older_than IS NULL OR older_than <= interval '0' THEN
         RAISE EXCEPTION 'the age must be longer than 0' USING
             ERRCODE = 'invalid_parameter_value',
             HINT = 'Use kodu_history_prune(''30 days''), for example.';
     END IF;
-    DELETE FROM kodu_cron_error WHERE cron_date < now() AT TIME ZONE 'UTC' - older_than;
+    RETURN now() AT TIME ZONE 'UTC' - older_than;
+END
+$$;
+
+-- Deletes the history rows older than that, of all tasks, and returns their number. The copies of the
+-- outputs remain in the archive folders.
+CREATE OR REPLACE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    deleted bigint;
+    cutoff timestamp := kodu_history_cutoff(older_than);
+BEGIN
+    DELETE FROM kodu_cron_error WHERE cron_date < cutoff;
     GET DIAGNOSTICS deleted = ROW_COUNT;
     RETURN deleted;
 END
@@ -783,12 +1032,11 @@ $$;
 CREATE OR REPLACE FUNCTION kodu_schedule(OUT id integer, OUT first bigint, OUT every bigint)
 RETURNS SETOF record
 LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
-    SELECT cron_id,
+    SELECT state.id,
            floor(EXTRACT(EPOCH FROM kodu_next_slot(
-               cron_next_exec, cron_interval,
-               date_trunc('second', now() AT TIME ZONE 'UTC'))))::bigint,
-           EXTRACT(EPOCH FROM cron_interval)::bigint
-    FROM kodu_task_state JOIN kodu_cron_plugin ON cron_id = id
+               scheduled, state.every, date_trunc('second', now() AT TIME ZONE 'UTC'))))::bigint,
+           EXTRACT(EPOCH FROM state.every)::bigint
+    FROM kodu_task_state AS state
     WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused
 $$;
 
@@ -972,7 +1220,8 @@ $$;
 -- existing plugin.
 GRANT USAGE ON SCHEMA public TO kodu_admin;
 GRANT SELECT ON kodu_plugins, kodu_cron_plugin, kodu_cron_error, kodu_cron_repair, kodu_cron_pause,
-                kodu_daemon_state, kodu_task_state, kodu_task_status, kodu_schema_version TO kodu_admin;
+                kodu_cron_key, kodu_daemon_state, kodu_task_state, kodu_task_status,
+                kodu_schema_version TO kodu_admin;
 GRANT INSERT (plugin_name, plugin_path, plugin_type) ON kodu_plugins TO kodu_admin;
 GRANT INSERT (cron_plugin_id, cron_interval, cron_next_exec, cron_log_file, cron_retries,
               cron_retries_interval, cron_parameter, cron_wanted),
@@ -981,7 +1230,7 @@ GRANT INSERT (cron_plugin_id, cron_interval, cron_next_exec, cron_log_file, cron
               cron_last_exec)  -- after a run that ended during a pause
     ON kodu_cron_plugin TO kodu_admin;
 GRANT DELETE ON kodu_cron_error TO kodu_admin;
-GRANT INSERT, UPDATE, DELETE ON kodu_cron_pause TO kodu_admin;
+GRANT INSERT, UPDATE, DELETE ON kodu_cron_pause, kodu_cron_key TO kodu_admin;
 
 DO $$
 DECLARE
@@ -994,7 +1243,7 @@ BEGIN
           AND prorettype <> 'trigger'::regtype
           -- roles that may read the views, or that update a task, call these
           AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused',
-                              'kodu_follow_request')
+                              'kodu_follow_request', 'kodu_implied_key')
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);
         EXECUTE format('GRANT EXECUTE ON FUNCTION %s TO kodu_admin', function);

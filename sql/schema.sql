@@ -20,8 +20,8 @@ SET LOCAL search_path = public;
 
 -- The number and the title of the latest file in sql/migrations, which changed existing tables to what
 -- this file creates.
-SET LOCAL kodu.schema_version = '4';
-SET LOCAL kodu.schema_title = 'follow the daemon with one trigger';
+SET LOCAL kodu.schema_version = '6';
+SET LOCAL kodu.schema_title = 'give tasks keys';
 
 -- CREATE TABLE below does not change tables of another version, but the rest of this file would change.
 DO $$
@@ -151,7 +151,21 @@ CREATE TABLE IF NOT EXISTS kodu_cron_pause (
     next_exec timestamp NOT NULL,
     paused_at timestamp NOT NULL DEFAULT date_trunc('second', now() AT TIME ZONE 'UTC'),
     paused_by text NOT NULL DEFAULT session_user,
-    reason    text
+    reason    text,
+    -- NULL: until somebody ends it. The run that is due first after this time is the task's next one, so
+    -- the pause ends by itself, and a row whose time has come means nothing any more.
+    resumes_at timestamp
+);
+
+-- The keys of tasks, see kodu_task_add in sql/functions.sql, and the set of declared tasks that a task
+-- belongs to. A table of its own: the daemon's updates write no more because of it.
+CREATE TABLE IF NOT EXISTS kodu_cron_key (
+    -- The daemon can delete the task, and this row with it, without a right to this table.
+    cron_id  integer PRIMARY KEY REFERENCES kodu_cron_plugin (cron_id) ON DELETE CASCADE,
+    task_key text NOT NULL UNIQUE
+        CONSTRAINT task_key_is_one_word CHECK (task_key ~ '^[A-Za-z0-9][A-Za-z0-9._:/@-]{0,199}$'),
+    task_set text
+        CONSTRAINT task_set_is_one_word CHECK (task_set ~ '^[A-Za-z0-9][A-Za-z0-9._:/@-]{0,199}$')
 );
 
 -- Indexes: all other statements find their row by its primary key --------------------------------
@@ -323,13 +337,23 @@ CREATE OR REPLACE TRIGGER kodu_end_sharing
     FOR EACH ROW WHEN (OLD.cron_shares_output AND OLD.cron_log_file <> NEW.cron_log_file)
     EXECUTE FUNCTION kodu_end_sharing();
 
+-- The key of a task that has not been given one: task-ID. An x follows where another task has been given
+-- that key.
+CREATE OR REPLACE FUNCTION kodu_implied_key(task integer) RETURNS text
+LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT key FROM generate_series(0, 100) AS more, concat('task-', task, repeat('x', more)) AS key
+    WHERE NOT EXISTS (SELECT FROM kodu_cron_key WHERE task_key = key AND cron_id <> task)
+    ORDER BY more LIMIT 1
+$$;
+
 -- What the tasks do ------------------------------------------------------------------------------
 
 -- The daemon has no notion of a pause: it loads every task and runs each when it is due. A paused task
--- is due in 2036, so it is still paused after a restart of the daemon. Its previous due time is stored
--- in kodu_cron_pause. From 2036 on, cron_next_exec can be moved twice by a year without exceeding its
+-- is due in 2036, so it is still paused after a restart of the daemon; where the pause has an end, at its
+-- first regular time after that. Its previous due time is stored in kodu_cron_pause. From 2036 on, cron_next_exec can be moved twice by a year without exceeding its
 -- limit.
-CREATE OR REPLACE FUNCTION kodu_pause_time() RETURNS timestamp LANGUAGE sql IMMUTABLE
+CREATE OR REPLACE FUNCTION kodu_pause_time() RETURNS timestamp
+LANGUAGE sql IMMUTABLE PARALLEL SAFE
     RETURN timestamp '2036-01-01 00:00:00';
 
 -- A run, or the wait for its retry, is in progress: its due time stays in the row until it ends.
@@ -338,14 +362,14 @@ CREATE OR REPLACE FUNCTION kodu_pause_time() RETURNS timestamp LANGUAGE sql IMMU
 -- the task is to be deleted.
 CREATE OR REPLACE FUNCTION kodu_is_running(status text, due timestamp, wanted timestamp,
                                            moment timestamp)
-RETURNS boolean LANGUAGE sql IMMUTABLE
+RETURNS boolean LANGUAGE sql IMMUTABLE PARALLEL SAFE
     RETURN COALESCE(status = 'PROCESS' AND (due < moment OR wanted = due OR wanted = 'infinity'),
                     FALSE);
 
 -- A task is paused from the call on, although its time is moved only at the end of a run in progress.
 CREATE OR REPLACE FUNCTION kodu_is_paused(status text, due timestamp, wanted timestamp,
                                           moment timestamp)
-RETURNS boolean LANGUAGE sql IMMUTABLE
+RETURNS boolean LANGUAGE sql IMMUTABLE PARALLEL SAFE
     RETURN COALESCE(due >= kodu_pause_time()
                     OR kodu_is_running(status, due, wanted, moment)
                        AND wanted >= kodu_pause_time() AND wanted < 'infinity', FALSE);
@@ -368,7 +392,9 @@ WHERE usename = COALESCE(NULLIF(current_setting('kodu.daemon_role', TRUE), ''), 
 
 -- The one definition of each task's state, for all tools. One row a task; times are UTC. Rows whose
 -- plugin_type is not `cron` are among them, which the daemon does not run. A column that is not
--- selected costs nothing: what looks into the history is a subquery in the list of columns.
+-- selected costs nothing: what looks into the history is a subquery in the list of columns, and the
+-- outer joins, each to one row at most, are left out when none of their columns is read. Its functions
+-- allow several processes to share one count of a million tasks.
 --
 -- retry_due: the tables do not tell whether the retry has begun, only when it does at the earliest.
 -- failing_since: the first failure of those between which no run can have succeeded, as far as the
@@ -386,6 +412,7 @@ SELECT task.cron_id AS id,
        CASE WHEN paused THEN paused_at END AS paused_at,
        CASE WHEN paused THEN paused_by END AS paused_by,
        CASE WHEN paused THEN reason END AS pause_reason,
+       CASE WHEN paused THEN resumes_at END AS paused_until,
        running,
        attempts,
        retry_due,
@@ -419,18 +446,31 @@ SELECT task.cron_id AS id,
            ORDER BY cron_date DESC
            LIMIT 1)
        END AS failing_since,
-       (SELECT connected FROM kodu_daemon_state) AS daemon_connected
+       (SELECT connected FROM kodu_daemon_state) AS daemon_connected,
+       CASE WHEN plugin_path NOT LIKE '%/koduguard' THEN plugin_path
+            WHEN guarded LIKE '"%' THEN split_part(guarded, '"', 2)
+            WHEN guarded LIKE '''%' THEN split_part(guarded, '''', 2)
+            ELSE split_part(guarded, ' ', 1) END AS program,
+       cron_parameter AS parameters,
+       cron_log_file AS file_name,
+       cron_interval AS every,
+       cron_retries AS retry_limit,
+       cron_retries_interval AS retry_delay,
+       cron_next_exec AS scheduled,
+       CASE WHEN paused THEN next_exec END AS due_at_pause
 FROM kodu_cron_plugin AS task
-JOIN kodu_plugins ON plugin_id = cron_plugin_id
+LEFT JOIN kodu_plugins ON plugin_id = cron_plugin_id  -- never without one
 LEFT JOIN kodu_cron_pause AS pause ON pause.cron_id = task.cron_id
 CROSS JOIN LATERAL (
     SELECT now() AT TIME ZONE 'UTC' AS utc,
            COALESCE(cron_retries, 1) AS retries,
-           COALESCE(cron_retries_interval, interval '120 seconds') AS retry_after
+           COALESCE(cron_retries_interval, interval '120 seconds') AS retry_after,
+           ltrim(split_part(cron_parameter, '-- ', 2)) AS guarded
 ) AS present
 CROSS JOIN LATERAL (
     SELECT kodu_is_running(cron_status, cron_next_exec, cron_wanted, utc) AS running,
-           kodu_is_paused(cron_status, cron_next_exec, cron_wanted, utc) AS paused,
+           COALESCE(resumes_at > utc, FALSE)
+               OR kodu_is_paused(cron_status, cron_next_exec, cron_wanted, utc) AS paused,
            greatest(0, floor(EXTRACT(EPOCH FROM utc - cron_next_exec)))::bigint AS due_seconds
 ) AS moment
 CROSS JOIN LATERAL (
@@ -479,6 +519,11 @@ COMMENT ON COLUMN kodu_cron_plugin.cron_changed IS
     'TRUE: the daemon is told of a change of the definition at the end of the run in progress';
 COMMENT ON TABLE kodu_cron_pause IS 'One row a paused task; times are UTC';
 COMMENT ON COLUMN kodu_cron_pause.next_exec IS 'Next due time at the moment of the pause';
+COMMENT ON COLUMN kodu_cron_pause.resumes_at IS
+    'When it ends by itself; NULL: never; past: it has ended';
+COMMENT ON COLUMN kodu_task_state.paused_until IS 'When the pause ends by itself; NULL: never';
+COMMENT ON TABLE kodu_cron_key IS 'One row a task with a key, which it keeps when its name changes';
+COMMENT ON COLUMN kodu_cron_key.task_set IS 'The set of declared tasks that it belongs to; NULL: none';
 COMMENT ON VIEW kodu_daemon_state IS 'One row: whether the daemon is connected to this database';
 COMMENT ON VIEW kodu_task_state IS 'One row a task: its state as all tools know it; times are UTC';
 COMMENT ON COLUMN kodu_task_state.running IS 'A run, or the wait for its retry, is in progress';
@@ -487,13 +532,20 @@ COMMENT ON COLUMN kodu_task_state.retry_due IS 'When its next retry is due, or w
 COMMENT ON COLUMN kodu_task_state.awaiting_retry IS 'It waits for that time, and occupies no worker';
 COMMENT ON COLUMN kodu_task_state.busy IS 'running, and not awaiting_retry: it may occupy a worker';
 COMMENT ON COLUMN kodu_task_state.due IS
-    'When the run in progress was due, else when the next is; NULL while paused';
+    'When the run in progress was due, else when the next is; NULL during a pause without an end';
 COMMENT ON COLUMN kodu_task_state.due_seconds IS 'Seconds since then; 0 before';
 COMMENT ON COLUMN kodu_task_state.late_seconds IS 'The same, of a run that has not begun';
 COMMENT ON COLUMN kodu_task_state.late IS 'late_seconds is more than the timer may take';
 COMMENT ON COLUMN kodu_task_state.due_after_run IS
     'The time that was set for the run after the one in progress; NULL: one interval after it';
+COMMENT ON COLUMN kodu_task_state.due_at_pause IS
+    'When the next run of a paused task was due as it was paused; NULL where that is not known';
 COMMENT ON COLUMN kodu_task_state.last_due IS 'When the last run that has ended was due';
+COMMENT ON COLUMN kodu_task_state.program IS
+    'The path of what does the work: the plugin, or the program that koduguard runs for it';
+COMMENT ON COLUMN kodu_task_state.retry_limit IS 'NULL: one';
+COMMENT ON COLUMN kodu_task_state.retry_delay IS 'NULL: 120 seconds';
+COMMENT ON COLUMN kodu_task_state.scheduled IS 'The time in the row: that of due, also while paused';
 COMMENT ON TABLE kodu_plugins IS 'Executables; those of plugin_type cron can be tasks';
 COMMENT ON TABLE kodu_cron_repair IS 'One row a run found unfinished at a start; times are UTC';
 COMMENT ON TABLE kodu_cron_error IS 'One row a failed run; times are UTC';
@@ -520,6 +572,7 @@ GRANT SELECT, INSERT, DELETE ON kodu_cron_error TO kodu;
 GRANT SELECT, INSERT ON kodu_cron_repair TO kodu;
 GRANT SELECT ON kodu_daemon_state, kodu_task_state TO kodu;  -- of the tools, which connect as it too
 GRANT SELECT ON kodu_schema_version TO kodu;
+GRANT SELECT ON kodu_cron_key TO kodu;
 GRANT USAGE ON SEQUENCE kodu_cron_error_cron_error_id_seq TO kodu;
 
 DO $$

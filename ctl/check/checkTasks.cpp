@@ -1,149 +1,36 @@
-#include <fmt/format.h>
-
-#include <algorithm>
-#include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "ctl/check/checks.h"
-#include "ctl/check/findings.h"
+#include "ctl/check/taskCheck.h"
 #include "ctl/daemon/daemonProcess.h"
-#include "ctl/files/fileCheck.h"
-#include "ctl/task/guarded.h"
+#include "ctl/session/session.h"
+#include "ctl/task/selection.h"
 #include "ctl/task/task.h"
 
 namespace {
 
-constexpr long kShortestRetryDelay = 2;  // seconds
-
-/// The checks of one run of koductl check. Caches the results for plugins, because many tasks share
-/// one.
-class TaskCheck {
- public:
-  TaskCheck(const DaemonIdentity& identity, Findings& list) : daemon(identity), findings(list) {}
-
-  void look(const Task& task) {
-    if (task.type != "cron") {
-      findings.addWarning(
-          fmt::format("plugin_type is '{}': the daemon runs only plugins of type 'cron'",
-                      task.type),
-          task.id);
-      return;
-    }
-    lookAtRow(task);
-    lookAtPlugin(task);
-    lookAtOutput(task);
-    if (task.isLate) {
-      findings.addWarning("is overdue", task.id);
-    }
-  }
-
- private:
-  /// Finds rows that the loader skips, or that exceed the database's limits in an older schema.
-  void lookAtRow(const Task& task) {
-    if (task.id < 0) {
-      findings.addError("refused by the daemon: the id is negative", task.id);
-    }
-    if (!task.every || *task.every < 1) {
-      findings.addError("refused by the daemon: cron_interval is missing or shorter than a second",
-                        task.id);
-    }
-    if (!task.next && !task.isPaused()) {
-      findings.addError("refused by the daemon: cron_next_exec is missing", task.id);
-    }
-    lookAtLimits(task);
-    const auto quotes = std::count_if(task.parameter.begin(), task.parameter.end(),
-                                      [](char c) { return c == '"' || c == '\''; });
-    if (quotes % 2 != 0) {
-      findings.addWarning("a quote in the parameters is not closed: it extends to their end",
-                          task.id);
-    }
-  }
-
-  /// Finds older rows that the tables would now refuse.
-  void lookAtLimits(const Task& task) {
-    if (task.isIntervalUneven) {
-      findings.addError(
-          "the interval contains months, years or a negative part, which can end the daemon: "
-          "specify it in days",
-          task.id);
-    }
-    if (task.maxRetries() > 0 && task.retryDelay() < kShortestRetryDelay) {
-      findings.addError(
-          fmt::format("a retry can fail within a second of the failure, which ends the daemon: "
-                      "set its delay to {} s or more",
-                      kShortestRetryDelay),
-          task.id);
-    }
-    if (task.isNextBeyondLimit) {
-      findings.addError("the next run is due after 2036: a run that ends earlier ends the daemon",
-                        task.id);
-    }
-  }
-
-  void lookAtPlugin(const Task& task) {
-    if (const auto reason = reasonFor(task.path)) {
-      findings.addError(fmt::format("plugin {} cannot be run: {}", task.path, *reason), task.id);
-      return;
-    }
-    if (!isGuarded(task)) {
-      findings.addWarning("no time limit: a run that hangs occupies its worker (see koduguard)",
-                          task.id);
-      return;
-    }
-    const std::string inner = guardedPlugin(task);
-    if (const auto reason = reasonFor(inner)) {
-      findings.addError(fmt::format("plugin {} cannot be run: {}", inner, *reason), task.id);
-    }
-  }
-
-  std::optional<std::string> reasonFor(const std::string& path) {
-    const auto known = plugins.find(path);
-    if (known != plugins.end()) {
-      return known->second;
-    }
-    return plugins[path] = whyNotExecutable(path, daemon.directory);
-  }
-
-  void lookAtOutput(const Task& task) {
-    if (task.fileName.empty()) {
-      findings.addError("cron_log_file is empty: the output has no file, which ends the daemon",
-                        task.id);
-      return;
-    }
-    if (task.fileName.find("$DATE") == std::string::npos) {
-      findings.addError("the file name lacks $DATE: the second failed run ends the daemon",
-                        task.id);
-    }
-    if (task.fileName.find('/') != std::string::npos) {
-      findings.addError(
-          "the file name contains a /, but the archive has no such folder: a failed run or the "
-          "purge ends the daemon",
-          task.id);
-    }
-    const std::string path = task.outputPath();
-    if (const auto reason = whyNotWritable(path)) {
-      findings.addError("output file cannot be written: " + *reason, task.id);
-    }
-    const auto [other, isNew] = outputs.emplace(path, task.id);
-    if (!isNew) {
-      findings.addWarning(
-          fmt::format("writes the same output file as task {}: {}", other->second, path), task.id);
-    }
-  }
-
-  const DaemonIdentity& daemon;
-  Findings& findings;
-  std::map<std::string, std::optional<std::string>> plugins;  // path, why it cannot be run
-  std::map<std::string, int> outputs;                         // path, first task that writes it
-};
+/// A unique index sees to it that every other file belongs to one task. Without it, any may not.
+SharedFiles readSharedFiles(Session& session) {
+  SharedFiles files;
+  session.forEachRow(
+      "SELECT cron_id, cron_log_file FROM kodu_cron_plugin WHERE cron_shares_output OR "
+      "to_regclass('cron_log_file_of_one_task') IS NULL",
+      {}, [&](Fields& fields) {
+        Task task;
+        task.outputDirectory = session.config.outputDirectory;
+        task.id = static_cast<int>(fields.number());
+        task.fileName = fields.text();
+        files.emplace(task.outputPath(), std::nullopt);
+      });
+  return files;
+}
 
 }  // namespace
 
-void checkTasks(const std::vector<Task>& tasks, const DaemonIdentity& daemon, Findings& findings) {
+void checkTasks(Session& session, const DaemonIdentity& daemon, Findings& findings) {
+  TaskCheck check(daemon, readSharedFiles(session), findings);
   const AsDaemon rights(daemon);
-  TaskCheck check(daemon, findings);
-  for (const Task& task : tasks) {
-    check.look(task);
-  }
+  forEachDefinition(session, [&](const Task& task) { check.look(task); });
 }

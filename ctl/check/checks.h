@@ -1,12 +1,9 @@
 #pragma once
 
-#include <vector>
-
 class Findings;
 class Session;
 struct DaemonConfig;
 struct DaemonIdentity;
-struct Task;
 
 // The parts of koductl check. Each adds its findings and continues.
 
@@ -16,5 +13,5 @@ void checkConfig(const DaemonConfig& config, const DaemonIdentity& daemon, Findi
 /// The role's rights, the session's time zone, whether one daemon is connected.
 void checkDatabase(Session& session, const DaemonIdentity& daemon, Findings& findings);
 
-/// Every task's row, plugin and output file.
-void checkTasks(const std::vector<Task>& tasks, const DaemonIdentity& daemon, Findings& findings);
+/// Every task's row, plugin and output file. Memory does not depend on the number of tasks.
+void checkTasks(Session& session, const DaemonIdentity& daemon, Findings& findings);

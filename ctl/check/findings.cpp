@@ -12,23 +12,37 @@ namespace {
 
 constexpr std::size_t kNamedTasks = 10;
 
-/// "task 4: " or "tasks 4, 7 and 3 more: ".
-std::string prefixOf(const std::vector<int>& tasks) {
-  if (tasks.empty()) {
-    return "";
-  }
-  const std::size_t named = std::min(tasks.size(), kNamedTasks);
-  const std::vector<int> first(tasks.begin(), tasks.begin() + static_cast<long>(named));
-  const std::string more =
-      named < tasks.size() ? fmt::format(" and {} more", tasks.size() - named) : "";
-  return fmt::format("task{} {}{}: ", tasks.size() == 1 ? "" : "s", fmt::join(first, ", "), more);
-}
+constexpr std::size_t kKept = 1000;  // findings, and tasks of each
 
 }  // namespace
 
-Findings::Finding& Findings::findingFor(Severity severity, const std::string& text) {
-  const auto [known, isNew] = places.emplace(text, all.size());
-  return isNew ? all.emplace_back(Finding{severity, text, {}}) : all[known->second];
+/// "task 4: " or "tasks 4, 7 and 3 more: ".
+std::string Findings::prefixOf(const Finding& finding) {
+  if (finding.tasks.empty()) {
+    return "";
+  }
+  const std::size_t named = std::min(finding.tasks.size(), kNamedTasks);
+  const std::vector<int> first(finding.tasks.begin(),
+                               finding.tasks.begin() + static_cast<long>(named));
+  const std::string more =
+      named < finding.taskCount
+          ? fmt::format(" and {} more", grouped(static_cast<long>(finding.taskCount - named)))
+          : "";
+  return fmt::format("task{} {}{}: ", finding.taskCount == 1 ? "" : "s", fmt::join(first, ", "),
+                     more);
+}
+
+Findings::Finding* Findings::findingFor(Severity severity, const std::string& text) {
+  const auto known = places.find(text);
+  if (known != places.end()) {
+    return &all[known->second];
+  }
+  if (all.size() >= kKept) {
+    ++(severity == Severity::kError ? furtherErrors : furtherWarnings);
+    return nullptr;
+  }
+  places.emplace(text, all.size());
+  return &all.emplace_back(Finding{severity, text, {}});
 }
 
 void Findings::add(Severity severity, const std::string& text) {
@@ -36,12 +50,18 @@ void Findings::add(Severity severity, const std::string& text) {
 }
 
 void Findings::add(Severity severity, const std::string& text, int task) {
-  findingFor(severity, text).tasks.push_back(task);
+  if (Finding* finding = findingFor(severity, text)) {
+    ++finding->taskCount;
+    if (finding->tasks.size() < kKept) {
+      finding->tasks.push_back(task);
+    }
+  }
 }
 
 long Findings::countOf(Severity severity) const {
   return std::count_if(all.begin(), all.end(),
-                       [&](const Finding& finding) { return finding.severity == severity; });
+                       [&](const Finding& finding) { return finding.severity == severity; }) +
+         (severity == Severity::kError ? furtherErrors : furtherWarnings);
 }
 
 int Findings::exitCode() const {
@@ -58,9 +78,12 @@ void Findings::print() const {
         coloured(isError ? "ERROR  " : "WARNING", isError ? Colour::kRed : Colour::kYellow);
     for (const Finding& finding : all) {
       if (finding.severity == severity) {
-        ::print("{}  {}{}\n", word, prefixOf(finding.tasks), oneLine(finding.text));
+        ::print("{}  {}{}\n", word, prefixOf(finding), oneLine(finding.text));
       }
     }
+  }
+  if (const long further = furtherErrors + furtherWarnings; further > 0) {
+    ::print("… and {} more about single tasks\n", grouped(further));
   }
   if (all.empty()) {
     ::print("{}       nothing found\n", coloured("OK", Colour::kGreen));
@@ -80,6 +103,7 @@ Json::Value Findings::toJson() const {
     for (const int task : finding.tasks) {
       entry["tasks"].append(task);
     }
+    entry["task_count"] = Json::UInt64{finding.taskCount};
     list.append(entry);
   }
   return list;

@@ -7,7 +7,8 @@
 
 #include <json/json.h>
 
-/// The findings of a check, in the order in which they were added. Owned by one thread.
+/// The findings of a check, in the order in which they were added: the first thousand, and the
+/// first thousand tasks of each; further ones are counted. Owned by one thread.
 class Findings {
  public:
   enum class Severity { kWarning, kError };
@@ -29,14 +30,18 @@ class Findings {
   struct Finding {
     Severity severity;
     std::string text;
-    std::vector<int> tasks;
+    std::vector<int> tasks;  // the first of them
+    std::size_t taskCount = 0;
   };
 
   void add(Severity severity, const std::string& text);
   void add(Severity severity, const std::string& text, int task);
-  Finding& findingFor(Severity severity, const std::string& text);
+  static std::string prefixOf(const Finding& finding);
+  /// Null for one too many, which is counted.
+  Finding* findingFor(Severity severity, const std::string& text);
   long countOf(Severity severity) const;
 
   std::vector<Finding> all;
+  long furtherErrors = 0, furtherWarnings = 0;  // about tasks, beyond the first thousand findings
   std::unordered_map<std::string, std::size_t> places;  // of each text in `all`
 };

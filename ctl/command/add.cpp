@@ -1,21 +1,45 @@
 // koductl add: a task, by a function of the database, which tells the daemon.
 
+#include <optional>
+
 #include "ctl/command/commands.h"
 #include "ctl/command/definition.h"
 #include "ctl/command/report.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session/call.h"
+#include "ctl/session/moment.h"
 #include "ctl/session/session.h"
 
+namespace {
+
+/// With --if-missing the id of the task that has the key; nothing when there is none.
+std::optional<int> presentTask(Session& session, const Options& options) {
+  if (!options.ifMissing) {
+    return std::nullopt;
+  }
+  const Rows rows = Call("kodu_task_with_key").with("key", "text", options.key).run(session);
+  const auto id = rows.optionalNumber(0, "result");
+  return id ? std::optional(static_cast<int>(*id)) : std::nullopt;
+}
+
+}  // namespace
+
 int runAdd(const Options& options) {
+  Session session(options);
+  if (const auto present = presentTask(session, options)) {
+    reportChange(session, options, *present, "has this key already; nothing was changed");
+    return kDone;
+  }
   Call call("kodu_task_add");
   call.with("plugin", "text", options.plugin)
-      .with("first_run", "timestamptz", options.next)
+      .with("first_run", "timestamptz", momentOf(session, options.next))
       .with("timeout", "interval", options.timeout)
       .with("parameters", "text", parametersOf(options));
+  if (options.ifMissing) {
+    call.with("if_missing", "boolean", "true");  // another session may be adding it
+  }
   giveDefinition(call, options);
-  Session session(options);
   const Rows added = call.run(session);
   const auto id = static_cast<int>(added.number(0, "result"));
   reportChange(session, options, id, "added");

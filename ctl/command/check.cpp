@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,24 +13,26 @@
 #include "ctl/options.h"
 #include "ctl/session/config.h"
 #include "ctl/session/session.h"
+#include "ctl/task/selection.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
-constexpr std::size_t kShownTasks = 10;
-
 /// The tasks that the daemon will begin next, the earliest first.
-std::vector<Task> dueNext(std::vector<Task> tasks) {
-  std::erase_if(tasks, [](const Task& task) {
-    return task.type != "cron" || task.isRunning || task.isPaused() || task.isFlagged || !task.next;
-  });
-  std::sort(tasks.begin(), tasks.end(),
-            [](const Task& a, const Task& b) { return *a.next < *b.next; });
-  tasks.resize(std::min(tasks.size(), kShownTasks));
-  return tasks;
+std::vector<Task> dueNext(Session& session) {
+  const Rows next = session.query(
+      "SELECT id FROM kodu_task_state WHERE plugin_type = 'cron' AND NOT running AND NOT paused "
+      "AND NOT deleting AND due IS NOT NULL ORDER BY due, id LIMIT 10");
+  Selection selection;
+  selection.sort = "next";
+  for (int row = 0; row < next.count(); ++row) {
+    selection.ids.push_back(static_cast<int>(next.number(row, "id")));
+  }
+  return selection.ids.empty() ? std::vector<Task>() : readTasks(session, selection);
 }
 
 void printForPeople(const Findings& findings, const std::vector<Task>& next) {
@@ -40,8 +40,10 @@ void printForPeople(const Findings& findings, const std::vector<Task>& next) {
   if (next.empty()) {
     return;
   }
-  Table table(
-      {{"DUE NEXT (UTC)"}, {"IN", Table::Align::kRight}, {"ID", Table::Align::kRight}, {"NAME"}});
+  Table table({{fmt::format("DUE NEXT ({})", zoneName())},
+               {"IN", Table::Align::kRight},
+               {"ID", Table::Align::kRight},
+               {"NAME"}});
   for (const Task& task : next) {
     const long wait = *task.next - task.now;
     table.add({timeText(*task.next), wait < 0 ? "now" : durationText(wait), std::to_string(task.id),
@@ -63,6 +65,7 @@ void printAsJson(const Findings& findings, const std::vector<Task>& next) {
 }
 
 /// Checks everything that can be reached; an unreachable file or database is itself a finding.
+/// Returns the tasks that are due next.
 std::vector<Task> lookAtAll(const Options& options, Findings& findings) {
   try {
     const DaemonConfig config = readConfig(options.configFile, options.user);
@@ -80,9 +83,8 @@ std::vector<Task> lookAtAll(const Options& options, Findings& findings) {
     if (options.isQuick) {
       return {};
     }
-    std::vector<Task> tasks = readTasks(session);
-    checkTasks(tasks, daemon, findings);
-    return tasks;
+    checkTasks(session, daemon, findings);
+    return dueNext(session);
   } catch (const Failure& e) {
     findings.addError(e.what());
     return {};
@@ -93,7 +95,7 @@ std::vector<Task> lookAtAll(const Options& options, Findings& findings) {
 
 int runCheck(const Options& options) {
   Findings findings;
-  const std::vector<Task> next = dueNext(lookAtAll(options, findings));
+  const std::vector<Task> next = lookAtAll(options, findings);
   if (options.asJson) {
     printAsJson(findings, next);
   } else {

@@ -38,7 +38,8 @@ void giveDefinition(Call& call, const Options& options) {
       .with("retries", options.retries)
       .with("retry_after", "interval", options.retryAfter)
       .with("file_name", "text", options.fileName)
-      .with("name", "text", options.name);
+      .with("name", "text", options.name)
+      .with("key", "text", options.key);
 }
 
 std::optional<std::string> parametersOf(const Options& options) {

@@ -1,5 +1,7 @@
 // koductl explain: describes the state of one task in sentences.
 
+#include "ctl/command/explain.h"
+
 #include <string>
 #include <vector>
 
@@ -16,23 +18,29 @@
 #include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
 
-int runExplain(const Options& options) {
-  Session session(options);
-  session.makeReadOnly();
-  const Task task = readTask(session, options.id);
+std::vector<std::string> explainTask(Session& session, const Task& task) {
   TaskContext context;
   context.daemon = findDaemon(session.config);
   context.isConnected = isDaemonConnected(session);
   context.workers = stringToInt(session.config.threadNumber);
   context.workload = countRunning(session);
-  // Writers of rows and outputs choose which file is read: with root's rights, it could be any
-  // file.
-  const AsDaemon rights(context.daemon);
-  if (const auto runs = readFailedRuns(session, task, 1); !runs.empty()) {
-    context.failureText = firstLineOf(runs.front().path);
-    context.isFailureSilent = runs.front().size == 0U;
+  {
+    // Writers of rows and outputs choose which file is read: with root's rights, it could be any
+    // file.
+    const AsDaemon rights(context.daemon);
+    if (const auto runs = readFailedRuns(session, task, 1); !runs.empty()) {
+      context.failureText = firstLineOf(runs.front().path);
+      context.isFailureSilent = runs.front().size == 0U;
+    }
   }
-  const std::vector<std::string> sentences = explain(task, context);
+  return explain(task, context);
+}
+
+int runExplain(const Options& options) {
+  Session session(options);
+  session.makeReadOnly();
+  const Task task = readTask(session, options.id);
+  const std::vector<std::string> sentences = explainTask(session, task);
   if (options.asJson) {
     Json::Value json = toJson(task);
     json["explanation"] = Json::Value(Json::arrayValue);

@@ -8,18 +8,22 @@
 #include <string>
 #include <vector>
 
+#include "core/helpers.h"
 #include "ctl/command/commands.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session/call.h"
 #include "ctl/session/session.h"
+#include "ctl/terminal/chart.h"
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
 constexpr std::size_t kShownMinutes = 10;
+constexpr int kChartRows = 6;
 
 /// A minute in the future.
 struct Minute {
@@ -87,13 +91,13 @@ void printBusiestMinutes(std::vector<Minute> minutes) {
                    [](const Minute& a, const Minute& b) { return a.runs > b.runs; });
   minutes.resize(std::min(minutes.size(), kShownMinutes));
   constexpr auto kRight = Table::Align::kRight;
-  Table table({{"BUSIEST MINUTES (UTC)"},
+  Table table({{fmt::format("BUSIEST MINUTES ({})", zoneName())},
                {"RUNS", kRight},
                {"BUSIEST SECOND"},
                {"RUNS", kRight},
                {"WORKERS", kRight}});
   for (const Minute& minute : minutes) {
-    table.add({minute.time, std::to_string(minute.runs), minute.busiestSecond,
+    table.add({localText(minute.time), std::to_string(minute.runs), localText(minute.busiestSecond),
                std::to_string(minute.busiestRuns), std::to_string(minute.workers)});
   }
   table.print();
@@ -113,10 +117,41 @@ void printSummary(const std::vector<Minute>& minutes, const Options& options,
   }
   print("{} in {} h", counted(runs, "run"), options.hours);
   if (busiest.busiestRuns > 0) {
-    print("; the busiest second is {} with {}", busiest.busiestSecond, busiest.busiestRuns);
+    print("; the busiest second is {} with {}", localText(busiest.busiestSecond),
+          busiest.busiestRuns);
   }
   print(".\nRuns of {} s need {}; thread_number is {}.\n\n", options.runSeconds,
         counted(workers, "worker"), threadNumber);
+}
+
+/// The runs of each minute, and below them a mark where they need more workers than there are.
+void printChart(const std::vector<Minute>& minutes, const std::string& threadNumber) {
+  std::vector<long> runs;
+  std::vector<long> lacking;
+  const int workers = stringToInt(threadNumber);
+  for (const Minute& minute : minutes) {
+    runs.push_back(minute.runs);
+    lacking.push_back(minute.workers > workers ? 1 : 0);
+  }
+  const long top = *std::max_element(runs.begin(), runs.end());
+  const std::size_t columns = std::min(runs.size(), chartColumns(top));
+  print("RUNS A MINUTE\n");
+  for (const std::string& line : chartLines(compressed(runs, columns), kChartRows, top)) {
+    print("{}\n", line);
+  }
+  std::string marks;
+  for (const long isLacking : compressed(lacking, columns)) {
+    marks += isLacking != 0 ? '!' : ' ';
+  }
+  if (marks.find('!') != std::string::npos) {
+    print("{}\n", coloured(chartScale(marks, "", 0, top), Colour::kRed));
+  }
+  print("{}\n",
+        chartScale(localText(minutes.front().time), localText(minutes.back().time), columns, top));
+  if (marks.find('!') != std::string::npos) {
+    print("!: more workers are needed than there are\n");
+  }
+  print("\n");
 }
 
 }  // namespace
@@ -130,6 +165,9 @@ int runForecast(const Options& options) {
     return kDone;
   }
   printSummary(minutes, options, session.config.threadNumber);
+  if (isTerminal() && !minutes.empty()) {
+    printChart(minutes, session.config.threadNumber);
+  }
   printBusiestMinutes(minutes);
   return kDone;
 }

@@ -14,6 +14,7 @@
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ void printForPeople(const Task& task, const std::vector<FailedRun>& runs) {
     return;
   }
   Table table({{"#", Table::Align::kRight},
-               {"FAILED AT (UTC)"},
+               {"FAILED AT (" + zoneName() + ")"},
                {"BYTES", Table::Align::kRight},
                {"ARCHIVED AS"},
                {"FIRST LINE"}});

@@ -1,13 +1,9 @@
-// koductl output: what a task's last run printed, or a failed one of before.
+// koductl output, an earlier name of parts of logs: the last output alone, or that of a failed run.
 
 #include <fmt/format.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <charconv>
-#include <csignal>
-#include <cstdio>
 #include <optional>
 #include <string>
 
@@ -17,9 +13,9 @@
 #include "ctl/options.h"
 #include "ctl/session/session.h"
 #include "ctl/task/archive.h"
+#include "ctl/task/outputs.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
-#include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
 
 namespace {
@@ -54,62 +50,30 @@ std::string pathOf(Session& session, const Task& task, const std::string& archiv
   return task.archivePath() + archived;
 }
 
-void printText(const std::string& text) {
-  const bool isLineOpen = !text.empty() && text.back() != '\n';
-  printOutput(isTerminal() && isLineOpen ? text + "\n" : text);
-}
-
-/// Distinguishes the outputs of two runs: the daemon overwrites the file.
-struct Version {
-  timespec changed{};
-  off_t size = -1;
-
-  bool operator==(const Version& other) const {
-    return changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec &&
-           size == other.size;
-  }
-};
-
-Version versionOf(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) {
-    return {};
-  }
-  return {status.st_mtim, status.st_size};
-}
-
 void printAsJson(const Task& task, const std::string& path) {
   Json::Value json;
   json["id"] = task.id;
   json["path"] = path;
-  json["written_at"] = jsonTime(versionOf(path).changed.tv_sec);
+  struct stat status {};
+  json["written_at"] =
+      stat(path.c_str(), &status) == 0 ? jsonTime(status.st_mtim.tv_sec) : Json::Value();
   json["output"] = readOutput(path);
   printJson(json);
 }
 
-[[noreturn]] void follow(const Task& task, const std::string& path, bool asJson) {
-  std::signal(SIGINT, [](int) { _exit(0); });
-  std::signal(SIGTERM, [](int) { _exit(0); });
-  Version shown;
-  for (;;) {
-    const Version present = versionOf(path);
-    if (!(present == shown) && present.size >= 0) {
-      if (asJson) {
-        printAsJson(task, path);
-      } else {
-        print("==> {} UTC <==\n", timeText(present.changed.tv_sec));
-        printText(readOutput(path));
-      }
-      flushOutput();
-    }
-    shown = present;
-    usleep(200000);
-  }
+/// logs --follow does that.
+int followAsLogs(Options options) {
+  options.onlyTask = options.id;
+  options.outputs = 1;
+  return runLogs(options);
 }
 
 }  // namespace
 
 int runOutput(const Options& options) {
+  if (options.follow) {
+    return followAsLogs(options);
+  }
   std::string path;
   std::optional<Task> task;
   DaemonIdentity daemon;
@@ -123,17 +87,14 @@ int runOutput(const Options& options) {
   // Writers of rows and outputs choose which file is read: with root's rights, it could be any
   // file.
   const AsDaemon rights(daemon);
-  if (options.follow) {
-    follow(*task, path, options.asJson);
-  }
   if (!task->status && options.archived.empty()) {
-    throw Failure(kNotFound, fmt::format("task {} has not run yet; it is due at {} UTC", task->id,
-                                         timeText(task->next.value_or(0))));
+    throw Failure(kNotFound, fmt::format("task {} has not run yet; it is due at {}", task->id,
+                                         zonedTime(task->next.value_or(0))));
   }
   if (options.asJson) {
     printAsJson(*task, path);
   } else {
-    printText(readOutput(path));
+    printBytes(readOutput(path));
   }
   return 0;
 }

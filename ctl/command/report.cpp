@@ -2,9 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "ctl/failure.h"
 #include "ctl/options.h"
-#include "ctl/session/call.h"
 #include "ctl/session/session.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
@@ -14,7 +12,7 @@
 namespace {
 
 std::string nextText(const Task& task) {
-  if (task.isPaused() || !task.next) {
+  if (!task.next || (task.isPaused() && !task.pause->until)) {
     return "";
   }
   if (task.isRunning && !task.afterRun) {
@@ -22,7 +20,7 @@ std::string nextText(const Task& task) {
   }
   const long next = task.afterRun.value_or(*task.next);
   const long wait = next - task.now;
-  return fmt::format("; next due at {} UTC ({})", timeText(next),
+  return fmt::format("; next due at {} ({})", zonedTime(next),
                      wait < 0 ? durationText(-wait) + " ago" : "in " + durationText(wait));
 }
 
@@ -35,12 +33,4 @@ void reportChange(Session& session, const Options& options, int id, const std::s
   } else {
     print("task {} ({}) {}{}\n", id, oneLine(task.name), done, nextText(task));
   }
-}
-
-int callWithTask(const Options& options, const char* function, const std::string& done) {
-  Session session(options);
-  readTask(session, options.id);  // says it in koductl's own words when there is none
-  Call(function).with("task", options.id).run(session);
-  reportChange(session, options, options.id, done);
-  return kDone;
 }

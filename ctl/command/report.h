@@ -8,7 +8,3 @@ struct Options;
 /// Prints the state of a task after a change: "task 7 (load) added; next due at ...". `done` is the
 /// word for the change. Throws Failure when the task cannot be read.
 void reportChange(Session& session, const Options& options, int id, const std::string& done);
-
-/// A command that calls a function of the database with nothing but the task's id, and reports
-/// `done`. Returns the exit status; throws Failure.
-int callWithTask(const Options& options, const char* function, const std::string& done);

@@ -1,8 +1,16 @@
-// koductl run: has the daemon run a task in a few seconds.
+// koductl run: has the daemon run tasks in a few seconds, and can wait for the end of a run.
 
+#include "ctl/command/awaitRun.h"
+#include "ctl/command/change.h"
 #include "ctl/command/commands.h"
-#include "ctl/command/report.h"
+#include "ctl/options.h"
+#include "ctl/session/call.h"
+#include "ctl/session/session.h"
 
 int runNow(const Options& options) {
-  return callWithTask(options, "kodu_task_run_now", "will run");
+  if (options.isAwaited) {
+    return runAndWait(options);
+  }
+  Session session(options);
+  return changeTasks(session, options, {Call("kodu_task_run_now"), "run", "will run"});
 }

@@ -13,6 +13,7 @@
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
@@ -51,10 +52,11 @@ const char* wordOf(const SchemaState& state) {
 }
 
 void printForPeople(const SchemaState& state, const std::vector<Step>& steps) {
-  Table table({{"VERSION", Table::Align::kRight}, {"TITLE"}, {"APPLIED (UTC)"}, {"BY"}});
+  Table table(
+      {{"VERSION", Table::Align::kRight}, {"TITLE"}, {"APPLIED (" + zoneName() + ")"}, {"BY"}});
   for (const Step& step : steps) {
     table.add({std::to_string(step.version), step.title,
-               step.appliedAt.empty() ? "pending" : step.appliedAt, step.appliedBy});
+               step.appliedAt.empty() ? "pending" : localText(step.appliedAt), step.appliedBy});
   }
   table.print();
   print("\nThe database has version {}, this koductl knows version {}: {}.\n", state.version,
@@ -99,9 +101,29 @@ int showState(const Options& options, Session& session) {
   return state.isNewer() ? kNewer : state.isBehind() ? kBehind : kCurrent;
 }
 
+void printUpgradeAsJson(const Options& options, int before) {
+  Json::Value json;
+  json["dry_run"] = options.isDryRun;
+  json["version"] = knownSchemaVersion();
+  json["applied"] = Json::Value(Json::arrayValue);
+  for (const Migration& migration : migrations()) {
+    if (migration.version > before) {
+      Json::Value entry;
+      entry["version"] = migration.version;
+      entry["title"] = migration.title;
+      json["applied"].append(entry);
+    }
+  }
+  printJson(json);
+}
+
 int upgrade(const Options& options, Session& session) {
   const int before =
       upgradeSchema(session, {options.isDryRun, std::chrono::seconds(options.waitSeconds)});
+  if (options.asJson) {
+    printUpgradeAsJson(options, before);
+    return kDone;
+  }
   for (const Migration& migration : migrations()) {
     if (migration.version > before) {
       print("{} {}: {}\n", options.isDryRun ? "would apply" : "applied", migration.version,

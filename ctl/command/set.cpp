@@ -1,27 +1,25 @@
-// koductl set: changes the given settings of a task.
+// koductl set: changes the given settings of tasks.
 
+#include "ctl/command/change.h"
 #include "ctl/command/commands.h"
 #include "ctl/command/definition.h"
-#include "ctl/command/report.h"
-#include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session/call.h"
+#include "ctl/session/moment.h"
 #include "ctl/session/session.h"
-#include "ctl/task/task.h"
 
 int runSet(const Options& options) {
   Session session(options);
-  readTask(session, options.id);
   Call call("kodu_task_set");
-  call.with("task", options.id)
-      .with("plugin", "text", options.plugin)
-      .with("next_run", "timestamptz", options.next)
+  call.with("plugin", "text", options.plugin)
+      .with("next_run", "timestamptz", momentOf(session, options.next))
+      .with("timeout", "interval",
+            options.isUnlimited ? std::optional<std::string>("0") : options.timeout)
       .with("parameters", "text", parametersOf(options));
   giveDefinition(call, options);
-  call.run(session);
-  reportChange(session, options, options.id, "changed");
-  if (options.plugin) {
-    warnOfPlugin(session, options.id);
+  TaskChange change{call, "set", "changed"};
+  if (options.plugin || options.timeout) {  // all of them have the same
+    change.afterwards = [&](int id) { warnOfPlugin(session, id); };
   }
-  return kDone;
+  return changeTasks(session, options, change);
 }

@@ -17,13 +17,13 @@
 namespace {
 
 std::string timeOrNever(std::optional<long> time) {
-  return time ? timeText(*time) + " UTC" : "never";
+  return time ? zonedTime(*time) : "never";
 }
 
 std::string dueText(const Task& task) {
   const std::string late =
       task.isLate ? fmt::format(" ({} late)", durationText(task.lateSeconds)) : "";
-  const std::string after = task.afterRun ? ", and then " + timeText(*task.afterRun) + " UTC" : "";
+  const std::string after = task.afterRun ? ", and then " + zonedTime(*task.afterRun) : "";
   return timeOrNever(task.next) + late + after;
 }
 
@@ -62,7 +62,7 @@ void printForPeople(const Task& task) {
                               durationText(task.retryDelay()))},
       {"failures",
        fmt::format("{} in the last hour, {} in the last day", task.failuresHour, task.failuresDay)},
-      {"failing", task.failingSince ? "since " + timeText(*task.failingSince) + " UTC" : "no"},
+      {"failing", task.failingSince ? "since " + zonedTime(*task.failingSince) : "no"},
       {"output", task.outputPath()},
       {"archive", task.archivePath()},
   };

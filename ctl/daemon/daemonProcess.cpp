@@ -115,10 +115,8 @@ std::optional<pid_t> findService(const DaemonConfig& config) {
   return process;
 }
 
-std::optional<pid_t> findRunning(const DaemonConfig& config) {
-  if (const auto service = findService(config)) {
-    return service;
-  }
+/// The only process with the daemon's executable that writes its log.
+std::optional<pid_t> findWriter(const DaemonConfig& config) {
   const std::vector<pid_t> found = writersOfLog(config);
   if (found.size() > 1) {
     throw Failure(
@@ -236,8 +234,11 @@ void DaemonIdentity::requireKnown() const {
 }
 
 DaemonIdentity findDaemon(const DaemonConfig& config) {
-  const std::optional<pid_t> process = findRunning(config);
-  return process ? identityOf(*process) : identityOfOwner(config);
+  const std::optional<pid_t> service = findService(config);
+  const std::optional<pid_t> process = service ? service : findWriter(config);
+  DaemonIdentity identity = process ? identityOf(*process) : identityOfOwner(config);
+  identity.isService = service.has_value();
+  return identity;
 }
 
 AsDaemon::AsDaemon(const DaemonIdentity& identity) {

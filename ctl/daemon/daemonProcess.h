@@ -16,6 +16,7 @@ struct DaemonIdentity {
   std::vector<gid_t> groups;
   mode_t umask = 022;
   std::string directory = "/";  // its working directory; "/" when that cannot be read
+  bool isService = false;       // it is the process of the service manager's unit
   bool isKnown = true;          // false when it does not run and only the guess names root
 
   /// "kodu", or the number of a user without a name.

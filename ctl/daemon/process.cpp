@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
+#include <ctime>
 #include <fstream>
 #include <optional>
 #include <sstream>
@@ -113,6 +115,25 @@ std::string directoryOf(pid_t process) {
   const bool isOutside = root != "/" && directory.starts_with(root);
   return isOutside ? fs::path("/") / fs::path(directory.substr(root.size())).relative_path()
                    : fs::path(directory);
+}
+
+std::optional<long> startOf(pid_t process) {
+  std::ifstream file(entryOf(process) / "stat");
+  std::string line;
+  std::getline(file, line);
+  // The name of the program, in brackets, can hold anything: count the fields after it.
+  std::istringstream fields(line.substr(std::min(line.rfind(')') + 1, line.size())));
+  constexpr int kFieldsBefore = 19;  // the start is the 22nd of all
+  std::string skipped;
+  for (int i = 0; i < kFieldsBefore; ++i) {
+    fields >> skipped;
+  }
+  long ticks = 0;
+  timespec sinceBoot{};
+  if (!(fields >> ticks) || clock_gettime(CLOCK_BOOTTIME, &sinceBoot) != 0) {
+    return std::nullopt;
+  }
+  return std::time(nullptr) - (sinceBoot.tv_sec - ticks / sysconf(_SC_CLK_TCK));
 }
 
 std::string executableOf(pid_t process) {

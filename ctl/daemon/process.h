@@ -4,6 +4,7 @@
 
 #include <array>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,9 @@ ProcessStatus statusOf(pid_t process);
 std::vector<std::string> argumentsOf(pid_t process);
 /// Its working directory, as it sees that itself; "/" when it cannot be read.
 std::string directoryOf(pid_t process);
+
+/// When it was started, in seconds since the epoch; nothing when it has ended.
+std::optional<long> startOf(pid_t process);
 
 /// The path of its executable, followed by " (deleted)" when that file has been replaced or
 /// removed; "" when this user may not read it.

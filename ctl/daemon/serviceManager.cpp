@@ -1,78 +1,73 @@
 #include "ctl/daemon/serviceManager.h"
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <fmt/format.h>
 
-#include <array>
+#include <algorithm>
 #include <charconv>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <system_error>
+
+#include "ctl/daemon/childProcess.h"
 
 namespace {
 
 constexpr const char* kSystemctl = "/usr/bin/systemctl";
+constexpr const char* kJournalctl = "/usr/bin/journalctl";
 
-/// The descriptors of systemctl: its standard output is the pipe, the others are /dev/null.
-class Redirections {
- public:
-  explicit Redirections(int output) {
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  }
-  ~Redirections() { posix_spawn_file_actions_destroy(&actions); }
-  Redirections(const Redirections&) = delete;
-  Redirections& operator=(const Redirections&) = delete;
-
-  const posix_spawn_file_actions_t* get() const { return &actions; }
-
- private:
-  posix_spawn_file_actions_t actions{};
-};
-
-std::string readAll(int file) {
-  std::string text;
-  std::array<char, 64> part{};
-  for (ssize_t count = 0; (count = read(file, part.data(), part.size())) > 0;) {
-    text.append(part.data(), static_cast<std::size_t>(count));
-  }
-  return text;
-}
-
-/// What systemctl prints; "" when it fails.
-std::string askSystemctl() {
-  std::array<const char*, 6> arguments = {
-      kSystemctl, "show", "--property=MainPID", "--value", "koducron.service", nullptr};
-  // The caller's environment must not decide which service manager systemctl asks.
-  std::array<char*, 1> environment = {nullptr};
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-    return "";
-  }
-  pid_t child = 0;
-  const int error = posix_spawn(&child, kSystemctl, Redirections(ends[1]).get(), nullptr,
-                                const_cast<char* const*>(arguments.data()), environment.data());
-  close(ends[1]);
-  const std::string text = readAll(ends[0]);
-  close(ends[0]);
-  int status = 1;
-  const bool isDone = error == 0 && waitpid(child, &status, 0) == child && status == 0;
-  return isDone ? text : "";
-}
+/// The journal's name of the message that a unit is restarted automatically.
+constexpr const char* kRestartScheduled = "5eb03494b6584870a536b337290809b3";
 
 }  // namespace
 
-std::optional<pid_t> daemonOfServiceManager() {
+bool hasServiceManager() {
   std::error_code error;
-  if (!std::filesystem::is_directory("/run/systemd/system", error)) {
+  return std::filesystem::is_directory("/run/systemd/system", error);
+}
+
+std::optional<pid_t> daemonOfServiceManager() {
+  if (!hasServiceManager()) {
     return std::nullopt;
   }
-  const std::string text = askSystemctl();
+  const ChildResult shown =
+      runProgram({kSystemctl, "show", "--property=MainPID", "--value", kServiceUnit});
   pid_t process = 0;
-  std::from_chars(text.data(), text.data() + text.size(), process);
+  if (shown.isDone()) {
+    std::from_chars(shown.output.data(), shown.output.data() + shown.output.size(), process);
+  }
   return process > 0 ? std::optional(process) : std::nullopt;
+}
+
+std::string unitProperties(const std::vector<std::string>& names) {
+  if (!hasServiceManager()) {
+    return "";
+  }
+  const ChildResult shown = runProgram(
+      {kSystemctl, "show", fmt::format("--property={}", fmt::join(names, ",")), kServiceUnit});
+  return shown.isDone() ? shown.output : "";
+}
+
+std::optional<std::vector<long>> restartsSince(long time) {
+  if (!hasServiceManager()) {
+    return std::nullopt;
+  }
+  // One line a restart, which begins with the seconds since the epoch.
+  const ChildResult said =
+      runProgram({kJournalctl, "--quiet", "--no-pager", "--output=short-unix",
+                  fmt::format("--since=@{}", time), fmt::format("MESSAGE_ID={}", kRestartScheduled),
+                  fmt::format("UNIT={}", kServiceUnit)});
+  if (!said.isDone()) {
+    return std::nullopt;
+  }
+  std::vector<long> times;
+  std::istringstream lines(said.output);
+  for (std::string line; std::getline(lines, line);) {
+    long at = 0;
+    if (std::from_chars(line.data(), line.data() + line.size(), at).ec == std::errc()) {
+      times.push_back(at);
+    }
+  }
+  std::sort(times.begin(), times.end());
+  return times;
 }

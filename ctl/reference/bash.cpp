@@ -40,7 +40,8 @@ std::string wordsOf(const CommandDescription& command) {
 std::string argumentsOf(const CommandDescription& command) {
   std::string names;
   for (const OptionDescription& argument : command.arguments) {
-    appendWord(names, argument.isForPlugin ? "" : argument.value);
+    appendWord(names,
+               argument.isForPlugin ? "" : argument.value + (argument.isRepeatable ? "..." : ""));
   }
   return names;
 }

@@ -23,7 +23,7 @@ std::string escaped(const std::string& text) {
 
 /// How a value is completed.
 std::string actionFor(const std::string& value) {
-  if (value == "FILE" || value == "PLUGIN") {
+  if (value == "FILE" || value == "PATH" || value == "PLUGIN") {
     return "_files";
   }
   return value == "ID" ? "_koductl_ids" : "";
@@ -65,8 +65,10 @@ std::string argumentLines(const std::vector<OptionDescription>& arguments, const
   int number = 0;
   for (const OptionDescription& argument : arguments) {
     if (!argument.isForPlugin) {
+      const std::string place = argument.isRepeatable ? "*" : std::to_string(++number);
+      const bool isOptional = !argument.isRequired && !argument.isRepeatable;
       const std::string text =
-          fmt::format("{}{}{}", ++number, argument.isRequired ? "" : ":", valueText(argument));
+          fmt::format("{}{}{}", place, isOptional ? ":" : "", valueText(argument));
       lines += fmt::format("{}{}", indent, quoted(text));
     }
   }

@@ -13,8 +13,7 @@ constexpr const char* kMayCall = R"(
 SELECT bool_or(has_function_privilege(oid, 'EXECUTE')) AS allowed, current_user AS role
 FROM pg_proc WHERE proname = $1 AND pronamespace = 'public'::regnamespace)";
 
-/// Checked first, because the server's own message is in its language.
-void requireRight(Session& session, const std::string& function) {
+void requireRightTo(Session& session, const std::string& function) {
   const Rows answer = session.query(kMayCall, {function});
   if (answer.isNull(0, "allowed")) {
     throw Failure(kRefused, fmt::format("the database has no function {}: load sql/functions.sql "
@@ -45,7 +44,20 @@ Call& Call::with(const std::string& name, std::optional<int> value) {
   return value ? with(name, "integer", std::to_string(*value)) : *this;
 }
 
+// Checked first, because the server's own message is in its language.
+void Call::requireRight(Session& session) const {
+  requireRightTo(session, function);
+}
+
+void Call::runForEach(Session& session, const std::vector<int>& ids) const {
+  std::vector<std::string> all = values;
+  all.push_back(fmt::format("{{{}}}", fmt::join(ids, ",")));
+  session.query(fmt::format("SELECT count({}(task => id{}{})) FROM unnest(${}::int[]) AS id",
+                            function, arguments.empty() ? "" : ", ", arguments, all.size()),
+                all);
+}
+
 Rows Call::run(Session& session) const {
-  requireRight(session, function);
+  requireRight(session);
   return session.query(fmt::format("SELECT * FROM {}({}) AS result", function, arguments), values);
 }

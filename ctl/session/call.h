@@ -22,6 +22,13 @@ class Call {
   /// error.
   Rows run(Session& session) const;
 
+  /// Throws Failure (kNotPermitted, kRefused) when run() could not call it.
+  void requireRight(Session& session) const;
+
+  /// Runs it once for each id, in the order of the ids, as its argument "task". Throws as run(); in
+  /// a transaction that is to be rolled back then.
+  void runForEach(Session& session, const std::vector<int>& ids) const;
+
  private:
   std::string function;
   std::string arguments;

@@ -112,14 +112,14 @@ DaemonConfig readConfig(const std::string& mainFile, const std::string& user) {
   return config;
 }
 
-std::string connectionString(const DaemonConfig& config, const std::string& user) {
-  const std::string own = "application_name=kodu_ctl connect_timeout=10";
+std::string connectionString(const DaemonConfig& config, const std::string& user,
+                             const std::string& application) {
+  const std::string own = fmt::format("application_name={} connect_timeout=10", application);
   if (!config.isDatabaseFileRead) {
     return own + " user=" + quoted(user);
   }
   // Unquoted, as in the daemon: a value can contain further settings of libpq. koductl's own
-  // settings come first, so that the file's values win. The healthcheck does not count a kodu_
-  // session as the daemon.
+  // settings come first, so that the file's values win.
   const std::string place =
       fmt::format("{} host={} port={} dbname={}", own, config.host, config.port, config.database);
   if (!user.empty()) {

@@ -22,7 +22,9 @@ struct DaemonConfig {
 DaemonConfig readConfig(const std::string& mainFile, const std::string& user);
 
 /// The libpq connection string for the daemon's role; for `user` when that is not empty, and then
-/// without a password, which libpq takes from PGPASSWORD or ~/.pgpass.
-std::string connectionString(const DaemonConfig& config, const std::string& user);
+/// without a password, which libpq takes from PGPASSWORD or ~/.pgpass. `application` is the name of
+/// the session; one that begins with "kodu_" is not taken for the daemon's.
+std::string connectionString(const DaemonConfig& config, const std::string& user,
+                             const std::string& application = "kodu_ctl");
 /// The same of a connection string that the operator gave.
 std::string connectionString(const std::string& given);

@@ -18,6 +18,8 @@ const std::vector<Migration>& migrations();
 
 extern const char* const schemaSql;
 extern const char* const functionsSql;
+/// One statement: ends the runs that no daemon ends.
+extern const char* const repairSql;
 /// sql/migrations/before.sql and after.sql, run around the two above.
 extern const char* const beforeSql;
 extern const char* const afterSql;

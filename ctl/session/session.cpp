@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <chrono>
 #include <stdexcept>
 #include <string_view>
@@ -14,6 +15,7 @@
 #include "ctl/session/schemaVersion.h"
 #include "ctl/terminal/capturedErrors.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/text.h"
 
 namespace {
 
@@ -25,6 +27,10 @@ constexpr std::chrono::seconds kGrace{5};
 /// "NOTICE:  task 7 is paused already" on standard error, in koductl's own form.
 void printNotice(void*, const char* message) {
   printError("koductl: {}\n", serverMessage(message));
+}
+
+void countNotice(void* notices, const char* message) {
+  static_cast<Notices*>(notices)->add(message);
 }
 
 /// libpq begins the further lines of some of its messages with a tab.
@@ -49,12 +55,24 @@ Connection connect(const std::string& conninfo) {
 
 // Independent of role and environment: times are UTC, names are those of the schema, and nothing
 // waits forever. kodu_daemon_state gets the role of the INI file, whose sessions are the daemon's.
-// No JIT compilation: the view of all tasks only looks expensive to the planner.
+// No JIT compilation: the view of all tasks only looks expensive to the planner. Memory to join a
+// million tasks with their plugins without a file.
 constexpr const char* kSettings = R"(
 SELECT set_config('timezone', 'UTC', false), set_config('search_path', 'public', false),
        set_config('client_encoding', 'UTF8', false), set_config('lock_timeout', $1, false),
        set_config('statement_timeout', $2, false), set_config('kodu.daemon_role', $3, false),
-       set_config('jit', 'off', false))";
+       set_config('jit', 'off', false), set_config('work_mem', '64MB', false))";
+
+/// What the INI files or --connect say, with the options' own settings.
+std::string conninfoOf(const Options& options, const DaemonConfig& config) {
+  const std::string given = options.connection.empty()
+                                ? connectionString(config, options.user, options.applicationName)
+                                : connectionString(options.connection);
+  // The last one counts: the database file may bring the daemon's.
+  return options.connectTimeout
+             ? fmt::format("{} connect_timeout={}", given, *options.connectTimeout)
+             : given;
+}
 
 Connection connectAs(const Options& options, const DaemonConfig& config,
                      const std::string& conninfo) {
@@ -102,12 +120,33 @@ std::string lockedText(const LockWatch& watch, int seconds, const char* option) 
 
 }  // namespace
 
+void Notices::add(const char* message) {
+  constexpr long kPrinted = 3;
+  if (++count <= kPrinted) {
+    printNotice(nullptr, message);
+  } else {
+    ++hidden;
+  }
+}
+
+void Notices::end() {
+  if (hidden > 0) {
+    printError("koductl: … and {} more like these\n", grouped(hidden));
+  }
+  count = hidden = 0;
+}
+
 int Rows::indexOf(int row, const char* column) const {
   const int index = PQfnumber(result.get(), column);
   if (index < 0 || row >= count()) {
     refuseAnswer(column);
   }
   return index;
+}
+
+long Rows::affected() const {
+  const std::string number = PQcmdTuples(result.get());
+  return number.empty() ? 0 : std::stol(number);
 }
 
 bool Rows::isNull(int row, const char* column) const {
@@ -137,14 +176,49 @@ std::optional<long> Rows::optionalNumber(int row, const char* column) const {
   }
 }
 
+int Fields::take() {
+  if (next >= PQnfields(result.get())) {
+    refuseAnswer("row");
+  }
+  return next++;
+}
+
+std::string Fields::text() {
+  const int column = take();
+  return {PQgetvalue(result.get(), 0, column),
+          static_cast<std::size_t>(PQgetlength(result.get(), 0, column))};
+}
+
+std::optional<std::string> Fields::optionalText() {
+  if (next < PQnfields(result.get()) && PQgetisnull(result.get(), 0, next) == 1) {
+    ++next;
+    return std::nullopt;
+  }
+  return text();
+}
+
+std::optional<long> Fields::optionalNumber() {
+  const auto digits = optionalText();
+  if (!digits) {
+    return std::nullopt;
+  }
+  long number = 0;
+  const char* end = digits->data() + digits->size();
+  if (const auto parsed = std::from_chars(digits->data(), end, number);
+      parsed.ec != std::errc() || parsed.ptr != end) {
+    refuseAnswer("number");
+  }
+  return number;
+}
+
 Session::Session(const Options& options, SchemaRule rule)
     : config(options.connection.empty() ? readConfig(options.configFile, options.user)
                                         : DaemonConfig{}),
-      conninfo(options.connection.empty() ? connectionString(config, options.user)
-                                          : connectionString(options.connection)),
+      conninfo(conninfoOf(options, config)),
       lockTimeout(options.lockTimeout),
       statementTimeout(options.statementTimeout),
       connection(connectAs(options, config, conninfo)) {
+  PQsetNoticeProcessor(connection.get(), countNotice, &notices);
   query(kSettings,
         {fmt::format("{}s", lockTimeout), fmt::format("{}s", statementTimeout), trim(config.user)});
   if (rule == SchemaRule::kKnownVersion) {
@@ -160,22 +234,49 @@ void Session::makeReadOnly() {
   query("SET default_transaction_read_only = on");
 }
 
-Rows Session::query(const std::string& sql, const std::vector<std::string>& params) {
+void Session::send(const std::string& sql, const std::vector<std::string>& params) {
   std::vector<const char*> values;
   std::transform(params.begin(), params.end(), std::back_inserter(values),
                  [](const std::string& param) { return param.c_str(); });
   PQsendQueryParams(connection.get(), sql.c_str(), static_cast<int>(values.size()), nullptr,
                     values.data(), nullptr, nullptr, 0);
+}
+
+Rows Session::query(const std::string& sql, const std::vector<std::string>& params) {
+  send(sql, params);
   return Rows(awaitResult(statementTimeout).release());
 }
 
-/// The last result of what was sent; throws for a failed one. Gives up on a server that takes
-/// longer than `limit` seconds; 0 is no limit. Meanwhile a watch looks for a lock each second, or
-/// four times within a shorter limit.
-ResultPtr Session::awaitResult(int limit) {
+void Session::forEachRow(const std::string& sql, const std::vector<std::string>& params,
+                         const std::function<void(Fields&)>& use) {
+  send(sql, params);
+  PQsetSingleRowMode(connection.get());
+  LockWatch watch(conninfo + " connect_timeout=2", PQbackendPID(connection.get()));
+  bool isComplete = false;
+  do {
+    awaitReply(statementTimeout, watch);
+    const ResultPtr row(PQgetResult(connection.get()));
+    const ExecStatusType status = PQresultStatus(row.get());
+    if (status == PGRES_SINGLE_TUPLE) {
+      Fields fields(row);
+      use(fields);
+    } else if (status == PGRES_TUPLES_OK) {
+      isComplete = true;  // comes without a row after the last one
+    } else {
+      replyOf(connection.get());  // so that the session can go on
+      fail(row, watch);
+    }
+  } while (!isComplete);
+  replyOf(connection.get());
+  notices.end();
+}
+
+/// Waits until a result of what was sent has arrived. Gives up on a server that takes longer than
+/// `limit` seconds; 0 is no limit. Meanwhile a watch looks for a lock each second, or four times
+/// within a shorter limit.
+void Session::awaitReply(int limit, LockWatch& watch) {
   const std::chrono::milliseconds step(lockTimeout > 0 ? std::min(1000, lockTimeout * 250) : 1000);
   const auto end = Clock::now() + std::chrono::seconds(limit) + kGrace;
-  LockWatch watch(conninfo + " connect_timeout=2", PQbackendPID(connection.get()));
   while (!hasReplied(connection.get(), step)) {
     watch.look();
     if (limit > 0 && Clock::now() > end) {
@@ -186,9 +287,16 @@ ResultPtr Session::awaitResult(int limit) {
                       limit));
     }
   }
+}
+
+/// The last result of what was sent; throws for a failed one.
+ResultPtr Session::awaitResult(int limit) {
+  LockWatch watch(conninfo + " connect_timeout=2", PQbackendPID(connection.get()));
+  awaitReply(limit, watch);
   const bool isLost = PQstatus(connection.get()) != CONNECTION_OK;
   const std::string reason = PQerrorMessage(connection.get());  // later with "invalid socket"
   ResultPtr result = replyOf(connection.get());
+  notices.end();
   if (isLost && sqlState(result).empty()) {
     throw Failure(kNoDatabase, serverMessage(reason));
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,6 +18,8 @@ class Rows {
   explicit Rows(PGresult* owned) : result(owned) {}
 
   int count() const { return PQntuples(result.get()); }
+  /// The number of rows that the statement has inserted, changed or deleted.
+  long affected() const;
   bool isNull(int row, const char* column) const;
   /// "" for SQL NULL.
   std::string text(int row, const char* column) const;
@@ -30,6 +33,40 @@ class Rows {
   int indexOf(int row, const char* column) const;
 
   ResultPtr result;
+};
+
+/// Reads the fields of one row one after the other, in the order of the SELECT: a million rows are
+/// not to look up their columns' names. Throws Failure as Rows does.
+class Fields {
+ public:
+  /// `row` outlives this object.
+  explicit Fields(const ResultPtr& row) : result(row) {}
+
+  bool isTrue() { return text() == "t"; }
+  /// "" for SQL NULL.
+  std::string text();
+  std::optional<std::string> optionalText();
+  /// 0 for SQL NULL.
+  long number() { return optionalNumber().value_or(0); }
+  std::optional<long> optionalNumber();
+
+ private:
+  int take();
+
+  const ResultPtr& result;
+  int next = 0;
+};
+
+/// The messages that a statement causes beside its result, on standard error: a change of ten
+/// thousand tasks may cause as many, so only the first ones are printed and the others counted.
+class Notices {
+ public:
+  void add(const char* message);
+  /// Says how many were not printed. The next statement begins a new count.
+  void end();
+
+ private:
+  long count = 0, hidden = 0;
 };
 
 /// Which versions of the tables a session accepts.
@@ -57,17 +94,24 @@ class Session {
   /// is lost or a limit is reached, with the lock and its holder; kNotPermitted when a right is
   /// missing; otherwise kRefused with the server's message.
   Rows query(const std::string& sql, const std::vector<std::string>& params = {});
+  /// The same for a result of any size: calls `use` for each row as it arrives, and keeps none.
+  /// When `use` throws, the session can only be closed.
+  void forEachRow(const std::string& sql, const std::vector<std::string>& params,
+                  const std::function<void(Fields&)>& use);
   /// Runs statements, separated by semicolons, and discards the results. Sets no limit: the
   /// statements may set one.
   void execute(const std::string& sql);
 
  private:
+  void send(const std::string& sql, const std::vector<std::string>& params);
   ResultPtr awaitResult(int limit);
+  void awaitReply(int limit, LockWatch& watch);
   [[noreturn]] void fail(const ResultPtr& result, const LockWatch& watch) const;
 
   const std::string conninfo;
   const int lockTimeout, statementTimeout;  // seconds; 0 is no limit
   std::string advice;  // added to an error about a table, column or function that is missing
+  Notices notices;     // outlives the connection, which writes to it
   Connection connection;
 };
 

@@ -10,6 +10,7 @@
 #include "ctl/session/schemaSql.h"
 #include "ctl/session/schemaVersion.h"
 #include "ctl/session/session.h"
+#include "ctl/session/transaction.h"
 
 namespace {
 
@@ -49,40 +50,12 @@ WHERE granted AND pid <> pg_backend_pid() AND locktype = 'relation'
 constexpr const char* kHasFunctions =
     "SELECT to_regproc('public.kodu_notify_of_task') IS NOT NULL AS has_functions";
 
-/// A transaction that is rolled back unless it is committed.
-class Transaction {
- public:
-  explicit Transaction(Session& owner) : session(owner) {
-    // No limit of time: this one is about locks, and its statements may take as long as they do.
-    // But a koductl that was stopped, or whose host is gone, must not keep the tables from the
-    // daemon.
-    session.execute(
-        "BEGIN; SET LOCAL lock_timeout = '500ms'; SET LOCAL statement_timeout = 0;"
-        "SET LOCAL idle_in_transaction_session_timeout = '5s';"
-        "SET LOCAL client_min_messages = warning; SET LOCAL search_path = public");
-  }
-  ~Transaction() {
-    if (!isOver) {
-      try {
-        session.execute("ROLLBACK");
-      } catch (const Failure&) {
-        // The connection is lost, and the transaction with it.
-        isOver = true;
-      }
-    }
-  }
-  Transaction(const Transaction&) = delete;
-  Transaction& operator=(const Transaction&) = delete;
-
-  void commit() {
-    session.execute("COMMIT");
-    isOver = true;
-  }
-
- private:
-  Session& session;
-  bool isOver = false;
-};
+// No limit of time: this one is about locks, and its statements may take as long as they do. But a
+// koductl that was stopped, or whose host is gone, must not keep the tables from the daemon.
+constexpr const char* kTransactionSettings =
+    "SET LOCAL lock_timeout = '500ms'; SET LOCAL statement_timeout = 0;"
+    "SET LOCAL idle_in_transaction_session_timeout = '5s';"
+    "SET LOCAL client_min_messages = warning; SET LOCAL search_path = public";
 
 void takeTurn(Session& session) {
   if (!session.query(kTakeTurn).isTrue(0, "is_mine")) {
@@ -135,7 +108,7 @@ void redefine(Session& session) {
 
 /// The previous version; nothing when the tables are in use.
 std::optional<int> tryUpgrade(Session& session, bool isDryRun) {
-  Transaction transaction(session);
+  Transaction transaction(session, kTransactionSettings);
   takeTurn(session);
   const SchemaState state = readSchemaState(session);
   if (!state.tablesExist) {

@@ -17,7 +17,7 @@ std::string moment(long time, long now) {
   if (time != now) {
     distance = time > now ? "in " + durationText(time - now) : durationText(now - time) + " ago";
   }
-  return fmt::format("{} UTC ({})", timeText(time), distance);
+  return fmt::format("{} ({})", zonedTime(time), distance);
 }
 
 std::string everyText(const Task& task) {
@@ -119,8 +119,12 @@ std::string waitingFor(const Task& task, const TaskContext& context) {
                        task.type);
   }
   if (task.pause && !task.isRunning) {
-    return fmt::format("It {}. Run koductl resume {} to resume it.",
-                       pausedSince(*task.pause, task.now), task.id);
+    return fmt::format(
+        "It {}. {}Run koductl resume {} to resume it{}.", pausedSince(*task.pause, task.now),
+        task.pause->until && task.next
+            ? fmt::format("Then its next run is due at {}. ", moment(*task.next, task.now))
+            : "",
+        task.id, task.pause->until ? " earlier" : "");
   }
   if (!task.next || !task.every || *task.every < 1) {
     return "The daemon refuses the task: its interval or next time is missing.";

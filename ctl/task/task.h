@@ -7,12 +7,14 @@
 
 #include <json/json.h>
 
+class Fields;
 class Session;
 class serviceCron;
 
 /// Why a task does not run.
 struct Pause {
   std::optional<long> since;  // nothing where it was paused without the functions
+  std::optional<long> until;  // nothing where it does not end by itself
   std::string by, reason;     // "" where they are not known
 };
 
@@ -59,8 +61,16 @@ struct Task {
   static constexpr long kDefaultRetryAfter = 120;
 };
 
-/// All tasks, by id, including rows that the daemon does not run because of their plugin_type.
-std::vector<Task> readTasks(Session& session);
+/// Columns of the view kodu_task_state for the list of a SELECT: what takeDefinition() reads, and
+/// what takeTask() reads after it.
+extern const char* const kDefinitionColumns;
+extern const char* const kStateColumns;
+
+/// The task of a row of kDefinitionColumns: its definition, when it is due, and whether it is late
+/// or paused. Throws Failure (kNoDatabase) for another row.
+Task takeDefinition(Fields& fields, const std::string& outputDirectory);
+/// The whole task of a row of both.
+Task takeTask(Fields& fields, const std::string& outputDirectory);
 
 /// One task. Throws Failure (kNotFound) when there is none.
 Task readTask(Session& session, int id);
@@ -72,8 +82,11 @@ struct Workload {
 };
 Workload countRunning(Session& session);
 
-/// "paused since 2024-05-01 13:02:09 UTC (5m ago) by alice: new disks"; unknown parts are omitted.
+/// "paused since 2024-05-01 13:02:09 UTC (5m ago) by alice until 2024-05-01 15:00:00 UTC (in 1h
+/// 57m): new disks"; unknown parts are omitted.
 std::string pauseText(const Pause& pause, long now);
 
 /// Everything above as a JSON object.
 Json::Value toJson(const Task& task);
+/// The same as an element for JsonList.
+std::string toJsonText(const Task& task);

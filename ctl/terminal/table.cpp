@@ -17,18 +17,19 @@ std::string padded(const std::string& text, int width, Table::Align align) {
 /// One line under construction: counts the columns without the colours.
 class Line {
  public:
-  explicit Line(int limit) : maxWidth(limit) {}
+  Line(int limit, bool hasColours) : maxWidth(limit), withColours(hasColours) {}
 
   void add(const std::string& text, Colour colour) {
     const std::string shown = maxWidth > 0 ? cutTo(text, std::max(0, maxWidth - width)) : text;
     width += widthOf(shown);
-    content += coloured(shown, colour).text;
+    content += withColours ? coloured(shown, colour).text : shown;
   }
 
   std::string content;
 
  private:
   int maxWidth;
+  bool withColours;
   int width = 0;
 };
 
@@ -50,9 +51,17 @@ std::vector<int> Table::widths() const {
 }
 
 std::vector<std::string> Table::render(int maxWidth) const {
-  const std::vector<int> columnWidths = widths();
+  return renderWith(widths(), true, maxWidth, true);
+}
+
+std::vector<std::string> Table::renderPlain(int maxWidth) const {
+  return renderWith(widths(), true, maxWidth, false);
+}
+
+std::vector<std::string> Table::renderWith(const std::vector<int>& columnWidths, bool withHead,
+                                           int maxWidth, bool withColours) const {
   const auto renderLine = [&](const auto& cellAt) {
-    Line line(maxWidth);
+    Line line(maxWidth, withColours);
     for (std::size_t i = 0; i < columns.size(); ++i) {
       const Cell& cell = cellAt(i);
       const bool isLast = i + 1 == columns.size();
@@ -66,16 +75,24 @@ std::vector<std::string> Table::render(int maxWidth) const {
     return line.content;
   };
   std::vector<std::string> rendered;
-  rendered.push_back(
-      renderLine([&](std::size_t i) { return Cell(columns[i].title, Colour::kBold); }));
+  if (withHead) {
+    rendered.push_back(
+        renderLine([&](std::size_t i) { return Cell(columns[i].title, Colour::kBold); }));
+  }
   for (const auto& cells : lines) {
     rendered.push_back(renderLine([&](std::size_t i) -> const Cell& { return cells[i]; }));
   }
   return rendered;
 }
 
-void Table::print() const {
-  for (const std::string& line : render(isTerminal() ? terminalSize().columns : 0)) {
+void Table::print() {
+  const bool isFirst = printedWidths.empty();
+  if (isFirst) {
+    printedWidths = widths();
+  }
+  for (const std::string& line :
+       renderWith(printedWidths, isFirst, isTerminal() ? terminalSize().columns : 0, true)) {
     ::print("{}\n", Styled(line));
   }
+  lines.clear();
 }

@@ -32,12 +32,19 @@ class Table {
   /// Head and lines, each truncated to `maxWidth` columns if that is above 0.
   std::vector<std::string> render(int maxWidth = 0) const;
 
-  /// Prints it, truncated to the width of the terminal if there is one.
-  void print() const;
+  /// The same without colours and attributes.
+  std::vector<std::string> renderPlain(int maxWidth) const;
+
+  /// Prints it, truncated to the width of the terminal if there is one, and forgets its lines: the
+  /// lines that are added after it go on below these, with the same widths and without a head.
+  void print();
 
  private:
   std::vector<int> widths() const;
+  std::vector<std::string> renderWith(const std::vector<int>& columnWidths, bool withHead,
+                                      int maxWidth, bool withColours) const;
 
   std::vector<Column> columns;  // constant after construction
   std::vector<std::vector<Cell>> lines;
+  std::vector<int> printedWidths;  // of what was printed; empty before
 };

@@ -37,13 +37,6 @@ int columnsOf(char32_t code) {
   return code == kNoCharacter ? 1 : std::max(0, wcwidth(static_cast<wchar_t>(code)));
 }
 
-bool isColourWanted() {
-  const char* noColour = std::getenv("NO_COLOR");
-  const char* terminal = std::getenv("TERM");
-  return isTerminal() && (noColour == nullptr || *noColour == '\0') && terminal != nullptr &&
-         std::string_view(terminal) != "dumb";
-}
-
 const char* sequenceOf(Colour colour) {
   switch (colour) {
     case Colour::kGreen:
@@ -64,6 +57,13 @@ const char* sequenceOf(Colour colour) {
 
 bool isTerminal() {
   return isatty(STDOUT_FILENO) == 1;
+}
+
+bool isColourWanted() {
+  const char* noColour = std::getenv("NO_COLOR");
+  const char* terminal = std::getenv("TERM");
+  return isTerminal() && (noColour == nullptr || *noColour == '\0') && terminal != nullptr &&
+         std::string_view(terminal) != "dumb";
 }
 
 Styled coloured(const std::string& text, Colour colour) {

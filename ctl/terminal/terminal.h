@@ -21,6 +21,9 @@ struct Styled {
 /// TERM is "dumb" or NO_COLOR is set.
 Styled coloured(const std::string& text, Colour colour);
 
+/// False when standard output is not a terminal, TERM is "dumb" or NO_COLOR is set.
+bool isColourWanted();
+
 /// Green, red and yellow for OK, FAILED and PROCESS.
 Colour colourOf(const std::string& status);
 

@@ -13,13 +13,17 @@
 
 namespace {
 
-std::string formatted(long time, const char* pattern) {
-  const std::time_t seconds = time;
-  std::tm parts{};
-  gmtime_r(&seconds, &parts);
+std::string formatted(const std::tm& parts, const char* pattern) {
   std::array<char, 64> text{};
   const std::size_t length = std::strftime(text.data(), text.size(), pattern, &parts);
   return {text.data(), length};
+}
+
+std::string local(long time, const char* pattern) {
+  const std::time_t seconds = time;
+  std::tm parts{};
+  localtime_r(&seconds, &parts);
+  return formatted(parts, pattern);
 }
 
 /// JSON text with the unsafe characters that a writer of JSON lets pass in the form "\u009b".
@@ -42,15 +46,30 @@ std::string escaped(std::string_view json) {
 }  // namespace
 
 std::string timeText(long time) {
-  return formatted(time, "%Y-%m-%d %H:%M:%S");
+  return local(time, "%Y-%m-%d %H:%M:%S");
+}
+
+std::string zonedTime(long time) {
+  return local(time, "%Y-%m-%d %H:%M:%S %Z");
+}
+
+std::optional<long> utcTime(const std::string& text) {
+  std::tm parts{};
+  const char* end = strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
+  return end != nullptr && *end == '\0' ? std::optional(timegm(&parts)) : std::nullopt;
+}
+
+std::string localText(const std::string& utc) {
+  const auto time = utcTime(utc);
+  return time ? timeText(*time) : utc;
 }
 
 std::string shortTime(std::optional<long> time, long now) {
   if (!time) {
     return "-";
   }
-  constexpr long kDay = 86400;
-  return *time / kDay == now / kDay ? formatted(*time, "%H:%M:%S") : timeText(*time);
+  constexpr const char* kDay = "%Y-%m-%d";
+  return local(*time, kDay) == local(now, kDay) ? local(*time, "%H:%M:%S") : timeText(*time);
 }
 
 std::string durationText(long seconds) {
@@ -75,6 +94,16 @@ std::string counted(long count, const std::string& noun) {
   return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
+std::string grouped(long count) {
+  const std::string digits = std::to_string(count);
+  std::string text;
+  for (std::size_t i = 0; i < digits.size(); ++i) {
+    const bool isGroupEnd = i > 0 && (digits.size() - i) % 3 == 0;
+    text += isGroupEnd ? fmt::format(",{}", digits[i]) : std::string(1, digits[i]);
+  }
+  return text;
+}
+
 Json::Value jsonMoment(std::string time) {
   if (time.empty()) {
     return {};
@@ -83,8 +112,18 @@ Json::Value jsonMoment(std::string time) {
   return time + "Z";
 }
 
+std::optional<std::string> jsonTimeText(std::optional<long> time) {
+  if (!time) {
+    return std::nullopt;
+  }
+  const std::time_t seconds = *time;
+  std::tm parts{};
+  gmtime_r(&seconds, &parts);
+  return formatted(parts, "%Y-%m-%dT%H:%M:%SZ");
+}
+
 Json::Value jsonTime(std::optional<long> time) {
-  return time ? Json::Value(formatted(*time, "%Y-%m-%dT%H:%M:%SZ")) : Json::Value();
+  return jsonText(jsonTimeText(time));
 }
 
 Json::Value jsonNumber(std::optional<long> number) {
@@ -95,11 +134,15 @@ Json::Value jsonText(const std::optional<std::string>& text) {
   return text ? Json::Value(*text) : Json::Value();
 }
 
-void printJson(const Json::Value& value) {
+std::string printedJson(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   builder["emitUTF8"] = true;
   std::string text = Json::writeString(builder, value);
   repairUtf8(text);
-  print("{}\n", Styled(escaped(text)));
+  return escaped(text);
+}
+
+void printJson(const Json::Value& value) {
+  print("{}\n", Styled(printedJson(value)));
 }

@@ -67,6 +67,18 @@ TEST_F(ChangeTest, AddsATaskWithATimeLimitAndKeepsItsGuard) {
   EXPECT_EQ(database.task(1, "cron_parameter"), "-t 10 -- " + plugin(2) + " \"b c\" d");
 }
 
+TEST_F(ChangeTest, SetsAndRemovesATimeLimit) {
+  database.query("INSERT INTO kodu_plugins (plugin_name, plugin_path) VALUES ('guard', '" +
+                 guard() + "')");
+  const std::string path = plugin(1);
+  ASSERT_EQ(runAsAdmin({"add", path, "--every", "1h", "--", "a b"}).exitCode, 0);
+  EXPECT_EQ(runAsAdmin({"set", "1", "--timeout", "30s"}).exitCode, 0);
+  EXPECT_EQ(database.task(1, "cron_parameter"), "-t 30 -- " + path + " \"a b\"");
+  EXPECT_EQ(runAsAdmin({"set", "1", "--no-timeout"}).exitCode, 0);
+  EXPECT_EQ(database.task(1, "cron_parameter"), "\"a b\"");
+  EXPECT_EQ(runAsAdmin({"set", "1", "--no-timeout", "--timeout", "30s"}).exitCode, 64);
+}
+
 TEST_F(ChangeTest, WarnsOfAPluginThatCannotBeRunHere) {
   const CtlResult added = runAsAdmin({"add", "/nowhere/plugin", "--every", "5m"});
   EXPECT_EQ(added.exitCode, 0);

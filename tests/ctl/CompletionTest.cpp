@@ -48,7 +48,7 @@ TEST_F(CompletionTest, ProposesCommandsAndTheirOptions) {
   EXPECT_EQ(complete("koductl st"), "status stagger\n");
   EXPECT_EQ(complete("koductl status --w"), "--watch\n");
   EXPECT_THAT(complete("koductl -f x prune --"),
-              AllOf(HasSubstr("--older-than"), Not(HasSubstr("--yes"))));
+              AllOf(HasSubstr("--older-than"), Not(HasSubstr("--watch"))));
   EXPECT_EQ(complete("koductl add x -- --"), "\n");
 }
 
@@ -74,6 +74,9 @@ TEST_F(CompletionTest, ProposesTheIdsOfTheTasks) {
   EXPECT_EQ(complete(program() + " --config " + daemon.mainConfig() + " show 1"), "1 12\n");
   EXPECT_EQ(complete(program() + " set -f " + daemon.mainConfig() + " --name x 1"), "1 12\n");
   EXPECT_EQ(complete(program() + " -f " + daemon.mainConfig() + " show 1 1"), "\n");
+  EXPECT_EQ(complete(program() + " -f " + daemon.mainConfig() + " pause 23 1"), "1 12\n");
+  EXPECT_EQ(complete(program() + " -f " + daemon.mainConfig() + " show 3"), "\n");
+  EXPECT_EQ(complete(program() + " -f " + daemon.mainConfig() + " show 2x"), "\n");
 }
 
 }  // namespace

@@ -46,14 +46,15 @@ class FileKindTest : public CtlTest {
                                                                      {"explain", "1"},
                                                                      {"check"},
                                                                      {"history", "1"},
-                                                                     {"rerun", "1"}}) {
+                                                                     {"test", "1"}}) {
       EXPECT_NE(runOrKill(command).exitCode, -1) << testing::PrintToString(command);
     }
     const CtlResult last = runOrKill({"output", "1"});
     EXPECT_EQ(last.exitCode, 66);
     EXPECT_EQ(last.err, "koductl: cannot read " + output() + ": it is " + kind + "\n");
     EXPECT_EQ(runOrKill({"output", "1", "1"}).exitCode, 66);
-    EXPECT_EQ(runOrKill({"output", "1", "--follow"}).exitCode, 66);
+    EXPECT_EQ(runOrKill({"logs", "1", "-n", "1"}).exitCode, 66);
+    EXPECT_THAT(runOrKill({"logs", "1"}).out, HasSubstr(": it is " + kind + ")\n"));
   }
 };
 

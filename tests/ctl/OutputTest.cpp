@@ -18,6 +18,10 @@ class OutputTest : public CtlTest {
     addFailure(1, 200, "out_1_a.txt", "older\n");
     addFailure(1, 100, "out_1_b.txt", "newer\n");
   }
+  static void setTime(const std::string& path) {
+    using Time = std::filesystem::file_time_type;
+    std::filesystem::last_write_time(path, Time::clock::now() - std::chrono::minutes(1));
+  }
 };
 
 TEST_F(OutputTest, ListsFailedRunsTheLatestFirst) {
@@ -94,6 +98,9 @@ TEST_F(OutputTest, FollowsWhatTheDaemonWrites) {
 }
 
 TEST_F(OutputTest, FollowsAsJson) {
+  for (const char* name : {"/out_1_a.txt", "/out_1_b.txt"}) {  // copied before the last run
+    setTime(archive(1) + name);
+  }
   const pid_t pid = start({"-f", daemon.mainConfig(), "output", "1", "--follow", "--json"});
   const bool isSeen =
       waitUntil([&] { return readFile(outPath()).find("}\n") != std::string::npos; });

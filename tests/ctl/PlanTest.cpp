@@ -107,13 +107,19 @@ TEST_F(PlanTest, KeepsAnOutputThatANewerRowNames) {
   EXPECT_EQ(readFile(archive(1) + "/out_1_same.txt"), "new");
 }
 
-TEST_F(PlanTest, FindsAndDeletesOldRowsInOneTransaction) {
-  // In two transactions, a row that becomes too old in between would be deleted without its file.
+TEST_F(PlanTest, KeepsARowThatCameMeanwhileWithItsFile) {
+  database.insertTask(quietTask(1));
+  addFailure(1, 100000, "out_1_old.txt", "12345");
   database.query(
-      "CREATE OR REPLACE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint"
-      " LANGUAGE sql AS $$SELECT count(*) FROM pg_locks WHERE pid = pg_backend_pid()"
-      " AND relation = 'kodu_cron_error'::regclass AND mode = 'AccessShareLock'$$");
-  EXPECT_THAT(runAsAdmin({"prune", "--older-than", "1d"}).out, HasSubstr("1 history row and 0 "));
+      "CREATE FUNCTION meet() RETURNS trigger LANGUAGE plpgsql SECURITY DEFINER AS"
+      " $$BEGIN INSERT INTO kodu_cron_error (cron_id, cron_date, cron_logfile)"
+      " VALUES (1, now() - interval '3 days', 'late.txt'); RETURN NULL; END$$;"
+      "CREATE TRIGGER meet BEFORE DELETE ON kodu_cron_error EXECUTE FUNCTION meet()");
+  writeFile(archive(1) + "/late.txt", "x");
+  EXPECT_EQ(runAsAdmin({"prune", "--older-than", "1d"}).out,
+            "1 history row and 1 archived output deleted, 5 bytes\n");
+  EXPECT_EQ(database.value("SELECT cron_logfile FROM kodu_cron_error"), "late.txt");
+  EXPECT_THAT(filesIn(archive(1)), testing::ElementsAre("late.txt"));
 }
 
 TEST_F(PlanTest, DeletesNoFileWhenTheDatabaseRefuses) {
@@ -166,15 +172,13 @@ class PruneTest : public PlanTest {
 
 TEST_F(PruneTest, CompletesAPruneKilledBetweenFilesAndRows) {
   addOldFailures(3);
-  // The dry run succeeds; the deletion itself waits.
+  // The deletion of the rows waits.
   database.query(
-      "CREATE SEQUENCE calls; GRANT USAGE ON SEQUENCE calls TO kodu_admin;"
       "CREATE TABLE held AS SELECT 1; GRANT SELECT ON held TO kodu_admin;"
-      "ALTER FUNCTION kodu_history_prune RENAME TO prune_in_fact;"
-      "CREATE FUNCTION kodu_history_prune(older_than interval) RETURNS bigint LANGUAGE plpgsql"
-      " AS $$BEGIN IF nextval('calls') > 1 AND EXISTS (SELECT FROM held) THEN PERFORM "
-      "pg_sleep(600); END IF;"
-      " RETURN prune_in_fact(older_than); END$$");
+      "CREATE FUNCTION wait() RETURNS trigger LANGUAGE plpgsql AS"
+      " $$BEGIN IF EXISTS (SELECT FROM held) THEN PERFORM pg_sleep(600); END IF; RETURN NULL; "
+      "END$$;"
+      "CREATE TRIGGER wait BEFORE DELETE ON kodu_cron_error EXECUTE FUNCTION wait()");
   pruneUntilFilesAre(0);
   EXPECT_EQ(database.failures(1), 3);
   database.query("DELETE FROM held");

@@ -117,6 +117,9 @@ TEST_F(SchemaTest, HasAKeyForEachTable) {
   EXPECT_EQ(
       keys,
       (Rows{{"kodu_cron_error", "PRIMARY KEY (cron_error_id)"},
+            {"kodu_cron_key",
+             "FOREIGN KEY (cron_id) REFERENCES kodu_cron_plugin(cron_id) ON DELETE CASCADE"},
+            {"kodu_cron_key", "PRIMARY KEY (cron_id)"},
             {"kodu_cron_pause",
              "FOREIGN KEY (cron_id) REFERENCES kodu_cron_plugin(cron_id) ON DELETE CASCADE"},
             {"kodu_cron_pause", "PRIMARY KEY (cron_id)"},
@@ -141,7 +144,25 @@ TEST_F(SchemaTest, HasExactlyTheseChecks) {
                   {"cron_retries_interval_up_to_year"},
                   {"cron_retries_not_negative"},
                   {"cron_wanted_in_integer_seconds"},
-                  {"plugin_path_not_empty"}}));
+                  {"plugin_path_not_empty"},
+                  {"task_key_is_one_word"},
+                  {"task_set_is_one_word"}}));
+}
+
+TEST_F(SchemaTest, TakesOneWordForAKeyAndASet) {
+  database.insertTask(TaskRow());
+  const auto give = [this](const std::string& key, const std::string& set) {
+    database.query("DELETE FROM kodu_cron_key; INSERT INTO kodu_cron_key VALUES (1, '" + key +
+                   "', '" + set + "')");
+  };
+  give("web/load.5:a_B-c@d", "9");
+  give(std::string(200, 'k'), "s");
+  for (const std::string& wrong :
+       {std::string(), std::string("a b"), std::string("-a"), std::string("\xc3\xa9"),
+        std::string("a\n"), std::string(201, 'k')}) {
+    EXPECT_THROW(give(wrong, "s"), std::runtime_error) << wrong;
+    EXPECT_THROW(give("k", wrong), std::runtime_error) << wrong;
+  }
 }
 
 TEST_F(SchemaTest, CanBeLoadedAgain) {
@@ -577,7 +598,7 @@ TEST_F(StateTest, RecognisesTheDaemonByTheRoleInTheSetting) {
 }
 
 TEST_F(StateTest, ReadsNoHistoryAndNoPauseForColumnsThatDoNotNeedThem) {
-  EXPECT_THAT(plan("id, status, running, paused, due, late_seconds, late, deleting"),
+  EXPECT_THAT(plan("id, status, running, due, late_seconds, late, deleting"),
               testing::Not(testing::AnyOf(HasSubstr("kodu_cron_error"),
                                           HasSubstr("kodu_cron_pause"), HasSubstr("pg_stat"))));
   EXPECT_THAT(plan("failures_hour"), HasSubstr("kodu_cron_error"));
@@ -691,6 +712,7 @@ TEST_F(SchemaTest, GrantsExactlyTheseRights) {
       (Rows{{"kodu", "kodu_cron_error", "DELETE"},
             {"kodu", "kodu_cron_error", "INSERT"},
             {"kodu", "kodu_cron_error", "SELECT"},
+            {"kodu", "kodu_cron_key", "SELECT"},
             {"kodu", "kodu_cron_plugin", "DELETE"},
             {"kodu", "kodu_cron_plugin", "SELECT"},
             {"kodu", "kodu_cron_repair", "INSERT"},

@@ -1,4 +1,4 @@
-// ops/healthcheck against a running daemon with each fault that it must detect.
+// koductl health against a running daemon with each fault that it must detect.
 
 #include <sys/wait.h>
 
@@ -17,6 +17,7 @@
 #include "tests/support/Daemon.h"
 #include "tests/support/Database.h"
 #include "tests/support/Files.h"
+#include "tests/support/builtProgram.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
@@ -33,8 +34,8 @@ struct Health {
 class HealthcheckTest : public testing::Test {
  protected:
   Health check(const std::string& options = "") const {
-    const std::string command = "'" + projectFile("ops/healthcheck") + "' -f " +
-                                daemon.mainConfig() + " " + options + " 2>&1";
+    const std::string command = builtProgram("KODU_TEST_CTL") + " -f " + daemon.mainConfig() +
+                                " health " + options + " 2>&1";
     Health health;
     FILE* output = popen(command.c_str(), "r");
     std::array<char, 4096> buffer{};
@@ -130,8 +131,11 @@ TEST_F(HealthcheckTest, DetectsWorkersThatHang) {
   ASSERT_TRUE(daemon.startAndWait());
 
   Health health;
-  EXPECT_TRUE(waitUntil([&] { return (health = check("-w 2 -p 2")).status == 1; })) << health.line;
-  EXPECT_THAT(health.line, HasSubstr("2 in PROCESS for more than 2 s"));
+  EXPECT_TRUE(waitUntil([&] {
+    health = check("-w 2 -p 2");
+    return health.line.find("2 in PROCESS for more than 2 s") != std::string::npos;
+  })) << health.line;
+  EXPECT_NE(health.status, 0);
   EXPECT_TRUE(waitUntil([&] { return (health = check("-w 1 -c 2 -p 2")).status == 2; }))
       << health.line;
   EXPECT_THAT(health.line, HasSubstr("1 overdue"));
@@ -146,8 +150,8 @@ TEST_F(HealthcheckTest, DetectsALockedTable) {
 
   EXPECT_EQ(health.status, 2);
   EXPECT_THAT(health.line,
-              StartsWith("KODUCRON CRITICAL - the database does not answer within 1 s: "
-                         "ERROR: canceling statement due to statement timeout"));
+              StartsWith("KODUCRON CRITICAL - the database does not answer within 1 s: "));
+  EXPECT_THAT(health.line, HasSubstr("the table kodu_cron_plugin was locked for 1 s"));
 }
 
 TEST_F(HealthcheckTest, DetectsAServerThatStopsInTheMiddleOfAReply) {
@@ -180,13 +184,13 @@ TEST_F(HealthcheckTest, IgnoresWarningsOfTheServer) {
   EXPECT_THAT(health.line, StartsWith("KODUCRON OK - 1 tasks, none overdue | tasks=1 overdue=0 "));
 }
 
-TEST_F(HealthcheckTest, PrintsTheErrorOfPsql) {
+TEST_F(HealthcheckTest, PrintsTheErrorOfTheServer) {
   database.query("DROP VIEW kodu_task_state");
 
   const Health health = check();
 
   EXPECT_EQ(health.status, 2);
-  EXPECT_THAT(health.line, HasSubstr("ERROR: relation \"kodu_task_state\" does not exist"));
+  EXPECT_THAT(health.line, HasSubstr("relation \"kodu_task_state\" does not exist"));
 }
 
 TEST_F(HealthcheckTest, RecognisesADaemonOfAnotherRole) {
@@ -226,7 +230,7 @@ TEST_F(HealthcheckTest, ShowsNoControlCharacterOfAMessage) {
   const Health health = check();
 
   EXPECT_EQ(health.status, 2);
-  EXPECT_THAT(health.line, HasSubstr("\"x\\033[31m?[31m?31m??\" does not exist"));
+  EXPECT_THAT(health.line, HasSubstr("\"x\\033[31m?[31m?31m???\" does not exist"));
 }
 
 TEST_F(HealthcheckTest, PrintsAMessageOfSeveralLinesInOne) {
@@ -256,7 +260,7 @@ TEST_F(HealthcheckTest, CountsFailures) {
   EXPECT_THAT(health.line, HasSubstr("2 failed runs within the last hour"));
 }
 
-/// packaging/watchdog with a healthcheck that prints a given text, and a systemctl that only
+/// packaging/watchdog with a koductl that prints a given text, and a systemctl that only
 /// records its arguments.
 class WatchdogTest : public testing::Test {
  protected:
@@ -268,7 +272,7 @@ class WatchdogTest : public testing::Test {
   /// The arguments of systemctl when the healthcheck prints this.
   std::string endedAfter(const std::string& line, int status) const {
     writeFile(directory / "says", line);
-    writePlugin(directory / "healthcheck",
+    writePlugin(directory / "koductl",
                 "/bin/cat " + std::string(directory / "says") + "; exit " + std::to_string(status));
     writeFile(toldPath(), "");
     const std::string command = "PATH=" + std::string(directory / "") +
@@ -302,18 +306,54 @@ TEST_F(WatchdogTest, IgnoresTextInsteadOfAFigure) {
             "");
 }
 
-/// packaging/repair with the INI files of a daemon.
-class RepairScriptTest : public HealthcheckTest {
+/// koductl repair with the INI files of a daemon.
+class RepairTest : public HealthcheckTest {
  protected:
-  int repair() const {
-    const std::string command = "KODU_SQL='" + projectFile("sql") + "' '" +
-                                projectFile("ops/packaging/repair") + "' " + daemon.mainConfig();
+  int repair(const std::string& options = "") const {
+    const std::string command = builtProgram("KODU_TEST_CTL") + " -f " + daemon.mainConfig() +
+                                " repair " + options + " >" + outPath();
     const int status = std::system(command.c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
+  std::string outPath() const { return daemon.directory / "repair.out"; }
+  std::string said() const { return readFile(outPath()); }
+
+  void leaveUnfinished(int id) const {
+    insert(id, "/bin/true", "", "now() + interval '1 hour'");
+    database.query("UPDATE kodu_cron_plugin SET cron_status = 'PROCESS' WHERE cron_id = " +
+                   std::to_string(id));
+  }
 };
 
-TEST_F(RepairScriptTest, ReadsTheDaemonsRoleFromTheConfiguration) {
+TEST_F(RepairTest, TellsUnfinishedRunsAsFailed) {
+  leaveUnfinished(1);
+  leaveUnfinished(2);
+  EXPECT_EQ(repair(), 0);
+  EXPECT_EQ(said(), "2 runs left unfinished: they count as FAILED now\n");
+  EXPECT_EQ(database.task(2, "cron_status"), "FAILED");
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_repair"), "2");
+  EXPECT_EQ(repair(), 0);
+  EXPECT_EQ(said(), "no run was left unfinished\n");
+}
+
+TEST_F(RepairTest, ChangesNothingBesideADaemon) {
+  ASSERT_TRUE(daemon.startAndWait());
+  leaveUnfinished(1);
+  EXPECT_EQ(repair(), 0);
+  EXPECT_EQ(said(), "a daemon is connected to the database: nothing was changed\n");
+  EXPECT_EQ(repair("--json"), 0);
+  EXPECT_THAT(said(), HasSubstr("\"daemon_connected\" : true"));
+  EXPECT_EQ(database.task(1, "cron_status"), "PROCESS");
+}
+
+TEST_F(RepairTest, RepairsTablesOfAnyVersion) {
+  leaveUnfinished(1);
+  database.query("INSERT INTO kodu_schema_version (version, title) VALUES (999, 'newer')");
+  EXPECT_EQ(repair(), 0);
+  EXPECT_EQ(database.task(1, "cron_status"), "FAILED");
+}
+
+TEST_F(RepairTest, ReadsTheDaemonsRoleFromTheConfiguration) {
   const std::string other = "daemon_of_" + database.name();
   database.query("CREATE ROLE " + other + " LOGIN PASSWORD 'p' IN ROLE kodu");
   std::string config = readFile(daemon.databaseConfig());
@@ -336,9 +376,19 @@ TEST_F(RepairScriptTest, ReadsTheDaemonsRoleFromTheConfiguration) {
   database.query("DROP ROLE " + other);
 }
 
+TEST_F(HealthcheckTest, ReportsAsJsonToo) {
+  ASSERT_TRUE(daemon.startAndWait());
+  const Health health = check("--json");
+  EXPECT_EQ(health.status, 0);
+  EXPECT_THAT(health.line, HasSubstr("\"state\" : \"OK\""));
+  EXPECT_THAT(check("--json -f /nowhere").line, HasSubstr("\"state\" : \"UNKNOWN\""));
+}
+
 TEST_F(HealthcheckTest, IsUnknownWithoutItsConfiguration) {
   EXPECT_EQ(check("-x").status, 3);
+  EXPECT_THAT(check("-x").line, StartsWith("KODUCRON UNKNOWN - "));
   EXPECT_EQ(check("-w ten").status, 3);
+  EXPECT_EQ(check("-w ten").line, "KODUCRON UNKNOWN - -w takes a whole number, not 'ten'\n");
   const Health health = check("-f /nowhere");
 
   EXPECT_EQ(health.status, 3);

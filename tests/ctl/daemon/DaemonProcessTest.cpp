@@ -103,31 +103,31 @@ class DaemonProcessTest : public CtlTest {
 
 TEST_F(DaemonProcessTest, IgnoresAProcessThatOnlyHasTheName) {
   startStopped("/usr/bin/tail", nobody(), 0, false);
-  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("postgres\n"));
+  EXPECT_THAT(run({"test", "1"}).out, StartsWith("postgres\n"));
 }
 
 TEST_F(DaemonProcessTest, IgnoresADaemonThatDoesNotWriteTheLog) {
   startStopped(daemonProgram(), nobody(), nobody(), false);
-  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("postgres\n"));
+  EXPECT_THAT(run({"test", "1"}).out, StartsWith("postgres\n"));
 }
 
 TEST_F(DaemonProcessTest, IgnoresAnotherProgramThatWritesTheLog) {
   startStopped("/usr/bin/tail", 0, 0, true);
   giveAway(daemon.logPath());
-  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("postgres\n"));
+  EXPECT_THAT(run({"test", "1"}).out, StartsWith("postgres\n"));
 }
 
 TEST_F(DaemonProcessTest, FindsTheDaemonThatWritesTheLog) {
   ASSERT_TRUE(daemon.startAndWait());
-  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
+  EXPECT_THAT(run({"test", "1"}).out, StartsWith("root\n"));
 }
 
 TEST_F(DaemonProcessTest, DoesNotTrustAWorldWritableLog) {
   startStopped(daemonProgram(), nobody(), nobody(), true);
   giveAway(daemon.logPath());
-  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("nobody\n"));
+  EXPECT_THAT(run({"test", "1"}).out, StartsWith("nobody\n"));
   chmod(daemon.logPath().c_str(), 0666);
-  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("postgres\n"));
+  EXPECT_THAT(run({"test", "1"}).out, StartsWith("postgres\n"));
 }
 
 TEST_F(DaemonProcessTest, RefusesToChooseBetweenTwo) {
@@ -135,7 +135,7 @@ TEST_F(DaemonProcessTest, RefusesToChooseBetweenTwo) {
   Daemon second(database);
   second.startWith({"-f", daemon.mainConfig()});
   ASSERT_TRUE(waitForLog("NOTICE#Start Thread", 2));
-  for (const char* command : {"rerun", "explain"}) {
+  for (const char* command : {"test", "explain"}) {
     const CtlResult result = run({command, "1"});
     EXPECT_EQ(result.exitCode, 77) << result.out;
     EXPECT_THAT(result.err, HasSubstr("koductl: 2 processes write the log " + daemon.logPath() +
@@ -149,7 +149,7 @@ TEST_F(DaemonProcessTest, RefusesToChooseBetweenTwo) {
 
 TEST_F(DaemonProcessTest, RefusesADaemonOfTwoUsers) {
   startStopped(daemonProgram(), nobody(), 0, true);
-  const CtlResult result = run({"rerun", "1"});
+  const CtlResult result = run({"test", "1"});
   EXPECT_EQ(result.exitCode, 77);
   EXPECT_THAT(result.err, HasSubstr("runs with more than one user or group"));
 }
@@ -157,14 +157,14 @@ TEST_F(DaemonProcessTest, RefusesADaemonOfTwoUsers) {
 TEST_F(DaemonProcessTest, RunsNothingAsRootOnAGuess) {
   ASSERT_EQ(chown(daemon.outputDirectory().c_str(), 0, 0), 0);
   for (const std::vector<std::string>& command :
-       {std::vector<std::string>{"rerun", "1"}, {"prune", "--older-than", "1 day"}}) {
+       {std::vector<std::string>{"test", "1"}, {"prune", "--older-than", "1 day"}}) {
     const CtlResult result = runAsAdmin(command);
     EXPECT_EQ(result.exitCode, 77);
     EXPECT_THAT(result.err, HasSubstr("its files do not show its user: start it, or run koductl"));
   }
   // A log that only root can write identifies the daemon's user.
   writeFile(daemon.logPath(), "");
-  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
+  EXPECT_THAT(run({"test", "1"}).out, StartsWith("root\n"));
 }
 
 TEST_F(DaemonProcessTest, IgnoresAFileOfRootBehindALink) {
@@ -172,9 +172,9 @@ TEST_F(DaemonProcessTest, IgnoresAFileOfRootBehindALink) {
   writeFile(target, "");
   ASSERT_EQ(symlink(target.c_str(), daemon.logPath().c_str()), 0);
   // A log on another disk, linked by root.
-  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
+  EXPECT_THAT(run({"test", "1"}).out, StartsWith("root\n"));
   ASSERT_EQ(lchown(daemon.logPath().c_str(), nobody(), nobody()), 0);
-  const CtlResult result = run({"rerun", "1"});
+  const CtlResult result = run({"test", "1"});
   EXPECT_EQ(result.exitCode, 77);
   EXPECT_THAT(result.err, HasSubstr("its files do not show its user"));
 }
@@ -183,12 +183,12 @@ TEST_F(DaemonProcessTest, IgnoresAFileOfRootInAnotherUsersFolder) {
   writeFile(daemon.logPath(), "");
   const std::string folder = std::filesystem::path(daemon.logPath()).parent_path();
   ASSERT_EQ(chown(folder.c_str(), nobody(), nobody()), 0);
-  EXPECT_EQ(run({"rerun", "1"}).exitCode, 77);
+  EXPECT_EQ(run({"test", "1"}).exitCode, 77);
   ASSERT_EQ(chown(folder.c_str(), 0, 0), 0);
   chmod(folder.c_str(), 0777);
-  EXPECT_EQ(run({"rerun", "1"}).exitCode, 77);
+  EXPECT_EQ(run({"test", "1"}).exitCode, 77);
   chmod(folder.c_str(), 01777);
-  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("root\n"));
+  EXPECT_THAT(run({"test", "1"}).out, StartsWith("root\n"));
 }
 
 TEST_F(DaemonProcessTest, RunsAPluginWithAllGroupsOfItsUser) {
@@ -201,7 +201,7 @@ TEST_F(DaemonProcessTest, RunsAPluginWithAllGroupsOfItsUser) {
   }
   writeFile(daemon.directory / "group", groups);
   const CtlResult result =
-      runBehind("mount --bind " + (daemon.directory / "group") + " /etc/group", "rerun 1");
+      runBehind("mount --bind " + (daemon.directory / "group") + " /etc/group", "test 1");
   EXPECT_THAT(result.out, HasSubstr(" 70299\n"));
   EXPECT_THAT(result.out, Not(testing::ContainsRegex("\n([0-9]+ )*0[ \n]")));  // root's group
 }
@@ -212,9 +212,10 @@ TEST_F(DaemonProcessTest, FindsTheProcessOfTheServiceManager) {
   }
   ASSERT_TRUE(daemon.startAndWait());
   const pid_t other = startStopped(daemonProgram(), nobody(), nobody(), true);
-  EXPECT_THAT(runBehind(serviceOf(other), "rerun 1").out, StartsWith("nobody\n"));
-  EXPECT_THAT(runBehind(serviceOf(daemon.pid()), "rerun 1").out, StartsWith("root\n"));
-  const CtlResult none = runBehind(serviceOf(0), "rerun 1");
+  const std::string user = getpwuid(nobody())->pw_name;
+  EXPECT_THAT(runBehind(serviceOf(other), "explain 1").out, HasSubstr("User " + user + " can"));
+  EXPECT_THAT(runBehind(serviceOf(daemon.pid()), "explain 1").out, HasSubstr("User root can"));
+  const CtlResult none = runBehind(serviceOf(0), "test 1");
   EXPECT_THAT(none.err, HasSubstr("koductl: 2 processes write the log"));
 }
 
@@ -223,7 +224,7 @@ TEST_F(DaemonProcessTest, RefusesAServiceThatRunsAnotherProgram) {
     GTEST_SKIP() << "nothing can be mounted here";
   }
   const CtlResult result =
-      runBehind(serviceOf(startStopped("/usr/bin/tail", nobody(), nobody(), false)), "rerun 1");
+      runBehind(serviceOf(startStopped("/usr/bin/tail", nobody(), nobody(), false)), "test 1");
   EXPECT_EQ(result.exitCode, 77);
   EXPECT_THAT(result.err, HasSubstr("the service koducron runs /usr/bin/tail"));
 }
@@ -242,7 +243,7 @@ TEST_F(DaemonProcessTest, DoesNotShowAFileThatOnlyRootMayRead) {
                                                   {"output", "1"},
                                                   {"output", "1", "1"},
                                                   {"status", "--output"},
-                                                  {"rerun", "1"}}) {
+                                                  {"test", "1"}}) {
     const CtlResult result = run(command);
     EXPECT_THAT(result.out + result.err, Not(HasSubstr("the secret"))) << command.front();
   }

@@ -91,7 +91,8 @@ class UpgradeTest : public CtlTest {
            rowsOf(
                "SELECT cron_id, cron_plugin_id, cron_interval, cron_log_file, cron_retries,"
                " cron_retries_interval, cron_parameter, cron_delete FROM kodu_cron_plugin") +
-           rowsOf("SELECT * FROM kodu_cron_pause") + rowsOf("SELECT * FROM kodu_cron_repair") +
+           rowsOf("SELECT cron_id, next_exec, paused_at, paused_by, reason FROM kodu_cron_pause") +
+           rowsOf("SELECT * FROM kodu_cron_repair") +
            rowsOf("SELECT * FROM kodu_cron_error WHERE cron_id = 4");
   }
 };
@@ -221,7 +222,7 @@ TEST_F(UpgradeTest, LeavesNoOverloadBehind) {
   EXPECT_EQ(database.value("SELECT string_agg(oid::regprocedure::text, ' ' ORDER BY proname)"
                            " FROM pg_proc WHERE proname IN ('kodu_task_pause',"
                            " 'kodu_task_run_now')"),
-            "kodu_task_pause(integer,text) kodu_task_run_now(integer)");
+            "kodu_task_pause(integer,text,timestamp with time zone) kodu_task_run_now(integer)");
   EXPECT_EQ(database.query("SELECT id FROM kodu_task_status").size(), 0U);
 }
 

@@ -73,7 +73,7 @@ TEST_F(PrintTest, WritesNoControlCharacterToATerminal) {
                                                           {"history", "7"},
                                                           {"output", "7"},
                                                           {"output", "7", "1"},
-                                                          {"rerun", "7"},
+                                                          {"test", "7"},
                                                           {"output", "7", kNasty},
                                                           {"forecast"},
                                                           {kNasty},
@@ -97,7 +97,7 @@ TEST_F(PrintTest, WritesControlCharactersToAFileOnlyInPluginOutput) {
     EXPECT_EQ(unsafeIn(result.out + result.err), "") << testing::PrintToString(command);
   }
   EXPECT_EQ(run({"output", "7"}).out, kNasty + "\n");
-  const CtlResult rerun = run({"rerun", "7"});
+  const CtlResult rerun = run({"test", "7"});
   EXPECT_THAT(rerun.out, StartsWith("said \x1b[31m\n"));
   EXPECT_EQ(rerun.err, "to err \x1b[31m\n");
 }
@@ -110,7 +110,7 @@ TEST_F(PrintTest, EscapesControlCharactersInJson) {
                                                                    {"check"},
                                                                    {"history", "7"},
                                                                    {"output", "7"},
-                                                                   {"rerun", "7"}}) {
+                                                                   {"test", "7"}}) {
     std::vector<std::string> asJson = command;
     asJson.emplace_back("--json");
     const std::string text = run(asJson).out;

@@ -11,8 +11,8 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-/// koductl rerun.
-class RerunTest : public CtlTest {
+/// koductl test.
+class TestTest : public CtlTest {
  protected:
   void SetUp() override {
     CtlTest::SetUp();
@@ -20,125 +20,136 @@ class RerunTest : public CtlTest {
   }
 
   /// Runs a task whose plugin is a script with this body.
-  CtlResult rerun(const std::string& body, const std::string& parameter = "") const {
+  CtlResult test(const std::string& body, const std::string& parameter = "") const {
     TaskRow row = quietTask(1);
     writePlugin(row.path, body);
     std::filesystem::permissions(row.path, std::filesystem::perms(0755));
     row.parameter = parameter;
     database.insertTask(row);
-    return run({"rerun", "1"});
+    return run({"test", "1"});
   }
 };
 
-TEST_F(RerunTest, RunsThePluginAndEndsWithItsReturnCode) {
-  const CtlResult result = rerun("echo bad; exit 2");
+TEST_F(TestTest, RunsThePluginAndEndsWithItsReturnCode) {
+  const CtlResult result = test("echo bad; exit 2");
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_THAT(result.out, StartsWith("bad\n--- return code 2 (CRITICAL), "));
   EXPECT_THAT(result.out, HasSubstr("no stored output to compare with"));
 }
 
-TEST_F(RerunTest, MapsExitCodesAsTheDaemonDoes) {
-  EXPECT_EQ(rerun("echo x; exit 7").exitCode, 3);
+TEST_F(TestTest, MapsExitCodesAsTheDaemonDoes) {
+  EXPECT_EQ(test("echo x; exit 7").exitCode, 3);
 }
 
-TEST_F(RerunTest, PassesTheArgumentsAndNoEnvironment) {
+TEST_F(TestTest, PassesTheArgumentsAndNoEnvironment) {
   const CtlResult result =
-      rerun(R"(echo "$# <$1> <$2>"; /usr/bin/tr '\0' '\n' </proc/$$/environ; read x; echo "[$x]")",
-            "-m \"two words\"");
+      test(R"(echo "$# <$1> <$2>"; /usr/bin/tr '\0' '\n' </proc/$$/environ; read x; echo "[$x]")",
+           "-m \"two words\"");
   EXPECT_THAT(result.out, StartsWith("2 <-m> <two words>\n[]\n--- return code 0 (OK)"));
 }
 
-TEST_F(RerunTest, RunsThePluginWithoutATerminal) {
+TEST_F(TestTest, RunsThePluginWithoutATerminal) {
   TaskRow row = quietTask(1);
   writePlugin(row.path, "echo fine; if (echo typed >/dev/tty) 2>&-; then exit 1; fi; exit 3");
   database.insertTask(row);
-  const std::string text = runOnTerminal({"rerun", "1"});
+  const std::string text = runOnTerminal({"test", "1"});
   EXPECT_THAT(text, HasSubstr("return code 3"));
   EXPECT_THAT(text, testing::Not(HasSubstr("typed")));
 }
 
-TEST_F(RerunTest, RunsInTheDirectoryOfTheRunningDaemon) {
+TEST_F(TestTest, RunsInTheDirectoryOfTheRunningDaemon) {
   ASSERT_TRUE(daemon.startAndWait());
   const std::string directory =
       std::filesystem::read_symlink("/proc/" + std::to_string(daemon.pid()) + "/cwd");
-  const CtlResult result = rerun("pwd");
+  const CtlResult result = test("pwd");
   EXPECT_THAT(result.out, StartsWith(directory + "\n"));
   EXPECT_THAT(result.out, HasSubstr(" in " + directory + "\n"));
 }
 
-TEST_F(RerunTest, SaysThatNoDaemonRuns) {
-  EXPECT_THAT(rerun("pwd").out,
+TEST_F(TestTest, SaysThatNoDaemonRuns) {
+  EXPECT_THAT(test("pwd").out,
               AllOf(StartsWith("/\n"), HasSubstr("no daemon with this configuration runs here")));
 }
 
-TEST_F(RerunTest, RunsAsTheUserOfTheDaemon) {
+TEST_F(TestTest, RunsAsTheUserOfTheDaemon) {
   const passwd* user = getpwnam("postgres");
   if (geteuid() != 0 || user == nullptr) {
     GTEST_SKIP() << "only root can become another user";
   }
   std::filesystem::permissions(daemon.directory.path(), std::filesystem::perms(0755));
   ASSERT_EQ(chown(daemon.logPath().c_str(), user->pw_uid, user->pw_gid), 0);
-  const CtlResult result = rerun("/usr/bin/id -un; /usr/bin/id -gn; /usr/bin/id -Gn");
+  const CtlResult result = test("/usr/bin/id -un; /usr/bin/id -gn; /usr/bin/id -Gn");
   EXPECT_THAT(result.out, StartsWith("postgres\npostgres\npostgres"));
   EXPECT_THAT(result.out, HasSubstr("as user postgres in /"));
 }
 
-TEST_F(RerunTest, PrefersTheUserOfTheRunningDaemon) {
+TEST_F(TestTest, PrefersTheUserOfTheRunningDaemon) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can become another user";
   }
   const passwd* user = getpwnam("postgres");
   ASSERT_TRUE(daemon.startAndWait());
   ASSERT_EQ(chown(daemon.outputDirectory().c_str(), user->pw_uid, user->pw_gid), 0);
-  EXPECT_THAT(rerun("/usr/bin/id -un").out, StartsWith("root\n"));
+  EXPECT_THAT(test("/usr/bin/id -un").out, StartsWith("root\n"));
 }
 
-TEST_F(RerunTest, ShowsWhatDiffersFromTheStoredOutput) {
+TEST_F(TestTest, ShowsWhatDiffersFromTheStoredOutput) {
   writeOutput("out_1_last.txt", "same\nold\n");
-  EXPECT_THAT(rerun("echo same; echo new").out, HasSubstr("out_1_last.txt:\n-old\n+new\n"));
+  EXPECT_THAT(test("echo same; echo new").out, HasSubstr("out_1_last.txt:\n-old\n+new\n"));
 }
 
-TEST_F(RerunTest, SaysThatNothingDiffers) {
+TEST_F(TestTest, SaysThatNothingDiffers) {
   writeOutput("out_1_last.txt", "same\n");
-  EXPECT_THAT(rerun("echo same").out, HasSubstr("--- the same as the stored output, "));
+  EXPECT_THAT(test("echo same").out, HasSubstr("--- the same as the stored output, "));
 }
 
-TEST_F(RerunTest, RecognisesTheTailOfAnOlderLongerOutput) {
+TEST_F(TestTest, RecognisesTheTailOfAnOlderLongerOutput) {
   writeOutput("out_1_last.txt", "same\nrest\n");
-  EXPECT_THAT(rerun("echo same").out,
+  EXPECT_THAT(test("echo same").out,
               HasSubstr("except for 5 bytes left from an older, longer one"));
 }
 
-TEST_F(RerunTest, DescribesAPluginThatPrintsNothing) {
-  const CtlResult result = rerun("exit 0");
+TEST_F(TestTest, DescribesAPluginThatPrintsNothing) {
+  const CtlResult result = test("exit 0");
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_THAT(result.out, HasSubstr("DAEMON: the plugin does not return anything on the stdout"));
   EXPECT_THAT(result.out, HasSubstr("the daemon tries three times"));
 }
 
-TEST_F(RerunTest, ChangesNeitherDatabaseNorFiles) {
+TEST_F(TestTest, ChangesNeitherDatabaseNorFiles) {
   TaskRow row = quietTask(1);
   writePlugin(row.path, "echo bad; exit 2");
   database.insertTask(row);
   writeOutput("out_1_last.txt", "old\n");
   const std::string before =
       database.value("SELECT md5(string_agg(t::text, '')) FROM kodu_cron_plugin t");
-  run({"rerun", "1"});
+  run({"test", "1"});
   EXPECT_EQ(database.value("SELECT md5(string_agg(t::text, '')) FROM kodu_cron_plugin t"), before);
   EXPECT_EQ(database.failures(1), 0);
   EXPECT_EQ(daemon.output("out_1_last.txt"), "old\n");
   EXPECT_FALSE(std::filesystem::exists(archive(1)));
 }
 
-TEST_F(RerunTest, PrintsTheResultAsJson) {
+TEST_F(TestTest, SaysThatThereIsNoSandbox) {
+  EXPECT_THAT(test("echo x").out,
+              HasSubstr("\n--- without a sandbox: koducron.service does not run here\n"));
+}
+
+TEST_F(TestTest, HasItsEarlierName) {
+  database.insertTask(quietTask(1));
+  EXPECT_THAT(run({"rerun", "1"}).out, StartsWith("fine\n--- return code 0 (OK)"));
+}
+
+TEST_F(TestTest, PrintsTheResultAsJson) {
   writeOutput("out_1_last.txt", "old\n");
   TaskRow row = quietTask(1);
   database.insertTask(row);
-  const Json::Value json = parsed(run({"rerun", "1", "--json"}).out);
+  const Json::Value json = parsed(run({"test", "1", "--json"}).out);
   EXPECT_EQ(json["return_code"].asInt(), 0);
   EXPECT_EQ(json["output"].asString(), "fine\n");
   EXPECT_EQ(json["stored_output"].asString(), "old\n");
   EXPECT_EQ(json["diff"][1].asString(), "+fine");
+  EXPECT_TRUE(json["sandbox"].isNull());
 }
 
 }  // namespace

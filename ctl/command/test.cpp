@@ -1,5 +1,7 @@
-// koductl rerun: runs a task's plugin as the daemon does and prints the outcome instead of storing
+// koductl test: runs a task's plugin as the daemon does and prints the outcome instead of storing
 // it.
+
+#include "ctl/command/test.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -12,13 +14,17 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <iostream>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "ctl/command/commands.h"
 #include "ctl/daemon/daemonProcess.h"
+#include "ctl/daemon/sandbox.h"
+#include "ctl/daemon/serviceManager.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session/session.h"
@@ -97,11 +103,6 @@ void leaveTerminal() {
 Run runOnce(const std::shared_ptr<serviceCron>& record) {
   using Clock = std::chrono::steady_clock;
   Run run;
-  // Text that the plugin writes directly to a terminal would not be made printable.
-  std::optional<CapturedErrors> errors;
-  if (isatty(STDERR_FILENO) == 1) {
-    errors.emplace();
-  }
   const auto begin = Clock::now();
   try {
     run.code = record->execute();
@@ -110,10 +111,54 @@ Run runOnce(const std::shared_ptr<serviceCron>& record) {
   }
   run.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
   run.output = record->GetStdout();
+  return run;
+}
+
+/// Runs the plugin in this process, which becomes one of the daemon's user for good.
+Run runHere(const Task& task, const DaemonIdentity& daemon) {
+  becomeDaemonUser(daemon);
+  closeInput();
+  leaveTerminal();
+  return runOnce(task.record());
+}
+
+Run runInUnit(const Task& task, const DaemonIdentity& daemon) {
+  Json::Value wanted;
+  wanted["id"] = task.id;
+  wanted["name"] = task.name;
+  wanted["path"] = task.path;
+  wanted["parameter"] = task.parameter;
+  Json::Value left;
+  std::istringstream text(runInSandbox(daemon, kTestInside, wanted.toStyledString()));
+  std::string error;
+  if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &left, &error)) {
+    throw Failure(kNotPermitted, "the sandbox returned no result: " + error);
+  }
+  return {left["code"].asInt(), left["output"].asString(), left["failure"].asString(),
+          left["seconds"].asDouble()};
+}
+
+/// Runs the plugin in the sandbox of the daemon's unit if that is possible.
+Run runAs(const Task& task, const DaemonIdentity& daemon, bool inUnit) {
+  // Text that the plugin writes directly to a terminal would not be made printable.
+  std::optional<CapturedErrors> errors;
+  if (isatty(STDERR_FILENO) == 1) {
+    errors.emplace();
+  }
+  const Run run = inUnit ? runInUnit(task, daemon) : runHere(task, daemon);
   if (errors) {
     printError("{}", errors->take());
   }
   return run;
+}
+
+std::string sandboxText(const DaemonIdentity& daemon, bool inUnit) {
+  if (inUnit) {
+    return fmt::format("in the sandbox of {}", kServiceUnit);
+  }
+  return daemon.isService
+             ? fmt::format("without the sandbox of {}: only root can enter it", kServiceUnit)
+             : fmt::format("without a sandbox: {} does not run here", kServiceUnit);
 }
 
 /// The file's content; nothing when there is none.
@@ -156,13 +201,14 @@ void printComparison(const Task& task, const Run& run, const std::optional<std::
   }
 }
 
-void printForPeople(const Task& task, const DaemonIdentity& daemon, const Run& run,
+void printForPeople(const Task& task, const DaemonIdentity& daemon, bool inUnit, const Run& run,
                     const std::optional<std::string>& stored) {
   const bool endsInLine = run.output.empty() || run.output.back() == '\n';
   printOutput(endsInLine ? run.output : run.output + "\n");
   print("--- return code {} ({}), {:.2f} s, as user {} in {}{}\n", run.code, wordFor(run.code),
         run.seconds, daemon.userName(), daemon.directory,
         daemon.pid ? "" : " (no daemon with this configuration runs here)");
+  print("--- {}\n", sandboxText(daemon, inUnit));
   if (!run.failure.empty()) {
     print("--- {}\n--- the daemon tries three times before the run counts as failed\n",
           run.failure);
@@ -170,7 +216,7 @@ void printForPeople(const Task& task, const DaemonIdentity& daemon, const Run& r
   printComparison(task, run, stored);
 }
 
-void printAsJson(const Task& task, const DaemonIdentity& daemon, const Run& run,
+void printAsJson(const Task& task, const DaemonIdentity& daemon, bool inUnit, const Run& run,
                  const std::optional<std::string>& stored) {
   Json::Value json;
   json["id"] = task.id;
@@ -180,6 +226,7 @@ void printAsJson(const Task& task, const DaemonIdentity& daemon, const Run& run,
   json["seconds"] = run.seconds;
   json["user"] = daemon.userName();
   json["directory"] = daemon.directory;
+  json["sandbox"] = inUnit ? Json::Value(kServiceUnit) : Json::Value();
   json["stored_output"] = stored ? Json::Value(*stored) : Json::Value();
   json["diff"] = Json::Value(Json::arrayValue);
   for (const std::string& line : diffLines(stored.value_or(""), run.output)) {
@@ -190,7 +237,7 @@ void printAsJson(const Task& task, const DaemonIdentity& daemon, const Run& run,
 
 }  // namespace
 
-int runRerun(const Options& options) {
+int runTest(const Options& options) {
   std::optional<Task> task;
   DaemonIdentity daemon;
   {
@@ -200,15 +247,39 @@ int runRerun(const Options& options) {
     task = readTask(session, options.id);
     daemon = findDaemon(session.config);
   }
-  becomeDaemonUser(daemon);
-  closeInput();
-  leaveTerminal();
-  const Run run = runOnce(task->record());
-  const std::optional<std::string> stored = storedOutput(*task);
+  const bool inUnit = daemon.isService && geteuid() == 0;
+  const Run run = runAs(*task, daemon, inUnit);
+  std::optional<std::string> stored;
+  {
+    const AsDaemon rights(daemon);
+    stored = storedOutput(*task);
+  }
   if (options.asJson) {
-    printAsJson(*task, daemon, run, stored);
+    printAsJson(*task, daemon, inUnit, run, stored);
   } else {
-    printForPeople(*task, daemon, run, stored);
+    printForPeople(*task, daemon, inUnit, run, stored);
   }
   return run.code;
+}
+
+int testInside() {
+  Json::Value wanted;
+  std::string error;
+  if (!Json::parseFromStream(Json::CharReaderBuilder(), std::cin, &wanted, &error)) {
+    throw Failure(kWrongUsage, "standard input holds no task: " + error);
+  }
+  Task task;
+  task.id = wanted["id"].asInt();
+  task.name = wanted["name"].asString();
+  task.path = wanted["path"].asString();
+  task.parameter = wanted["parameter"].asString();
+  closeInput();
+  const Run run = runOnce(task.record());
+  Json::Value left;
+  left["code"] = run.code;
+  left["output"] = run.output;
+  left["failure"] = run.failure;
+  left["seconds"] = run.seconds;
+  printJson(left);
+  return kDone;
 }

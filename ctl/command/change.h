@@ -1,0 +1,39 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "ctl/session/call.h"
+
+class Session;
+struct Options;
+struct Task;
+
+/// A change of tasks by a function of the database that takes a task's id.
+struct TaskChange {
+  Call call;           // without the id
+  std::string verb;    // "pause"
+  std::string result;  // "paused"
+  /// What a change of one task prints instead of "task 7 (load) paused; next due at ...".
+  std::function<void(const Task& before)> report = nullptr;
+  /// What a task loses, "its output, archive and history": then one task is confirmed, too.
+  std::string loss{};
+  /// Called with the first of the changed tasks at the end.
+  std::function<void(int id)> afterwards = nullptr;
+};
+
+/// The ids of the tasks that the options select for `verb`, in the order of the selection. Throws
+/// Failure (kWrongUsage) when they select none in particular, and kNotFound for an unknown id.
+std::vector<int> selectedIds(Session& session, const Options& options, const std::string& verb);
+
+/// Returns when these tasks may be changed: with --yes or after the answer of a terminal. One task
+/// is asked for only when there is a `loss`. Throws Failure otherwise.
+void confirm(Session& session, const Options& options, const std::string& verb,
+             const std::string& loss, const std::vector<int>& ids);
+
+/// Changes the tasks that the options select, all or none, in one transaction, and prints what has
+/// been done. More than one task is confirmed on the terminal or by --yes; the tasks that were
+/// confirmed are those that are changed. With --dry-run the transaction is rolled back. Returns the
+/// exit status; throws Failure.
+int changeTasks(Session& session, const Options& options, const TaskChange& change);

@@ -1,0 +1,113 @@
+#include "ctl/declared/stored.h"
+
+#include <fmt/format.h>
+
+#include "ctl/declared/sqlText.h"
+#include "ctl/failure.h"
+#include "ctl/session/session.h"
+
+namespace {
+
+/// The statement for tasks that fulfil a condition. The key of most tasks without one can be told
+/// without a call of kodu_implied_key().
+std::string selectWhere(const std::string& condition) {
+  return fmt::format(
+      R"(SELECT task.cron_id AS id,
+       COALESCE(task_key, CASE WHEN EXISTS (SELECT FROM kodu_cron_key
+                                            WHERE task_key = concat('task-', task.cron_id))
+                               THEN kodu_implied_key(task.cron_id)
+                               ELSE concat('task-', task.cron_id) END) COLLATE "C" AS key,
+       task_set, plugin.plugin_path AS path, plugin.plugin_name AS name,
+       cron_parameter AS parameters, cron_log_file AS file,
+       {} AS every, COALESCE(cron_retries, 1) AS retries,
+       COALESCE({}, '120') AS retry_after,
+       paused, pause_reason, EXTRACT(EPOCH FROM paused_until)::bigint AS paused_until,
+       floor(EXTRACT(EPOCH FROM CASE WHEN paused THEN due_at_pause
+                                     ELSE COALESCE(due_after_run, due) END))::bigint AS due,
+       floor(EXTRACT(EPOCH FROM now()))::bigint AS now
+FROM kodu_cron_plugin AS task
+JOIN kodu_plugins AS plugin ON plugin_id = cron_plugin_id
+JOIN kodu_task_state AS state ON state.id = task.cron_id
+LEFT JOIN kodu_cron_key AS own ON own.cron_id = task.cron_id
+WHERE plugin.plugin_type = 'cron' AND NOT deleting AND {})",
+      sqlPeriod("cron_interval"), sqlPeriod("cron_retries_interval"), condition);
+}
+
+// The ids that could have one of the keys in $1, or belong to the set $2.
+constexpr const char* kHasKeyOrSet = R"(task.cron_id IN (
+    SELECT cron_id FROM kodu_cron_key WHERE task_key = ANY($1::text[]) OR task_set = NULLIF($2, '')
+    UNION SELECT substring(key FROM '^task-([0-9]{1,9})x*$')::integer
+          FROM unnest($1::text[]) AS key))";
+
+StoredTask taskOf(const Rows& rows, int row, const std::string& guard) {
+  StoredTask task;
+  task.id = static_cast<int>(rows.number(row, "id"));
+  task.key = rows.text(row, "key");
+  task.set = rows.text(row, "task_set");
+  task.definition =
+      definitionOf({rows.text(row, "path"), rows.text(row, "name"), rows.text(row, "parameters"),
+                    rows.text(row, "file"), periodText(rows.text(row, "every")),
+                    rows.text(row, "retries"), periodText(rows.text(row, "retry_after"))},
+                   guard);
+  task.isPaused = rows.isTrue(row, "paused");
+  task.pauseReason = rows.text(row, "pause_reason");
+  task.pausedUntil = rows.optionalNumber(row, "paused_until");
+  task.due = rows.optionalNumber(row, "due");
+  task.now = rows.number(row, "now");
+  return task;
+}
+
+void requireTasks(Session& session, const std::vector<std::string>& ids) {
+  const Rows missing = session.query(
+      "SELECT id FROM unnest($1::integer[]) AS id WHERE NOT EXISTS"
+      " (SELECT FROM kodu_cron_plugin WHERE cron_id = id) ORDER BY id LIMIT 1",
+      {sqlArray(ids)});
+  if (missing.count() > 0) {
+    throw Failure(kNotFound, fmt::format("there is no task {}; koductl status lists them",
+                                         missing.text(0, "id")));
+  }
+}
+
+}  // namespace
+
+std::string readGuard(Session& session) {
+  return session
+      .query(
+          "SELECT COALESCE((SELECT plugin_path FROM kodu_plugins"
+          " WHERE plugin_path LIKE '%/koduguard' ORDER BY plugin_id LIMIT 1),"
+          " '/usr/bin/koduguard') AS guard")
+      .text(0, "guard");
+}
+
+std::vector<StoredTask> readStored(Session& session, const std::vector<std::string>& keys,
+                                   const std::string& set, const std::string& guard) {
+  const Rows rows = session.query(selectWhere(kHasKeyOrSet), {sqlArray(keys), set});
+  std::vector<StoredTask> tasks;
+  tasks.reserve(static_cast<std::size_t>(rows.count()));
+  for (int row = 0; row < rows.count(); ++row) {
+    tasks.push_back(taskOf(rows, row, guard));
+  }
+  return tasks;
+}
+
+void forEachStored(Session& session, const ExportSelection& selection, const std::string& guard,
+                   const std::function<void(const StoredTask&)>& use) {
+  std::vector<std::string> ids;
+  for (const int id : selection.ids) {
+    ids.push_back(std::to_string(id));
+  }
+  requireTasks(session, ids);
+  // Held, that is copied by the server: a reader of the export may be slow, and a transaction would
+  // keep the server from cleaning up behind the daemon's updates.
+  session.query("DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
+                    selectWhere("(cardinality($1::integer[]) = 0 OR task.cron_id = ANY($1))"
+                                " AND ($2 = '' OR task_set = $2) ORDER BY key"),
+                {sqlArray(ids), selection.set});
+  for (int count = 1; count > 0;) {
+    const Rows rows = session.query("FETCH 1000 FROM export");
+    count = rows.count();
+    for (int row = 0; row < count; ++row) {
+      use(taskOf(rows, row, guard));
+    }
+  }
+}

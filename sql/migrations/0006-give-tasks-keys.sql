@@ -1,0 +1,1 @@
+-- The table of keys is new, so schema.sql creates it.
