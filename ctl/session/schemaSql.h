@@ -18,6 +18,7 @@ const std::vector<Migration>& migrations();
 
 extern const char* const schemaSql;
 extern const char* const functionsSql;
-/// sql/migrations/before.sql and after.sql, run around the two above.
+extern const char* const ledgerSql;
+/// sql/migrations/before.sql and after.sql, run around the three above.
 extern const char* const beforeSql;
 extern const char* const afterSql;

@@ -31,7 +31,7 @@ DECLARE
 BEGIN
     SELECT string_agg(oid::regclass::text, ', ' ORDER BY relkind DESC, relname) INTO names
     FROM pg_class
-    WHERE relnamespace = 'public'::regnamespace AND relkind IN ('r', 'v')
+    WHERE relnamespace = 'public'::regnamespace AND relkind IN ('r', 'p', 'v')
       AND starts_with(relname, 'kodu_');
     EXECUTE 'LOCK TABLE ' || names || ' IN ACCESS EXCLUSIVE MODE NOWAIT';
 END
@@ -43,7 +43,7 @@ SELECT string_agg(DISTINCT format('session %s of %s%s', pid, usename,
 FROM pg_locks JOIN pg_stat_activity USING (pid)
 WHERE granted AND pid <> pg_backend_pid() AND locktype = 'relation'
   AND relation IN (SELECT oid FROM pg_class WHERE relnamespace = 'public'::regnamespace
-                                              AND relkind IN ('r', 'v')
+                                              AND relkind IN ('r', 'p', 'v')
                                               AND starts_with(relname, 'kodu_')))";
 
 constexpr const char* kHasFunctions =
@@ -129,6 +129,7 @@ void redefine(Session& session) {
   session.execute(schemaSql);
   if (hasFunctions) {
     session.execute(functionsSql);
+    session.execute(ledgerSql);
   }
   session.execute(afterSql);
 }
