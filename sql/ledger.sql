@@ -66,7 +66,7 @@ CREATE TABLE IF NOT EXISTS kodu_ledger (
     periods    integer NOT NULL,    -- that this row accounts for
     every      integer NOT NULL,    -- the task's interval in seconds
     life       integer NOT NULL,    -- of the daemon; 0: written by somebody else
-    bucket     smallint NOT NULL,
+    bucket     integer NOT NULL,
     attempt    smallint NOT NULL,   -- from 1; without a run 0; in a row of what was lost: how many rows
     outcome    "char" NOT NULL      -- see kodu_ledger_word
 ) PARTITION BY LIST (bucket);
@@ -158,10 +158,10 @@ BEGIN
 END
 $$;
 
-CREATE OR REPLACE FUNCTION kodu_ledger_bucket(moment timestamp) RETURNS smallint
+-- It rounds, which costs a run less than floor.
+CREATE OR REPLACE FUNCTION kodu_ledger_bucket(moment timestamp) RETURNS integer
 LANGUAGE sql IMMUTABLE AS $$
-    SELECT (pg_catalog.floor(pg_catalog.date_part('epoch', moment)
-                             / public.kodu_ledger_bucket_seconds())::bigint % 32)::smallint
+    SELECT (pg_catalog.date_part('epoch', moment) / public.kodu_ledger_bucket_seconds())::integer % 32
 $$;
 
 -- A code in words: the outcome of an attempt, or why periods were skipped.

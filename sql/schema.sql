@@ -121,8 +121,7 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
                    OR cron_wanted = 'infinity'),
     cron_changed boolean NOT NULL DEFAULT FALSE,
     -- The rest belongs to sql/ledger.sql: the state of the latest run, which its start and end write
-    -- with the columns of the daemon. No index may contain one of them, except ledger_lost, which rarely
-    -- changes.
+    -- with the columns of the daemon. No index may contain one of them.
     run_due           timestamp,
     run_started       timestamp,
     run_ended         timestamp,
@@ -169,10 +168,6 @@ CREATE TABLE IF NOT EXISTS kodu_cron_pause (
 
 -- SelectDeleteCron, every two minutes: the flagged rows without reading all the others.
 CREATE INDEX IF NOT EXISTS kodu_cron_plugin_flagged ON kodu_cron_plugin (cron_id) WHERE cron_delete;
-
--- The tasks of which a row of the ledger could not be written.
-CREATE INDEX IF NOT EXISTS kodu_cron_plugin_unwritten ON kodu_cron_plugin (cron_id)
-    WHERE ledger_lost IS NOT NULL;
 
 -- DeleteCronHistory and SelectCronHistory; with the date for queries of the latest failures.
 CREATE INDEX IF NOT EXISTS kodu_cron_error_of_task ON kodu_cron_error (cron_id, cron_date);

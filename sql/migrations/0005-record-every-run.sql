@@ -8,5 +8,3 @@ ALTER TABLE kodu_cron_plugin
     ADD COLUMN ledger_to         timestamp,
     ADD COLUMN ledger_lost       integer,
     ADD COLUMN run_attempt       smallint;
-
-CREATE INDEX kodu_cron_plugin_unwritten ON kodu_cron_plugin (cron_id) WHERE ledger_lost IS NOT NULL;
