@@ -45,6 +45,7 @@ class Parser {
     addReadingCommands();
     addChangingCommands();
     addPlanningCommands();
+    addLedgerCommand();
     addSchemaCommand();
   }
 
@@ -146,11 +147,17 @@ class Parser {
 
   /// Commands about the runs of a task.
   void addOutputs() {
-    CLI::App* history =
-        addTaskCommand("history", "List the failed runs of a task, the latest first", runHistory);
+    CLI::App* history = addTaskCommand(
+        "history", "List the runs of a task and the periods without a run, the latest first",
+        runHistory);
+    history->footer(
+        "Runs come from the ledger. Failed runs have a number for koductl output, and are listed "
+        "even if the ledger no longer contains them.");
     history->add_option("-n,--count", options.count, "List at most COUNT runs")
         ->option_text(valueWithDefault("COUNT", std::to_string(options.count)))
         ->check(CLI::Range(1, 1000000));
+
+    addAccount();
 
     CLI::App* output = addTaskCommand("output", "Print the output of a task's last run", runOutput);
     output->footer("With --follow and --json, each output is one JSON object.");
@@ -165,6 +172,25 @@ class Parser {
             "The plugin gets the arguments, the user, the folder and the empty environment that "
             "the daemon gives it. Its output is followed by the return code and by the differences "
             "from the stored output. The exit status is the return code.");
+  }
+
+  void addAccount() {
+    CLI::App* account = addCommand(
+        "account", "Show for each task how many periods had a run, and why the others had none",
+        runAccount);
+    account->footer(
+        "Periods are runs or are skipped for a reason. The exit status is 1 if the sum does not "
+        "match, which should never happen. A pattern may contain * and ?.");
+    account->add_option("ID", options.accountIds, "Ids of tasks; all tasks without an id")
+        ->check(CLI::Range(0, 2147483647));
+    account->add_option("--name", options.accountName, "Only tasks whose name matches PATTERN")
+        ->option_text("PATTERN");
+    account
+        ->add_option("--plugin", options.accountPlugin,
+                     "Only tasks whose plugin's path matches PATTERN")
+        ->option_text("PATTERN");
+    account->add_option("--since", options.since, "Count what ended at TIME or later")
+        ->option_text("TIME (as far back as the ledger goes)");
   }
 
   void addChangingCommands() {
@@ -285,6 +311,19 @@ class Parser {
                      "Delete what is older than this, such as 30d")
         ->option_text("INTERVAL")
         ->required();
+  }
+
+  void addLedgerCommand() {
+    CLI::App* ledger = addCommand(
+        "ledger", "Show the state of the ledger of all runs, or change its settings", runLedger);
+    ledger->footer(
+        "on and off switch it; keep DAYS sets for how long it keeps single runs. These need --user "
+        "with a member of kodu_admin. Summaries are kept for longer.");
+    ledger->add_option("ACTION", options.ledgerAction, "What to do")
+        ->option_text(valueWithDefault("on, off, keep or status", options.ledgerAction))
+        ->check(CLI::IsMember({"on", "off", "keep", "status"}));
+    ledger->add_option("DAYS", options.ledgerDays, "With keep: from 1 to 30 days")
+        ->check(CLI::Range(1, 30));
   }
 
   void addSchemaCommand() {

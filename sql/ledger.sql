@@ -447,6 +447,9 @@ BEGIN
     SELECT * INTO present FROM kodu_ledger_life WHERE life_id = life;
     PERFORM kodu_ledger_join(old, place, life);
     new.ledger_lost := NULL;
+    IF old.ledger_to <> place AND old.ledger_lost IS NULL THEN  -- it was off
+        old.run_failing_since := '-infinity';
+    END IF;
 
     IF ends_run THEN
         new := kodu_ledger_end(old, new, place, life);
@@ -488,19 +491,20 @@ BEGIN
 END
 $$;
 
--- The end of the first failed run since the last one that was OK; NULL: the task is not failing, or this
--- is not known. A run in progress changes nothing.
+-- The end of the first failed run since the last one that was OK; NULL: the task is not failing; -infinity:
+-- it was failing already when the ledger began. A run in progress changes nothing.
 CREATE OR REPLACE FUNCTION kodu_ledger_failing(old kodu_cron_plugin, new kodu_cron_plugin)
 RETURNS timestamp LANGUAGE plpgsql AS $$
 BEGIN
-    IF new.cron_status = 'PROCESS' THEN
+    IF new.cron_status IS NULL OR new.cron_status NOT IN ('PROCESS', 'FAILED') THEN
+        RETURN NULL;
+    ELSIF new.cron_status = 'PROCESS' OR old.cron_status IS DISTINCT FROM 'PROCESS'
+          OR old.run_failing_since IS NOT NULL THEN
         RETURN old.run_failing_since;
-    ELSIF new.cron_status = 'FAILED' THEN
-        RETURN COALESCE(old.run_failing_since,
-                        CASE WHEN old.cron_status IS DISTINCT FROM 'FAILED'
-                             THEN pg_catalog.timezone('UTC', pg_catalog.clock_timestamp()) END);
+    ELSIF old.ledger_to IS NULL AND old.cron_last_exec IS NOT NULL THEN
+        RETURN '-infinity';
     END IF;
-    RETURN NULL;
+    RETURN pg_catalog.timezone('UTC', pg_catalog.clock_timestamp());
 END
 $$;
 
@@ -635,11 +639,11 @@ SELECT cron_id AS id, due, started, ended,
 FROM kodu_ledger LEFT JOIN kodu_ledger_life ON life_id = life
 WHERE outcome <> 'n';
 
--- One row a task: its latest run, and since when it has been failing.
+-- One row a task: its latest run, and since when it has been failing, if the ledger has seen that begin.
 CREATE OR REPLACE VIEW kodu_task_run AS
 SELECT cron_id AS id, run_due AS due, run_started AS started, run_ended AS ended,
        EXTRACT(EPOCH FROM run_ended - run_started) AS seconds, run_attempt AS attempt,
-       run_failing_since AS failing_since
+       NULLIF(run_failing_since, '-infinity') AS failing_since
 FROM kodu_cron_plugin;
 
 -- What the ledger cannot explain; always empty. A row that does not begin where the previous one ended, a

@@ -418,7 +418,8 @@ SELECT task.cron_id AS id,
        ) AS failures_day,
        failing,
        CASE WHEN failing THEN COALESCE(
-           CASE WHEN ledger_to = COALESCE(pause_due, cron_next_exec) THEN run_failing_since END, (
+           CASE WHEN ledger_to = COALESCE(pause_due, cron_next_exec)
+                THEN NULLIF(run_failing_since, '-infinity') END, (
            -- From the latest failure back to the first gap, no further.
            SELECT cron_date
            FROM (SELECT cron_date, lead(cron_date) OVER latest_first AS earlier
@@ -492,7 +493,8 @@ COMMENT ON COLUMN kodu_cron_plugin.run_due IS 'UTC; when the latest run was due'
 COMMENT ON COLUMN kodu_cron_plugin.run_started IS 'UTC; start of its latest attempt';
 COMMENT ON COLUMN kodu_cron_plugin.run_ended IS 'UTC; NULL while the run is in progress';
 COMMENT ON COLUMN kodu_cron_plugin.run_failing_since IS
-    'UTC; end of the first failed run since the last one that was OK; NULL when that was the latest';
+    'UTC; end of the first failed run since the last one that was OK; NULL when that was the latest; '
+    '-infinity: not known';
 COMMENT ON COLUMN kodu_cron_plugin.pause_due IS
     'UTC; the next time of a paused task, which cron_next_exec does not contain';
 COMMENT ON COLUMN kodu_cron_plugin.ledger_to IS

@@ -25,6 +25,7 @@ int runExplain(const Options& options) {
   context.isConnected = isDaemonConnected(session);
   context.workers = stringToInt(session.config.threadNumber);
   context.workload = countRunning(session);
+  context.lastSkip = readLastSkip(session, task.id);
   // Writers of rows and outputs choose which file is read: with root's rights, it could be any
   // file.
   const AsDaemon rights(context.daemon);

@@ -218,6 +218,24 @@ TEST_F(LedgerTest, KnowsSinceWhenATaskHasBeenFailing) {
   EXPECT_EQ(since(), "");
 }
 
+TEST_F(LedgerTest, DoesNotKnowSinceWhenATaskHasBeenFailingThatFailedBefore) {
+  database.query("SELECT kodu_ledger_off()");
+  daemon.runOnce(1, "FAILED");
+  database.query("SELECT kodu_ledger_on()");
+  for (const std::string status : {"FAILED", "FAILED", "OK", "FAILED"}) {
+    daemon.runOnce(1, status);
+    const bool isKnown = database.task(1, "isfinite(run_failing_since)") == "t";
+    EXPECT_EQ(isKnown, ledger.rows(1).size() == 4) << status;
+  }
+  database.query("SELECT kodu_ledger_off()");
+  daemon.runOnce(1, "OK");
+  daemon.runOnce(1, "FAILED");
+  database.query("SELECT kodu_ledger_on()");
+  daemon.runOnce(1, "FAILED");
+  EXPECT_EQ(database.task(1, "run_failing_since"), "-infinity");
+  EXPECT_EQ(database.value("SELECT failing_since FROM kodu_task_run"), "");
+}
+
 TEST_F(LedgerTest, CallsARunInterruptedThatTheNextLifeFinds) {
   daemon.begin(1);
   Session next(database);
