@@ -248,6 +248,16 @@ TEST_F(UpgradeTest, KeepsTheGrantsOfAnAdministrator) {
             "D");
 }
 
+TEST_F(UpgradeTest, KeepsTheSettingsOfTheLedger) {
+  database.query("SELECT kodu_ledger_off(); SELECT kodu_ledger_keep(7)");
+  upgrade();
+  EXPECT_EQ(database.value("SELECT kodu_ledger_is_on()"), "f");
+  EXPECT_EQ(database.value("SELECT kodu_ledger_bucket_seconds()"), "25200");
+  database.query("SELECT kodu_ledger_on()");
+  upgrade();
+  EXPECT_EQ(database.value("SELECT kodu_ledger_is_on()"), "t");
+}
+
 TEST_F(UpgradeTest, RefusesWhenAnAdministratorsObjectsDependOnIt) {
   makeFirstRelease();
   database.query(
