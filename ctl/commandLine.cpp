@@ -319,8 +319,8 @@ class Parser {
     ledger->footer(
         "on and off switch it; keep DAYS sets for how long it keeps single runs. These need --user "
         "with a member of kodu_admin. Summaries are kept for longer.");
-    ledger->add_option("ACTION", options.ledgerAction, "What to do")
-        ->option_text(valueWithDefault("on, off, keep or status", options.ledgerAction))
+    ledger->add_option("ACTION", options.ledgerAction, "What to do: on, off, keep or status")
+        ->option_text(valueWithDefault("ACTION", options.ledgerAction))
         ->check(CLI::IsMember({"on", "off", "keep", "status"}));
     ledger->add_option("DAYS", options.ledgerDays, "With keep: from 1 to 30 days")
         ->check(CLI::Range(1, 30));
