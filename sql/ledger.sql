@@ -319,7 +319,7 @@ END
 $$;
 
 -- A person, a tool or a request has moved the next time. A tool that has its own reason names it first:
--- SET LOCAL kodu.reason = 'moved', or 'maintenance'.
+-- SET LOCAL kodu.reason = 'moved', 'maintenance' or 'paused'.
 CREATE OR REPLACE FUNCTION kodu_ledger_move(task kodu_cron_plugin, place timestamp,
                                             target timestamp) RETURNS void
 LANGUAGE plpgsql AS $$
@@ -327,7 +327,7 @@ DECLARE
     periods integer := kodu_ledger_periods(task, place, target);
     stop timestamp := place + task.cron_interval * periods;
     reason text := CASE current_setting('kodu.reason', TRUE) WHEN 'moved' THEN 'm'
-                        WHEN 'maintenance' THEN 'w' ELSE 'c' END;
+                        WHEN 'maintenance' THEN 'w' WHEN 'paused' THEN 'p' ELSE 'c' END;
 BEGIN
     IF task.cron_next_exec >= kodu_pause_time() THEN
         reason := 'p';

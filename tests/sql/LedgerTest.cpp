@@ -542,7 +542,7 @@ TEST_F(LedgerTest, LeavesARunAloneWhoseTaskAPersonChanges) {
 
 TEST_F(LedgerTest, TakesTheReasonOfATool) {
   daemon.runOnce(1);
-  for (const std::string reason : {"moved", "maintenance"}) {
+  for (const std::string reason : {"moved", "maintenance", "paused"}) {
     database.query(
         "BEGIN; SET LOCAL kodu.reason = '" + reason +
         "'; UPDATE kodu_cron_plugin SET cron_next_exec = cron_next_exec + interval '90 s'; "
@@ -551,10 +551,10 @@ TEST_F(LedgerTest, TakesTheReasonOfATool) {
   database.query("UPDATE kodu_cron_plugin SET cron_next_exec = cron_next_exec + interval '60 s'");
 
   EXPECT_THAT(ledger.rows(1), ElementsAre("ok #1", "moved 1", "changed 0", "maintenance 1",
-                                          "changed 0", "changed 1"));
+                                          "changed 0", "paused 1", "changed 0", "changed 1"));
 }
 
-TEST_F(LedgerTest, BeginsWithTheTaskAnewWhenItsIdIsUsedAgain) {
+TEST_F(LedgerTest, StartsAgainWhenTheIdOfATaskIsUsedAgain) {
   daemon.runOnce(1);
   database.query("DELETE FROM kodu_cron_plugin; DELETE FROM kodu_plugins");
   insertTask(1);
