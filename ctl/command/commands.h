@@ -29,3 +29,5 @@ int runForecast(const Options& options);
 int runStagger(const Options& options);
 int runPrune(const Options& options);
 int runSchema(const Options& options);
+int runAccount(const Options& options);
+int runLedger(const Options& options);
