@@ -122,7 +122,8 @@ int serviceSafe::execute() {
   // Held over the whole run, so that one task never runs twice at a time.
   const std::lock_guard lock(mutex);
   // Also clears a deletion mark that was set after the worker looked: a run that has begun is
-  // completed. The worker restores the mark then. Tested by ExecuteTest.WipesADeletionThatCameBeforeTheRun.
+  // completed. The worker restores the mark then. Tested by
+  // ExecuteTest.WipesADeletionThatCameBeforeTheRun.
   ExecState = kRecordNormal;
   Stdout.clear();
   const int pid = startPlugin(pipe);

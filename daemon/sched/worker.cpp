@@ -166,8 +166,9 @@ void processTask(const TaskPtr& task, std::vector<std::string>& parameters) {
     completeRun(task, code == 0 ? "OK" : "FAILED", parameters);
   }
   parameters.clear();
-  // Otherwise a task that was replaced just before its run would run beside the new one from now on,
-  // and a purged one would find no row. Tested by WorkerTest.KeepsAMarkThatComesJustBeforeTheRun.
+  // Otherwise a task that was replaced just before its run would run beside the new one from now
+  // on, and a purged one would find no row. Tested by
+  // WorkerTest.KeepsAMarkThatComesJustBeforeTheRun.
   task->restoreDrop();
   serviceQueue->push(task);
 }

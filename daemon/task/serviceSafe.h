@@ -173,11 +173,11 @@ class serviceSafe {
   std::atomic<std::int32_t> RetrieTime = 120;
   std::atomic<char> ExecState = kRecordNormal;
   std::atomic<bool> isDropped = false;  // the state that was set last was 3
-  std::string Service_idStr;     // guarded by mutex
-  std::string name;              // guarded by mutex
-  std::string parameter;         // guarded by mutex, but for Setparameter's store
-  ArgumentList parameterVector;  // guarded by mutex, but for GetVectorParam
-  std::string path;              // guarded by mutex
-  std::string Stdout;            // guarded by mutex, but for clearOutput
+  std::string Service_idStr;            // guarded by mutex
+  std::string name;                     // guarded by mutex
+  std::string parameter;                // guarded by mutex, but for Setparameter's store
+  ArgumentList parameterVector;         // guarded by mutex, but for GetVectorParam
+  std::string path;                     // guarded by mutex
+  std::string Stdout;                   // guarded by mutex, but for clearOutput
   mutable std::mutex mutex;
 };

@@ -69,8 +69,7 @@ TEST_F(ParserTest, HasDefaults) {
   EXPECT_EQ(options.user, "");
   EXPECT_EQ(options.lockTimeout, 5);
   EXPECT_EQ(options.statementTimeout, 60);
-  EXPECT_FALSE(options.asJson || options.onlyFailed || options.onlyLate || options.withOutput ||
-               options.watch);
+  EXPECT_FALSE(options.asJson || options.onlyFailed || options.withOutput || options.watch);
 }
 
 TEST_F(ParserTest, AcceptsTheCommonOptionsOnBothSidesOfTheCommand) {
@@ -95,7 +94,7 @@ TEST_F(ParserTest, FindsEachCommand) {
   const std::vector<std::pair<Words, Command>> cases = {
       {{"status"}, runStatus},        {{"show", "7"}, runShow},
       {{"explain", "7"}, runExplain}, {{"history", "7"}, runHistory},
-      {{"output", "7"}, runOutput},   {{"rerun", "7"}, runRerun},
+      {{"output", "7"}, runOutput},   {{"rerun", "7"}, runTest},
       {{"check"}, runCheck},          {{"add", "p", "--every", "1s"}, runAdd},
       {{"set", "7"}, runSet},         {{"pause", "7"}, runPause},
       {{"resume", "7"}, runResume},   {{"run", "7"}, runNow},

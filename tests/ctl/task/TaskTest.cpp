@@ -8,6 +8,7 @@
 #include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session/session.h"
+#include "ctl/task/selection.h"
 #include "task/serviceCron.h"
 #include "tests/ctl/CtlTest.h"
 
@@ -21,13 +22,13 @@ constexpr long kNoon = 1714564800;  // 2024-05-01 12:00:00
 TEST(PauseTextTest, OmitsUnknownParts) {
   const std::optional<long> unknown;
   const std::vector<std::pair<Pause, std::string>> cases = {
-      {{unknown, "", ""}, "paused"},
-      {{unknown, "alice", ""}, "paused by alice"},
-      {{unknown, "", "new disks"}, "paused: new disks"},
-      {{kNoon - 300, "", ""}, "paused since 2024-05-01 11:55:00 UTC (5m ago)"},
-      {{kNoon - 300, "alice", "new disks"},
+      {{unknown, unknown, "", ""}, "paused"},
+      {{unknown, unknown, "alice", ""}, "paused by alice"},
+      {{unknown, unknown, "", "new disks"}, "paused: new disks"},
+      {{kNoon - 300, unknown, "", ""}, "paused since 2024-05-01 11:55:00 UTC (5m ago)"},
+      {{kNoon - 300, unknown, "alice", "new disks"},
        "paused since 2024-05-01 11:55:00 UTC (5m ago) by alice: new disks"},
-      {{kNoon, "alice", ""}, "paused since 2024-05-01 12:00:00 UTC (0s ago) by alice"},
+      {{kNoon, unknown, "alice", ""}, "paused since 2024-05-01 12:00:00 UTC (0s ago) by alice"},
   };
   for (const auto& [pause, text] : cases) {
     EXPECT_EQ(pauseText(pause, kNoon), text);
@@ -91,7 +92,7 @@ TEST(TaskJsonTest, HasNullForUnknownValues) {
 
 TEST(TaskJsonTest, DescribesAPause) {
   Task task;
-  task.pause = Pause{kNoon, "alice", "new disks"};
+  task.pause = Pause{kNoon, std::nullopt, "alice", "new disks"};
   const Json::Value json = toJson(task);
   EXPECT_TRUE(json["paused"].asBool());
   EXPECT_EQ(json["pause"]["since"].asString(), "2024-05-01T12:00:00Z");
@@ -160,7 +161,7 @@ TEST_F(TaskRowTest, IsListedInTheOrderOfTheIds) {
     database.insertTask(quietTask(id));
   }
   std::vector<int> ids;
-  for (const Task& task : readTasks(*session)) {
+  for (const Task& task : readTasks(*session, Selection())) {
     ids.push_back(task.id);
   }
   EXPECT_THAT(ids, ElementsAre(4, 17, 30));

@@ -1,3 +1,5 @@
+#include "ctl/check/taskCheck.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,7 +13,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ctl/check/checks.h"
 #include "ctl/check/findings.h"
 #include "ctl/daemon/daemonProcess.h"
 #include "ctl/task/task.h"
@@ -27,9 +28,9 @@ using testing::IsEmpty;
 using testing::Not;
 
 /// checkTasks on tasks that no database holds.
-class CheckTasksTest : public testing::Test {
+class TaskCheckTest : public testing::Test {
  protected:
-  CheckTasksTest() {
+  TaskCheckTest() {
     fs::create_directories(output());
     writePlugin(guard(), "");
     writePlugin(plugin(), "");
@@ -58,7 +59,14 @@ class CheckTasksTest : public testing::Test {
     DaemonIdentity identity;
     identity.uid = geteuid();
     Findings findings;
-    checkTasks(tasks, identity, findings);
+    SharedFiles files;
+    for (const Task& task : tasks) {
+      files.emplace(task.outputPath(), std::nullopt);
+    }
+    TaskCheck checks(identity, files, findings);
+    for (const Task& task : tasks) {
+      checks.look(task);
+    }
     std::vector<std::string> texts;
     for (const Json::Value& finding : findings.toJson()) {
       std::string ids;
@@ -78,12 +86,12 @@ class CheckTasksTest : public testing::Test {
   TempDir directory;
 };
 
-TEST_F(CheckTasksTest, FindsNothingInAValidTask) {
+TEST_F(TaskCheckTest, FindsNothingInAValidTask) {
   EXPECT_THAT(check({validTask(7), validTask(8)}), IsEmpty());
   EXPECT_THAT(check({}), IsEmpty());
 }
 
-TEST_F(CheckTasksTest, FindsRowsThatTheDaemonRefuses) {
+TEST_F(TaskCheckTest, FindsRowsThatTheDaemonRefuses) {
   EXPECT_THAT(checkWith([](Task& task) { task.id = -1; }),
               Contains("error -1: refused by the daemon: the id is negative"));
   for (const std::optional<long> every : {std::optional<long>(), {0}, {-5}}) {
@@ -101,7 +109,7 @@ TEST_F(CheckTasksTest, FindsRowsThatTheDaemonRefuses) {
       << "a paused task has no next run";
 }
 
-TEST_F(CheckTasksTest, FindsValuesThatTheTablesNowRefuse) {
+TEST_F(TaskCheckTest, FindsValuesThatTheTablesNowRefuse) {
   EXPECT_THAT(checkWith([](Task& task) { task.isIntervalUneven = true; }),
               ElementsAre(HasSubstr("error 7: the interval contains months, years or a negative")));
   EXPECT_THAT(checkWith([](Task& task) { task.isNextBeyondLimit = true; }),
@@ -114,7 +122,7 @@ struct Retry {
   bool isFound;
 };
 
-TEST_F(CheckTasksTest, FindsRetriesWithinTheSecondOfTheFailure) {
+TEST_F(TaskCheckTest, FindsRetriesWithinTheSecondOfTheFailure) {
   const std::optional<long> none;
   const std::vector<Retry> cases = {{1, 1, true},     {5, 0, true},        {1, -3, true},
                                     {none, 1, true},  {1, 2, false},       {0, 0, false},
@@ -129,7 +137,7 @@ TEST_F(CheckTasksTest, FindsRetriesWithinTheSecondOfTheFailure) {
   }
 }
 
-TEST_F(CheckTasksTest, WarnsOfAQuoteThatIsNotClosed) {
+TEST_F(TaskCheckTest, WarnsOfAQuoteThatIsNotClosed) {
   const std::string begin = validTask(7).parameter;
   const std::vector<std::pair<std::string, bool>> cases = {
       {"", false},           {" \"a b\"", false}, {" \"a b", true}, {" it's", true},
@@ -142,7 +150,7 @@ TEST_F(CheckTasksTest, WarnsOfAQuoteThatIsNotClosed) {
   }
 }
 
-TEST_F(CheckTasksTest, FindsPluginsThatCannotBeRun) {
+TEST_F(TaskCheckTest, FindsPluginsThatCannotBeRun) {
   fs::remove(plugin());
   EXPECT_THAT(check({validTask(7)}), ElementsAre("error 7: plugin " + plugin() +
                                                  " cannot be run: No such file or directory"));
@@ -152,13 +160,13 @@ TEST_F(CheckTasksTest, FindsPluginsThatCannotBeRun) {
       << "the guarded plugin is not checked then";
 }
 
-TEST_F(CheckTasksTest, WarnsOfATaskWithoutATimeLimit) {
+TEST_F(TaskCheckTest, WarnsOfATaskWithoutATimeLimit) {
   EXPECT_THAT(checkWith([&](Task& task) { task.path = plugin(); }),
               ElementsAre("warning 7: no time limit: a run that hangs occupies its worker (see "
                           "koduguard)"));
 }
 
-TEST_F(CheckTasksTest, FindsAGuardWithoutAPlugin) {
+TEST_F(TaskCheckTest, FindsAGuardWithoutAPlugin) {
   for (const char* parameter : {"", "-t 5", "-t 5 --"}) {
     EXPECT_THAT(checkWith([&](Task& task) { task.parameter = parameter; }),
                 ElementsAre(HasSubstr("error 7: plugin  cannot be run: ")))
@@ -166,14 +174,14 @@ TEST_F(CheckTasksTest, FindsAGuardWithoutAPlugin) {
   }
 }
 
-TEST_F(CheckTasksTest, ReportsAPluginOfManyTasksOnce) {
+TEST_F(TaskCheckTest, ReportsAPluginOfManyTasksOnce) {
   fs::remove(plugin());
   EXPECT_THAT(
       check({validTask(1), validTask(2), validTask(3)}),
       ElementsAre("error 1 2 3: plugin " + plugin() + " cannot be run: No such file or directory"));
 }
 
-TEST_F(CheckTasksTest, FindsFileNamesThatEndTheDaemon) {
+TEST_F(TaskCheckTest, FindsFileNamesThatEndTheDaemon) {
   EXPECT_THAT(checkWith([](Task& task) { task.fileName = ""; }),
               ElementsAre("error 7: cron_log_file is empty: the output has no file, which ends the "
                           "daemon"));
@@ -188,7 +196,7 @@ TEST_F(CheckTasksTest, FindsFileNamesThatEndTheDaemon) {
       ElementsAre(HasSubstr("error 7: the file name contains a /, but the archive has no")));
 }
 
-TEST_F(CheckTasksTest, FindsOutputFilesThatCannotBeWritten) {
+TEST_F(TaskCheckTest, FindsOutputFilesThatCannotBeWritten) {
   fs::create_directory(validTask(7).outputPath());
   EXPECT_THAT(check({validTask(7)}),
               ElementsAre("error 7: output file cannot be written: it is a directory"));
@@ -197,19 +205,19 @@ TEST_F(CheckTasksTest, FindsOutputFilesThatCannotBeWritten) {
   EXPECT_THAT(check({validTask(7)}), ElementsAre(HasSubstr("it is a FIFO, and its writer waits")));
 }
 
-TEST_F(CheckTasksTest, WarnsOfTasksThatShareAnOutputFile) {
+TEST_F(TaskCheckTest, WarnsOfTasksThatShareAnOutputFile) {
   std::vector<Task> tasks = {validTask(1), validTask(2), validTask(3)};
   tasks[0].fileName = tasks[2].fileName = "same_$DATE.txt";
   EXPECT_THAT(check(tasks), ElementsAre("warning 3: writes the same output file as task 1: " +
                                         output() + "/same_last.txt"));
 }
 
-TEST_F(CheckTasksTest, WarnsOfOverdueTasks) {
+TEST_F(TaskCheckTest, WarnsOfOverdueTasks) {
   EXPECT_THAT(checkWith([](Task& task) { task.isLate = true; }),
               ElementsAre("warning 7: is overdue"));
 }
 
-TEST_F(CheckTasksTest, ChecksOnlyThePluginTypeOfOtherTasks) {
+TEST_F(TaskCheckTest, ChecksOnlyThePluginTypeOfOtherTasks) {
   EXPECT_THAT(checkWith([](Task& task) {
                 task.type = "other";
                 task.path = "/nowhere";
@@ -220,7 +228,7 @@ TEST_F(CheckTasksTest, ChecksOnlyThePluginTypeOfOtherTasks) {
                           "'cron'"));
 }
 
-TEST_F(CheckTasksTest, AddsEveryFindingOfATask) {
+TEST_F(TaskCheckTest, AddsEveryFindingOfATask) {
   const auto found = checkWith([](Task& task) {
     task.every = 0;
     task.path = "/nowhere/plugin";
