@@ -37,9 +37,9 @@ TEST_F(HistoryTest, ShowsTheBeginningOfEachOutput) {
   const std::string out = run({"history", "7"}).out;
   EXPECT_THAT(out,
               StartsWith("#  ENDED (UTC)          DUE  TOOK  OUTCOME  ARCHIVED AS  FIRST LINE\n"));
-  EXPECT_THAT(out, HasSubstr("  -    -     failed   a.txt        first line\n"));
-  EXPECT_THAT(out, HasSubstr("  -    -     failed   b.txt\n"));
-  EXPECT_THAT(out, HasSubstr("  -    -     failed   c.txt        " + std::string(60, 'x') + "\n"));
+  EXPECT_THAT(out, HasSubstr("  -       -  failed   a.txt        first line\n"));
+  EXPECT_THAT(out, HasSubstr("  -       -  failed   b.txt\n"));
+  EXPECT_THAT(out, HasSubstr("  -       -  failed   c.txt        " + std::string(60, 'x') + "\n"));
   EXPECT_THAT(out, HasSubstr("d.txt        a?[2J b\n"));
 }
 
