@@ -413,6 +413,21 @@ TEST_F(LedgerTest, CountsThePeriodsOfAPause) {
   EXPECT_EQ(database.task(1, "pause_due"), "");
 }
 
+TEST_F(LedgerTest, CountsThePeriodsOfAPauseThatEndsByItself) {
+  daemon.runOnce(1);
+  database.query(
+      "SELECT kodu_task_pause(1, until => (cron_next_exec + interval '150 seconds')"
+      " AT TIME ZONE 'UTC') FROM kodu_cron_plugin WHERE cron_id = 1");
+  EXPECT_THAT(ledger.rows(1), ElementsAre("ok #1", "paused 3"));
+}
+
+TEST_F(LedgerTest, StaysCompleteWhenSuchAPauseIsEndedEarlier) {
+  daemon.runOnce(1);
+  database.query("SELECT kodu_task_pause(1, until => now() + interval '1 hour')");
+  database.query("SELECT kodu_task_resume(1)");
+  EXPECT_EQ(ledger.rows(1).front(), "ok #1");
+}
+
 TEST_F(LedgerTest, CountsARunThatEndsInAPause) {
   daemon.runOnce(1);
   letPass("1 hour 1 minute");
