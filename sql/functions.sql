@@ -192,8 +192,10 @@ $$;
 -- this run writes stays. Before the run, cron_wanted says how long the row is kept. A due time proves
 -- nothing: the functions may have moved it. The same holds for a purge that read the flag just before the
 -- deletion was taken back: it has dropped the task from the daemon's memory, which loads it again.
+--
+-- With the rights of the tables' owner, since the daemon's role may not write cron_wanted.
 CREATE OR REPLACE FUNCTION kodu_spare_run() RETURNS trigger
-LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
+LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, pg_temp AS $$
 DECLARE
     utc timestamp := clock_timestamp() AT TIME ZONE 'UTC';
 BEGIN
@@ -210,7 +212,8 @@ BEGIN
     -- A later time was wanted before somebody else set the flag.
     IF OLD.cron_delete AND OLD.cron_wanted > utc AND OLD.cron_wanted < utc + interval '15 seconds' THEN
         -- Too late to take the deletion back: the daemon has forgotten the task.
-        UPDATE public.kodu_cron_plugin SET cron_wanted = '-infinity' WHERE cron_id = OLD.cron_id;
+        UPDATE public.kodu_cron_plugin SET cron_wanted = timestamp '1970-01-01'
+        WHERE cron_id = OLD.cron_id;
         RETURN NULL;
     END IF;
     RETURN OLD;
@@ -818,7 +821,7 @@ DECLARE
     soon timestamp := kodu_soon();
     due timestamp;
 BEGIN
-    IF old.cron_delete AND old.cron_wanted = '-infinity' THEN
+    IF old.cron_delete AND old.cron_wanted = timestamp '1970-01-01' THEN
         RAISE EXCEPTION 'the purge of task % has begun', task USING
             ERRCODE = 'object_not_in_prerequisite_state',
             HINT = 'Its files and its history are gone already. Add the task again.';

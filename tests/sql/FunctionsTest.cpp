@@ -718,6 +718,18 @@ TEST_F(FunctionsTest, TakesADeletionBackInTheTasksOwnRhythm) {
   expectRefused("kodu_task_undelete(8)", "there is no task 8", "SELECT id, name");
 }
 
+TEST_F(FunctionsTest, KeepsTheRowOfADeletedTaskFromAPurgeInTheSameSeconds) {
+  insertTask(7);
+  call("kodu_task_delete(7)");
+  pgSafeThread daemon(database.conninfo());
+  const char* purge = "DELETE FROM kodu_cron_plugin WHERE cron_id = 7";
+  PQclear(daemon.executeRequest(purge));
+  EXPECT_EQ(database.task(7, "cron_delete"), "t") << "a run may just be beginning";
+  expectRefused("kodu_task_undelete(7)", "the purge of task 7 has begun", "Its files and its history");
+  PQclear(daemon.executeRequest(purge));
+  EXPECT_EQ(database.task(7, "cron_id"), "") << "the next purge deletes it";
+}
+
 TEST_F(FunctionsTest, TakesADeletionBackWithTheTasksPause) {
   insertTask(7);
   call("kodu_task_pause(7, 'new disks')");
