@@ -57,6 +57,7 @@ class Parser {
     addChangingCommands();
     addDeclaringCommands();
     addPlanningCommands();
+    addLedgerCommand();
     addSchemaCommand();
     addEarlierNames();
   }
@@ -264,6 +265,17 @@ class Parser {
 
   /// Commands about the runs of a task.
   void addOutputs() {
+    CLI::App* history = addTaskCommand(
+        "history", "List the runs of a task and the periods without a run, the latest first",
+        runHistory);
+    history->footer(
+        "Runs come from the ledger. Failed runs have a number for koductl output, and are listed "
+        "even if the ledger no longer contains them.");
+    history->add_option("-n,--count", options.count, "List at most COUNT runs")
+        ->option_text(valueWithDefault("COUNT", std::to_string(options.count)))
+        ->check(CLI::Range(1, 1000000));
+    addAccount();
+
     CLI::App* logs = addCommand(
         "logs", "Print what the latest runs of a task printed, the latest last", runLogs);
     logs->footer(
@@ -289,6 +301,25 @@ class Parser {
         "runs in the unit's sandbox. Its output is followed by the return code and by the "
         "differences from the stored output. The exit status is the return code. An earlier name "
         "of this command, rerun, works in this release.");
+  }
+
+  void addAccount() {
+    CLI::App* account = addCommand(
+        "account", "Show for each task how many periods had a run, and why the others had none",
+        runAccount);
+    account->footer(
+        "Periods are runs or are skipped for a reason. The exit status is 1 if the sum does not "
+        "match, which should never happen. A pattern may contain * and ?.");
+    account->add_option("ID", options.accountIds, "Ids of tasks; all tasks without an id")
+        ->check(CLI::Range(0, 2147483647));
+    account->add_option("--name", options.accountName, "Only tasks whose name matches PATTERN")
+        ->option_text("PATTERN");
+    account
+        ->add_option("--plugin", options.accountPlugin,
+                     "Only tasks whose plugin's path matches PATTERN")
+        ->option_text("PATTERN");
+    account->add_option("--since", options.since, "Count what ended at TIME or later")
+        ->option_text("TIME (as far back as the ledger goes)");
   }
 
   void addChangingCommands() {
@@ -469,6 +500,19 @@ class Parser {
     apply->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation of deletions");
   }
 
+  void addLedgerCommand() {
+    CLI::App* ledger = addCommand(
+        "ledger", "Show the state of the ledger of all runs, or change its settings", runLedger);
+    ledger->footer(
+        "on and off switch it; keep DAYS sets for how long it keeps single runs. These need --user "
+        "with a member of kodu_admin. Summaries are kept for longer.");
+    ledger->add_option("ACTION", options.ledgerAction, "What to do: on, off, keep or status")
+        ->option_text(valueWithDefault("ACTION", options.ledgerAction))
+        ->check(CLI::IsMember({"on", "off", "keep", "status"}));
+    ledger->add_option("DAYS", options.ledgerDays, "With keep: from 1 to 30 days")
+        ->check(CLI::Range(1, 30));
+  }
+
   void addSchemaCommand() {
     CLI::App* schema = addCommand(
         "schema", "Show the version of the database's tables, or upgrade them", runSchema);
@@ -503,13 +547,6 @@ class Parser {
   /// Commands of the first release that another one has replaced.
   void addEarlierNames() {
     group = "Earlier names";
-    CLI::App* history = addTaskCommand(
-        "history", "List the failed runs of a task; the next release has only logs --failed",
-        runHistory);
-    history->add_option("-n,--count", options.count, "List at most COUNT runs")
-        ->option_text(valueWithDefault("COUNT", std::to_string(options.count)))
-        ->check(CLI::Range(1, 1000000));
-
     CLI::App* output = addTaskCommand(
         "output", "Print the output of a task's last run; the next release has only logs",
         runOutput);

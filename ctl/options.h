@@ -79,6 +79,14 @@ struct Options {
   std::string source;  // a file, a directory or "-"
   bool isPruning = false;
 
+  // account: "" without a condition; a pattern has * and ?
+  std::vector<int> accountIds;
+  std::string accountName, accountPlugin, since;
+
+  // ledger
+  std::string ledgerAction = "status";
+  std::optional<int> ledgerDays;
+
   // schema
   std::string schemaAction;  // "": show the state; "upgrade"
   int waitSeconds = 60;

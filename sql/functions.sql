@@ -174,9 +174,17 @@ BEGIN
 END
 $$;
 
-CREATE OR REPLACE TRIGGER kodu_task_updated
-    BEFORE UPDATE OF cron_status, cron_next_exec ON kodu_cron_plugin
-    FOR EACH ROW EXECUTE FUNCTION kodu_follow_daemon();
+-- If it exists, it may call the function of sql/ledger.sql instead.
+DO $$
+BEGIN
+    IF NOT EXISTS (SELECT FROM pg_trigger WHERE tgrelid = 'kodu_cron_plugin'::regclass
+                                            AND tgname = 'kodu_task_updated') THEN
+        CREATE TRIGGER kodu_task_updated
+            BEFORE UPDATE OF cron_status, cron_next_exec ON kodu_cron_plugin
+            FOR EACH ROW EXECUTE FUNCTION kodu_follow_daemon();
+    END IF;
+END
+$$;
 
 -- For a purge that read the flag of a task whose run begins at the same time: such a run ends with an
 -- update of the row. The purge has taken the task from the daemon's memory by then, and the next purge
@@ -847,8 +855,11 @@ BEGIN
     ON CONFLICT (cron_id) DO UPDATE SET next_exec = EXCLUDED.next_exec,
         paused_at = EXCLUDED.paused_at, paused_by = EXCLUDED.paused_by, reason = EXCLUDED.reason,
         resumes_at = EXCLUDED.resumes_at;
+    -- The ledger records why the times in between have no run.
+    PERFORM set_config('kodu.reason', 'paused', TRUE);
     PERFORM kodu_move(old, CASE WHEN ends IS NULL THEN kodu_pause_time()
                                 ELSE kodu_next_slot(was_due, old.cron_interval, ends) END);
+    PERFORM set_config('kodu.reason', '', TRUE);
 END
 $$;
 
@@ -1244,6 +1255,7 @@ BEGIN
           -- roles that may read the views, or that update a task, call these
           AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused',
                               'kodu_follow_request', 'kodu_implied_key')
+          AND proname NOT LIKE 'kodu\_ledger\_%'  -- sql/ledger.sql grants these
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);
         EXECUTE format('GRANT EXECUTE ON FUNCTION %s TO kodu_admin', function);

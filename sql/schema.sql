@@ -20,8 +20,8 @@ SET LOCAL search_path = public;
 
 -- The number and the title of the latest file in sql/migrations, which changed existing tables to what
 -- this file creates.
-SET LOCAL kodu.schema_version = '6';
-SET LOCAL kodu.schema_title = 'give tasks keys';
+SET LOCAL kodu.schema_version = '7';
+SET LOCAL kodu.schema_title = 'record every run';
 
 -- CREATE TABLE below does not change tables of another version, but the rest of this file would change.
 DO $$
@@ -119,7 +119,17 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
         CONSTRAINT cron_wanted_in_integer_seconds
             CHECK (cron_wanted BETWEEN '1970-01-01 00:00:00' AND '2038-01-19 03:14:07'
                    OR cron_wanted = 'infinity'),
-    cron_changed boolean NOT NULL DEFAULT FALSE
+    cron_changed boolean NOT NULL DEFAULT FALSE,
+    -- The rest belongs to sql/ledger.sql: the state of the latest run, which its start and end write
+    -- with the columns of the daemon. No index may contain one of them.
+    run_due           timestamp,
+    run_started       timestamp,
+    run_ended         timestamp,
+    run_failing_since timestamp,
+    pause_due         timestamp,
+    ledger_to         timestamp,
+    ledger_lost       integer,
+    run_attempt       smallint
 ) WITH (fillfactor = 70);
 
 -- cron_id refers to a task without a foreign key. The daemon deletes a task's history and then its
@@ -397,10 +407,10 @@ WHERE usename = COALESCE(NULLIF(current_setting('kodu.daemon_role', TRUE), ''), 
 -- allow several processes to share one count of a million tasks.
 --
 -- retry_due: the tables do not tell whether the retry has begun, only when it does at the earliest.
--- failing_since: the first failure of those between which no run can have succeeded, as far as the
--- history goes. The daemon records no successes: a gap of more than one and a half intervals (of runs
--- or of retries, whichever is longer) is taken for one. A task in PROCESS fails when the present run
--- has failed already, or the last one had no retry left.
+-- failing_since: as the ledger has it; where it has missed runs, the first failure of those between which
+-- no run can have succeeded, as far as the history goes. The daemon records no successes: a gap of more
+-- than one and a half intervals (of runs or of retries, whichever is longer) is taken for one. A task in
+-- PROCESS fails when the present run has failed already, or the last one had no retry left.
 CREATE OR REPLACE VIEW kodu_task_state AS
 SELECT task.cron_id AS id,
        plugin_name AS name,
@@ -434,7 +444,9 @@ SELECT task.cron_id AS id,
         WHERE error.cron_id = task.cron_id AND cron_date > utc - interval '1 day'
        ) AS failures_day,
        failing,
-       CASE WHEN failing THEN (
+       CASE WHEN failing THEN COALESCE(
+           CASE WHEN ledger_to = COALESCE(pause_due, cron_next_exec)
+                THEN NULLIF(run_failing_since, '-infinity') END, (
            -- From the latest failure back to the first gap, no further.
            SELECT cron_date
            FROM (SELECT cron_date, lead(cron_date) OVER latest_first AS earlier
@@ -444,7 +456,7 @@ SELECT task.cron_id AS id,
            WHERE earlier IS NULL
               OR cron_date - earlier > 1.5 * greatest(cron_interval, retry_after)
            ORDER BY cron_date DESC
-           LIMIT 1)
+           LIMIT 1))
        END AS failing_since,
        (SELECT connected FROM kodu_daemon_state) AS daemon_connected,
        CASE WHEN plugin_path NOT LIKE '%/koduguard' THEN plugin_path
@@ -517,6 +529,19 @@ COMMENT ON COLUMN kodu_cron_plugin.cron_wanted IS
     'progress sets cron_delete';
 COMMENT ON COLUMN kodu_cron_plugin.cron_changed IS
     'TRUE: the daemon is told of a change of the definition at the end of the run in progress';
+COMMENT ON COLUMN kodu_cron_plugin.run_due IS 'UTC; when the latest run was due';
+COMMENT ON COLUMN kodu_cron_plugin.run_started IS 'UTC; start of its latest attempt';
+COMMENT ON COLUMN kodu_cron_plugin.run_ended IS 'UTC; NULL while the run is in progress';
+COMMENT ON COLUMN kodu_cron_plugin.run_failing_since IS
+    'UTC; end of the first failed run since the last one that was OK; NULL when that was the latest; '
+    '-infinity: not known';
+COMMENT ON COLUMN kodu_cron_plugin.pause_due IS
+    'UTC; the next time of a paused task, which cron_next_exec does not contain';
+COMMENT ON COLUMN kodu_cron_plugin.ledger_to IS
+    'UTC; the next time as the ledger knows it; NULL before the first row';
+COMMENT ON COLUMN kodu_cron_plugin.ledger_lost IS
+    'Rows that could not be written since the last one that was; NULL: none';
+COMMENT ON COLUMN kodu_cron_plugin.run_attempt IS 'Of the latest run, from 1';
 COMMENT ON TABLE kodu_cron_pause IS 'One row a paused task; times are UTC';
 COMMENT ON COLUMN kodu_cron_pause.next_exec IS 'Next due time at the moment of the pause';
 COMMENT ON COLUMN kodu_cron_pause.resumes_at IS

@@ -31,3 +31,5 @@ int runPrune(const Options& options);
 int runExport(const Options& options);
 int runApply(const Options& options);
 int runSchema(const Options& options);
+int runAccount(const Options& options);
+int runLedger(const Options& options);

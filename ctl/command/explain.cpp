@@ -24,6 +24,7 @@ std::vector<std::string> explainTask(Session& session, const Task& task) {
   context.isConnected = isDaemonConnected(session);
   context.workers = stringToInt(session.config.threadNumber);
   context.workload = countRunning(session);
+  context.lastSkip = readLastSkip(session, task.id);
   {
     // Writers of rows and outputs choose which file is read: with root's rights, it could be any
     // file.

@@ -35,7 +35,11 @@ struct Thresholds {
 struct Figures {
   long tasks = 0, overdue = 0, oldest = 0, stuck = 0, longest = 0, failures = 0, sessions = 0,
        daemons = 0;
+  std::optional<long> unwritten;  // rows of the ledger; nothing without one
+  long unpruned = 0;              // since the ledger was pruned, or switched on
 };
+
+constexpr long kDay = 86400;
 
 // The schema's views define late, running and daemon.
 constexpr const char* kFigures = R"(
@@ -49,6 +53,13 @@ SELECT count(*) AS tasks,
        (SELECT sessions FROM kodu_daemon_state) AS sessions,
        (SELECT daemons FROM kodu_daemon_state) AS daemons
 FROM kodu_task_state WHERE plugin_type = 'cron' AND NOT deleting)";
+
+constexpr const char* kLedger = R"(
+SELECT kodu_ledger_unwritten() AS unwritten,
+       CASE WHEN is_on THEN floor(EXTRACT(EPOCH FROM now() AT TIME ZONE 'UTC'
+                                                     - greatest(pruned_at, switched_on)))
+            ELSE 0 END::bigint AS unpruned
+FROM kodu_ledger_state)";
 
 /// A message in one line without the sign that begins the performance data.
 std::string lineOf(const std::string& message) {
@@ -90,9 +101,16 @@ Figures readFigures(const Options& options, const Thresholds& limits) {
   session.makeReadOnly();
   const Rows row = session.query(
       kFigures, {std::to_string(limits.warnOverdue), std::to_string(limits.warnProcess)});
-  return {row.number(0, "tasks"),    row.number(0, "overdue"), row.number(0, "oldest"),
-          row.number(0, "stuck"),    row.number(0, "longest"), row.number(0, "failures"),
-          row.number(0, "sessions"), row.number(0, "daemons")};
+  Figures found{row.number(0, "tasks"),    row.number(0, "overdue"), row.number(0, "oldest"),
+                row.number(0, "stuck"),    row.number(0, "longest"), row.number(0, "failures"),
+                row.number(0, "sessions"), row.number(0, "daemons"), std::nullopt};
+  if (session.query("SELECT to_regclass('kodu_ledger_state') IS NOT NULL AS is_there")
+          .isTrue(0, "is_there")) {
+    const Rows ledger = session.query(kLedger);
+    found.unwritten = ledger.number(0, "unwritten");
+    found.unpruned = ledger.number(0, "unpruned");
+  }
+  return found;
 }
 
 /// The state with the problems that led to it.
@@ -124,6 +142,14 @@ Judgement judgementOf(const Figures& found, const Thresholds& limits) {
     judgement.raise(found.oldest > limits.criticalOverdue ? kCritical : kWarning,
                     fmt::format("{} overdue (oldest {} s)", found.overdue, found.oldest));
   }
+  if (found.unwritten.value_or(0) > 0) {
+    judgement.raise(kWarning,
+                    fmt::format("{} rows of the ledger could not be written", *found.unwritten));
+  }
+  if (found.unpruned > kDay) {
+    judgement.raise(kWarning, fmt::format("the ledger was last pruned {} s ago: see ops/ledger",
+                                          found.unpruned));
+  }
   if (found.sessions == 0) {
     judgement.raise(kCritical, "no session of the daemon");
   }
@@ -133,10 +159,11 @@ Judgement judgementOf(const Figures& found, const Thresholds& limits) {
 std::string performanceData(const Figures& found, const Thresholds& limits) {
   return fmt::format(
       "tasks={} overdue={} oldest_overdue={}s;{};{};0 in_process_too_long={} "
-      "longest_in_process={}s;{};;0 failures_last_hour={};{};;0 sessions={}",
+      "longest_in_process={}s;{};;0 failures_last_hour={};{};;0 sessions={}{}",
       found.tasks, found.overdue, found.oldest, limits.warnOverdue, limits.criticalOverdue,
       found.stuck, found.longest, limits.warnProcess, found.failures,
-      limits.warnFailures ? std::to_string(*limits.warnFailures) : "", found.sessions);
+      limits.warnFailures ? std::to_string(*limits.warnFailures) : "", found.sessions,
+      found.unwritten ? fmt::format(" ledger_unwritten={};0;;0", *found.unwritten) : "");
 }
 
 Json::Value toJson(const Figures& found, const Judgement& judgement) {
@@ -151,6 +178,7 @@ Json::Value toJson(const Figures& found, const Judgement& judgement) {
   json["failures_last_hour"] = Json::Int64{found.failures};
   json["sessions"] = Json::Int64{found.sessions};
   json["daemons"] = Json::Int64{found.daemons};
+  json["ledger_unwritten"] = jsonNumber(found.unwritten);
   return json;
 }
 

@@ -16,9 +16,9 @@ FROM pg_proc WHERE proname = $1 AND pronamespace = 'public'::regnamespace)";
 void requireRightTo(Session& session, const std::string& function) {
   const Rows answer = session.query(kMayCall, {function});
   if (answer.isNull(0, "allowed")) {
-    throw Failure(kRefused, fmt::format("the database has no function {}: load sql/functions.sql "
-                                        "as its owner",
-                                        function));
+    const char* file = function.starts_with("kodu_ledger_") ? "ledger.sql" : "functions.sql";
+    throw Failure(kRefused, fmt::format("the database has no function {}: load sql/{} as its owner",
+                                        function, file));
   }
   if (!answer.isTrue(0, "allowed")) {
     throw Failure(kNotPermitted,

@@ -32,7 +32,7 @@ DECLARE
 BEGIN
     SELECT string_agg(oid::regclass::text, ', ' ORDER BY relkind DESC, relname) INTO names
     FROM pg_class
-    WHERE relnamespace = 'public'::regnamespace AND relkind IN ('r', 'v')
+    WHERE relnamespace = 'public'::regnamespace AND relkind IN ('r', 'p', 'v')
       AND starts_with(relname, 'kodu_');
     EXECUTE 'LOCK TABLE ' || names || ' IN ACCESS EXCLUSIVE MODE NOWAIT';
 END
@@ -44,7 +44,7 @@ SELECT string_agg(DISTINCT format('session %s of %s%s', pid, usename,
 FROM pg_locks JOIN pg_stat_activity USING (pid)
 WHERE granted AND pid <> pg_backend_pid() AND locktype = 'relation'
   AND relation IN (SELECT oid FROM pg_class WHERE relnamespace = 'public'::regnamespace
-                                              AND relkind IN ('r', 'v')
+                                              AND relkind IN ('r', 'p', 'v')
                                               AND starts_with(relname, 'kodu_')))";
 
 constexpr const char* kHasFunctions =
@@ -56,6 +56,9 @@ constexpr const char* kTransactionSettings =
     "SET LOCAL lock_timeout = '500ms'; SET LOCAL statement_timeout = 0;"
     "SET LOCAL idle_in_transaction_session_timeout = '5s';"
     "SET LOCAL client_min_messages = warning; SET LOCAL search_path = public";
+
+constexpr const char* kHasCalendars =
+    "SELECT to_regproc('public.kodu_calendar_parse') IS NOT NULL AS has_calendars";
 
 void takeTurn(Session& session) {
   if (!session.query(kTakeTurn).isTrue(0, "is_mine")) {
@@ -98,10 +101,15 @@ void redefine(Session& session) {
   // A database without the functions gets none: their triggers notify the daemon. If a platform
   // notifies it too, each new task would run twice.
   const bool hasFunctions = session.query(kHasFunctions).isTrue(0, "has_functions");
+  const bool hasCalendars = session.query(kHasCalendars).isTrue(0, "has_calendars");
   session.execute(beforeSql);
   session.execute(schemaSql);
   if (hasFunctions) {
     session.execute(functionsSql);
+    session.execute(ledgerSql);
+  }
+  if (hasCalendars) {
+    session.execute(calendarSql);
   }
   session.execute(afterSql);
 }

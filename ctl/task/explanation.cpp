@@ -138,8 +138,8 @@ std::string waitingFor(const Task& task, const TaskContext& context) {
   return fmt::format("Its next run is due at {}.", moment(*task.next, task.now));
 }
 
-/// Which rule has set the next time.
-std::string nextTimeRule(const Task& task) {
+/// Which rule has set the next time. The ledger knows better why periods were skipped.
+std::string nextTimeRule(const Task& task, bool hasSkip) {
   if (task.isRunning) {
     return "The due time does not change until the run is completed. Then the daemon adds "
            "intervals "
@@ -160,12 +160,20 @@ std::string nextTimeRule(const Task& task) {
   if (distance > 0 && distance % *task.every == 0) {
     const long count = distance / *task.every;
     return fmt::format(
-        "That is {} intervals after the due time of the last run: {} been skipped, "
-        "because a run was in progress or no daemon was running.",
-        count, count == 2 ? "one has" : fmt::format("{} have", count - 1));
+        "That is {} intervals after the due time of the last run: {} been skipped{}.", count,
+        count == 2 ? "one has" : fmt::format("{} have", count - 1),
+        hasSkip ? "" : ", because a run was in progress or no daemon was running");
   }
   return "That is not a whole number of intervals after the last run. Either the time was set by "
          "hand, run, set, resume or stagger, or the interval was changed.";
+}
+
+std::string lastSkip(const LedgerRow& skip, long now) {
+  const std::string why = whySkipped(skip.reason);
+  return skip.periods == 1
+             ? fmt::format("The period due at {} was skipped: {}.", moment(skip.due, now), why)
+             : fmt::format("{} periods due from {} on were skipped: {}.", skip.periods,
+                           moment(skip.due, now), why);
 }
 
 /// What the latest failed run printed, as the end of a line.
@@ -217,7 +225,10 @@ std::string outputFile(const Task& task, const TaskContext& context) {
 std::vector<std::string> explain(const Task& task, const TaskContext& context) {
   std::vector<std::string> sentences = {definition(task), lastRun(task), waitingFor(task, context)};
   if ((task.next || task.isPaused()) && task.every && *task.every > 0 && !task.isFlagged) {
-    sentences.push_back(nextTimeRule(task));
+    sentences.push_back(nextTimeRule(task, context.lastSkip.has_value()));
+  }
+  if (context.lastSkip) {
+    sentences.push_back(lastSkip(*context.lastSkip, task.now));
   }
   sentences.push_back(failing(task, context));
   if (!context.daemon.canBeTaken()) {

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ctl/daemon/daemonProcess.h"
+#include "ctl/task/ledger.h"
 #include "ctl/task/task.h"
 
 /// What an explanation needs besides the task's own row.
@@ -13,10 +15,11 @@ struct TaskContext {
   int workers = 0;           // as the INI file has it
   Workload workload;
   std::string failureText;  // first line of the latest failed run; empty when it cannot be read
-  bool isFailureSilent = false;  // the latest failed run's output exists and is empty
+  bool isFailureSilent = false;       // the latest failed run's output exists and is empty
+  std::optional<LedgerRow> lastSkip;  // as the ledger has it
 };
 
 /// Sentences: what the task is, how its last run ended, what it waits for, which rule set its next
-/// time, since when it has been failing and with which output, whether its plugin can be run, and
-/// whether its output can be written.
+/// time, why periods were skipped, since when it has been failing and with which output, whether
+/// its plugin can be run, and whether its output can be written.
 std::vector<std::string> explain(const Task& task, const TaskContext& context);

@@ -24,8 +24,8 @@ def load_once(workload):
         return (seconds, bare, *daemon.memory_bytes())
 
 
-def burst_once(workload, count, load_seconds):
-    """`count` tasks due in one second, drained: the daemon's figures for a run, then the floor's."""
+def drain_once(workload, count, load_seconds):
+    """`count` tasks due in one second, drained: the daemon's figures for a run."""
     due = int(time.time() + load_seconds * 1.5) + 3
     workload.plan(count, due)
     updates_before = workload.updates()
@@ -38,10 +38,16 @@ def burst_once(workload, count, load_seconds):
     time.sleep(1)  # its session ends and reports
     updates = [now - then for now, then in zip(workload.updates(), updates_before)]
     finished = workload.finish_times(count)
-    elapsed, own, children = workload.run_floor(count)
     return {'rate': count / (max(finished) - min(finished)),
             'own': (after[0] - before[0]) / count, 'children': (after[1] - before[1]) / count,
-            'server': server / count, 'hot share': updates[1] / updates[0],
+            'server': server / count, 'hot share': updates[1] / updates[0]}
+
+
+def burst_once(workload, count, load_seconds):
+    """The daemon's figures for a run of a burst, then the floor's."""
+    found = drain_once(workload, count, load_seconds)
+    elapsed, own, children = workload.run_floor(count)
+    return {**found,
             'floor rate': count / elapsed, 'floor own': own / count,
             'floor children': children / count}
 

@@ -20,7 +20,7 @@ class DaemonLife:
         self._log = open(workload.log, encoding='utf-8')
         self._unread = ''
         self._process = subprocess.Popen(
-            [workload.home / 'koducron', '-f', workload.home / 'cron.conf'],
+            [workload.home / 'koducron', '-f', workload.config],
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
 
     def __enter__(self):

@@ -12,7 +12,7 @@ import time
 from pathlib import Path
 from statistics import median
 
-from lab.bench import figures
+from lab.bench import figures, ledger
 from lab.bench.workload import Workload
 
 MANY = 100000
@@ -162,15 +162,29 @@ def machine():
             f'{gigabytes:.0f} GiB, {compiler}, {flags}')
 
 
+def sizes_of(options):
+    return [int(size) for size in options.loaded.split(',')]
+
+
+def heading(options):
+    return (f'{machine()}, {options.workers} workers, synchronous_commit '
+            f'{"on" if options.durable else "off"}, {options.rounds} rounds')
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument('--home', type=Path, required=True)
     parser.add_argument('--workers', type=int, required=True)
     parser.add_argument('--quick', action='store_true')
     parser.add_argument('--durable', action='store_true')
-    parser.add_argument('--rounds', type=int, default=5)
-    parser.add_argument('--loaded', default='1000,4000,10000,100000,1000000')
+    parser.add_argument('--ledger', action='store_true')
+    parser.add_argument('--rows', type=int, default=10000000)
+    parser.add_argument('--rounds', type=int)
+    parser.add_argument('--loaded')
     options = parser.parse_args()
+    options.rounds = options.rounds or (12 if options.ledger else 5)
+    options.loaded = options.loaded or ('4000' if options.ledger else
+                                        '1000,4000,10000,100000,1000000')
     workload = Workload(options.home, options.workers)
     shutil.copy(options.home / 'benchPlugin', workload.plugin)
     workload.commit_without_waiting(not options.durable)
@@ -178,11 +192,14 @@ def main():
         if options.quick:
             return 0 if passes_quick_check(workload, options.rounds) else 1
         table = Table()
-        measure_all(workload, table, [int(size) for size in options.loaded.split(',')],
-                    options.rounds, (0.25, 0.5, 0.8))
+        if options.ledger:
+            is_good = ledger.measure(workload, table, sizes_of(options), options.rounds,
+                                     options.rows)
+            write_tables(table, options.home / 'bench-ledger', heading(options))
+            return 0 if is_good else 1
+        measure_all(workload, table, sizes_of(options), options.rounds, (0.25, 0.5, 0.8))
         write_tables(table, options.home / ('bench-durable' if options.durable else 'bench'),
-                     f'{machine()}, {options.workers} workers, synchronous_commit '
-                     f'{"on" if options.durable else "off"}, {options.rounds} rounds')
+                     heading(options))
     finally:
         workload.plugin.unlink()
     return 0

@@ -1,5 +1,6 @@
 """The measured workload: tasks in the private database, and the floor that runs them too."""
 
+import functools
 import os
 import re
 import subprocess
@@ -16,17 +17,33 @@ DAY = 86400
 class Workload:
     """Everything below one folder, which scripts/bench has prepared."""
 
-    def __init__(self, home, workers):
+    def __init__(self, home, workers, database='kodu'):
+        """On the database that the INI files name, or on another one, for which it writes its own."""
         self.home, self.workers = home, workers
         self.output = home / 'output'
-        self.query = Database(home / 'postgres').query
+        self.query = functools.partial(Database(home / 'postgres').query, name=database)
         self.log = home / 'koducron.log'
         # 30 characters, so that memory figures are for paths of a known length.
         self.plugin = Path(('/tmp/koducron-bench-' + 'x' * PATH_LENGTH)[:PATH_LENGTH])
         config = dict(re.findall(r'^(PGSQL_\w+)=(.*)$', (home / 'database.conf').read_text(), re.M))
+        self.config = home / 'cron.conf'
+        if database != config['PGSQL_db']:
+            self.config = self._write_config(database)
+            config['PGSQL_db'] = database
         self._environment = {**os.environ, 'PGPASSWORD': config['PGSQL_pwd']}
         self._conninfo = (f'host={config["PGSQL_host"]} port={config["PGSQL_port"]} '
                           f'dbname={config["PGSQL_db"]} user={config["PGSQL_username"]}')
+
+    def _write_config(self, database):
+        """The INI files with another database's name; for this user's eyes only, as the others."""
+        place = self.home / f'database-{database}.conf'
+        place.touch(mode=0o600)
+        place.write_text(re.sub(r'^PGSQL_db=.*$', f'PGSQL_db={database}',
+                                (self.home / 'database.conf').read_text(), flags=re.M))
+        main = self.home / f'cron-{database}.conf'
+        main.write_text((self.home / 'cron.conf').read_text()
+                        .replace(str(self.home / 'database.conf'), str(place)))
+        return main
 
     def create_tasks(self, count):
         """Tasks 1 to count, due in a day, with an interval of a day."""

@@ -1,4 +1,4 @@
--- Run by koductl schema upgrade after schema.sql and functions.sql, see before.sql.
+-- Run by koductl schema upgrade after the other files of sql/, see before.sql.
 
 DO $$
 DECLARE
@@ -23,7 +23,7 @@ BEGIN
         SELECT format('ALTER %s %s OWNER TO %I', CASE relkind WHEN 'v' THEN 'VIEW' ELSE 'TABLE' END,
                       oid::regclass, owner)
         FROM pg_class
-        WHERE relnamespace = 'public'::regnamespace AND relkind IN ('r', 'v')
+        WHERE relnamespace = 'public'::regnamespace AND relkind IN ('r', 'p', 'v')
           AND starts_with(relname, 'kodu_') AND relowner <> owner::regrole
         UNION ALL
         SELECT format('ALTER FUNCTION %s OWNER TO %I', oid::regprocedure, owner)

@@ -1,4 +1,4 @@
--- Run by koductl schema upgrade before it loads schema.sql and functions.sql: drops what these two
+-- Run by koductl schema upgrade before it loads the other files of sql/ again: drops what these
 -- recreate (views, functions, triggers), so that no old version remains. Changes by an administrator
 -- are recorded for after.sql.
 --
@@ -43,7 +43,7 @@ BEGIN
 END
 $$;
 
--- Rights that somebody granted, but for those of the roles that the two files know.
+-- Rights that somebody granted, except those of the roles that these files know.
 INSERT INTO upgrade_keeps
 SELECT format('GRANT %s ON %s %s TO %s%s', privilege_type || columns,
               CASE kind WHEN 'COLUMN' THEN 'TABLE' ELSE kind END, relation,

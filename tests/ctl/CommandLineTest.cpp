@@ -160,7 +160,7 @@ TEST_F(ParserTest, ReportsErrorsWithTheHelpOfTheCommand) {
       {{"show"}, "ID is required; see koductl show --help\n"},
       {{"show", "-1"}, "; see koductl show --help\n"},
       {{"show", "seven"}, "; see koductl show --help\n"},
-      {{"status", "7"}, "; see koductl status --help\n"},
+      {{"status", "x"}, "; see koductl status --help\n"},
       {{"status", "--lat"}, "--lat"},
       {{"history", "7", "-n", "0"}, "; see koductl history --help\n"},
       {{"--lock-timeout", "86401", "status"}, "86401"},
@@ -194,7 +194,7 @@ TEST_F(ParserTest, PrintsHelpAndVersionToStandardOutput) {
     EXPECT_EQ(err, "");
   }
   parse({"delete", "--help"});
-  EXPECT_THAT(out, StartsWith("Usage: koductl delete ID [--yes]"));
+  EXPECT_THAT(out, StartsWith("Usage: koductl delete [ID]... [OPTION...]\n"));
 }
 
 /// Messages and exit statuses of koductl when it cannot start a command.

@@ -36,6 +36,7 @@ class CtlTest : public DaemonTest {
   void SetUp() override {
     DaemonTest::SetUp();
     database.query(readFile(projectFile("sql/functions.sql")));
+    database.query(readFile(projectFile("sql/ledger.sql")));
     database.query("CREATE ROLE " + admin() + " LOGIN PASSWORD 'secret' IN ROLE kodu_admin");
     environment = {"PATH=/usr/bin:/bin", "TERM=xterm"};
   }

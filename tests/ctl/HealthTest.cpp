@@ -101,7 +101,8 @@ TEST_F(HealthTest, HasPerformanceDataWithTheThresholds) {
   const CtlResult result = run({"health", "-w", "11", "-c", "22", "-p", "33", "-e", "44"});
   EXPECT_EQ(result.out.substr(result.out.find('|')),
             "| tasks=0 overdue=0 oldest_overdue=0s;11;22;0 in_process_too_long=0"
-            " longest_in_process=0s;33;;0 failures_last_hour=0;44;;0 sessions=1\n");
+            " longest_in_process=0s;33;;0 failures_last_hour=0;44;;0 sessions=1"
+            " ledger_unwritten=0;0;;0\n");
 }
 
 TEST_F(HealthTest, SaysTheSameAsJson) {

@@ -5,6 +5,7 @@
 #include "ctl/commandLine.h"
 #include "ctl/description.h"
 #include "tests/ctl/CtlTest.h"
+#include "tests/support/Ledger.h"
 
 namespace {
 
@@ -101,6 +102,19 @@ TEST_F(JsonSchemaTest, DescribesTheCommandsThatChange) {
   keep("apply", {"apply", declared, "--prune", "--yes"});
   keep("prune", {"prune", "--older-than", "1s"});
   keepText("repair", run({"repair", "--json"}).out);
+  EXPECT_EQ(violations(), "");
+}
+
+TEST_F(JsonSchemaTest, DescribesTheLedger) {
+  const Ledger ledger(database);
+  TaskRow row = makeTask(9, "echo bad; exit 2");
+  database.insertTask(row);
+  ASSERT_TRUE(daemon.startAndWait());
+  ASSERT_TRUE(waitForStatus(9, "FAILED"));
+  keep("history", {"history", "9"});
+  keep("account", {"account", "9"});
+  keep("ledger", {"ledger"});
+  keep("health", {"health"});
   EXPECT_EQ(violations(), "");
 }
 

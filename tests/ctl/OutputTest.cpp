@@ -27,9 +27,9 @@ class OutputTest : public CtlTest {
 TEST_F(OutputTest, ListsFailedRunsTheLatestFirst) {
   const CtlResult result = run({"history", "1"});
   EXPECT_EQ(result.exitCode, 0);
-  EXPECT_EQ(cell(result.out, "1", 4), "out_1_b.txt");
-  EXPECT_EQ(cell(result.out, "1", 5), "newer");
-  EXPECT_EQ(cell(result.out, "2", 4), "out_1_a.txt");
+  EXPECT_EQ(cell(result.out, "1", 6), "out_1_b.txt");
+  EXPECT_EQ(cell(result.out, "1", 7), "newer");
+  EXPECT_EQ(cell(result.out, "2", 6), "out_1_a.txt");
 }
 
 TEST_F(OutputTest, ListsTheRequestedNumberOfRuns) {
@@ -44,9 +44,9 @@ TEST_F(OutputTest, ReportsMissingArchivedOutputs) {
   EXPECT_THAT(run({"history", "1"}).out, HasSubstr("(gone)"));
 }
 
-TEST_F(OutputTest, SaysThatNoRunHasFailed) {
+TEST_F(OutputTest, SaysThatThereWasNoRun) {
   database.insertTask(quietTask(2));
-  EXPECT_EQ(run({"history", "2"}).out, "No failed run of task 2 (task2) is recorded.\n");
+  EXPECT_EQ(run({"history", "2"}).out, "No run of task 2 (task2) is recorded.\n");
 }
 
 TEST_F(OutputTest, PrintsTheLastOutputAsItIs) {

@@ -13,6 +13,7 @@
 #include "db/statements.h"
 #include "tests/support/Database.h"
 #include "tests/support/Files.h"
+#include "tests/support/Ledger.h"
 #include "tests/support/waitUntil.h"
 
 namespace {
@@ -582,6 +583,9 @@ class RunTest : public FunctionsTest {
     return database.task(7, "EXTRACT(EPOCH FROM cron_last_exec)::bigint");
   }
 
+  void TearDown() override { ledger.expectComplete(); }
+
+  Ledger ledger{database};
   pgSafeThread daemon{database.conninfo()};
   long due = 0;
 };

@@ -98,7 +98,15 @@ TEST_F(SchemaTest, HasTheColumnsThatTheStatementsName) {
                                                {"cron_delete", "boolean"},
                                                {"cron_shares_output", "boolean"},
                                                {"cron_wanted", "timestamp without time zone"},
-                                               {"cron_changed", "boolean"}}));
+                                               {"cron_changed", "boolean"},
+                                               {"run_due", "timestamp without time zone"},
+                                               {"run_started", "timestamp without time zone"},
+                                               {"run_ended", "timestamp without time zone"},
+                                               {"run_failing_since", "timestamp without time zone"},
+                                               {"pause_due", "timestamp without time zone"},
+                                               {"ledger_to", "timestamp without time zone"},
+                                               {"ledger_lost", "integer"},
+                                               {"run_attempt", "smallint"}}));
   EXPECT_EQ(columns("kodu_plugins"), (Rows{{"plugin_id", "integer"},
                                            {"plugin_name", "text"},
                                            {"plugin_path", "text"},

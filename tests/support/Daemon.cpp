@@ -74,6 +74,9 @@ bool Daemon::startAndWait(const std::vector<std::string>& options) {
 }
 
 void Daemon::signal(int number) const {
+  if (process <= 0) {  // kill(-1) would signal every process of the machine
+    throw std::logic_error("the daemon has not been started");
+  }
   kill(process, number);
 }
 

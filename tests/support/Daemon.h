@@ -45,6 +45,7 @@ class Daemon {
   bool startAndWait(const std::vector<std::string>& options = {});
 
   pid_t pid() const { return process; }
+  /// Throws std::logic_error before the first start.
   void signal(int number) const;
 
   /// waitpid's status once the daemon has ended; nothing when it still runs after `limit`.

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/DaemonTest.h"
+#include "tests/support/Ledger.h"
 
 namespace {
 
@@ -18,9 +19,10 @@ class FunctionsEndToEndTest : public DaemonTest {
  protected:
   void SetUp() override {
     DaemonTest::SetUp();
-    database.query(readFile(projectFile("sql/functions.sql")));
     daemon.programVariable = "KODU_TEST_SHORT_PURGE_DAEMON";
   }
+
+  void TearDown() override { accounts.expectComplete(); }
 
   /// A task that runs each second.
   TaskRow makeQuickTask(int id, const std::string& body = "echo fine") const {
@@ -60,6 +62,8 @@ class FunctionsEndToEndTest : public DaemonTest {
     }
     return payloads;
   }
+
+  const Ledger accounts{database};
 };
 
 TEST_F(FunctionsEndToEndTest, RunsATaskThatPlainSqlInserts) {

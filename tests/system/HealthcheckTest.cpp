@@ -17,6 +17,7 @@
 #include "tests/support/Daemon.h"
 #include "tests/support/Database.h"
 #include "tests/support/Files.h"
+#include "tests/support/Ledger.h"
 #include "tests/support/builtProgram.h"
 #include "tests/support/waitUntil.h"
 
@@ -393,6 +394,44 @@ TEST_F(HealthcheckTest, IsUnknownWithoutItsConfiguration) {
 
   EXPECT_EQ(health.status, 3);
   EXPECT_THAT(health.line, StartsWith("KODUCRON UNKNOWN - cannot read /nowhere"));
+}
+
+TEST_F(HealthcheckTest, WarnsOfALedgerThatCannotBeWritten) {
+  const Ledger ledger(database);
+  insert(1, "/bin/echo", "x", "now()");
+  ASSERT_TRUE(daemon.startAndWait());
+  EXPECT_THAT(check().line, HasSubstr("sessions=1 ledger_unwritten=0;0;;0\n"));
+
+  database.query("ALTER TABLE kodu_ledger RENAME TO away");
+  ASSERT_TRUE(waitUntil([&] { return database.task(1, "COALESCE(ledger_lost, 0) > 1") == "t"; },
+                        std::chrono::seconds(30)));
+
+  const Health health = check();
+  EXPECT_EQ(health.status, 1) << health.line;
+  EXPECT_THAT(health.line, HasSubstr("rows of the ledger could not be written | "));
+}
+
+TEST_F(HealthcheckTest, WarnsOfALedgerThatIsNotPruned) {
+  const Ledger ledger(database);
+  insert(1, "/bin/echo", "x", "now() + interval '1 hour'");
+  ASSERT_TRUE(daemon.startAndWait());
+  database.query("UPDATE kodu_ledger_state SET switched_on = now() - interval '25 hours'");
+
+  EXPECT_THAT(check().line, HasSubstr("WARNING - 1 tasks, the ledger was last pruned 900"));
+  const std::string call = "'" + projectFile("ops/ledger") + "' -f " + daemon.mainConfig();
+  EXPECT_EQ(std::system((call + " >" + daemon.directory.path() + "/said").c_str()), 0);
+
+  EXPECT_THAT(check().line, StartsWith("KODUCRON OK - "));
+  EXPECT_EQ(readFile(daemon.directory / "said"),
+            "rows added to the summaries: 0\nbuckets emptied: 0\nbucket indexed: none\n");
+}
+
+TEST_F(HealthcheckTest, MaintainsNothingWithoutALedger) {
+  const std::string call = "'" + projectFile("ops/ledger") + "' -f " + daemon.mainConfig();
+
+  EXPECT_EQ(std::system((call + " >" + daemon.directory.path() + "/said 2>&1").c_str()), 0);
+
+  EXPECT_EQ(readFile(daemon.directory / "said"), "");
 }
 
 }  // namespace

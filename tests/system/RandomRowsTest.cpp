@@ -37,6 +37,7 @@ class RandomRowsTest : public testing::Test {
 
   void SetUp() override {
     database.query(readFile(projectFile("sql/functions.sql")));
+    database.query(readFile(projectFile("sql/ledger.sql")));
     database.query("SET client_min_messages = warning");
     daemon.programVariable = std::string("KODU_TEST_SHORT_PURGE_DAEMON");
     daemon.threadNumber = std::string("8");

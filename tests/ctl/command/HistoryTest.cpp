@@ -35,10 +35,11 @@ TEST_F(HistoryTest, ShowsTheBeginningOfEachOutput) {
   addFailure(7, 30, "c.txt", std::string(100, 'x'));
   addFailure(7, 40, "d.txt", "a\x1b[2J\tb\n");
   const std::string out = run({"history", "7"}).out;
-  EXPECT_THAT(out, StartsWith("#  FAILED AT (UTC)      BYTES  ARCHIVED AS  FIRST LINE\n"));
-  EXPECT_THAT(out, HasSubstr("     18  a.txt        first line\n"));
-  EXPECT_THAT(out, HasSubstr("      0  b.txt\n"));
-  EXPECT_THAT(out, HasSubstr("    100  c.txt        " + std::string(60, 'x') + "\n"));
+  EXPECT_THAT(out,
+              StartsWith("#  ENDED (UTC)          DUE  TOOK  OUTCOME  ARCHIVED AS  FIRST LINE\n"));
+  EXPECT_THAT(out, HasSubstr("  -       -  failed   a.txt        first line\n"));
+  EXPECT_THAT(out, HasSubstr("  -       -  failed   b.txt\n"));
+  EXPECT_THAT(out, HasSubstr("  -       -  failed   c.txt        " + std::string(60, 'x') + "\n"));
   EXPECT_THAT(out, HasSubstr("d.txt        a?[2J b\n"));
 }
 
@@ -54,7 +55,7 @@ TEST_F(HistoryTest, ShowsWideCharactersWithinSixtyColumns) {
 TEST_F(HistoryTest, ShowsCopiesThatAreGone) {
   addFailure(7, 10, "a.txt", "text");
   std::filesystem::remove(archive(7) + "/a.txt");
-  EXPECT_THAT(run({"history", "7"}).out, HasSubstr("      -  a.txt        (gone)\n"));
+  EXPECT_THAT(run({"history", "7"}).out, HasSubstr("  failed   a.txt        (gone)\n"));
   const Json::Value json = parsed(run({"history", "7", "--json"}).out);
   EXPECT_TRUE(json[0]["bytes"].isNull());
   EXPECT_EQ(json[0]["path"].asString(), archive(7) + "/a.txt");

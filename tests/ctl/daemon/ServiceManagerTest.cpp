@@ -67,7 +67,8 @@ TEST_F(ServiceManagerTest, PassesNeitherEnvironmentNorStandardFiles) {
   answerTo("exec 3>" + report +
            "\n[ -z \"$DBUS_SYSTEM_BUS_ADDRESS\" ] && echo clean >&3\n"
            "/usr/bin/readlink /proc/self/fd/0 /proc/self/fd/2 >&3\necho 1");
-  EXPECT_EQ(readFile(report), "clean\n/dev/null\n/dev/null\n");
+  EXPECT_EQ(readFile(report), "clean\n/memfd:input (deleted)\n/dev/null\n")
+      << "an input of its own";
 }
 
 TEST_F(ServiceManagerTest, LeavesNoProcessAndNoDescriptor) {

@@ -113,6 +113,7 @@ TEST_F(UpgradeTest, MakesTheFirstReleaseEqualToAFreshDatabaseWhileTheDaemonRuns)
   empty(fresh);
   load(fresh, "sql/schema.sql");
   load(fresh, "sql/functions.sql");
+  load(fresh, "sql/ledger.sql");
   expectEqual(dump(fresh, "fresh.sql"), dump(database, "upgraded.sql"));
   EXPECT_EQ(fresh.value("SELECT max(version) FROM kodu_schema_version"),
             database.value("SELECT max(version) FROM kodu_schema_version"));
@@ -248,6 +249,16 @@ TEST_F(UpgradeTest, KeepsTheGrantsOfAnAdministrator) {
             "D");
 }
 
+TEST_F(UpgradeTest, KeepsTheSettingsOfTheLedger) {
+  database.query("SELECT kodu_ledger_off(); SELECT kodu_ledger_keep(7)");
+  upgrade();
+  EXPECT_EQ(database.value("SELECT kodu_ledger_is_on()"), "f");
+  EXPECT_EQ(database.value("SELECT kodu_ledger_bucket_seconds()"), "25200");
+  database.query("SELECT kodu_ledger_on()");
+  upgrade();
+  EXPECT_EQ(database.value("SELECT kodu_ledger_is_on()"), "t");
+}
+
 TEST_F(UpgradeTest, RefusesWhenAnAdministratorsObjectsDependOnIt) {
   makeFirstRelease();
   database.query(
@@ -274,6 +285,16 @@ TEST_F(UpgradeTest, LoadsNoFunctionsIntoADatabaseWithoutThem) {
   upgrade();
   EXPECT_EQ(database.value("SELECT to_regproc('kodu_notify_of_task')"), "");
   EXPECT_EQ(schema().exitCode, 0);
+}
+
+TEST_F(UpgradeTest, KeepsCalendarsWhereTheyWereLoaded) {
+  upgrade();
+  EXPECT_EQ(database.value("SELECT to_regproc('kodu_calendar_parse')"), "");
+  load(database, "sql/calendar.sql");
+  upgrade();
+  EXPECT_EQ(database.value("SELECT kodu_calendar_next('0 3 * * *', 'UTC', '2026-11-22 04:00Z')"
+                           " = '2026-11-23 03:00Z'"),
+            "t");
 }
 
 TEST_F(UpgradeTest, GivesNewTablesTheOwnerOfTheOldOnes) {

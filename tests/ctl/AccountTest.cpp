@@ -1,0 +1,120 @@
+#include "db/pgSafeThread.h"
+#include "db/statements.h"
+#include "tests/ctl/CtlTest.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+/// koductl account, ledger, and what history and explain have from the ledger: task 1 has run three
+/// times, and three periods were skipped after the second run.
+class AccountTest : public CtlTest {
+ protected:
+  void SetUp() override {
+    CtlTest::SetUp();
+    database.insertTask(quietTask(1));
+    prepareNamedStatements(session);
+    runOnce("OK");
+    perform("UpdateCronProcess", {"1"});
+    addFailure(1, 0, "out_1_a.txt", "no answer\n");
+    perform("UpdateCronProcess", {"1"});
+    perform("UpdateCronState", {"1", "OK"});
+    perform("updateCronExecTask", {"1", "3"});
+    runOnce("OK");
+  }
+
+  void perform(const std::string& statement, const std::vector<std::string>& parameters) {
+    PQclear(session.executePrepareRequest(statement, parameters));
+  }
+  void runOnce(const std::string& status) {
+    perform("UpdateCronProcess", {"1"});
+    perform("UpdateCronState", {"1", status});
+  }
+
+  pgSafeThread session{database.conninfo()};
+};
+
+TEST_F(AccountTest, AddsUpThePeriodsOfATask) {
+  const CtlResult result = run({"account"});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_THAT(result.out,
+              testing::MatchesRegex("ID  NAME   PERIODS  RUNS  FAILED  RETRIED  SKIPPED  [A-Z]+\n"
+                                    " 1  task1        6     3       0        1        3 +3\n"
+                                    "\n6 periods = 3 runs \\+ 3 skipped\n"));
+}
+
+TEST_F(AccountTest, ChoosesTasks) {
+  for (const std::vector<std::string>& choice : std::vector<std::vector<std::string>>{
+           {"1"}, {"--name", "t?s*"}, {"--plugin", "/*"}, {"--since", "yesterday"}}) {
+    std::vector<std::string> arguments = {"account", "--json"};
+    arguments.insert(arguments.end(), choice.begin(), choice.end());
+    const CtlResult result = run(arguments);
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(parsed(result.out)[0]["periods"].asInt(), 6) << choice[0];
+  }
+  for (const std::vector<std::string>& choice :
+       std::vector<std::vector<std::string>>{{"2"},
+                                             {"--name", "task"},
+                                             {"--name", "task_"},
+                                             {"--plugin", "x"},
+                                             {"--since", "tomorrow"}}) {
+    std::vector<std::string> arguments = {"account"};
+    arguments.insert(arguments.end(), choice.begin(), choice.end());
+    EXPECT_EQ(run(arguments).out, "The ledger has no row of such a task.\n") << choice[0];
+  }
+}
+
+TEST_F(AccountTest, EndsWith1WhenThePeriodsDoNotAddUp) {
+  database.query("DELETE FROM kodu_ledger WHERE periods = 3");
+
+  const CtlResult result = run({"account"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.out, HasSubstr("6 periods = 3 runs + 0 skipped + 3 that are not accounted"));
+}
+
+TEST_F(AccountTest, ListsRunsRetriesAndSkips) {
+  const CtlResult result = run({"history", "1"});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("  ok, attempt 2 "));
+  EXPECT_THAT(result.out, testing::ContainsRegex(" 3 skipped: [a-z]+ "));
+  EXPECT_THAT(result.out, testing::ContainsRegex("1 .* retried +out_1_a.txt +no answer\n"));
+  const Json::Value list = parsed(run({"history", "1", "--json"}).out);
+  ASSERT_EQ(list.size(), 5U);
+  EXPECT_EQ(list[1]["periods"].asInt(), 3);
+  EXPECT_EQ(list[3]["number"].asInt(), 1);
+  EXPECT_EQ(run({"output", "1", "1"}).out, "no answer\n");
+}
+
+TEST_F(AccountTest, ExplainsWhyThePeriodsWereSkipped) {
+  database.query("UPDATE kodu_ledger SET outcome = 'v' WHERE periods = 3");
+  EXPECT_THAT(run({"explain", "1"}).out,
+              testing::ContainsRegex(
+                  "\n3 periods due from .* on were skipped: the previous run took too long.\n"));
+}
+
+TEST_F(AccountTest, SwitchesTheLedger) {
+  EXPECT_THAT(run({"ledger"}).out, HasSubstr("The ledger is on; "));
+  EXPECT_EQ(run({"ledger", "off"}).exitCode, 77);
+
+  EXPECT_THAT(runAsAdmin({"ledger", "off"}).out, HasSubstr("The ledger is off; "));
+  EXPECT_THAT(runAsAdmin({"ledger", "keep", "7"}).out, HasSubstr("It keeps runs for 7 days: "));
+  EXPECT_THAT(runAsAdmin({"ledger", "on"}).out, HasSubstr("The ledger is on; "));
+  const Json::Value status = parsed(run({"ledger", "status", "--json"}).out);
+  EXPECT_TRUE(status["is_on"].asBool());
+  EXPECT_EQ(status["keep_days"].asInt(), 7);
+  EXPECT_EQ(runAsAdmin({"ledger", "keep"}).exitCode, 64);
+  EXPECT_EQ(runAsAdmin({"ledger", "on", "3"}).exitCode, 64);
+}
+
+TEST_F(AccountTest, DoesWithoutALedger) {
+  database.query("DROP VIEW kodu_run");
+  EXPECT_THAT(run({"history", "1"}).out, HasSubstr("out_1_a.txt"));
+  EXPECT_EQ(run({"explain", "1"}).exitCode, 0);
+  for (const std::string command : {"account", "ledger"}) {
+    const CtlResult result = run({command});
+    EXPECT_EQ(result.exitCode, 65);
+    EXPECT_THAT(result.err, HasSubstr("the database has no ledger that this role may read"));
+  }
+}
+
+}  // namespace
