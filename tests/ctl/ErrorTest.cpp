@@ -29,7 +29,7 @@ class ErrorTest : public CtlTest {
             {"explain", "7"},
             {"history", "7"},
             {"output", "7"},
-            {"rerun", "7"},
+            {"test", "7"},
             {"add", "/bin/true", "--every", "5m"},
             {"set", "7", "--retries", "3"},
             {"pause", "7"},
@@ -108,7 +108,7 @@ TEST_F(ErrorTest, ReportsMissingFunctionsInEachChangingCommand) {
       "SET client_min_messages = warning;"
       "DO $$ DECLARE f regprocedure; BEGIN"
       " FOR f IN SELECT oid FROM pg_proc WHERE proname ~ '^kodu_(task_(add|set|pause|resume|run_now"
-      "|delete)|stagger|forecast|history_prune)$' LOOP EXECUTE 'DROP FUNCTION ' || f || ' CASCADE';"
+      "|delete)|stagger|forecast|history_cutoff)$' LOOP EXECUTE 'DROP FUNCTION ' || f || ' CASCADE';"
       " END LOOP; END $$");
   const std::string before = rows();
   for (const Words& command : changingCommands()) {
@@ -118,7 +118,7 @@ TEST_F(ErrorTest, ReportsMissingFunctionsInEachChangingCommand) {
 }
 
 TEST_F(ErrorTest, ReportsAWrongIdInEachCommandOfOneTask) {
-  for (const char* command : {"show", "explain", "history", "output", "rerun"}) {
+  for (const char* command : {"show", "explain", "history", "output", "test"}) {
     for (const char* id : {"-1", "2147483648", "seven", ""}) {
       expectError(run({command, id}), {command, id}, 64,
                   std::string("; see koductl ") + command + " --help");
@@ -202,7 +202,7 @@ TEST_F(ErrorTest, ReportsAnInvalidAgeInAPrune) {
 TEST_F(ErrorTest, ReportsAPluginThatCannotBeRerun) {
   writeFile(daemon.logPath(), "");
   std::filesystem::remove(quietTask(7).path);
-  const CtlResult result = run({"rerun", "7"});
+  const CtlResult result = run({"test", "7"});
   EXPECT_EQ(result.exitCode, 2) << "as the daemon's child";
   EXPECT_THAT(result.out + result.err, HasSubstr("plugin is not executable No such file"));
 }
