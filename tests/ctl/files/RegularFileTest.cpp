@@ -24,7 +24,8 @@ using testing::Optional;
 TEST(WaitingKindTest, NamesTheKindsThatWaitForAnotherProcess) {
   EXPECT_THAT(waitingKind(S_IFIFO | 0644), Optional(Eq("it is a FIFO")));
   EXPECT_THAT(waitingKind(S_IFSOCK | 0644), Optional(Eq("it is a socket")));
-  for (const mode_t kind : {S_IFREG, S_IFDIR, S_IFLNK, S_IFCHR, S_IFBLK}) {
+  for (const mode_t kind :
+       std::initializer_list<mode_t>{S_IFREG, S_IFDIR, S_IFLNK, S_IFCHR, S_IFBLK}) {
     EXPECT_EQ(waitingKind(kind | 0777), std::nullopt) << std::oct << kind;
   }
 }
