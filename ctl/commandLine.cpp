@@ -187,7 +187,7 @@ class Parser {
     CLI::App* remove =
         addTaskCommand("delete", "Delete a task, its files and its history", runDelete);
     remove->footer(
-        "The daemon deletes them within two minutes. If a run is in progress, the two minutes "
+        "The daemon deletes them within four minutes. If a run is in progress, the four minutes "
         "begin when it ends.");
     remove->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
   }

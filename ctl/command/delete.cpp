@@ -42,7 +42,7 @@ int runDelete(const Options& options) {
   if (options.asJson) {
     printJson(toJson(readTask(session, options.id)));
   } else {
-    print("the daemon deletes task {} ({}) and its files within two minutes{}\n", task.id,
+    print("the daemon deletes task {} ({}) and its files within four minutes{}\n", task.id,
           oneLine(task.name), task.isRunning ? " of the end of its run" : "");
   }
   return kDone;

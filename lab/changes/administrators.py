@@ -58,8 +58,7 @@ class Administrator(threading.Thread):
     def __init__(self, database, seed, plugins, end):
         super().__init__()
         self._draw, self._plugins, self._end = random.Random(seed), plugins, end
-        command = [word for word in database.psql_command('-d', 'kodu') if word != 'ON_ERROR_STOP=1']
-        command.remove('-v')
+        command = database.psql_command('-d', 'kodu', '-v', 'ON_ERROR_STOP=0')  # refusals are usual
         self._psql = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                       stderr=subprocess.DEVNULL, text=True)
         self.transactions = 0
@@ -95,12 +94,23 @@ def wait_until(holds):
     return True
 
 
+def end_of(daemon, home):
+    """A complaint when the daemon has ended."""
+    if daemon.poll() is None:
+        return []
+    last = (home / 'console.log').read_text(encoding='utf-8', errors='replace')[-600:]
+    return [f'the daemon ended with status {daemon.returncode}: {last}']
+
+
 def judge(database, daemon, home):
-    """The complaints."""
-    if daemon.poll() is not None:
-        last = (home / 'console.log').read_text(encoding='utf-8', errors='replace')[-600:]
-        return [f'the daemon ended with status {daemon.returncode}: {last}']
-    complaints = []
+    """The complaints, and the number of deleted tasks that this life of the daemon does not purge.
+
+    A purge that begins together with a run which then fails into a retry leaves the row to the next
+    start of the daemon.
+    """
+    complaints = end_of(daemon, home)
+    if complaints:
+        return complaints, being_deleted(database)
     database.query('SELECT kodu_task_pause(id) FROM kodu_task_state WHERE NOT paused AND NOT deleting')
     wait_until(lambda: not in_process(database))
     # A pause that comes as a run begins takes its retry from it. Then the row waits for a resume.
@@ -114,9 +124,13 @@ def judge(database, daemon, home):
 
     if not wait_until(has_ended):
         complaints.append(f'tasks that are not deleted are left in PROCESS: {sorted(stuck)}')
-    if daemon.poll() is not None:
-        complaints.append(f'the daemon ended at last with status {daemon.returncode}')
-    return complaints
+    wait_until(lambda: being_deleted(database) == 0)
+    complaints += end_of(daemon, home)
+    return complaints, being_deleted(database)
+
+
+def being_deleted(database):
+    return database.number('SELECT count(*) FROM kodu_task_state WHERE deleting')
 
 
 def in_process(database):
@@ -124,19 +138,14 @@ def in_process(database):
         "SELECT id FROM kodu_task_state WHERE status = 'PROCESS' AND NOT deleting")]
 
 
-def purge_rest(database, start):
-    """A purge that begins together with a run which then fails into a retry leaves the row to the next
-    start of the daemon. The complaints, and the number of such rows."""
-    being_deleted = 'SELECT count(*) FROM kodu_task_state WHERE deleting'
-    wait_until(lambda: database.number(being_deleted) == 0)
-    rest = database.number(being_deleted)
-    if rest == 0:
-        return [], 0
+def purge_rest(database, home, start):
+    """Purges what the judged life of the daemon has left, in another one; the complaints."""
     database.query((ROOT / 'sql/repair.sql').read_text(encoding='utf-8'))
     daemon = start()
-    gone = wait_until(lambda: database.number(being_deleted) == 0)
+    gone = wait_until(lambda: being_deleted(database) == 0)
+    complaints = end_of(daemon, home) + ([] if gone else ['a deleted task is left after another start'])
     stop(daemon)
-    return [] if gone else ['a deleted task is left after another start'], rest
+    return complaints
 
 
 def stop(daemon):
@@ -169,10 +178,10 @@ def main():
         session.start()
     for session in sessions:
         session.join()
-    complaints = judge(database, daemon, options.home)
+    complaints, rest = judge(database, daemon, options.home)
     stop(daemon)
-    more, rest = purge_rest(database, start)
-    complaints += more
+    if rest:
+        complaints += purge_rest(database, options.home, start)
     failures = database.number('SELECT count(*) FROM kodu_cron_error')
     transactions = sum(session.transactions for session in sessions)
     print(f'{transactions} transactions, {failures} failed runs,'

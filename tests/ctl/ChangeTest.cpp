@@ -187,9 +187,9 @@ TEST_F(ChangeTest, ReportsWhatFollowsTheRunInProgress) {
   EXPECT_THAT(result.out, MatchesRegex("task 1 \\(task1\\) will run; next due at .*in [123]s.*\n"));
   EXPECT_THAT(result.err, HasSubstr("a run of task 1 is in progress"));
   EXPECT_EQ(runAsAdmin({"pause", "1"}).out, "task 1 (task1) paused\n");
-  EXPECT_EQ(
-      runAsAdmin({"delete", "1", "--yes"}).out,
-      "the daemon deletes task 1 (task1) and its files within two minutes of the end of its run\n");
+  EXPECT_EQ(runAsAdmin({"delete", "1", "--yes"}).out,
+            "the daemon deletes task 1 (task1) and its files within four minutes of the end of its "
+            "run\n");
   EXPECT_EQ(database.task(1, "cron_delete"), "f");
 }
 
@@ -201,7 +201,7 @@ TEST_F(ChangeTest, DeletesATaskOnlyAfterConfirmation) {
   EXPECT_EQ(database.task(1, "cron_delete"), "f");
   const CtlResult told = runAsAdmin({"delete", "1", "--yes"});
   EXPECT_EQ(told.exitCode, 0);
-  EXPECT_EQ(told.out, "the daemon deletes task 1 (task1) and its files within two minutes\n");
+  EXPECT_EQ(told.out, "the daemon deletes task 1 (task1) and its files within four minutes\n");
   EXPECT_EQ(database.task(1, "cron_delete"), "t");
 }
 
