@@ -163,23 +163,26 @@ BEGIN
 END
 $$;
 
--- The one trigger of the daemon's updates. The server would read a WHEN clause, and set a search_path,
--- again at each statement. Reading three columns is all that a task without a request costs.
+-- In place of the function in sql/schema.sql. Reading four columns is all that a task without a request
+-- costs.
 CREATE OR REPLACE FUNCTION kodu_follow_daemon() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
-    IF OLD.cron_wanted IS NULL AND NOT OLD.cron_changed AND NOT OLD.cron_delete THEN
+    IF OLD.cron_wanted IS NULL AND NOT OLD.cron_changed AND NOT OLD.cron_delete
+       AND NEW.cron_next_exec BETWEEN timestamp '1970-01-01' AND timestamp '2036-01-01' THEN
         RETURN NEW;
     END IF;
+    PERFORM public.kodu_check_next_run(OLD, NEW);
     RETURN public.kodu_follow_request(OLD, NEW);
 END
 $$;
 
--- If it exists, it may call the function of sql/ledger.sql instead.
+-- It may call the function of sql/ledger.sql already.
 DO $$
 BEGIN
-    IF NOT EXISTS (SELECT FROM pg_trigger WHERE tgrelid = 'kodu_cron_plugin'::regclass
-                                            AND tgname = 'kodu_task_updated') THEN
-        CREATE TRIGGER kodu_task_updated
+    IF EXISTS (SELECT FROM pg_trigger WHERE tgrelid = 'kodu_cron_plugin'::regclass
+                                        AND tgname = 'kodu_task_updated'
+                                        AND tgfoid = 'kodu_refuse_next_run()'::regprocedure) THEN
+        CREATE OR REPLACE TRIGGER kodu_task_updated
             BEFORE UPDATE OF cron_status, cron_next_exec ON kodu_cron_plugin
             FOR EACH ROW EXECUTE FUNCTION kodu_follow_daemon();
     END IF;
@@ -332,7 +335,8 @@ BEGIN
 END
 $$;
 
--- Raises an error with a message and a hint for each CHECK or unique index of the tables.
+-- Raises an error with a message and a hint for a CHECK or a unique index of the tables. What the triggers
+-- of sql/schema.sql refuse has its own.
 CREATE OR REPLACE FUNCTION kodu_refuse(broken text) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -340,28 +344,9 @@ DECLARE
         WHEN 'cron_interval_from_second_to_year' THEN
             ARRAY['the interval must be between 1 second and 366 days',
                   'Use every => ''5 minutes'', for example.']
-        WHEN 'cron_interval_whole_seconds' THEN
-            ARRAY['the interval must be whole seconds',
-                  'The daemon counts no fractions of a second.']
-        WHEN 'cron_log_file_below_directory' THEN
-            ARRAY['the file name must stay below the daemon''s output directory',
-                  'It must not begin with / or contain ..; the default is'
-                  ' $SERVICEID_$DATE.txt.']
-        WHEN 'cron_log_file_names_a_file' THEN
-            ARRAY['the file name must name a file, in 240 bytes at most',
-                  'It must not be empty, . or archive, or end in /; the default is'
-                  ' $SERVICEID_$DATE.txt.']
-        WHEN 'cron_log_file_without_controls' THEN
-            ARRAY['the file name must not contain control characters',
-                  'Line feeds and tabs are not allowed; the default is $SERVICEID_$DATE.txt.']
         WHEN 'cron_log_file_of_one_task' THEN
             ARRAY['another task has this output file',
                   'Write $SERVICEID into the name; the default is $SERVICEID_$DATE.txt.']
-        WHEN 'cron_retries_not_negative' THEN
-            ARRAY['the number of retries must not be negative', 'Use retries => 0 for none.']
-        WHEN 'cron_retries_interval_up_to_year' THEN
-            ARRAY['the time to a retry must be between 0 and 366 days',
-                  'Use retry_after => ''2 minutes'', for example.']
         WHEN 'kodu_cron_key_task_key_key' THEN
             ARRAY['another task has this key', 'SELECT kodu_task_with_key(''web/load'') names it.']
         WHEN 'task_key_is_one_word' THEN
@@ -538,7 +523,7 @@ BEGIN
         cron_retries_interval = wanted.cron_retries_interval,
         cron_log_file = wanted.cron_log_file
     WHERE cron_id = wanted.cron_id;
-EXCEPTION WHEN check_violation OR unique_violation THEN
+EXCEPTION WHEN unique_violation THEN
     GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
     PERFORM kodu_refuse(broken);
 END
@@ -576,6 +561,8 @@ $$;
 -- Gives a task that key, instead of its present one. A task that is being deleted loses it.
 CREATE OR REPLACE FUNCTION kodu_give_key(task integer, key text) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    broken text;
 BEGIN
     IF EXISTS (SELECT FROM kodu_cron_key WHERE task_key = key) THEN
         DELETE FROM kodu_cron_key USING kodu_cron_plugin AS holder
@@ -584,6 +571,9 @@ BEGIN
     END IF;
     INSERT INTO kodu_cron_key (cron_id, task_key) VALUES (task, key)
     ON CONFLICT (cron_id) DO UPDATE SET task_key = EXCLUDED.task_key;
+EXCEPTION WHEN check_violation OR unique_violation THEN
+    GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
+    PERFORM kodu_refuse(broken);
 END
 $$;
 
@@ -626,13 +616,13 @@ BEGIN
                                       cron_parameter)
         VALUES (defined.id, every, due, due, file_name, retries, retry_after, defined.arguments)
         RETURNING cron_id INTO id;
-        IF key IS NOT NULL THEN
-            PERFORM kodu_give_key(id, key);
-        END IF;
-    EXCEPTION WHEN check_violation OR unique_violation THEN
+    EXCEPTION WHEN unique_violation THEN
         GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
         PERFORM kodu_refuse(broken);
     END;
+    IF key IS NOT NULL THEN
+        PERFORM kodu_give_key(id, key);
+    END IF;
     PERFORM kodu_check_file_name(file_name);
     RETURN id;
 END
@@ -756,7 +746,6 @@ DECLARE
     old kodu_cron_plugin := kodu_task_take(task);
     wanted kodu_cron_plugin := old;
     defined record;
-    broken text;
 BEGIN
     IF num_nonnulls(plugin, every, parameters, retries, retry_after, file_name, next_run, name,
                     timeout, key) = 0 THEN
@@ -777,12 +766,7 @@ BEGIN
     PERFORM kodu_rewrite(wanted);
     PERFORM kodu_check_file_name(file_name);
     IF key IS NOT NULL THEN
-        BEGIN
-            PERFORM kodu_give_key(task, key);
-        EXCEPTION WHEN check_violation OR unique_violation THEN
-            GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
-            PERFORM kodu_refuse(broken);
-        END;
+        PERFORM kodu_give_key(task, key);
     END IF;
     IF next_run IS NOT NULL THEN
         PERFORM kodu_move(old, kodu_check_time(next_run, wanted.cron_interval));
@@ -1254,7 +1238,8 @@ BEGIN
           AND prorettype <> 'trigger'::regtype
           -- roles that may read the views, or that update a task, call these
           AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused',
-                              'kodu_follow_request', 'kodu_implied_key')
+                              'kodu_follow_request', 'kodu_check_next_run',
+                              'kodu_implied_key')
           AND proname NOT LIKE 'kodu\_ledger\_%'  -- sql/ledger.sql grants these
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);

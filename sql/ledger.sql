@@ -568,7 +568,8 @@ BEGIN
         END IF;
     ELSIF NEW.cron_last_exec = OLD.cron_next_exec AND OLD.cron_status = 'PROCESS'
           AND OLD.ledger_to = OLD.cron_next_exec AND OLD.run_ended IS NULL
-          AND OLD.run_due IS NOT NULL AND OLD.ledger_lost IS NULL THEN  -- a run ends
+          AND OLD.run_due IS NOT NULL AND OLD.ledger_lost IS NULL  -- a run ends
+          AND NEW.cron_next_exec BETWEEN timestamp '1970-01-01' AND timestamp '2036-01-01' THEN
         BEGIN
             -- An unknown life, or none, is left to the function below: the column is NOT NULL.
             life := pg_catalog.current_setting('kodu.life', TRUE);
@@ -596,6 +597,9 @@ BEGIN
         END;
     END IF;
 
+    IF NEW.cron_next_exec NOT BETWEEN timestamp '1970-01-01' AND timestamp '2036-01-01' THEN
+        PERFORM public.kodu_check_next_run(OLD, NEW);  -- accepts what the daemon writes
+    END IF;
     DECLARE
         asked kodu_cron_plugin := NEW;
     BEGIN

@@ -145,10 +145,6 @@ TEST_F(CheckTest, FindsOldRowsThatTheTablesNowRefuse) {
 
 TEST_F(CheckTest, FindsRowsThatTheDaemonWouldRefuse) {
   database.takeAnyRow();
-  for (const char* constraint :
-       {"cron_interval_from_second_to_year", "cron_log_file_names_a_file"}) {
-    database.query(std::string("ALTER TABLE kodu_cron_plugin DROP CONSTRAINT ") + constraint);
-  }
   database.query("ALTER TABLE kodu_cron_plugin ALTER cron_next_exec DROP NOT NULL");
   for (const int id : {1, 2, 3, 4}) {
     database.insertTask(guardedTask(id));

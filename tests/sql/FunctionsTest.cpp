@@ -1441,10 +1441,22 @@ TEST_F(FunctionsTest, DeniesAnAdministratorEverythingElse) {
       (Rows{{"f", "f", "f", "f", "f", "f", "0"}}));
 }
 
+// Each more, and each condition of one, would cost every run.
+TEST_F(FunctionsTest, HasOneTriggerForTheDaemonsUpdates) {
+  EXPECT_EQ(database.query(
+                "SELECT tgname, tgqual IS NOT NULL FROM pg_trigger"
+                " WHERE tgrelid = 'kodu_cron_plugin'::regclass AND NOT tgisinternal"
+                " AND tgtype & 16 <> 0 AND (tgattr = '' OR EXISTS (SELECT FROM pg_attribute WHERE"
+                " attrelid = tgrelid AND attnum = ANY (tgattr) AND attname IN ('cron_status',"
+                " 'cron_last_exec', 'cron_next_exec')))"),
+            (Rows{{"kodu_task_updated", "f"}}));
+}
+
 TEST_F(FunctionsTest, GrantsTheDaemonNoFunctionAndNoTable) {
   EXPECT_EQ(database.query("SELECT proname FROM pg_proc WHERE proname LIKE 'kodu\\_%' "
                            "AND has_function_privilege('kodu', oid, 'EXECUTE') ORDER BY 1"),
-            (Rows{{"kodu_end_sharing"},
+            (Rows{{"kodu_check_next_run"},
+                  {"kodu_end_sharing"},
                   {"kodu_follow_daemon"},
                   {"kodu_follow_request"},
                   {"kodu_implied_key"},
@@ -1454,7 +1466,8 @@ TEST_F(FunctionsTest, GrantsTheDaemonNoFunctionAndNoTable) {
                   {"kodu_notify_of_task"},
                   {"kodu_pause_time"},
                   {"kodu_refuse_next_run"},
-                  {"kodu_refuse_row"},
+                  {"kodu_refuse_plugin"},
+                  {"kodu_refuse_task"},
                   {"kodu_remember_change"},
                   {"kodu_spare_run"}}))
       << "triggers, and what they and the views call";

@@ -335,7 +335,7 @@ TEST_F(NotificationTest, LoadsNoPluginOfAnotherType) {
 
 TEST_F(NotificationTest, ContinuesAfterARowThatCannotBeLoaded) {
   ASSERT_TRUE(startAndListen());
-  database.query("ALTER TABLE kodu_cron_plugin DROP CONSTRAINT cron_interval_from_second_to_year");
+  database.takeAnyRow();
   TaskRow row = makeTask(7, "echo fine");
   row.interval = "0";
   row.retriesInterval = "interval '77 seconds'";

@@ -62,11 +62,6 @@ class LoaderTest : public DatabaseGlobalsTest {
     return ids;
   }
 
-  /// Makes room for a row that the schema would refuse.
-  void dropCheck(const std::string& name) {
-    database.query("ALTER TABLE kodu_cron_plugin DROP CONSTRAINT " + name);
-  }
-
   static constexpr long kDue = 1893456000;  // 2030-01-01 00:00:00 UTC
 };
 
@@ -403,7 +398,7 @@ TEST_F(LoaderTest, KeepsTheTimesOfReplacedTasksThatAreTheSameOnce) {
 }
 
 TEST_F(LoaderTest, NamesTheRetryIntervalOfARowThatFails) {
-  dropCheck("cron_interval_from_second_to_year");
+  database.takeAnyRow();
   for (const int id : {1, 2, 3}) {
     insert(id);
   }
@@ -419,7 +414,7 @@ TEST_F(LoaderTest, NamesTheRetryIntervalOfARowThatFails) {
 }
 
 TEST_F(LoaderTest, NamesNothingWhenTheRetryIntervalOfARowThatFailsIsNull) {
-  dropCheck("cron_interval_from_second_to_year");
+  database.takeAnyRow();
   insert(1);
   database.query("UPDATE kodu_cron_plugin SET cron_interval = '0', cron_retries_interval = NULL");
 
@@ -433,7 +428,7 @@ TEST_F(LoaderTest, NamesNothingWhenTheRetryIntervalOfARowThatFailsIsNull) {
 }
 
 TEST_F(LoaderTest, StopsARowAtItsFirstFailure) {
-  dropCheck("cron_retries_interval_up_to_year");
+  database.takeAnyRow();
   insert(1, "now() - interval '650 seconds'");
   database.query("UPDATE kodu_cron_plugin SET cron_retries_interval = '36525 days'");
   const long before = database.nextExec(1);
@@ -448,7 +443,7 @@ TEST_F(LoaderTest, StopsARowAtItsFirstFailure) {
 }
 
 TEST_F(LoaderTest, KeepsAKnownTaskWhoseNewRowFails) {
-  dropCheck("cron_interval_from_second_to_year");
+  database.takeAnyRow();
   insert(1);
   load_cron_task("ADD", nullptr);
   const auto known = loaded(1);
@@ -464,8 +459,7 @@ TEST_F(LoaderTest, KeepsAKnownTaskWhoseNewRowFails) {
 }
 
 TEST_F(LoaderTest, RefusesAnIntervalBelowASecond) {
-  dropCheck("cron_interval_from_second_to_year");
-  dropCheck("cron_interval_whole_seconds");
+  database.takeAnyRow();
   insert(1);
   database.query("UPDATE kodu_cron_plugin SET cron_interval = '0.9 s'");
 
@@ -475,7 +469,7 @@ TEST_F(LoaderTest, RefusesAnIntervalBelowASecond) {
 }
 
 TEST_F(LoaderTest, TruncatesAFractionOfTheInterval) {
-  dropCheck("cron_interval_whole_seconds");
+  database.takeAnyRow();
   insert(1);
   database.query("UPDATE kodu_cron_plugin SET cron_interval = '7.9 s'");
 
@@ -485,7 +479,7 @@ TEST_F(LoaderTest, TruncatesAFractionOfTheInterval) {
 }
 
 TEST_F(LoaderTest, LogsARowWithTextsThatAreNotNumbers) {
-  dropCheck("cron_next_exec_in_integer_seconds");
+  database.query("ALTER TABLE kodu_cron_plugin DISABLE TRIGGER USER");
   insert(1);
   database.query("UPDATE kodu_cron_plugin SET cron_next_exec = '-infinity'");
 
