@@ -88,8 +88,8 @@ class Parser {
         ->take_last();
     app.add_option("--user", options.user,
                    "Connect to the database as ROLE; the password comes from PGPASSWORD or "
-                   "~/.pgpass; where the database file cannot be read, the database comes from "
-                   "PGHOST, PGPORT and PGDATABASE or from PGSERVICE")
+                   "~/.pgpass; if the database file cannot be read, PGHOST, PGPORT and PGDATABASE "
+                   "or PGSERVICE name the database")
         ->option_text("ROLE (the role of the daemon)");
     addTimeout("--lock-timeout", options.lockTimeout,
                "Wait at most SECONDS for a lock; 0 sets no limit");
@@ -102,7 +102,7 @@ class Parser {
     app.set_help_flag("-h,--help", "Print help and exit; after a command, help for this command");
     app.set_version_flag(
         "--version", [this] { return versionText(options.asJson); },
-        "Print the version and exit; with --json, also those of the JSON and of the tables");
+        "Print the version and exit; with --json, also the versions of the JSON and of the tables");
   }
 
   void addTimeout(const char* name, int& seconds, const char* description) {
@@ -134,6 +134,7 @@ class Parser {
   /// command: set --name gives a task its name.
   void addSelection(CLI::App* sub, const std::string& prefix = "") {
     Selection& selection = options.selection;
+    sub->option_defaults()->group("Choosing tasks");
     sub->add_option("ID", selection.ids, "Id of a task; koductl status lists the ids")
         ->check(CLI::Range(0, 2147483647))
         ->take_all();
@@ -141,8 +142,8 @@ class Parser {
                     "Only tasks whose name matches GLOB, with * for any characters and ? for one")
         ->option_text("GLOB");
     sub->add_option("--" + prefix + "plugin", selection.plugin,
-                    "Only tasks that run a program whose path matches PATH, with * and ?, also "
-                    "through koduguard")
+                    "Only tasks whose program's path matches PATH, with * and ?; a program behind "
+                    "koduguard counts")
         ->option_text("PATH");
     sub->add_flag("--failed", selection.isFailed, "Only tasks that are failing");
     sub->add_flag("--late", selection.isLate, "Only tasks that are late");
@@ -152,17 +153,17 @@ class Parser {
     sub->add_flag("--never-ran", selection.isNeverRun, "Only tasks that have not run yet");
     sub->add_option(
            "--sort", selection.sort,
-           fmt::format("Sort by KEY, the smallest value first, or with \",desc\" the largest; "
-                       "the keys are {}",
+           fmt::format("Sort by KEY, or with KEY,desc in descending order; the keys are {}",
                        fmt::join(sortKeys(), ", ")))
         ->option_text("KEY (id)");
     sub->add_option("--limit", selection.limit, "Only the first COUNT of these tasks")
         ->option_text("COUNT")
         ->check(CLI::Range(1L, 2147483647L));
     sub->add_option("--after", selection.after,
-                    "Only the tasks that follow this key, which the end of a page shows")
+                    "Only the tasks after this key, which the last line of a page shows")
         ->option_text("KEY");
     sub->add_flag("--all", options.isAll, "All tasks");
+    sub->option_defaults()->group("Options");
   }
 
   /// A command that changes the selected tasks.
@@ -172,22 +173,22 @@ class Parser {
     addSelection(sub, prefix);
     sub->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
     sub->add_flag("--dry-run", options.isDryRun,
-                  "Perform the change, list the tasks, and take it back");
+                  "Perform the change, list the tasks, and roll it back");
     return sub;
   }
 
   void addReadingCommands() {
     group = "Show tasks";
     addStatus();
-    addCommand("top", "Show late, running, failing and the latest tasks, live", runTop)
+    addCommand("top", "Show late, running, failing and latest tasks, live", runTop)
         ->footer(
-            "Keys select what is shown (a all, l late, r running, f failing, t latest), sort it "
-            "(s, S "
-            "for the other direction), filter it by name (/), explain the selected task (Enter), "
+            "Keys choose the tasks (a: all, l: late, r: running, f: failing, t: latest), sort them "
+            "(s; S reverses the order), filter them by name (/), explain the selected task "
+            "(Enter), "
             "pause it (p), resume it (u), run it (x) and quit (q). With --json, the present state "
             "is "
             "printed once.");
-    CLI::App* ids = addCommand("ids", "Print the ids of tasks, one on each line", runIds);
+    CLI::App* ids = addCommand("ids", "Print the ids of tasks, one per line", runIds);
     addSelection(ids);
     ids->add_option("--prefix", options.selection.prefix, "Only ids that begin with DIGITS")
         ->option_text("DIGITS");
@@ -206,7 +207,7 @@ class Parser {
     addCommand("daemon", "Show how the daemon is doing", runDaemon)
         ->footer(
             "This includes its version, start, restarts, workers, tasks and tables, and a verdict. "
-            "The exit status is 0 if it works, 1 if it works with difficulties, and 2 if not.");
+            "The exit status is 0 if it works, 1 if it works but has a problem, and 2 if not.");
     CLI::App* check =
         addCommand("check", "Find what prevents the daemon or its tasks from working", runCheck);
     addHealth();
@@ -251,16 +252,16 @@ class Parser {
   void addStatus() {
     CLI::App* status = addCommand("status", "List the tasks", runStatus);
     status->footer(
-        "A task is late when its run was due more than two seconds ago and has not started. A "
-        "terminal shows as many tasks as fit, and the line below them how to see the others; "
-        "elsewhere, and with --json, all are listed.");
+        "A task is late when its run was due more than two seconds ago and has not started. On a "
+        "terminal, only the tasks that fit are listed, and the last line says how to see the "
+        "others. Elsewhere, and with --json, all tasks are listed.");
     addSelection(status);
     status->add_flag("--output", options.withOutput,
                      "Show the first line of each task's last output");
     status->add_flag(
         "--watch", options.watch,
-        "Refresh the list until Ctrl-C: the tasks that it shows every second, which ones these "
-        "are and their number less often when there are many");
+        "Refresh the list every second until Ctrl-C; with many tasks, count and sort them less "
+        "often");
   }
 
   /// Commands about the runs of a task.
@@ -276,11 +277,11 @@ class Parser {
         ->check(CLI::Range(1, 1000000));
     addAccount();
 
-    CLI::App* logs = addCommand(
-        "logs", "Print what the latest runs of a task printed, the latest last", runLogs);
+    CLI::App* logs =
+        addCommand("logs", "Print the outputs of a task's latest runs, the latest last", runLogs);
     logs->footer(
-        "The daemon keeps the output of the latest run and copies of those of failed runs. Each "
-        "output follows a line with its time; with --count 1, the output is printed alone and "
+        "The daemon keeps the output of the latest run and copies of the outputs of failed runs. A "
+        "line with the time precedes each output; with --count 1, the output is printed alone and "
         "unchanged. With --follow and no ID, the outputs of all tasks are printed as they are "
         "written. With --follow and --json, each output is one JSON object. After logs, -f means "
         "--follow.");
@@ -299,8 +300,8 @@ class Parser {
         "The plugin gets the arguments, the user, the folder and the empty environment that "
         "the daemon gives it. As root, and when the daemon is the unit koducron.service, it also "
         "runs in the unit's sandbox. Its output is followed by the return code and by the "
-        "differences from the stored output. The exit status is the return code. An earlier name "
-        "of this command, rerun, works in this release.");
+        "differences from the stored output. The exit status is the return code. The earlier "
+        "name of this command, rerun, still works in this release.");
   }
 
   void addAccount() {
@@ -308,9 +309,11 @@ class Parser {
         "account", "Show for each task how many periods had a run, and why the others had none",
         runAccount);
     account->footer(
-        "Periods are runs or are skipped for a reason. The exit status is 1 if the sum does not "
-        "match, which should never happen. A pattern may contain * and ?.");
-    account->add_option("ID", options.accountIds, "Ids of tasks; all tasks without an id")
+        "Each period has a run or was skipped for a reason. The exit status is 1 if these do not "
+        "add up to all periods, which is a fault of the ledger. A pattern may contain * and ?.");
+    account->add_option("ID", options.accountIds, "Id of a task")
+        ->option_text("ID (all tasks)")
+        ->take_all()
         ->check(CLI::Range(0, 2147483647));
     account->add_option("--name", options.accountName, "Only tasks whose name matches PATTERN")
         ->option_text("PATTERN");
@@ -331,13 +334,14 @@ class Parser {
     CLI::App* now = addChange("run", "Run tasks now", runNow);
     now->footer(
         "The run is due in three seconds. If a run is in progress, the new run follows it. Later "
-        "runs follow at the interval of the task. With --wait, the exit status is 0 when the run "
-        "ended OK and 1 when it FAILED, after its retries.");
+        "runs follow at the interval of the task. With --wait, the exit status is 0 if the run "
+        "ends OK, and 1 if it has FAILED after its retries.");
     now->add_flag("--wait", options.isAwaited,
                   "Wait for the end of the run of one task and print its output");
     addChange("delete", "Delete tasks, their files and their history", runDelete)
         ->footer(
-            "The daemon deletes them within four minutes; until then, koductl undelete keeps them. "
+            "The daemon deletes them within four minutes; until then, koductl undelete can keep "
+            "them. "
             "If a run is in progress, the four minutes begin when it ends.");
     addChange("undelete", "Keep tasks that are being deleted", runUndelete)
         ->footer(
@@ -354,9 +358,10 @@ class Parser {
     pause->add_option("--reason", options.reason, "Record the reason of the pause")
         ->option_text("TEXT");
     pause
-        ->add_option("--until", options.until,
-                     "End the pause at this time, or after this time: as 18:00 or 2h; the next run "
-                     "is the first regular one from then on")
+        ->add_option(
+            "--until", options.until,
+            "End the pause at a time, such as 18:00, or after an interval, such as 2h; the "
+            "next run is the first regular one after it")
         ->option_text("TIME (no end)");
   }
 
@@ -375,8 +380,7 @@ class Parser {
     add->add_option("--timeout", options.timeout,
                     "End a run after this time, by running the plugin through koduguard")
         ->option_text("INTERVAL (no limit)");
-    add->add_flag("--if-missing", options.ifMissing,
-                  "Do nothing when there is a task with this key already")
+    add->add_flag("--if-missing", options.ifMissing, "Do nothing if a task has this key already")
         ->needs("--key");
   }
 
@@ -416,8 +420,8 @@ class Parser {
                     "Name of the output file, with $DATE; a new task has $SERVICEID_$DATE.txt")
         ->option_text("NAME");
     sub->add_option("--key", options.key,
-                    "Key of the task, which identifies it whatever its name is; two tasks cannot "
-                    "have the same key")
+                    "Key that identifies the task, even after a change of its name; two tasks "
+                    "cannot have the same key")
         ->option_text("KEY");
     // Described only: splitPluginArguments reads these, and the parser gives none to an argument
     // that expects none.
@@ -457,7 +461,7 @@ class Parser {
     CLI::App* prune = addCommand(
         "prune", "Delete old history and the archived outputs that belong to it", runPrune);
     prune->footer(
-        "Without conditions, the history of all tasks is meant, and nothing is asked. "
+        "Without conditions, it deletes the history of all tasks and does not ask. "
         "Files are deleted before rows, so a second call completes an interrupted one. Run it "
         "as the daemon's user or as root: it needs the right to delete the daemon's files. "
         "Without this right it deletes nothing.");
@@ -476,17 +480,22 @@ class Parser {
     CLI::App* exported =
         addCommand("export", "Write tasks as YAML, or with --json as JSON", runExport);
     exported->footer(
-        "Settings with their default are left out. A task without a key has the key task-ID. "
+        "Settings that have their default are left out. A task without a key has the key task-ID. "
         "koductl apply reads both forms.");
-    exported->add_option("ID", options.selection.ids, "Ids of the tasks; without one, all tasks")
+    exported->add_option("ID", options.selection.ids, "Id of a task")
+        ->option_text("ID (all tasks)")
+        ->take_all()
         ->check(CLI::Range(0, 2147483647));
-    exported->add_option("--set", options.set, "Write only the tasks of this set, and its name")
+    exported
+        ->add_option("--set", options.set,
+                     "Write only the tasks of this set, and the name of the set")
         ->option_text("SET");
 
-    CLI::App* apply =
-        addCommand("apply", "Bring the tasks of the database to what files declare", runApply);
+    CLI::App* apply = addCommand(
+        "apply", "Make the tasks in the database match the declarations in files", runApply);
     apply->footer(
-        "All changes are one transaction: a mistake in any file changes nothing. A plan shows what "
+        "All changes are one transaction: an error in any file prevents them all. A plan shows "
+        "what "
         "is added (+), changed (~) and deleted (-). A second call changes nothing.");
     apply
         ->add_option(
@@ -494,7 +503,8 @@ class Parser {
             "A YAML or JSON file, a directory of *.yaml and *.yml files, or - for standard "
             "input")
         ->required();
-    apply->add_flag("--dry-run", options.isDryRun, "Try all of it, but change nothing");
+    apply->add_flag("--dry-run", options.isDryRun,
+                    "Perform the changes, show the plan, and roll back");
     apply->add_flag("--prune", options.isPruning,
                     "Delete the tasks of the set that the files no longer declare");
     apply->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation of deletions");
@@ -504,8 +514,8 @@ class Parser {
     CLI::App* ledger = addCommand(
         "ledger", "Show the state of the ledger of all runs, or change its settings", runLedger);
     ledger->footer(
-        "on and off switch it; keep DAYS sets for how long it keeps single runs. These need --user "
-        "with a member of kodu_admin. Summaries are kept for longer.");
+        "on and off switch it on and off. keep DAYS sets how long single runs are kept; summaries "
+        "are kept longer. These need --user with a member of kodu_admin.");
     ledger->add_option("ACTION", options.ledgerAction, "What to do: on, off, keep or status")
         ->option_text(valueWithDefault("ACTION", options.ledgerAction))
         ->check(CLI::IsMember({"on", "off", "keep", "status"}));
@@ -523,17 +533,16 @@ class Parser {
         "can upgrade them.");
     schema
         ->add_option("ACTION", options.schemaAction,
-                     "With upgrade, bring the tables to the version of this koductl")
+                     "With upgrade, change the tables to the version of this koductl")
         ->check(CLI::IsMember({"upgrade"}));
-    addCommand("repair", "Mark runs as FAILED that a daemon left unfinished", runRepair)
+    addCommand("repair", "Mark runs that a daemon did not finish as FAILED", runRepair)
         ->footer(
-            "It is for the time before a start of the daemon: while one is connected, nothing is "
-            "changed. Each of these runs gets a row in kodu_cron_repair. The next time of a task "
-            "stays.");
+            "Run it before a start of the daemon; while a daemon is connected, it changes nothing. "
+            "Each of these runs gets a row in kodu_cron_repair. Next times do not change.");
     schema->add_flag("--dry-run", options.isDryRun, "Perform the upgrade, then roll it back");
     schema
         ->add_option("--wait", options.waitSeconds,
-                     "Try for SECONDS while other sessions use the tables")
+                     "Keep trying for SECONDS while other sessions use the tables")
         ->option_text(valueWithDefault("SECONDS", std::to_string(options.waitSeconds)))
         ->check(CLI::Range(0, 86400));
     schema
@@ -548,7 +557,7 @@ class Parser {
   void addEarlierNames() {
     group = "Earlier names";
     CLI::App* output = addTaskCommand(
-        "output", "Print the output of a task's last run; the next release has only logs",
+        "output", "Print the output of a task's last run; logs replaces it in the next release",
         runOutput);
     output->add_option("ARCHIVED", options.archived,
                        "Print the output of this failed run instead: its number or its file name, "

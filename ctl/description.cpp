@@ -10,6 +10,8 @@ namespace {
 
 /// With more optional options than this, a synopsis says "[OPTION...]".
 constexpr std::ptrdiff_t kListedOptions = 4;
+/// The group that the library gives to an option without one.
+constexpr const char* kOwnOptions = "Options";
 
 std::string dashed(const char* dashes, const std::vector<std::string>& names) {
   return names.empty() ? "" : dashes + names.front();
@@ -39,6 +41,9 @@ OptionDescription describeOption(const CLI::Option& option) {
     result.isForPlugin = option.get_items_expected_max() == 0;
   }
   result.meaning = option.get_description();
+  if (!option.get_positional() && option.get_group() != kOwnOptions) {
+    result.group = option.get_group();
+  }
   result.isRequired = option.get_required();
   result.isRepeatable = option.get_multi_option_policy() == CLI::MultiOptionPolicy::TakeAll;
   return result;
@@ -71,6 +76,17 @@ void collectCommands(const CommandDescription& parent, std::vector<CommandDescri
     }
     collectCommands(command, all);
   }
+}
+
+template <typename Described>
+std::vector<std::string> groupsIn(const std::vector<Described>& members) {
+  std::vector<std::string> groups;
+  for (const Described& member : members) {
+    if (std::find(groups.begin(), groups.end(), member.group) == groups.end()) {
+      groups.push_back(member.group);
+    }
+  }
+  return groups;
 }
 
 /// The options that a synopsis does not have to name.
@@ -150,11 +166,9 @@ std::vector<CommandDescription> allCommands(const CommandDescription& program) {
 }
 
 std::vector<std::string> groupsOf(const std::vector<CommandDescription>& commands) {
-  std::vector<std::string> groups;
-  for (const CommandDescription& command : commands) {
-    if (std::find(groups.begin(), groups.end(), command.group) == groups.end()) {
-      groups.push_back(command.group);
-    }
-  }
-  return groups;
+  return groupsIn(commands);
+}
+
+std::vector<std::string> groupsOf(const std::vector<OptionDescription>& options) {
+  return groupsIn(options);
 }

@@ -16,6 +16,7 @@ struct OptionDescription {
   bool isRequired = false;
   bool isRepeatable = false;
   bool isForPlugin = false;  // an argument that follows "--"
+  std::string group{};       // the heading of options that several commands share, or ""
 
   bool operator==(const OptionDescription&) const = default;
 
@@ -50,5 +51,6 @@ CommandDescription describe(const CLI::App& app);
 /// All commands that can be run, subcommands included, in the order of their definitions.
 std::vector<CommandDescription> allCommands(const CommandDescription& program);
 
-/// The groups of commands, in the order of their definitions.
+/// The groups of commands or options, in the order of their definitions.
 std::vector<std::string> groupsOf(const std::vector<CommandDescription>& commands);
+std::vector<std::string> groupsOf(const std::vector<OptionDescription>& options);

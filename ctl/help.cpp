@@ -20,10 +20,21 @@ std::string entry(const std::string& heading, const std::string& text) {
          wrapped(text, kMeaningColumn);
 }
 
-std::string listOf(const std::string& heading, const std::vector<OptionDescription>& options) {
-  std::string text = options.empty() ? "" : fmt::format("\n{}:\n", heading);
+/// The members of `group` under `heading`; nothing without one.
+std::string listOf(const std::string& heading, const std::string& group,
+                   const std::vector<OptionDescription>& options) {
+  std::string entries;
   for (const OptionDescription& option : options) {
-    text += entry(option.heading(), option.meaningAndDefault());
+    entries += option.group == group ? entry(option.heading(), option.meaningAndDefault()) : "";
+  }
+  return entries.empty() ? "" : fmt::format("\n{}:\n{}", heading, entries);
+}
+
+/// The command's own options, then those that it shares with others.
+std::string listOf(const std::string& heading, const std::vector<OptionDescription>& options) {
+  std::string text = listOf(heading, "", options);
+  for (const std::string& group : groupsOf(options)) {
+    text += group.empty() ? "" : listOf(group, group, options);
   }
   return text;
 }

@@ -54,14 +54,14 @@ _koductl() {
     ['undelete']='--name --plugin --failed --late --running --paused --deleting --never-ran --sort --limit --after --all --yes --dry-run'
   )
   local -A arguments=(
-    ['account']='ID'
+    ['account']='ID...'
     ['add']='PLUGIN'
     ['apply']='FILE'
     ['check']=''
     ['daemon']=''
     ['delete']='ID...'
     ['explain']='ID'
-    ['export']='ID'
+    ['export']='ID...'
     ['forecast']='HOURS'
     ['health']=''
     ['history']='ID'

@@ -34,7 +34,7 @@ struct DaemonCondition {
 
 /// What a condition comes to.
 struct Verdict {
-  int exitCode = 0;      // 0 it works, 1 with difficulties, 2 it does not
+  int exitCode = 0;      // 0 it works, 1 it works but has a problem, 2 it does not
   std::string sentence;  // with what to do, where there is something to do
 };
 

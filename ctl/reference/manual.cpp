@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <sstream>
 
 #include "ctl/description.h"
@@ -92,10 +93,28 @@ Options newArguments(const CommandDescription& command, Options& described) {
   return fresh;
 }
 
+Options optionsIn(const std::string& group, const Options& options) {
+  Options members;
+  std::copy_if(options.begin(), options.end(), std::back_inserter(members),
+               [&](const OptionDescription& option) { return option.group == group; });
+  return members;
+}
+
+/// Where the options are that the command shares with others.
+std::string referencesOf(const CommandDescription& command) {
+  std::string sentences;
+  for (const std::string& group : groupsOf(command.options)) {
+    sentences +=
+        group.empty() ? "" : fmt::format(" The options under \"{}\" can be given too.", group);
+  }
+  return sentences;
+}
+
 /// Its own options are indented below a command.
 std::string commandEntry(const CommandDescription& command, Options& described) {
-  const std::string options = listOf(newArguments(command, described)) + listOf(command.options);
-  return tagged(command.synopsis(), command.sentences()) +
+  const std::string options =
+      listOf(newArguments(command, described)) + listOf(optionsIn("", command.options));
+  return tagged(command.synopsis(), command.sentences() + referencesOf(command)) +
          (options.empty() ? "" : fmt::format(".RS\n{}.RE\n", options));
 }
 
@@ -115,4 +134,16 @@ std::string manualCommands(const Commands& commands) {
     }
   }
   return text;
+}
+
+std::string manualShared(const Commands& commands, const std::string& group) {
+  Options shared;
+  for (const CommandDescription& command : commands) {
+    for (const OptionDescription& option : optionsIn(group, command.options)) {
+      if (std::find(shared.begin(), shared.end(), option) == shared.end()) {
+        shared.push_back(option);
+      }
+    }
+  }
+  return listOf(shared);
 }

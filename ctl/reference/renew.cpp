@@ -31,9 +31,6 @@ std::string part(const std::string& name, const CommandDescription& program) {
   if (name == "manual commands") {
     return manualCommands(allCommands(program));
   }
-  if (name == "page options") {
-    return pageOptions(program);
-  }
   if (name == "bash variables") {
     return bashVariables(program);
   }
@@ -42,6 +39,10 @@ std::string part(const std::string& name, const CommandDescription& program) {
   }
   if (name == "zsh cases") {
     return zshCases(program);
+  }
+  const std::string shared = "manual options, ";
+  if (name.starts_with(shared)) {
+    return manualShared(allCommands(program), name.substr(shared.size()));
   }
   const std::string page = "page commands, ";
   if (name.starts_with(page)) {

@@ -11,12 +11,12 @@ using Commands = std::vector<CommandDescription>;
 
 /// The common options, for the manual.
 std::string manualOptions(const CommandDescription& program);
-/// The commands with their options under the headings of their groups, for the manual.
+/// The commands with their own options under the headings of their groups, for the manual.
 std::string manualCommands(const Commands& commands);
+/// The options of a group that several commands share, each once, for the manual.
+std::string manualShared(const Commands& commands, const std::string& group);
 
-/// A table of the common options in Markdown, between empty lines.
-std::string pageOptions(const CommandDescription& program);
-/// A table of commands and one of their options, in which equal options share a line.
+/// A table of commands in Markdown, between empty lines.
 std::string pageCommands(const Commands& commands);
 
 /// Local variables of the function that completes in bash.

@@ -70,6 +70,15 @@ TEST_F(DescriptionTest, NamesAValueAfterItsTypeByDefault) {
   EXPECT_EQ(describe(app).options.at(1).heading(), "--limit INT");
 }
 
+TEST_F(DescriptionTest, KeepsTheGroupOfASharedOption) {
+  app.add_flag("--own");
+  app.add_flag("--shared")->group("Choosing");
+  const auto options = describe(app).options;
+  EXPECT_EQ(options.at(1).group, "");
+  EXPECT_EQ(options.at(2).group, "Choosing");
+  EXPECT_THAT(groupsOf(options), ElementsAre("", "Choosing"));
+}
+
 TEST_F(DescriptionTest, AttachesDetailsToTheirCommandOnly) {
   EXPECT_EQ(program.sentences(), "Do something. Of the program.");
   EXPECT_EQ(parentCommand.sentences(), "Be a parent. Of the parent.");

@@ -49,6 +49,17 @@ TEST(HelpTextTest, ListsCommandsUnderTheirGroups) {
                                            "looks like\n\nSecond:\n  example  "));
 }
 
+TEST(HelpTextTest, ListsSharedOptionsUnderTheirOwnHeading) {
+  CommandDescription command = exampleCommand();
+  command.options[0].group = "Choosing tasks";
+  EXPECT_THAT(helpText(command),
+              HasSubstr("\nOptions:\n"
+                        "  --a-rather-long-name VALUE\n"
+                        "                          Takes two lines\n"
+                        "\nChoosing tasks:\n"
+                        "  -n, --count COUNT       List at most COUNT runs (default: 20)\n"));
+}
+
 TEST(HelpTextTest, BreaksLinesBeforeColumn80) {
   const std::string word(10, 'x');
   EXPECT_EQ(wrapped(word + " " + word, 58), word + " " + word + "\n");

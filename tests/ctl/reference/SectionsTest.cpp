@@ -48,6 +48,20 @@ TEST(SectionsTest, DescribesAnArgumentOnceInTheManual) {
             ".TP\n\\fBset\\fR \\fIID\\fR\nDo it.\n");
 }
 
+TEST(SectionsTest, DescribesSharedOptionsOnceInTheManual) {
+  CommandDescription one = commandNamed("one");
+  one.options = {{"", "--late", "", "Only late ones", ""}};
+  one.options[0].group = "Choosing tasks";
+  CommandDescription two = one;
+  two.name = "two";
+  EXPECT_EQ(manualShared({one, two}, "Choosing tasks"),
+            ".TP\n\\fB\\-\\-late\\fR\nOnly late ones.\n");
+  const std::string commands = manualCommands({one, two});
+  EXPECT_THAT(commands,
+              HasSubstr("Do it.\nThe options under \"Choosing tasks\" can be given too.\n"));
+  EXPECT_THAT(commands, testing::Not(HasSubstr("Only late ones")));
+}
+
 TEST(SectionsTest, KeepsALineOfTheManualFromBeingAMacro) {
   CommandDescription command = commandNamed("show");
   command.meaning = ".TH is a macro";
@@ -56,18 +70,14 @@ TEST(SectionsTest, KeepsALineOfTheManualFromBeingAMacro) {
               HasSubstr("\n\\&.TH is a macro.\n\\&'tis one too.\nC:\\en is none.\n"));
 }
 
-TEST(SectionsTest, SharesALineOfTheTableBetweenCommands) {
-  EXPECT_EQ(
-      pageCommands(allCommands(programWithCommands())),
-      "\n| command | meaning |\n| --- | --- |\n"
-      "| `show ID` | Do it. |\n| `set ID` | Do it. |\n| `set all ID [--took S]...` | Do it. |\n"
-      "\n| option | of | meaning | default |\n| --- | --- | --- | --- |\n"
-      "| `ID` | `show`, `set`, `set all` | Id of the task |  |\n"
-      "| `--took S` | `set all` | Take it |  |\n\n");
-}
-
-TEST(SectionsTest, SeparatesTheNamesOfAnOptionOnThePage) {
-  EXPECT_THAT(pageOptions(programWithCommands()), HasSubstr("| `-f`, `--config FILE` | "));
+TEST(SectionsTest, ListsCommandsOnThePage) {
+  CommandDescription piped = commandNamed("pipe");
+  piped.meaning = "Match a* | b with --took";
+  piped.details = "The manual has the details.";
+  EXPECT_EQ(pageCommands({commandNamed("show"), piped}),
+            "\n| command | meaning |\n| --- | --- |\n"
+            "| `show ID` | Do it |\n"
+            "| `pipe ID` | Match a\\* \\| b with `--took` |\n\n");
 }
 
 TEST(SectionsTest, GivesBashTheWordsAfterEachCommand) {
