@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "ctl/check/checks.h"
-#include "ctl/check/taskCheck.h"
+#include "ctl/check/taskRules.h"
 #include "ctl/daemon/daemonProcess.h"
 #include "ctl/session/session.h"
 #include "ctl/task/selection.h"
@@ -30,7 +30,7 @@ SharedFiles readSharedFiles(Session& session) {
 }  // namespace
 
 void checkTasks(Session& session, const DaemonIdentity& daemon, Findings& findings) {
-  TaskCheck check(daemon, readSharedFiles(session), findings);
+  TaskRules rules(daemon, readSharedFiles(session), findings);
   const AsDaemon rights(daemon);
-  forEachDefinition(session, [&](const Task& task) { check.look(task); });
+  forEachDefinition(session, [&](const Task& task) { rules.look(task); });
 }

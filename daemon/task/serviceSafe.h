@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "core/constants.h"
-#include "task/ArgumentList.h"
+#include "task/PackedArguments.h"
 
 /// The record of one periodic task: what to run, when, how often to retry, and the output of the
 /// last run. Shared by the timer, the workers, the loader and the purge.
@@ -176,7 +176,7 @@ class serviceSafe {
   std::string Service_idStr;            // guarded by mutex
   std::string name;                     // guarded by mutex
   std::string parameter;                // guarded by mutex, but for Setparameter's store
-  ArgumentList parameterVector;         // guarded by mutex, but for GetVectorParam
+  PackedArguments parameterVector;      // guarded by mutex, but for GetVectorParam
   std::string path;                     // guarded by mutex
   std::string Stdout;                   // guarded by mutex, but for clearOutput
   mutable std::mutex mutex;

@@ -7,7 +7,7 @@
 
 /// A plugin's arguments in one string, each ended by a NUL, as execve takes them. With a million
 /// tasks, a vector of strings would take ten times the memory. Not locked.
-class ArgumentList {
+class PackedArguments {
  public:
   void clear() { packed.clear(); }
   /// Reserves memory for that many bytes of arguments, NULs included.

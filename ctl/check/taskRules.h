@@ -17,11 +17,11 @@
 /// Output files that several tasks may write, and the first task that was found to write one.
 using SharedFiles = std::map<std::string, std::optional<int>>;
 
-/// The checks of one run of koductl check. Caches the results for plugins, because many tasks share
-/// one.
-class TaskCheck {
+/// What koductl check demands of a single task. Caches the results for plugins, because many tasks
+/// share one.
+class TaskRules {
  public:
-  TaskCheck(const DaemonIdentity& identity, SharedFiles files, Findings& list)
+  TaskRules(const DaemonIdentity& identity, SharedFiles files, Findings& list)
       : daemon(identity), findings(list), shared(std::move(files)) {}
 
   void look(const Task& task) {

@@ -1,4 +1,4 @@
-#include "ctl/check/taskCheck.h"
+#include "ctl/check/taskRules.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,9 +28,9 @@ using testing::IsEmpty;
 using testing::Not;
 
 /// checkTasks on tasks that no database holds.
-class TaskCheckTest : public testing::Test {
+class TaskRulesTest : public testing::Test {
  protected:
-  TaskCheckTest() {
+  TaskRulesTest() {
     fs::create_directories(output());
     writePlugin(guard(), "");
     writePlugin(plugin(), "");
@@ -63,9 +63,9 @@ class TaskCheckTest : public testing::Test {
     for (const Task& task : tasks) {
       files.emplace(task.outputPath(), std::nullopt);
     }
-    TaskCheck checks(identity, files, findings);
+    TaskRules rules(identity, files, findings);
     for (const Task& task : tasks) {
-      checks.look(task);
+      rules.look(task);
     }
     std::vector<std::string> texts;
     for (const Json::Value& finding : findings.toJson()) {
@@ -86,12 +86,12 @@ class TaskCheckTest : public testing::Test {
   TempDir directory;
 };
 
-TEST_F(TaskCheckTest, FindsNothingInAValidTask) {
+TEST_F(TaskRulesTest, FindsNothingInAValidTask) {
   EXPECT_THAT(check({validTask(7), validTask(8)}), IsEmpty());
   EXPECT_THAT(check({}), IsEmpty());
 }
 
-TEST_F(TaskCheckTest, FindsRowsThatTheDaemonRefuses) {
+TEST_F(TaskRulesTest, FindsRowsThatTheDaemonRefuses) {
   EXPECT_THAT(checkWith([](Task& task) { task.id = -1; }),
               Contains("error -1: refused by the daemon: the id is negative"));
   for (const std::optional<long> every : {std::optional<long>(), {0}, {-5}}) {
@@ -109,7 +109,7 @@ TEST_F(TaskCheckTest, FindsRowsThatTheDaemonRefuses) {
       << "a paused task has no next run";
 }
 
-TEST_F(TaskCheckTest, FindsValuesThatTheTablesNowRefuse) {
+TEST_F(TaskRulesTest, FindsValuesThatTheTablesNowRefuse) {
   EXPECT_THAT(checkWith([](Task& task) { task.isIntervalUneven = true; }),
               ElementsAre(HasSubstr("error 7: the interval contains months, years or a negative")));
   EXPECT_THAT(checkWith([](Task& task) { task.isNextBeyondLimit = true; }),
@@ -122,7 +122,7 @@ struct Retry {
   bool isFound;
 };
 
-TEST_F(TaskCheckTest, FindsRetriesWithinTheSecondOfTheFailure) {
+TEST_F(TaskRulesTest, FindsRetriesWithinTheSecondOfTheFailure) {
   const std::optional<long> none;
   const std::vector<Retry> cases = {{1, 1, true},     {5, 0, true},        {1, -3, true},
                                     {none, 1, true},  {1, 2, false},       {0, 0, false},
@@ -137,7 +137,7 @@ TEST_F(TaskCheckTest, FindsRetriesWithinTheSecondOfTheFailure) {
   }
 }
 
-TEST_F(TaskCheckTest, WarnsOfAQuoteThatIsNotClosed) {
+TEST_F(TaskRulesTest, WarnsOfAQuoteThatIsNotClosed) {
   const std::string begin = validTask(7).parameter;
   const std::vector<std::pair<std::string, bool>> cases = {
       {"", false},           {" \"a b\"", false}, {" \"a b", true}, {" it's", true},
@@ -150,7 +150,7 @@ TEST_F(TaskCheckTest, WarnsOfAQuoteThatIsNotClosed) {
   }
 }
 
-TEST_F(TaskCheckTest, FindsPluginsThatCannotBeRun) {
+TEST_F(TaskRulesTest, FindsPluginsThatCannotBeRun) {
   fs::remove(plugin());
   EXPECT_THAT(check({validTask(7)}), ElementsAre("error 7: plugin " + plugin() +
                                                  " cannot be run: No such file or directory"));
@@ -160,13 +160,13 @@ TEST_F(TaskCheckTest, FindsPluginsThatCannotBeRun) {
       << "the guarded plugin is not checked then";
 }
 
-TEST_F(TaskCheckTest, WarnsOfATaskWithoutATimeLimit) {
+TEST_F(TaskRulesTest, WarnsOfATaskWithoutATimeLimit) {
   EXPECT_THAT(checkWith([&](Task& task) { task.path = plugin(); }),
               ElementsAre("warning 7: no time limit: a run that hangs occupies its worker (see "
                           "koduguard)"));
 }
 
-TEST_F(TaskCheckTest, FindsAGuardWithoutAPlugin) {
+TEST_F(TaskRulesTest, FindsAGuardWithoutAPlugin) {
   for (const char* parameter : {"", "-t 5", "-t 5 --"}) {
     EXPECT_THAT(checkWith([&](Task& task) { task.parameter = parameter; }),
                 ElementsAre(HasSubstr("error 7: plugin  cannot be run: ")))
@@ -174,14 +174,14 @@ TEST_F(TaskCheckTest, FindsAGuardWithoutAPlugin) {
   }
 }
 
-TEST_F(TaskCheckTest, ReportsAPluginOfManyTasksOnce) {
+TEST_F(TaskRulesTest, ReportsAPluginOfManyTasksOnce) {
   fs::remove(plugin());
   EXPECT_THAT(
       check({validTask(1), validTask(2), validTask(3)}),
       ElementsAre("error 1 2 3: plugin " + plugin() + " cannot be run: No such file or directory"));
 }
 
-TEST_F(TaskCheckTest, FindsFileNamesThatEndTheDaemon) {
+TEST_F(TaskRulesTest, FindsFileNamesThatEndTheDaemon) {
   EXPECT_THAT(checkWith([](Task& task) { task.fileName = ""; }),
               ElementsAre("error 7: cron_log_file is empty: the output has no file, which ends the "
                           "daemon"));
@@ -196,7 +196,7 @@ TEST_F(TaskCheckTest, FindsFileNamesThatEndTheDaemon) {
       ElementsAre(HasSubstr("error 7: the file name contains a /, but the archive has no")));
 }
 
-TEST_F(TaskCheckTest, FindsOutputFilesThatCannotBeWritten) {
+TEST_F(TaskRulesTest, FindsOutputFilesThatCannotBeWritten) {
   fs::create_directory(validTask(7).outputPath());
   EXPECT_THAT(check({validTask(7)}),
               ElementsAre("error 7: output file cannot be written: it is a directory"));
@@ -205,19 +205,19 @@ TEST_F(TaskCheckTest, FindsOutputFilesThatCannotBeWritten) {
   EXPECT_THAT(check({validTask(7)}), ElementsAre(HasSubstr("it is a FIFO, and its writer waits")));
 }
 
-TEST_F(TaskCheckTest, WarnsOfTasksThatShareAnOutputFile) {
+TEST_F(TaskRulesTest, WarnsOfTasksThatShareAnOutputFile) {
   std::vector<Task> tasks = {validTask(1), validTask(2), validTask(3)};
   tasks[0].fileName = tasks[2].fileName = "same_$DATE.txt";
   EXPECT_THAT(check(tasks), ElementsAre("warning 3: writes the same output file as task 1: " +
                                         output() + "/same_last.txt"));
 }
 
-TEST_F(TaskCheckTest, WarnsOfOverdueTasks) {
+TEST_F(TaskRulesTest, WarnsOfOverdueTasks) {
   EXPECT_THAT(checkWith([](Task& task) { task.isLate = true; }),
               ElementsAre("warning 7: is overdue"));
 }
 
-TEST_F(TaskCheckTest, ChecksOnlyThePluginTypeOfOtherTasks) {
+TEST_F(TaskRulesTest, ChecksOnlyThePluginTypeOfOtherTasks) {
   EXPECT_THAT(checkWith([](Task& task) {
                 task.type = "other";
                 task.path = "/nowhere";
@@ -228,7 +228,7 @@ TEST_F(TaskCheckTest, ChecksOnlyThePluginTypeOfOtherTasks) {
                           "'cron'"));
 }
 
-TEST_F(TaskCheckTest, AddsEveryFindingOfATask) {
+TEST_F(TaskRulesTest, AddsEveryFindingOfATask) {
   const auto found = checkWith([](Task& task) {
     task.every = 0;
     task.path = "/nowhere/plugin";
