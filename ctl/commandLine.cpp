@@ -299,7 +299,7 @@ class Parser {
     test->footer(
         "The plugin gets the arguments, the user, the folder and the empty environment that "
         "the daemon gives it. As root, and when the daemon is the unit koducron.service, it also "
-        "runs in the unit's sandbox. Its output is followed by the return code and by the "
+        "runs in the unit's sandbox. The output is followed by the return code and by the "
         "differences from the stored output. The exit status is the return code. The earlier "
         "name of this command, rerun, still works in this release.");
   }
@@ -481,7 +481,7 @@ class Parser {
         addCommand("export", "Write tasks as YAML, or with --json as JSON", runExport);
     exported->footer(
         "Settings that have their default are left out. A task without a key has the key task-ID. "
-        "koductl apply reads both forms.");
+        "koductl apply reads both formats.");
     exported->add_option("ID", options.selection.ids, "Id of a task")
         ->option_text("ID (all tasks)")
         ->take_all()
@@ -514,7 +514,7 @@ class Parser {
     CLI::App* ledger = addCommand(
         "ledger", "Show the state of the ledger of all runs, or change its settings", runLedger);
     ledger->footer(
-        "on and off switch it on and off. keep DAYS sets how long single runs are kept; summaries "
+        "on starts it, and off stops it. keep DAYS sets how long single runs are kept; summaries "
         "are kept longer. These need --user with a member of kodu_admin.");
     ledger->add_option("ACTION", options.ledgerAction, "What to do: on, off, keep or status")
         ->option_text(valueWithDefault("ACTION", options.ledgerAction))
@@ -535,10 +535,13 @@ class Parser {
         ->add_option("ACTION", options.schemaAction,
                      "With upgrade, change the tables to the version of this koductl")
         ->check(CLI::IsMember({"upgrade"}));
-    addCommand("repair", "Mark runs that a daemon did not finish as FAILED", runRepair)
+    addCommand("repair", "Mark unfinished runs as FAILED before a start of the daemon", runRepair)
         ->footer(
-            "Run it before a start of the daemon; while a daemon is connected, it changes nothing. "
-            "Each of these runs gets a row in kodu_cron_repair. Next times do not change.");
+            "A daemon that ends during a run leaves the task in PROCESS. While a daemon is "
+            "connected, "
+            "nothing is changed. Each of these runs gets a row in kodu_cron_repair. Next times do "
+            "not "
+            "change.");
     schema->add_flag("--dry-run", options.isDryRun, "Perform the upgrade, then roll it back");
     schema
         ->add_option("--wait", options.waitSeconds,

@@ -15,7 +15,7 @@ constexpr std::string_view kUsage =
     "  -t  time limit of the plugin in seconds, 1 to 86400, default 30\n"
     "  -k  seconds between TERM and KILL, 0 to 3600, default 5\n"
     "  -o  limit of the output in bytes, 1 to 1073741824, default 65536\n"
-    "  -e  add standard error after the output\n";
+    "  -e  append standard error to the output\n";
 
 struct NumberOption {
   std::string_view name;
@@ -75,8 +75,8 @@ bool parseOptions(char** arguments, Options& options) {
     if (name == "-e") {
       options.withStandardError = true;
     } else if (const NumberOption* option = findNumberOption(name); option == nullptr) {
-      return refuse(
-          {name == "-h" ? "help requested" : "unknown option ", name == "-h" ? "" : name});
+      const bool isHelp = name == "-h" || name == "--help";
+      return refuse({isHelp ? "help requested" : "unknown option ", isHelp ? "" : name});
     } else if (readNumber(*option, arguments[1], options)) {
       ++arguments;
     } else {

@@ -545,6 +545,7 @@ TEST_F(GuardTest, RefusesAWrongCommandLine) {
        "-k takes whole seconds from 0 to 3600, not \"99999999999999999999\""},
       {{"-o", "1k", "/bin/echo"}, "-o takes bytes from 1 to 1073741824, not \"1k\""},
       {{"-h"}, "help requested"},
+      {{"--help"}, "help requested"},
   };
   for (const auto& [arguments, reason] : cases) {
     run(arguments);

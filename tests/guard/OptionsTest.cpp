@@ -111,14 +111,14 @@ TEST_F(OptionsTest, RefusesAnOptionWithoutItsValue) {
 }
 
 TEST_F(OptionsTest, RefusesUnknownOptions) {
-  for (const char* wrong : {"-x", "-", "-t5", "-et", "--help", "---", "--timeout"}) {
+  for (const char* wrong : {"-x", "-", "-t5", "-et", "---", "--timeout"}) {
     EXPECT_EQ(refusalOf({wrong, "--", "/bin/true"}),
               std::string("UNKNOWN - koduguard: unknown option ") + wrong);
   }
 }
 
 TEST_F(OptionsTest, PrintsTheUsageAfterEachRefusal) {
-  for (const Words& given : {Words{}, {"-h"}, {"-x"}, {"-t", "0"}, {"--"}}) {
+  for (const Words& given : {Words{}, {"-h"}, {"--help"}, {"-x"}, {"-t", "0"}, {"--"}}) {
     EXPECT_FALSE(parse(given));
     EXPECT_THAT(output, StartsWith("UNKNOWN - koduguard: "));
     EXPECT_THAT(output, HasSubstr("\nusage: koduguard [-t SECONDS] [-k SECONDS] [-o BYTES] [-e]"));
