@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <string>
 
 #include "ctl/command/commands.h"
@@ -76,8 +77,8 @@ void printForPeople(const DaemonCondition& condition, const Verdict& verdict) {
              fmt::format("{} in the last hour, by {}", condition.starts.size(),
                          condition.isByJournal ? "the journal" : "its log"));
   printDatabase(condition);
-  constexpr Colour kColours[] = {Colour::kGreen, Colour::kYellow, Colour::kRed};
-  printField("verdict", verdict.sentence, kColours[verdict.exitCode]);
+  constexpr std::array kColours = {Colour::kGreen, Colour::kYellow, Colour::kRed};
+  printField("verdict", verdict.sentence, kColours.at(static_cast<std::size_t>(verdict.exitCode)));
 }
 
 }  // namespace

@@ -145,7 +145,7 @@ Run runAs(const Task& task, const DaemonIdentity& daemon, bool inUnit) {
   if (isatty(STDERR_FILENO) == 1) {
     errors.emplace();
   }
-  const Run run = inUnit ? runInUnit(task, daemon) : runHere(task, daemon);
+  Run run = inUnit ? runInUnit(task, daemon) : runHere(task, daemon);
   if (errors) {
     printError("{}", errors->take());
   }

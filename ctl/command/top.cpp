@@ -49,8 +49,7 @@ class Top {
   explicit Top(const Options& given) : options(given) { connect(); }
 
   void run() {
-    Screen display;
-    screen = &display;
+    screen.emplace();
     while (isStopped == 0) {
       refresh();
       if (!waitAndTakeKeys()) {
@@ -164,7 +163,7 @@ class Top {
 
   const Options& options;
   std::optional<Session> reader, writer;
-  Screen* screen = nullptr;  // during run()
+  std::optional<Screen> screen;  // from run() on
   TopModel model;
   int refreshes = 0;
   milliseconds took{0};  // of the last refresh
