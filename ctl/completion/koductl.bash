@@ -3,10 +3,6 @@
 # Ids of tasks that begin with the digits $1, when the database answers with the configuration of the
 # present line. No more than anyone would read: the tables may have a million tasks.
 _koductl_ids() {
-  local i config=()
-  for ((i = 1; i < ${#COMP_WORDS[@]} - 1; i++)); do
-    [[ ${COMP_WORDS[i]} != -f && ${COMP_WORDS[i]} != --config ]] || config=(-f "${COMP_WORDS[i + 1]}")
-  done
   "${COMP_WORDS[0]}" "${config[@]}" ids --prefix "$1" --limit 100 2>/dev/null
 }
 
@@ -127,17 +123,23 @@ _koductl() {
     ['-p']='SECONDS'
     ['-t']='SECONDS'
     ['-w']='SECONDS'
+    ['logs -f']=''
+    ['run --wait']=''
   )
   # end of the generated part
-  local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  local i command='' proposed=$commands given=() names=()
+  local word=${COMP_WORDS[COMP_CWORD]}
+  local i option value='' command='' proposed=$commands given=() names=() config=()
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; i++)); do
     [[ ${COMP_WORDS[i]} != -- ]] || return 0  # the rest is the plugin's
   done
   for ((i = 1; i < COMP_CWORD; i++)); do
-    if [[ ${COMP_WORDS[i]} == -* ]]; then
-      [[ ! ${values[${COMP_WORDS[i]}]-} ]] || ((++i))
+    option=${COMP_WORDS[i]} value=''
+    if [[ $option == -* ]]; then
+      # A name that has a value elsewhere may be a flag of this command.
+      value=${values[$command $option]-${values[$option]-}}
+      [[ $value != FILE ]] || config=(-f "${COMP_WORDS[i + 1]}")
+      [[ ! $value ]] || ((++i))
     elif [[ ${words[${command:+$command }${COMP_WORDS[i]}]+is} ]]; then
       command+=${command:+ }${COMP_WORDS[i]}
       proposed=${words[$command]}
@@ -145,8 +147,8 @@ _koductl() {
       given+=("${COMP_WORDS[i]}")
     fi
   done
-  if [[ ${values[$previous]-} ]]; then
-    _koductl_value "${values[$previous]}"
+  if [[ $value && $i -gt $COMP_CWORD ]]; then
+    _koductl_value "$value"
     return
   fi
   [[ ! $command ]] || read -ra names <<<"${arguments[$command]-}"

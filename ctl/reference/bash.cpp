@@ -70,6 +70,20 @@ void collectCommands(Array& words, Array& arguments, Array& values,
   }
 }
 
+/// The flags whose names have a value elsewhere, each after its command and without one.
+void collectFlags(Array& values, const CommandDescription& parent) {
+  for (const CommandDescription& command : parent.commands) {
+    for (const OptionDescription& option : command.options) {
+      for (const std::string& name : {option.shortName, option.longName}) {
+        if (option.value.empty() && values.count(name) > 0) {
+          values[fmt::format("{} {}", command.name, name)] = "";
+        }
+      }
+    }
+    collectFlags(values, command);
+  }
+}
+
 std::string arrayText(const char* name, const Array& array) {
   std::string lines;
   for (const auto& [key, value] : array) {
@@ -86,6 +100,7 @@ std::string bashVariables(const CommandDescription& program) {
   Array values;
   collectValues(values, program.options);
   collectCommands(words, arguments, values, program);
+  collectFlags(values, program);
   return fmt::format("  local commands='{}'\n  local common='{}'\n", namesOf(program.commands),
                      namesOf(program.options)) +
          arrayText("words", words) + arrayText("arguments", arguments) +

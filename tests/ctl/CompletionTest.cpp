@@ -79,4 +79,23 @@ TEST_F(CompletionTest, ProposesTheIdsOfTheTasks) {
   EXPECT_EQ(complete(program() + " -f " + daemon.mainConfig() + " show 2x"), "\n");
 }
 
+/// A name that has a value after one command can be a flag of another one.
+TEST_F(CompletionTest, TellsAFlagFromAnOptionOfTheSameName) {
+  for (const int id : {1, 12}) {
+    database.insertTask(quietTask(id));
+  }
+  const std::string koductl = program() + " -f " + daemon.mainConfig();
+  EXPECT_EQ(complete(koductl + " logs -f 1"), "1 12\n");
+  EXPECT_EQ(complete(koductl + " logs -n 5 -f 1"), "1 12\n");
+  EXPECT_EQ(complete(koductl + " run --wait 1"), "1 12\n");
+  EXPECT_EQ(complete(koductl + " schema --wait 1"), "\n");
+  EXPECT_EQ(complete(program() + " logs --config " + daemon.mainConfig() + " 1"), "1 12\n");
+}
+
+TEST_F(CompletionTest, ProposesNoOptionAsTheValueOfOne) {
+  EXPECT_EQ(complete("koductl history 1 --count --"), "\n");
+  EXPECT_THAT(complete("koductl logs --follow --"), HasSubstr("--failed"));
+  EXPECT_THAT(complete("koductl history --count 3 --"), HasSubstr("--count"));
+}
+
 }  // namespace
