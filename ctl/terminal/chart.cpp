@@ -57,8 +57,9 @@ std::vector<std::string> chartLines(const std::vector<long>& values, int rows, l
 
 std::string chartScale(const std::string& left, const std::string& right, std::size_t columns,
                        long top) {
+  const std::size_t least = right.empty() ? 0 : 1;
   const std::size_t gap =
-      left.size() + right.size() < columns ? columns - left.size() - right.size() : std::size_t{1};
+      left.size() + right.size() < columns ? columns - left.size() - right.size() : least;
   return std::string(labelWidth(top), ' ') + left + std::string(gap, ' ') + right;
 }
 

@@ -1,9 +1,12 @@
 #include "ctl/terminal/chart.h"
 
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "ctl/terminal/terminal.h"
 #include "tests/ctl/CtlTest.h"
+#include "tests/support/FakeTerminal.h"
 
 namespace {
 
@@ -35,6 +38,7 @@ TEST(ChartLinesTest, HasAnAxisWithoutAnyLoad) {
 TEST(ChartScaleTest, StandsBelowTheColumns) {
   EXPECT_EQ(chartScale("now", "in 1h", 12, 10), "   now    in 1h");
   EXPECT_EQ(chartScale("now", "in 1h", 3, 10), "   now in 1h");
+  EXPECT_EQ(chartScale("!!!", "", 3, 10), "   !!!") << "no wider than the columns";
 }
 
 /// The charts of forecast and stagger.
@@ -84,6 +88,61 @@ TEST_F(ChartTest, ShowsNoneElsewhere) {
   EXPECT_THAT(runAsAdmin({"forecast", "1"}).out, Not(HasSubstr("RUNS A MINUTE")));
   EXPECT_THAT(runAsAdmin({"stagger"}).out, Not(HasSubstr("BEFORE")));
   EXPECT_THAT(onTerminal({"forecast", "1", "--json"}), Not(HasSubstr("RUNS A MINUTE")));
+}
+
+TEST(ChartLinesTest, HasALabelOnlyAtTheEndsOfItsAxis) {
+  const std::vector<std::string> lines = chartLines({1000}, 5, 1000);
+  ASSERT_EQ(lines.size(), 5U);
+  EXPECT_EQ(lines[0], "1000 █");
+  EXPECT_EQ(lines[2], "     █");
+  EXPECT_EQ(lines[4], "   0 █");
+}
+
+TEST(ChartLinesTest, CutsWhatIsHigherThanTheTop) {
+  EXPECT_THAT(chartLines({20, 5}, 2, 10), ElementsAre("10 █", " 0 ██"));
+}
+
+TEST(ChartColumnsTest, FillTheTerminalBesideTheLabels) {
+  FakeTerminal terminal(24, 80);
+  EXPECT_EQ(chartColumns(9), 78U);
+  EXPECT_EQ(chartColumns(1000), 75U);
+}
+
+TEST(ChartColumnsTest, AreNeverTooFewToSeeSomething) {
+  const FakeTerminal terminal(24, 10);
+  EXPECT_EQ(chartColumns(9), 20U);
+  EXPECT_EQ(chartColumns(1000000000000), 20U);
+}
+
+TEST_F(ChartTest, CompressesAWeekToTheTerminal) {
+  const std::string text = onTerminal({"forecast", "168"});
+  const auto begin = text.find("RUNS A MINUTE\r\n");
+  ASSERT_NE(begin, std::string::npos);
+  std::istringstream lines(text.substr(begin));
+  for (std::string line; std::getline(lines, line) && line != "\r";) {
+    line.pop_back();
+    EXPECT_LE(widthOf(line), 100) << line;
+  }
+  EXPECT_THAT(text, ContainsRegex("\n  20[0-9: -]+ +20[0-9: -]+\r\n")) << "from when to when";
+}
+
+TEST_F(ChartTest, ShowsNoLoadWithoutTasks) {
+  database.query("DELETE FROM kodu_cron_plugin");
+  EXPECT_THAT(onTerminal({"forecast", "1"}),
+              AllOf(HasSubstr("0 runs in 1 h.\r\n"), HasSubstr("RUNS A MINUTE\r\n0\r\n"),
+                    Not(HasSubstr("!"))));
+  EXPECT_THAT(onTerminal({"stagger"}),
+              AllOf(HasSubstr("0 of 0 tasks to be moved"), Not(HasSubstr("BUSIEST SECOND"))));
+}
+
+TEST_F(ChartTest, CountsTheTasksOfALongerIntervalOnlyWhereTheyRun) {
+  database.query(
+      "UPDATE kodu_cron_plugin SET cron_interval = '1 day',"
+      " cron_next_exec = date_trunc('minute', now()) + interval '30 minutes'");
+  const std::string text = onTerminal({"stagger", "--longest", "2 days"});
+  EXPECT_THAT(text, HasSubstr("BUSIEST SECOND OF EACH MINUTE, BEFORE\r\n4 "));
+  EXPECT_THAT(text, ContainsRegex("0 +█\r\n")) << "one minute of the hour";
+  EXPECT_THAT(onTerminal({"stagger", "--longest", "1 hour"}), HasSubstr("0 of 0 tasks"));
 }
 
 }  // namespace
