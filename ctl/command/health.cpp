@@ -195,15 +195,18 @@ int report(const Options& options, const Figures& found, const Thresholds& limit
 }
 
 /// Without figures: only the state and the reason.
-int reportFailure(const Options& options, State state, const std::string& reason) {
-  if (options.asJson) {
-    Json::Value json;
-    json["state"] = kWords.at(state);
-    json["problems"] = reason;
-    printJson(json);
-  } else {
-    print("KODUCRON {} - {}\n", kWords.at(state), lineOf(reason));
+std::string failureText(const Options& options, State state, const std::string& reason) {
+  if (!options.asJson) {
+    return fmt::format("KODUCRON {} - {}\n", kWords.at(state), lineOf(reason));
   }
+  Json::Value json;
+  json["state"] = kWords.at(state);
+  json["problems"] = reason;
+  return printedJson(json) + "\n";
+}
+
+int reportFailure(const Options& options, State state, const std::string& reason) {
+  print("{}", Styled(failureText(options, state, reason)));
   return state;
 }
 
@@ -211,9 +214,9 @@ std::string lateAnswer;  // written before the signal can come
 
 /// A monitoring system wants an answer in time, whatever hangs: the name service, the server in the
 /// middle of its own answer, a file system.
-void answerInTime(const Thresholds& limits) {
-  lateAnswer =
-      fmt::format("KODUCRON CRITICAL - the database does not answer within {} s\n", limits.timeout);
+void answerInTime(const Options& options, const Thresholds& limits) {
+  lateAnswer = failureText(options, kCritical,
+                           fmt::format("the database does not answer within {} s", limits.timeout));
   std::signal(SIGALRM, [](int) {
     [[maybe_unused]] const auto written =
         write(STDOUT_FILENO, lateAnswer.data(), lateAnswer.size());
@@ -242,7 +245,7 @@ int runHealth(const Options& options) {
   try {
     const Thresholds limits = thresholdsOf(options);
     silenceErrors();
-    answerInTime(limits);
+    answerInTime(options, limits);
     const int exitCode = report(options, readFigures(options, limits), limits);
     flushOutput();
     alarm(0);

@@ -1,3 +1,8 @@
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <filesystem>
 #include <string>
 
 #include "tests/ctl/CtlTest.h"
@@ -129,6 +134,82 @@ TEST_F(HealthTest, PutsNoSecondSignBeforeTheFigures) {
   const CtlResult result = run({"health", "-t", "1"});
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_EQ(result.out.find('|'), std::string::npos);
+}
+
+TEST_F(HealthTest, IsCriticalWithoutADaemonWhateverElseIsWrong) {
+  PQfinish(session);
+  session = nullptr;
+  const CtlResult result = run({"health", "--json"});
+  EXPECT_EQ(result.exitCode, 2);
+  const Json::Value json = parsed(result.out);
+  EXPECT_EQ(json["state"].asString(), "CRITICAL");
+  EXPECT_EQ(json["problems"].asString(), "no session of the daemon");
+  EXPECT_EQ(json["sessions"].asInt(), 0);
+}
+
+TEST_F(HealthTest, WarnsOfALedgerThatIsNotPruned) {
+  database.query(
+      "UPDATE kodu_ledger_state SET switched_on = now() AT TIME ZONE 'UTC' - interval '2 days',"
+      " pruned_at = now() AT TIME ZONE 'UTC' - interval '86500 s'");
+  EXPECT_THAT(health(), testing::MatchesRegex("1 KODUCRON WARNING - 0 tasks, the ledger was last "
+                                              "pruned 865[0-9][0-9] s ago: see ops/ledger"));
+  database.query("UPDATE kodu_ledger_state SET is_on = FALSE");
+  EXPECT_THAT(health(), StartsWith("0 ")) << "nothing is written to it";
+  database.query(
+      "UPDATE kodu_ledger_state SET is_on = TRUE, switched_on = now() AT TIME ZONE 'UTC'");
+  EXPECT_THAT(health(), StartsWith("0 ")) << "it was switched on just now";
+}
+
+TEST_F(HealthTest, DoesWithoutALedger) {
+  database.query("DROP TABLE kodu_ledger_state CASCADE");
+  const CtlResult result = run({"health"});
+  EXPECT_EQ(result.exitCode, 0) << result.out;
+  EXPECT_THAT(result.out, testing::EndsWith(" sessions=1\n"));
+  EXPECT_TRUE(parsed(run({"health", "--json"}).out)["ledger_unwritten"].isNull());
+}
+
+TEST_F(HealthTest, ReadsTheTablesOfALaterRelease) {
+  database.query("INSERT INTO kodu_schema_version VALUES (99, 'later')");
+  EXPECT_EQ(health(), "0 KODUCRON OK - 0 tasks, none overdue");
+}
+
+TEST_F(HealthTest, IsCriticalWithAWrongPassword) {
+  std::string config = readFile(daemon.databaseConfig());
+  config.replace(config.find(database.password()), database.password().size(), "wrong");
+  writeFile(daemon.databaseConfig(), config);
+  const CtlResult result = run({"health"});
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_THAT(result.out,
+              StartsWith("KODUCRON CRITICAL - the database does not answer within 5 s: "));
+  EXPECT_THAT(result.out, HasSubstr("password authentication failed"));
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 1) << "one line";
+  EXPECT_EQ(result.err, "");
+  const Json::Value json = parsed(run({"health", "--json"}).out);
+  EXPECT_EQ(json["state"].asString(), "CRITICAL");
+  EXPECT_TRUE(json["tasks"].isNull()) << "nothing is known of them";
+}
+
+TEST_F(HealthTest, IsUnknownWithoutItsConfiguration) {
+  std::filesystem::remove(daemon.databaseConfig());
+  const CtlResult result = run({"health", "--json"});
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_EQ(parsed(result.out)["state"].asString(), "UNKNOWN");
+  EXPECT_EQ(result.err, "");
+}
+
+/// A named pipe in the place of a file that the client library reads hangs it before it connects.
+TEST_F(HealthTest, AnswersInTimeWhateverHangs) {
+  const std::string pipe = daemon.directory / "services";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  environment.emplace_back("PGSERVICE=none");
+  environment.emplace_back("PGSERVICEFILE=" + pipe);
+  const pid_t asJson = start({"-f", daemon.mainConfig(), "health", "-t", "1", "--json"});
+  int status = 0;
+  waitpid(asJson, &status, 0);
+  EXPECT_EQ(exitStatusOf(status), 2);
+  const Json::Value json = parsed(readFile(outPath()));
+  EXPECT_EQ(json["state"].asString(), "CRITICAL");
+  EXPECT_EQ(json["problems"].asString(), "the database does not answer within 1 s");
 }
 
 }  // namespace
