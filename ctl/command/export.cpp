@@ -16,6 +16,7 @@
 #include "ctl/options.h"
 #include "ctl/session/session.h"
 #include "ctl/task/arguments.h"
+#include "ctl/task/selection.h"
 #include "ctl/terminal/print.h"
 #include "task/serviceSafe.h"
 
@@ -161,6 +162,7 @@ class Writer {
 
 int runExport(const Options& options) {
   Session session(options);
+  requireIds(session, options.selection);  // before anything is written
   const std::string guard = readGuard(session);
   Writer writer(options.set, options.asJson);
   forEachStored(session, {options.selection.ids, options.set}, guard,

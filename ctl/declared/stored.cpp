@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include "ctl/declared/sqlText.h"
-#include "ctl/failure.h"
 #include "ctl/session/session.h"
 
 namespace {
@@ -57,17 +56,6 @@ StoredTask taskOf(const Rows& rows, int row, const std::string& guard) {
   return task;
 }
 
-void requireTasks(Session& session, const std::vector<std::string>& ids) {
-  const Rows missing = session.query(
-      "SELECT id FROM unnest($1::integer[]) AS id WHERE NOT EXISTS"
-      " (SELECT FROM kodu_cron_plugin WHERE cron_id = id) ORDER BY id LIMIT 1",
-      {sqlArray(ids)});
-  if (missing.count() > 0) {
-    throw Failure(kNotFound, fmt::format("there is no task {}; koductl status lists them",
-                                         missing.text(0, "id")));
-  }
-}
-
 }  // namespace
 
 std::string readGuard(Session& session) {
@@ -92,17 +80,12 @@ std::vector<StoredTask> readStored(Session& session, const std::vector<std::stri
 
 void forEachStored(Session& session, const ExportSelection& selection, const std::string& guard,
                    const std::function<void(const StoredTask&)>& use) {
-  std::vector<std::string> ids;
-  for (const int id : selection.ids) {
-    ids.push_back(std::to_string(id));
-  }
-  requireTasks(session, ids);
   // Held, that is copied by the server: a reader of the export may be slow, and a transaction would
   // keep the server from cleaning up behind the daemon's updates.
   session.query("DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
                     selectWhere("(cardinality($1::integer[]) = 0 OR task.cron_id = ANY($1))"
                                 " AND ($2 = '' OR task_set = $2) ORDER BY key"),
-                {sqlArray(ids), selection.set});
+                {fmt::format("{{{}}}", fmt::join(selection.ids, ",")), selection.set});
   for (int count = 1; count > 0;) {
     const Rows rows = session.query("FETCH 1000 FROM export");
     count = rows.count();

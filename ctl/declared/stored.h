@@ -37,6 +37,6 @@ struct ExportSelection {
 };
 
 /// Calls `use` for each selected task by its key, in the order of bytes. Holds no snapshot of the
-/// tables meanwhile, and only some of the tasks. Throws Failure (kNotFound) for an id that is none.
+/// tables meanwhile, and only some of the tasks.
 void forEachStored(Session& session, const ExportSelection& selection, const std::string& guard,
                    const std::function<void(const StoredTask&)>& use);
