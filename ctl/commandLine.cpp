@@ -311,14 +311,14 @@ class Parser {
     account->footer(
         "Each period has a run or was skipped for a reason. The exit status is 1 if these do not "
         "add up to all periods, which is a fault of the ledger. A pattern may contain * and ?.");
-    account->add_option("ID", options.accountIds, "Id of a task")
+    account->add_option("ID", options.selection.ids, "Id of a task")
         ->option_text("ID (all tasks)")
         ->take_all()
         ->check(CLI::Range(0, 2147483647));
-    account->add_option("--name", options.accountName, "Only tasks whose name matches PATTERN")
+    account->add_option("--name", options.selection.name, "Only tasks whose name matches PATTERN")
         ->option_text("PATTERN");
     account
-        ->add_option("--plugin", options.accountPlugin,
+        ->add_option("--plugin", options.selection.plugin,
                      "Only tasks whose plugin's path matches PATTERN")
         ->option_text("PATTERN");
     account->add_option("--since", options.since, "Count what ended at TIME or later")
@@ -337,7 +337,8 @@ class Parser {
         "runs follow at the interval of the task. With --wait, the exit status is 0 if the run "
         "ends OK, and 1 if it has FAILED after its retries.");
     now->add_flag("--wait", options.isAwaited,
-                  "Wait for the end of the run of one task and print its output");
+                  "Wait for the end of the run of one task and print its output")
+        ->excludes(now->get_option("--dry-run"));
     addChange("delete", "Delete tasks, their files and their history", runDelete)
         ->footer(
             "The daemon deletes them within four minutes; until then, koductl undelete can keep "

@@ -79,9 +79,7 @@ struct Options {
   std::string source;  // a file, a directory or "-"
   bool isPruning = false;
 
-  // account: "" without a condition; a pattern has * and ?
-  std::vector<int> accountIds;
-  std::string accountName, accountPlugin, since;
+  std::string since;  // account; "": as far back as the ledger goes
 
   // ledger
   std::string ledgerAction = "status";

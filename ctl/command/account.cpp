@@ -13,6 +13,7 @@
 #include "ctl/options.h"
 #include "ctl/session/session.h"
 #include "ctl/task/ledger.h"
+#include "ctl/task/selection.h"
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
@@ -21,15 +22,13 @@ namespace {
 
 enum AccountExit { kComplete = 0, kIncomplete = 1 };
 
-// In patterns, * and ? are those of a shell.
 constexpr const char* kAccounts = R"(
 SELECT account.*, plugin_name AS name
 FROM kodu_account(NULLIF($1, '')::timestamptz) AS account
 LEFT JOIN kodu_cron_plugin ON cron_id = account.id
 LEFT JOIN kodu_plugins ON plugin_id = cron_plugin_id
-WHERE (NULLIF($2, '') IS NULL OR account.id = ANY (NULLIF($2, '')::int[]))
-  AND ($3 = '' OR plugin_name LIKE translate(regexp_replace($3, '([\\%_])', '\\\1', 'g'), '*?', '%_'))
-  AND ($4 = '' OR plugin_path LIKE translate(regexp_replace($4, '([\\%_])', '\\\1', 'g'), '*?', '%_'))
+WHERE ($2::int[] = '{}' OR account.id = ANY ($2::int[]))
+  AND ($3 = '' OR plugin_name LIKE $3) AND ($4 = '' OR plugin_path LIKE $4)
 ORDER BY account.id)";
 
 constexpr std::array kCounts = {"periods", "runs",    "failed",
@@ -46,12 +45,10 @@ struct Account {
 };
 
 std::vector<Account> readAccounts(Session& session, const Options& options) {
-  std::string ids;
-  for (const int id : options.accountIds) {
-    ids += fmt::format("{}{}", ids.empty() ? "{" : ",", id);
-  }
-  const Rows rows = session.query(kAccounts, {options.since, ids.empty() ? "" : ids + "}",
-                                              options.accountName, options.accountPlugin});
+  const Selection& chosen = options.selection;
+  const Rows rows = session.query(
+      kAccounts, {options.since, fmt::format("{{{}}}", fmt::join(chosen.ids, ",")),
+                  likePattern(chosen.name.value_or("")), likePattern(chosen.plugin.value_or(""))});
   std::vector<Account> accounts;
   for (int row = 0; row < rows.count(); ++row) {
     Account account{rows.number(row, "id"), rows.text(row, "name"), {}};

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <iostream>
+#include <string_view>
 #include <vector>
 
 #include "ctl/command/report.h"
@@ -13,6 +14,7 @@
 #include "ctl/options.h"
 #include "ctl/session/call.h"
 #include "ctl/session/session.h"
+#include "ctl/session/transaction.h"
 #include "ctl/task/pages.h"
 #include "ctl/task/selection.h"
 #include "ctl/task/task.h"
@@ -22,31 +24,6 @@
 #include "ctl/terminal/text.h"
 
 namespace {
-
-/// A change that takes back everything unless it is completed.
-class Transaction {
- public:
-  explicit Transaction(Session& owner) : session(owner) { session.query("BEGIN"); }
-  ~Transaction() {
-    if (!isEnded) {
-      try {
-        session.query("ROLLBACK");
-      } catch (const Failure&) {  // the session is lost, and its transaction with it
-      }
-    }
-  }
-  Transaction(const Transaction&) = delete;
-  Transaction& operator=(const Transaction&) = delete;
-
-  void commit() {
-    session.query("COMMIT");
-    isEnded = true;
-  }
-
- private:
-  Session& session;
-  bool isEnded = false;
-};
 
 /// The first of these tasks, as many as a terminal shows.
 Selection firstOf(const Options& options, std::vector<int> ids) {
@@ -79,7 +56,7 @@ void printTable(const Options& options, const std::vector<Task>& tasks, std::siz
 }
 
 std::string countText(std::size_t count) {
-  return grouped(static_cast<long>(count)) + (count == 1 ? " task" : " tasks");
+  return counted(static_cast<long>(count), "task");
 }
 
 /// "Delete 5 tasks? [y/N]" after a table of these, or the same of one task by its name.
@@ -119,11 +96,17 @@ void apply(Session& session, const TaskChange& change, std::vector<int> ids) try
   throw;
 }
 
+/// "would be paused" of "paused", "would run" of "will run".
+std::string conditional(const std::string& result) {
+  constexpr std::string_view kWill = "will ";
+  return result.starts_with(kWill) ? "would " + result.substr(kWill.size()) : "would be " + result;
+}
+
 void changeOnTrial(Session& session, const Options& options, const TaskChange& change,
                    const std::vector<int>& ids) {
   std::vector<Task> first;
   {
-    const Transaction transaction(session);
+    const Transaction transaction(session, "");
     apply(session, change, ids);
     first = readFirst(session, options, ids);
   }
@@ -132,7 +115,7 @@ void changeOnTrial(Session& session, const Options& options, const TaskChange& c
     return;
   }
   printTable(options, first, ids.size());
-  print("{} would be {}; nothing was changed\n", countText(ids.size()), change.result);
+  print("{} {}; nothing was changed\n", countText(ids.size()), conditional(change.result));
 }
 
 void changeOne(Session& session, const Options& options, const TaskChange& change,
@@ -147,7 +130,7 @@ void changeOne(Session& session, const Options& options, const TaskChange& chang
 
 void changeMany(Session& session, const Options& options, const TaskChange& change,
                 const std::vector<int>& ids) {
-  Transaction transaction(session);
+  Transaction transaction(session, "");
   apply(session, change, ids);
   transaction.commit();
   if (options.asJson) {
@@ -190,7 +173,9 @@ void confirm(Session& session, const Options& options, const std::string& verb,
 int changeTasks(Session& session, const Options& options, const TaskChange& change) {
   const std::vector<int> ids = selectedIds(session, options, change.verb);
   change.call.requireRight(session);
-  if (ids.empty()) {
+  if (ids.empty() && options.asJson) {
+    printIds(options, ids);
+  } else if (ids.empty()) {
     print("no task is selected; nothing was changed\n");
   } else if (options.isDryRun) {
     changeOnTrial(session, options, change, ids);

@@ -111,7 +111,8 @@ std::string lateReason(const Task& task, const TaskContext& context) {
 
 std::string waitingFor(const Task& task, const TaskContext& context) {
   if (task.isFlagged && !task.isRunning) {
-    return "It is marked for deletion: the daemon removes it, its files and its history within two "
+    return "It is marked for deletion: the daemon removes it, its files and its history within "
+           "four "
            "minutes.";
   }
   if (task.type != "cron") {

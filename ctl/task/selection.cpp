@@ -81,23 +81,6 @@ Order orderOf(const std::string& sort) {
   return order;
 }
 
-/// A pattern with * and ? as one for LIKE.
-std::string likePattern(const std::string& glob) {
-  std::string pattern;
-  for (std::size_t i = 0; i < glob.size(); ++i) {
-    const bool isQuoted = glob[i] == '\\' && i + 1 < glob.size();
-    const char c = isQuoted ? glob[++i] : glob[i];
-    if (!isQuoted && (c == '*' || c == '?')) {
-      pattern += c == '*' ? '%' : '_';
-    } else {
-      pattern +=
-          std::string(std::string_view("%_\\").find(c) == std::string_view::npos ? "" : "\\");
-      pattern += c;
-    }
-  }
-  return pattern;
-}
-
 /// What a page's key says: the value of the order's expression, and the id.
 struct PageKey {
   std::string value, id;
@@ -293,6 +276,22 @@ void requireValid(const Selection& selection) {
   if (!selection.after.empty()) {
     pageKeyOf(order, selection.after);
   }
+}
+
+std::string likePattern(const std::string& glob) {
+  std::string pattern;
+  for (std::size_t i = 0; i < glob.size(); ++i) {
+    const bool isQuoted = glob[i] == '\\' && i + 1 < glob.size();
+    const char c = isQuoted ? glob[++i] : glob[i];
+    if (!isQuoted && (c == '*' || c == '?')) {
+      pattern += c == '*' ? '%' : '_';
+    } else {
+      pattern +=
+          std::string(std::string_view("%_\\").find(c) == std::string_view::npos ? "" : "\\");
+      pattern += c;
+    }
+  }
+  return pattern;
 }
 
 Statement idsOf(const Selection& selection) {

@@ -33,6 +33,9 @@ const std::vector<std::string>& sortKeys();
 /// throw the same.
 void requireValid(const Selection& selection);
 
+/// A pattern of a Selection as one for LIKE.
+std::string likePattern(const std::string& glob);
+
 /// An SQL statement, or a part of one, and the values of its $1 to $n. Its text contains none of
 /// the values that the user gave, except numbers.
 struct Statement {

@@ -94,9 +94,7 @@ std::string totalsText(const Totals& totals) {
                             std::string(word) == "-" ? "not run yet" : word);
     }
   }
-  return fmt::format("{}{}; {} late",
-                     grouped(totals.tasks) + (totals.tasks == 1 ? " task" : " tasks"), states,
-                     grouped(totals.late));
+  return fmt::format("{}{}; {} late", counted(totals.tasks, "task"), states, grouped(totals.late));
 }
 
 TaskTable::TaskTable(const Options& options, bool withPause)

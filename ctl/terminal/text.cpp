@@ -91,7 +91,7 @@ std::string durationText(long seconds) {
 }
 
 std::string counted(long count, const std::string& noun) {
-  return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+  return fmt::format("{} {}{}", grouped(count), noun, count == 1 ? "" : "s");
 }
 
 std::string grouped(long count) {

@@ -117,4 +117,87 @@ TEST_F(AccountTest, DoesWithoutALedger) {
   }
 }
 
+TEST_F(AccountTest, SumsUpSeveralTasks) {
+  database.insertTask(quietTask(2));
+  perform("UpdateCronProcess", {"2"});
+  perform("UpdateCronState", {"2", "OK"});
+  const CtlResult result = run({"account"});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_THAT(result.out, testing::ContainsRegex("\n 2  task2 +1 +1 +0 +0 +0 +0\n"
+                                                 "    2 tasks +7 +4 +0 +1 +3 +3\n"));
+  EXPECT_THAT(result.out, testing::EndsWith("\n7 periods = 4 runs + 3 skipped\n"));
+  const Json::Value list = parsed(run({"account", "1", "2", "--json"}).out);
+  ASSERT_EQ(list.size(), 2U) << "without the sum";
+  EXPECT_EQ(list[0]["id"].asInt(), 1);
+  EXPECT_EQ(list[1]["id"].asInt(), 2);
+  EXPECT_EQ(parsed(run({"account", "2", "--json"}).out)[0]["periods"].asInt(), 1);
+}
+
+TEST_F(AccountTest, HasEveryReasonInJson) {
+  const Json::Value account = parsed(run({"account", "--json"}).out)[0];
+  EXPECT_EQ(account["name"].asString(), "task1");
+  EXPECT_EQ(account["runs"].asInt(), 3);
+  EXPECT_EQ(account["retried"].asInt(), 1);
+  EXPECT_EQ(account["skipped"].asInt(), 3);
+  EXPECT_EQ(account["difference"].asInt(), 0);
+  const Json::Value reasons = account["skipped_by_reason"];
+  EXPECT_EQ(reasons.size(), 11U);
+  int sum = 0;
+  for (const std::string& reason : reasons.getMemberNames()) {
+    sum += reasons[reason].asInt();
+  }
+  EXPECT_EQ(sum, account["skipped"].asInt());
+}
+
+TEST_F(AccountTest, KeepsTheAccountOfADeletedTask) {
+  database.query("DELETE FROM kodu_cron_plugin");
+  EXPECT_THAT(run({"account"}).out, HasSubstr(" 1  (deleted) "));
+  EXPECT_TRUE(parsed(run({"account", "--json"}).out)[0]["name"].isNull());
+  EXPECT_EQ(run({"account", "--name", "*"}).out, "The ledger has no row of such a task.\n");
+}
+
+TEST_F(AccountTest, MatchesPatternsAsOtherCommandsDo) {
+  const auto matches = [&](const std::string& pattern) {
+    return run({"account", "--json", "--name", pattern}).out != "[]\n";
+  };
+  database.query("UPDATE kodu_plugins SET plugin_name = 'a_%*b'");
+  for (const char* pattern : {"*", "a_%*b", "a_%?b", "a_%\\*b", "?_*"}) {
+    EXPECT_TRUE(matches(pattern)) << pattern;
+    EXPECT_EQ(run({"ids", "--name", pattern}).out, "1\n") << pattern;
+  }
+  for (const char* pattern :
+       {"a", "a_%", "a%", "____b", "a_%\\?b", "b'; DROP TABLE kodu_ledger; --"}) {
+    EXPECT_FALSE(matches(pattern)) << pattern;
+    EXPECT_EQ(run({"ids", "--name", pattern}).out, "") << pattern;
+  }
+}
+
+TEST_F(AccountTest, ShowsNoControlCharacterOfAName) {
+  database.query("UPDATE kodu_plugins SET plugin_name = E'a\\x1b[31m\\nb'");
+  EXPECT_THAT(run({"account"}).out, HasSubstr(" 1  a?[31m b "));
+}
+
+TEST_F(AccountTest, SaysWhenTheLedgerWasKeptAndCleaned) {
+  const std::string fresh = run({"ledger"}).out;
+  EXPECT_THAT(fresh, testing::ContainsRegex("was last switched on at 20[0-9: -]+ UTC\\.\n"));
+  EXPECT_THAT(fresh, HasSubstr("Last summarised: never. Last pruned: never.\n"));
+  EXPECT_THAT(fresh, HasSubstr("Rows that could not be written: 0, and 0 more that later rows"));
+  const Json::Value before = parsed(run({"ledger", "--json"}).out);
+  EXPECT_TRUE(before["pruned_at"].isNull());
+  EXPECT_TRUE(before["is_on"].asBool());
+  database.query("SELECT kodu_ledger_summarise(); SELECT kodu_ledger_prune()");
+  EXPECT_THAT(run({"ledger"}).out, testing::ContainsRegex("Last pruned: 20[0-9: -]+ UTC\\.\n"));
+  EXPECT_THAT(parsed(run({"ledger", "--json"}).out)["pruned_at"].asString(),
+              testing::MatchesRegex("....-..-..T..:..:..Z"));
+}
+
+TEST_F(AccountTest, KeepsTheLedgerAsItIsAfterAWrongSetting) {
+  const std::string before =
+      database.value("SELECT kodu_ledger_state::text FROM kodu_ledger_state");
+  EXPECT_EQ(runAsAdmin({"ledger", "keep", "0"}).exitCode, 64);
+  EXPECT_EQ(runAsAdmin({"ledger", "on", "7"}).exitCode, 64);
+  EXPECT_EQ(run({"ledger", "keep", "7"}).exitCode, 77);
+  EXPECT_EQ(database.value("SELECT kodu_ledger_state::text FROM kodu_ledger_state"), before);
+}
+
 }  // namespace

@@ -275,8 +275,91 @@ TEST_F(BulkTest, PrunesInBatchesAndShowsItsProgressOnATerminal) {
   EXPECT_THAT(shown, HasSubstr("\r[                              ] 0% of 25,000 history rows"));
   EXPECT_THAT(shown, HasSubstr("\r[############                  ] 40% of 25,000 history rows"));
   EXPECT_THAT(shown,
-              HasSubstr("\r\x1b[K25000 history rows and 0 archived outputs deleted, 0 bytes"));
+              HasSubstr("\r\x1b[K25,000 history rows and 0 archived outputs deleted, 0 bytes"));
   EXPECT_EQ(database.failures(1), 0);
+}
+
+TEST_F(BulkTest, SaysAsJsonThatNothingIsSelected) {
+  insertTasks(2);
+  for (const char* command : {"pause", "resume", "run", "delete", "undelete"}) {
+    EXPECT_EQ(runAsAdmin({command, "--name", "none"}).out,
+              "no task is selected; nothing was changed\n");
+    const CtlResult result = runAsAdmin({command, "--name", "none", "--json"});
+    EXPECT_EQ(result.exitCode, 0) << command;
+    const Json::Value json = parsed(result.out);
+    EXPECT_FALSE(json["dry_run"].asBool());
+    EXPECT_TRUE(json["tasks"].isArray()) << command;
+    EXPECT_EQ(json["tasks"].size(), 0U);
+  }
+}
+
+TEST_F(BulkTest, ShowsWhatAnUndeletionWouldKeep) {
+  insertTasks(2);
+  ASSERT_EQ(runAsAdmin({"delete", "--all", "--yes"}).exitCode, 0);
+  const CtlResult result = runAsAdmin({"undelete", "--all", "--dry-run"});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("2 tasks would be kept; nothing was changed\n"));
+  EXPECT_EQ(run({"ids", "--deleting"}).out, "1\n2\n");
+  const Json::Value kept = parsed(runAsAdmin({"undelete", "2", "--json"}).out);
+  EXPECT_EQ(kept["id"].asInt(), 2);
+  EXPECT_FALSE(kept["deleted"].asBool());
+  EXPECT_EQ(run({"ids", "--deleting"}).out, "1\n");
+}
+
+TEST_F(BulkTest, KeepsThePauseOfATaskThroughItsDeletion) {
+  insertTasks(1);
+  ASSERT_EQ(runAsAdmin({"pause", "1", "--reason", "new disks"}).exitCode, 0);
+  ASSERT_EQ(runAsAdmin({"delete", "1", "--yes"}).exitCode, 0);
+  EXPECT_EQ(runAsAdmin({"undelete", "1"}).out, "task 1 (task1) kept\n");
+  EXPECT_EQ(cell(run({"status"}).out, "1", 2), "paused");
+  EXPECT_THAT(run({"show", "1"}).out, HasSubstr("new disks"));
+}
+
+TEST_F(BulkTest, PerformsADryRunOfEachChange) {
+  insertTasks(2);
+  database.query("SELECT kodu_task_pause(2)");
+  const std::string before =
+      database.value("SELECT string_agg(t::text, ' ') FROM kodu_cron_plugin t");
+  for (const auto& [command, result] : {std::pair("pause", "1 task would be paused"),
+                                        {"resume", "1 task would be resumed"},
+                                        {"run", "1 task would run"},
+                                        {"delete", "1 task would be deleted with "}}) {
+    const std::string id = std::string(command) == "resume" ? "2" : "1";
+    const CtlResult trial = runAsAdmin({command, id, "--dry-run"});
+    EXPECT_EQ(trial.exitCode, 0) << command << trial.err;
+    EXPECT_THAT(trial.out, HasSubstr("task" + id));
+    EXPECT_THAT(trial.out, HasSubstr(std::string("\n") + result));
+    EXPECT_THAT(trial.out, testing::EndsWith("; nothing was changed\n"));
+    EXPECT_EQ(database.value("SELECT string_agg(t::text, ' ') FROM kodu_cron_plugin t"), before)
+        << command;
+  }
+  EXPECT_THAT(runAsAdmin({"set", "1", "--every", "7m", "--dry-run"}).out,
+              ContainsRegex(" 7m +0/0 "));
+  EXPECT_EQ(database.value("SELECT string_agg(t::text, ' ') FROM kodu_cron_plugin t"), before);
+}
+
+TEST_F(BulkTest, AsksInTheNameOfOneTaskWhatItLoses) {
+  insertTasks(1);
+  EXPECT_EQ(answering("n", "delete 1"), 65);
+  EXPECT_THAT(readFile(outPath()), HasSubstr("Delete task 1 (task1), its "));
+  EXPECT_THAT(readFile(outPath()), HasSubstr("nothing was changed"));
+  EXPECT_EQ(run({"ids", "--deleting"}).out, "");
+  EXPECT_EQ(answering("yes", "delete 1"), 0);
+  EXPECT_EQ(run({"ids", "--deleting"}).out, "1\n");
+  EXPECT_EQ(answering("Y", "undelete 1"), 0) << "nothing is lost, so nothing is asked";
+  EXPECT_THAT(readFile(outPath()), Not(HasSubstr("[y/N]")));
+}
+
+TEST_F(BulkTest, WaitsForOneTaskOnly) {
+  insertTasks(2);
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"run", "1", "2", "--wait"},
+        {"run", "--all", "--wait"},
+        {"run", "--name", "task1", "--wait"}}) {
+    const CtlResult result = runAsAdmin(command);
+    EXPECT_EQ(result.exitCode, 64) << testing::PrintToString(command);
+    EXPECT_EQ(result.err, "koductl: --wait waits for one task: name it by its id\n");
+  }
 }
 
 }  // namespace

@@ -4,13 +4,16 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "ctl/command/commands.h"
+#include "ctl/description.h"
 #include "ctl/failure.h"
 #include "tests/ctl/CtlTest.h"
+#include "tests/support/Variable.h"
 #include "tests/support/outputOf.h"
 
 namespace {
@@ -92,15 +95,35 @@ TEST_F(ParserTest, AcceptsTheCommonOptionsOnBothSidesOfTheCommand) {
 
 TEST_F(ParserTest, FindsEachCommand) {
   const std::vector<std::pair<Words, Command>> cases = {
-      {{"status"}, runStatus},        {{"show", "7"}, runShow},
-      {{"explain", "7"}, runExplain}, {{"history", "7"}, runHistory},
-      {{"output", "7"}, runOutput},   {{"rerun", "7"}, runTest},
-      {{"check"}, runCheck},          {{"add", "p", "--every", "1s"}, runAdd},
-      {{"set", "7"}, runSet},         {{"pause", "7"}, runPause},
-      {{"resume", "7"}, runResume},   {{"run", "7"}, runNow},
-      {{"delete", "7"}, runDelete},   {{"forecast"}, runForecast},
-      {{"stagger"}, runStagger},      {{"prune", "--older-than", "1d"}, runPrune},
+      {{"status"}, runStatus},
+      {{"show", "7"}, runShow},
+      {{"explain", "7"}, runExplain},
+      {{"history", "7"}, runHistory},
+      {{"output", "7"}, runOutput},
+      {{"rerun", "7"}, runTest},
+      {{"check"}, runCheck},
+      {{"add", "p", "--every", "1s"}, runAdd},
+      {{"set", "7"}, runSet},
+      {{"pause", "7"}, runPause},
+      {{"resume", "7"}, runResume},
+      {{"run", "7"}, runNow},
+      {{"delete", "7"}, runDelete},
+      {{"forecast"}, runForecast},
+      {{"stagger"}, runStagger},
+      {{"prune", "--older-than", "1d"}, runPrune},
       {{"schema"}, runSchema},
+      {{"ids"}, runIds},
+      {{"top"}, runTop},
+      {{"account"}, runAccount},
+      {{"logs"}, runLogs},
+      {{"test", "7"}, runTest},
+      {{"daemon"}, runDaemon},
+      {{"health"}, runHealth},
+      {{"undelete", "7"}, runUndelete},
+      {{"export"}, runExport},
+      {{"apply", "f"}, runApply},
+      {{"ledger"}, runLedger},
+      {{"repair"}, runRepair},
   };
   for (const auto& [arguments, command] : cases) {
     const Request request = parse(arguments);
@@ -108,6 +131,119 @@ TEST_F(ParserTest, FindsEachCommand) {
     ASSERT_NE(found, nullptr) << arguments.front() << err;
     EXPECT_EQ(*found, command) << arguments.front();
   }
+  std::set<std::string> tried = {"rerun"};
+  for (const auto& [arguments, command] : cases) {
+    tried.insert(arguments.front());
+  }
+  EXPECT_EQ(tried.size(), allCommands(describeCommandLine()).size() + 1);
+}
+
+TEST_F(ParserTest, GivesASelectionToEachCommandOfSeveralTasks) {
+  const Words conditions = {"3",        "4",          "--failed",    "--late", "--running",
+                            "--paused", "--deleting", "--never-ran", "--sort", "name,desc",
+                            "--limit",  "5",          "--after",     "k,7",    "--all"};
+  for (const Words& command : {Words{"status"},
+                               {"ids"},
+                               {"pause"},
+                               {"resume"},
+                               {"run"},
+                               {"delete"},
+                               {"undelete"},
+                               {"set"},
+                               {"prune", "--older-than", "1d"}}) {
+    Words line = command;
+    line.insert(line.end(), conditions.begin(), conditions.end());
+    const Options options = optionsOf(line);
+    const Selection& selection = options.selection;
+    EXPECT_THAT(selection.ids, ElementsAre(3, 4)) << command[0];
+    EXPECT_TRUE(selection.isFailed && selection.isLate && selection.isRunning &&
+                selection.isPaused && selection.isDeleting && selection.isNeverRun)
+        << command[0];
+    EXPECT_EQ(selection.sort, "name,desc");
+    EXPECT_THAT(selection.limit, Optional(5));
+    EXPECT_EQ(selection.after, "k,7");
+    EXPECT_TRUE(options.isAll);
+  }
+}
+
+TEST_F(ParserTest, TellsTheNameOfATaskFromACondition) {
+  const Options set =
+      optionsOf({"set", "--where-name", "a*", "--where-plugin", "/p", "--name", "b"});
+  EXPECT_THAT(set.selection.name, Optional(Eq("a*")));
+  EXPECT_THAT(set.selection.plugin, Optional(Eq("/p")));
+  EXPECT_THAT(set.name, Optional(Eq("b")));
+  EXPECT_EQ(set.plugin, std::nullopt);
+  const Options pause = optionsOf({"pause", "--name", "a*"});
+  EXPECT_THAT(pause.selection.name, Optional(Eq("a*")));
+  EXPECT_EQ(pause.name, std::nullopt);
+}
+
+TEST_F(ParserTest, TakesAnOptionFAfterLogsForFollow) {
+  const Options options = optionsOf({"-f", "/x", "logs", "7", "-f", "-n", "3", "--failed"});
+  EXPECT_EQ(options.configFile, "/x");
+  EXPECT_TRUE(options.follow);
+  EXPECT_TRUE(options.onlyFailed);
+  EXPECT_THAT(options.onlyTask, Optional(7));
+  EXPECT_EQ(options.outputs, 3);
+  EXPECT_EQ(optionsOf({"logs"}).onlyTask, std::nullopt);
+  EXPECT_EQ(optionsOf({"logs"}).outputs, 10);
+  EXPECT_EQ(optionsOf({"status", "-f", "/y"}).configFile, "/y");
+}
+
+TEST_F(ParserTest, LeavesTheThresholdsOfHealthAsTheyAreWritten) {
+  const Options given =
+      optionsOf({"health", "-w", "1", "-c", "two", "-p", "3", "-e", "", "-t", "5"});
+  EXPECT_EQ(given.warnOverdue, "1");
+  EXPECT_EQ(given.criticalOverdue, "two");
+  EXPECT_EQ(given.warnProcess, "3");
+  EXPECT_THAT(given.warnFailures, Optional(Eq("")));
+  EXPECT_EQ(given.answerTimeout, "5");
+  EXPECT_EQ(optionsOf({"health"}).warnFailures, std::nullopt);
+}
+
+TEST_F(ParserTest, AnswersAMonitoringSystemInItsOwnForm) {
+  for (const Words& wrong : {Words{"health", "--no-such"}, {"health", "x"}, {"health", "-w"}}) {
+    const Request request = parse(wrong);
+    EXPECT_FALSE(request.run) << testing::PrintToString(wrong);
+    EXPECT_EQ(request.exitCode, 3) << "UNKNOWN";
+    EXPECT_THAT(out, StartsWith("KODUCRON UNKNOWN - "));
+    EXPECT_THAT(out, EndsWith("; see koductl health --help\n"));
+    EXPECT_EQ(err, "") << "some of them join both outputs";
+  }
+}
+
+TEST_F(ParserTest, ReadsWhatIsDeclaredAndWhatIsExported) {
+  const Options apply = optionsOf({"apply", "-", "--prune", "--dry-run", "--yes"});
+  EXPECT_EQ(apply.source, "-");
+  EXPECT_TRUE(apply.isPruning && apply.isDryRun && apply.isConfirmed);
+  EXPECT_FALSE(optionsOf({"apply", "f"}).isPruning);
+  const Options exported = optionsOf({"export", "1", "2", "--set", "web"});
+  EXPECT_THAT(exported.selection.ids, ElementsAre(1, 2));
+  EXPECT_EQ(exported.set, "web");
+}
+
+TEST_F(ParserTest, ChoosesTasksOfAnAccount) {
+  const Options options =
+      optionsOf({"account", "1", "2", "--name", "a*", "--plugin", "/p", "--since", "yesterday"});
+  EXPECT_THAT(options.selection.ids, ElementsAre(1, 2));
+  EXPECT_THAT(options.selection.name, Optional(Eq("a*")));
+  EXPECT_THAT(options.selection.plugin, Optional(Eq("/p")));
+  EXPECT_EQ(options.since, "yesterday");
+  EXPECT_EQ(optionsOf({"account"}).since, "");
+}
+
+TEST_F(ParserTest, ReadsTheSettingsOfTheLedger) {
+  EXPECT_EQ(optionsOf({"ledger"}).ledgerAction, "status");
+  const Options keep = optionsOf({"ledger", "keep", "30"});
+  EXPECT_EQ(keep.ledgerAction, "keep");
+  EXPECT_THAT(keep.ledgerDays, Optional(30));
+  EXPECT_EQ(optionsOf({"ledger", "off"}).ledgerDays, std::nullopt);
+}
+
+TEST_F(ParserTest, SetsTheZoneOfTheProcess) {
+  const Variable zone("TZ", "UTC");
+  EXPECT_EQ(optionsOf({"status", "--zone", "Asia/Kathmandu"}).zone, "Asia/Kathmandu");
+  EXPECT_STREQ(std::getenv("TZ"), "Asia/Kathmandu");
 }
 
 TEST_F(ParserTest, AcceptsTheLimitsOfAnId) {
@@ -170,6 +306,18 @@ TEST_F(ParserTest, ReportsErrorsWithTheHelpOfTheCommand) {
       {{"schema", "upgrade", "--wait", "-1"}, "; see koductl schema --help\n"},
       {{"pause", "7", "--reason"}, "--reason"},
       {{"status", "show", "7"}, "; see koductl status --help\n"},
+      {{"status", "--limit", "0"}, "--limit"},
+      {{"logs", "-n", "0"}, "; see koductl logs --help\n"},
+      {{"logs", "1", "2"}, "; see koductl logs --help\n"},
+      {{"apply"}, "FILE is required; see koductl apply --help\n"},
+      {{"apply", "a", "b"}, "; see koductl apply --help\n"},
+      {{"add", "p", "--every", "1m", "--if-missing"}, "--key"},
+      {{"add", "p", "--every", "1m", "--retries", "-1"}, "; see koductl add --help\n"},
+      {{"set", "7", "--timeout", "1m", "--no-timeout"}, "--no-timeout"},
+      {{"export", "--set"}, "--set"},
+      {{"run", "7", "--wait", "--dry-run"}, "--dry-run"},
+      {{"top", "7"}, "; see koductl top --help\n"},
+      {{"forecast", "--took"}, "--took"},
   };
   for (const auto& [arguments, text] : cases) {
     expectError(arguments, text);

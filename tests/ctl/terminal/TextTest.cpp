@@ -67,7 +67,7 @@ TEST(CountedTest, HasAPluralForAllNumbersButOne) {
   EXPECT_EQ(counted(0, "run"), "0 runs");
   EXPECT_EQ(counted(1, "run"), "1 run");
   EXPECT_EQ(counted(2, "run"), "2 runs");
-  EXPECT_EQ(counted(1000000, "history row"), "1000000 history rows");
+  EXPECT_EQ(counted(1000000, "history row"), "1,000,000 history rows");
 }
 
 TEST(JsonTimeTest, HasTheFormOfIso8601) {
