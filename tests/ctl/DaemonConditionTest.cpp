@@ -207,4 +207,110 @@ TEST_F(DaemonConditionTest, TakesTheRestartsFromTheJournal) {
   EXPECT_THAT(readFile(daemon.directory / "asked"), HasSubstr("UNIT=koducron.service"));
 }
 
+TEST(JudgeTest, SaysTheWorstFirst) {
+  DaemonCondition condition = goodCondition();
+  condition.isReplaced = true;
+  condition.isSchemaKnown = false;
+  EXPECT_THAT(judge(condition).sentence, StartsWith("The tables have version"));
+  condition.oldestId = 7;
+  condition.oldestLate = 3600;
+  EXPECT_THAT(judge(condition).sentence, StartsWith("Task 7 is late"));
+  condition.daemons = 2;
+  EXPECT_THAT(judge(condition).sentence, StartsWith("2 daemons are connected"));
+  condition.databaseFailure = "refused";
+  EXPECT_THAT(judge(condition).sentence, StartsWith("The database does not answer"));
+  condition.starts = {990, 994, 998};
+  EXPECT_THAT(judge(condition).sentence, StartsWith("It restarts every 4 seconds"));
+}
+
+TEST(JudgeTest, CountsLateTasksOfBusyWorkers) {
+  DaemonCondition condition = goodCondition();
+  condition.oldestId = 7;
+  condition.oldestLate = 61;
+  condition.busy = 2;
+  condition.late = 3;
+  EXPECT_THAT(judge(condition).sentence, StartsWith("All workers are busy and 3 tasks are late"));
+}
+
+TEST(ConditionJsonTest, HasNothingOfADatabaseThatDoesNotAnswer) {
+  DaemonCondition condition = goodCondition();
+  condition.tasks = 5;
+  condition.databaseFailure = "refused";
+  const Json::Value json = toJson(condition);
+  for (const char* name :
+       {"workers_busy", "workers_idle", "tasks", "late", "daemons_connected", "schema_version"}) {
+    EXPECT_TRUE(json.isMember(name) && json[name].isNull()) << name;
+  }
+  EXPECT_EQ(json["database"].asString(), "refused");
+  EXPECT_EQ(json["exit_code"].asInt(), 2);
+  EXPECT_EQ(json["workers"].asInt(), 2) << "of the INI file";
+}
+
+TEST(ConditionJsonTest, CountsNoMoreBusyWorkersThanThereAre) {
+  DaemonCondition condition = goodCondition();
+  condition.busy = 5;
+  const Json::Value json = toJson(condition);
+  EXPECT_EQ(json["workers_busy"].asInt(), 2);
+  EXPECT_EQ(json["workers_idle"].asInt(), 0);
+  EXPECT_TRUE(json["database"].isNull());
+  EXPECT_TRUE(json["oldest_due"].isNull());
+}
+
+TEST(ConditionJsonTest, NamesTheTaskThatHasWaitedLongest) {
+  DaemonCondition condition = goodCondition();
+  condition.oldestId = 7;
+  condition.oldestName = "disk";
+  condition.oldestDue = 1714564800;
+  condition.oldestLate = 30;
+  const Json::Value oldest = toJson(condition)["oldest_due"];
+  EXPECT_EQ(oldest["id"].asInt(), 7);
+  EXPECT_EQ(oldest["name"].asString(), "disk");
+  EXPECT_EQ(oldest["due"].asString(), "2024-05-01T12:00:00Z");
+  EXPECT_EQ(oldest["late_seconds"].asInt(), 30);
+}
+
+TEST(ConditionJsonTest, TellsTheJournalFromTheLog) {
+  DaemonCondition condition = goodCondition();
+  condition.starts = {1, 2};
+  EXPECT_EQ(toJson(condition)["restarts_by"].asString(), "log");
+  EXPECT_TRUE(toJson(condition)["unit"].isNull());
+  condition.isByJournal = condition.process.isService = true;
+  EXPECT_EQ(toJson(condition)["restarts_by"].asString(), "journal");
+  EXPECT_EQ(toJson(condition)["unit"].asString(), "koducron.service");
+  EXPECT_EQ(toJson(condition)["restarts_hour"].asInt(), 2);
+  EXPECT_FALSE(toJson(condition)["version"].isNull());
+  condition.isReplaced = true;
+  EXPECT_TRUE(toJson(condition)["version"].isNull()) << "that of the old program is not known";
+}
+
+TEST_F(DaemonConditionTest, NamesTheTaskThatIsDueNext) {
+  EXPECT_THAT(run({"daemon"}).out, HasSubstr("first due no task waits\n"));
+  TaskRow late = quietTask(2);
+  late.name = "a\x1b[31m\nb";
+  late.nextExec = "now() - interval '100 s'";
+  database.insertTask(quietTask(1));
+  database.insertTask(late);
+  EXPECT_THAT(run({"daemon"}).out,
+              ContainsRegex("first due task 2 \\(a\\?\\[31m b\\), at 20[0-9: -]+ UTC \\(1m 4[0-9]s "
+                            "ago\\)\n"));
+  EXPECT_THAT(run({"daemon"}).out, HasSubstr("tasks     2 loaded, 1 late\n"));
+  database.query("SELECT kodu_task_pause(2)");
+  EXPECT_THAT(run({"daemon"}).out,
+              ContainsRegex("first due task 1 \\(task1\\), at .* \\(in [0-9]"));
+}
+
+TEST_F(DaemonConditionTest, NamesBothVersionsOfTheTables) {
+  EXPECT_THAT(run({"daemon"}).out, ContainsRegex("\nschema    version [0-9]+\n"));
+  database.query("INSERT INTO kodu_schema_version VALUES (99, 'later')");
+  EXPECT_THAT(run({"daemon"}).out,
+              ContainsRegex("\nschema    version 99; this koductl knows version [0-9]+\n"));
+  EXPECT_EQ(parsed(run({"daemon", "--json"}).out)["schema_version"].asInt(), 99);
+}
+
+TEST_F(DaemonConditionTest, ColoursItsVerdictOnATerminal) {
+  const std::string shown = runOnTerminal({"daemon"}, {"TERM=xterm", "NO_COLOR="});
+  EXPECT_THAT(shown, HasSubstr("verdict   \x1b[31mNo daemon is connected"));
+  EXPECT_THAT(runOnTerminal({"daemon"}), testing::Not(HasSubstr("\x1b[31m")));
+}
+
 }  // namespace

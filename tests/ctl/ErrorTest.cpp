@@ -21,31 +21,45 @@ class ErrorTest : public CtlTest {
   void SetUp() override {
     CtlTest::SetUp();
     database.insertTask(quietTask(7));
+    writeFile(declared(), "tasks: {a: {plugin: /bin/true, every: 5m}}\n");
   }
-  /// Every command with arguments that are valid for task 7.
-  static std::vector<Words> commands() {
-    return {{"status"},
-            {"show", "7"},
-            {"explain", "7"},
-            {"history", "7"},
-            {"output", "7"},
-            {"test", "7"},
-            {"add", "/bin/true", "--every", "5m"},
+  /// The commands that only read, with arguments that are valid for task 7.
+  static std::vector<Words> readingCommands() {
+    return {{"status"},       {"ids"},          {"top", "--json"}, {"show", "7"},
+            {"explain", "7"}, {"history", "7"}, {"account"},       {"logs", "7"},
+            {"output", "7"},  {"test", "7"},    {"export"},        {"ledger"}};
+  }
+  /// Those that call a function of the database.
+  std::vector<Words> changingCommands() const {
+    return {{"add", "/bin/true", "--every", "5m"},
             {"set", "7", "--retries", "3"},
             {"pause", "7"},
             {"resume", "7"},
             {"run", "7"},
             {"delete", "7", "--yes"},
+            {"undelete", "7"},
+            {"apply", declared()},
+            {"ledger", "off"},
+            {"ledger", "keep", "3"},
             {"forecast"},
             {"stagger", "--apply"},
             {"prune", "--older-than", "1d"}};
   }
-  /// Those that call a function of the database.
-  static std::vector<Words> changingCommands() {
-    std::vector<Words> all = commands();
-    all.erase(all.begin(), all.begin() + 6);
+  /// Every command but those that work with the tables of any release.
+  std::vector<Words> commands() const {
+    std::vector<Words> all = readingCommands();
+    const std::vector<Words> changing = changingCommands();
+    all.insert(all.end(), changing.begin(), changing.end());
     return all;
   }
+  /// Every command but check, daemon and health, to which a failure is a finding.
+  std::vector<Words> failingCommands() const {
+    std::vector<Words> all = commands();
+    all.insert(all.end(), {{"schema"}, {"schema", "upgrade"}, {"repair"}});
+    return all;
+  }
+  /// A file for koductl apply.
+  std::string declared() const { return daemon.directory / "declared.yaml"; }
   std::string rows() const {
     return database.value("SELECT string_agg(t::text, ' ') FROM kodu_cron_plugin t");
   }
@@ -60,7 +74,7 @@ class ErrorTest : public CtlTest {
 };
 
 TEST_F(ErrorTest, ReportsAMissingConfigurationInEachCommand) {
-  for (const Words& command : commands()) {
+  for (const Words& command : failingCommands()) {
     Words arguments = {"-f", "/nowhere/cron.conf"};
     arguments.insert(arguments.end(), command.begin(), command.end());
     expectError(runWith(arguments), command, 78,
@@ -70,7 +84,7 @@ TEST_F(ErrorTest, ReportsAMissingConfigurationInEachCommand) {
 
 TEST_F(ErrorTest, ReportsAServerThatDoesNotAnswerInEachCommand) {
   daemon.writeDatabaseConfig("127.0.0.1", 1);
-  for (const Words& command : commands()) {
+  for (const Words& command : failingCommands()) {
     expectError(run(command), command, 69, "Connection refused");
   }
 }
@@ -79,7 +93,7 @@ TEST_F(ErrorTest, ReportsAWrongPasswordInEachCommand) {
   std::string config = readFile(daemon.databaseConfig());
   config.replace(config.find(database.password()), database.password().size(), "wrong");
   writeFile(daemon.databaseConfig(), config);
-  for (const Words& command : commands()) {
+  for (const Words& command : failingCommands()) {
     const CtlResult result = run(command);
     expectError(result, command, 69, "password authentication failed for user \"kodu\"");
     EXPECT_THAT(result.err, testing::Not(HasSubstr("wrong\n")));
@@ -108,11 +122,12 @@ TEST_F(ErrorTest, ReportsMissingFunctionsInEachChangingCommand) {
       "SET client_min_messages = warning;"
       "DO $$ DECLARE f regprocedure; BEGIN"
       " FOR f IN SELECT oid FROM pg_proc WHERE proname ~ '^kodu_(task_(add|set|pause|resume|run_now"
-      "|delete)|stagger|forecast|history_cutoff)$' LOOP EXECUTE 'DROP FUNCTION ' || f || ' CASCADE';"
-      " END LOOP; END $$");
+      "|delete|undelete|define)|ledger_(off|keep)|stagger|forecast|history_cutoff)$'"
+      " LOOP EXECUTE 'DROP FUNCTION ' || f || ' CASCADE'; END LOOP; END $$");
   const std::string before = rows();
   for (const Words& command : changingCommands()) {
-    expectError(runAsAdmin(command), command, 65, "load sql/functions.sql as its owner");
+    const std::string file = command[0] == "ledger" ? "ledger" : "functions";
+    expectError(runAsAdmin(command), command, 65, "load sql/" + file + ".sql as its owner");
   }
   EXPECT_EQ(rows(), before);
 }
@@ -127,8 +142,66 @@ TEST_F(ErrorTest, ReportsAWrongIdInEachCommandOfOneTask) {
   }
 }
 
+TEST_F(ErrorTest, ReportsAWrongIdInEachCommandOfSeveralTasks) {
+  for (const char* command : {"status", "ids", "logs", "account", "set", "pause", "resume", "run",
+                              "delete", "undelete", "prune", "export"}) {
+    for (const char* id : {"-1", "2147483648", "seven"}) {
+      expectError(run({command, id}), {command, id}, 64,
+                  std::string("; see koductl ") + command + " --help");
+    }
+  }
+}
+
+TEST_F(ErrorTest, ReportsATaskThatIsMissing) {
+  for (const char* command :
+       {"status", "ids", "logs", "pause", "resume", "run", "delete", "undelete", "export"}) {
+    expectError(runAsAdmin({command, "8"}), {command, "8"}, 66,
+                "there is no task 8; koductl status lists them");
+  }
+}
+
+TEST_F(ErrorTest, ReportsACommandThatNeedsASelection) {
+  const std::string before = rows();
+  for (const char* command : {"pause", "resume", "run", "delete", "undelete", "set"}) {
+    expectError(runAsAdmin({command}), {command}, 64,
+                std::string("say which tasks to ") + command + ": their ids, or conditions");
+  }
+  EXPECT_EQ(rows(), before);
+}
+
+TEST_F(ErrorTest, ReportsAnUnknownTimeZoneInEachCommand) {
+  for (Words command : failingCommands()) {
+    command.insert(command.begin(), {"--zone", "Europe/Nowhere"});
+    expectError(run(command), command, 64, "this machine knows no time zone Europe/Nowhere");
+  }
+}
+
+TEST_F(ErrorTest, ReportsWhichSettingOfTheLedgerIsWrong) {
+  const std::vector<std::pair<Words, std::string>> cases = {
+      {{"ledger", "pause"}, "; see koductl ledger --help"},
+      {{"ledger", "keep"}, "keep needs a number of days, as koductl ledger keep 3"},
+      {{"ledger", "keep", "0"}, "; see koductl ledger --help"},
+      {{"ledger", "keep", "31"}, "; see koductl ledger --help"},
+      {{"ledger", "keep", "x"}, "; see koductl ledger --help"},
+      {{"ledger", "off", "3"}, "only keep has a number of days"},
+      {{"ledger", "status", "3"}, "only keep has a number of days"},
+  };
+  for (const auto& [command, text] : cases) {
+    expectError(runAsAdmin(command), command, 64, text);
+  }
+}
+
+TEST_F(ErrorTest, ReportsATimeThatIsNone) {
+  for (const Words& command : {Words{"account", "--since", "x"},
+                               {"pause", "7", "--until", "x"},
+                               {"set", "7", "--next", "x"},
+                               {"add", "/bin/true", "--every", "5m", "--first", "x"}}) {
+    expectError(runAsAdmin(command), command, 65, "invalid input syntax for type timestamp");
+  }
+}
+
 TEST_F(ErrorTest, ReportsUnknownOptionsInEachCommand) {
-  for (Words command : commands()) {
+  for (Words command : failingCommands()) {
     command.emplace_back("--no-such-option");
     expectError(runAsAdmin(command), command, 64, "--no-such-option");
   }
@@ -208,7 +281,28 @@ TEST_F(ErrorTest, ReportsAPluginThatCannotBeRerun) {
 }
 
 TEST_F(ErrorTest, EndsWith74WhenTheOutputIsFull) {
-  for (const std::string command : {"show 7", "explain 7", "check", "schema", "--help"}) {
+  for (const std::string command : {"show 7",
+                                    "explain 7",
+                                    "check",
+                                    "check --json",
+                                    "schema",
+                                    "--help",
+                                    "--version",
+                                    "ids",
+                                    "ids --names --json",
+                                    "top --json",
+                                    "account",
+                                    "account --json",
+                                    "ledger",
+                                    "ledger --json",
+                                    "daemon",
+                                    "daemon --json",
+
+                                    "export --json",
+                                    "repair",
+                                    "logs 7 --failed",
+                                    "logs 7 --json",
+                                    "forecast --help"}) {
     const std::string line = "'" + program() + "' -f " + daemon.mainConfig() + " " + command +
                              " >/dev/full 2>" + errPath();
     // NOLINTNEXTLINE(cert-env33-c,concurrency-mt-unsafe)

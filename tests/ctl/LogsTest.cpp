@@ -1,5 +1,12 @@
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "tests/ctl/CtlTest.h"
 
@@ -194,6 +201,108 @@ TEST_F(LogsTest, SaysWhichDirectoryItCannotWatch) {
   EXPECT_EQ(run({"logs", "-f"}).err, "koductl: cannot watch the directory " +
                                          daemon.outputDirectory() +
                                          ": No such file or directory\n");
+}
+
+TEST_F(LogsTest, ListsOutputsAsJson) {
+  const Json::Value outputs = parsed(run({"logs", "1", "--json"}).out);
+  ASSERT_EQ(outputs.size(), 3U);
+  for (const auto& [place, text, isFailed] : std::vector<std::tuple<int, std::string, bool>>{
+           {0, "older\n", true}, {1, "newer\n", true}, {2, "the last\n", false}}) {
+    EXPECT_EQ(outputs[place]["output"].asString(), text);
+    EXPECT_EQ(outputs[place]["failed"].asBool(), isFailed) << text;
+    EXPECT_EQ(outputs[place]["id"].asInt(), 1);
+    EXPECT_EQ(outputs[place]["name"].asString(), "task1");
+    EXPECT_THAT(outputs[place]["time"].asString(), testing::MatchesRegex("....-..-..T..:..:..Z"));
+  }
+  EXPECT_EQ(parsed(run({"logs", "1", "-n", "1", "--json"}).out).size(), 1U) << "a list as well";
+  EXPECT_EQ(run({"logs", "1", "-n", "1", "--json"}).out.front(), '[');
+}
+
+TEST_F(LogsTest, RepairsInvalidTextForJson) {
+  writeOutput("out_1_last.txt",
+              "a\xff\x1b"
+              "b");
+  const std::string text = run({"logs", "1", "-n", "1", "--json"}).out;
+  EXPECT_EQ(parsed(text)[0]["output"].asString(),
+            "a \x1b"
+            "b");
+  EXPECT_THAT(text, Not(HasSubstr("\x1b")));
+}
+
+TEST_F(LogsTest, FollowsTheFailedRunsOfOneTask) {
+  database.insertTask(quietTask(2));
+  int count = 0;
+  const std::string text = follow({"logs", "2", "--follow", "--failed"}, [&] {
+    const std::string name = "new" + std::to_string(++count) + ".txt";
+    addFailure(1, 0, name, "of another\n");
+    addFailure(2, 0, name, "broken\n");
+    return readFile(outPath()).find("broken") != std::string::npos;
+  });
+  EXPECT_THAT(text, AllOf(HasSubstr(" UTC, failed <==\nbroken\n"), Not(HasSubstr("of another"))));
+}
+
+TEST_F(LogsTest, FollowsAllTasksAsJson) {
+  database.insertTask(quietTask(2));
+  const std::string text = follow({"logs", "-f", "--json"}, [&] {
+    writeOutput("out_2_last.txt", "fresh\n");
+    const std::string shown = readFile(outPath());
+    return shown.find("}\n", shown.find("fresh")) != std::string::npos;
+  });
+  const auto begin = text.rfind("{\n", text.find("fresh"));  // it may have been read half written
+  const Json::Value output = parsed(text.substr(begin, text.find("}\n", begin) + 2 - begin));
+  EXPECT_EQ(output["id"].asInt(), 2);
+  EXPECT_EQ(output["output"].asString(), "fresh\n");
+  EXPECT_FALSE(output["failed"].asBool());
+}
+
+TEST_F(LogsTest, NamesATaskThatIsGone) {
+  addFailure(1, 1, "gone.txt", "broken\n");
+  database.query("DELETE FROM kodu_cron_plugin WHERE cron_id = 1");
+  const CtlResult result = run({"logs", "1"});
+  EXPECT_EQ(result.exitCode, 66);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, HasSubstr("there is no task 1; koductl status lists them"));
+}
+
+TEST_F(LogsTest, EndsBySigtermWithoutAnError) {
+  const pid_t pid = start({"-f", daemon.mainConfig(), "logs", "1", "-f"});
+  ASSERT_TRUE(waitUntil([&] { return readFile(outPath()).find("the last") != std::string::npos; }));
+  kill(pid, SIGTERM);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(exitStatusOf(status), 0);
+  EXPECT_EQ(readFile(errPath()), "");
+}
+
+TEST_F(LogsTest, SaysThatTheWatchedDirectoryIsGone) {
+  const pid_t pid = start({"-f", daemon.mainConfig(), "logs", "1", "-f"});
+  ASSERT_TRUE(waitUntil([&] { return readFile(outPath()).find("the last") != std::string::npos; }));
+  std::filesystem::remove_all(daemon.outputDirectory());
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(exitStatusOf(status), 66);
+  EXPECT_THAT(readFile(errPath()),
+              HasSubstr("cannot watch the directory " + daemon.outputDirectory() +
+                        ": No such file or directory\n"));
+}
+
+TEST_F(LogsTest, ReadsNothingThatTheDaemonMayNotRead) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root has more rights than the daemon";
+  }
+  const std::string secret = daemon.directory / "secret";
+  writeFile(secret, "secret\n");
+  ASSERT_EQ(chmod(secret.c_str(), 0600), 0);
+  std::filesystem::remove(daemon.outputDirectory() + "/out_1_last.txt");
+  std::filesystem::create_symlink(secret, daemon.outputDirectory() + "/out_1_last.txt");
+  chmod(daemon.directory.path().c_str(), 0755);
+  writeFile(daemon.logPath(), "");
+  const passwd* user = getpwnam("postgres");  // who stands for the daemon's user
+  ASSERT_EQ(chown(daemon.logPath().c_str(), user->pw_uid, user->pw_gid), 0);
+  const CtlResult result = run({"logs", "1", "-n", "1"});
+  EXPECT_EQ(result.exitCode, 77) << result.out;
+  EXPECT_THAT(result.err, HasSubstr("out_1_last.txt: Permission denied"));
+  EXPECT_THAT(result.out, Not(HasSubstr("secret")));
 }
 
 }  // namespace

@@ -283,4 +283,101 @@ TEST_F(TopTest, PrintsThePresentStateAsJson) {
   EXPECT_EQ(json["rows"][1]["state"].asString(), "failing");
 }
 
+TEST_F(TopTest, FiltersTheTableByTheKeysThatAreTyped) {
+  startTop();
+  ASSERT_TRUE(sees("task1"));
+  press("/sk3\r");
+  ASSERT_TRUE(sees("quit")) << drawn;
+  press("j\r");
+  ASSERT_TRUE(sees("Task 3 (task3) runs")) << "the only one: " << drawn;
+  press(" ");
+  ASSERT_TRUE(sees("quit"));
+  press("\x1b");
+  EXPECT_TRUE(sees("task1")) << drawn;
+}
+
+TEST_F(TopTest, MovesTheSelectionByTheArrows) {
+  startTop();
+  ASSERT_TRUE(sees("task1"));
+  press("\x1bOB\x1bOB");
+  press("\r");
+  ASSERT_TRUE(sees("Task 1 (task1) runs")) << drawn;
+  press(" ");
+  ASSERT_TRUE(sees("quit"));
+  press("\x1bOA\r");
+  EXPECT_TRUE(sees("Task 3 (task3) runs")) << drawn;
+}
+
+TEST_F(TopTest, ResumesTheSelectedTask) {
+  database.query("SELECT kodu_task_pause(2)");
+  startTop({"--user", admin()});
+  ASSERT_TRUE(sees("paused")) << drawn;
+  press("/task2\r");
+  ASSERT_TRUE(sees("quit")) << drawn;
+  press("u");
+  ASSERT_TRUE(sees("resume task 2 (task2)? y/n")) << drawn;
+  press("y");
+  ASSERT_TRUE(sees("task 2 resumed")) << drawn;
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_pause"), "0");
+}
+
+TEST_F(TopTest, ChangesNothingWithoutAYes) {
+  startTop({"--user", admin()});
+  ASSERT_TRUE(sees("task1"));
+  press("pn");
+  ASSERT_TRUE(sees("nothing was changed")) << drawn;
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_pause"), "0");
+}
+
+TEST_F(TopTest, ShowsWhatTheServerSaysToAChange) {
+  startTop({"--user", admin()});
+  ASSERT_TRUE(sees("task1"));
+  press("uy");
+  EXPECT_TRUE(sees("task 2 is not paused")) << drawn;
+}
+
+TEST_F(TopTest, EndsBySigtermToo) {
+  startTop();
+  ASSERT_TRUE(sees("task1"));
+  drawn.clear();
+  kill(pid, SIGTERM);
+  EXPECT_EQ(exitStatus(), 0);
+  EXPECT_THAT(drawn, HasSubstr("\x1b[?1049l")) << "the terminal is restored";
+}
+
+TEST_F(TopFeedTest, HasNoTaskThatTheDaemonDoesNotRun) {
+  TaskRow row = quietTask(4);
+  row.pluginType = "device";
+  database.insertTask(row);
+  EXPECT_THAT(ids(TopView::kAll, TopSort::kId), ElementsAre(1, 2, 3));
+}
+
+TEST_F(TopFeedTest, CountsAPausedTaskNeitherAsLateNorAsRunning) {
+  database.query("SELECT kodu_task_pause(2)");
+  EXPECT_THAT(ids(TopView::kLate), testing::IsEmpty());
+  EXPECT_EQ(readTopCounts(*session).late, 0);
+  const std::vector<TopRow> rows = readTop(*session, {});
+  ASSERT_EQ(rows.size(), 3U);
+  for (const TopRow& row : rows) {
+    EXPECT_EQ(row.isPaused, row.id == 2);
+  }
+}
+
+TEST_F(TopFeedTest, PutsNoTextOfAFilterIntoTheStatement) {
+  TopQuery query;
+  query.filter = "'; DROP TABLE kodu_cron_error; --";
+  EXPECT_THAT(ids(query), testing::IsEmpty());
+  EXPECT_EQ(database.failures(3), 1);
+}
+
+TEST_F(TopFeedTest, IsEmptyWithoutTasks) {
+  database.query("DELETE FROM kodu_cron_plugin");
+  for (const TopView view :
+       {TopView::kAll, TopView::kLate, TopView::kRunning, TopView::kFailing, TopView::kLatest}) {
+    EXPECT_THAT(ids(view), testing::IsEmpty());
+  }
+  const TopCounts counts = readTopCounts(*session);
+  EXPECT_EQ(counts.tasks + counts.late + counts.running + counts.failed, 0);
+}
+
 }  // namespace

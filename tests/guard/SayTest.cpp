@@ -101,6 +101,7 @@ TEST(SayTest, GivesUpOnAnOutputThatCannotBeWritten) {
   }
   close(full);
   close(readOnly);
+  EXPECT_EQ(outputOf([] { say({"kept\n"}); }), "kept\n");
 }
 
 TEST(SayTest, GivesUpOnAPipeWithoutAReader) {
