@@ -476,10 +476,10 @@ class Parser {
     CLI::App* exported =
         addCommand("export", "Write tasks as YAML, or with --json as JSON", runExport);
     exported->footer(
-        "Settings with their default are left out. A task without a key has the key task-ID. "
-        "koductl apply reads both forms.");
-    exported->add_option("ID", options.selection.ids, "Ids of the tasks; without one, all tasks")
-        ->check(CLI::Range(0, 2147483647));
+        "Without conditions, all tasks are written, always in the order of their keys. Settings "
+        "with their default are left out. A task without a key has the key task-ID. koductl apply "
+        "reads both forms.");
+    addSelection(exported);
     exported->add_option("--set", options.set, "Write only the tasks of this set, and its name")
         ->option_text("SET");
 
