@@ -631,6 +631,12 @@ BEGIN
         END IF;
     EXCEPTION WHEN check_violation OR unique_violation THEN
         GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
+        -- Another session has added it meanwhile.
+        id := CASE WHEN if_missing AND broken = 'kodu_cron_key_task_key_key'
+                   THEN kodu_task_with_key(key) END;
+        IF id IS NOT NULL THEN
+            RETURN id;
+        END IF;
         PERFORM kodu_refuse(broken);
     END;
     PERFORM kodu_check_file_name(file_name);
