@@ -106,7 +106,7 @@ void changeOnTrial(Session& session, const Options& options, const TaskChange& c
                    const std::vector<int>& ids) {
   std::vector<Task> first;
   {
-    const Transaction transaction(session, "");
+    const Transaction transaction(session, kEndWithoutKoductl);
     apply(session, change, ids);
     first = readFirst(session, options, ids);
   }
@@ -130,7 +130,7 @@ void changeOne(Session& session, const Options& options, const TaskChange& chang
 
 void changeMany(Session& session, const Options& options, const TaskChange& change,
                 const std::vector<int>& ids) {
-  Transaction transaction(session, "");
+  Transaction transaction(session, kEndWithoutKoductl);
   apply(session, change, ids);
   transaction.commit();
   if (options.asJson) {
@@ -142,7 +142,8 @@ void changeMany(Session& session, const Options& options, const TaskChange& chan
 
 }  // namespace
 
-std::vector<int> selectedIds(Session& session, const Options& options, const std::string& verb) {
+std::vector<int> selectedIds(Session& session, const Options& options, const std::string& verb,
+                             bool takesDeleted) {
   requireValid(options.selection);
   if (!options.selection.isLimitedToSome() && !options.isAll) {
     throw Failure(kWrongUsage, fmt::format("say which tasks to {0}: their ids, or conditions as "
@@ -151,7 +152,9 @@ std::vector<int> selectedIds(Session& session, const Options& options, const std
                                            verb));
   }
   requireIds(session, options.selection);
-  return readIds(session, options.selection);
+  Selection selection = options.selection;
+  selection.isKept = !takesDeleted && selection.ids.empty() && !selection.isDeleting;
+  return readIds(session, selection);
 }
 
 void confirm(Session& session, const Options& options, const std::string& verb,
@@ -171,7 +174,7 @@ void confirm(Session& session, const Options& options, const std::string& verb,
 }
 
 int changeTasks(Session& session, const Options& options, const TaskChange& change) {
-  const std::vector<int> ids = selectedIds(session, options, change.verb);
+  const std::vector<int> ids = selectedIds(session, options, change.verb, change.takesDeleted);
   change.call.requireRight(session);
   if (ids.empty() && options.asJson) {
     printIds(options, ids);

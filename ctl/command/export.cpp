@@ -161,11 +161,12 @@ class Writer {
 }  // namespace
 
 int runExport(const Options& options) {
+  requireValid(options.selection);
   Session session(options);
   requireIds(session, options.selection);  // before anything is written
   const std::string guard = readGuard(session);
   Writer writer(options.set, options.asJson);
-  forEachStored(session, {options.selection.ids, options.set}, guard,
+  forEachStored(session, options.selection, options.set, guard,
                 [&writer](const StoredTask& task) { writer.write(task); });
   writer.end();
   return kDone;

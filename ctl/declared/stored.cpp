@@ -4,6 +4,7 @@
 
 #include "ctl/declared/sqlText.h"
 #include "ctl/session/session.h"
+#include "ctl/task/selection.h"
 
 namespace {
 
@@ -56,6 +57,12 @@ StoredTask taskOf(const Rows& rows, int row, const std::string& guard) {
   return task;
 }
 
+/// The condition of a selection; `ids` are its tasks.
+std::string conditionOf(const Selection& selection, const Statement& ids) {
+  const bool isWhole = !selection.isLimitedToSome() && !selection.limit && selection.after.empty();
+  return isWhole ? "TRUE" : fmt::format("task.cron_id IN (SELECT id FROM ({}) AS chosen)", ids.sql);
+}
+
 }  // namespace
 
 std::string readGuard(Session& session) {
@@ -78,14 +85,17 @@ std::vector<StoredTask> readStored(Session& session, const std::vector<std::stri
   return tasks;
 }
 
-void forEachStored(Session& session, const ExportSelection& selection, const std::string& guard,
-                   const std::function<void(const StoredTask&)>& use) {
+void forEachStored(Session& session, const Selection& selection, const std::string& set,
+                   const std::string& guard, const std::function<void(const StoredTask&)>& use) {
+  Statement chosen = idsOf(selection);
+  chosen.values.push_back(set);
+  const std::string ofSet = fmt::format("(${0} = '' OR task_set = ${0})", chosen.values.size());
   // Held, that is copied by the server: a reader of the export may be slow, and a transaction would
   // keep the server from cleaning up behind the daemon's updates.
-  session.query("DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
-                    selectWhere("(cardinality($1::integer[]) = 0 OR task.cron_id = ANY($1))"
-                                " AND ($2 = '' OR task_set = $2) ORDER BY key"),
-                {fmt::format("{{{}}}", fmt::join(selection.ids, ",")), selection.set});
+  session.query(
+      "DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
+          selectWhere(fmt::format("{} AND {} ORDER BY key", conditionOf(selection, chosen), ofSet)),
+      chosen.values);
   for (int count = 1; count > 0;) {
     const Rows rows = session.query("FETCH 1000 FROM export");
     count = rows.count();

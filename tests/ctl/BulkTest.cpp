@@ -11,6 +11,7 @@
 
 #include <libpq-fe.h>
 
+#include "db/pgSafeThread.h"
 #include "tests/ctl/CtlTest.h"
 
 namespace {
@@ -208,6 +209,26 @@ TEST_F(BulkTest, KeepsATaskFromTheDaemonsPurge) {
   EXPECT_TRUE(waitForStatus(1, "OK"));
 }
 
+TEST_F(BulkTest, LeavesOutWhatIsBeingDeletedUnlessItIsNamed) {
+  insertTasks(3);
+  ASSERT_EQ(runAsAdmin({"delete", "2", "--yes"}).exitCode, 0);
+  EXPECT_EQ(runAsAdmin({"pause", "--all", "--yes"}).out, "2 tasks paused\n");
+  EXPECT_EQ(paused(), "1 3");
+  EXPECT_EQ(runAsAdmin({"resume", "--name", "task*", "--yes"}).out, "2 tasks resumed\n");
+  for (const std::vector<std::string>& named :
+       {std::vector<std::string>{"pause", "1", "2"}, {"pause", "--deleting"}}) {
+    std::vector<std::string> all = named;
+    all.emplace_back("--yes");
+    const CtlResult result = runAsAdmin(all);
+    EXPECT_EQ(result.exitCode, 65);
+    EXPECT_THAT(result.err, HasSubstr("task 2 is being deleted"));
+  }
+  EXPECT_EQ(paused(), "");
+  EXPECT_EQ(runAsAdmin({"delete", "--all", "--yes"}).out,
+            "3 tasks will be deleted with their files within four minutes\n");
+  EXPECT_EQ(runAsAdmin({"undelete", "--all", "--yes"}).out, "3 tasks kept\n");
+}
+
 TEST_F(BulkTest, RefusesWithoutTheRightBeforeItAsks) {
   insertTasks(2);
   const CtlResult result = run({"pause", "--all"});
@@ -242,6 +263,59 @@ TEST_F(BulkTest, LeavesNothingHalfDoneWhenItIsInterrupted) {
       std::chrono::seconds(20)));
   EXPECT_EQ(paused(), "");
   EXPECT_EQ(readFile(errPath()), "");
+}
+
+TEST_F(BulkTest, DoesNotKeepTheRowsWhileItIsStopped) {
+  insertTasks(2);
+  const Database::Row before =
+      database.query("SELECT array_agg(t::text) FROM kodu_cron_plugin t")[0];
+  pgSafeThread other(database.adminConninfo());
+  PQclear(other.executeRequest("BEGIN"));
+  PQclear(other.executeRequest("SELECT FROM kodu_cron_plugin WHERE cron_id = 2 FOR UPDATE"));
+  environment.emplace_back("PGPASSWORD=secret");
+  const pid_t pid =
+      start({"-f", daemon.mainConfig(), "--user", admin(), "pause", "1", "2", "--yes"});
+  EXPECT_TRUE(waitUntil([&] { return database.waitingSessions() > 0; }));
+  kill(pid, SIGSTOP);
+  PQclear(other.executeRequest("COMMIT"));
+  EXPECT_TRUE(waitUntil([&] {
+    return database.value(
+               "SELECT count(*) FROM pg_stat_activity WHERE application_name = 'kodu_ctl'"
+               " AND state = 'idle in transaction' AND datname = current_database()") == "1";
+  }));
+  EXPECT_TRUE(waitUntil([&] {
+    return database.value(
+               "SELECT count(*) FROM pg_stat_activity WHERE application_name = 'kodu_ctl'"
+               " AND datname = current_database()") == "0";
+  }));
+  kill(pid, SIGCONT);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(exitStatusOf(status), 69) << readFile(errPath());
+  EXPECT_EQ(database.query("SELECT array_agg(t::text) FROM kodu_cron_plugin t")[0], before);
+  EXPECT_EQ(paused(), "");
+}
+
+TEST_F(BulkTest, SaysAsJsonThatNoTaskIsSelected) {
+  insertTasks(1);
+  const CtlResult result = runAsAdmin({"pause", "--name", "other", "--json"});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(parsed(result.out)["tasks"].size(), 0U);
+  EXPECT_EQ(runAsAdmin({"pause", "--name", "other"}).out,
+            "no task is selected; nothing was changed\n");
+}
+
+TEST_F(BulkTest, PrunesNoOtherTasksThanThoseThatFollowAKey) {
+  insertTasks(3);
+  for (const int id : {1, 2, 3}) {
+    addFailure(id, 200000, "old", "");
+  }
+  writeFile(daemon.logPath(), "");  // its owner counts as the daemon's user
+  EXPECT_EQ(runAsAdmin({"prune", "--older-than", "1d", "--after", "2", "--yes"}).exitCode, 64);
+  EXPECT_EQ(runAsAdmin({"prune", "--older-than", "1d", "--after", "2", "--all", "--yes"}).exitCode,
+            0);
+  EXPECT_EQ(database.failures(1) + database.failures(2), 2);
+  EXPECT_EQ(database.failures(3), 0);
 }
 
 TEST_F(BulkTest, PrunesTheHistoryOfSelectedTasks) {
