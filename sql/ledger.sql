@@ -541,13 +541,12 @@ $$;
 
 -- In place of kodu_follow_daemon while the ledger is on. Two branches for the two statements of nearly
 -- every run, with the rights of the caller and as few expressions as possible: the server prepares each
--- of them again in each transaction. Everything else is in functions.
+-- of them, with each operator in it, again in each transaction. Everything else is in functions.
 --
 -- An error in here would end the daemon, so none leaves it: what cannot be written is counted. Nothing
 -- waits for a lock of the ledger for more than 100 ms, and after a failure nothing is tried for a second.
 CREATE OR REPLACE FUNCTION kodu_ledger_note() RETURNS trigger LANGUAGE plpgsql AS $$
 DECLARE
-    life integer;
     ignored text;
     failure text;
 BEGIN
@@ -569,27 +568,26 @@ BEGIN
     ELSIF NEW.cron_last_exec = OLD.cron_next_exec AND OLD.cron_status = 'PROCESS'
           AND OLD.ledger_to = OLD.cron_next_exec AND OLD.run_ended IS NULL
           AND OLD.run_due IS NOT NULL AND OLD.ledger_lost IS NULL  -- a run ends
-          AND NEW.cron_next_exec BETWEEN timestamp '1970-01-01' AND timestamp '2036-01-01' THEN
+          AND NEW.cron_next_exec BETWEEN timestamp '1970-01-01' AND timestamp '2036-01-01'
+          -- Last, when all else is true; to the end of the statement, which is the daemon's whole
+          -- transaction. Its own row is locked already.
+          AND pg_catalog.set_config('lock_timeout', '100', TRUE) IS NOT NULL THEN
         BEGIN
-            -- An unknown life, or none, is left to the function below: the column is NOT NULL.
-            life := pg_catalog.current_setting('kodu.life', TRUE);
             NEW.run_ended := pg_catalog.timezone('UTC', pg_catalog.clock_timestamp());
-            -- To the end of the statement, which is the daemon's whole transaction; its own row is
-            -- locked already.
-            ignored := pg_catalog.set_config('lock_timeout', '100ms', TRUE);
+            -- An unknown life is left to the function below: '' is no number, and the column is NOT NULL.
             -- The first letter of the status is the code of its outcome.
             INSERT INTO public.kodu_ledger (xact, due, started, ended, moved_from, moved_to, cron_id,
                                             periods, every, life, bucket, attempt, outcome)
             VALUES (pg_catalog.txid_current(), OLD.run_due, OLD.run_started, NEW.run_ended,
                     OLD.cron_next_exec, NEW.cron_next_exec, NEW.cron_id, 1,
-                    pg_catalog.date_part('epoch', OLD.cron_interval), life,
+                    pg_catalog.date_part('epoch', OLD.cron_interval),
+                    pg_catalog.current_setting('kodu.life', TRUE)::integer,
                     public.kodu_ledger_bucket(NEW.run_ended), OLD.run_attempt,
                     NEW.cron_status::"char");
             NEW.ledger_to := NEW.cron_next_exec;
-            IF NEW.cron_status <> 'OK' THEN
-                NEW.run_failing_since := COALESCE(OLD.run_failing_since, NEW.run_ended);
-            ELSIF OLD.run_failing_since IS NOT NULL THEN
-                NEW.run_failing_since := NULL;
+            IF NEW.cron_status <> 'OK' OR OLD.run_failing_since IS NOT NULL THEN
+                NEW.run_failing_since := CASE WHEN NEW.cron_status <> 'OK'
+                                              THEN COALESCE(OLD.run_failing_since, NEW.run_ended) END;
             END IF;
             RETURN NEW;
         EXCEPTION WHEN OTHERS THEN
