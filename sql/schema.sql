@@ -338,8 +338,9 @@ BEGIN
                 ARRAY['cron_retries_interval', 'cron_retries_interval_up_to_year',
                       'the time to a retry must be between 0 and 366 days',
                       'Use retry_after => ''2 minutes'', for example.']
-            WHEN EXTRACT(YEAR FROM NEW.cron_retries_interval) <> 0
-                 OR EXTRACT(MONTH FROM NEW.cron_retries_interval) <> 0 THEN
+            WHEN NEW.cron_retries_interval IS DISTINCT FROM OLD.cron_retries_interval
+                 AND (EXTRACT(YEAR FROM NEW.cron_retries_interval) <> 0
+                      OR EXTRACT(MONTH FROM NEW.cron_retries_interval) <> 0) THEN
                 ARRAY['cron_retries_interval', '', 'the time to a retry contains months or years',
                       'They have no fixed length. Use days, for example 30 days.']
             WHEN COALESCE(NEW.cron_retries, 1) > 0

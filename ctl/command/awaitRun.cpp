@@ -28,17 +28,18 @@ enum RunExit { kOk = 0, kFailed = 1 };
 /// The time without a daemon after which waiting ends: a restart takes less.
 constexpr long kPatience = 10;  // seconds
 
-/// Of one row by its primary key: what tells that the run that was due then has ended.
+/// Of one row by its primary key: what tells that the run that was due then has ended, or that
+/// there will be none. A run in progress may be an earlier one.
 constexpr const char* kLook = R"(
-SELECT coalesce(cron_status, '') AS status,
-       coalesce(cron_status IN ('OK', 'FAILED')
-                AND cron_last_exec >= to_timestamp($2::bigint) AT TIME ZONE 'UTC', false) AS ended,
-       cron_next_exec >= kodu_pause_time() AND cron_status IS DISTINCT FROM 'PROCESS' AS paused,
-       cron_delete AS deleted, (SELECT connected FROM kodu_daemon_state) AS connected
-FROM kodu_cron_plugin WHERE cron_id = $1::int)";
+SELECT coalesce(status, '') AS status,
+       coalesce(status IN ('OK', 'FAILED')
+                AND last_due >= to_timestamp($2::bigint) AT TIME ZONE 'UTC', false) AS ended,
+       paused AND NOT running AS paused, deleting AND NOT running AS deleting,
+       daemon_connected AS connected
+FROM kodu_task_state WHERE id = $1::int)";
 
 void requireProgress(const Rows& row, int id, long secondsAlone) {
-  if (row.count() == 0 || row.isTrue(0, "deleted")) {
+  if (row.count() == 0 || row.isTrue(0, "deleting")) {
     throw Failure(kRefused,
                   fmt::format("task {} is being deleted: its run did not take place", id));
   }

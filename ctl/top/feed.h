@@ -39,8 +39,8 @@ struct TopCounts {
   long tasks = 0, late = 0, running = 0, failed = 0;
 };
 
-/// The tasks in the order of the query, and nothing that costs more than a scan of the tasks. The
-/// session is the caller's. Throws Failure.
+/// The tasks in the order of the query. Costs about a scan of the tasks. The session is the
+/// caller's. Throws Failure.
 std::vector<TopRow> readTop(Session& session, const TopQuery& query);
 
 /// The same of the counts, for all tasks that the daemon runs.

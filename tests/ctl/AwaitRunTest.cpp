@@ -19,6 +19,7 @@ class AwaitRunTest : public CtlTest {
 
   /// Starts koductl and returns once it waits.
   pid_t startWaiting() {
+    std::filesystem::remove(errPath());  // of an earlier one
     environment.emplace_back("PGPASSWORD=secret");
     const pid_t pid = start({"-f", daemon.mainConfig(), "--user", admin(), "run", "1", "--wait"});
     environment.pop_back();
@@ -85,6 +86,13 @@ TEST_F(AwaitRunTest, GivesUpWithoutADaemon) {
 TEST_F(AwaitRunTest, GivesUpATaskThatIsPausedOrDeleted) {
   addTask("echo fine");
   EXPECT_EQ(endOf(startWaiting(), [&] { database.query("SELECT kodu_task_pause(1)"); }), 65);
+  EXPECT_THAT(readFile(errPath()), HasSubstr("task 1 was paused: its run did not take place"));
+  database.query("SELECT kodu_task_resume(1)");
+  EXPECT_EQ(endOf(startWaiting(),
+                  [&] {
+                    database.query("SELECT kodu_task_pause(1, until => now() + interval '1 day')");
+                  }),
+            65);
   EXPECT_THAT(readFile(errPath()), HasSubstr("task 1 was paused: its run did not take place"));
   database.query("SELECT kodu_task_resume(1)");
   EXPECT_EQ(endOf(startWaiting(), [&] { database.query("SELECT kodu_task_delete(1)"); }), 65);

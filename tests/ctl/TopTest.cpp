@@ -184,6 +184,42 @@ TEST_F(TopFeedTest, LimitsTheTasksAndCountsAll) {
   EXPECT_EQ(counts.failed, 1);
 }
 
+// Such a run is due in the future, but the functions know of it.
+TEST_F(TopFeedTest, KnowsARunWhoseTimeWasMovedAsItBegan) {
+  setStatus(1, "PROCESS");
+  database.query("UPDATE kodu_cron_plugin SET cron_wanted = cron_next_exec WHERE cron_id = 1");
+  EXPECT_EQ(database.value("SELECT running FROM kodu_task_state WHERE id = 1"), "t");
+  EXPECT_THAT(ids(TopView::kRunning), ElementsAre(1));
+  EXPECT_EQ(readTopCounts(*session).running, 1);
+}
+
+TEST_F(TopFeedTest, FindsTheFailingTasksBehindManyRuns) {
+  for (const int id : {4, 5, 6}) {
+    TaskRow row = quietTask(id);
+    row.nextExec = "now() - interval '5 seconds'";
+    database.insertTask(row);
+    setStatus(id, "PROCESS");
+  }
+  addFailure(6, 3, "out_6_x.txt", "bad");
+  TopQuery query;
+  query.view = TopView::kFailing;
+  query.limit = 2;
+  EXPECT_THAT(ids(query), ElementsAre(6, 3));
+}
+
+TEST_F(TopFeedTest, LeavesOutWhatTheDaemonDoesNotRun) {
+  TaskRow row = quietTask(4);
+  row.nextExec = "now() - interval '1 hour'";
+  database.insertTask(row);
+  database.query("UPDATE kodu_plugins SET plugin_type = 'device' WHERE plugin_id = 4");
+  TopQuery query;
+  query.limit = 1;
+  EXPECT_THAT(ids(query), ElementsAre(2));
+  const TopCounts counts = readTopCounts(*session);
+  EXPECT_EQ(counts.tasks, 3);
+  EXPECT_EQ(counts.late, 1);
+}
+
 TEST_F(TopTest, ExplainsTheSelectedTask) {
   startTop();
   ASSERT_TRUE(sees("task1"));

@@ -455,7 +455,13 @@ TEST_F(SchemaTest, AllowsUpdatesOfOtherColumnsOfAnOldRow) {
   row.retriesInterval = "interval '0'";
   row.nextExec = "'2037-01-01'";
   database.insertTask(row);
+  TaskRow other;
+  other.id = 2;
+  other.retriesInterval = "interval '1 month'";
+  database.insertTask(other);
   database.query("ALTER TABLE kodu_cron_plugin ENABLE TRIGGER USER");
+  EXPECT_NO_THROW(database.query("UPDATE kodu_cron_plugin SET cron_retries = 2 WHERE cron_id = 2"));
+  database.query("DELETE FROM kodu_cron_plugin WHERE cron_id = 2");
   EXPECT_EQ(refusalOfChange("cron_log_file = cron_log_file, cron_interval = cron_interval, "
                             "cron_retries = cron_retries, cron_next_exec = cron_next_exec, "
                             "cron_retries_interval = '0', cron_parameter = 'x'"),

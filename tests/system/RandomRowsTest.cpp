@@ -85,7 +85,7 @@ class RandomRowsTest : public testing::Test {
       std::string words = e.what();
       words.erase(0, words.rfind("ERROR:  ") + 8);
       words = words.substr(0, words.find('\n'));
-      ++refusals[std::regex_replace(words, std::regex("name .* (holds|lacks)"), "name $1")];
+      ++refusals[std::regex_replace(words, std::regex("name .* (contains|lacks)"), "name $1")];
       return false;
     }
   }
