@@ -321,7 +321,10 @@ class Parser {
         ->add_option("--plugin", options.selection.plugin,
                      "Only tasks whose plugin's path matches PATTERN")
         ->option_text("PATTERN");
-    account->add_option("--since", options.since, "Count what ended at TIME or later")
+    account
+        ->add_option("--since", options.since,
+                     "Count what ended at this time or later: as yesterday, 18:00 or, for two "
+                     "hours ago, 2h")
         ->option_text("TIME (as far back as the ledger goes)");
   }
 

@@ -79,7 +79,7 @@ struct Options {
   std::string source;  // a file, a directory or "-"
   bool isPruning = false;
 
-  std::string since;  // account; "": as far back as the ledger goes
+  std::optional<std::string> since;  // account; nothing: as far back as the ledger goes
 
   // ledger
   std::string ledgerAction = "status";

@@ -11,6 +11,7 @@
 #include "ctl/command/commands.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
+#include "ctl/session/moment.h"
 #include "ctl/session/session.h"
 #include "ctl/task/ledger.h"
 #include "ctl/task/selection.h"
@@ -45,9 +46,11 @@ struct Account {
 };
 
 std::vector<Account> readAccounts(Session& session, const Options& options) {
+  const std::string since =
+      momentOf(session, options.since, MomentRule::kLastOrDuration).value_or("");
   const Selection& chosen = options.selection;
   const Rows rows = session.query(
-      kAccounts, {options.since, fmt::format("{{{}}}", fmt::join(chosen.ids, ",")),
+      kAccounts, {since, fmt::format("{{{}}}", fmt::join(chosen.ids, ",")),
                   likePattern(chosen.name.value_or("")), likePattern(chosen.plugin.value_or(""))});
   std::vector<Account> accounts;
   for (int row = 0; row < rows.count(); ++row) {

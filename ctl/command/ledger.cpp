@@ -30,7 +30,8 @@ std::string sizeText(long bytes) {
 
 /// A time, or "never".
 std::string momentText(const Rows& status, const char* column) {
-  return status.isNull(0, column) ? "never" : status.text(0, column) + " UTC";
+  const auto time = utcTime(status.text(0, column));
+  return time ? zonedTime(*time) : "never";
 }
 
 void printForPeople(const Rows& status) {

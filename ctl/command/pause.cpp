@@ -11,6 +11,6 @@ int runPause(const Options& options) {
   Session session(options);
   Call call("kodu_task_pause");
   call.with("reason", "text", options.reason)
-      .with("until", "timestamptz", momentOf(session, options.until, true));
+      .with("until", "timestamptz", momentOf(session, options.until, MomentRule::kNextOrDuration));
   return changeTasks(session, options, {call, "pause", "paused"});
 }

@@ -165,6 +165,7 @@ class Batches {
 
 std::string idsOf(const Changes& changes) {
   std::vector<std::string> ids;
+  ids.reserve(changes.size());
   for (const Change* change : changes) {
     ids.push_back(std::to_string(change->id));
   }
@@ -174,6 +175,7 @@ std::string idsOf(const Changes& changes) {
 template <typename Text>
 std::string textsOf(const Changes& changes, const Text& text) {
   std::vector<std::string> texts;
+  texts.reserve(changes.size());
   for (const Change* change : changes) {
     texts.push_back(text(*change));
   }

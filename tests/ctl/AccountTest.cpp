@@ -161,12 +161,12 @@ TEST_F(AccountTest, MatchesPatternsAsOtherCommandsDo) {
     return run({"account", "--json", "--name", pattern}).out != "[]\n";
   };
   database.query("UPDATE kodu_plugins SET plugin_name = 'a_%*b'");
-  for (const char* pattern : {"*", "a_%*b", "a_%?b", "a_%\\*b", "?_*"}) {
+  for (const char* pattern : {"*", "a_%*b", "a_%?b", R"(a_%\*b)", "?_*"}) {
     EXPECT_TRUE(matches(pattern)) << pattern;
     EXPECT_EQ(run({"ids", "--name", pattern}).out, "1\n") << pattern;
   }
   for (const char* pattern :
-       {"a", "a_%", "a%", "____b", "a_%\\?b", "b'; DROP TABLE kodu_ledger; --"}) {
+       {"a", "a_%", "a%", "____b", R"(a_%\?b)", "b'; DROP TABLE kodu_ledger; --"}) {
     EXPECT_FALSE(matches(pattern)) << pattern;
     EXPECT_EQ(run({"ids", "--name", pattern}).out, "") << pattern;
   }
@@ -189,6 +189,31 @@ TEST_F(AccountTest, SaysWhenTheLedgerWasKeptAndCleaned) {
   EXPECT_THAT(run({"ledger"}).out, testing::ContainsRegex("Last pruned: 20[0-9: -]+ UTC\\.\n"));
   EXPECT_THAT(parsed(run({"ledger", "--json"}).out)["pruned_at"].asString(),
               testing::MatchesRegex("....-..-..T..:..:..Z"));
+}
+
+TEST_F(AccountTest, CountsSinceATimeInTheZoneOfTheOperator) {
+  const auto periodsSince = [&](const std::string& time, const std::string& zone) {
+    const Json::Value list =
+        parsed(run({"account", "--json", "--since", time, "--zone", zone}).out);
+    return list.empty() ? 0 : list[0]["periods"].asInt();
+  };
+  // An hour ago in UTC is in the future of a clock that is some hours behind it.
+  const std::string hourAgo = database.value(
+      "SELECT to_char(now() AT TIME ZONE 'UTC' - interval '1 hour', 'YYYY-MM-DD HH24:MI:SS')");
+  EXPECT_EQ(periodsSince(hourAgo, "UTC"), 6);
+  EXPECT_EQ(periodsSince(hourAgo, "Pacific/Honolulu"), 0);
+  EXPECT_EQ(periodsSince(hourAgo, "Asia/Kathmandu"), 6);
+  EXPECT_EQ(periodsSince("2h", "Asia/Kathmandu"), 6);
+  EXPECT_EQ(run({"account", "--since", "2 bananas"}).exitCode, 65);
+}
+
+TEST_F(AccountTest, ShowsTheTimesOfTheLedgerInTheZoneOfTheOperator) {
+  database.query("UPDATE kodu_ledger_state SET switched_on = '2024-07-01 11:00:00'");
+  EXPECT_THAT(run({"ledger", "--zone", "Europe/Berlin"}).out,
+              HasSubstr("it was last switched on at 2024-07-01 13:00:00 CEST.\n"));
+  EXPECT_EQ(
+      parsed(run({"ledger", "--json", "--zone", "Europe/Berlin"}).out)["switched_on"].asString(),
+      "2024-07-01T11:00:00Z");
 }
 
 TEST_F(AccountTest, KeepsTheLedgerAsItIsAfterAWrongSetting) {

@@ -228,8 +228,8 @@ TEST_F(ParserTest, ChoosesTasksOfAnAccount) {
   EXPECT_THAT(options.selection.ids, ElementsAre(1, 2));
   EXPECT_THAT(options.selection.name, Optional(Eq("a*")));
   EXPECT_THAT(options.selection.plugin, Optional(Eq("/p")));
-  EXPECT_EQ(options.since, "yesterday");
-  EXPECT_EQ(optionsOf({"account"}).since, "");
+  EXPECT_THAT(options.since, Optional(Eq("yesterday")));
+  EXPECT_EQ(optionsOf({"account"}).since, std::nullopt);
 }
 
 TEST_F(ParserTest, ReadsTheSettingsOfTheLedger) {

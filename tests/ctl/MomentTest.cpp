@@ -29,12 +29,12 @@ class MomentTest : public CtlTest {
     CtlTest::TearDown();
   }
 
-  std::string moment(const std::string& text, bool mayBeDuration = false) {
-    return momentOf(*session, text, mayBeDuration).value_or("nothing");
+  std::string moment(const std::string& text, MomentRule rule = MomentRule::kNext) {
+    return momentOf(*session, text, rule).value_or("nothing");
   }
   /// Seconds from now, by the server's clock.
-  double ahead(const std::string& text) {
-    return std::stod(database.value("SELECT EXTRACT(EPOCH FROM timestamptz '" + moment(text, true) +
+  double ahead(const std::string& text, MomentRule rule = MomentRule::kNextOrDuration) {
+    return std::stod(database.value("SELECT EXTRACT(EPOCH FROM timestamptz '" + moment(text, rule) +
                                     "' - now())"));
   }
 
@@ -73,6 +73,22 @@ TEST_F(MomentTest, IsTheNextTimeOfDay) {
   EXPECT_EQ(moment("12:00").substr(11), moment("tomorrow 12:00").substr(11));
 }
 
+TEST_F(MomentTest, IsTheLastTimeOfDayWhereThePastIsMeant) {
+  for (const char* text : {"00:00", "06:30", "12:00:30", "23:59"}) {
+    const double seconds = ahead(text, MomentRule::kLastOrDuration);
+    EXPECT_LE(seconds, 0) << text;
+    EXPECT_GT(seconds, -90005) << text;
+    EXPECT_EQ(moment(text, MomentRule::kLastOrDuration).substr(16), moment(text).substr(16));
+  }
+}
+
+TEST_F(MomentTest, IsADurationAgoWhereThePastIsMeant) {
+  EXPECT_NEAR(ahead("90s", MomentRule::kLastOrDuration), -90, 5);
+  EXPECT_NEAR(ahead("1 day 2h", MomentRule::kLastOrDuration), -93600, 5);
+  EXPECT_EQ(moment("2030-07-01 12:00", MomentRule::kLastOrDuration), "2030-07-01T16:00:00Z");
+  EXPECT_THROW(moment("2 bananas", MomentRule::kLastOrDuration), Failure);
+}
+
 TEST_F(MomentTest, LeavesTheSessionInUtc) {
   moment("12:00");
   EXPECT_EQ(session->query("SELECT current_setting('timezone') AS zone").text(0, "zone"), "UTC");
@@ -80,7 +96,7 @@ TEST_F(MomentTest, LeavesTheSessionInUtc) {
 
 TEST_F(MomentTest, RefusesWhatIsNoTime) {
   for (const char* text : {"", "soon", "25:00", "2030-13-01", "2 bananas"}) {
-    EXPECT_THROW(moment(text, true), Failure) << text;
+    EXPECT_THROW(moment(text, MomentRule::kNextOrDuration), Failure) << text;
   }
 }
 

@@ -52,6 +52,7 @@ class TopTest : public CtlTest {
     words.insert(words.end(), options.begin(), options.end());
     words.emplace_back("top");
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (std::string& word : words) {
       pointers.push_back(word.data());
     }

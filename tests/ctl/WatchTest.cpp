@@ -39,6 +39,7 @@ class WatchTest : public CtlTest {
       std::vector<std::string> all = {program(), "-f", daemon.mainConfig(), "status", "--watch"};
       all.insert(all.end(), arguments.begin(), arguments.end());
       std::vector<char*> pointers;
+      pointers.reserve(all.size() + 1);
       for (std::string& word : all) {
         pointers.push_back(word.data());
       }
