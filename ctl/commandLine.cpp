@@ -480,12 +480,10 @@ class Parser {
     CLI::App* exported =
         addCommand("export", "Write tasks as YAML, or with --json as JSON", runExport);
     exported->footer(
-        "Settings that have their default are left out. A task without a key has the key task-ID. "
-        "koductl apply reads both formats.");
-    exported->add_option("ID", options.selection.ids, "Id of a task")
-        ->option_text("ID (all tasks)")
-        ->take_all()
-        ->check(CLI::Range(0, 2147483647));
+        "Without conditions, all tasks are written, always in the order of their keys. Settings "
+        "that have their default are left out. A task without a key has the key task-ID. koductl "
+        "apply reads both formats.");
+    addSelection(exported);
     exported
         ->add_option("--set", options.set,
                      "Write only the tasks of this set, and the name of the set")

@@ -16,6 +16,7 @@
 #include "ctl/options.h"
 #include "ctl/session/session.h"
 #include "ctl/task/arguments.h"
+#include "ctl/task/selection.h"
 #include "ctl/terminal/print.h"
 #include "task/serviceSafe.h"
 
@@ -160,10 +161,11 @@ class Writer {
 }  // namespace
 
 int runExport(const Options& options) {
+  requireValid(options.selection);
   Session session(options);
   const std::string guard = readGuard(session);
   Writer writer(options.set, options.asJson);
-  forEachStored(session, {options.selection.ids, options.set}, guard,
+  forEachStored(session, options.selection, options.set, guard,
                 [&writer](const StoredTask& task) { writer.write(task); });
   writer.end();
   return kDone;

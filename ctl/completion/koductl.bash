@@ -31,7 +31,7 @@ _koductl() {
     ['daemon']=''
     ['delete']='--name --plugin --failed --late --running --paused --deleting --never-ran --sort --limit --after --all --yes --dry-run'
     ['explain']=''
-    ['export']='--set'
+    ['export']='--name --plugin --failed --late --running --paused --deleting --never-ran --sort --limit --after --all --set'
     ['forecast']='--run-seconds --took'
     ['health']='-w --warning -c --critical -p --in-process -e --failures -t --timeout'
     ['history']='-n --count'

@@ -5,6 +5,7 @@
 #include "ctl/declared/sqlText.h"
 #include "ctl/failure.h"
 #include "ctl/session/session.h"
+#include "ctl/task/selection.h"
 
 namespace {
 
@@ -57,15 +58,10 @@ StoredTask taskOf(const Rows& rows, int row, const std::string& guard) {
   return task;
 }
 
-void requireTasks(Session& session, const std::vector<std::string>& ids) {
-  const Rows missing = session.query(
-      "SELECT id FROM unnest($1::integer[]) AS id WHERE NOT EXISTS"
-      " (SELECT FROM kodu_cron_plugin WHERE cron_id = id) ORDER BY id LIMIT 1",
-      {sqlArray(ids)});
-  if (missing.count() > 0) {
-    throw Failure(kNotFound, fmt::format("there is no task {}; koductl status lists them",
-                                         missing.text(0, "id")));
-  }
+/// The condition of a selection; `ids` are its tasks.
+std::string conditionOf(const Selection& selection, const Statement& ids) {
+  const bool isWhole = !selection.isLimitedToSome() && !selection.limit && selection.after.empty();
+  return isWhole ? "TRUE" : fmt::format("task.cron_id IN (SELECT id FROM ({}) AS chosen)", ids.sql);
 }
 
 }  // namespace
@@ -90,19 +86,18 @@ std::vector<StoredTask> readStored(Session& session, const std::vector<std::stri
   return tasks;
 }
 
-void forEachStored(Session& session, const ExportSelection& selection, const std::string& guard,
-                   const std::function<void(const StoredTask&)>& use) {
-  std::vector<std::string> ids;
-  for (const int id : selection.ids) {
-    ids.push_back(std::to_string(id));
-  }
-  requireTasks(session, ids);
+void forEachStored(Session& session, const Selection& selection, const std::string& set,
+                   const std::string& guard, const std::function<void(const StoredTask&)>& use) {
+  requireIds(session, selection);
+  Statement chosen = idsOf(selection);
+  chosen.values.push_back(set);
+  const std::string ofSet = fmt::format("(${0} = '' OR task_set = ${0})", chosen.values.size());
   // Held, that is copied by the server: a reader of the export may be slow, and a transaction would
   // keep the server from cleaning up behind the daemon's updates.
-  session.query("DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
-                    selectWhere("(cardinality($1::integer[]) = 0 OR task.cron_id = ANY($1))"
-                                " AND ($2 = '' OR task_set = $2) ORDER BY key"),
-                {sqlArray(ids), selection.set});
+  session.query(
+      "DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
+          selectWhere(fmt::format("{} AND {} ORDER BY key", conditionOf(selection, chosen), ofSet)),
+      chosen.values);
   for (int count = 1; count > 0;) {
     const Rows rows = session.query("FETCH 1000 FROM export");
     count = rows.count();

@@ -8,6 +8,7 @@
 #include "ctl/declared/definition.h"
 
 class Session;
+struct Selection;
 
 /// A task of the database, as it would be declared.
 struct StoredTask {
@@ -30,13 +31,8 @@ std::string readGuard(Session& session);
 std::vector<StoredTask> readStored(Session& session, const std::vector<std::string>& keys,
                                    const std::string& set, const std::string& guard);
 
-/// Which tasks to export: those with these ids, and of this set; all without either.
-struct ExportSelection {
-  std::vector<int> ids;
-  std::string set;
-};
-
-/// Calls `use` for each selected task by its key, in the order of bytes. Holds no snapshot of the
-/// tables meanwhile, and only some of the tasks. Throws Failure (kNotFound) for an id that is none.
-void forEachStored(Session& session, const ExportSelection& selection, const std::string& guard,
-                   const std::function<void(const StoredTask&)>& use);
+/// Calls `use` for each selected task of this set ("": any), by its key in the order of bytes,
+/// whatever the order of the selection. Holds no snapshot of the tables meanwhile, and only some of
+/// the tasks. Throws Failure: kNotFound for an id that is none, and as requireValid().
+void forEachStored(Session& session, const Selection& selection, const std::string& set,
+                   const std::string& guard, const std::function<void(const StoredTask&)>& use);

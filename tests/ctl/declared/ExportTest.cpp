@@ -90,6 +90,28 @@ TEST_F(ExportTest, WritesWhatDiffersFromDefaults) {
   EXPECT_EQ(run({"export", "1", "99"}).exitCode, 66);
 }
 
+TEST_F(ExportTest, TakesASelectionAndKeepsTheOrderOfTheKeys) {
+  applyText(
+      "set: web\ntasks:\n  c: {plugin: /bin/true, every: 5m, name: load}\n"
+      "  b: {plugin: /bin/false, every: 5m, name: disk, timeout: 5s, paused: true}\n"
+      "  a: {plugin: /bin/true, every: 5m, name: users}\n");
+  const auto keys = [&](const std::vector<std::string>& options) {
+    std::vector<std::string> all = {"--json"};
+    all.insert(all.end(), options.begin(), options.end());
+    return parsed(exported(all))["tasks"].getMemberNames();
+  };
+  using testing::ElementsAre;
+  EXPECT_THAT(keys({"--all"}), ElementsAre("a", "b", "c"));
+  EXPECT_THAT(keys({"--name", "*s*"}), ElementsAre("a", "b"));
+  EXPECT_THAT(keys({"--plugin", "/bin/false"}), ElementsAre("b"));
+  EXPECT_THAT(keys({"--paused", "--set", "web"}), ElementsAre("b"));
+  EXPECT_THAT(keys({"--paused", "--set", "db"}), testing::IsEmpty());
+  EXPECT_THAT(keys({"--sort", "name,desc", "--limit", "2"}), ElementsAre("a", "c"));
+  const std::string second = database.value("SELECT kodu_task_with_key('b')");
+  EXPECT_EQ(keys({"--after", second}).size(), 3U - std::stoul(second));
+  EXPECT_EQ(run({"export", "--sort", "size"}).exitCode, 64);
+}
+
 TEST_F(ExportTest, WritesJsonThatApplyReadsToo) {
   applyText(
       "set: web\ntasks:\n  a: {plugin: /bin/true, every: 5m, arguments: [\"x\\u001b\"]}\n"
@@ -226,7 +248,9 @@ TEST_F(ExportTest, WritesARunInProgressWithTheRhythmThatFollows) {
   database.insertTask(row);
   setStatus(1, "PROCESS");
   EXPECT_THAT(exported(), HasSubstr("    first: 1970-01-01 00:10:00\n"));
-  database.query("SELECT kodu_task_set(1, next_run => date_trunc('hour', now()) + '90 minutes')");
+  database.query(
+      "SELECT kodu_task_set(1, next_run => date_trunc('hour', now() + '30 minutes')"
+      " + '30 minutes')");
   EXPECT_THAT(exported(), HasSubstr("    first: 1970-01-01 00:30:00\n"));
 }
 
