@@ -13,12 +13,29 @@ namespace {
 /// The head of the table, the totals, the rest, and the shell's next line.
 constexpr int kOtherLines = 4;
 
+/// A text that a terminal must not get as it is, in the form that bash and zsh read.
+std::string escapedWord(const std::string& text) {
+  std::string word = "$'";
+  for (const char c : text) {
+    if (c < ' ' || c > '~') {
+      word += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
+    } else {
+      word += c == '\'' || c == '\\' ? "\\" : "";
+      word += c;
+    }
+  }
+  return word + "'";
+}
+
 /// A word of a shell: a name may be anything.
 std::string shellWord(const std::string& text) {
   constexpr const char* kPlain =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789,._/:-";
   if (text.find_first_not_of(kPlain) == std::string::npos) {
     return text;
+  }
+  if (printable(text) != text) {
+    return escapedWord(text);
   }
   std::string word = "'";
   for (const char c : text) {
