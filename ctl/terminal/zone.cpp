@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <string_view>
 
 #include "ctl/failure.h"
@@ -26,7 +27,14 @@ std::string nameIn(const std::string& path) {
 bool isKnown(const std::string& name) {
   std::error_code error;
   const bool leadsOut = name.front() == '/' || name.find("..") != std::string::npos;
-  return !leadsOut && fs::is_regular_file(fs::path(kZones) / name, error);
+  const fs::path file = fs::path(kZones) / name;
+  if (leadsOut || !fs::is_regular_file(file, error)) {
+    return false;
+  }
+  constexpr std::string_view kBegin = "TZif";  // lists of zones are in the folder, too
+  std::string begin(kBegin.size(), '\0');
+  std::ifstream(file).read(begin.data(), static_cast<std::streamsize>(begin.size()));
+  return begin == kBegin;
 }
 
 std::string zoneOfSystem() {
