@@ -25,12 +25,6 @@
 
 namespace {
 
-// The daemon waits for the changed rows until the end: a koductl that is gone, or was stopped, must
-// not keep them.
-constexpr const char* kTransactionSettings =
-    "SET LOCAL idle_in_transaction_session_timeout = '5s';"
-    "SET LOCAL client_connection_check_interval = '1s'";
-
 // One apply at a time: the second one sees what the first has done. The number is only this lock's.
 constexpr const char* kTakeTurn = "SELECT pg_advisory_xact_lock(6420241123)";
 
@@ -58,7 +52,7 @@ class Application {
   /// Makes the plan again, since other sessions may have changed tasks, and carries it out. With
   /// --dry-run takes it back.
   Plan carryOutNow(const Plan& agreed) {
-    Transaction transaction(session, kTransactionSettings);
+    Transaction transaction(session, kEndWithoutKoductl);
     session.query(kTakeTurn);
     Plan current = plan();
     requireAgreed(agreed, current);

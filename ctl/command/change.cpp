@@ -13,6 +13,7 @@
 #include "ctl/options.h"
 #include "ctl/session/call.h"
 #include "ctl/session/session.h"
+#include "ctl/session/transaction.h"
 #include "ctl/task/pages.h"
 #include "ctl/task/selection.h"
 #include "ctl/task/task.h"
@@ -22,31 +23,6 @@
 #include "ctl/terminal/text.h"
 
 namespace {
-
-/// A change that takes back everything unless it is completed.
-class Transaction {
- public:
-  explicit Transaction(Session& owner) : session(owner) { session.query("BEGIN"); }
-  ~Transaction() {
-    if (!isEnded) {
-      try {
-        session.query("ROLLBACK");
-      } catch (const Failure&) {  // the session is lost, and its transaction with it
-      }
-    }
-  }
-  Transaction(const Transaction&) = delete;
-  Transaction& operator=(const Transaction&) = delete;
-
-  void commit() {
-    session.query("COMMIT");
-    isEnded = true;
-  }
-
- private:
-  Session& session;
-  bool isEnded = false;
-};
 
 /// The first of these tasks, as many as a terminal shows.
 Selection firstOf(const Options& options, std::vector<int> ids) {
@@ -123,7 +99,7 @@ void changeOnTrial(Session& session, const Options& options, const TaskChange& c
                    const std::vector<int>& ids) {
   std::vector<Task> first;
   {
-    const Transaction transaction(session);
+    const Transaction transaction(session, kEndWithoutKoductl);
     apply(session, change, ids);
     first = readFirst(session, options, ids);
   }
@@ -147,7 +123,7 @@ void changeOne(Session& session, const Options& options, const TaskChange& chang
 
 void changeMany(Session& session, const Options& options, const TaskChange& change,
                 const std::vector<int>& ids) {
-  Transaction transaction(session);
+  Transaction transaction(session, kEndWithoutKoductl);
   apply(session, change, ids);
   transaction.commit();
   if (options.asJson) {

@@ -4,6 +4,12 @@
 
 class Session;
 
+/// Settings for a transaction that changes tasks. The daemon waits for the changed rows until the
+/// end: a koductl that is gone, or was stopped, must not keep them.
+constexpr const char* kEndWithoutKoductl =
+    "SET LOCAL idle_in_transaction_session_timeout = '5s';"
+    "SET LOCAL client_connection_check_interval = '1s'";
+
 /// A transaction that is rolled back unless it is committed. Owned by one thread.
 class Transaction {
  public:

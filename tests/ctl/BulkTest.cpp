@@ -11,6 +11,7 @@
 
 #include <libpq-fe.h>
 
+#include "db/pgSafeThread.h"
 #include "tests/ctl/CtlTest.h"
 
 namespace {
@@ -242,6 +243,37 @@ TEST_F(BulkTest, LeavesNothingHalfDoneWhenItIsInterrupted) {
       std::chrono::seconds(20)));
   EXPECT_EQ(paused(), "");
   EXPECT_EQ(readFile(errPath()), "");
+}
+
+TEST_F(BulkTest, DoesNotKeepTheRowsWhileItIsStopped) {
+  insertTasks(2);
+  const Database::Row before =
+      database.query("SELECT array_agg(t::text) FROM kodu_cron_plugin t")[0];
+  pgSafeThread other(database.adminConninfo());
+  PQclear(other.executeRequest("BEGIN"));
+  PQclear(other.executeRequest("SELECT FROM kodu_cron_plugin WHERE cron_id = 2 FOR UPDATE"));
+  environment.emplace_back("PGPASSWORD=secret");
+  const pid_t pid =
+      start({"-f", daemon.mainConfig(), "--user", admin(), "pause", "1", "2", "--yes"});
+  EXPECT_TRUE(waitUntil([&] { return database.waitingSessions() > 0; }));
+  kill(pid, SIGSTOP);
+  PQclear(other.executeRequest("COMMIT"));
+  EXPECT_TRUE(waitUntil([&] {
+    return database.value(
+               "SELECT count(*) FROM pg_stat_activity WHERE application_name = 'kodu_ctl'"
+               " AND state = 'idle in transaction' AND datname = current_database()") == "1";
+  }));
+  EXPECT_TRUE(waitUntil([&] {
+    return database.value(
+               "SELECT count(*) FROM pg_stat_activity WHERE application_name = 'kodu_ctl'"
+               " AND datname = current_database()") == "0";
+  }));
+  kill(pid, SIGCONT);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(exitStatusOf(status), 69) << readFile(errPath());
+  EXPECT_EQ(database.query("SELECT array_agg(t::text) FROM kodu_cron_plugin t")[0], before);
+  EXPECT_EQ(paused(), "");
 }
 
 TEST_F(BulkTest, PrunesTheHistoryOfSelectedTasks) {
