@@ -166,7 +166,9 @@ void confirm(Session& session, const Options& options, const std::string& verb,
 int changeTasks(Session& session, const Options& options, const TaskChange& change) {
   const std::vector<int> ids = selectedIds(session, options, change.verb);
   change.call.requireRight(session);
-  if (ids.empty()) {
+  if (ids.empty() && options.asJson) {
+    printIds(options, ids);
+  } else if (ids.empty()) {
     print("no task is selected; nothing was changed\n");
   } else if (options.isDryRun) {
     changeOnTrial(session, options, change, ids);

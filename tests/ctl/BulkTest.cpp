@@ -276,6 +276,15 @@ TEST_F(BulkTest, DoesNotKeepTheRowsWhileItIsStopped) {
   EXPECT_EQ(paused(), "");
 }
 
+TEST_F(BulkTest, SaysAsJsonThatNoTaskIsSelected) {
+  insertTasks(1);
+  const CtlResult result = runAsAdmin({"pause", "--name", "other", "--json"});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(parsed(result.out)["tasks"].size(), 0U);
+  EXPECT_EQ(runAsAdmin({"pause", "--name", "other"}).out,
+            "no task is selected; nothing was changed\n");
+}
+
 TEST_F(BulkTest, PrunesTheHistoryOfSelectedTasks) {
   writeFile(daemon.logPath(), "");  // whose owner the daemon's user is, while none runs
   insertTasks(3);
