@@ -191,7 +191,8 @@ void report(const Options& options, const Removal& removal) {
 
 /// None for all tasks: without conditions the age is the condition, and nothing is asked.
 std::vector<int> chosenTasks(Session& session, const Options& options) {
-  if (!options.selection.isLimitedToSome() && !options.selection.limit) {
+  const Selection& selection = options.selection;
+  if (!selection.isLimitedToSome() && !selection.limit && selection.after.empty()) {
     return {};
   }
   std::vector<int> ids = selectedIds(session, options, "prune");

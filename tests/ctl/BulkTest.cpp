@@ -285,6 +285,19 @@ TEST_F(BulkTest, SaysAsJsonThatNoTaskIsSelected) {
             "no task is selected; nothing was changed\n");
 }
 
+TEST_F(BulkTest, PrunesNoOtherTasksThanThoseThatFollowAKey) {
+  insertTasks(3);
+  for (const int id : {1, 2, 3}) {
+    addFailure(id, 200000, "old", "");
+  }
+  writeFile(daemon.logPath(), "");  // its owner counts as the daemon's user
+  EXPECT_EQ(runAsAdmin({"prune", "--older-than", "1d", "--after", "2", "--yes"}).exitCode, 64);
+  EXPECT_EQ(runAsAdmin({"prune", "--older-than", "1d", "--after", "2", "--all", "--yes"}).exitCode,
+            0);
+  EXPECT_EQ(database.failures(1) + database.failures(2), 2);
+  EXPECT_EQ(database.failures(3), 0);
+}
+
 TEST_F(BulkTest, PrunesTheHistoryOfSelectedTasks) {
   writeFile(daemon.logPath(), "");  // whose owner the daemon's user is, while none runs
   insertTasks(3);
