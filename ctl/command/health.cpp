@@ -94,8 +94,9 @@ Thresholds thresholdsOf(const Options& options) {
 Figures readFigures(const Options& options, const Thresholds& limits) {
   Options own = options;
   own.applicationName = "kodu_healthcheck";
-  own.connectTimeout = static_cast<int>(limits.timeout);
-  own.statementTimeout = static_cast<int>(limits.timeout);
+  constexpr long kLongest = 2147483;  // the server counts milliseconds
+  own.connectTimeout = static_cast<int>(std::min(limits.timeout, kLongest));
+  own.statementTimeout = *own.connectTimeout;
   own.lockTimeout = own.statementTimeout;
   Session session(own, SchemaRule::kAnyVersion);
   session.makeReadOnly();

@@ -52,6 +52,10 @@ TEST_F(HealthTest, WarnsOfAnOverdueTask) {
   EXPECT_THAT(health({"--warning", "100"}), StartsWith("0 "));
 }
 
+TEST_F(HealthTest, TakesATimeThatTheServerCannotCount) {
+  EXPECT_THAT(health({"-t", "999999999"}), StartsWith("0 KODUCRON OK"));
+}
+
 TEST_F(HealthTest, IsCriticalFromItsOwnThresholdOn) {
   addTask(1, 30, "OK");
   EXPECT_THAT(health({"-c", "20"}), StartsWith("2 KODUCRON CRITICAL - 1 tasks, 1 overdue"));
