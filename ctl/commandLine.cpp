@@ -337,7 +337,8 @@ class Parser {
         "runs follow at the interval of the task. With --wait, the exit status is 0 if the run "
         "ends OK, and 1 if it has FAILED after its retries.");
     now->add_flag("--wait", options.isAwaited,
-                  "Wait for the end of the run of one task and print its output");
+                  "Wait for the end of the run of one task and print its output")
+        ->excludes("--dry-run");
     addChange("delete", "Delete tasks, their files and their history", runDelete)
         ->footer(
             "The daemon deletes them within four minutes; until then, koductl undelete can keep "

@@ -66,6 +66,14 @@ TEST_F(AwaitRunTest, WaitsForTheRunThatFollowsOneInProgress) {
   EXPECT_EQ(readLines(daemon.directory / "ran").size(), 2U);
 }
 
+TEST_F(AwaitRunTest, RunsNothingOnTrial) {
+  addTask("echo fine");
+  const CtlResult result = runAsAdmin({"run", "1", "--wait", "--dry-run"});
+  EXPECT_EQ(result.exitCode, 64);
+  EXPECT_THAT(result.err, HasSubstr("--dry-run excludes --wait"));
+  EXPECT_GT(database.nextExec(1), time(nullptr) + 3000);
+}
+
 TEST_F(AwaitRunTest, GivesUpWithoutADaemon) {
   addTask("echo fine");
   const CtlResult result = runAsAdmin({"run", "1", "--wait"});
