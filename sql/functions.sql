@@ -618,6 +618,12 @@ BEGIN
         RETURNING cron_id INTO id;
     EXCEPTION WHEN unique_violation THEN
         GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
+        -- Another session has added it meanwhile.
+        id := CASE WHEN if_missing AND broken = 'kodu_cron_key_task_key_key'
+                   THEN kodu_task_with_key(key) END;
+        IF id IS NOT NULL THEN
+            RETURN id;
+        END IF;
         PERFORM kodu_refuse(broken);
     END;
     IF key IS NOT NULL THEN
