@@ -180,6 +180,14 @@ TEST_F(PruneTest, CompletesAPruneKilledBetweenFilesAndRows) {
       "END$$;"
       "CREATE TRIGGER wait BEFORE DELETE ON kodu_cron_error EXECUTE FUNCTION wait()");
   pruneUntilFilesAre(0);
+  // Its session may not have begun to wait yet.
+  EXPECT_TRUE(waitUntil([&] {
+    return database
+        .query(
+            "SELECT pg_terminate_backend(pid) FROM pg_stat_activity"
+            " WHERE application_name = 'kodu_ctl' AND datname = current_database()")
+        .empty();
+  }));
   EXPECT_EQ(database.failures(1), 3);
   database.query("DELETE FROM held");
   EXPECT_EQ(runAsAdmin({"prune", "--older-than", "1d"}).out,

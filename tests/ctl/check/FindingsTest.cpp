@@ -133,7 +133,7 @@ TEST(FindingsTest, KeepsTheFirstThousandAndCountsTheOthers) {
   EXPECT_THAT(text, testing::HasSubstr("ERROR    task 998: no file 998\n"));
   EXPECT_THAT(text, testing::Not(testing::HasSubstr("no file 999\n")));
   EXPECT_THAT(text,
-              testing::HasSubstr("… and 2,001 more about single tasks\n3000 errors, 1 warning"));
+              testing::HasSubstr("… and 2,001 more about single tasks\n3,000 errors, 1 warning"));
   const Json::Value json = findings.toJson();
   ASSERT_EQ(json.size(), 1000U);
   EXPECT_EQ(json[0]["tasks"].size(), 1000U);
