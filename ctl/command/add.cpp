@@ -23,25 +23,43 @@ std::optional<int> presentTask(Session& session, const Options& options) {
   return id ? std::optional(static_cast<int>(*id)) : std::nullopt;
 }
 
-}  // namespace
-
-int runAdd(const Options& options) {
-  Session session(options);
-  if (const auto present = presentTask(session, options)) {
+/// True when a task has the key of --if-missing, which is then said.
+bool isPresent(Session& session, const Options& options) {
+  const auto present = presentTask(session, options);
+  if (present) {
     reportChange(session, options, *present, "has this key already; nothing was changed");
-    return kDone;
   }
+  return present.has_value();
+}
+
+int addTask(Session& session, const Options& options) {
   Call call("kodu_task_add");
   call.with("plugin", "text", options.plugin)
       .with("first_run", "timestamptz", momentOf(session, options.next))
       .with("timeout", "interval", options.timeout)
       .with("parameters", "text", parametersOf(options));
-  if (options.ifMissing) {
-    call.with("if_missing", "boolean", "true");  // another session may be adding it
-  }
   giveDefinition(call, options);
   const Rows added = call.run(session);
-  const auto id = static_cast<int>(added.number(0, "result"));
+  return static_cast<int>(added.number(0, "result"));
+}
+
+}  // namespace
+
+int runAdd(const Options& options) {
+  Session session(options);
+  if (isPresent(session, options)) {
+    return kDone;
+  }
+  int id = 0;
+  try {
+    id = addTask(session, options);
+  } catch (const Failure& e) {
+    // Another session may have added it meanwhile.
+    if (e.exitCode == kRefused && isPresent(session, options)) {
+      return kDone;
+    }
+    throw;
+  }
   reportChange(session, options, id, "added");
   warnOfPlugin(session, id);
   return kDone;

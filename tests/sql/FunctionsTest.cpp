@@ -1308,25 +1308,34 @@ TEST_F(FunctionsTest, AddsATaskOfAKeyOnce) {
               HasSubstr("a key must be one word"));
 }
 
-TEST_F(FunctionsTest, RefusesAKeyThatAnotherSessionIsAdding) {
+TEST_F(FunctionsTest, AddsATaskOfAKeyOnceInTwoSessions) {
   const std::string add = "SELECT kodu_task_add('/bin/true', '5 minutes', key => 'k'";
-  pgSafeThread other(database.adminConninfo());
-  PQclear(other.executeRequest("BEGIN"));
-  PQclear(other.executeRequest(add + ")"));
-  std::string refusal;
-  pgSafeThread late(database.adminConninfo());
-  std::thread second([&] {
-    try {
-      PQclear(late.executeRequest(add + ", if_missing => TRUE)"));
-    } catch (const PostgresqlException& e) {
-      refusal = e.what();
+  for (const bool ifMissing : {false, true}) {
+    database.query("DELETE FROM kodu_cron_plugin");
+    pgSafeThread other(database.adminConninfo());
+    PQclear(other.executeRequest("BEGIN"));
+    PQclear(other.executeRequest(add + ")"));
+    std::string answer;
+    pgSafeThread late(database.adminConninfo());
+    std::thread second([&] {
+      try {
+        PGresult* result = late.executeRequest(add + (ifMissing ? ", if_missing => TRUE)" : ")"));
+        answer = PQgetvalue(result, 0, 0);
+        PQclear(result);
+      } catch (const PostgresqlException& e) {
+        answer = e.what();
+      }
+    });
+    EXPECT_TRUE(waitUntil([&] { return database.waitingSessions() > 0; }));
+    PQclear(other.executeRequest("COMMIT"));
+    second.join();
+    EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin"), "1");
+    if (ifMissing) {
+      EXPECT_EQ(answer, database.value("SELECT cron_id FROM kodu_cron_plugin"));
+    } else {
+      EXPECT_THAT(answer, HasSubstr("another task has this key"));
     }
-  });
-  EXPECT_TRUE(waitUntil([&] { return database.waitingSessions() > 0; }));
-  PQclear(other.executeRequest("COMMIT"));
-  second.join();
-  EXPECT_THAT(refusal, HasSubstr("another task has this key"));
-  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin"), "1");
+  }
 }
 
 TEST_F(FunctionsTest, KnowsATaskWithoutAKeyByItsId) {

@@ -1,6 +1,9 @@
+#include <sys/wait.h>
+
 #include <string>
 #include <vector>
 
+#include "db/pgSafeThread.h"
 #include "tests/ctl/CtlTest.h"
 
 namespace {
@@ -164,6 +167,23 @@ TEST_F(AddTest, RefusesAWrongCommandLine) {
   for (const auto& [arguments, text] : cases) {
     expectRefusal(arguments, 64, text);
   }
+}
+
+TEST_F(AddTest, AddsATaskOnceThatAnotherSessionIsAdding) {
+  pgSafeThread other(database.adminConninfo());
+  PQclear(other.executeRequest("BEGIN"));
+  PQclear(other.executeRequest("SELECT kodu_task_add('/bin/true', '5 minutes', key => 'k')"));
+  environment.emplace_back("PGPASSWORD=secret");
+  const pid_t pid = start({"-f", daemon.mainConfig(), "--user", admin(), "add", "/bin/true",
+                           "--every", "5m", "--key", "k", "--if-missing"});
+  EXPECT_TRUE(waitUntil([&] { return database.waitingSessions() > 0; }));
+  PQclear(other.executeRequest("COMMIT"));
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(exitStatusOf(status), 0) << readFile(errPath());
+  EXPECT_THAT(readFile(outPath()),
+              StartsWith("task 1 (true) has this key already; nothing was changed"));
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin"), "1");
 }
 
 TEST_F(AddTest, NeedsTheRight) {
