@@ -34,14 +34,29 @@ constexpr int kCountsEvery = 5;  // refreshes
 constexpr int kRest = 9;
 
 volatile std::sig_atomic_t isStopped = 0;
+volatile std::sig_atomic_t isAsking = 0;  // the database, which may take its time to answer
 
 /// Lets SIGINT and SIGTERM end the loop, so that the terminal is restored.
 void catchSignals() {
   struct sigaction action {};
-  action.sa_handler = [](int) { isStopped = 1; };
+  action.sa_handler = [](int) {
+    isStopped = 1;
+    if (isAsking != 0) {
+      Screen::leave();
+      _exit(kDone);
+    }
+  };
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 }
+
+/// From here to the end of its life, the database is asked.
+struct Asking {
+  Asking() { isAsking = 1; }
+  ~Asking() { isAsking = 0; }
+  Asking(const Asking&) = delete;
+  Asking& operator=(const Asking&) = delete;
+};
 
 /// The live table with its sessions: one that reads, and one that changes tasks once it is needed.
 class Top {
@@ -90,6 +105,7 @@ class Top {
   template <typename Step>
   void attempt(const Step& step) {
     CapturedErrors notices;  // they would stand in the middle of the screen
+    const Asking asking;
     try {
       step();
       if (const std::string said = notices.take(); !said.empty()) {

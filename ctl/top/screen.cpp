@@ -72,6 +72,11 @@ Screen::~Screen() {
   delscreen(static_cast<SCREEN*>(terminal));
 }
 
+// As the handler does that ncurses has by itself.
+void Screen::leave() {
+  endwin();
+}
+
 int Screen::width() const {
   return getmaxx(stdscr);
 }

@@ -14,6 +14,9 @@ class Screen {
   Screen(const Screen&) = delete;
   Screen& operator=(const Screen&) = delete;
 
+  /// Makes the terminal what it was before, for a handler of signals that then ends the process.
+  static void leave();
+
   int width() const;
   int height() const;
 

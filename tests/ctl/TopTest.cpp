@@ -234,6 +234,17 @@ TEST_F(TopTest, RestoresTheTerminalWhenItIsInterrupted) {
   EXPECT_THAT(drawn, HasSubstr("\x1b[?1049l"));
 }
 
+TEST_F(TopTest, EndsAtOnceWhileTheDatabaseDoesNotAnswer) {
+  startTop({"--lock-timeout", "60"});
+  ASSERT_TRUE(sees("task1"));
+  database.query("BEGIN; LOCK TABLE kodu_cron_plugin");
+  EXPECT_TRUE(waitUntil([&] { return database.waitingSessions() > 0; }));
+  press("\x03");
+  EXPECT_EQ(exitStatus(), 0);
+  EXPECT_THAT(drawn, HasSubstr("\x1b[?1049l"));
+  database.query("COMMIT");
+}
+
 TEST_F(TopTest, OutlivesAnAbsenceOfTheDatabase) {
   startTop();
   ASSERT_TRUE(sees("task1"));
