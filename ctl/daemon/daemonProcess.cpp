@@ -128,12 +128,12 @@ std::optional<pid_t> findWriter(const DaemonConfig& config) {
   return found.empty() ? std::nullopt : std::optional(found.front());
 }
 
-DaemonIdentity identityOf(pid_t process) {
+/// Nothing when it has ended, or become another program since it was found: a set-user-ID one, with
+/// other users.
+std::optional<DaemonIdentity> identityOf(pid_t process) {
   const ProcessStatus status = statusOf(process);
-  // It may have become another program since it was found: a set-user-ID one, with other users.
-  if (!executableOf(process).empty() && !runsDaemon(process)) {
-    throw Failure(kNotPermitted,
-                  fmt::format("the daemon (pid {}) ended just now: try again", process));
+  if (!status.isThere || (!executableOf(process).empty() && !runsDaemon(process))) {
+    return std::nullopt;
   }
   if (!status.isOneUser()) {
     throw Failure(kNotPermitted,
@@ -234,11 +234,19 @@ void DaemonIdentity::requireKnown() const {
 }
 
 DaemonIdentity findDaemon(const DaemonConfig& config) {
-  const std::optional<pid_t> service = findService(config);
-  const std::optional<pid_t> process = service ? service : findWriter(config);
-  DaemonIdentity identity = process ? identityOf(*process) : identityOfOwner(config);
-  identity.isService = service.has_value();
-  return identity;
+  constexpr int kAttempts = 3;  // one that restarts may end just now
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const std::optional<pid_t> service = findService(config);
+    const std::optional<pid_t> process = service ? service : findWriter(config);
+    if (!process) {
+      return identityOfOwner(config);
+    }
+    if (auto identity = identityOf(*process)) {
+      identity->isService = service.has_value();
+      return *identity;
+    }
+  }
+  throw Failure(kNotPermitted, "the daemon ended just now: try again");
 }
 
 AsDaemon::AsDaemon(const DaemonIdentity& identity) {

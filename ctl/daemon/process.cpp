@@ -38,6 +38,7 @@ void readField(std::istringstream& fields, ProcessStatus& status) {
     fields >> status.parent;
   } else if (name == "Uid:") {
     std::ranges::for_each(status.uids, [&](uid_t& id) { fields >> id; });
+    status.isThere = true;
   } else if (name == "Gid:") {
     std::ranges::for_each(status.gids, [&](gid_t& id) { fields >> id; });
   } else if (name == "Groups:") {

@@ -17,6 +17,7 @@ struct ProcessStatus {
   std::array<gid_t, 4> gids{};
   std::vector<gid_t> groups;
   mode_t umask = 022;
+  bool isThere = false;  // it has not ended
 
   /// True when the process cannot obtain other rights: all its user ids are equal, and all its
   /// group ids.

@@ -117,6 +117,8 @@ TEST_F(ProcessTest, ReadsTheUsersOfAnotherProcess) {
 TEST_F(ProcessTest, HasTheDefaultsForAProcessThatHasEnded) {
   const pid_t ended = endedProcess();
   const ProcessStatus status = statusOf(ended);
+  EXPECT_FALSE(status.isThere);
+  EXPECT_TRUE(statusOf(getpid()).isThere);
   EXPECT_EQ(status.parent, 0);
   EXPECT_EQ(status.umask, 022U);
   EXPECT_THAT(status.groups, IsEmpty());
