@@ -99,7 +99,8 @@ def drain(terminal, seconds):
 
 
 def create_tasks(query, count):
-    """Tasks 1 to count, each with a name of its own and one of a hundred plugins; the history."""
+    """Tasks 1 to count, each with a name of its own and one of a hundred plugins; the history. The
+    ledger has seen all of it."""
     query(f"""
         TRUNCATE kodu_cron_plugin, kodu_cron_error, kodu_plugins, kodu_cron_pause CASCADE;
         ALTER TABLE kodu_cron_plugin DISABLE TRIGGER USER;
@@ -108,12 +109,15 @@ def create_tasks(query, count):
         FROM generate_series(1, {count}) AS n;
         INSERT INTO kodu_cron_plugin (cron_id, cron_plugin_id, cron_interval, cron_status,
                                       cron_last_exec, cron_next_exec, cron_log_file, cron_retries,
-                                      cron_parameter)
+                                      cron_parameter, ledger_to, run_failing_since)
         SELECT n, n, '1 day', CASE WHEN n % 10 = 0 THEN 'FAILED' WHEN n % 1000 > 1 THEN 'OK' END,
                CASE WHEN n % 1000 <> 1 THEN date_trunc('second', now()) - interval '1 day' END,
                date_trunc('second', now())
                + CASE WHEN n % 100 = 3 THEN -1 ELSE 1 END * (3600 + n % 80000) * interval '1 s',
-               'out_$SERVICEID_$DATE.txt', 0, '-H host' || n
+               'out_$SERVICEID_$DATE.txt', 0, '-H host' || n,
+               date_trunc('second', now())
+               + CASE WHEN n % 100 = 3 THEN -1 ELSE 1 END * (3600 + n % 80000) * interval '1 s',
+               CASE WHEN n % 10 = 0 THEN now() - {FAILURES_OF_ONE - 1} * interval '1 day' END
         FROM generate_series(1, {count}) AS n;
         INSERT INTO kodu_cron_error (cron_id, cron_date, cron_logfile)
         SELECT 10 * n, now() - day * interval '1 day' + n * interval '1 ms', day || '.txt'
@@ -122,6 +126,16 @@ def create_tasks(query, count):
         ALTER TABLE kodu_cron_plugin ENABLE TRIGGER USER""")
     for table in ('kodu_plugins', 'kodu_cron_plugin', 'kodu_cron_error'):
         query(f'VACUUM ANALYZE {table}')
+
+
+def forget_runs(query):
+    """As if the ledger had never been on."""
+    query("""
+        ALTER TABLE kodu_cron_plugin DISABLE TRIGGER USER;
+        UPDATE kodu_cron_plugin SET ledger_to = NULL, run_failing_since = NULL
+        WHERE run_failing_since IS NOT NULL;
+        ALTER TABLE kodu_cron_plugin ENABLE TRIGGER USER""")
+    query('VACUUM ANALYZE kodu_cron_plugin')
 
 
 def make_archive(home, count):
@@ -163,6 +177,9 @@ def measure(tool, table, count, rounds):
     add('check', ('check',), 1, allowed=(0, 1, 2))
     for name in ('pause', 'resume'):
         add(f'{name} of 10,000 tasks', (name, '--plugin', '*/check7', '--yes'), 1)
+    forget_runs(tool.database.query)
+    add('status, a page by the begin of failing, without the ledger',
+        ('status', '--limit', str(PAGE), '--sort', 'failing'), with_memory=False)
     make_archive(tool.home, count)
     add(f'prune of {2 * count:,} rows and files', ('prune', '--older-than', '1 s'), 1)
     if tool.database.number('SELECT count(*) FROM kodu_cron_error') > 0:
