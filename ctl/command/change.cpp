@@ -135,7 +135,8 @@ void changeMany(Session& session, const Options& options, const TaskChange& chan
 
 }  // namespace
 
-std::vector<int> selectedIds(Session& session, const Options& options, const std::string& verb) {
+std::vector<int> selectedIds(Session& session, const Options& options, const std::string& verb,
+                             bool takesDeleted) {
   requireValid(options.selection);
   if (!options.selection.isLimitedToSome() && !options.isAll) {
     throw Failure(kWrongUsage, fmt::format("say which tasks to {0}: their ids, or conditions as "
@@ -144,7 +145,9 @@ std::vector<int> selectedIds(Session& session, const Options& options, const std
                                            verb));
   }
   requireIds(session, options.selection);
-  return readIds(session, options.selection);
+  Selection selection = options.selection;
+  selection.isKept = !takesDeleted && selection.ids.empty() && !selection.isDeleting;
+  return readIds(session, selection);
 }
 
 void confirm(Session& session, const Options& options, const std::string& verb,
@@ -164,7 +167,7 @@ void confirm(Session& session, const Options& options, const std::string& verb,
 }
 
 int changeTasks(Session& session, const Options& options, const TaskChange& change) {
-  const std::vector<int> ids = selectedIds(session, options, change.verb);
+  const std::vector<int> ids = selectedIds(session, options, change.verb, change.takesDeleted);
   change.call.requireRight(session);
   if (ids.empty() && options.asJson) {
     printIds(options, ids);

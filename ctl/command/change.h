@@ -15,6 +15,8 @@ struct TaskChange {
   Call call;           // without the id
   std::string verb;    // "pause"
   std::string result;  // "paused"
+  /// Whether conditions choose tasks that are being deleted, too, which most changes refuse.
+  bool takesDeleted = false;
   /// What a change of one task prints instead of "task 7 (load) paused; next due at ...".
   std::function<void(const Task& before)> report = nullptr;
   /// What a task loses, "its output, archive and history": then one task is confirmed, too.
@@ -23,9 +25,11 @@ struct TaskChange {
   std::function<void(int id)> afterwards = nullptr;
 };
 
-/// The ids of the tasks that the options select for `verb`, in the order of the selection. Throws
-/// Failure (kWrongUsage) when they select none in particular, and kNotFound for an unknown id.
-std::vector<int> selectedIds(Session& session, const Options& options, const std::string& verb);
+/// The ids of the tasks that the options select for `verb`, in the order of the selection; without
+/// `takesDeleted`, conditions leave out tasks that are being deleted. Throws Failure (kWrongUsage)
+/// when they select none in particular, and kNotFound for an unknown id.
+std::vector<int> selectedIds(Session& session, const Options& options, const std::string& verb,
+                             bool takesDeleted);
 
 /// Returns when these tasks may be changed: with --yes or after the answer of a terminal. One task
 /// is asked for only when there is a `loss`. Throws Failure otherwise.

@@ -13,6 +13,7 @@ int runDelete(const Options& options) {
   Session session(options);
   TaskChange change{Call("kodu_task_delete"), "delete",
                     "will be deleted with their files within four minutes"};
+  change.takesDeleted = true;
   change.loss = "its output, archive and history";
   change.report = [](const Task& task) {
     print("the daemon deletes task {} ({}) and its files within four minutes{}\n", task.id,

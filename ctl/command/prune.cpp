@@ -195,7 +195,7 @@ std::vector<int> chosenTasks(Session& session, const Options& options) {
   if (!selection.isLimitedToSome() && !selection.limit && selection.after.empty()) {
     return {};
   }
-  std::vector<int> ids = selectedIds(session, options, "prune");
+  std::vector<int> ids = selectedIds(session, options, "prune", true);
   if (ids.empty()) {
     throw Failure(kNotFound, "no task is selected; nothing was deleted");
   }

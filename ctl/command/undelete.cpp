@@ -8,5 +8,5 @@
 
 int runUndelete(const Options& options) {
   Session session(options);
-  return changeTasks(session, options, {Call("kodu_task_undelete"), "undelete", "kept"});
+  return changeTasks(session, options, {Call("kodu_task_undelete"), "undelete", "kept", true});
 }

@@ -180,7 +180,8 @@ class Conditions {
     for (const auto& [isSet, condition] :
          {std::pair{selection.isLate, "late"}, std::pair{selection.isRunning, "running"},
           std::pair{selection.isPaused, "paused"}, std::pair{selection.isDeleting, "deleting"},
-          std::pair{selection.isNeverRun, "status IS NULL"}}) {
+          std::pair{selection.isNeverRun, "status IS NULL"},
+          std::pair{selection.isKept, "NOT deleting"}}) {
       if (isSet) {
         add(condition);
       }

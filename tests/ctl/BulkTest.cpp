@@ -209,6 +209,26 @@ TEST_F(BulkTest, KeepsATaskFromTheDaemonsPurge) {
   EXPECT_TRUE(waitForStatus(1, "OK"));
 }
 
+TEST_F(BulkTest, LeavesOutWhatIsBeingDeletedUnlessItIsNamed) {
+  insertTasks(3);
+  ASSERT_EQ(runAsAdmin({"delete", "2", "--yes"}).exitCode, 0);
+  EXPECT_EQ(runAsAdmin({"pause", "--all", "--yes"}).out, "2 tasks paused\n");
+  EXPECT_EQ(paused(), "1 3");
+  EXPECT_EQ(runAsAdmin({"resume", "--name", "task*", "--yes"}).out, "2 tasks resumed\n");
+  for (const std::vector<std::string>& named :
+       {std::vector<std::string>{"pause", "1", "2"}, {"pause", "--deleting"}}) {
+    std::vector<std::string> all = named;
+    all.emplace_back("--yes");
+    const CtlResult result = runAsAdmin(all);
+    EXPECT_EQ(result.exitCode, 65);
+    EXPECT_THAT(result.err, HasSubstr("task 2 is being deleted"));
+  }
+  EXPECT_EQ(paused(), "");
+  EXPECT_EQ(runAsAdmin({"delete", "--all", "--yes"}).out,
+            "3 tasks will be deleted with their files within four minutes\n");
+  EXPECT_EQ(runAsAdmin({"undelete", "--all", "--yes"}).out, "3 tasks kept\n");
+}
+
 TEST_F(BulkTest, RefusesWithoutTheRightBeforeItAsks) {
   insertTasks(2);
   const CtlResult result = run({"pause", "--all"});
