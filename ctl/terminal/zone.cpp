@@ -27,8 +27,10 @@ std::string nameIn(const std::string& path) {
 bool isKnown(const std::string& name) {
   std::error_code error;
   const bool leadsOut = name.front() == '/' || name.find("..") != std::string::npos;
+  // These zones count leap seconds: the times of a server, which counts none, would be wrong.
+  const bool hasLeapSeconds = name.starts_with("right/");
   const fs::path file = fs::path(kZones) / name;
-  if (leadsOut || !fs::is_regular_file(file, error)) {
+  if (leadsOut || hasLeapSeconds || !fs::is_regular_file(file, error)) {
     return false;
   }
   constexpr std::string_view kBegin = "TZif";  // lists of zones are in the folder, too
