@@ -96,7 +96,10 @@ int runAndWait(const Options& options) {
   }
   const int id = options.selection.ids.front();
   Session session(options);
-  readTask(session, id);  // says it in koductl's own words when there is none
+  if (const Task task = readTask(session, id); task.type != "cron") {
+    throw Failure(kRefused, fmt::format("task {} is of type {}, which the daemon does not run", id,
+                                        oneLine(task.type)));
+  }
   const Rows moved = Call("kodu_task_run_now").with("task", id).run(session);
   const long due = session
                        .query("SELECT EXTRACT(EPOCH FROM $1::timestamp)::bigint AS due",

@@ -66,6 +66,16 @@ TEST_F(AwaitRunTest, WaitsForTheRunThatFollowsOneInProgress) {
   EXPECT_EQ(readLines(daemon.directory / "ran").size(), 2U);
 }
 
+TEST_F(AwaitRunTest, RefusesATaskThatTheDaemonDoesNotRun) {
+  TaskRow row = quietTask(1);
+  row.pluginType = "web";
+  database.insertTask(row);
+  ASSERT_TRUE(startAndListen());
+  const CtlResult result = runAsAdmin({"run", "1", "--wait"});
+  EXPECT_EQ(result.exitCode, 65);
+  EXPECT_THAT(result.err, HasSubstr("task 1 is of type web, which the daemon does not run"));
+}
+
 TEST_F(AwaitRunTest, RunsNothingOnTrial) {
   addTask("echo fine");
   const CtlResult result = runAsAdmin({"run", "1", "--wait", "--dry-run"});
