@@ -56,12 +56,14 @@ Connection connect(const std::string& conninfo) {
 // Independent of role and environment: times are UTC, names are those of the schema, and nothing
 // waits forever. kodu_daemon_state gets the role of the INI file, whose sessions are the daemon's.
 // No JIT compilation: the view of all tasks only looks expensive to the planner. Memory to join a
-// million tasks with their plugins without a file.
+// million tasks with their plugins without a file. A statement ends when koductl is gone: what
+// waits for a lock must not change anything after Ctrl-C.
 constexpr const char* kSettings = R"(
 SELECT set_config('timezone', 'UTC', false), set_config('search_path', 'public', false),
        set_config('client_encoding', 'UTF8', false), set_config('lock_timeout', $1, false),
        set_config('statement_timeout', $2, false), set_config('kodu.daemon_role', $3, false),
-       set_config('jit', 'off', false), set_config('work_mem', '64MB', false))";
+       set_config('jit', 'off', false), set_config('work_mem', '64MB', false),
+       set_config('client_connection_check_interval', '1s', false))";
 
 /// What the INI files or --connect say, with the options' own settings.
 std::string conninfoOf(const Options& options, const DaemonConfig& config) {

@@ -5,10 +5,8 @@
 class Session;
 
 /// Settings for a transaction that changes tasks. The daemon waits for the changed rows until the
-/// end: a koductl that is gone, or was stopped, must not keep them.
-constexpr const char* kEndWithoutKoductl =
-    "SET LOCAL idle_in_transaction_session_timeout = '5s';"
-    "SET LOCAL client_connection_check_interval = '1s'";
+/// end: a koductl that was stopped must not keep them.
+constexpr const char* kEndWithoutKoductl = "SET LOCAL idle_in_transaction_session_timeout = '5s'";
 
 /// A transaction that is rolled back unless it is committed. Owned by one thread.
 class Transaction {

@@ -1,5 +1,6 @@
 #include <sys/wait.h>
 
+#include <csignal>
 #include <memory>
 #include <string>
 
@@ -113,6 +114,20 @@ TEST_F(LimitTest, WaitsForALockThatIsReleasedInTime) {
   waitpid(pid, &status, 0);
   EXPECT_EQ(exitStatusOf(status), 0) << readFile(errPath());
   EXPECT_EQ(database.task(7, "cron_retries"), "1");
+}
+
+TEST_F(LimitTest, ChangesNothingAfterItWasInterruptedAtALock) {
+  database.insertTask(quietTask(7));
+  const auto other = transaction("SELECT kodu_task_set(7, retries => 3)");
+  environment.emplace_back("PGPASSWORD=secret");
+  const pid_t pid =
+      start({"-f", daemon.mainConfig(), "--user", admin(), "--lock-timeout", "60", "pause", "7"});
+  ASSERT_TRUE(waitUntil([&] { return database.waitingSessions() > 0; }));
+  kill(pid, SIGINT);
+  waitpid(pid, nullptr, 0);
+  EXPECT_TRUE(waitUntil([&] { return database.waitingSessions() == 0; }));
+  PQclear(other->executeRequest("COMMIT"));
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_pause"), "0");
 }
 
 TEST_F(LimitTest, EndsAStatementThatTakesTooLong) {
