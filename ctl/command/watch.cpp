@@ -111,10 +111,13 @@ class Screen {
   Totals totals;
 };
 
+/// Whether the screen is drawn over, and the cursor hidden: else one list follows another.
+volatile std::sig_atomic_t isDrawn = 0;
+
 /// Ctrl-C ends a watch: it restores the cursor, and the exit status is 0.
 void endWatch(int) {
   constexpr std::string_view kShowCursor = "\x1b[?25h\n";
-  if (isatty(STDOUT_FILENO) == 1) {
+  if (isDrawn != 0) {
     [[maybe_unused]] const auto written =
         write(STDOUT_FILENO, kShowCursor.data(), kShowCursor.size());
   }
@@ -123,8 +126,7 @@ void endWatch(int) {
 
 /// Reads and shows once, in a new session when the previous one was lost.
 template <typename Show>
-void attempt(std::optional<Session>& session, const Options& options, bool isDrawn,
-             const Show& show) try {
+void attempt(std::optional<Session>& session, const Options& options, const Show& show) try {
   if (!session) {
     session.emplace(options);
     session->makeReadOnly();
@@ -134,7 +136,7 @@ void attempt(std::optional<Session>& session, const Options& options, bool isDra
   flushOutput();
 } catch (const Failure& e) {
   session.reset();
-  if (isDrawn) {
+  if (isDrawn != 0) {
     print("\x1b[H{}\x1b[K\n\x1b[J", oneLine(e.what()));
   } else {
     printError("koductl: {}\n", e.what());
@@ -147,16 +149,16 @@ void attempt(std::optional<Session>& session, const Options& options, bool isDra
 void watchTasks(std::optional<Session>& session, const Options& options) {
   std::signal(SIGINT, endWatch);
   std::signal(SIGTERM, endWatch);
-  const bool isDrawn = isTerminal() && !options.asJson;
-  if (isDrawn) {
+  isDrawn = isTerminal() && hasSequences() && !options.asJson ? 1 : 0;
+  if (isDrawn != 0) {
     print("\x1b[?25l\x1b[2J");
   }
   Screen screen(options);
   Rhythm list(20);
   session.reset();
   for (;;) {
-    attempt(session, options, isDrawn, [&] {
-      if (isDrawn) {
+    attempt(session, options, [&] {
+      if (isDrawn != 0) {
         screen.look(*session);
         screen.draw();
       } else {

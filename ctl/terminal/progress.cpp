@@ -6,10 +6,13 @@
 #include <utility>
 
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
 
 Progress::Progress(long total, std::string noun)
-    : all(total), things(std::move(noun)), isShown(total > 0 && isatty(STDERR_FILENO) == 1) {
+    : all(total),
+      things(std::move(noun)),
+      isShown(total > 0 && isatty(STDERR_FILENO) == 1 && hasSequences()) {
   advance(0);
 }
 

@@ -59,11 +59,14 @@ bool isTerminal() {
   return isatty(STDOUT_FILENO) == 1;
 }
 
+bool hasSequences() {
+  const char* terminal = std::getenv("TERM");
+  return terminal != nullptr && *terminal != '\0' && std::string_view(terminal) != "dumb";
+}
+
 bool isColourWanted() {
   const char* noColour = std::getenv("NO_COLOR");
-  const char* terminal = std::getenv("TERM");
-  return isTerminal() && (noColour == nullptr || *noColour == '\0') && terminal != nullptr &&
-         std::string_view(terminal) != "dumb";
+  return isTerminal() && hasSequences() && (noColour == nullptr || *noColour == '\0');
 }
 
 Styled coloured(const std::string& text, Colour colour) {

@@ -7,6 +7,9 @@
 /// True when standard output is a terminal.
 bool isTerminal();
 
+/// True when TERM names a terminal that understands escape sequences: it is set, and not "dumb".
+bool hasSequences();
+
 enum class Colour { kNone, kGreen, kRed, kYellow, kBold };
 
 /// Text that is printed unchanged: koductl's own escape sequences around text that is already

@@ -43,7 +43,7 @@ class Tool:
     def __init__(self, home):
         self.home = home
         self.database = Database(home / 'postgres')
-        self.environment = {**os.environ, 'TERM': 'dumb',
+        self.environment = {**os.environ, 'TERM': 'xterm',
                             'PGPASSWORD': (home / 'postgres/password').read_text().strip()}
 
     def command(self, *arguments):

@@ -36,9 +36,9 @@ class BulkTest : public CtlTest {
 
   /// The exit status of a command on a terminal where somebody types that; outPath() gets the rest.
   int answering(const std::string& answer, const std::string& command) const {
-    const std::string line = "echo " + answer + " | PGPASSWORD=secret script -qec '\"" + program() +
-                             "\" -f " + daemon.mainConfig() + " --user " + admin() + " " + command +
-                             "' /dev/null >" + outPath();
+    const std::string line = "echo " + answer + " | PGPASSWORD=secret TERM=xterm script -qec '\"" +
+                             program() + "\" -f " + daemon.mainConfig() + " --user " + admin() +
+                             " " + command + "' /dev/null >" + outPath();
     return exitStatusOf(std::system(line.c_str()));
   }
 

@@ -31,11 +31,12 @@ class WatchTest : public CtlTest {
     CtlTest::TearDown();
   }
 
-  void watch(const std::vector<std::string>& arguments) {
+  void watch(const std::vector<std::string>& arguments, const char* type = "xterm") {
     winsize size{12, 100, 0, 0};
     pid = forkpty(&terminal, nullptr, nullptr, &size);
     if (pid == 0) {
       setenv("NO_COLOR", "1", 1);
+      setenv("TERM", type, 1);
       std::vector<std::string> all = {program(), "-f", daemon.mainConfig(), "status", "--watch"};
       all.insert(all.end(), arguments.begin(), arguments.end());
       std::vector<char*> pointers;
@@ -129,6 +130,17 @@ TEST_F(WatchTest, SaysOnItsScreenThatTheSessionIsLostAndGoesOn) {
       " WHERE application_name = 'kodu_ctl' AND datname = current_database()");
   EXPECT_TRUE(shows("terminating connection")) << shown;
   EXPECT_TRUE(shows("task1")) << shown;
+}
+
+TEST_F(WatchTest, PrintsOneListAfterTheOtherOnATerminalWithoutSequences) {
+  insertTasks(2);
+  watch({}, "dumb");
+  ASSERT_TRUE(shows("2 tasks"));
+  std::string all = shown;
+  setStatus(1, "FAILED");
+  ASSERT_TRUE(shows("FAILED"));
+  all += shown;
+  EXPECT_THAT(all, Not(HasSubstr("\x1b")));
 }
 
 TEST_F(WatchTest, ShowsNoControlCharacterOfAName) {
