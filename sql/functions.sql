@@ -616,19 +616,20 @@ BEGIN
                                       cron_parameter)
         VALUES (defined.id, every, due, due, file_name, retries, retry_after, defined.arguments)
         RETURNING cron_id INTO id;
-    EXCEPTION WHEN unique_violation THEN
-        GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
-        -- Another session has added it meanwhile.
-        id := CASE WHEN if_missing AND broken = 'kodu_cron_key_task_key_key'
-                   THEN kodu_task_with_key(key) END;
-        IF id IS NOT NULL THEN
-            RETURN id;
+        IF key IS NOT NULL THEN
+            PERFORM kodu_give_key(id, key);
         END IF;
-        PERFORM kodu_refuse(broken);
+    EXCEPTION
+        WHEN unique_violation THEN
+            GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
+            PERFORM kodu_refuse(broken);
+        WHEN check_violation THEN  -- of a row, or of the key, which another session has given meanwhile
+            id := CASE WHEN if_missing THEN kodu_task_with_key(key) END;
+            IF id IS NOT NULL THEN
+                RETURN id;
+            END IF;
+            RAISE;
     END;
-    IF key IS NOT NULL THEN
-        PERFORM kodu_give_key(id, key);
-    END IF;
     PERFORM kodu_check_file_name(file_name);
     RETURN id;
 END
