@@ -83,6 +83,9 @@ struct Options {
   std::vector<int> accountIds;
   std::string accountName, accountPlugin, since;
 
+  // events, with since and follow
+  std::string reader;  // "": none
+
   // ledger
   std::string ledgerAction = "status";
   std::optional<int> ledgerDays;

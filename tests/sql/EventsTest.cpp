@@ -290,8 +290,9 @@ TEST_F(EventsTest, BeginWhereAReaderIsStarted) {
 TEST_F(EventsTest, CanBePutAside) {
   daemon.runOnce(1, "FAILED");
   ASSERT_TRUE(waitUntil([&] { return take("r").size() == 1; }));
-  database.query("SELECT kodu_events_bury('r', position, event, 10, 'HTTP 500') FROM"
-                 " kodu_events('r')");
+  database.query(
+      "SELECT kodu_events_bury('r', position, event, 10, 'HTTP 500') FROM"
+      " kodu_events('r')");
   EXPECT_THAT(take("r"), IsEmpty());
   EXPECT_EQ(database.value("SELECT key || ' ' || tries || ' ' || error FROM kodu_event_dead"),
             keys.back() + " 10 HTTP 500");
@@ -320,8 +321,9 @@ TEST_F(EventsTest, BelongToTheRoleThatReadsThem) {
               HasSubstr("permission denied"));
   EXPECT_EQ(database.value("SELECT count(*) FROM kodu_event"), "0");
   database.query("RESET SESSION AUTHORIZATION; SET SESSION AUTHORIZATION " + other);
-  for (const std::string call : {"kodu_events('mine')", "kodu_events_done('mine', '3/1')",
-                                 "kodu_events_start('mine', now())", "kodu_events_forget('mine')"}) {
+  for (const std::string call :
+       {"kodu_events('mine')", "kodu_events_done('mine', '3/1')",
+        "kodu_events_start('mine', now())", "kodu_events_forget('mine')"}) {
     EXPECT_THAT(refusalOf("SELECT " + call), HasSubstr("belongs to the role " + one)) << call;
   }
   database.query("RESET SESSION AUTHORIZATION");
@@ -387,8 +389,8 @@ TEST_F(EventsTest, DoNotNotifyWhenTheQueueIsHalfFull) {
 TEST_F(EventsTest, NeverFailTheDaemonsStatements) {
   for (const std::string damage :
        {"REVOKE EXECUTE ON FUNCTION kodu_event_notify FROM PUBLIC",
-        "ALTER TABLE kodu_event_setting RENAME TO away",
-        "DROP FUNCTION kodu_event_send CASCADE", "DROP FUNCTION kodu_event_notify"}) {
+        "ALTER TABLE kodu_event_setting RENAME TO away", "DROP FUNCTION kodu_event_send CASCADE",
+        "DROP FUNCTION kodu_event_notify"}) {
     database.query(damage);
     EXPECT_NO_THROW(daemon.runOnce(1, "FAILED")) << damage;
     EXPECT_NO_THROW(daemon.skip(1, 2)) << damage;
@@ -403,8 +405,8 @@ TEST_F(EventsTest, OfEachRunNeverFailTheDaemonsStatements) {
   EXPECT_NO_THROW(daemon.runOnce(1, "FAILED"));
 }
 
-// A commit that notifies waits for the commits of other sessions that do. With the ledger's limit of
-// 100 ms, that wait would fail, and end the daemon.
+// A commit that notifies waits for the commits of other sessions that do. With the ledger's limit
+// of 100 ms, that wait would fail, and end the daemon.
 TEST_F(EventsTest, LeaveNoTimeLimitForTheCommit) {
   for (const std::string status : {"FAILED", "OK"}) {
     daemon.begin(1);
