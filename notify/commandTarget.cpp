@@ -148,6 +148,7 @@ class CommandTarget : public Target {
     const bool isLate = (ended.revents & POLLIN) == 0;
     if (isLate && pid > 1) {
       kill(-pid, SIGKILL);
+      kill(pid, SIGKILL);  // a sandbox may forbid a group of its own
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {

@@ -4,8 +4,9 @@
 #include <curl/curl.h>
 #include <fmt/format.h>
 
-#include <algorithm>
+#include <cstddef>
 #include <fstream>
+#include <tuple>
 
 #include "notify/fill.h"
 #include "notify/target.h"
