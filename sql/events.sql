@@ -380,7 +380,7 @@ GRANT USAGE ON SCHEMA public TO kodu_reader;
 GRANT SELECT ON kodu_event TO kodu, kodu_admin, kodu_reader;
 GRANT SELECT, DELETE ON kodu_event_dead TO kodu_admin;
 GRANT SELECT ON kodu_event_reader, kodu_event_setting TO kodu_admin;
--- The ledger calls it with the rights of whoever changes a task. The view calls the others.
+-- The ledger calls it with the rights of the role that changes a task. The view calls the others.
 GRANT EXECUTE ON FUNCTION kodu_event_notify, kodu_event_word, kodu_event_time TO PUBLIC;
 GRANT EXECUTE ON FUNCTION kodu_events, kodu_events_done, kodu_events_bury, kodu_events_start,
                           kodu_events_forget TO kodu, kodu_admin, kodu_reader;
