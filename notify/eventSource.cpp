@@ -19,7 +19,7 @@ Json::Value parsed(const std::string& text) {
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   if (!reader->parse(text.data(), text.data() + text.size(), &value, &error) || !value.isObject()) {
     throw DatabaseError(
-        "the server has returned an event that is no JSON object: is it a "
+        "the server has returned an event that is not a JSON object: is it a "
         "database of koducron?");
   }
   return value;
