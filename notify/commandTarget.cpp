@@ -112,7 +112,7 @@ class CommandTarget : public Target {
     if (pid < 0) {
       return fmt::format("cannot start a process: {}", std::strerror(errno));
     }
-    setpgid(pid, pid);  // also here: whoever comes first
+    setpgid(pid, pid);  // also here: one of both comes first
     input.close();
     const auto end = Clock::now() + config.timeout;
     write(output, event.text + "\n", end);
