@@ -276,6 +276,7 @@ class Parser {
         ->option_text(valueWithDefault("COUNT", std::to_string(options.count)))
         ->check(CLI::Range(1, 1000000));
     addAccount();
+    addEvents();
 
     CLI::App* logs =
         addCommand("logs", "Print the outputs of a task's latest runs, the latest last", runLogs);
@@ -326,6 +327,23 @@ class Parser {
                      "Count what ended at this time or later: as yesterday, 18:00 or, for two "
                      "hours ago, 2h")
         ->option_text("TIME (as far back as the ledger goes)");
+  }
+
+  void addEvents() {
+    CLI::App* events = addCommand(
+        "events",
+        "Show what has changed: tasks that failed, recovered, were interrupted or skipped",
+        runEvents);
+    events->footer(
+        "An event is printed when all transactions that are older have ended, so that none is "
+        "missed. With --reader, a program gets each event until it has been printed, also after a "
+        "restart; the first call makes the reader, which begins at that moment. With --follow and "
+        "--json, each line is one event. After events, -f means --follow.");
+    events->add_flag("-f,--follow", options.follow, "Print new events until Ctrl-C");
+    events->add_option("--reader", options.reader, "Print what the reader NAME has not yet got")
+        ->option_text("NAME");
+    events->add_option("--since", options.since, "Begin with the events of TIME or later")
+        ->option_text("TIME (a day ago; with --follow now)");
   }
 
   void addChangingCommands() {

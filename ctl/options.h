@@ -81,6 +81,9 @@ struct Options {
 
   std::optional<std::string> since;  // account; nothing: as far back as the ledger goes
 
+  // events, with since and follow
+  std::string reader;  // "": none
+
   // ledger
   std::string ledgerAction = "status";
   std::optional<int> ledgerDays;

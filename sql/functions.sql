@@ -1247,7 +1247,8 @@ BEGIN
           AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused',
                               'kodu_follow_request', 'kodu_check_next_run',
                               'kodu_implied_key')
-          AND proname NOT LIKE 'kodu\_ledger\_%'  -- sql/ledger.sql grants these
+          -- sql/ledger.sql and sql/events.sql grant these
+          AND proname NOT LIKE 'kodu\_ledger\_%' AND proname NOT LIKE 'kodu\_event%'
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);
         EXECUTE format('GRANT EXECUTE ON FUNCTION %s TO kodu_admin', function);

@@ -68,8 +68,20 @@ CREATE TABLE IF NOT EXISTS kodu_ledger (
     life       integer NOT NULL,    -- of the daemon; 0: written by somebody else
     bucket     integer NOT NULL,
     attempt    smallint NOT NULL,   -- from 1; without a run 0; in a row of what was lost: how many rows
-    outcome    "char" NOT NULL      -- see kodu_ledger_word
+    outcome    "char" NOT NULL,     -- see kodu_ledger_word
+    -- Before the run, so that its row alone says whether the task has begun or ceased to fail.
+    was_failing boolean NOT NULL DEFAULT FALSE
 ) PARTITION BY LIST (bucket);
+
+-- A ledger of before this column. Rewrites nothing.
+DO $$
+BEGIN
+    IF NOT EXISTS (SELECT FROM pg_attribute
+                   WHERE attrelid = 'kodu_ledger'::regclass AND attname = 'was_failing') THEN
+        ALTER TABLE kodu_ledger ADD COLUMN was_failing boolean NOT NULL DEFAULT FALSE;
+    END IF;
+END
+$$;
 
 -- For readers by time and by position; 0.1 bytes a row. CREATE INDEX IF NOT EXISTS would lock the table
 -- before it looks.
@@ -221,6 +233,23 @@ BEGIN
 END
 $$;
 
+-- Wakes up the programs that follow the tasks' changes, see sql/events.sql. They read the ledger, so
+-- nothing is lost where that fails or does not exist. The wait of the commit for other sessions that
+-- notify is no wait for the ledger: with `is_last`, the limit of 100 ms, which would end the daemon there,
+-- is taken back.
+CREATE OR REPLACE FUNCTION kodu_ledger_tell(outcome text, task integer, due timestamp,
+                                            is_last boolean DEFAULT FALSE) RETURNS void
+LANGUAGE plpgsql AS $$
+BEGIN
+    PERFORM public.kodu_event_notify(outcome, task, due);
+    IF is_last THEN
+        PERFORM pg_catalog.set_config('lock_timeout', '0', TRUE);
+    END IF;
+EXCEPTION WHEN OTHERS THEN
+    NULL;
+END
+$$;
+
 -- One row. The functions from here to kodu_ledger_begin have no rights of their own: kodu_ledger_other
 -- calls them with the owner's.
 CREATE OR REPLACE FUNCTION kodu_ledger_put(
@@ -230,12 +259,17 @@ CREATE OR REPLACE FUNCTION kodu_ledger_put(
 LANGUAGE plpgsql AS $$
 DECLARE
     utc timestamp := clock_timestamp() AT TIME ZONE 'UTC';
+    was_failing boolean := task.run_failing_since IS NOT NULL;
 BEGIN
     INSERT INTO kodu_ledger (xact, due, started, ended, moved_from, moved_to, cron_id, periods,
-                             every, life, bucket, attempt, outcome)
+                             every, life, bucket, attempt, outcome, was_failing)
     VALUES (pg_current_xact_id()::text::bigint, due, started, COALESCE(ended, utc), moved_from,
             moved_to, task.cron_id, periods, date_part('epoch', task.cron_interval)::integer, life,
-            kodu_ledger_bucket(utc), attempt, outcome::"char");
+            kodu_ledger_bucket(utc), attempt, outcome::"char", was_failing);
+    IF (outcome = 'O' AND was_failing) OR (outcome = 'F' AND NOT was_failing) OR outcome = 'I'
+       OR (outcome NOT IN ('O', 'F', 'R') AND periods > 0 AND life > 0) THEN
+        PERFORM kodu_ledger_tell(outcome, task.cron_id, due);
+    END IF;
 END
 $$;
 
@@ -577,17 +611,23 @@ BEGIN
             -- An unknown life is left to the function below: '' is no number, and the column is NOT NULL.
             -- The first letter of the status is the code of its outcome.
             INSERT INTO public.kodu_ledger (xact, due, started, ended, moved_from, moved_to, cron_id,
-                                            periods, every, life, bucket, attempt, outcome)
+                                            periods, every, life, bucket, attempt, outcome,
+                                            was_failing)
             VALUES (pg_catalog.txid_current(), OLD.run_due, OLD.run_started, NEW.run_ended,
                     OLD.cron_next_exec, NEW.cron_next_exec, NEW.cron_id, 1,
                     pg_catalog.date_part('epoch', OLD.cron_interval),
                     pg_catalog.current_setting('kodu.life', TRUE)::integer,
                     public.kodu_ledger_bucket(NEW.run_ended), OLD.run_attempt,
-                    NEW.cron_status::"char");
+                    NEW.cron_status::"char", OLD.run_failing_since IS NOT NULL);
             NEW.ledger_to := NEW.cron_next_exec;
-            IF NEW.cron_status <> 'OK' OR OLD.run_failing_since IS NOT NULL THEN
-                NEW.run_failing_since := CASE WHEN NEW.cron_status <> 'OK'
-                                              THEN COALESCE(OLD.run_failing_since, NEW.run_ended) END;
+            IF NEW.cron_status <> 'OK' THEN
+                IF OLD.run_failing_since IS NULL THEN
+                    NEW.run_failing_since := NEW.run_ended;
+                    PERFORM public.kodu_ledger_tell('F', NEW.cron_id, OLD.run_due, TRUE);
+                END IF;
+            ELSIF OLD.run_failing_since IS NOT NULL THEN
+                NEW.run_failing_since := NULL;
+                PERFORM public.kodu_ledger_tell('O', NEW.cron_id, OLD.run_due, TRUE);
             END IF;
             RETURN NEW;
         EXCEPTION WHEN OTHERS THEN
@@ -1011,8 +1051,8 @@ BEGIN
 END
 $$;
 GRANT EXECUTE ON FUNCTION kodu_ledger_find_life, kodu_ledger_other, kodu_ledger_lose,
-                          kodu_ledger_failing, kodu_ledger_bucket, kodu_ledger_bucket_seconds,
-                          kodu_ledger_word TO PUBLIC;
+                          kodu_ledger_failing, kodu_ledger_tell, kodu_ledger_bucket,
+                          kodu_ledger_bucket_seconds, kodu_ledger_word TO PUBLIC;
 GRANT EXECUTE ON FUNCTION kodu_ledger_summarise, kodu_ledger_prune, kodu_ledger_index,
                           kodu_ledger_is_on, kodu_ledger_unwritten, kodu_ledger_status
     TO kodu, kodu_admin;

@@ -12,6 +12,7 @@ int runTop(const Options& options);
 int runExplain(const Options& options);
 int runLogs(const Options& options);
 int runHistory(const Options& options);
+int runEvents(const Options& options);
 int runOutput(const Options& options);
 int runDaemon(const Options& options);
 int runCheck(const Options& options);

@@ -26,9 +26,9 @@ std::string local(long time, const char* pattern) {
   return formatted(parts, pattern);
 }
 
-/// JSON text with the unsafe characters that a writer of JSON lets pass in the form "\u009b".
-/// Outside of its strings JSON has none but the newlines that indent it.
-std::string escaped(std::string_view json) {
+}  // namespace
+
+std::string escapedJson(std::string_view json) {
   std::string text;
   text.reserve(json.size());
   while (!json.empty()) {
@@ -42,8 +42,6 @@ std::string escaped(std::string_view json) {
   }
   return text;
 }
-
-}  // namespace
 
 std::string timeText(long time) {
   return local(time, "%Y-%m-%d %H:%M:%S");
@@ -140,7 +138,7 @@ std::string printedJson(const Json::Value& value) {
   builder["emitUTF8"] = true;
   std::string text = Json::writeString(builder, value);
   repairUtf8(text);
-  return escaped(text);
+  return escapedJson(text);
 }
 
 void printJson(const Json::Value& value) {

@@ -3,6 +3,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <json/json.h>
 
@@ -36,6 +37,9 @@ std::optional<std::string> jsonTimeText(std::optional<long> time);
 Json::Value jsonTime(std::optional<long> time);
 Json::Value jsonNumber(std::optional<long> number);
 Json::Value jsonText(const std::optional<std::string>& text);
+/// JSON text with the unsafe characters that a writer of JSON lets pass in the form "\u009b".
+/// Outside of its strings JSON has none but the newlines that indent it.
+std::string escapedJson(std::string_view json);
 /// The text that printJson() prints.
 std::string printedJson(const Json::Value& value);
 /// Prints a value, indented, with a newline. Bytes that are not valid UTF-8 become spaces, as in

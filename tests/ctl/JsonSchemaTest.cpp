@@ -107,6 +107,7 @@ TEST_F(JsonSchemaTest, DescribesTheCommandsThatChange) {
 
 TEST_F(JsonSchemaTest, DescribesTheLedger) {
   const Ledger ledger(database);
+  database.query(readFile(projectFile("sql/events.sql")));
   TaskRow row = makeTask(9, "echo bad; exit 2");
   database.insertTask(row);
   ASSERT_TRUE(daemon.startAndWait());
@@ -114,6 +115,8 @@ TEST_F(JsonSchemaTest, DescribesTheLedger) {
   keep("history", {"history", "9"});
   keep("account", {"account", "9"});
   keep("ledger", {"ledger"});
+  ASSERT_TRUE(waitUntil([&] { return run({"events"}).out.find("failed") != std::string::npos; }));
+  keep("events", {"events"});
   keep("health", {"health"});
   EXPECT_EQ(violations(), "");
 }
