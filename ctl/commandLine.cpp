@@ -342,7 +342,10 @@ class Parser {
     events->add_flag("-f,--follow", options.follow, "Print new events until Ctrl-C");
     events->add_option("--reader", options.reader, "Print what the reader NAME has not yet got")
         ->option_text("NAME");
-    events->add_option("--since", options.since, "Begin with the events of TIME or later")
+    events
+        ->add_option("--since", options.since,
+                     "Begin with the events of this time or later: as yesterday, 18:00 or, for two "
+                     "hours ago, 2h")
         ->option_text("TIME (a day ago; with --follow now)");
   }
 

@@ -79,7 +79,7 @@ struct Options {
   std::string source;  // a file, a directory or "-"
   bool isPruning = false;
 
-  std::optional<std::string> since;  // account; nothing: as far back as the ledger goes
+  std::optional<std::string> since;  // account, events; nothing: the default of the command
 
   // events, with since and follow
   std::string reader;  // "": none

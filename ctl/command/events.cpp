@@ -11,6 +11,7 @@
 #include "ctl/command/commands.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
+#include "ctl/session/moment.h"
 #include "ctl/session/session.h"
 #include "ctl/task/ledger.h"
 #include "ctl/terminal/jsonList.h"
@@ -60,9 +61,11 @@ class EventPrinter {
     if (!options.reader.empty()) {
       while (printOfReader(session) > 0) {
       }
-    } else if (!options.follow || !options.since.empty()) {
+    } else if (!options.follow || options.since) {
       reached = horizonOf(session);
-      printEach(session, kSince, {options.since, reached});
+      const std::string since =
+          momentOf(session, options.since, MomentRule::kLastOrDuration).value_or("");
+      printEach(session, kSince, {since, reached});
     } else {
       reached = horizonOf(session);
     }
@@ -159,7 +162,7 @@ class EventPrinter {
 }  // namespace
 
 int runEvents(const Options& options) {
-  if (!options.reader.empty() && !options.since.empty()) {
+  if (!options.reader.empty() && options.since) {
     throw Failure(kWrongUsage, "a reader goes on where it was: give --reader or --since, not both");
   }
   std::optional<Session> session;

@@ -126,6 +126,7 @@ _koductl() {
     ['-p']='SECONDS'
     ['-t']='SECONDS'
     ['-w']='SECONDS'
+    ['events -f']=''
     ['logs -f']=''
     ['run --wait']=''
   )
