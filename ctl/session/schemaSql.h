@@ -19,10 +19,11 @@ const std::vector<Migration>& migrations();
 extern const char* const schemaSql;
 extern const char* const functionsSql;
 extern const char* const ledgerSql;
+extern const char* const metricsSql;
 /// Loaded again only where it was loaded before.
 extern const char* const calendarSql;
 /// One statement: ends the runs that no daemon ends.
 extern const char* const repairSql;
-/// sql/migrations/before.sql and after.sql, run around the first four above.
+/// sql/migrations/before.sql and after.sql, run around the first five above.
 extern const char* const beforeSql;
 extern const char* const afterSql;

@@ -107,6 +107,7 @@ void redefine(Session& session) {
   if (hasFunctions) {
     session.execute(functionsSql);
     session.execute(ledgerSql);
+    session.execute(metricsSql);
   }
   if (hasCalendars) {
     session.execute(calendarSql);
