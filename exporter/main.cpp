@@ -2,6 +2,7 @@
 
 #include <clocale>
 #include <csignal>
+#include <memory>
 #include <stdexcept>
 
 #include "common/http/server.h"
@@ -27,14 +28,16 @@ int serve(const ExporterOptions& options) {
   readConfig(options.session.configFile, options.session.user);
   MonitorLimits limits;
   limits.countEvery = options.countEvery;
-  Monitor monitor(options.session, limits, reportState);
+  std::unique_ptr<Monitor> monitor;
   const Scrape scrape = [&monitor](std::chrono::milliseconds limit) {
-    return monitor.scrape(Monitor::Clock::now() + limit);
+    return monitor->scrape(Monitor::Clock::now() + limit);
   };
   HttpServer server(options.listen, [&](const HttpRequest& request) {
     return exporterPage(request, scrape, options.timeout);
   });
   printError("koduexporter: listening on {} port {}\n", options.listen.host, server.port());
+  // After the line above: a session that connects captures what is written to standard error.
+  monitor = std::make_unique<Monitor>(options.session, limits, reportState);
   server.run();
   return kDone;
 }

@@ -115,7 +115,7 @@ void Monitor::connect(Part& part) {
   own.connectTimeout = 2;
   own.statementTimeout = part.statementSeconds;
   own.lockTimeout = 1;
-  const std::lock_guard lock(connecting);
+  const std::lock_guard lock(connectingOrReporting);
   part.session = std::make_unique<Session>(own);
 }
 
@@ -124,6 +124,6 @@ void Monitor::note(Part& part, const std::string& problem) {
     return;
   }
   part.problem = problem;
-  const std::lock_guard lock(reporting);
+  const std::lock_guard lock(connectingOrReporting);
   report(problem);
 }

@@ -61,8 +61,9 @@ class Monitor {
   const Options& options;
   const MonitorLimits limits;
   const std::function<void(const std::string&)> report;
-  std::mutex connecting;  // libpq's errors are captured from standard error meanwhile
-  std::mutex reporting;
+  // A session that connects captures what is written to standard error, so nothing is reported
+  // then.
+  std::mutex connectingOrReporting;
 
   std::mutex mutex;
   std::condition_variable_any wanted, answered, idle;

@@ -101,6 +101,13 @@ scrape_configs:
                    f'--storage.tsdb.path={self.home}/prometheus',
                    f'--web.listen-address=127.0.0.1:{self.port}')
         wait_for('the first samples', lambda: self.value('koducron_daemon_up') == 1)
+        wait_for('the Alertmanager', self.has_alertmanager)
+
+    def has_alertmanager(self):
+        try:
+            return self.ask(self.manager_port, '/api/v2/status') is not None
+        except OSError:
+            return False
 
     def ask(self, port, path):
         with urllib.request.urlopen(f'http://127.0.0.1:{port}{path}', timeout=10) as answer:

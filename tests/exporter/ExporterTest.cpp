@@ -226,6 +226,7 @@ TEST_F(ExporterTest, ConnectsAsTheMonitorWithoutTheDatabaseFile) {
 TEST_F(ExporterTest, EndsAtSigterm) {
   start();
   EXPECT_EQ(exitStatusOf(end(SIGTERM)), 0);
+  EXPECT_EQ(said(), "koduexporter: listening on 127.0.0.1 port " + std::to_string(port) + "\n");
 }
 
 TEST_F(ExporterTest, SaysWhatIsWrongAtItsStart) {
