@@ -50,25 +50,22 @@ LANGUAGE sql IMMUTABLE AS $$
     END
 $$;
 
--- The label of the bucket that a number of seconds belongs to; a bound belongs to its bucket.
-CREATE OR REPLACE FUNCTION kodu_metric_bound(bounds text[], seconds double precision) RETURNS text
-LANGUAGE sql IMMUTABLE AS $$
-    SELECT bounds[1 + width_bucket(seconds - 1e-9, trim_array(bounds, 1)::double precision[])]
-$$;
-
 -- Adds the rows of the ledger whose transactions have the numbers from `first` to before `stop`.
 CREATE OR REPLACE FUNCTION kodu_metric_add(first bigint, stop bigint, buckets integer[]) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     late_bounds text[] := kodu_metric_bounds('lateness');
     run_bounds text[] := kodu_metric_bounds('seconds');
+    late_limits double precision[] := trim_array(late_bounds, 1);
+    run_limits double precision[] := trim_array(run_bounds, 1);
 BEGIN
     INSERT INTO kodu_metric_counter AS counter (host, name, label, value)
     SELECT COALESCE(host, ''), one.name, one.label, sum(one.value)
     FROM (
         SELECT life, outcome, outcome IN ('O', 'F', 'R', 'I') AS is_run,
-               kodu_metric_bound(late_bounds, late) AS late,
-               kodu_metric_bound(run_bounds, took) AS took,
+               -- A bound belongs to its bucket.
+               1 + width_bucket(late - 1e-9, late_limits) AS late,
+               1 + width_bucket(took - 1e-9, run_limits) AS took,
                count(*) AS rows, sum(periods) AS periods, sum(late) AS late_sum, sum(took) AS took_sum
         FROM (
             SELECT life, outcome, periods,
@@ -85,8 +82,8 @@ BEGIN
     CROSS JOIN LATERAL (VALUES
         (CASE WHEN is_run THEN 'runs' ELSE 'skipped' END, kodu_ledger_word(outcome),
          CASE WHEN is_run THEN rows ELSE periods END::double precision),
-        ('lateness', late, rows), ('lateness_sum', '', late_sum),
-        ('seconds', took, rows), ('seconds_sum', '', took_sum)) AS one (name, label, value)
+        ('lateness', late_bounds[late], rows), ('lateness_sum', '', late_sum),
+        ('seconds', run_bounds[took], rows), ('seconds_sum', '', took_sum)) AS one (name, label, value)
     WHERE one.label IS NOT NULL AND one.value IS NOT NULL
     GROUP BY 1, 2, 3
     ON CONFLICT ON CONSTRAINT kodu_metric_counter_pkey DO UPDATE
@@ -208,32 +205,34 @@ SELECT daemons, pg_notification_queue_usage() AS queue,
        (SELECT max(version) FROM kodu_schema_version) AS version
 FROM kodu_daemon_state, kodu_metric_state, kodu_ledger_state;
 
--- One row, in which each task is in one state. It reads all tasks, so no scrape waits for it.
+-- One row, in which each task is in one state. It reads all tasks, so no scrape waits for it. Counted in
+-- groups first: a column that is used in several filters would be computed as often.
 CREATE OR REPLACE VIEW kodu_metric_tasks AS
-SELECT count(*) FILTER (WHERE state = 'ok') AS ok,
-       count(*) FILTER (WHERE state = 'failed') AS failed,
-       count(*) FILTER (WHERE state = 'running') AS running,
-       count(*) FILTER (WHERE state = 'retrying') AS retrying,
-       count(*) FILTER (WHERE state = 'paused') AS paused,
-       count(*) FILTER (WHERE state = 'deleting') AS deleting,
-       count(*) FILTER (WHERE state = 'new') AS new,
-       count(*) FILTER (WHERE late) AS overdue,
-       COALESCE(max(late_seconds), 0) AS oldest_overdue,
-       COALESCE(max(due_seconds) FILTER (WHERE state = 'running'), 0) AS longest_run,
-       count(*) FILTER (WHERE failing) AS failing,
+SELECT COALESCE(sum(tasks) FILTER (WHERE state = 'ok'), 0) AS ok,
+       COALESCE(sum(tasks) FILTER (WHERE state = 'failed'), 0) AS failed,
+       COALESCE(sum(tasks) FILTER (WHERE state = 'running'), 0) AS running,
+       COALESCE(sum(tasks) FILTER (WHERE state = 'retrying'), 0) AS retrying,
+       COALESCE(sum(tasks) FILTER (WHERE state = 'paused'), 0) AS paused,
+       COALESCE(sum(tasks) FILTER (WHERE state = 'deleting'), 0) AS deleting,
+       COALESCE(sum(tasks) FILTER (WHERE state = 'new'), 0) AS new,
+       COALESCE(sum(tasks) FILTER (WHERE late), 0) AS overdue,
+       COALESCE(max(longest_due) FILTER (WHERE late), 0) AS oldest_overdue,
+       COALESCE(max(longest_due) FILTER (WHERE state = 'running'), 0) AS longest_run,
+       COALESCE(sum(tasks) FILTER (WHERE failing), 0) AS failing,
        (SELECT COALESCE(sum(ledger_lost), 0) FROM kodu_cron_plugin
         WHERE ledger_lost IS NOT NULL) AS unwritten
 FROM (
-    SELECT late, late_seconds, due_seconds, failing,
-           CASE WHEN deleting THEN 'deleting'
+    SELECT CASE WHEN deleting THEN 'deleting'
                 WHEN paused AND NOT running THEN 'paused'
                 WHEN awaiting_retry THEN 'retrying'
                 WHEN running THEN 'running'
                 WHEN status = 'OK' THEN 'ok'
                 WHEN status IS NULL THEN 'new'
-                ELSE 'failed' END AS state
+                ELSE 'failed' END AS state,
+           late, failing, count(*) AS tasks, max(due_seconds) AS longest_due
     FROM kodu_task_state WHERE plugin_type = 'cron'
-) AS task;
+    GROUP BY 1, 2, 3
+) AS part;
 
 -- The 100 tasks that have been failing for longest. Sorted by the ledger's time, so that only theirs is
 -- looked for in the history if the ledger does not have it.
