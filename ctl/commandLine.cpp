@@ -258,9 +258,7 @@ class Parser {
         "collector can pass it on. If the database does not answer, koducron_database_up is 0 and "
         "the exit status is 69.");
     metrics->add_flag("--openmetrics", options.isOpenMetrics, "Write the OpenMetrics format");
-    metrics
-        ->add_option("--output", options.metricsFile,
-                     "Replace FILE by the text at once, so that nobody reads half of it")
+    metrics->add_option("--output", options.metricsFile, "Replace FILE by the text in one step")
         ->option_text("FILE (standard output)");
   }
 

@@ -103,7 +103,7 @@ BEGIN
 END
 $$;
 
--- Counts what the ledger has got since the last call, once, whoever calls; the first call only marks the
+-- Counts what the ledger has got since the last call, once for all callers; the first call only marks the
 -- place. Takes at most `most` transactions (a run has two or three), so that a call after a long rest is
 -- short. Returns FALSE while there is more: until then the counters are those of an earlier time.
 --

@@ -85,7 +85,7 @@ alerting: {{alertmanagers: [{{static_configs: [{{targets: ['127.0.0.1:{self.mana
 scrape_configs:
   - {{job_name: koducron, static_configs: [{{targets: ['127.0.0.1:{self.exporter_port}']}}]}}
 """)
-        (self.home / 'alertmanager.yml').write_text('route: {receiver: nobody}\nreceivers: [{name: nobody}]\n')
+        (self.home / 'alertmanager.yml').write_text('route: {receiver: none}\nreceivers: [{name: none}]\n')
 
     def start_all(self):
         self.write_configuration()

@@ -61,7 +61,7 @@ TEST(MetricsPageTest, WritesAHistogramAlikeInBothFormats) {
 }
 
 TEST(MetricsPageTest, EscapesTheValuesOfLabels) {
-  EXPECT_EQ(sampleOf({{"x", "a\\b\"c\nd"}}, 0), "a{x=\"a\\\\b\\\"c\\nd\"} 0\n");
+  EXPECT_EQ(sampleOf({{"x", "a\\b\"c\ne"}}, 0), "a{x=\"a\\\\b\\\"c\\ne\"} 0\n");
   EXPECT_EQ(sampleOf({{"x", "\xc3\xa9\xe2\x82\xac"}}, 0), "a{x=\"\xc3\xa9\xe2\x82\xac\"} 0\n");
   EXPECT_EQ(sampleOf({{"x", "\x1b[2J\xff\x7f\t"}}, 0), "a{x=\"?[2J???\"} 0\n")
       << "what may control a terminal, and bytes that are not UTF-8";
