@@ -25,9 +25,11 @@ WHERE plugin_name = 'true'
 """
 # The workers are busy for longer than the fault takes.
 SLEEPERS = """
-INSERT INTO kodu_cron_plugin (cron_plugin_id, cron_interval, cron_log_file, cron_parameter, cron_retries)
-SELECT plugin_id, interval '1 hour', '$SERVICEID_$DATE.txt', '600', 0 FROM kodu_plugins, generate_series(1, 4)
-WHERE plugin_name = 'sleep'
+INSERT INTO kodu_cron_plugin (cron_plugin_id, cron_interval, cron_log_file, cron_parameter, cron_retries,
+                              cron_next_exec)
+SELECT plugin_id, interval '1 hour', '$SERVICEID_$DATE.txt', '600', 0,
+       date_trunc('second', now() AT TIME ZONE 'UTC') + interval '4 s'
+FROM kodu_plugins, generate_series(1, 4) WHERE plugin_name = 'sleep'
 """
 
 
