@@ -211,6 +211,7 @@ class Parser {
     CLI::App* check =
         addCommand("check", "Find what prevents the daemon or its tasks from working", runCheck);
     addHealth();
+    addMetrics();
     check->add_flag("--quick", options.isQuick, "Skip the checks of single tasks");
     check->footer(
         "The INI files, the log, the folders, the connection, the rights in the database and "
@@ -247,6 +248,18 @@ class Parser {
         ->add_option("-t,--timeout", options.answerTimeout,
                      "CRITICAL when the database does not answer within this time")
         ->option_text(valueWithDefault("SECONDS", options.answerTimeout));
+  }
+
+  void addMetrics() {
+    CLI::App* metrics = addCommand(
+        "metrics", "Write the metrics of koduexporter, for an agent that reads files", runMetrics);
+    metrics->footer(
+        "The text is in the classic format of Prometheus, with which node_exporter's textfile "
+        "collector can pass it on. If the database does not answer, koducron_database_up is 0 and "
+        "the exit status is 69.");
+    metrics->add_flag("--openmetrics", options.isOpenMetrics, "Write the OpenMetrics format");
+    metrics->add_option("--output", options.metricsFile, "Replace FILE by the text in one step")
+        ->option_text("FILE (standard output)");
   }
 
   void addStatus() {

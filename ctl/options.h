@@ -50,6 +50,10 @@ struct Options {
   std::string warnOverdue = "10", criticalOverdue = "60", warnProcess = "600", answerTimeout = "5";
   std::optional<std::string> warnFailures;
 
+  // metrics
+  bool isOpenMetrics = false;
+  std::string metricsFile;  // "": standard output
+
   // add, set; without a value, the database's default or the present value is kept. Periods are
   // intervals in the syntax of PostgreSQL ("90 s", "5m"), and so are times ("2030-01-01 12:00",
   // "tomorrow").

@@ -18,6 +18,7 @@ int runDaemon(const Options& options);
 int runCheck(const Options& options);
 int runTest(const Options& options);
 int runHealth(const Options& options);
+int runMetrics(const Options& options);
 int runRepair(const Options& options);
 int runAdd(const Options& options);
 int runSet(const Options& options);

@@ -20,6 +20,7 @@ extern const char* const schemaSql;
 extern const char* const functionsSql;
 extern const char* const ledgerSql;
 extern const char* const eventsSql;
+extern const char* const metricsSql;
 /// Loaded again only where it was loaded before.
 extern const char* const calendarSql;
 /// One statement: ends the runs that no daemon ends.

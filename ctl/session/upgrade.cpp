@@ -108,6 +108,7 @@ void redefine(Session& session) {
     session.execute(functionsSql);
     session.execute(ledgerSql);
     session.execute(eventsSql);
+    session.execute(metricsSql);
   }
   if (hasCalendars) {
     session.execute(calendarSql);

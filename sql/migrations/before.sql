@@ -58,7 +58,7 @@ FROM (SELECT 'TABLE' AS kind, oid::regclass::text AS object, oid::regclass::text
       UNION ALL
       SELECT 'FUNCTION', oid::regprocedure::text, oid::regprocedure::text, '', proowner, acl.*
       FROM upgrade_functions, aclexplode(proacl) AS acl) AS granted
-WHERE grantee NOT IN (0, owner) AND pg_get_userbyid(grantee) NOT IN ('kodu', 'kodu_admin', 'kodu_reader');
+WHERE grantee NOT IN (0, owner) AND pg_get_userbyid(grantee) NOT IN ('kodu', 'kodu_admin', 'kodu_reader', 'kodu_monitor');
 
 -- A platform that notifies the daemon by itself has switched our triggers off.
 INSERT INTO upgrade_keeps

@@ -37,6 +37,7 @@ class CtlTest : public DaemonTest {
     DaemonTest::SetUp();
     database.query(readFile(projectFile("sql/functions.sql")));
     database.query(readFile(projectFile("sql/ledger.sql")));
+    database.query(readFile(projectFile("sql/metrics.sql")));
     database.query("CREATE ROLE " + admin() + " LOGIN PASSWORD 'secret' IN ROLE kodu_admin");
     environment = {"PATH=/usr/bin:/bin", "TERM=xterm"};
   }

@@ -70,6 +70,7 @@ TEST_F(JsonSchemaTest, DescribesTheCommandsThatRead) {
   keep("daemon", {"daemon"});
   keep("check", {"check"});
   keep("health", {"health"});
+  keep("metrics", {"metrics"});
   keep("forecast", {"forecast"});
   keep("schema", {"schema"});
   keep("version", {"--version"});

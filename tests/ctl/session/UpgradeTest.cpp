@@ -115,6 +115,7 @@ TEST_F(UpgradeTest, MakesTheFirstReleaseEqualToAFreshDatabaseWhileTheDaemonRuns)
   load(fresh, "sql/functions.sql");
   load(fresh, "sql/ledger.sql");
   load(fresh, "sql/events.sql");
+  load(fresh, "sql/metrics.sql");
   expectEqual(dump(fresh, "fresh.sql"), dump(database, "upgraded.sql"));
   EXPECT_EQ(fresh.value("SELECT max(version) FROM kodu_schema_version"),
             database.value("SELECT max(version) FROM kodu_schema_version"));
