@@ -18,10 +18,10 @@ from lab.shared.processes import children_of
 LIMIT = 90  # seconds from a fault to its alert
 INTERVAL = 15
 TASKS = """
-INSERT INTO kodu_plugins (plugin_name, plugin_path) VALUES ('true', '/bin/true'), ('sleep', '/bin/sleep');
-INSERT INTO kodu_cron_plugin (cron_plugin_id, cron_interval, cron_log_file)
-SELECT plugin_id, interval '5 s', '$SERVICEID_$DATE.txt' FROM kodu_plugins, generate_series(1, 20)
-WHERE plugin_name = 'true'
+INSERT INTO kodu_plugins (plugin_name, plugin_path) VALUES ('echo', '/bin/echo'), ('sleep', '/bin/sleep');
+INSERT INTO kodu_cron_plugin (cron_plugin_id, cron_interval, cron_log_file, cron_parameter)
+SELECT plugin_id, interval '5 s', '$SERVICEID_$DATE.txt', 'fine' FROM kodu_plugins, generate_series(1, 20)
+WHERE plugin_name = 'echo'
 """
 # The workers are busy for longer than the fault takes.
 SLEEPERS = """
