@@ -115,6 +115,8 @@ TEST_F(ParserTest, FindsEachCommand) {
       {{"ids"}, runIds},
       {{"top"}, runTop},
       {{"account"}, runAccount},
+      {{"events"}, runEvents},
+      {{"metrics"}, runMetrics},
       {{"logs"}, runLogs},
       {{"test", "7"}, runTest},
       {{"daemon"}, runDaemon},

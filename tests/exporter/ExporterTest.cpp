@@ -207,8 +207,8 @@ TEST_F(ExporterTest, WritesWhatParsersAccept) {
         scrape(format == "classic" ? "" : "Accept: application/openmetrics-text\r\n");
     const std::string file = daemon.directory / format;
     writeFile(file, text.substr(text.find("\r\n\r\n") + 4));
-    EXPECT_EQ(call("python3 " + projectFile("tests/support/validateMetrics.py") + " " + format +
-                   " " + file),
+    EXPECT_EQ(call("/usr/bin/python3 " + projectFile("tests/support/validateMetrics.py") + " " +
+                   format + " " + file),
               "");
   }
   EXPECT_EQ(call("promtool check metrics <" + (daemon.directory / "classic")), "");

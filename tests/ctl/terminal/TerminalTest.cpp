@@ -169,7 +169,7 @@ TEST_F(ColouredTest, DependsOnTheEnvironment) {
       // TERM, NO_COLOR, whether colours are used
       {"xterm", nullptr, true}, {"xterm", "", true},      {"xterm", "1", false},
       {"xterm", "0", false},    {"dumb", nullptr, false}, {nullptr, nullptr, false},
-      {"", nullptr, true}};
+      {"", nullptr, false}};
   for (const auto& [terminal, none, isUsed] : cases) {
     const Variable ofTerm("TERM", terminal);
     const Variable ofNone("NO_COLOR", none);
