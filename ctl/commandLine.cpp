@@ -19,8 +19,9 @@
 namespace {
 
 constexpr const char* kPluginArgument = "ARGUMENT";
-constexpr int kJsonVersion = 1;    // of docs/json.md
-constexpr int kPluginUnknown = 3;  // the exit status of a monitoring plugin that cannot tell
+constexpr int kJsonVersion = 1;     // of docs/json.md
+constexpr int kPluginUnknown = 3;   // the exit status of a monitoring plugin that cannot tell
+constexpr int kMostListed = 10000;  // runs and outputs are read before the first is printed
 
 /// The text of an option: "COUNT (20)".
 std::string valueWithDefault(const std::string& value, const std::string& standard) {
@@ -287,7 +288,7 @@ class Parser {
         "even if the ledger no longer contains them.");
     history->add_option("-n,--count", options.count, "List at most COUNT runs")
         ->option_text(valueWithDefault("COUNT", std::to_string(options.count)))
-        ->check(CLI::Range(1, 1000000));
+        ->check(CLI::Range(1, kMostListed));
     addAccount();
     addEvents();
 
@@ -303,7 +304,7 @@ class Parser {
         ->check(CLI::Range(0, 2147483647));
     logs->add_option("-n,--count", options.outputs, "Print at most COUNT outputs")
         ->option_text(valueWithDefault("COUNT", std::to_string(options.outputs)))
-        ->check(CLI::Range(1, 1000000));
+        ->check(CLI::Range(1, kMostListed));
     logs->add_flag("-f,--follow", options.follow, "Print the output of each new run until Ctrl-C");
     logs->add_flag("--failed", options.onlyFailed, "Print only outputs of failed runs");
 

@@ -165,6 +165,8 @@ class HttpServer::Implementation {
       throw std::runtime_error(fmt::format("cannot listen on {} port {}: {}", address.host,
                                            address.port, e.code().message()));
     }
+    signals.add(SIGTERM);  // one that comes before run() ends it at once
+    signals.add(SIGINT);
   }
   ~Implementation() { service.handlers.join(); }
   Implementation(const Implementation&) = delete;
@@ -174,8 +176,6 @@ class HttpServer::Implementation {
   void stop() { context.stop(); }
 
   void run() {
-    signals.add(SIGTERM);
-    signals.add(SIGINT);
     signals.async_wait([this](const error_code& error, int) {
       if (!error) {
         stop();

@@ -53,15 +53,16 @@ class HttpServer {
   /// Called by several threads at once. What it throws as std::exception becomes status 500.
   using Handler = std::function<HttpResponse(const HttpRequest&)>;
 
-  /// Binds the address, so that clients can connect from now on; port 0 takes a free one. Throws
-  /// std::runtime_error, which names the address, when that fails.
+  /// Binds the address, so that clients can connect from now on; port 0 takes a free one. Handles
+  /// SIGTERM and SIGINT from then on. Throws std::runtime_error, which names the address, when that
+  /// fails.
   HttpServer(const HttpAddress& address, Handler handler, const HttpLimits& limits = {});
   ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
   unsigned short port() const;
-  /// Serves until stop(), or until SIGTERM or SIGINT, which it handles from here on. Handlers in
+  /// Serves until stop(), SIGTERM or SIGINT, also one that came before the call. Handlers in
   /// progress are awaited, their responses are not sent.
   void run();
   /// Any thread may call it, also before run().

@@ -21,6 +21,7 @@
 #include "ctl/task/archive.h"
 #include "ctl/task/outputs.h"
 #include "ctl/task/task.h"
+#include "ctl/terminal/jsonList.h"
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
@@ -181,11 +182,11 @@ class Follower {
 
 void printOutputs(const std::vector<KeptOutput>& outputs, const Options& options) {
   if (options.asJson && !options.follow) {
-    Json::Value list(Json::arrayValue);
+    JsonList list;
     for (const KeptOutput& output : outputs) {
-      list.append(toJson(output));
+      list.addValue(toJson(output));
     }
-    printJson(list);
+    list.end();
   } else if (options.outputs == 1 && !outputs.empty() && !options.follow) {
     printBytes(readOutput(outputs.front().path));
   } else {

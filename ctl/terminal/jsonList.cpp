@@ -57,6 +57,14 @@ void JsonList::add(const std::string& element) {
   isBegun = true;
 }
 
+void JsonList::addValue(const Json::Value& element) {
+  std::string text = printedJson(element);  // line feeds in its strings are escaped
+  for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1)) {
+    text.insert(at + 1, "  ");
+  }
+  add(text);
+}
+
 void JsonList::end() {
   print("{}", Styled(isBegun ? "\n]\n" : "[]\n"));
 }

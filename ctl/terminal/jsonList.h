@@ -1,5 +1,7 @@
 #pragma once
 
+#include <json/json.h>
+
 #include <string>
 #include <string_view>
 #include <utility>
@@ -37,6 +39,7 @@ class JsonList {
  public:
   /// `element` is the text of a value, its further lines indented by one level.
   void add(const std::string& element);
+  void addValue(const Json::Value& element);
   /// Closes the array.
   void end();
 

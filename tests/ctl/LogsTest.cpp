@@ -215,7 +215,14 @@ TEST_F(LogsTest, ListsOutputsAsJson) {
     EXPECT_THAT(outputs[place]["time"].asString(), testing::MatchesRegex("....-..-..T..:..:..Z"));
   }
   EXPECT_EQ(parsed(run({"logs", "1", "-n", "1", "--json"}).out).size(), 1U) << "a list as well";
-  EXPECT_EQ(run({"logs", "1", "-n", "1", "--json"}).out.front(), '[');
+  EXPECT_THAT(
+      run({"logs", "1", "-n", "2", "--json"}).out,
+      testing::MatchesRegex("\\[\n  \\{\n    \"(.|\n)*\n  \\},\n  \\{\n(.|\n)*\n  \\}\n\\]\n"));
+}
+
+TEST_F(LogsTest, RefusesMoreOutputsThanItReadsAtOnce) {
+  EXPECT_EQ(run({"logs", "1", "-n", "10000"}).exitCode, 0);
+  EXPECT_EQ(run({"logs", "1", "-n", "10001"}).exitCode, 64);
 }
 
 TEST_F(LogsTest, RepairsInvalidTextForJson) {

@@ -114,7 +114,9 @@ void Database::takeAnyRow() const {
       " FOR refusal IN SELECT tgname, tgrelid::regclass AS place FROM pg_trigger"
       "  WHERE tgname LIKE 'kodu\\_refuse\\_%' LOOP"
       "  EXECUTE format('ALTER TABLE %s DISABLE TRIGGER %I', refusal.place, refusal.tgname);"
-      " END LOOP; END $$; DROP INDEX IF EXISTS cron_log_file_of_one_task");
+      " END LOOP; END $$; DROP INDEX IF EXISTS cron_log_file_of_one_task;"
+      " CREATE OR REPLACE FUNCTION kodu_check_next_run(old kodu_cron_plugin, new kodu_cron_plugin)"
+      " RETURNS void LANGUAGE sql AS 'SELECT'");
 }
 
 std::vector<Database::Row> Database::query(const std::string& sql) const {

@@ -119,6 +119,12 @@ TEST(HttpServerStopTest, EndsAtSigterm) {
   thread.join();
 }
 
+TEST(HttpServerStopTest, EndsAtASigtermThatCameBeforeItRan) {
+  HttpServer server({"127.0.0.1", 0}, [](const HttpRequest&) { return HttpResponse(); });
+  std::raise(SIGTERM);
+  server.run();
+}
+
 TEST(HttpServerStopTest, NamesTheAddressThatItCannotBind) {
   const auto handler = [](const HttpRequest&) { return HttpResponse(); };
   const HttpServer first({"127.0.0.1", 0}, handler);
