@@ -50,9 +50,10 @@ class Parser {
       return helpText(describe(*command));
     });
     app.footer(
-        "koductl COMMAND --help describes a command. Commands that change tasks or plan need "
-        "--user with a member of kodu_admin. Intervals and times have the syntax of PostgreSQL: "
-        "90s, 5m or 1 day, and 2026-12-01 08:00, 18:30 or tomorrow.");
+        "koductl COMMAND --help describes a command. Commands that change tasks need --user ROLE, "
+        "where ROLE is a member of kodu_admin; so do forecast and stagger. Intervals and times "
+        "have the syntax of PostgreSQL: 90s, 5m or 1 day, and 2026-12-01 08:00, 18:30 or "
+        "tomorrow.");
     addCommonOptions();
     addReadingCommands();
     addChangingCommands();
@@ -96,11 +97,12 @@ class Parser {
                "Wait at most SECONDS for a lock; 0 sets no limit");
     addTimeout("--statement-timeout", options.statementTimeout,
                "Wait at most SECONDS for a statement; 0 sets no limit");
-    app.add_option("--zone", options.zone,
-                   "Take and show times in this time zone, such as Europe/Berlin; JSON has UTC")
-        ->option_text("ZONE (that of TZ, else of the system)");
+    app.add_option(
+           "--zone", options.zone,
+           "Read and show times in this time zone, such as Europe/Berlin; JSON always has UTC")
+        ->option_text("ZONE (that of TZ, otherwise of the system)");
     app.add_flag("--json", options.asJson, "Print data as JSON");
-    app.set_help_flag("-h,--help", "Print help and exit; after a command, help for this command");
+    app.set_help_flag("-h,--help", "Print help and exit; after a command, help for that command");
     app.set_version_flag(
         "--version", [this] { return versionText(options.asJson); },
         "Print the version and exit; with --json, also the versions of the JSON and of the tables");
@@ -143,8 +145,8 @@ class Parser {
                     "Only tasks whose name matches GLOB, with * for any characters and ? for one")
         ->option_text("GLOB");
     sub->add_option("--" + prefix + "plugin", selection.plugin,
-                    "Only tasks whose program's path matches PATH, with * and ?; a program behind "
-                    "koduguard counts")
+                    "Only tasks whose program's path matches PATH, with * and ?; koduguard counts "
+                    "as the program that it runs")
         ->option_text("PATH");
     sub->add_flag("--failed", selection.isFailed, "Only tasks that are failing");
     sub->add_flag("--late", selection.isLate, "Only tasks that are late");
@@ -161,7 +163,7 @@ class Parser {
         ->option_text("COUNT")
         ->check(CLI::Range(1L, 2147483647L));
     sub->add_option("--after", selection.after,
-                    "Only the tasks after this key, which the last line of a page shows")
+                    "Only the tasks after KEY, which the last line of the previous page shows")
         ->option_text("KEY");
     sub->add_flag("--all", options.isAll, "All tasks");
     sub->option_defaults()->group("Options");
@@ -185,10 +187,8 @@ class Parser {
         ->footer(
             "Keys choose the tasks (a: all, l: late, r: running, f: failing, t: latest), sort them "
             "(s; S reverses the order), filter them by name (/), explain the selected task "
-            "(Enter), "
-            "pause it (p), resume it (u), run it (x) and quit (q). With --json, the present state "
-            "is "
-            "printed once.");
+            "(Enter), pause it (p), resume it (u), run it (x) and quit (q). With --json, the "
+            "current state is printed once.");
     CLI::App* ids = addCommand("ids", "Print the ids of tasks, one per line", runIds);
     addSelection(ids);
     ids->add_option("--prefix", options.selection.prefix, "Only ids that begin with DIGITS")
@@ -197,27 +197,27 @@ class Parser {
     addTaskCommand("show", "Show everything that is known about a task", runShow)
         ->footer(
             "This includes its plugin and arguments, interval, status, due times, retries, "
-            "failures "
-            "and files.");
+            "failures and files.");
     addTaskCommand("explain", "Explain in sentences what a task does, and why", runExplain)
         ->footer(
-            "The sentences say when the task was due, what it waits for, how many retries are "
-            "used and since when it has been failing. They also say whether its plugin can be run, "
+            "The sentences say when the task was due, what it waits for, how many retries are used "
+            "and since when it has been failing. They also say whether its plugin can be run, "
             "whether its output can be written and which rule set its next run.");
     addOutputs();
     addCommand("daemon", "Show how the daemon is doing", runDaemon)
         ->footer(
             "This includes its version, start, restarts, workers, tasks and tables, and a verdict. "
-            "The exit status is 0 if it works, 1 if it works but has a problem, and 2 if not.");
+            "The exit status is 0 if it works, 1 if it works but has a problem, and 2 if it does "
+            "not work.");
     CLI::App* check =
         addCommand("check", "Find what prevents the daemon or its tasks from working", runCheck);
     addHealth();
     addMetrics();
     check->add_flag("--quick", options.isQuick, "Skip the checks of single tasks");
     check->footer(
-        "The INI files, the log, the folders, the connection, the rights in the database and "
-        "every task are checked. The ten tasks that are due next are listed. The exit status "
-        "is 0 without findings, 1 with warnings only, and 2 with errors.");
+        "The INI files, the log, the folders, the connection, the rights in the database and every "
+        "task are checked. The ten tasks that are due next are listed. The exit status is 0 "
+        "without findings, 1 with warnings only, and 2 with errors.");
   }
 
   /// Its options are those of other monitoring plugins, and a number that is none is UNKNOWN.
@@ -238,12 +238,12 @@ class Parser {
         ->option_text(valueWithDefault("SECONDS", options.criticalOverdue));
     health
         ->add_option("-p,--in-process", options.warnProcess,
-                     "WARNING when a task is in PROCESS for longer, counted from the due time of "
-                     "the run")
+                     "WARNING when a task has been in PROCESS for longer than this, counted from "
+                     "the due time of the run")
         ->option_text(valueWithDefault("SECONDS", options.warnProcess));
     health
         ->add_option("-e,--failures", options.warnFailures,
-                     "WARNING when more runs failed within the last hour")
+                     "WARNING when more than COUNT runs failed within the last hour")
         ->option_text("COUNT (no limit)");
     health
         ->add_option("-t,--timeout", options.answerTimeout,
@@ -255,11 +255,11 @@ class Parser {
     CLI::App* metrics = addCommand(
         "metrics", "Write the metrics of koduexporter, for an agent that reads files", runMetrics);
     metrics->footer(
-        "The text is in the classic format of Prometheus, with which node_exporter's textfile "
-        "collector can pass it on. If the database does not answer, koducron_database_up is 0 and "
-        "the exit status is 69.");
+        "The text is in the classic format of Prometheus, which node_exporter's textfile collector "
+        "reads. If the database does not answer, koducron_database_up is 0 and the exit status is "
+        "69.");
     metrics->add_flag("--openmetrics", options.isOpenMetrics, "Write the OpenMetrics format");
-    metrics->add_option("--output", options.metricsFile, "Replace FILE by the text in one step")
+    metrics->add_option("--output", options.metricsFile, "Write to FILE, replacing it in one step")
         ->option_text("FILE (standard output)");
   }
 
@@ -272,10 +272,9 @@ class Parser {
     addSelection(status);
     status->add_flag("--output", options.withOutput,
                      "Show the first line of each task's last output");
-    status->add_flag(
-        "--watch", options.watch,
-        "Refresh the list every second until Ctrl-C; with many tasks, count and sort them less "
-        "often");
+    status->add_flag("--watch", options.watch,
+                     "Refresh the list every second until Ctrl-C; with many tasks, count and sort "
+                     "them less often");
   }
 
   /// Commands about the runs of a task.
@@ -284,8 +283,8 @@ class Parser {
         "history", "List the runs of a task and the periods without a run, the latest first",
         runHistory);
     history->footer(
-        "Runs come from the ledger. Failed runs have a number for koductl output, and are listed "
-        "even if the ledger no longer contains them.");
+        "Runs come from the ledger. Failed runs have a number that koductl output accepts. They "
+        "are listed even if the ledger no longer contains them.");
     history->add_option("-n,--count", options.count, "List at most COUNT runs")
         ->option_text(valueWithDefault("COUNT", std::to_string(options.count)))
         ->check(CLI::Range(1, kMostListed));
@@ -312,11 +311,11 @@ class Parser {
         "test", "Run a task's plugin as the daemon does, without changing anything", runTest);
     test->alias("rerun");
     test->footer(
-        "The plugin gets the arguments, the user, the folder and the empty environment that "
-        "the daemon gives it. As root, and when the daemon is the unit koducron.service, it also "
-        "runs in the unit's sandbox. The output is followed by the return code and by the "
-        "differences from the stored output. The exit status is the return code. The earlier "
-        "name of this command, rerun, still works in this release.");
+        "The plugin gets the arguments, the user, the folder and the empty environment that the "
+        "daemon gives it. If root calls the command and the unit koducron.service runs the daemon, "
+        "the plugin also runs in the unit's sandbox. The output is followed by the return code and "
+        "by the differences from the stored output. The exit status is the return code. The "
+        "earlier name of this command, rerun, still works in this release.");
   }
 
   void addAccount() {
@@ -338,28 +337,29 @@ class Parser {
         ->option_text("PATTERN");
     account
         ->add_option("--since", options.since,
-                     "Count what ended at this time or later: as yesterday, 18:00 or, for two "
-                     "hours ago, 2h")
+                     "Count what ended at this time or later, such as yesterday, 18:00, or 2h for "
+                     "two hours ago")
         ->option_text("TIME (as far back as the ledger goes)");
   }
 
   void addEvents() {
     CLI::App* events = addCommand(
-        "events",
-        "Show what has changed: tasks that failed, recovered, were interrupted or skipped",
+        "events", "Show events: tasks that failed, recovered, were interrupted or were skipped",
         runEvents);
     events->footer(
-        "An event is printed when all transactions that are older have ended, so that none is "
-        "missed. With --reader, a program gets each event until it has been printed, also after a "
-        "restart; the first call makes the reader, which begins at that moment. With --follow and "
-        "--json, each line is one event. After events, -f means --follow.");
+        "An event is printed when all older transactions have ended, so that none is missed. With "
+        "--reader, the database remembers which events have been printed, and a later call "
+        "continues after them. The first call creates the reader, which begins at that moment. "
+        "With --follow and --json, each line is one event. After events, -f means --follow.");
     events->add_flag("-f,--follow", options.follow, "Print new events until Ctrl-C");
-    events->add_option("--reader", options.reader, "Print what the reader NAME has not yet got")
+    events
+        ->add_option("--reader", options.reader,
+                     "Print the events that the reader NAME has not received yet")
         ->option_text("NAME");
     events
         ->add_option("--since", options.since,
-                     "Begin with the events of this time or later: as yesterday, 18:00 or, for two "
-                     "hours ago, 2h")
+                     "Begin with the events of this time or later, such as yesterday, 18:00, or 2h "
+                     "for two hours ago")
         ->option_text("TIME (a day ago; with --follow now)");
   }
 
@@ -380,8 +380,7 @@ class Parser {
     addChange("delete", "Delete tasks, their files and their history", runDelete)
         ->footer(
             "The daemon deletes them within four minutes; until then, koductl undelete can keep "
-            "them. "
-            "If a run is in progress, the four minutes begin when it ends.");
+            "them. If a run is in progress, the four minutes begin when it ends.");
     addChange("undelete", "Keep tasks that are being deleted", runUndelete)
         ->footer(
             "This is possible until the daemon removes the task. A task whose removal begins at "
@@ -394,13 +393,12 @@ class Parser {
     pause->footer(
         "A run in progress is completed first, with its retries. A restart of the daemon does not "
         "end the pause.");
-    pause->add_option("--reason", options.reason, "Record the reason of the pause")
+    pause->add_option("--reason", options.reason, "Record the reason for the pause")
         ->option_text("TEXT");
     pause
-        ->add_option(
-            "--until", options.until,
-            "End the pause at a time, such as 18:00, or after an interval, such as 2h; the "
-            "next run is the first regular one after it")
+        ->add_option("--until", options.until,
+                     "End the pause at a time, such as 18:00, or after an interval, such as 2h; "
+                     "the next run is the first regular one after it")
         ->option_text("TIME (no end)");
   }
 
@@ -419,7 +417,8 @@ class Parser {
     add->add_option("--timeout", options.timeout,
                     "End a run after this time, by running the plugin through koduguard")
         ->option_text("INTERVAL (no limit)");
-    add->add_flag("--if-missing", options.ifMissing, "Do nothing if a task has this key already")
+    add->add_flag("--if-missing", options.ifMissing,
+                  "Do nothing if a task with this key exists already")
         ->needs("--key");
   }
 
@@ -428,7 +427,7 @@ class Parser {
     set->footer(
         "Settings that are not given do not change. The arguments that follow -- replace all "
         "arguments of the plugin; -- alone removes them.");
-    set->add_option("--plugin", options.plugin, "Run another plugin: its name or path")
+    set->add_option("--plugin", options.plugin, "Run another plugin, given by its name or path")
         ->option_text("PLUGIN");
     addDefinition(set);
     CLI::Option* timeout =
@@ -500,10 +499,10 @@ class Parser {
     CLI::App* prune = addCommand(
         "prune", "Delete old history and the archived outputs that belong to it", runPrune);
     prune->footer(
-        "Without conditions, it deletes the history of all tasks and does not ask. "
-        "Files are deleted before rows, so a second call completes an interrupted one. Run it "
-        "as the daemon's user or as root: it needs the right to delete the daemon's files. "
-        "Without this right it deletes nothing.");
+        "Without conditions, it deletes the history of all tasks and does not ask. Files are "
+        "deleted before rows, so a second call completes an interrupted one. Run it as the "
+        "daemon's user or as root: it needs the right to delete the daemon's files. Without this "
+        "right it deletes nothing.");
     addSelection(prune);
     prune->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
     prune->add_flag("--dry-run", options.isDryRun, "Count what would be deleted");
@@ -532,13 +531,11 @@ class Parser {
         "apply", "Make the tasks in the database match the declarations in files", runApply);
     apply->footer(
         "All changes are one transaction: an error in any file prevents them all. A plan shows "
-        "what "
-        "is added (+), changed (~) and deleted (-). A second call changes nothing.");
+        "what is added (+), changed (~) and deleted (-). A second call changes nothing.");
     apply
         ->add_option(
             "FILE", options.source,
-            "A YAML or JSON file, a directory of *.yaml and *.yml files, or - for standard "
-            "input")
+            "A YAML or JSON file, a directory of *.yaml and *.yml files, or - for standard input")
         ->required();
     apply->add_flag("--dry-run", options.isDryRun,
                     "Perform the changes, show the plan, and roll back");
@@ -551,8 +548,9 @@ class Parser {
     CLI::App* ledger = addCommand(
         "ledger", "Show the state of the ledger of all runs, or change its settings", runLedger);
     ledger->footer(
-        "on starts it, and off stops it. keep DAYS sets how long single runs are kept; summaries "
-        "are kept longer. These need --user with a member of kodu_admin.");
+        "ledger on starts it, and ledger off stops it. ledger keep DAYS sets how long single runs "
+        "are kept; summaries are kept longer. These need --user ROLE, where ROLE is a member of "
+        "kodu_admin.");
     ledger->add_option("ACTION", options.ledgerAction, "What to do: on, off, keep or status")
         ->option_text(valueWithDefault("ACTION", options.ledgerAction))
         ->check(CLI::IsMember({"on", "off", "keep", "status"}));
@@ -575,10 +573,8 @@ class Parser {
     addCommand("repair", "Mark unfinished runs as FAILED before a start of the daemon", runRepair)
         ->footer(
             "A daemon that ends during a run leaves the task in PROCESS. While a daemon is "
-            "connected, "
-            "nothing is changed. Each of these runs gets a row in kodu_cron_repair. Next times do "
-            "not "
-            "change.");
+            "connected, nothing is changed. Each of these runs gets a row in kodu_cron_repair. "
+            "Next times do not change.");
     schema->add_flag("--dry-run", options.isDryRun, "Perform the upgrade, then roll it back");
     schema
         ->add_option("--wait", options.waitSeconds,
@@ -588,8 +584,7 @@ class Parser {
     schema
         ->add_option("--connect", options.connection,
                      "Connect with the libpq connection string CONNINFO instead of the INI file; "
-                     "the password "
-                     "comes from PGPASSWORD or ~/.pgpass")
+                     "the password comes from PGPASSWORD or ~/.pgpass")
         ->option_text("CONNINFO");
   }
 
@@ -597,7 +592,8 @@ class Parser {
   void addEarlierNames() {
     group = "Earlier names";
     CLI::App* output = addTaskCommand(
-        "output", "Print the output of a task's last run; logs replaces it in the next release",
+        "output",
+        "Print the output of a task's last run; in the next release, logs replaces this command",
         runOutput);
     output->add_option("ARCHIVED", options.archived,
                        "Print the output of this failed run instead: its number or its file name, "

@@ -38,19 +38,21 @@ ExporterRequest parseExporterOptions(int argc, const char* const* argv) {
                  "Read the daemon's main INI file from FILE; it names the database file")
       ->option_text(fmt::format("FILE ({})", options.session.configFile));
   app.add_option("--user", options.session.user,
-                 "Connect to the database as ROLE, as kodu_monitor; the password comes from "
-                 "PGPASSWORD or ~/.pgpass; where the database file cannot be read, the database "
-                 "comes from PGHOST, PGPORT and PGDATABASE or from PGSERVICE")
+                 "Connect to the database as ROLE, such as kodu_monitor; the password comes from "
+                 "PGPASSWORD or ~/.pgpass; if the database file cannot be read, PGHOST, PGPORT and "
+                 "PGDATABASE or PGSERVICE name the database")
       ->option_text("ROLE (the role of the daemon)");
-  app.add_option("--listen", address, "Listen on this IP address and port; port 0 takes a free one")
+  app.add_option("--listen", address,
+                 "Listen on this IP address and port; port 0 selects a free port")
       ->option_text(fmt::format("ADDRESS:PORT ({})", address));
   app.add_option("--timeout", timeout,
-                 "Answer a scrape after SECONDS at the latest, also when the database does not")
+                 "Answer a scrape within SECONDS, even if the database does not answer")
       ->option_text(fmt::format("SECONDS ({})", timeout))
       ->check(CLI::Range(1, 600));
-  app.add_option("--count-every", countEvery,
-                 "Read all tasks every SECONDS; less often when this takes more than a twentieth "
-                 "of the time")
+  app.add_option(
+         "--count-every", countEvery,
+         "Read all tasks every SECONDS, or less often if reading takes more than a twentieth "
+         "of this time")
       ->option_text(fmt::format("SECONDS ({})", countEvery))
       ->check(CLI::Range(1, 3600));
   app.set_help_flag("-h,--help", "Print help and exit");

@@ -21,18 +21,17 @@ enum ExitStatus { kDone = 0, kFailed = 1, kWrongUsage = 64, kWrongConfig = 78 };
 constexpr const char* kHelp =
     "Usage: kodunotify [-f FILE] [--header-file FILE] [--once | --check]\n"
     "\n"
-    "Hands each event of koducron's tasks to a command or to an HTTP endpoint.\n"
+    "Delivers each event of koducron's tasks to a command or to an HTTP endpoint.\n"
     "\n"
     "  -f, --config FILE   Read this configuration (/etc/kodu/notify.yaml)\n"
-    "  --header-file FILE  Send the headers in this file, one in each line, to the endpoint\n"
-    "  --once              Deliver the events that there are, then end\n"
-    "  --check             Check the configuration, then end\n"
-    "  -h, --help          Print this help, then end\n"
-    "  --version           Print the version, then end\n"
+    "  --header-file FILE  Send the headers in this file, one per line\n"
+    "  --once              Deliver the events that are waiting, then exit\n"
+    "  --check             Check the configuration, then exit\n"
+    "  -h, --help          Print this help, then exit\n"
+    "  --version           Print the version, then exit\n"
     "\n"
-    "Exit status: 0 at SIGTERM, SIGINT or the end of --once; 64 for a wrong command line; 78 for "
-    "a\n"
-    "configuration that cannot be used.\n";
+    "Exit status: 0 after SIGTERM, SIGINT or --once; 64 for a wrong command line; 78 for a\n"
+    "configuration that cannot be used; 1 for any other failure.\n";
 
 struct Arguments {
   std::string configFile = "/etc/kodu/notify.yaml";
@@ -82,7 +81,7 @@ Arguments parse(int argc, char** argv) {
     }
   }
   if (optind < argc) {
-    say("it takes no arguments but options; see kodunotify --help");
+    say("unexpected argument: only options are accepted; see kodunotify --help");
     arguments.exitStatus = kWrongUsage;
   }
   return arguments;
