@@ -1,10 +1,10 @@
 #pragma once
 
-#include <json/json.h>
-
 #include <string>
 #include <string_view>
 #include <utility>
+
+#include <json/json.h>
 
 /// Writes a JSON object of many, in the form of printJson() and many times faster than by way of a
 /// Json::Value. The caller begins and ends objects in pairs, and writes a name before each value.
