@@ -17,7 +17,7 @@ int fail(const std::string& reason, int exitCode) {
   return exitCode;
 }
 
-int runCommand(int argc, char* argv[]) {
+int runCommand(int argc, char** argv) {
   if (argc == 2 && std::string_view(argv[1]) == kTestInside) {
     return testInside();
   }

@@ -29,11 +29,11 @@ class Monitor {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Connects with `options`, whose limits it replaces, and connects again when a session is lost.
-  /// `report` gets a line when a session fails for another reason than before, and "" when it works
-  /// again; it is called by both threads, one at a time.
-  Monitor(const Options& options, const MonitorLimits& limits,
-          std::function<void(const std::string&)> report);
+  /// Connects with `given`, whose limits it replaces, and connects again when a session is lost.
+  /// `reporter` gets a line when a session fails for another reason than before, and "" when it
+  /// works again; it is called by both threads, one at a time.
+  Monitor(const Options& given, const MonitorLimits& wantedLimits,
+          std::function<void(const std::string&)> reporter);
   /// Waits for the statements in progress.
   ~Monitor();
   Monitor(const Monitor&) = delete;

@@ -6,11 +6,12 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "ctl/failure.h"
 
-FileWatch::FileWatch(const std::string& directory)
-    : path(directory), events(inotify_init1(IN_CLOEXEC)) {
+FileWatch::FileWatch(std::string directory)
+    : path(std::move(directory)), events(inotify_init1(IN_CLOEXEC)) {
   if (events < 0 ||
       inotify_add_watch(events, path.c_str(), IN_CLOSE_WRITE | IN_DELETE_SELF | IN_ONLYDIR) < 0) {
     const int error = errno;
@@ -36,7 +37,7 @@ std::string FileWatch::next() {
   }
   inotify_event event{};
   std::memcpy(&event, buffer.data() + at, sizeof event);
-  const std::string name = event.len == 0 ? "" : buffer.data() + at + sizeof event;
+  std::string name = event.len == 0 ? "" : buffer.data() + at + sizeof event;
   at += sizeof event + event.len;
   if ((event.mask & (IN_DELETE_SELF | IN_IGNORED | IN_UNMOUNT)) != 0) {
     refuse("watch", ENOENT);

@@ -7,7 +7,7 @@
 class FileWatch {
  public:
   /// Begins to watch. Throws Failure (kNotFound, kNotPermitted) when it cannot.
-  explicit FileWatch(const std::string& directory);
+  explicit FileWatch(std::string directory);
   ~FileWatch();
   FileWatch(const FileWatch&) = delete;
   FileWatch& operator=(const FileWatch&) = delete;

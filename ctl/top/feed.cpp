@@ -121,6 +121,7 @@ std::vector<TopRow> readTop(Session& session, const TopQuery& query) {
       query.filter.empty() ? std::vector<std::string>{} : std::vector{query.filter};
   const Rows rows = session.query(statementOf(query), parameters);
   std::vector<TopRow> result;
+  result.reserve(static_cast<std::size_t>(rows.count()));
   for (int row = 0; row < rows.count(); ++row) {
     result.push_back(rowOf(rows, row));
   }

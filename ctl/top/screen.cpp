@@ -89,11 +89,12 @@ void Screen::draw(const std::vector<TopLine>& lines) {
   werase(stdscr);
   for (int row = 0; row < static_cast<int>(lines.size()); ++row) {
     const TopLine& line = lines[static_cast<std::size_t>(row)];
-    wattrset(stdscr, static_cast<int>(attributesOf(line)));
+    const attr_t attributes = attributesOf(line);
+    wattrset(stdscr, static_cast<int>(attributes));
     mvwaddstr(stdscr, row, 0, line.text.c_str());
     if (line.isSelected) {
-      mvwchgat(stdscr, row, 0, -1, attributesOf(line),
-               static_cast<short>(PAIR_NUMBER(attributesOf(line))), nullptr);
+      mvwchgat(stdscr, row, 0, -1, attributes,
+               static_cast<short>(PAIR_NUMBER(static_cast<int>(attributes))), nullptr);
     }
   }
   wattrset(stdscr, A_NORMAL);

@@ -140,7 +140,7 @@ TEST_F(AccountTest, HasEveryReasonInJson) {
   EXPECT_EQ(account["retried"].asInt(), 1);
   EXPECT_EQ(account["skipped"].asInt(), 3);
   EXPECT_EQ(account["difference"].asInt(), 0);
-  const Json::Value reasons = account["skipped_by_reason"];
+  const Json::Value& reasons = account["skipped_by_reason"];
   EXPECT_EQ(reasons.size(), 11U);
   int sum = 0;
   for (const std::string& reason : reasons.getMemberNames()) {
