@@ -57,8 +57,8 @@ class SandboxTest : public CtlTest {
         "case $* in *MainPID*) echo " + std::to_string(daemon.pid()) +
             " ;; show*) echo ProtectSystem=full; echo PrivateTmp=no ;; kill*) echo \"$*\" >" +
             told() + " ;; esac");
-    setSystemdRun("echo \"$*\" >" + told() +
-                  "; while [ \"${1#--}\" != \"$1\" ]; do shift; done; exec \"$@\"");
+    setSystemdRun(R"(echo "$*" >)" + told() +
+                  R"(; while [ "${1#--}" != "$1" ]; do shift; done; exec "$@")");
   }
   void TearDown() override {
     if (isSetUp) {
@@ -71,7 +71,7 @@ class SandboxTest : public CtlTest {
   }
   std::string told() const { return daemon.directory / "told"; }
   std::string script(const std::string& arguments) const {
-    const std::string path = daemon.directory / "script";
+    std::string path = daemon.directory / "script";
     writeFile(path,
               "set -e\nmount -t tmpfs none /run\nmkdir -p /run/systemd/system\nmount --bind " +
                   (daemon.directory / "systemctl") + " /usr/bin/systemctl\nmount --bind " +

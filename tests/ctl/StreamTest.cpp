@@ -158,7 +158,7 @@ TEST_F(StreamTest, QuotesTheKeyOfAPageForAShell) {
   EXPECT_EQ(restText(*session, selection, {1, 1}, totals),
             "… and 1,001 more: --all, or --after 'it'\\''s a $(name),1'");
   EXPECT_EQ(restText(*session, selection, {0, 0}, totals), "");
-  database.query("UPDATE kodu_plugins SET plugin_name = E'a\\x1b[2J\\n''\\\\' WHERE plugin_id = 1");
+  database.query(R"(UPDATE kodu_plugins SET plugin_name = E'a\x1b[2J\n''\\' WHERE plugin_id = 1)");
   EXPECT_EQ(restText(*session, selection, {1, 1}, totals),
             "… and 1,001 more: --all, or --after $'a\\x1b[2J\\x0a\\'\\\\,1'");
   totals.tasks = 1;

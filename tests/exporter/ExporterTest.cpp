@@ -1,5 +1,6 @@
-#include <signal.h>
+#include <fmt/format.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -94,7 +95,7 @@ class ExporterTest : public DaemonTest {
     return exitStatusOf(status) == 0 ? "" : "failed: " + readFile(path);
   }
   static std::string runs(const std::string& outcome) {
-    return "koducron_runs_total{host=\"127.0.0.1\",outcome=\"" + outcome + "\"}";
+    return R"(koducron_runs_total{host="127.0.0.1",outcome=")" + outcome + R"("})";
   }
 
   Ledger ledger{database};
@@ -207,8 +208,8 @@ TEST_F(ExporterTest, WritesWhatParsersAccept) {
         scrape(format == "classic" ? "" : "Accept: application/openmetrics-text\r\n");
     const std::string file = daemon.directory / format;
     writeFile(file, text.substr(text.find("\r\n\r\n") + 4));
-    EXPECT_EQ(call("/usr/bin/python3 " + projectFile("tests/support/validateMetrics.py") + " " +
-                   format + " " + file),
+    EXPECT_EQ(call(fmt::format("/usr/bin/python3 {} {} {}",
+                               projectFile("tests/support/validateMetrics.py"), format, file)),
               "");
   }
   EXPECT_EQ(call("promtool check metrics <" + (daemon.directory / "classic")), "");

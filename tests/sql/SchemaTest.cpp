@@ -53,12 +53,11 @@ class SchemaTest : public testing::Test {
         "AS $$ DECLARE refused text; broken text; BEGIN EXECUTE statement; RETURN ''; "
         "EXCEPTION WHEN check_violation THEN GET STACKED DIAGNOSTICS refused = COLUMN_NAME, "
         "broken = CONSTRAINT_NAME; RETURN refused || ' ' || broken; END $$");
+    const std::string expected = column + " " + constraint;
     for (const std::string& value : values) {
-      std::string change = "UPDATE kodu_cron_plugin SET ";
-      change += column + " = " + value;
-      EXPECT_EQ(database.value("SELECT pg_temp.refusal($$" + change + "$$)"),
-                column + " " + constraint)
-          << change;
+      std::string change = "SELECT pg_temp.refusal($$UPDATE kodu_cron_plugin SET ";
+      change.append(column).append(" = ").append(value).append("$$)");
+      EXPECT_EQ(database.value(change), expected) << change;
     }
   }
   /// Expects each of these SQL values to be accepted.

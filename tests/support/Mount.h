@@ -11,11 +11,11 @@ class Mount {
  public:
   /// An empty file system in memory, of `size` ("64k"), on the directory `place`.
   static Mount memory(const std::string& place, const std::string& size) {
-    return Mount("tmpfs", place, "tmpfs", 0, "size=" + size);
+    return {"tmpfs", place, "tmpfs", 0, "size=" + size};
   }
   /// Binds the file `source` over the file `place`.
   static Mount file(const std::string& source, const std::string& place) {
-    return Mount(source, place, "", MS_BIND, "");
+    return {source, place, "", MS_BIND, ""};
   }
 
   ~Mount() {
