@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <string_view>
 
 #include "ctl/failure.h"
 #include "ctl/terminal/terminal.h"
@@ -16,9 +17,14 @@ constexpr std::size_t kMostShown = 20;
 
 void Mistakes::add(const Place& place, const std::string& key, const std::string& text) {
   const std::string line = place.line > 0 ? fmt::format(":{}", place.line) : "";
+  std::string sentences = text;
+  constexpr std::string_view kHint = "\nhint: ";  // of the database
+  if (const auto hint = sentences.find(kHint); hint != std::string::npos) {
+    sentences.replace(hint, kHint.size(), ". ");
+  }
   // In one line, so that no text of a file can look like another mistake.
-  lines.push_back(
-      oneLine(fmt::format("{}{}: {}{}{}", place.file, line, key, key.empty() ? "" : ": ", text)));
+  lines.push_back(oneLine(
+      fmt::format("{}{}: {}{}{}", place.file, line, key, key.empty() ? "" : ": ", sentences)));
 }
 
 void Mistakes::throwIfAny() const {

@@ -251,6 +251,9 @@ TEST_F(SelectionTest, FillsTheTerminalUnlessAllAreWanted) {
 }
 
 TEST_F(SelectionTest, KeepsNothingOfALongList) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizer needs more address space than the limit";
+#endif
   // Each with a megabyte of parameters: together more than the limit of memory.
   for (int id = 1; id <= 100; ++id) {
     database.insertTask(quietTask(id));

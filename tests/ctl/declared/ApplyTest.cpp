@@ -144,7 +144,8 @@ TEST_F(ApplyTest, NamesFileLineKeyAndSettingOfWhatTheDatabaseRefuses) {
   EXPECT_THAT(result.err, Not(HasSubstr(": c: ")));
   EXPECT_THAT(apply("tasks:\n" + task("a", "every: 5m, timeout: 2d")).err,
               HasSubstr(":2: a: the timeout must be whole seconds, from 1 second to 1 day"));
-  EXPECT_THAT(apply("tasks:\n" + task("a", "every: 5m, file: x")).err, HasSubstr("lacks $DATE"));
+  EXPECT_THAT(apply("tasks:\n" + task("a", "every: 5m, file: x")).err,
+              HasSubstr("lacks $DATE. Without it "));
   EXPECT_EQ(count(), "0");
 }
 
@@ -651,7 +652,7 @@ TEST_F(ApplyTest, RefusesTwoTasksWithOneOutputFile) {
   const CtlResult result = apply("tasks:\n" + task("a", "every: 5m, file: x_$DATE") +
                                  task("b", "every: 5m, file: x_$DATE"));
   EXPECT_EQ(result.exitCode, 65);
-  EXPECT_THAT(result.err, HasSubstr(":3: b: another task has this output file"));
+  EXPECT_THAT(result.err, HasSubstr(":3: b: another task has this output file. Write "));
   EXPECT_EQ(count(), "0");
 }
 
