@@ -90,8 +90,8 @@ class Parser {
         ->take_last();
     app.add_option("--user", options.user,
                    "Connect to the database as ROLE; the password comes from PGPASSWORD or "
-                   "~/.pgpass; if the database file cannot be read, PGHOST, PGPORT and PGDATABASE "
-                   "or PGSERVICE name the database")
+                   "~/.pgpass; if the database file cannot be read, PGHOST, PGPORT and PGDATABASE, "
+                   "or PGSERVICE, name the database")
         ->option_text("ROLE (the role of the daemon)");
     addTimeout("--lock-timeout", options.lockTimeout,
                "Wait at most SECONDS for a lock; 0 sets no limit");
@@ -176,18 +176,18 @@ class Parser {
     addSelection(sub, prefix);
     sub->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation");
     sub->add_flag("--dry-run", options.isDryRun,
-                  "Perform the change, list the tasks, and roll it back");
+                  "Perform the change, list the tasks, and roll back");
     return sub;
   }
 
   void addReadingCommands() {
     group = "Show tasks";
     addStatus();
-    addCommand("top", "Show late, running, failing and latest tasks, live", runTop)
+    addCommand("top", "Show late, running, failing and recently run tasks, live", runTop)
         ->footer(
-            "Keys choose the tasks (a: all, l: late, r: running, f: failing, t: latest), sort them "
-            "(s; S reverses the order), filter them by name (/), explain the selected task "
-            "(Enter), pause it (p), resume it (u), run it (x) and quit (q). With --json, the "
+            "Keys choose the tasks (a: all, l: late, r: running, f: failing, t: latest runs), "
+            "sort them (s; S reverses the order), filter them by name (/), explain the selected "
+            "task (Enter), pause it (p), resume it (u), run it (x) and quit (q). With --json, the "
             "current state is printed once.");
     CLI::App* ids = addCommand("ids", "Print the ids of tasks, one per line", runIds);
     addSelection(ids);
@@ -206,9 +206,9 @@ class Parser {
     addOutputs();
     addCommand("daemon", "Show how the daemon is doing", runDaemon)
         ->footer(
-            "This includes its version, start, restarts, workers, tasks and tables, and a verdict. "
-            "The exit status is 0 if it works, 1 if it works but has a problem, and 2 if it does "
-            "not work.");
+            "This includes its version, start, restarts, workers and tasks, the version of the "
+            "tables, and a verdict. The exit status is 0 if it works, 1 if it works but has a "
+            "problem, and 2 if it does not work.");
     CLI::App* check =
         addCommand("check", "Find what prevents the daemon or its tasks from working", runCheck);
     addHealth();
@@ -226,8 +226,8 @@ class Parser {
         addCommand("health", "Check the daemon as a plugin of a monitoring system", runHealth);
     health->footer(
         "One line with performance data is printed. The exit status is 0 for OK, 1 for WARNING, 2 "
-        "for CRITICAL and 3 for UNKNOWN. It is also CRITICAL when no session of the daemon is "
-        "connected, and WARNING when more than one daemon is.");
+        "for CRITICAL and 3 for UNKNOWN. The result is also CRITICAL when no session of the daemon "
+        "is connected, and WARNING when more than one daemon is.");
     health
         ->add_option("-w,--warning", options.warnOverdue,
                      "WARNING when a task is overdue by more than this")
@@ -297,8 +297,8 @@ class Parser {
         "The daemon keeps the output of the latest run and copies of the outputs of failed runs. A "
         "line with the time precedes each output; with --count 1, the output is printed alone and "
         "unchanged. With --follow and no ID, the outputs of all tasks are printed as they are "
-        "written. With --follow and --json, each output is one JSON object. After logs, -f means "
-        "--follow.");
+        "written. With --follow and --json, each output is one JSON object. After the word logs, "
+        "-f means --follow, not --config.");
     logs->add_option("ID", options.onlyTask, "Id of the task; koductl status lists the ids")
         ->check(CLI::Range(0, 2147483647));
     logs->add_option("-n,--count", options.outputs, "Print at most COUNT outputs")
@@ -308,7 +308,7 @@ class Parser {
     logs->add_flag("--failed", options.onlyFailed, "Print only outputs of failed runs");
 
     CLI::App* test = addTaskCommand(
-        "test", "Run a task's plugin as the daemon does, without changing anything", runTest);
+        "test", "Run a task's plugin as the daemon does, but record nothing", runTest);
     test->alias("rerun");
     test->footer(
         "The plugin gets the arguments, the user, the folder and the empty environment that the "
@@ -323,8 +323,8 @@ class Parser {
         "account", "Show for each task how many periods had a run, and why the others had none",
         runAccount);
     account->footer(
-        "Each period has a run or was skipped for a reason. The exit status is 1 if these do not "
-        "add up to all periods, which is a fault of the ledger. A pattern may contain * and ?.");
+        "Each period must have a run or a reason why there was none. If the counts do not add up, "
+        "the ledger is at fault and the exit status is 1. A pattern may contain * and ?.");
     account->add_option("ID", options.selection.ids, "Id of a task")
         ->option_text("ID (all tasks)")
         ->take_all()
@@ -337,20 +337,22 @@ class Parser {
         ->option_text("PATTERN");
     account
         ->add_option("--since", options.since,
-                     "Count what ended at this time or later, such as yesterday, 18:00, or 2h for "
-                     "two hours ago")
+                     "Count periods that ended at this time or later, such as yesterday, 18:00, or "
+                     "2h for two hours ago")
         ->option_text("TIME (as far back as the ledger goes)");
   }
 
   void addEvents() {
     CLI::App* events = addCommand(
-        "events", "Show events: tasks that failed, recovered, were interrupted or were skipped",
+        "events",
+        "Show events: tasks that failed or recovered, runs that were interrupted or skipped",
         runEvents);
     events->footer(
         "An event is printed when all older transactions have ended, so that none is missed. With "
         "--reader, the database remembers which events have been printed, and a later call "
-        "continues after them. The first call creates the reader, which begins at that moment. "
-        "With --follow and --json, each line is one event. After events, -f means --follow.");
+        "continues after them. The first call creates the reader, which gets the events from then "
+        "on. With --follow and --json, each line is one event. After the word events, -f means "
+        "--follow, not --config.");
     events->add_flag("-f,--follow", options.follow, "Print new events until Ctrl-C");
     events
         ->add_option("--reader", options.reader,
@@ -389,7 +391,7 @@ class Parser {
 
   void addPause() {
     CLI::App* pause = addChange(
-        "pause", "Keep tasks from running until they are resumed, or until a time", runPause);
+        "pause", "Keep tasks from running until they are resumed or until a given time", runPause);
     pause->footer(
         "A run in progress is completed first, with its retries. A restart of the daemon does not "
         "end the pause.");
@@ -488,7 +490,7 @@ class Parser {
         ->take_all();
 
     CLI::App* stagger = addCommand(
-        "stagger", "Propose times that spread tasks of equal interval evenly", runStagger);
+        "stagger", "Propose times that evenly spread tasks with the same interval", runStagger);
     stagger->footer(
         "Paused tasks are not moved, nor are tasks whose next run is more than one interval "
         "ahead.");
@@ -519,8 +521,8 @@ class Parser {
         addCommand("export", "Write tasks as YAML, or with --json as JSON", runExport);
     exported->footer(
         "Without conditions, all tasks are written, always in the order of their keys. Settings "
-        "that have their default are left out. A task without a key has the key task-ID. koductl "
-        "apply reads both formats.");
+        "that have their default are left out. A task without a key is written with the key "
+        "task-ID. koductl apply reads both formats.");
     addSelection(exported);
     exported
         ->add_option("--set", options.set,
@@ -540,7 +542,7 @@ class Parser {
     apply->add_flag("--dry-run", options.isDryRun,
                     "Perform the changes, show the plan, and roll back");
     apply->add_flag("--prune", options.isPruning,
-                    "Delete the tasks of the set that the files no longer declare");
+                    "Delete the set's tasks that the files no longer declare");
     apply->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation of deletions");
   }
 
@@ -549,8 +551,8 @@ class Parser {
         "ledger", "Show the state of the ledger of all runs, or change its settings", runLedger);
     ledger->footer(
         "ledger on starts it, and ledger off stops it. ledger keep DAYS sets how long single runs "
-        "are kept; summaries are kept longer. These need --user ROLE, where ROLE is a member of "
-        "kodu_admin.");
+        "are kept; summaries are kept longer. These actions need --user ROLE, where ROLE is a "
+        "member of kodu_admin.");
     ledger->add_option("ACTION", options.ledgerAction, "What to do: on, off, keep or status")
         ->option_text(valueWithDefault("ACTION", options.ledgerAction))
         ->check(CLI::IsMember({"on", "off", "keep", "status"}));
@@ -563,18 +565,18 @@ class Parser {
         "schema", "Show the version of the database's tables, or upgrade them", runSchema);
     schema->footer(
         "The exit status is 0 if the tables have the version of this koductl, 1 if they are older "
-        "and 2 if they are newer. All other commands refuse newer tables. An upgrade is one "
-        "transaction, and the daemon may keep running. Only the owner of the tables or a superuser "
-        "can upgrade them.");
+        "and 2 if they are newer. Other commands, except daemon, health and repair, refuse newer "
+        "tables. An upgrade is one transaction, and the daemon may keep running. Only the owner of "
+        "the tables or a superuser can upgrade them.");
     schema
         ->add_option("ACTION", options.schemaAction,
                      "With upgrade, change the tables to the version of this koductl")
         ->check(CLI::IsMember({"upgrade"}));
     addCommand("repair", "Mark unfinished runs as FAILED before a start of the daemon", runRepair)
         ->footer(
-            "A daemon that ends during a run leaves the task in PROCESS. While a daemon is "
-            "connected, nothing is changed. Each of these runs gets a row in kodu_cron_repair. "
-            "Next times do not change.");
+            "A daemon that ends during a run leaves the task in PROCESS. Each such run gets a row "
+            "in kodu_cron_repair. Next times do not change. While a daemon is connected, nothing "
+            "is changed.");
     schema->add_flag("--dry-run", options.isDryRun, "Perform the upgrade, then roll it back");
     schema
         ->add_option("--wait", options.waitSeconds,

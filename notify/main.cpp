@@ -30,8 +30,8 @@ constexpr const char* kHelp =
     "  -h, --help          Print this help, then exit\n"
     "  --version           Print the version, then exit\n"
     "\n"
-    "Exit status: 0 after SIGTERM, SIGINT or --once; 64 for a wrong command line; 78 for a\n"
-    "configuration that cannot be used; 1 for any other failure.\n";
+    "Exit status: 0 after SIGTERM, SIGINT, --once or a successful --check; 64 for a wrong\n"
+    "command line; 78 for a configuration that cannot be used; 1 for any other failure.\n";
 
 struct Arguments {
   std::string configFile = "/etc/kodu/notify.yaml";

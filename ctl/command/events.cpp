@@ -163,7 +163,8 @@ class EventPrinter {
 
 int runEvents(const Options& options) {
   if (!options.reader.empty() && options.since) {
-    throw Failure(kWrongUsage, "a reader goes on where it was: give --reader or --since, not both");
+    throw Failure(kWrongUsage,
+                  "a reader continues where it stopped: give --reader or --since, not both");
   }
   std::optional<Session> session;
   session.emplace(options);

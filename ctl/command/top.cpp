@@ -1,4 +1,4 @@
-// koductl top: late, running, failing and latest tasks, live.
+// koductl top: late, running, failing and recently run tasks, live.
 
 #include <unistd.h>
 
