@@ -14,6 +14,7 @@
 #include "ctl/help.h"
 #include "ctl/session/schemaVersion.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/zone.h"
 
 namespace {

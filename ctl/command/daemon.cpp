@@ -12,6 +12,7 @@
 #include "ctl/options.h"
 #include "ctl/session/schemaVersion.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
 

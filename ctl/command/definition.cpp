@@ -15,7 +15,7 @@
 #include "ctl/task/guarded.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
-#include "ctl/terminal/terminal.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/text.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include "ctl/session/session.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
-#include "ctl/terminal/terminal.h"
+#include "ctl/terminal/printable.h"
 
 int runDelete(const Options& options) {
   Session session(options);

@@ -16,6 +16,7 @@
 #include "ctl/task/ledger.h"
 #include "ctl/terminal/jsonList.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/text.h"
 
 namespace {

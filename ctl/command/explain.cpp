@@ -15,7 +15,7 @@
 #include "ctl/task/explanation.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
-#include "ctl/terminal/terminal.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/text.h"
 
 std::vector<std::string> explainTask(Session& session, const Task& task) {

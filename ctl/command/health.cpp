@@ -17,6 +17,7 @@
 #include "ctl/options.h"
 #include "ctl/session/session.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
 

@@ -16,6 +16,7 @@
 #include "ctl/task/ledger.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/table.h"
 #include "ctl/terminal/text.h"
 #include "ctl/terminal/zone.h"

@@ -7,7 +7,7 @@
 #include "ctl/task/selection.h"
 #include "ctl/terminal/jsonList.h"
 #include "ctl/terminal/print.h"
-#include "ctl/terminal/terminal.h"
+#include "ctl/terminal/printable.h"
 
 int runIds(const Options& options) {
   requireValid(options.selection);

@@ -23,7 +23,7 @@
 #include "ctl/task/task.h"
 #include "ctl/terminal/jsonList.h"
 #include "ctl/terminal/print.h"
-#include "ctl/terminal/terminal.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/text.h"
 #include "sched/outputPath.h"
 

@@ -10,6 +10,7 @@
 #include "ctl/session/session.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
 #include "task/serviceCron.h"

@@ -19,6 +19,7 @@
 #include "ctl/task/task.h"
 #include "ctl/task/taskTable.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
 #include "ctl/terminal/zone.h"

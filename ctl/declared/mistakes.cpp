@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "ctl/failure.h"
-#include "ctl/terminal/terminal.h"
+#include "ctl/terminal/printable.h"
 
 namespace {
 

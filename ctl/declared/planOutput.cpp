@@ -4,6 +4,7 @@
 
 #include "ctl/declared/plan.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
 

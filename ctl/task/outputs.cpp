@@ -11,6 +11,7 @@
 #include "ctl/task/archive.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/text.h"
 
 namespace {

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "ctl/options.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
 

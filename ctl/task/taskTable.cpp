@@ -10,6 +10,7 @@
 #include "ctl/task/archive.h"
 #include "ctl/task/selection.h"
 #include "ctl/task/task.h"
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/terminal.h"
 #include "ctl/terminal/text.h"
 

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 
+#include "ctl/terminal/printable.h"
+
 void printOutput(const std::string& bytes) {
   fmt::print(stdout, "{}", isTerminal() ? printable(bytes) : bytes);
 }

@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "ctl/terminal/printable.h"
 #include "ctl/terminal/terminal.h"
 
 // All output of koductl is printed by these functions, so that no text from the database, a file, a

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/printable.h"
 
 namespace {
 

@@ -45,6 +45,7 @@ class TopModel {
   std::vector<TopLine> lines(int width, int height) const;
 
  private:
+  // Defined in ctl/top/keys.cpp, with press().
   TopAction pressInFilter(int key);
   TopAction pressInQuestion(int key);
   TopAction pressInTable(int key);

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "ctl/terminal/terminal.h"
+#include "ctl/terminal/printable.h"
 #include "tests/ctl/CtlTest.h"
 #include "tests/support/FakeTerminal.h"
 

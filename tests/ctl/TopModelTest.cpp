@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include "ctl/terminal/printable.h"
 #include "ctl/top/model.h"
 
 namespace {
