@@ -86,7 +86,9 @@ struct Options {
   std::optional<std::string> since;  // account, events; nothing: the default of the command
 
   // events, with since and follow
-  std::string reader;  // "": none
+  std::string reader;      // "": none
+  bool onlyDead = false;   // those that could not be delivered
+  std::string redelivery;  // the key of one of them, or "all"; "": none
 
   // ledger
   std::string ledgerAction = "status";
