@@ -459,6 +459,11 @@ class Parser {
     set->add_flag("--no-timeout", options.isUnlimited, "Let runs take any time")->excludes(timeout);
     set->add_option("--next", options.next, "Time of the next run; later runs follow from it")
         ->option_text("TIME");
+    CLI::Option* metrics = set->add_flag(
+        "--metrics", options.isMarked,
+        "Let koduexporter and koductl metrics show metrics of this task; at most 1000 tasks");
+    set->add_flag("--no-metrics", options.isUnmarked, "Show no metrics of this task")
+        ->excludes(metrics);
   }
 
   /// What add and set share.

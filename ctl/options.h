@@ -59,6 +59,8 @@ struct Options {
   // "tomorrow").
   std::optional<std::string> plugin, name, every, fileName, retryAfter, next, timeout;
   bool isUnlimited = false;  // set: without a timeout
+  // set: the task gets metrics of its own, or loses them
+  bool isMarked = false, isUnmarked = false;
   std::optional<int> retries;
   std::optional<std::string> key;
   bool ifMissing = false;  // add

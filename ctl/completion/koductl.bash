@@ -43,7 +43,7 @@ _koductl() {
     ['resume']='--name --plugin --failed --late --running --paused --deleting --never-ran --sort --limit --after --all --yes --dry-run'
     ['run']='--name --plugin --failed --late --running --paused --deleting --never-ran --sort --limit --after --all --yes --dry-run --wait'
     ['schema']='--dry-run --wait --connect'
-    ['set']='--where-name --where-plugin --failed --late --running --paused --deleting --never-ran --sort --limit --after --all --yes --dry-run --plugin --name --every --retries --retry-after --file --key --timeout --no-timeout --next --'
+    ['set']='--where-name --where-plugin --failed --late --running --paused --deleting --never-ran --sort --limit --after --all --yes --dry-run --plugin --name --every --retries --retry-after --file --key --timeout --no-timeout --next --metrics --no-metrics --'
     ['show']=''
     ['stagger']='--apply --longest'
     ['status']='--name --plugin --failed --late --running --paused --deleting --never-ran --sort --limit --after --all --output --watch'
