@@ -354,16 +354,35 @@ class Parser {
         "continues after them. The first call creates the reader, which gets the events from then "
         "on. With --follow and --json, each line is one event. After the word events, -f means "
         "--follow, not --config.");
-    events->add_flag("-f,--follow", options.follow, "Print new events until Ctrl-C");
+    CLI::Option* follow =
+        events->add_flag("-f,--follow", options.follow, "Print new events until Ctrl-C");
+    CLI::Option* reader =
+        events
+            ->add_option("--reader", options.reader,
+                         "Print the events that the reader NAME has not received yet")
+            ->option_text("NAME");
+    CLI::Option* since =
+        events
+            ->add_option("--since", options.since,
+                         "Begin with the events of this time or later, such as yesterday, 18:00, "
+                         "or 2h for two hours ago")
+            ->option_text("TIME (a day ago; with --follow now)");
+    CLI::Option* dead =
+        events
+            ->add_flag("--dead", options.onlyDead,
+                       "Print the events that kodunotify could not deliver, each with its key, "
+                       "reader and error; with --reader those of this reader")
+            ->excludes(follow)
+            ->excludes(since);
     events
-        ->add_option("--reader", options.reader,
-                     "Print the events that the reader NAME has not received yet")
-        ->option_text("NAME");
-    events
-        ->add_option("--since", options.since,
-                     "Begin with the events of this time or later, such as yesterday, 18:00, or 2h "
-                     "for two hours ago")
-        ->option_text("TIME (a day ago; with --follow now)");
+        ->add_option("--redeliver", options.redelivery,
+                     "Let kodunotify deliver this undelivered event of the reader again; all "
+                     "stands for each of them")
+        ->option_text("KEY")
+        ->needs(reader)
+        ->excludes(follow)
+        ->excludes(since)
+        ->excludes(dead);
   }
 
   void addChangingCommands() {
@@ -440,6 +459,11 @@ class Parser {
     set->add_flag("--no-timeout", options.isUnlimited, "Let runs take any time")->excludes(timeout);
     set->add_option("--next", options.next, "Time of the next run; later runs follow from it")
         ->option_text("TIME");
+    CLI::Option* metrics = set->add_flag(
+        "--metrics", options.isMarked,
+        "Let koduexporter and koductl metrics show metrics of this task; at most 1000 tasks");
+    set->add_flag("--no-metrics", options.isUnmarked, "Show no metrics of this task")
+        ->excludes(metrics);
   }
 
   /// What add and set share.

@@ -59,6 +59,8 @@ struct Options {
   // "tomorrow").
   std::optional<std::string> plugin, name, every, fileName, retryAfter, next, timeout;
   bool isUnlimited = false;  // set: without a timeout
+  // set: the task gets metrics of its own, or loses them
+  bool isMarked = false, isUnmarked = false;
   std::optional<int> retries;
   std::optional<std::string> key;
   bool ifMissing = false;  // add
@@ -86,7 +88,9 @@ struct Options {
   std::optional<std::string> since;  // account, events; nothing: the default of the command
 
   // events, with since and follow
-  std::string reader;  // "": none
+  std::string reader;      // "": none
+  bool onlyDead = false;   // those that could not be delivered
+  std::string redelivery;  // the key of one of them, or "all"; "": none
 
   // ledger
   std::string ledgerAction = "status";

@@ -1,5 +1,6 @@
 // koduexporter: serves the metrics of koducron to Prometheus.
 
+#include <algorithm>
 #include <clocale>
 #include <csignal>
 #include <memory>
@@ -28,6 +29,7 @@ int serve(const ExporterOptions& options) {
   readConfig(options.session.configFile, options.session.user);
   MonitorLimits limits;
   limits.countEvery = options.countEvery;
+  limits.collectEvery = std::min(limits.collectEvery, options.countEvery);
   std::unique_ptr<Monitor> monitor;
   const Scrape scrape = [&monitor](std::chrono::milliseconds limit) {
     return monitor->scrape(Monitor::Clock::now() + limit);

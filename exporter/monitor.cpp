@@ -8,8 +8,13 @@
 
 namespace {
 
-/// Reading all tasks takes a core of the server: at most a twentieth of the time.
-constexpr int kCountShare = 20;
+/// Each of the two works for at most a twentieth of the time.
+constexpr int kRestShare = 20;
+
+Monitor::Clock::duration restAfter(Monitor::Clock::time_point begin,
+                                   Monitor::Clock::duration least) {
+  return std::max(least, kRestShare * (Monitor::Clock::now() - begin));
+}
 
 }  // namespace
 
@@ -39,43 +44,67 @@ MetricsReading Monitor::scrape(Clock::time_point deadline) {
 
 void Monitor::answerScrapes(const std::stop_token& stop) {
   Part part{limits.statementSeconds, nullptr, ""};
-  bool isBehind = true;  // what happened before the start is counted before the first scrape
+  // What happened before the start is collected before the first scrape.
+  Counters counters{false, Clock::now()};
   std::unique_lock lock(mutex);
-  while (!stop.stop_requested()) {
-    if (!isBehind && !wanted.wait(lock, stop, [&] { return question > answer; })) {
-      return;
-    }
+  while (waitForScrape(lock, stop, counters.collectAt)) {
     const std::uint64_t asked = question;
+    const bool isAsked = asked > answer;
     lock.unlock();
-    const MetricsReading reading = read(part);
+    const MetricsReading reading = read(part, counters, isAsked);
     lock.lock();
-    isBehind = reading.isDatabaseUp && !reading.isCounted;
-    if (!reading.isDatabaseUp && tasks) {
+    if (part.session == nullptr && tasks) {
       tasks.reset();  // they may be of before an outage
       isCountWanted = true;
       idle.notify_all();
     }
-    latest = reading;
-    answer = asked;
-    answered.notify_all();
+    if (isAsked) {
+      latest = reading;
+      answer = asked;
+      answered.notify_all();
+    }
   }
 }
 
-MetricsReading Monitor::read(Part& part) {
+bool Monitor::waitForScrape(std::unique_lock<std::mutex>& lock, const std::stop_token& stop,
+                            std::optional<Clock::time_point> end) {
+  const auto isAsked = [this] { return question > answer; };
+  if (end) {
+    wanted.wait_until(lock, stop, *end, isAsked);
+  } else {
+    wanted.wait(lock, stop, isAsked);
+  }
+  return !stop.stop_requested();
+}
+
+MetricsReading Monitor::read(Part& part, Counters& counters, bool isAsked) {
   // A session that was lost between two scrapes is no failure of this one.
   for (bool isNew = part.session == nullptr;; isNew = true) {
     try {
-      MetricsReading reading = readMetrics(sessionOf(part));
+      collect(sessionOf(part), counters);
+      MetricsReading reading = isAsked ? readMetrics(*part.session) : MetricsReading();
+      reading.isCounted = counters.areComplete;
       note(part, "");
       return reading;
     } catch (const Failure& e) {
       part.session.reset();
+      counters = {false, std::nullopt};
       if (isNew || !e.sqlState.empty()) {
         note(part, e.what());
         return {};
       }
     }
   }
+}
+
+void Monitor::collect(Session& session, Counters& counters) const {
+  const auto begin = Clock::now();
+  if (counters.collectAt && begin < *counters.collectAt) {
+    return;
+  }
+  counters.areComplete = collectCounters(session);
+  counters.collectAt =
+      counters.areComplete ? Clock::now() + restAfter(begin, limits.collectEvery) : begin;
 }
 
 void Monitor::countTasks(const std::stop_token& stop) {
@@ -86,7 +115,7 @@ void Monitor::countTasks(const std::stop_token& stop) {
     std::optional<TaskFigures> figures;
     try {
       figures = readTasks(sessionOf(part));
-      rest = std::max<Clock::duration>(limits.countEvery, kCountShare * (Clock::now() - begin));
+      rest = restAfter(begin, limits.countEvery);
       note(part, "");
     } catch (const Failure& e) {
       part.session.reset();

@@ -17,14 +17,16 @@ class Session;
 
 /// How long the parts of a monitor take at most, and how often they work.
 struct MonitorLimits {
-  std::chrono::milliseconds countEvery{15000};  // from one reading of all tasks to the next
-  std::chrono::milliseconds retryEvery{2000};   // the same while it fails
-  std::chrono::milliseconds keepTasks{300000};  // older figures of tasks are not shown
-  int statementSeconds = 2, countSeconds = 30;  // limits of statements
+  std::chrono::milliseconds collectEvery{5000};  // from one collection of the counters to the next
+  std::chrono::milliseconds countEvery{15000};   // from one reading of all tasks to the next
+  std::chrono::milliseconds retryEvery{2000};    // the same while it fails
+  std::chrono::milliseconds keepTasks{300000};   // older figures of tasks are not shown
+  int statementSeconds = 2, countSeconds = 30;   // limits of statements
 };
 
 /// Reads the metrics by two sessions in threads of its own, so that no scrape waits for longer than
-/// it wants: one session answers scrapes, the other one reads all tasks now and then.
+/// it wants: one session answers scrapes and, between them, collects the counters; the other one
+/// reads all tasks now and then.
 class Monitor {
  public:
   using Clock = std::chrono::steady_clock;
@@ -39,8 +41,10 @@ class Monitor {
   Monitor(const Monitor&) = delete;
   Monitor& operator=(const Monitor&) = delete;
 
-  /// Reads the metrics now. Returns at `deadline` at the latest, then as if the database were away.
-  /// Any thread may call it; those who wait at the same moment share one reading.
+  /// Reads the metrics now, with the counters as last collected; when the next collection is due or
+  /// the last one failed, collects first. Returns at `deadline` at the latest, then as if the
+  /// database were away. Any thread may call it; those who wait at the same moment share one
+  /// reading.
   MetricsReading scrape(Clock::time_point deadline);
 
  private:
@@ -51,9 +55,21 @@ class Monitor {
     std::string problem;  // the last that was reported
   };
 
+  /// How far the counters are.
+  struct Counters {
+    bool areComplete = false;                    // else they are not shown
+    std::optional<Clock::time_point> collectAt;  // nothing: at the next scrape
+  };
+
   void answerScrapes(const std::stop_token& stop);
   void countTasks(const std::stop_token& stop);
-  MetricsReading read(Part& part);
+  /// Returns at `end`, too. False when the thread is to stop.
+  bool waitForScrape(std::unique_lock<std::mutex>& lock, const std::stop_token& stop,
+                     std::optional<Clock::time_point> end);
+  /// Collects the counters when it is time; reads when somebody has asked. Leaves the part without
+  /// a session when the database does not answer.
+  MetricsReading read(Part& part, Counters& counters, bool isAsked);
+  void collect(Session& session, Counters& counters) const;
   Session& sessionOf(Part& part);
   void connect(Part& part);
   void note(Part& part, const std::string& problem);

@@ -18,10 +18,12 @@ CREATE TABLE IF NOT EXISTS kodu_event_reader (
     xact      bigint NOT NULL,
     ledger_id bigint NOT NULL,
     created   timestamp NOT NULL DEFAULT (now() AT TIME ZONE 'UTC'),
-    moved     timestamp NOT NULL DEFAULT (now() AT TIME ZONE 'UTC')
+    moved     timestamp NOT NULL DEFAULT (now() AT TIME ZONE 'UTC'),
+    again     bigint NOT NULL DEFAULT 0  -- the last number in kodu_event_dead
 ) WITH (fillfactor = 50);
+ALTER TABLE kodu_event_reader ADD COLUMN IF NOT EXISTS again bigint NOT NULL DEFAULT 0;
 
--- Events that a program could not deliver.
+-- Events that a program could not deliver. again: to be read again, in this order.
 CREATE TABLE IF NOT EXISTS kodu_event_dead (
     reader text NOT NULL,
     key    text NOT NULL,
@@ -29,8 +31,12 @@ CREATE TABLE IF NOT EXISTS kodu_event_dead (
     tries  integer NOT NULL,
     error  text NOT NULL,
     died   timestamp NOT NULL DEFAULT (now() AT TIME ZONE 'UTC'),
+    again  bigint,
     PRIMARY KEY (reader, key)
 );
+ALTER TABLE kodu_event_dead ADD COLUMN IF NOT EXISTS again bigint;
+CREATE INDEX IF NOT EXISTS kodu_event_dead_again ON kodu_event_dead (reader, again)
+    WHERE again IS NOT NULL;
 
 CREATE TABLE IF NOT EXISTS kodu_event_setting (
     only_row boolean PRIMARY KEY DEFAULT TRUE CHECK (only_row),
@@ -201,7 +207,7 @@ $$;
 -- The next events that `reader` has not yet called kodu_events_done for, in the order of their
 -- transactions; none: all have been read. The first call creates the reader, which gets the events of
 -- transactions that end from then on. The same are returned until they are done, so a program that ends
--- in between gets them again, with the same keys.
+-- in between gets them again, with the same keys. Those of kodu_events_redeliver come first, and alone.
 CREATE OR REPLACE FUNCTION kodu_events(reader text, "limit" integer DEFAULT 100)
 RETURNS TABLE (key text, "position" text, event json)
 LANGUAGE plpgsql SECURITY DEFINER
@@ -218,6 +224,12 @@ BEGIN
     IF place.name IS NULL THEN
         INSERT INTO kodu_event_reader (name, owner, xact, ledger_id)
         VALUES (reader, session_user, horizon, 0) ON CONFLICT DO NOTHING;
+        RETURN;
+    END IF;
+    RETURN QUERY
+        SELECT dead.key, '0/' || dead.again, dead.event FROM kodu_event_dead AS dead
+        WHERE dead.reader = place.name AND dead.again IS NOT NULL ORDER BY dead.again LIMIT "limit";
+    IF FOUND THEN
         RETURN;
     ELSIF place.xact > horizon THEN
         -- A copy on another server, which counts its transactions from the start.
@@ -254,7 +266,8 @@ BEGIN
 END
 $$;
 
--- The events up to this position need not be returned again. An earlier position changes nothing.
+-- The events up to this position need not be returned again. An earlier position changes nothing; 0/N is
+-- one of kodu_event_dead.
 CREATE OR REPLACE FUNCTION kodu_events_done(reader text, "position" text) RETURNS void
 LANGUAGE plpgsql SECURITY DEFINER
 SET search_path = pg_catalog, public, pg_temp SET lock_timeout = '10s' AS $$
@@ -268,6 +281,10 @@ BEGIN
     ELSIF reached.xact >= pg_snapshot_xmin(pg_current_snapshot())::text::bigint THEN
         RAISE EXCEPTION 'the position % has not been reached yet', "position" USING
             ERRCODE = 'invalid_parameter_value', HINT = 'Pass what kodu_events() has returned.';
+    ELSIF reached.xact = 0 THEN
+        DELETE FROM kodu_event_dead AS dead
+        WHERE dead.reader = place.name AND dead.again <= reached.ledger_id;
+        RETURN;
     END IF;
     UPDATE kodu_event_reader
     SET xact = reached.xact, ledger_id = reached.ledger_id, moved = now() AT TIME ZONE 'UTC'
@@ -283,6 +300,35 @@ BEGIN
     PERFORM kodu_events_done(reader, "position");
     INSERT INTO kodu_event_dead AS dead (reader, key, event, tries, error)
     VALUES (reader, event ->> 'key', event, tries, error) ON CONFLICT DO NOTHING;
+END
+$$;
+
+-- Lets the reader read an event again that was put aside, or all of them. Returns how many there are.
+CREATE OR REPLACE FUNCTION kodu_events_redeliver(reader text, key text DEFAULT NULL) RETURNS integer
+LANGUAGE plpgsql SECURITY DEFINER
+SET search_path = pg_catalog, public, pg_temp SET lock_timeout = '10s' AS $$
+DECLARE
+    place kodu_event_reader := kodu_event_lock_reader(reader);
+    found_dead integer;
+BEGIN
+    IF place.name IS NULL THEN
+        RAISE EXCEPTION 'there is no reader %', reader USING
+            ERRCODE = 'no_data_found', HINT = 'kodu_events() creates it.';
+    END IF;
+    -- Numbers are never used twice, so a late kodu_events_done is not about events that it does not mean.
+    UPDATE kodu_event_dead AS dead SET again = place.again + numbered.number
+    FROM (SELECT one.key, row_number() OVER (ORDER BY length(one.key), one.key) AS number
+          FROM kodu_event_dead AS one
+          WHERE one.reader = place.name AND one.again IS NULL
+            AND one.key = COALESCE(kodu_events_redeliver.key, one.key)) AS numbered
+    WHERE dead.reader = place.name AND dead.key = numbered.key;
+    GET DIAGNOSTICS found_dead = ROW_COUNT;
+    IF found_dead = 0 AND kodu_events_redeliver.key IS NOT NULL THEN
+        RAISE EXCEPTION 'no event % of the reader % was put aside', kodu_events_redeliver.key, reader USING
+            ERRCODE = 'no_data_found', HINT = 'koductl events --dead lists them.';
+    END IF;
+    UPDATE kodu_event_reader SET again = place.again + found_dead WHERE name = reader;
+    RETURN found_dead;
 END
 $$;
 
@@ -378,12 +424,13 @@ END
 $$;
 GRANT USAGE ON SCHEMA public TO kodu_reader;
 GRANT SELECT ON kodu_event TO kodu, kodu_admin, kodu_reader;
+GRANT SELECT ON kodu_event_dead TO kodu;
 GRANT SELECT, DELETE ON kodu_event_dead TO kodu_admin;
 GRANT SELECT ON kodu_event_reader, kodu_event_setting TO kodu_admin;
 -- The ledger calls it with the rights of the role that changes a task. The view calls the others.
 GRANT EXECUTE ON FUNCTION kodu_event_notify, kodu_event_word, kodu_event_time TO PUBLIC;
-GRANT EXECUTE ON FUNCTION kodu_events, kodu_events_done, kodu_events_bury, kodu_events_start,
-                          kodu_events_forget TO kodu, kodu_admin, kodu_reader;
+GRANT EXECUTE ON FUNCTION kodu_events, kodu_events_done, kodu_events_bury, kodu_events_redeliver,
+                          kodu_events_start, kodu_events_forget TO kodu, kodu_admin, kodu_reader;
 GRANT EXECUTE ON FUNCTION kodu_events_notify TO kodu_admin;
 GRANT EXECUTE ON FUNCTION kodu_event_maintain TO kodu;
 

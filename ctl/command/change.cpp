@@ -89,6 +89,9 @@ void printIds(const Options& options, const std::vector<int>& ids) {
 void apply(Session& session, const TaskChange& change, std::vector<int> ids) try {
   std::sort(ids.begin(), ids.end());
   change.call.runForEach(session, ids);
+  if (change.further) {
+    change.further->runForEach(session, ids);
+  }
 } catch (const Failure& e) {
   if (ids.size() > 1) {
     throw Failure(e.exitCode, fmt::format("{}\nnone of the tasks was changed", e.what()),
@@ -121,7 +124,13 @@ void changeOnTrial(Session& session, const Options& options, const TaskChange& c
 
 void changeOne(Session& session, const Options& options, const TaskChange& change,
                const Task& before) {
-  apply(session, change, {before.id});
+  if (change.further) {
+    Transaction transaction(session, kEndWithoutKoductl);
+    apply(session, change, {before.id});
+    transaction.commit();
+  } else {
+    apply(session, change, {before.id});
+  }
   if (options.asJson || !change.report) {
     reportChange(session, options, before.id, change.result);
   } else {
@@ -177,6 +186,9 @@ void confirm(Session& session, const Options& options, const std::string& verb,
 int changeTasks(Session& session, const Options& options, const TaskChange& change) {
   const std::vector<int> ids = selectedIds(session, options, change.verb, change.takesDeleted);
   change.call.requireRight(session);
+  if (change.further) {
+    change.further->requireRight(session);
+  }
   if (ids.empty() && options.asJson) {
     printIds(options, ids);
   } else if (ids.empty()) {

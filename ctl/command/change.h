@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,8 @@ struct TaskChange {
   std::string loss{};
   /// Called with the first of the changed tasks at the end.
   std::function<void(int id)> afterwards = nullptr;
+  /// A second call for each task, in the same transaction.
+  std::optional<Call> further{};
 };
 
 /// The ids of the tasks that the options select for `verb`, in the order of the selection; without

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ctl/command/commands.h"
+#include "ctl/command/deadEvents.h"
 #include "ctl/failure.h"
 #include "ctl/options.h"
 #include "ctl/session/moment.h"
@@ -163,6 +164,12 @@ class EventPrinter {
 }  // namespace
 
 int runEvents(const Options& options) {
+  if (options.onlyDead) {
+    return printDeadEvents(options);
+  }
+  if (!options.redelivery.empty()) {
+    return redeliverEvents(options);
+  }
   if (!options.reader.empty() && options.since) {
     throw Failure(kWrongUsage,
                   "a reader continues where it stopped: give --reader or --since, not both");

@@ -27,6 +27,7 @@ MetricsReading read(const Options& options) {
   while (!collectCounters(session)) {
   }
   MetricsReading reading = readMetrics(session);
+  reading.isCounted = true;
   reading.tasks = readTasks(session);
   return reading;
 }

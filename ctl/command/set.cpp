@@ -18,6 +18,15 @@ int runSet(const Options& options) {
       .with("parameters", "text", parametersOf(options));
   giveDefinition(call, options);
   TaskChange change{call, "set", "changed"};
+  if (options.isMarked || options.isUnmarked) {
+    Call mark("kodu_metric_mark");
+    mark.with("marked", "boolean", options.isMarked ? "true" : "false");
+    if (call.hasArguments()) {
+      change.further = mark;
+    } else {
+      change.call = mark;
+    }
+  }
   if (options.plugin || options.timeout) {  // all of them have the same
     change.afterwards = [&](int id) { warnOfPlugin(session, id); };
   }

@@ -86,7 +86,6 @@ bool collectCounters(Session& session) {
 MetricsReading readMetrics(Session& session) {
   const auto begin = std::chrono::system_clock::now();
   MetricsReading reading;
-  reading.isCounted = collectCounters(session);
   const Rows rows = session.query(kCounters);
   for (int row = 0; row < rows.count(); ++row) {
     reading.counters.push_back({rows.text(row, "host"), rows.text(row, "name"),

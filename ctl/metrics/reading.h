@@ -61,7 +61,7 @@ struct MetricsReading {
 
 /// Moves the counters on by some transactions. False while there is more.
 bool collectCounters(Session& session);
-/// Reads everything but the tasks, after one call of collectCounters().
+/// Reads everything but the tasks in some milliseconds. The caller says whether all is counted.
 MetricsReading readMetrics(Session& session);
 /// Takes some seconds for a million tasks.
 TaskFigures readTasks(Session& session);

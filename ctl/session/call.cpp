@@ -13,12 +13,22 @@ constexpr const char* kMayCall = R"(
 SELECT bool_or(has_function_privilege(oid, 'EXECUTE')) AS allowed, current_user AS role
 FROM pg_proc WHERE proname = $1 AND pronamespace = 'public'::regnamespace)";
 
+const char* fileOf(const std::string& function) {
+  for (const auto& [prefix, file] : {std::pair("kodu_ledger_", "ledger.sql"),
+                                     {"kodu_events_", "events.sql"},
+                                     {"kodu_metric_", "metrics.sql"}}) {
+    if (function.starts_with(prefix)) {
+      return file;
+    }
+  }
+  return "functions.sql";
+}
+
 void requireRightTo(Session& session, const std::string& function) {
   const Rows answer = session.query(kMayCall, {function});
   if (answer.isNull(0, "allowed")) {
-    const char* file = function.starts_with("kodu_ledger_") ? "ledger.sql" : "functions.sql";
     throw Failure(kRefused, fmt::format("the database has no function {}: load sql/{} as its owner",
-                                        function, file));
+                                        function, fileOf(function)));
   }
   if (!answer.isTrue(0, "allowed")) {
     throw Failure(kNotPermitted,

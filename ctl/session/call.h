@@ -17,6 +17,8 @@ class Call {
              const std::optional<std::string>& value);
   Call& with(const std::string& name, std::optional<int> value);
 
+  bool hasArguments() const { return !arguments.empty(); }
+
   /// Runs it and returns its rows; a single value is the column "result". Throws Failure:
   /// kNotPermitted when the session's role may not call it, kRefused when the function raises an
   /// error.

@@ -118,6 +118,11 @@ TEST_F(JsonSchemaTest, DescribesTheLedger) {
   keep("ledger", {"ledger"});
   ASSERT_TRUE(waitUntil([&] { return run({"events"}).out.find("failed") != std::string::npos; }));
   keep("events", {"events"});
+  database.query(
+      "SELECT kodu_events_start('mine', now() - interval '1 hour');"
+      "SELECT kodu_events_bury('mine', position, event, 3, 'HTTP 503') FROM kodu_events('mine')");
+  keep("events_dead", {"events", "--dead"});
+  keep("events_redeliver", {"events", "--reader", "mine", "--redeliver", "all"});
   keep("health", {"health"});
   EXPECT_EQ(violations(), "");
 }

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,7 +43,7 @@ class ExporterTest : public DaemonTest {
                                     "--listen",
                                     "127.0.0.1:0",
                                     "--count-every",
-                                    "1"};
+                                    countEvery};
     all.insert(all.end(), options.begin(), options.end());
     std::vector<char*> pointers;
     for (std::string& text : all) {
@@ -98,6 +99,12 @@ class ExporterTest : public DaemonTest {
     return R"(koducron_runs_total{host="127.0.0.1",outcome=")" + outcome + R"("})";
   }
 
+  /// When the counters were collected.
+  std::string collectedAt() const {
+    return database.value("SELECT read_at FROM kodu_metric_state");
+  }
+
+  std::string countEvery = "1";
   Ledger ledger{database};
   pid_t process = -1;
   int port = 0;
@@ -153,6 +160,33 @@ TEST_F(ExporterTest, ShowsNothingStaleWhileTheDatabaseIsAway) {
   EXPECT_TRUE(waitForSample("koducron_tasks_read_timestamp_seconds", 1));
   EXPECT_THAT(said(), HasSubstr("koduexporter: no answer from the database: "));
   EXPECT_THAT(said(), HasSubstr("koduexporter: the database answers\n"));
+}
+
+TEST_F(ExporterTest, CollectsTheCountersBesideTheScrapes) {
+  countEvery = "60";
+  start();
+  ASSERT_EQ(sample("koducron_database_up"), 1);
+  const std::string first = collectedAt();
+  EXPECT_TRUE(waitUntil([&] { return collectedAt() != first; }, kPatience))
+      << "nobody needs to scrape";
+  std::set<std::string> times;
+  const auto begin = std::chrono::steady_clock::now();
+  for (int number = 0; number < 20; ++number) {
+    EXPECT_EQ(sample("koducron_skipped_periods_total{reason=\"overrun\"}"), 0);
+    times.insert(collectedAt());
+  }
+  const auto periods = (std::chrono::steady_clock::now() - begin) / std::chrono::seconds(5);
+  EXPECT_LE(times.size(), static_cast<std::size_t>(periods) + 2) << "not at each scrape";
+}
+
+TEST_F(ExporterTest, ShowsNoCountersThatItCannotCollect) {
+  start();
+  ASSERT_EQ(sample("koducron_database_up"), 1);
+  database.query("BEGIN; SELECT FROM kodu_metric_state FOR UPDATE");
+  EXPECT_TRUE(waitUntil([&] { return sample("koducron_database_up") == 0; }, kPatience));
+  EXPECT_THAT(scrape(), Not(HasSubstr("koducron_skipped_periods_total")));
+  database.query("ROLLBACK");
+  EXPECT_EQ(sample("koducron_skipped_periods_total{reason=\"overrun\"}"), 0);
 }
 
 TEST_F(ExporterTest, DoesNotMissAScrapeWhenItsSessionWasEnded) {

@@ -264,6 +264,24 @@ TEST_F(NotifyTest, PutsAnEventAsideWhoseCommandFails) {
   EXPECT_THAT(log(), HasSubstr("is put aside after 3 tries"));
 }
 
+TEST_F(NotifyTest, DeliversWhatWasPutAsideWhenItIsTold) {
+  const std::string out = directory / "out";
+  configure("command: [/bin/sh, -c, \"test -e " + out + " && echo {event} {task} >>" + out +
+            "\"]\ntries: 1\n");
+  end(1, "FAILED");
+  end(2, "FAILED");
+  awaitHorizon();
+  EXPECT_EQ(run(), 0) << log();
+  ASSERT_EQ(database.value("SELECT count(*) FROM kodu_event_dead"), "2") << log();
+  writeFile(out, "");
+  EXPECT_EQ(run(), 0) << log();
+  EXPECT_EQ(readFile(out), "");
+  database.query("SELECT kodu_events_redeliver('pager')");
+  EXPECT_EQ(run(), 0) << log();
+  EXPECT_EQ(readFile(out), "failed 1\nfailed 2\n");
+  EXPECT_EQ(deadLetters(), "");
+}
+
 TEST_F(NotifyTest, EndsACommandThatTakesTooLong) {
   configure("command: [/bin/sh, -c, \"sleep 1000 & sleep 1000\"]\ntries: 1\n");
   writeFile(configPath, readFile(configPath) + "timeout: 0.2\n");

@@ -298,6 +298,45 @@ TEST_F(EventsTest, CanBePutAside) {
             keys.back() + " 10 HTTP 500");
 }
 
+TEST_F(EventsTest, ReturnOnceMoreAfterTheyWerePutAside) {
+  daemon.runOnce(1, "FAILED");
+  daemon.runOnce(1);
+  const std::string bury =
+      "SELECT kodu_events_bury('r', position, event, 3, 'HTTP 500') FROM kodu_events('r', 1)";
+  ASSERT_TRUE(waitUntil([&] { return take("r").size() == 2; }));
+  database.query(bury);
+  database.query(bury);
+  ASSERT_EQ(database.value("SELECT count(*) FROM kodu_event_dead"), "2");
+  const std::string first = database.value("SELECT min(key::bigint) FROM kodu_event_dead");
+  EXPECT_THAT(take("r"), IsEmpty());
+  daemon.runOnce(1, "FAILED");
+
+  EXPECT_EQ(database.value("SELECT kodu_events_redeliver('r', '" + first + "')"), "1");
+  EXPECT_THAT(take("r"), ElementsAre("failed 1")) << "before newer events";
+  EXPECT_THAT(take("r"), ElementsAre("failed 1")) << "until it is done";
+  const std::string position = database.value("SELECT position FROM kodu_events('r')");
+  EXPECT_EQ(database.value("SELECT kodu_events_redeliver('r')"), "1");
+  database.query("SELECT kodu_events_done('r', '" + position + "')");
+  EXPECT_THAT(take("r"), ElementsAre("recovered 1"));
+  database.query("SELECT kodu_events_done('r', '" + position + "')");
+  EXPECT_THAT(take("r"), ElementsAre("recovered 1")) << "not by an old position";
+
+  database.query(bury);
+  EXPECT_EQ(
+      database.value("SELECT key::bigint > " + first + " AND again IS NULL FROM kodu_event_dead"),
+      "t")
+      << "put aside once more";
+  EXPECT_EQ(database.value("SELECT kodu_events_redeliver('r')"), "1");
+  database.query("SELECT kodu_events_done('r', max(position)) FROM kodu_events('r')");
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_event_dead"), "0");
+  EXPECT_EQ(database.value("SELECT kodu_events_redeliver('r')"), "0");
+  EXPECT_TRUE(waitUntil([&] { return take("r") == std::vector<std::string>{"failed 1"}; }));
+  EXPECT_THAT(refusalOf("SELECT kodu_events_redeliver('r', '1')"),
+              HasSubstr("no event 1 of the reader r was put aside"));
+  EXPECT_THAT(refusalOf("SELECT kodu_events_redeliver('nobody')"),
+              HasSubstr("there is no reader nobody"));
+}
+
 TEST_F(EventsTest, HaveOnlyPositionsThatWereReturned) {
   EXPECT_THAT(refusalOf("SELECT kodu_events_done('r', '1; DROP')"), HasSubstr("not a position"));
   EXPECT_THAT(refusalOf("SELECT kodu_events_done('r', NULL)"), HasSubstr("not a position"));
@@ -321,9 +360,9 @@ TEST_F(EventsTest, BelongToTheRoleThatReadsThem) {
               HasSubstr("permission denied"));
   EXPECT_EQ(database.value("SELECT count(*) FROM kodu_event"), "0");
   database.query("RESET SESSION AUTHORIZATION; SET SESSION AUTHORIZATION " + other);
-  for (const std::string call :
-       {"kodu_events('mine')", "kodu_events_done('mine', '3/1')",
-        "kodu_events_start('mine', now())", "kodu_events_forget('mine')"}) {
+  for (const std::string call : {"kodu_events('mine')", "kodu_events_done('mine', '3/1')",
+                                 "kodu_events_start('mine', now())",
+                                 "kodu_events_redeliver('mine')", "kodu_events_forget('mine')"}) {
     EXPECT_THAT(refusalOf("SELECT " + call), HasSubstr("belongs to the role " + one)) << call;
   }
   database.query("RESET SESSION AUTHORIZATION");

@@ -117,6 +117,32 @@ TEST_F(EventsCommandTest, GivesAReaderEachEventOnce) {
   EXPECT_THAT(readFile(outPath()), testing::Not(HasSubstr("task1")));
 }
 
+TEST_F(EventsCommandTest, DeliversAgainWhatCouldNotBeDelivered) {
+  ASSERT_EQ(run({"events", "--reader", "mine"}).exitCode, 0);
+  fail(1);
+  ASSERT_TRUE(awaitEvents(1));
+  EXPECT_EQ(run({"events", "--dead"}).out, "");
+  const std::string key = database.value(
+      "SELECT key FROM kodu_events('mine'), kodu_events_bury('mine', position, event, 3, 'HTTP "
+      "503')");
+  const CtlResult dead = run({"events", "--dead"});
+  EXPECT_EQ(dead.exitCode, 0) << dead.err;
+  EXPECT_THAT(dead.out, testing::MatchesRegex("[-0-9]+ [:0-9]+  failed             1  task1  key " +
+                                              key + " of mine, 3 attempts: HTTP 503\n"));
+  EXPECT_EQ(run({"events", "--dead", "--reader", "other"}).out, "");
+  EXPECT_EQ(run({"events", "--reader", "mine"}).out, "");
+
+  const CtlResult again = runAsAdmin({"events", "--reader", "mine", "--redeliver", key});
+  EXPECT_EQ(again.exitCode, 0) << again.err;
+  EXPECT_EQ(again.out, "1 event will be delivered again\n");
+  EXPECT_THAT(run({"events", "--reader", "mine"}).out, HasSubstr(" failed "));
+  EXPECT_EQ(run({"events", "--dead"}).out, "");
+  EXPECT_EQ(runAsAdmin({"events", "--reader", "mine", "--redeliver", "all"}).out,
+            "0 events will be delivered again\n");
+  EXPECT_EQ(runAsAdmin({"events", "--reader", "mine", "--redeliver", key}).exitCode, 65);
+  EXPECT_EQ(runAsAdmin({"events", "--redeliver", "all"}).exitCode, 64);
+}
+
 TEST_F(EventsCommandTest, IsForAnyRoleThatMayRead) {
   database.query("GRANT kodu_reader TO " + admin() + "; REVOKE kodu_admin FROM " + admin());
   fail(1);

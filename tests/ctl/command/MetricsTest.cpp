@@ -46,6 +46,24 @@ TEST_F(MetricsTest, CountsRunsAndTasks) {
               HasSubstr("_failing_since_timestamp_seconds{task_id=\"1\",task=\"task1\"} "));
 }
 
+TEST_F(MetricsTest, HasMetricsOfATaskThatWasChosen) {
+  const std::string series = "\nkoducron_task_ok{task_id=\"1\",task=\"task1\"} 1\n";
+  runOnce("OK");
+  EXPECT_THAT(run({"metrics"}).out, Not(HasSubstr(series)));
+  const CtlResult chosen = runAsAdmin({"set", "1", "--metrics"});
+  EXPECT_EQ(chosen.exitCode, 0) << chosen.err;
+  EXPECT_THAT(chosen.out, StartsWith("task 1 (task1) changed; "));
+  EXPECT_THAT(run({"metrics"}).out, HasSubstr(series));
+  EXPECT_EQ(runAsAdmin({"set", "1", "--no-metrics", "--every", "2h"}).exitCode, 0);
+  EXPECT_THAT(run({"metrics"}).out, Not(HasSubstr(series)));
+  EXPECT_EQ(database.task(1, "cron_interval"), "02:00:00");
+  EXPECT_EQ(runAsAdmin({"set", "1", "--metrics", "--every", "0s"}).exitCode, 65);
+  EXPECT_EQ(runAsAdmin({"set", "1", "--metrics", "--dry-run"}).exitCode, 0);
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_metric_mark"), "0") << "all or nothing";
+  EXPECT_EQ(runAsAdmin({"set", "1", "--metrics", "--no-metrics"}).exitCode, 64);
+  EXPECT_EQ(run({"set", "1", "--metrics"}).exitCode, 77);
+}
+
 TEST_F(MetricsTest, HasTwoFormats) {
   EXPECT_THAT(run({"metrics"}).out, Not(HasSubstr("# EOF")));
   EXPECT_THAT(run({"metrics", "--openmetrics"}).out, EndsWith("# EOF\n"));
