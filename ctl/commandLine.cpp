@@ -204,6 +204,11 @@ class Parser {
             "The sentences say when the task was due, what it waits for, how many retries are used "
             "and since when it has been failing. They also say whether its plugin can be run, "
             "whether its output can be written and which rule set its next run.");
+    CLI::App* next = addTaskCommand("next", "List the coming runs of a task", runNext);
+    next->footer("A task that is paused or being deleted has none.");
+    next->add_option("-n,--count", options.count, "List at most COUNT runs")
+        ->option_text(valueWithDefault("COUNT", std::to_string(options.count)))
+        ->check(CLI::Range(1, kMostListed));
     addOutputs();
     addCommand("daemon", "Show how the daemon is doing", runDaemon)
         ->footer(
@@ -427,15 +432,14 @@ class Parser {
   void addAdd() {
     CLI::App* add = addCommand("add", "Add a task", runAdd);
     add->footer(
-        "The daemon runs PLUGIN every INTERVAL with the arguments that follow --. A plugin that "
-        "cannot be run on this machine causes a warning.");
+        "The daemon runs PLUGIN every INTERVAL, or at the times of a CALENDAR, with the arguments "
+        "that follow --. A plugin that cannot be run on this machine causes a warning.");
     add->add_option("PLUGIN", options.plugin,
                     "Name of the plugin in the catalogue, or path of its program")
         ->required();
     addDefinition(add);
-    add->get_option("--every")->required();
     add->add_option("--first", options.next, "Time of the first run")
-        ->option_text("TIME (in 3 seconds)");
+        ->option_text("TIME (in 3 seconds; with --at, the calendar's next time)");
     add->add_option("--timeout", options.timeout,
                     "End a run after this time, by running the plugin through koduguard")
         ->option_text("INTERVAL (no limit)");
@@ -457,7 +461,11 @@ class Parser {
                         "End a run after this time, by running the plugin through koduguard")
             ->option_text("INTERVAL");
     set->add_flag("--no-timeout", options.isUnlimited, "Let runs take any time")->excludes(timeout);
-    set->add_option("--next", options.next, "Time of the next run; later runs follow from it")
+    set->add_flag("--no-at", options.isWithoutCalendar,
+                  "Run every INTERVAL again instead of at the times of a calendar")
+        ->excludes(set->get_option("--at"));
+    set->add_option("--next", options.next,
+                    "Time of the next run; later runs follow from it, or from the calendar")
         ->option_text("TIME");
     CLI::Option* metrics = set->add_flag(
         "--metrics", options.isMarked,
@@ -474,6 +482,10 @@ class Parser {
     sub->add_option("--every", options.every,
                     "Interval of the runs, such as 90s, 5m or 1h: whole seconds, at most 366 days")
         ->option_text("INTERVAL");
+    sub->add_option("--at", options.calendar,
+                    "Calendar of the runs, such as 0 3 * * mon-fri, in the time zone of --zone; "
+                    "INTERVAL then applies only if the calendar cannot be evaluated")
+        ->option_text("CALENDAR");
     sub->add_option("--retries", options.retries,
                     "Number of retries after a failed run; a new task has 1")
         ->option_text("COUNT")

@@ -41,7 +41,7 @@ struct Options {
   int outputs = 10;             // at most
   bool onlyFailed = false;
 
-  // history, output
+  // history, next, output
   int count = 20;        // rows
   std::string archived;  // "": the last output; a file name, or a number counted from the latest
   bool follow = false;
@@ -58,7 +58,9 @@ struct Options {
   // intervals in the syntax of PostgreSQL ("90 s", "5m"), and so are times ("2030-01-01 12:00",
   // "tomorrow").
   std::optional<std::string> plugin, name, every, fileName, retryAfter, next, timeout;
-  bool isUnlimited = false;  // set: without a timeout
+  std::optional<std::string> calendar;  // its zone is `zone`
+  bool isUnlimited = false;             // set: without a timeout
+  bool isWithoutCalendar = false;       // set
   // set: the task gets metrics of its own, or loses them
   bool isMarked = false, isUnmarked = false;
   std::optional<int> retries;

@@ -16,7 +16,8 @@
 -- A `timestamp` is what the zone's clock shows, or a clock in UTC where its name ends in _utc. A day
 -- added to it is 24 hours in every session, which is not so with a `timestamptz`.
 --
--- Callers use kodu_calendar_parse and the last three functions, which set the search_path for the others.
+-- Callers use kodu_calendar_parse, kodu_calendar_count and the last three functions, which set the
+-- search_path for the others.
 
 BEGIN;
 SET LOCAL client_min_messages = warning;  -- nothing about what exists already
@@ -468,6 +469,155 @@ BEGIN
         END IF;
     END LOOP;
     RETURN NULL;
+END
+$$;
+
+-- Counting ---------------------------------------------------------------------------------------
+
+-- How many minutes from `start` on and before `stop`, counted from midnight, one of the expressions behind
+-- `places` allows on a day that they allow.
+CREATE OR REPLACE FUNCTION kodu_calendar_count_minutes(calendar bigint[], places integer[],
+                                                       start integer, stop integer)
+RETURNS integer LANGUAGE plpgsql IMMUTABLE PARALLEL SAFE AS $$
+DECLARE
+    hours bigint := 0;
+    minutes bigint;
+    hour integer;
+    place integer;
+    found integer := 0;
+BEGIN
+    FOREACH place IN ARRAY places LOOP
+        hours := hours | calendar[place + 2];
+    END LOOP;
+    hours := hours & ((1::bigint << (stop + 59) / 60) - (1::bigint << start / 60));
+    WHILE hours <> 0 LOOP
+        hour := kodu_calendar_lowest_bit(hours);
+        hours := hours & (hours - 1);
+        minutes := 0;
+        FOREACH place IN ARRAY places LOOP
+            IF (calendar[place + 2] >> hour) & 1 = 1 THEN
+                minutes := minutes | calendar[place + 1];
+            END IF;
+        END LOOP;
+        IF start > 60 * hour OR stop < 60 * hour + 60 THEN
+            minutes := minutes & ((1::bigint << least(stop - 60 * hour, 60))
+                                  - (1::bigint << greatest(start - 60 * hour, 0)));
+        END IF;
+        found := found + bit_count(minutes::bit(64));
+    END LOOP;
+    RETURN found;
+END
+$$;
+
+-- How many readings of the zone's clock from `start` on and before `stop` the calendar allows: only its
+-- expressions whose rules, bit 1, are among `rules`: 0 and 1, or one of them.
+CREATE OR REPLACE FUNCTION kodu_calendar_count_readings(calendar bigint[], rules integer[],
+                                                        start timestamp, stop timestamp)
+RETURNS bigint LANGUAGE plpgsql IMMUTABLE PARALLEL SAFE AS $$
+DECLARE
+    first timestamp := date_trunc('minute', start + interval '59.999999 seconds');
+    -- The first minute that no longer counts.
+    behind timestamp := date_trunc('minute', stop + interval '59.999999 seconds');
+    day date := first;
+    month date;
+    days bigint[];  -- of each expression, in this month
+    places integer[];
+    place integer;
+    whole_places integer[];  -- of the last whole day
+    whole_day integer;
+    found bigint := 0;
+BEGIN
+    WHILE day < behind LOOP
+        IF month IS NULL OR date_part('day', day) = 1 THEN
+            month := day - (date_part('day', day)::integer - 1);
+            FOR n IN 0 .. cardinality(calendar) / 6 - 1 LOOP
+                days[n] := CASE
+                    WHEN calendar[6 * n + 6] & 1 = ANY (rules)
+                         AND (calendar[6 * n + 4] >> date_part('month', day)::integer) & 1 = 1
+                    THEN kodu_calendar_days(calendar[6 * n + 3], calendar[6 * n + 5],
+                                            calendar[6 * n + 6], month)
+                    ELSE 0 END;
+            END LOOP;
+        END IF;
+        places := '{}';
+        FOR n IN 0 .. cardinality(calendar) / 6 - 1 LOOP
+            IF (days[n] >> date_part('day', day)::integer) & 1 = 1 THEN
+                places := places || 6 * n;
+            END IF;
+        END LOOP;
+        IF places <> '{}' THEN
+            IF first > day OR behind < day + 1 THEN
+                found := found + kodu_calendar_count_minutes(
+                    calendar, places,
+                    greatest(date_part('epoch', first - day)::integer / 60, 0),
+                    least(date_part('epoch', behind - day)::integer / 60, 1440));
+            ELSE
+                IF whole_places IS DISTINCT FROM places THEN
+                    whole_places := places;
+                    whole_day := kodu_calendar_count_minutes(calendar, places, 0, 1440);
+                END IF;
+                found := found + whole_day;
+            END IF;
+        END IF;
+        day := day + 1;
+    END LOOP;
+    RETURN found;
+END
+$$;
+
+-- How many times a calendar that kodu_calendar_parse has returned has from `first` on and before `until`:
+-- the same as a walk with kodu_calendar_next_parsed, but by months, days and hours.
+CREATE OR REPLACE FUNCTION kodu_calendar_count(calendar bigint[], zone text, first timestamptz,
+                                               until timestamptz)
+RETURNS bigint
+LANGUAGE plpgsql STABLE STRICT PARALLEL SAFE SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    at_utc timestamp := timezone('UTC', first);
+    until_utc timestamp := timezone('UTC', until);
+    end_utc timestamp;
+    shown timestamp := kodu_calendar_local(zone, at_utc);
+    shown_end timestamp;
+    change_utc timestamp;
+    fresh timestamp := shown;  -- from here on the clock has shown nothing yet
+    found bigint := 0;
+BEGIN
+    IF shown - kodu_calendar_local(zone, at_utc - interval '1 day') <> interval '1 day' THEN
+        change_utc := kodu_calendar_change(zone, date_trunc('second', at_utc - interval '1 day'), 86401);
+        fresh := kodu_calendar_local(zone, change_utc - interval '1 second') + interval '1 second';
+        IF fresh < shown AND change_utc <> at_utc THEN  -- set forward, and before
+            fresh := shown;
+        END IF;
+    END IF;
+    -- From one change of the clock to the next. No zone has two within three days.
+    WHILE at_utc < until_utc LOOP
+        end_utc := least(until_utc, at_utc + interval '2 days');
+        shown := kodu_calendar_local(zone, at_utc);
+        shown_end := shown + (end_utc - at_utc);
+        IF kodu_calendar_local(zone, end_utc) <> shown_end THEN
+            change_utc := kodu_calendar_change(zone, date_trunc('second', at_utc), 2 * 86400 + 1);
+            end_utc := least(change_utc, until_utc);
+            shown_end := shown + (end_utc - at_utc);
+        END IF;
+        IF shown > fresh THEN
+            -- All that was skipped is one time, unless the calendar has the first minute anyway.
+            IF kodu_calendar_count_readings(calendar, '{1}', fresh, shown) > 0
+               AND (shown > date_trunc('minute', shown)
+                    OR kodu_calendar_count_readings(calendar, '{0,1}', shown,
+                                                    shown + interval '1 minute') = 0) THEN
+                found := found + 1;
+            END IF;
+        ELSIF shown < fresh THEN
+            found := found + kodu_calendar_count_readings(calendar, '{0}', shown,
+                                                          least(fresh, shown_end));
+            shown := fresh;
+        END IF;
+        IF shown < shown_end THEN
+            found := found + kodu_calendar_count_readings(calendar, '{0,1}', shown, shown_end);
+        END IF;
+        fresh := greatest(fresh, shown_end);
+        at_utc := end_utc;
+    END LOOP;
+    RETURN found;
 END
 $$;
 

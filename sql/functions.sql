@@ -109,6 +109,50 @@ CREATE OR REPLACE TRIGGER kodu_plugin_changed
 -- than foreseen. Such a run begins now. After 15 minutes it is a missed run like any other. Loading
 -- 60,000 tasks takes minutes, but after an outage not all of them may run at once.
 
+-- The first time after `moment` of the task's calendar; NULL: none before the time of a pause.
+CREATE OR REPLACE FUNCTION kodu_slot_after(task kodu_cron_plugin, moment timestamp) RETURNS timestamp
+LANGUAGE plpgsql STABLE AS $$
+DECLARE
+    slot timestamp := pg_catalog.timezone('UTC', public.kodu_calendar_next_parsed(
+        task.cron_slots, task.cron_zone, pg_catalog.timezone('UTC', moment)));
+BEGIN
+    RETURN CASE WHEN slot < timestamp '2036-01-01' THEN slot END;  -- kodu_pause_time()
+END
+$$;
+
+-- `new` with the next time of the task's calendar, where the daemon's statements move that time by
+-- intervals: the first one after the old time that is not past. A task whose calendar has none is due at
+-- the time of a pause. An error would end the daemon; the interval applies then.
+--
+-- With the owner's rights, since the daemon's role may have another name than the files of sql/ know.
+CREATE OR REPLACE FUNCTION kodu_follow_calendar(old kodu_cron_plugin, new kodu_cron_plugin)
+RETURNS kodu_cron_plugin
+LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    -- The daemon compares whole seconds, and a time equal to the present is not past.
+    utc timestamp := date_trunc('second', clock_timestamp() AT TIME ZONE 'UTC');
+BEGIN
+    IF new.cron_last_exec = old.cron_next_exec AND new.cron_status <> 'PROCESS'
+       AND new.cron_next_exec = old.cron_next_exec + old.cron_interval
+       -- It catches up. People and tools change cron_wanted too, or say why they move the time.
+       OR old.cron_next_exec < utc AND new.cron_next_exec > old.cron_next_exec
+          AND new.cron_next_exec <= utc + old.cron_interval + interval '1 minute'
+          AND EXTRACT(EPOCH FROM new.cron_next_exec - old.cron_next_exec)
+              % EXTRACT(EPOCH FROM old.cron_interval) = 0
+          AND (new.cron_status, new.cron_last_exec, new.cron_wanted, new.cron_delete)
+              IS NOT DISTINCT FROM
+              (old.cron_status, old.cron_last_exec, old.cron_wanted, old.cron_delete)
+          AND COALESCE(current_setting('kodu.reason', TRUE), '') = '' THEN
+        new.cron_next_exec := COALESCE(
+            kodu_slot_after(old, greatest(old.cron_next_exec, utc - interval '1 microsecond')),
+            kodu_pause_time());
+    END IF;
+    RETURN new;
+EXCEPTION WHEN OTHERS THEN
+    RETURN new;
+END
+$$;
+
 -- `new` as the request in the task's row changes it.
 CREATE OR REPLACE FUNCTION kodu_follow_request(old kodu_cron_plugin, new kodu_cron_plugin)
 RETURNS kodu_cron_plugin
@@ -163,15 +207,19 @@ BEGIN
 END
 $$;
 
--- In place of the function in sql/schema.sql. Reading four columns is all that a task without a request
--- costs.
+-- In place of the function in sql/schema.sql. Reading five columns is all that a task without a request
+-- and without a calendar costs.
 CREATE OR REPLACE FUNCTION kodu_follow_daemon() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
     IF OLD.cron_wanted IS NULL AND NOT OLD.cron_changed AND NOT OLD.cron_delete
+       AND OLD.cron_slots IS NULL
        AND NEW.cron_next_exec BETWEEN timestamp '1970-01-01' AND timestamp '2036-01-01' THEN
         RETURN NEW;
     END IF;
     PERFORM public.kodu_check_next_run(OLD, NEW);
+    IF OLD.cron_slots IS NOT NULL AND NEW.cron_next_exec <> OLD.cron_next_exec THEN
+        NEW := public.kodu_follow_calendar(OLD, NEW);
+    END IF;
     RETURN public.kodu_follow_request(OLD, NEW);
 END
 $$;
@@ -241,6 +289,48 @@ RETURNS timestamp
 LANGUAGE sql IMMUTABLE SET search_path = pg_catalog, public, pg_temp AS $$
     SELECT slot + every * greatest(0, ceil(EXTRACT(EPOCH FROM earliest - slot)
                                            / EXTRACT(EPOCH FROM every)))::double precision
+$$;
+
+-- The first regular time of the task that is not before `earliest`: of its calendar, or of the rhythm in
+-- which `slot` stands. Refuses a calendar without a coming time.
+CREATE OR REPLACE FUNCTION kodu_regular_time(task kodu_cron_plugin, slot timestamp, earliest timestamp)
+RETURNS timestamp
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    due timestamp;
+BEGIN
+    IF task.cron_slots IS NULL THEN
+        RETURN kodu_next_slot(slot, task.cron_interval, earliest);
+    END IF;
+    due := kodu_slot_after(task, earliest - interval '1 microsecond');
+    IF due IS NULL THEN
+        RAISE EXCEPTION 'the calendar % has no time from now to 2035', quote_literal(task.cron_calendar)
+        USING ERRCODE = 'invalid_parameter_value',
+              HINT = 'SELECT kodu_calendar_next(''0 3 * * *'', ''UTC'', now()) shows when one is due.';
+    END IF;
+    RETURN due;
+END
+$$;
+
+-- The interval of a task with this calendar, where no other is given: the shortest distance between eight
+-- of its times, from a second to a year. From a fixed date on, so that it is always the same.
+CREATE OR REPLACE FUNCTION kodu_calendar_interval(calendar text, zone text) RETURNS interval
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    slots bigint[] := kodu_calendar_parse(calendar);
+    place timestamptz := kodu_calendar_next_parsed(
+        slots, kodu_calendar_zone(COALESCE(zone, 'UTC')), '2026-01-01 00:00:00+00');
+    following timestamptz;
+    shortest interval := '366 days';
+BEGIN
+    FOR n IN 1..7 LOOP
+        following := kodu_calendar_next_parsed(slots, COALESCE(zone, 'UTC'), place);
+        EXIT WHEN following IS NULL;
+        shortest := least(shortest, make_interval(secs => EXTRACT(EPOCH FROM following - place)::integer));
+        place := following;
+    END LOOP;
+    RETURN shortest;
+END
 $$;
 
 -- Not in SQL: PERFORM would parse and plan such a function again at each of ten thousand calls.
@@ -373,8 +463,9 @@ BEGIN
 END
 $$;
 
--- The time as a column's value: one in the past moved on by whole intervals, as the daemon would.
-CREATE OR REPLACE FUNCTION kodu_check_time(run_at timestamptz, every interval) RETURNS timestamp
+-- The time as a column's value: one in the past moved on by whole intervals, as the daemon would, or to
+-- the calendar's next time.
+CREATE OR REPLACE FUNCTION kodu_check_time(run_at timestamptz, task kodu_cron_plugin) RETURNS timestamp
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     utc timestamp := date_trunc('second', run_at AT TIME ZONE 'UTC');
@@ -386,10 +477,20 @@ BEGIN
                    ' forward by whole intervals.';
     END IF;
     -- The table refuses other intervals, with a better message than a division would.
-    IF every >= interval '1 second' AND utc < clock_timestamp() AT TIME ZONE 'UTC' THEN
-        RETURN kodu_next_slot(utc, every, kodu_soon());
+    IF task.cron_interval >= interval '1 second' AND utc < clock_timestamp() AT TIME ZONE 'UTC' THEN
+        RETURN kodu_regular_time(task, utc, kodu_soon());
     END IF;
     RETURN utc;
+END
+$$;
+
+-- When a new task is due: at the time that is asked for, else at its calendar's next one, else at once.
+CREATE OR REPLACE FUNCTION kodu_first_time(task kodu_cron_plugin, run_at timestamptz) RETURNS timestamp
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    RETURN CASE WHEN run_at IS NOT NULL THEN kodu_check_time(run_at, task)
+                WHEN task.cron_slots IS NOT NULL THEN kodu_regular_time(task, NULL, kodu_soon())
+                ELSE kodu_soon() END;
 END
 $$;
 
@@ -523,9 +624,64 @@ BEGIN
         cron_retries_interval = wanted.cron_retries_interval,
         cron_log_file = wanted.cron_log_file
     WHERE cron_id = wanted.cron_id;
+    UPDATE kodu_cron_plugin SET cron_calendar = wanted.cron_calendar, cron_zone = wanted.cron_zone
+    WHERE cron_id = wanted.cron_id
+      AND (cron_calendar, cron_zone) IS DISTINCT FROM (wanted.cron_calendar, wanted.cron_zone);
 EXCEPTION WHEN unique_violation THEN
     GET STACKED DIAGNOSTICS broken = CONSTRAINT_NAME;
     PERFORM kodu_refuse(broken);
+END
+$$;
+
+-- What a calendar and a zone come to in a task's row. A calendar of '' is none.
+CREATE OR REPLACE FUNCTION kodu_give_calendar(wanted kodu_cron_plugin, at text, zone text, every interval)
+RETURNS kodu_cron_plugin
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    wanted.cron_calendar := NULLIF(COALESCE(at, wanted.cron_calendar), '');
+    IF wanted.cron_calendar IS NULL THEN
+        IF zone IS NOT NULL THEN
+            RAISE EXCEPTION 'a time zone without a calendar' USING
+                ERRCODE = 'invalid_parameter_value',
+                HINT = 'Use at => ''0 3 * * mon-fri'', zone => ''Europe/Paris'', for example.';
+        END IF;
+        wanted.cron_zone := NULL;
+        wanted.cron_slots := NULL;
+    ELSE
+        wanted.cron_zone := kodu_calendar_zone(COALESCE(zone, wanted.cron_zone, 'UTC'));
+        wanted.cron_slots := kodu_calendar_parse(wanted.cron_calendar);
+        IF at IS NOT NULL OR every IS NOT NULL THEN
+            wanted.cron_interval := COALESCE(every, kodu_calendar_interval(at, wanted.cron_zone));
+        END IF;
+    END IF;
+    RETURN wanted;
+END
+$$;
+
+-- Moves the next time of a task that has got another calendar to the calendar's next one. During a run its
+-- end does it, in a pause without an end kodu_task_resume. A task that is parked is due again at once when
+-- its calendar is removed.
+CREATE OR REPLACE FUNCTION kodu_enter_calendar(old kodu_cron_plugin, wanted kodu_cron_plugin)
+RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    is_paused boolean := kodu_paused_now(old);
+    pause kodu_cron_pause;
+    due timestamp;
+BEGIN
+    IF (old.cron_slots, old.cron_zone) IS NOT DISTINCT FROM (wanted.cron_slots, wanted.cron_zone) THEN
+        RETURN;
+    END IF;
+    SELECT * INTO pause FROM kodu_cron_pause WHERE cron_id = old.cron_id AND is_paused;
+    IF wanted.cron_slots IS NOT NULL THEN
+        due := kodu_regular_time(wanted, NULL, greatest(kodu_soon(), pause.resumes_at));
+    ELSIF is_paused THEN
+        due := kodu_soon();
+    END IF;
+    IF due IS NOT NULL AND (pause.resumes_at IS NOT NULL
+                            OR pause.cron_id IS NULL AND NOT kodu_runs_now(old)) THEN
+        PERFORM kodu_move(old, due, is_rhythm => TRUE);
+    END IF;
 END
 $$;
 
@@ -583,16 +739,19 @@ $$;
 -- called; the plugin's own by default. retries and retry_after: one after 120 seconds by default.
 -- first_run: a moment ahead by default. timeout: runs the plugin through koduguard with that limit.
 -- key: refuses a second task with this key; with if_missing returns the id of the present one instead.
+-- at, zone: the task runs at the times of this calendar (UTC by default). `every` may be left out then.
 CREATE OR REPLACE FUNCTION kodu_task_add(
-    plugin text, every interval, parameters text DEFAULT NULL, retries integer DEFAULT NULL,
+    plugin text, every interval DEFAULT NULL, parameters text DEFAULT NULL, retries integer DEFAULT NULL,
     retry_after interval DEFAULT NULL, file_name text DEFAULT '$SERVICEID_$DATE.txt',
     first_run timestamptz DEFAULT NULL, name text DEFAULT NULL, timeout interval DEFAULT NULL,
-    key text DEFAULT NULL, if_missing boolean DEFAULT FALSE)
+    key text DEFAULT NULL, if_missing boolean DEFAULT FALSE, at text DEFAULT NULL,
+    zone text DEFAULT NULL)
 RETURNS integer
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     defined record;
-    due timestamp := COALESCE(kodu_check_time(first_run, every), kodu_soon());
+    wanted kodu_cron_plugin;
+    due timestamp;
     id integer := CASE WHEN key IS NOT NULL THEN kodu_task_with_key(key) END;
     broken text;
 BEGIN
@@ -606,15 +765,20 @@ BEGIN
                    ' if_missing => TRUE, or change it with kodu_task_set.';
     END IF;
     SELECT * INTO defined FROM kodu_defined(plugin, name, parameters, timeout);
-    IF every IS NULL THEN
+    wanted.cron_interval := every;
+    wanted := kodu_give_calendar(wanted, at, zone, every);
+    IF wanted.cron_interval IS NULL THEN
         PERFORM kodu_refuse('cron_interval_from_second_to_year');
     END IF;
+    due := kodu_first_time(wanted, first_run);
     file_name := COALESCE(file_name, '$SERVICEID_$DATE.txt');
     BEGIN
         INSERT INTO kodu_cron_plugin (cron_plugin_id, cron_interval, cron_next_exec, cron_wanted,
                                       cron_log_file, cron_retries, cron_retries_interval,
-                                      cron_parameter)
-        VALUES (defined.id, every, due, due, file_name, retries, retry_after, defined.arguments)
+                                      cron_parameter, cron_calendar, cron_zone)
+        VALUES (defined.id, wanted.cron_interval, due,
+                CASE WHEN at IS NULL OR first_run IS NOT NULL THEN due END, file_name, retries,
+                retry_after, defined.arguments, wanted.cron_calendar, wanted.cron_zone)
         RETURNING cron_id INTO id;
         IF key IS NOT NULL THEN
             PERFORM kodu_give_key(id, key);
@@ -740,13 +904,15 @@ BEGIN
 END
 $$;
 
--- Changes what is not NULL. next_run moves the task's next run, and with it all that follow. timeout: has
--- koduguard run the plugin with that limit; 0 removes the limit.
+-- Changes what is not NULL. next_run moves the task's next run, and with it all that follow; with a
+-- calendar, only the next one. timeout: has koduguard run the plugin with that limit; 0 removes the limit.
+-- at => '' removes the calendar.
 CREATE OR REPLACE FUNCTION kodu_task_set(
     task integer, plugin text DEFAULT NULL, every interval DEFAULT NULL,
     parameters text DEFAULT NULL, retries integer DEFAULT NULL, retry_after interval DEFAULT NULL,
     file_name text DEFAULT NULL, next_run timestamptz DEFAULT NULL, name text DEFAULT NULL,
-    timeout interval DEFAULT NULL, key text DEFAULT NULL)
+    timeout interval DEFAULT NULL, key text DEFAULT NULL, at text DEFAULT NULL,
+    zone text DEFAULT NULL)
 RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -755,7 +921,7 @@ DECLARE
     defined record;
 BEGIN
     IF num_nonnulls(plugin, every, parameters, retries, retry_after, file_name, next_run, name,
-                    timeout, key) = 0 THEN
+                    timeout, key, at, zone) = 0 THEN
         RAISE EXCEPTION 'there is nothing to set for task %', task USING
             ERRCODE = 'invalid_parameter_value',
             HINT = format('Use kodu_task_set(%s, every => ''5 minutes''), for example.', task);
@@ -770,13 +936,18 @@ BEGIN
     wanted.cron_retries := COALESCE(retries, old.cron_retries);
     wanted.cron_retries_interval := COALESCE(retry_after, old.cron_retries_interval);
     wanted.cron_log_file := COALESCE(file_name, old.cron_log_file);
+    IF num_nonnulls(at, zone) > 0 THEN
+        wanted := kodu_give_calendar(wanted, at, zone, every);
+    END IF;
     PERFORM kodu_rewrite(wanted);
     PERFORM kodu_check_file_name(file_name);
     IF key IS NOT NULL THEN
         PERFORM kodu_give_key(task, key);
     END IF;
     IF next_run IS NOT NULL THEN
-        PERFORM kodu_move(old, kodu_check_time(next_run, wanted.cron_interval));
+        PERFORM kodu_move(old, kodu_check_time(next_run, wanted));
+    ELSE
+        PERFORM kodu_enter_calendar(old, wanted);
     END IF;
 END
 $$;
@@ -787,7 +958,7 @@ CREATE OR REPLACE FUNCTION kodu_task_define(
     task integer, plugin text, every interval, parameters text DEFAULT NULL,
     retries integer DEFAULT NULL, retry_after interval DEFAULT NULL,
     file_name text DEFAULT NULL, next_run timestamptz DEFAULT NULL, name text DEFAULT NULL,
-    timeout interval DEFAULT NULL)
+    timeout interval DEFAULT NULL, at text DEFAULT NULL, zone text DEFAULT NULL)
 RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -798,12 +969,14 @@ BEGIN
     IF next_run IS NOT NULL THEN
         PERFORM kodu_refuse_paused(old);
     END IF;
-    IF every IS NULL THEN
-        PERFORM kodu_refuse('cron_interval_from_second_to_year');
-    END IF;
     SELECT * INTO defined FROM kodu_defined(plugin, name, parameters, timeout);
     wanted.cron_plugin_id := defined.id;
     wanted.cron_interval := every;
+    wanted.cron_zone := NULL;
+    wanted := kodu_give_calendar(wanted, COALESCE(at, ''), zone, every);
+    IF wanted.cron_interval IS NULL THEN
+        PERFORM kodu_refuse('cron_interval_from_second_to_year');
+    END IF;
     wanted.cron_parameter := defined.arguments;
     wanted.cron_retries := retries;
     wanted.cron_retries_interval := retry_after;
@@ -811,7 +984,9 @@ BEGIN
     PERFORM kodu_rewrite(wanted);
     PERFORM kodu_check_file_name(wanted.cron_log_file);
     IF next_run IS NOT NULL THEN
-        PERFORM kodu_move(old, kodu_check_time(next_run, every));
+        PERFORM kodu_move(old, kodu_check_time(next_run, wanted));
+    ELSE
+        PERFORM kodu_enter_calendar(old, wanted);
     END IF;
 END
 $$;
@@ -849,7 +1024,8 @@ BEGIN
     -- The ledger records why the times in between have no run.
     PERFORM set_config('kodu.reason', 'paused', TRUE);
     PERFORM kodu_move(old, CASE WHEN ends IS NULL THEN kodu_pause_time()
-                                ELSE kodu_next_slot(was_due, old.cron_interval, ends) END);
+                                ELSE kodu_regular_time(old, was_due, ends) END,
+                      is_rhythm => old.cron_slots IS NOT NULL);
     PERFORM set_config('kodu.reason', '', TRUE);
 END
 $$;
@@ -878,13 +1054,13 @@ BEGIN
         UPDATE kodu_cron_plugin SET cron_last_exec = was_due WHERE cron_id = task;
     END IF;
     -- Assigned, because PERFORM would plan these functions again at each call.
-    next_slot := kodu_next_slot(COALESCE(was_due, kodu_soon()), old.cron_interval, kodu_soon());
-    PERFORM kodu_move(old, next_slot);
+    next_slot := kodu_regular_time(old, COALESCE(was_due, kodu_soon()), kodu_soon());
+    PERFORM kodu_move(old, next_slot, is_rhythm => old.cron_slots IS NOT NULL);
 END
 $$;
 
--- Runs the task in a few seconds; the runs after it follow an interval apart from then on. Returns
--- when it is due.
+-- Runs the task in a few seconds; the runs after it follow an interval apart from then on, or at the times
+-- of its calendar. Returns when it is due.
 CREATE OR REPLACE FUNCTION kodu_task_run_now(task integer) RETURNS timestamp
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
@@ -952,6 +1128,8 @@ BEGIN
         WHERE cron_id = task;
     ELSIF old.cron_delete THEN
         due := CASE WHEN was_paused THEN kodu_pause_time()
+                    WHEN old.cron_slots IS NOT NULL
+                        THEN COALESCE(kodu_slot_after(old, soon), kodu_pause_time())
                     ELSE kodu_next_slot(
                         old.cron_next_exec - old.cron_interval * greatest(0, ceil(
                             EXTRACT(EPOCH FROM old.cron_next_exec - soon)
@@ -1039,8 +1217,77 @@ LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
                scheduled, state.every, date_trunc('second', now() AT TIME ZONE 'UTC'))))::bigint,
            EXTRACT(EPOCH FROM state.every)::bigint
     FROM kodu_task_state AS state
-    WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused
+    WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused AND calendar IS NULL
 $$;
+
+-- Of a calendar: `first`, or its next time where that is past, and the times after it that are before
+-- `until`; seconds since the epoch.
+CREATE OR REPLACE FUNCTION kodu_calendar_seconds(slots bigint[], zone text, first bigint, until bigint)
+RETURNS SETOF bigint
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    place timestamptz := to_timestamp(first);
+BEGIN
+    IF place < date_trunc('second', now()) THEN
+        place := kodu_calendar_next_parsed(slots, zone, now());
+    END IF;
+    WHILE place < to_timestamp(until) LOOP
+        RETURN NEXT floor(EXTRACT(EPOCH FROM place));
+        place := kodu_calendar_next_parsed(slots, zone, place);
+    END LOOP;
+EXCEPTION WHEN OTHERS THEN
+    RETURN;  -- an invalid calendar: kodu_calendar_fault names it
+END
+$$;
+
+-- The coming times of a task from its next one on, with or without a calendar; of a paused one, none.
+CREATE OR REPLACE FUNCTION kodu_coming_runs(task integer, many integer DEFAULT 10)
+RETURNS SETOF timestamp
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    row kodu_cron_plugin;
+    due timestamp;
+BEGIN
+    SELECT * INTO row FROM kodu_cron_plugin WHERE cron_id = task;
+    due := row.cron_next_exec;
+    FOR n IN 1..many LOOP
+        EXIT WHEN due IS NULL OR due >= kodu_pause_time();
+        RETURN NEXT due;
+        due := CASE WHEN row.cron_slots IS NULL THEN due + row.cron_interval
+                    ELSE kodu_slot_after(row, due) END;
+    END LOOP;
+END
+$$;
+
+-- Why the next times of a calendar cannot be computed; NULL when they can.
+CREATE OR REPLACE FUNCTION kodu_calendar_problem(calendar text, zone text, slots bigint[]) RETURNS text
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    IF slots IS NULL OR zone IS NULL OR slots <> kodu_calendar_parse(calendar) THEN
+        RETURN 'it was written without the trigger that reads it';
+    END IF;
+    PERFORM kodu_calendar_next_parsed(slots, zone, now());
+    RETURN NULL;
+EXCEPTION WHEN OTHERS THEN
+    RETURN SQLERRM;
+END
+$$;
+
+-- The tasks whose calendar is invalid or has no coming time, and why. Each calendar is looked at once.
+CREATE OR REPLACE VIEW kodu_calendar_fault AS
+SELECT task.cron_id AS id, problem
+FROM (SELECT cron_calendar, cron_zone, cron_slots,
+             kodu_calendar_problem(cron_calendar, cron_zone, cron_slots) AS problem
+      FROM kodu_cron_plugin WHERE cron_calendar IS NOT NULL
+      GROUP BY cron_calendar, cron_zone, cron_slots) AS calendar
+JOIN kodu_cron_plugin AS task
+  ON (task.cron_calendar, task.cron_zone, task.cron_slots)
+     IS NOT DISTINCT FROM (calendar.cron_calendar, calendar.cron_zone, calendar.cron_slots)
+WHERE problem IS NOT NULL AND NOT task.cron_delete
+UNION ALL
+SELECT id, 'it has no time from now to 2035' FROM kodu_task_state WHERE parked AND NOT deleting;
+
+COMMENT ON VIEW kodu_calendar_fault IS 'The tasks whose calendar is invalid or has no coming time';
 
 -- The most runs that one second of the next 24 hours sees. Tasks of one interval and one phase are
 -- counted once and multiplied, or a hundred thousand tasks would be as many million runs.
@@ -1178,9 +1425,20 @@ BEGIN
                                                             run_seconds))))::bigint AS took
               FROM kodu_schedule()) AS task
         GROUP BY first, every, took
+    ), calendars AS (
+        SELECT cron_slots, cron_zone, floor(EXTRACT(EPOCH FROM scheduled))::bigint AS first,
+               greatest(1, ceil(COALESCE((durations ->> id::text)::numeric, run_seconds)))::bigint AS took,
+               count(*) AS tasks
+        FROM kodu_task_state JOIN kodu_cron_plugin ON cron_id = id
+        WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused AND cron_slots IS NOT NULL
+        GROUP BY 1, 2, 3, 4
     ), started AS (
         SELECT second, took, sum(tasks) AS runs
-        FROM alike, generate_series(first, ends - 1, every) AS second
+        FROM (SELECT second, took, tasks
+              FROM alike, generate_series(first, ends - 1, every) AS second
+              UNION ALL
+              SELECT second, took, tasks
+              FROM calendars, kodu_calendar_seconds(cron_slots, cron_zone, first, ends) AS second) AS run
         GROUP BY second, took
     ), moved AS (
         SELECT second, sum(runs) AS due, sum(runs) AS change FROM started GROUP BY second
@@ -1222,13 +1480,13 @@ $$;
 -- existing plugin.
 GRANT USAGE ON SCHEMA public TO kodu_admin;
 GRANT SELECT ON kodu_plugins, kodu_cron_plugin, kodu_cron_error, kodu_cron_repair, kodu_cron_pause,
-                kodu_cron_key, kodu_daemon_state, kodu_task_state, kodu_task_status,
+                kodu_cron_key, kodu_daemon_state, kodu_task_state, kodu_task_status, kodu_calendar_fault,
                 kodu_schema_version TO kodu_admin;
 GRANT INSERT (plugin_name, plugin_path, plugin_type) ON kodu_plugins TO kodu_admin;
 GRANT INSERT (cron_plugin_id, cron_interval, cron_next_exec, cron_log_file, cron_retries,
-              cron_retries_interval, cron_parameter, cron_wanted),
+              cron_retries_interval, cron_parameter, cron_wanted, cron_calendar, cron_zone),
       UPDATE (cron_plugin_id, cron_interval, cron_next_exec, cron_log_file, cron_retries,
-              cron_retries_interval, cron_parameter, cron_delete, cron_wanted,
+              cron_retries_interval, cron_parameter, cron_delete, cron_wanted, cron_calendar, cron_zone,
               cron_last_exec)  -- after a run that ended during a pause
     ON kodu_cron_plugin TO kodu_admin;
 GRANT DELETE ON kodu_cron_error TO kodu_admin;
@@ -1245,7 +1503,7 @@ BEGIN
           AND prorettype <> 'trigger'::regtype
           -- roles that may read the views, or that update a task, call these
           AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused',
-                              'kodu_follow_request', 'kodu_check_next_run',
+                              'kodu_follow_request', 'kodu_follow_calendar', 'kodu_check_next_run',
                               'kodu_implied_key')
           -- sql/ledger.sql and sql/events.sql grant these
           AND proname NOT LIKE 'kodu\_ledger\_%' AND proname NOT LIKE 'kodu\_event%'
@@ -1255,5 +1513,7 @@ BEGIN
     END LOOP;
 END
 $$;
+GRANT SELECT ON kodu_calendar_fault TO kodu;  -- of the tools
+GRANT EXECUTE ON FUNCTION kodu_calendar_problem, kodu_coming_runs, kodu_slot_after TO kodu;
 
 COMMIT;

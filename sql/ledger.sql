@@ -64,7 +64,7 @@ CREATE TABLE IF NOT EXISTS kodu_ledger (
     moved_to   timestamp NOT NULL,
     cron_id    integer NOT NULL,    -- no foreign key: history outlives its task
     periods    integer NOT NULL,    -- that this row accounts for
-    every      integer NOT NULL,    -- the task's interval in seconds
+    every      integer NOT NULL,    -- the task's interval in seconds; 0: the times of a calendar
     life       integer NOT NULL,    -- of the daemon; 0: written by somebody else
     bucket     integer NOT NULL,
     attempt    smallint NOT NULL,   -- from 1; without a run 0; in a row of what was lost: how many rows
@@ -193,6 +193,7 @@ CREATE OR REPLACE FUNCTION kodu_ledger_word(code "char") RETURNS text LANGUAGE s
         WHEN 'c' THEN 'changed'       -- a person or a tool has set the time or the interval
         WHEN 'm' THEN 'moved'         -- to another daemon
         WHEN 'w' THEN 'maintenance'   -- a maintenance window
+        WHEN 'k' THEN 'calendar'      -- the calendar is invalid; the interval applied
         WHEN 'n' THEN 'new'           -- where the task's ledger begins
         WHEN 'z' THEN 'unrecorded'    -- rows that could not be written, or the ledger was off
     END
@@ -264,7 +265,9 @@ BEGIN
     INSERT INTO kodu_ledger (xact, due, started, ended, moved_from, moved_to, cron_id, periods,
                              every, life, bucket, attempt, outcome, was_failing)
     VALUES (pg_current_xact_id()::text::bigint, due, started, COALESCE(ended, utc), moved_from,
-            moved_to, task.cron_id, periods, date_part('epoch', task.cron_interval)::integer, life,
+            moved_to, task.cron_id, periods,
+            CASE WHEN task.cron_slots IS NULL THEN date_part('epoch', task.cron_interval)::integer
+                 ELSE 0 END, life,
             kodu_ledger_bucket(utc), attempt, outcome::"char", was_failing);
     IF (outcome = 'O' AND was_failing) OR (outcome = 'F' AND NOT was_failing) OR outcome = 'I'
        OR (outcome NOT IN ('O', 'F', 'R') AND periods > 0 AND life > 0) THEN
@@ -287,11 +290,16 @@ BEGIN
 END
 $$;
 
--- How many whole intervals of the task are between two times; 0 when the second is the earlier.
+-- How many whole intervals of the task are between two times, or how many times its calendar has from the
+-- first one on and before the second; 0 when the second is the earlier.
 CREATE OR REPLACE FUNCTION kodu_ledger_periods(task kodu_cron_plugin, begins timestamp,
                                                ends timestamp) RETURNS integer
 LANGUAGE plpgsql STABLE AS $$
 BEGIN
+    IF task.cron_slots IS NOT NULL THEN
+        RETURN least(kodu_calendar_count(task.cron_slots, task.cron_zone, timezone('UTC', begins),
+                                         timezone('UTC', ends)), 2147483647);
+    END IF;
     RETURN least(greatest(floor(date_part('epoch', ends - begins)
                                 / date_part('epoch', task.cron_interval)), 0), 2147483647);
 END
@@ -312,16 +320,42 @@ BEGIN
 END
 $$;
 
+-- The time at which the period that begins at `place` ends. After a calendar's last time, that is before
+-- all others.
+CREATE OR REPLACE FUNCTION kodu_ledger_following(task kodu_cron_plugin, place timestamp)
+RETURNS timestamp
+LANGUAGE plpgsql STABLE AS $$
+BEGIN
+    IF task.cron_slots IS NULL THEN
+        RETURN place + task.cron_interval;
+    END IF;
+    RETURN COALESCE(kodu_slot_after(task, place), place + interval '1 microsecond');
+END
+$$;
+
+-- How many periods of a task with a calendar begin at `place`, which is a due time, or later and before
+-- `bound`.
+CREATE OR REPLACE FUNCTION kodu_ledger_begun(task kodu_cron_plugin, place timestamp, bound timestamp)
+RETURNS integer
+LANGUAGE plpgsql STABLE AS $$
+BEGIN
+    IF bound <= place THEN
+        RETURN 0;
+    END IF;
+    RETURN 1 + kodu_ledger_periods(task, place + interval '1 microsecond', bound);
+END
+$$;
+
 -- The daemon has moved the next time from `place` to the later `target` without a run: writes the
--- reasons of the periods in between, in the order of their times.
+-- reasons of the periods in between, in the order of their times. slots: their number, for a calendar.
 CREATE OR REPLACE FUNCTION kodu_ledger_skip(task kodu_cron_plugin, place timestamp,
-                                            target timestamp, life kodu_ledger_life) RETURNS void
+                                            target timestamp, life kodu_ledger_life,
+                                            slots integer DEFAULT NULL) RETURNS void
 LANGUAGE plpgsql AS $$
 DECLARE
     utc timestamp := clock_timestamp() AT TIME ZONE 'UTC';
     first double precision := date_part('epoch', place);
     every double precision := date_part('epoch', task.cron_interval);
-    slots integer := least(round((date_part('epoch', target) - first) / every), 2147483647);
     is_own boolean := COALESCE(task.run_started >= life.began, FALSE);
     reasons text[] := ARRAY['r'];
     bounds timestamp[] := ARRAY[target];  -- until when each reason applies
@@ -330,6 +364,7 @@ DECLARE
     done integer := 0;
     reached integer;
 BEGIN
+    slots := COALESCE(slots, least(round((date_part('epoch', target) - first) / every), 2147483647));
     IF is_own AND task.cron_status <> 'PROCESS'
        -- The worker checks the next time right after the end of its run.
        AND (place <= task.run_ended OR utc < task.run_ended + interval '2 seconds') THEN
@@ -342,9 +377,16 @@ BEGIN
                         target];
     END IF;
     FOR n IN 1..cardinality(reasons) LOOP
-        reached := least(ceil((date_part('epoch', bounds[n]) - first) / every), slots);
-        CONTINUE WHEN bounds[n] IS NULL OR reached <= done;
-        stop := CASE WHEN reached = slots THEN target ELSE place + task.cron_interval * reached END;
+        CONTINUE WHEN bounds[n] IS NULL;
+        reached := CASE
+            WHEN bounds[n] >= target THEN slots
+            WHEN task.cron_slots IS NULL
+            THEN least(ceil((date_part('epoch', bounds[n]) - first) / every), slots)
+            ELSE kodu_ledger_begun(task, place, bounds[n]) END;
+        CONTINUE WHEN reached <= done;
+        stop := CASE WHEN reached = slots THEN target
+                     WHEN task.cron_slots IS NULL THEN place + task.cron_interval * reached
+                     ELSE kodu_slot_after(task, bounds[n] - interval '1 microsecond') END;
         PERFORM kodu_ledger_put(task, life.life_id, reasons[n], step, step, stop, reached - done);
         step := stop;
         done := reached;
@@ -359,7 +401,8 @@ CREATE OR REPLACE FUNCTION kodu_ledger_move(task kodu_cron_plugin, place timesta
 LANGUAGE plpgsql AS $$
 DECLARE
     periods integer := kodu_ledger_periods(task, place, target);
-    stop timestamp := place + task.cron_interval * periods;
+    stop timestamp := CASE WHEN task.cron_slots IS NULL THEN place + task.cron_interval * periods
+                           ELSE target END;
     reason text := CASE current_setting('kodu.reason', TRUE) WHEN 'moved' THEN 'm'
                         WHEN 'maintenance' THEN 'w' WHEN 'paused' THEN 'p' ELSE 'c' END;
 BEGIN
@@ -412,9 +455,10 @@ END
 $$;
 
 -- The end of a run that the trigger's own branch does not handle: the first of the task, one with a
--- request, one whose start or end is missing.
+-- request, one whose start or end is missing, one of a calendar.
 CREATE OR REPLACE FUNCTION kodu_ledger_end(task kodu_cron_plugin, new kodu_cron_plugin,
-                                           place timestamp, life integer) RETURNS kodu_cron_plugin
+                                           place timestamp, following timestamp, life integer)
+RETURNS kodu_cron_plugin
 LANGUAGE plpgsql AS $$
 BEGIN
     -- The row describes another run when that has ended, or when its end is missing.
@@ -426,7 +470,7 @@ BEGIN
     END IF;
     new.run_ended := clock_timestamp() AT TIME ZONE 'UTC';
     PERFORM kodu_ledger_put(task, life, CASE new.cron_status WHEN 'OK' THEN 'O' ELSE 'F' END,
-                            new.run_due, place, place + task.cron_interval, 1,
+                            new.run_due, place, following, 1,
                             started => new.run_started, ended => new.run_ended,
                             attempt => new.run_attempt);
     RETURN new;
@@ -471,7 +515,10 @@ DECLARE
                                  AND said.cron_next_exec = old.cron_next_exec + old.cron_interval
                                  AND said.cron_status <> 'PROCESS', FALSE);
     present kodu_ledger_life;
+    following timestamp;
+    slots integer;
     reached timestamp;
+    is_by_calendar boolean := FALSE;  -- and not by a request
 BEGIN
     IF pg_trigger_depth() = 0 THEN
         RAISE EXCEPTION 'only the trigger of the ledger calls this function' USING
@@ -484,10 +531,30 @@ BEGIN
     IF old.ledger_to <> place AND old.ledger_lost IS NULL THEN  -- it was off
         old.run_failing_since := '-infinity';
     END IF;
+    IF old.cron_slots IS NOT NULL AND said.cron_next_exec <> old.cron_next_exec THEN
+        BEGIN
+            is_by_calendar := new.cron_wanted IS NOT DISTINCT FROM old.cron_wanted
+                              AND NOT (ends_run AND old.cron_wanted IS NOT NULL);
+            IF ends_run THEN
+                following := kodu_ledger_following(old, place);
+            END IF;
+            IF is_by_calendar AND new.cron_next_exec > COALESCE(following, place)
+               AND new.cron_next_exec < kodu_pause_time() THEN
+                slots := kodu_ledger_begun(old, COALESCE(following, place), new.cron_next_exec);
+            END IF;
+        EXCEPTION WHEN OTHERS THEN
+            old.cron_slots := NULL;  -- from here on, the interval counts
+            is_by_calendar := FALSE;
+            IF ends_run THEN
+                PERFORM kodu_ledger_put(old, life, 'k', place, place, place, 0);
+            END IF;
+        END;
+    END IF;
 
     IF ends_run THEN
-        new := kodu_ledger_end(old, new, place, life);
-        place := place + old.cron_interval;
+        following := COALESCE(following, place + old.cron_interval);
+        new := kodu_ledger_end(old, new, place, following, life);
+        place := following;
     ELSE
         new.run_ended := kodu_ledger_close(old, said, place, present);
         IF said.cron_status = 'PROCESS' AND said.cron_next_exec = old.cron_next_exec
@@ -497,9 +564,16 @@ BEGIN
     END IF;
     new.run_failing_since := kodu_ledger_failing(old, new);
 
-    IF NOT ends_run AND present.life_id IS NOT NULL AND said.cron_next_exec > old.cron_next_exec
-       AND said.cron_next_exec < kodu_pause_time()
-       AND said.cron_status IS NOT DISTINCT FROM old.cron_status THEN
+    IF is_by_calendar AND present.life_id IS NOT NULL AND new.cron_next_exec > place
+       AND new.cron_next_exec < kodu_pause_time()
+       AND (ends_run OR said.cron_status IS NOT DISTINCT FROM old.cron_status) THEN
+        -- A calendar passes over what a run has taken too long for at once.
+        PERFORM kodu_ledger_skip(CASE WHEN ends_run THEN new ELSE old END, place, new.cron_next_exec,
+                                 present, slots);
+        place := new.cron_next_exec;
+    ELSIF old.cron_slots IS NULL AND NOT ends_run AND present.life_id IS NOT NULL
+          AND said.cron_next_exec > old.cron_next_exec AND said.cron_next_exec < kodu_pause_time()
+          AND said.cron_status IS NOT DISTINCT FROM old.cron_status THEN
         reached := CASE WHEN new.cron_next_exec = said.cron_next_exec THEN new.cron_next_exec
                         ELSE place + old.cron_interval
                                      * kodu_ledger_periods(old, place, new.cron_next_exec) END;
@@ -601,7 +675,8 @@ BEGIN
         END IF;
     ELSIF NEW.cron_last_exec = OLD.cron_next_exec AND OLD.cron_status = 'PROCESS'
           AND OLD.ledger_to = OLD.cron_next_exec AND OLD.run_ended IS NULL
-          AND OLD.run_due IS NOT NULL AND OLD.ledger_lost IS NULL  -- a run ends
+          AND OLD.run_due IS NOT NULL AND OLD.ledger_lost IS NULL AND OLD.cron_slots IS NULL
+          -- a run ends
           AND NEW.cron_next_exec BETWEEN timestamp '1970-01-01' AND timestamp '2036-01-01'
           -- Last, when all else is true; to the end of the statement, which is the daemon's whole
           -- transaction. Its own row is locked already.
@@ -641,8 +716,11 @@ BEGIN
     DECLARE
         asked kodu_cron_plugin := NEW;
     BEGIN
+        IF OLD.cron_slots IS NOT NULL AND NEW.cron_next_exec <> OLD.cron_next_exec THEN
+            asked := public.kodu_follow_calendar(OLD, NEW);
+        END IF;
         IF OLD.cron_wanted IS NOT NULL OR OLD.cron_changed OR OLD.cron_delete THEN
-            asked := public.kodu_follow_request(OLD, NEW);
+            asked := public.kodu_follow_request(OLD, asked);
         END IF;
         IF failure IS NULL THEN
             BEGIN
@@ -709,13 +787,14 @@ WHERE expected <> found AND ended >= (SELECT switched_on FROM kodu_ledger_state 
 UNION ALL
 SELECT cron_id, ledger_id, moved_from + make_interval(secs => every) * periods, moved_to
 FROM kodu_ledger
-WHERE round(EXTRACT(EPOCH FROM moved_to - moved_from) / every) <> periods
+WHERE round(EXTRACT(EPOCH FROM moved_to - moved_from) / NULLIF(every, 0)) <> periods
   AND outcome NOT IN ('n', 'c', 'z');
 
 -- One row a task that has rows since then (by default, in the whole ledger). periods: from the first of
--- its times to the last, counted by the interval; where a person or a tool has moved the time, or the
--- interval has changed, by the rows in between. Each is a run or was skipped for a reason, so
--- `difference` is 0. One SELECT without settings, so that the server plans it with the caller's query.
+-- its times to the last, counted by the interval; where a person or a tool has moved the time, the
+-- interval has changed or the task has a calendar, by the rows in between. Each is a run or was skipped
+-- for a reason, so `difference` is 0. One SELECT without settings, so that the server plans it with the
+-- caller's query.
 CREATE OR REPLACE FUNCTION kodu_account(since timestamptz DEFAULT NULL, task integer DEFAULT NULL)
 RETURNS TABLE (id integer, periods bigint, runs bigint, failed bigint, retried bigint,
                interrupted_attempts bigint, skipped bigint, overrun bigint, late bigint,
@@ -728,11 +807,12 @@ LANGUAGE sql STABLE AS $$
            moved, maintenance, unrecorded, total.periods - accounted
     FROM (
         SELECT cron_id,
-               CASE WHEN bool_or(is_shift) OR min(every) <> max(every)
+               CASE WHEN bool_or(is_shift) OR min(every) <> max(every) OR min(every) = 0
                          OR count(*) FILTER (WHERE outcome = 'n') > 1  -- its id was used before
-                    THEN sum(CASE WHEN is_shift THEN row.periods
+                    THEN sum(CASE WHEN is_shift OR every = 0 THEN row.periods
                                   ELSE round(EXTRACT(EPOCH FROM moved_to - moved_from) / every) END)
-                    ELSE round(EXTRACT(EPOCH FROM max(moved_to) - min(moved_from)) / min(every))
+                    ELSE round(EXTRACT(EPOCH FROM max(moved_to) - min(moved_from))
+                               / NULLIF(min(every), 0))
                END::bigint AS periods,
                sum(row.periods) AS accounted,
                COALESCE(sum(row.periods) FILTER (WHERE outcome IN ('O', 'F')), 0) AS runs,

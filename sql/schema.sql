@@ -20,8 +20,8 @@ SET LOCAL search_path = public;
 
 -- The number and the title of the latest file in sql/migrations, which changed existing tables to what
 -- this file creates.
-SET LOCAL kodu.schema_version = '8';
-SET LOCAL kodu.schema_title = 'refuse rows with triggers';
+SET LOCAL kodu.schema_version = '9';
+SET LOCAL kodu.schema_title = 'give tasks calendars';
 
 -- CREATE TABLE below does not change tables of another version, but the rest of this file would change.
 DO $$
@@ -89,8 +89,8 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
     -- The next two belong to sql/functions.sql; the daemon does not know them.
     cron_wanted    timestamp,
     cron_changed   boolean NOT NULL DEFAULT FALSE,
-    -- The rest belongs to sql/ledger.sql: the state of the latest run, which its start and end write
-    -- with the columns of the daemon. No index may contain one of them.
+    -- The next eight belong to sql/ledger.sql: the state of the latest run, which its start and end
+    -- write with the columns of the daemon. No index may contain one of them.
     run_due           timestamp,
     run_started       timestamp,
     run_ended         timestamp,
@@ -98,7 +98,12 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
     pause_due         timestamp,
     ledger_to         timestamp,
     ledger_lost       integer,
-    run_attempt       smallint
+    run_attempt       smallint,
+    -- A task that runs at the times of a calendar, see sql/calendar.sql; NULL in all others. cron_slots is
+    -- cron_calendar as kodu_calendar_parse returns it.
+    cron_calendar text,
+    cron_zone     text,
+    cron_slots    bigint[]
 ) WITH (fillfactor = 70);
 
 -- cron_id refers to a task without a foreign key. The daemon deletes a task's history and then its
@@ -422,6 +427,36 @@ CREATE OR REPLACE TRIGGER kodu_end_sharing
     FOR EACH ROW WHEN (OLD.cron_shares_output AND OLD.cron_log_file <> NEW.cron_log_file)
     EXECUTE FUNCTION kodu_end_sharing();
 
+-- A calendar is parsed once, when it is written: the end of each run uses the result. A calendar that is
+-- invalid is refused here.
+CREATE OR REPLACE FUNCTION kodu_read_calendar() RETURNS trigger
+LANGUAGE plpgsql SET search_path = pg_catalog, pg_temp AS $$
+BEGIN
+    IF NEW.cron_calendar IS NULL THEN
+        NEW.cron_zone := NULL;
+        NEW.cron_slots := NULL;
+        RETURN NEW;
+    ELSIF to_regproc('public.kodu_calendar_parse') IS NULL THEN
+        RAISE EXCEPTION 'this database has no calendars' USING
+            ERRCODE = 'object_not_in_prerequisite_state',
+            HINT = 'Load sql/calendar.sql as the owner of the tables.';
+    END IF;
+    NEW.cron_zone := public.kodu_calendar_zone(COALESCE(NEW.cron_zone, 'UTC'));
+    NEW.cron_slots := public.kodu_calendar_parse(NEW.cron_calendar);
+    RETURN NEW;
+END
+$$;
+
+CREATE OR REPLACE TRIGGER kodu_calendar_given
+    BEFORE INSERT ON kodu_cron_plugin
+    FOR EACH ROW
+    WHEN (NEW.cron_calendar IS NOT NULL OR NEW.cron_zone IS NOT NULL OR NEW.cron_slots IS NOT NULL)
+    EXECUTE FUNCTION kodu_read_calendar();
+
+CREATE OR REPLACE TRIGGER kodu_calendar_changed
+    BEFORE UPDATE OF cron_calendar, cron_zone, cron_slots ON kodu_cron_plugin
+    FOR EACH ROW EXECUTE FUNCTION kodu_read_calendar();
+
 -- The key of a task that has not been given one: task-ID. An x follows where another task has been given
 -- that key.
 CREATE OR REPLACE FUNCTION kodu_implied_key(task integer) RETURNS text
@@ -544,7 +579,11 @@ SELECT task.cron_id AS id,
        cron_retries AS retry_limit,
        cron_retries_interval AS retry_delay,
        cron_next_exec AS scheduled,
-       CASE WHEN paused THEN next_exec END AS due_at_pause
+       CASE WHEN paused THEN next_exec END AS due_at_pause,
+       cron_calendar AS calendar,
+       cron_zone AS zone,
+       -- Its calendar has no coming time, so the end of its last run has paused it.
+       paused AND cron_slots IS NOT NULL AND next_exec IS NULL AS parked
 FROM kodu_cron_plugin AS task
 LEFT JOIN kodu_plugins ON plugin_id = cron_plugin_id  -- never without one
 LEFT JOIN kodu_cron_pause AS pause ON pause.cron_id = task.cron_id
@@ -617,6 +656,11 @@ COMMENT ON COLUMN kodu_cron_plugin.ledger_to IS
 COMMENT ON COLUMN kodu_cron_plugin.ledger_lost IS
     'Rows that could not be written since the last one that was; NULL: none';
 COMMENT ON COLUMN kodu_cron_plugin.run_attempt IS 'Of the latest run, from 1';
+COMMENT ON COLUMN kodu_cron_plugin.cron_calendar IS
+    'The task runs at the times of this calendar, and cron_interval applies only if that fails; NULL: every '
+    'cron_interval';
+COMMENT ON COLUMN kodu_cron_plugin.cron_zone IS 'Time zone of the calendar';
+COMMENT ON COLUMN kodu_cron_plugin.cron_slots IS 'The calendar as kodu_calendar_parse returns it';
 COMMENT ON TABLE kodu_cron_pause IS 'One row a paused task; times are UTC';
 COMMENT ON COLUMN kodu_cron_pause.next_exec IS 'Next due time at the moment of the pause';
 COMMENT ON COLUMN kodu_cron_pause.resumes_at IS

@@ -27,10 +27,23 @@ SharedFiles readSharedFiles(Session& session) {
   return files;
 }
 
+void lookAtCalendars(Session& session, Findings& findings) {
+  if (!session.query("SELECT to_regclass('kodu_calendar_fault') IS NOT NULL AS is_there")
+           .isTrue(0, "is_there")) {
+    return;  // without sql/functions.sql, nothing follows calendars
+  }
+  session.forEachRow("SELECT id, problem FROM kodu_calendar_fault ORDER BY id", {},
+                     [&](Fields& fields) {
+                       const auto id = static_cast<int>(fields.number());
+                       findings.addError("the calendar sets no time: " + fields.text(), id);
+                     });
+}
+
 }  // namespace
 
 void checkTasks(Session& session, const DaemonIdentity& daemon, Findings& findings) {
   TaskRules rules(daemon, readSharedFiles(session), findings);
   const AsDaemon rights(daemon);
   forEachDefinition(session, [&](const Task& task) { rules.look(task); });
+  lookAtCalendars(session, findings);
 }

@@ -46,6 +46,9 @@ int addTask(Session& session, const Options& options) {
 }  // namespace
 
 int runAdd(const Options& options) {
+  if (!options.every && !options.calendar) {
+    throw Failure(kWrongUsage, "--every or --at is required; see koductl add --help");
+  }
   Session session(options);
   if (isPresent(session, options)) {
     return kDone;

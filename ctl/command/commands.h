@@ -28,6 +28,7 @@ int runNow(const Options& options);
 int runDelete(const Options& options);
 int runUndelete(const Options& options);
 int runForecast(const Options& options);
+int runNext(const Options& options);
 int runStagger(const Options& options);
 int runPrune(const Options& options);
 int runExport(const Options& options);

@@ -17,6 +17,7 @@
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/printable.h"
 #include "ctl/terminal/text.h"
+#include "ctl/terminal/zone.h"
 
 namespace {
 
@@ -40,6 +41,9 @@ void giveDefinition(Call& call, const Options& options) {
       .with("file_name", "text", options.fileName)
       .with("name", "text", options.name)
       .with("key", "text", options.key);
+  if (options.calendar) {
+    call.with("at", "text", options.calendar).with("zone", "text", zoneName());
+  }
 }
 
 std::optional<std::string> parametersOf(const Options& options) {

@@ -123,7 +123,8 @@ class Writer {
                            isBare(name, found->second) ? found->second : textOf(found->second));
       }
     }
-    if (const auto first = rhythmOf(task)) {
+    // A calendar needs no first time.
+    if (const auto first = rhythmOf(task); first && task.definition.count("at") == 0) {
       lines.emplace_back("first", asJson ? textOf(*first) : *first);
     }
     if (task.isPaused) {

@@ -38,6 +38,7 @@ struct Figures {
        daemons = 0;
   std::optional<long> unwritten;  // rows of the ledger; nothing without one
   long unpruned = 0;              // since the ledger was pruned, or switched on
+  long calendars = 0;             // tasks whose calendar sets no time
 };
 
 constexpr long kDay = 86400;
@@ -112,6 +113,11 @@ Figures readFigures(const Options& options, const Thresholds& limits) {
     found.unwritten = ledger.number(0, "unwritten");
     found.unpruned = ledger.number(0, "unpruned");
   }
+  if (session.query("SELECT to_regclass('kodu_calendar_fault') IS NOT NULL AS is_there")
+          .isTrue(0, "is_there")) {
+    found.calendars =
+        session.query("SELECT count(*) AS faults FROM kodu_calendar_fault").number(0, "faults");
+  }
   return found;
 }
 
@@ -152,6 +158,10 @@ Judgement judgementOf(const Figures& found, const Thresholds& limits) {
     judgement.raise(kWarning, fmt::format("the ledger was last pruned {} s ago: see ops/ledger",
                                           found.unpruned));
   }
+  if (found.calendars > 0) {
+    judgement.raise(kWarning, fmt::format("{} with a calendar that sets no time: see koductl check",
+                                          counted(found.calendars, "task")));
+  }
   if (found.sessions == 0) {
     judgement.raise(kCritical, "no session of the daemon");
   }
@@ -181,6 +191,7 @@ Json::Value toJson(const Figures& found, const Judgement& judgement) {
   json["sessions"] = Json::Int64{found.sessions};
   json["daemons"] = Json::Int64{found.daemons};
   json["ledger_unwritten"] = jsonNumber(found.unwritten);
+  json["calendar_faults"] = Json::Int64{found.calendars};
   return json;
 }
 

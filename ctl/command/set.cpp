@@ -17,6 +17,9 @@ int runSet(const Options& options) {
             options.isUnlimited ? std::optional<std::string>("0") : options.timeout)
       .with("parameters", "text", parametersOf(options));
   giveDefinition(call, options);
+  if (options.isWithoutCalendar) {
+    call.with("at", "text", "");
+  }
   TaskChange change{call, "set", "changed"};
   if (options.isMarked || options.isUnmarked) {
     Call mark("kodu_metric_mark");

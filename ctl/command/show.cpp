@@ -40,7 +40,15 @@ std::string flagsText(const Task& task) {
   if (task.isFlagged) {
     return " (to be deleted)";
   }
+  if (task.isParked) {
+    return " (its calendar has no coming time)";
+  }
   return task.pause ? " (" + oneLine(pauseText(*task.pause, task.now)) + ")" : "";
+}
+
+std::string everyText(const Task& task) {
+  const std::string every = task.every ? durationText(*task.every) : "no interval";
+  return task.calendar.empty() ? every : calendarText(task) + ", else every " + every;
 }
 
 struct Field {
@@ -55,7 +63,7 @@ void printForPeople(const Task& task) {
       {"task", fmt::format("{}  {}", task.id, task.name)},
       {"plugin", task.path},
       {"arguments", argumentsText(task)},
-      {"every", task.every ? durationText(*task.every) : "no interval"},
+      {task.calendar.empty() ? "every" : "at", everyText(task)},
       {"status", status + flagsText(task), colourOf(status)},
       {"last due", timeOrNever(task.lastDue)},
       {"next due", dueText(task)},

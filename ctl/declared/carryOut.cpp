@@ -22,12 +22,13 @@ constexpr std::size_t kMostBytes = 4UL << 20;
 constexpr const char* kEntries = R"(
 FROM jsonb_to_recordset($1::jsonb) AS task (
     id integer, key text, plugin text, name text, every text, retries integer, timeout text,
-    "retry-after" text, file text, arguments text, first text, is_moved boolean))";
+    "retry-after" text, file text, arguments text, at text, zone text, first text,
+    is_moved boolean))";
 
 constexpr const char* kDefinition = R"(
     plugin => plugin, name => name, every => every::interval, retries => retries,
     timeout => timeout::interval, retry_after => "retry-after"::interval, file_name => file,
-    parameters => arguments)";
+    parameters => arguments, at => at, zone => zone)";
 
 std::string addStatement() {
   return fmt::format(
@@ -47,7 +48,7 @@ std::string slotOf(const Definition& definition, long earliest) {
   std::string first = settingOf(definition, "first");
   const auto begin = secondsOf(first);
   const auto every = secondsIn(settingOf(definition, "every"));
-  if (!begin || !every || *begin >= earliest) {
+  if (!begin || !every || *begin >= earliest || definition.count("at") > 0) {
     return first;  // the database refuses what is wrong in it
   }
   return declaredTime(*begin + (earliest - *begin + *every - 1) / *every * *every);

@@ -49,10 +49,14 @@ class TaskReader {
         task.lines[name] = setting.line;
         readSetting(name, setting);
       }
-      for (const char* required : {"plugin", "every"}) {
-        if (task.lines.count(required) == 0) {
-          refuse(value, fmt::format("{}: is missing", required));
-        }
+      if (task.lines.count("plugin") == 0) {
+        refuse(value, "plugin: is missing");
+      }
+      if (task.lines.count("every") == 0 && task.lines.count("at") == 0) {
+        refuse(value, "every: or at: is missing");
+      }
+      if (task.lines.count("zone") > 0 && task.lines.count("at") == 0) {
+        refuse(value, "zone is the time zone of a calendar: it needs at:");
       }
       if (task.lines.count("until") > 0 && settingOf(task.definition, "paused") != "true") {
         refuse(value, "until is the end of a pause: it needs paused: true");

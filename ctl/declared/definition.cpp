@@ -145,6 +145,8 @@ Definition definitionOf(const StoredTexts& texts, const std::string& guard) {
   const std::string plugin = guarded ? guarded->path : texts.path;
   set("plugin", plugin, "");
   set("name", texts.name, fileNameOf(plugin));
+  set("at", texts.at, "");
+  set("zone", texts.zone, texts.at.empty() ? "" : kDefaultZone);
   set("every", texts.every, "");
   set("retries", texts.retries, "1");
   set("timeout", guarded ? periodText(guarded->seconds) : "", "");

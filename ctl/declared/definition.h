@@ -12,12 +12,13 @@ using Definition = std::map<std::string, std::string>;
 
 /// The settings in the order in which they are shown. Those after "arguments" are no part of a
 /// task's row that apply compares by itself: it only moves, pauses and resumes by them.
-constexpr std::array<const char*, 12> kSettings = {"plugin",  "name",        "every",  "retries",
-                                                   "timeout", "retry-after", "file",   "arguments",
-                                                   "first",   "paused",      "reason", "until"};
+constexpr std::array<const char*, 14> kSettings = {
+    "plugin",      "name", "at",        "zone",  "every",  "retries", "timeout",
+    "retry-after", "file", "arguments", "first", "paused", "reason",  "until"};
 
 constexpr const char* kDefaultFile = "$SERVICEID_$DATE.txt";
 constexpr const char* kDefaultRetryAfter = "2m";
+constexpr const char* kDefaultZone = "UTC";
 
 /// The value of a setting; "" when it has its default.
 std::string settingOf(const Definition& definition, const std::string& name);
@@ -42,6 +43,7 @@ std::string declaredTime(long time);
 /// database: such a task is shown as the plugin that it runs, with "timeout".
 struct StoredTexts {
   std::string path, name, parameters, file, every, retries, retryAfter;
+  std::string at = {}, zone = {};  // "": no calendar
 };
 Definition definitionOf(const StoredTexts& texts, const std::string& guard);
 

@@ -13,6 +13,7 @@
 namespace {
 
 constexpr std::array<const char*, 3> kPeriods = {"every", "retry-after", "timeout"};
+constexpr char kBetween = '\n';  // a calendar and its zone, in one text
 
 /// What the database says about texts: two texts for each, or why it refuses it.
 class Answers {
@@ -86,6 +87,24 @@ std::set<std::string> pluginNamesIn(const Declaration& declaration) {
   return texts;
 }
 
+/// "" for a task without a calendar.
+std::string calendarOf(const Definition& definition) {
+  const std::string calendar = settingOf(definition, "at");
+  const std::string zone = settingOf(definition, "zone");
+  return definition.count("at") == 0 ? ""
+                                     : calendar + kBetween + (zone.empty() ? kDefaultZone : zone);
+}
+
+std::set<std::string> calendarsIn(const Declaration& declaration) {
+  std::set<std::string> texts;
+  for (const DeclaredTask& task : declaration.tasks) {
+    if (const std::string calendar = calendarOf(task.definition); !calendar.empty()) {
+      texts.insert(calendar);
+    }
+  }
+  return texts;
+}
+
 /// Rewrites definitions with the database's answers.
 class Normalizer {
  public:
@@ -101,13 +120,21 @@ class Normalizer {
                             " FROM unnest($1::text[]) AS text) AS periods",
                             sqlPeriod("period")),
                 periodsIn(declaration)),
+        calendars(
+            session,
+            fmt::format("SELECT text AS asked, {} AS one, '' AS other"
+                        " FROM (SELECT text, kodu_calendar_interval(split_part(text, E'\\n', 1),"
+                        " split_part(text, E'\\n', 2)) AS period"
+                        " FROM unnest($1::text[]) AS text) AS periods",
+                        sqlPeriod("period")),
+            calendarsIn(declaration)),
         plugins(session,
                 "SELECT text AS asked, path AS one, title AS other"
                 " FROM unnest($1::text[]) AS text, kodu_plugin_find(text)",
                 pluginNamesIn(declaration)) {}
 
   void normalize(DeclaredTask& task) const {
-    const bool arePeriodsRead = readPeriods(task);
+    const bool arePeriodsRead = readPeriods(task) && readCalendar(task);
     const std::string plugin = settingOf(task.definition, "plugin");
     if (!isRefused(task, "plugin", isPath(plugin) ? "" : plugins.refusalOf(plugin)) &&
         arePeriodsRead) {
@@ -140,6 +167,19 @@ class Normalizer {
     return areRead;
   }
 
+  /// Gives a task with a calendar the interval that the database would give it.
+  bool readCalendar(DeclaredTask& task) const {
+    const std::string calendar = calendarOf(task.definition);
+    if (calendar.empty()) {
+      return true;
+    }
+    if (isRefused(task, "at", calendars.refusalOf(calendar))) {
+      return false;
+    }
+    task.definition.emplace("every", periodText(calendars.of(calendar).first));
+    return true;
+  }
+
   void canonize(Definition& definition) const {
     const std::string plugin = settingOf(definition, "plugin");
     const auto [path, title] =
@@ -151,7 +191,8 @@ class Normalizer {
     const std::string timeout = setting("timeout", "");
     Definition result = definitionOf(
         {path, setting("name", title), setting("arguments", ""), setting("file", kDefaultFile),
-         setting("every", ""), setting("retries", "1"), setting("retry-after", kDefaultRetryAfter)},
+         setting("every", ""), setting("retries", "1"), setting("retry-after", kDefaultRetryAfter),
+         setting("at", ""), setting("zone", definition.count("at") > 0 ? kDefaultZone : "")},
         timeout.empty() ? guard : "");
     for (const char* other : {"timeout", "first", "paused", "reason", "until"}) {
       if (definition.count(other) > 0) {
@@ -183,7 +224,7 @@ class Normalizer {
   const std::string guard;
   Mistakes& mistakes;
   const long now;  // the server's clock
-  const Answers periods, plugins;
+  const Answers periods, calendars, plugins;
 };
 
 }  // namespace

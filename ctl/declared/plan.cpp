@@ -9,8 +9,9 @@
 namespace {
 
 /// The settings that are in a task's row.
-constexpr std::array<const char*, 8> kRowSettings = {
-    "plugin", "name", "every", "retries", "timeout", "retry-after", "file", "arguments"};
+constexpr std::array<const char*, 10> kRowSettings = {
+    "plugin",  "name",    "at",          "zone", "every",
+    "retries", "timeout", "retry-after", "file", "arguments"};
 
 std::optional<std::string> optionalSetting(const Definition& definition, const char* name) {
   const auto found = definition.find(name);
@@ -42,6 +43,9 @@ void compareRhythm(const StoredTask& task, Change& change) {
   const auto first = secondsOf(settingOf(change.definition, "first"));
   const auto every = secondsIn(settingOf(change.definition, "every"));
   const bool remainsPaused = task.isPaused && change.isPaused != false;
+  if (change.definition.count("at") > 0) {
+    return;  // the calendar sets all times but that of the first run
+  }
   if (first && every && task.due && !remainsPaused &&
       phaseOf(*first, *every) != phaseOf(*task.due, *every)) {
     change.settings.push_back({"first", rhythmOf(task), settingOf(change.definition, "first")});

@@ -20,7 +20,7 @@ std::string selectWhere(const std::string& condition) {
        task_set, plugin.plugin_path AS path, plugin.plugin_name AS name,
        cron_parameter AS parameters, cron_log_file AS file,
        {} AS every, COALESCE(cron_retries, 1) AS retries,
-       COALESCE({}, '120') AS retry_after,
+       COALESCE({}, '120') AS retry_after, cron_calendar AS at, cron_zone AS zone,
        paused, pause_reason, EXTRACT(EPOCH FROM paused_until)::bigint AS paused_until,
        floor(EXTRACT(EPOCH FROM CASE WHEN paused THEN due_at_pause
                                      ELSE COALESCE(due_after_run, due) END))::bigint AS due,
@@ -44,11 +44,11 @@ StoredTask taskOf(const Rows& rows, int row, const std::string& guard) {
   task.id = static_cast<int>(rows.number(row, "id"));
   task.key = rows.text(row, "key");
   task.set = rows.text(row, "task_set");
-  task.definition =
-      definitionOf({rows.text(row, "path"), rows.text(row, "name"), rows.text(row, "parameters"),
-                    rows.text(row, "file"), periodText(rows.text(row, "every")),
-                    rows.text(row, "retries"), periodText(rows.text(row, "retry_after"))},
-                   guard);
+  task.definition = definitionOf(
+      {rows.text(row, "path"), rows.text(row, "name"), rows.text(row, "parameters"),
+       rows.text(row, "file"), periodText(rows.text(row, "every")), rows.text(row, "retries"),
+       periodText(rows.text(row, "retry_after")), rows.text(row, "at"), rows.text(row, "zone")},
+      guard);
   task.isPaused = rows.isTrue(row, "paused");
   task.pauseReason = rows.text(row, "pause_reason");
   task.pausedUntil = rows.optionalNumber(row, "paused_until");

@@ -26,8 +26,9 @@ std::string everyText(const Task& task) {
 
 std::string definition(const Task& task) {
   const auto count = static_cast<long>(task.record()->GetVectorParam().size());
-  return fmt::format("Task {} ({}) runs {} with {} every {}.", task.id, task.name, task.path,
-                     counted(count, "argument"), everyText(task));
+  return fmt::format(
+      "Task {} ({}) runs {} with {} {}.", task.id, task.name, task.path, counted(count, "argument"),
+      task.calendar.empty() ? "every " + everyText(task) : "at the times of " + calendarText(task));
 }
 
 std::string lastRun(const Task& task) {
@@ -119,6 +120,12 @@ std::string waitingFor(const Task& task, const TaskContext& context) {
     return fmt::format("Its plugin is of type '{}'; the daemon runs only plugins of type 'cron'.",
                        task.type);
   }
+  if (task.isParked && !task.isRunning) {
+    return fmt::format(
+        "Its calendar has no time from now to 2035, so it is paused. Run koductl set {} --at "
+        "CALENDAR to give it another one.",
+        task.id);
+  }
   if (task.pause && !task.isRunning) {
     return fmt::format(
         "It {}. {}Run koductl resume {} to resume it{}.", pausedSince(*task.pause, task.now),
@@ -141,6 +148,12 @@ std::string waitingFor(const Task& task, const TaskContext& context) {
 
 /// Which rule has set the next time. The ledger knows better why periods were skipped.
 std::string nextTimeRule(const Task& task, bool hasSkip) {
+  if (!task.calendar.empty()) {
+    return task.isRunning
+               ? "The due time does not change until the run is completed. Then the next time of "
+                 "the calendar follows, unless another time has been set."
+               : "The calendar sets that time, unless it was set by hand.";
+  }
   if (task.isRunning) {
     return "The due time does not change until the run is completed. Then the daemon adds "
            "intervals "

@@ -101,6 +101,7 @@ std::string whySkipped(const std::string& reason) {
       {"changed", "another time or interval had been set"},
       {"moved", "the task was moved to another daemon"},
       {"maintenance", "it was in a maintenance window"},
+      {"calendar", "its calendar is invalid, so its interval applied"},
       {"unrecorded", "the ledger was off or could not be written, so the reason is not known"}};
   const auto found = sentences.find(reason);
   return found == sentences.end() ? reason : found->second;

@@ -27,6 +27,7 @@ void takePause(Fields& fields, Task& task) {
 template <typename Give>
 void giveMembers(const Task& task, const Give& give) {
   give("archive", task.archivePath());
+  give("calendar", task.calendar.empty() ? std::nullopt : std::optional(task.calendar));
   give("deleted", task.isFlagged);
   give("due", jsonTimeText(task.next));
   give("every_seconds", task.every);
@@ -48,6 +49,7 @@ void giveMembers(const Task& task, const Give& give) {
   give("retry_due", jsonTimeText(task.retryDue));
   give("running", task.isRunning);
   give("status", task.status);
+  give("zone", task.zone.empty() ? std::nullopt : std::optional(task.zone));
 }
 
 template <typename Give>
@@ -117,6 +119,10 @@ std::string pauseText(const Pause& pause, long now) {
   return text + (pause.reason.empty() ? "" : ": " + pause.reason);
 }
 
+std::string calendarText(const Task& task) {
+  return fmt::format("{} in {}", task.calendar, task.zone);
+}
+
 std::shared_ptr<serviceCron> Task::record() const {
   auto task = std::make_shared<serviceCron>();
   task->SetService_id(static_cast<unsigned long long>(id));
@@ -159,7 +165,7 @@ const char* const kStateColumns = R"(,
        floor(date_part('epoch', paused_until))::bigint, paused_by, pause_reason,
        deleting, failures_hour, failures_day, attempts, failing,
        floor(date_part('epoch', failing_since))::bigint,
-       floor(date_part('epoch', now()))::bigint)";
+       floor(date_part('epoch', now()))::bigint, calendar, zone, parked)";
 
 Task takeDefinition(Fields& fields, const std::string& outputDirectory) {
   Task task;
@@ -200,6 +206,9 @@ Task takeTask(Fields& fields, const std::string& outputDirectory) {
   task.isFailing = fields.isTrue();
   task.failingSince = fields.optionalNumber();
   task.now = fields.number();
+  task.calendar = fields.text();
+  task.zone = fields.text();
+  task.isParked = fields.isTrue();
   return task;
 }
 

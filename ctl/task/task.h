@@ -39,6 +39,8 @@ struct Task {
   bool isLate = false;                      // its run is overdue
   long lateSeconds = 0;                     // since the due time; 0 before it and while paused
   std::optional<Pause> pause;
+  std::string calendar, zone;  // "": it runs every interval
+  bool isParked = false;       // paused, because the calendar has no coming time
   long failuresHour = 0, failuresDay = 0;
   long failedAttempts = 0;  // of the present run, which has begun
   bool isFailing = false;
@@ -85,6 +87,9 @@ Workload countRunning(Session& session);
 /// "paused since 2024-05-01 13:02:09 UTC (5m ago) by alice until 2024-05-01 15:00:00 UTC (in 1h
 /// 57m): new disks"; unknown parts are omitted.
 std::string pauseText(const Pause& pause, long now);
+
+/// "0 3 * * mon-fri in Europe/Paris"; only for a task with a calendar.
+std::string calendarText(const Task& task);
 
 /// Everything above as a JSON object.
 Json::Value toJson(const Task& task);

@@ -63,6 +63,7 @@ TEST_F(JsonSchemaTest, DescribesTheCommandsThatRead) {
   keep("ids", {"ids"});
   keep("show", {"show", "1"});
   keep("explain", {"explain", "1"});
+  keep("next", {"next", "1"});
   keep("logs", {"logs", "1"});
   keep("history", {"history", "1"});
   keep("output", {"output", "1"});

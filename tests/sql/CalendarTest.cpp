@@ -380,6 +380,44 @@ TEST_F(CalendarTest, RefusesWithTheCodeOfAnInvalidParameter) {
   EXPECT_EQ(codeOf("kodu_calendar_next_parsed('{1,1,2,2,1,1}', 'Mars/Base', now())"), "22023");
 }
 
+TEST_F(CalendarTest, CountsTheTimesThatAWalkFinds) {
+  // Days with and without a change of the clock, whole and in part; unions whose times coincide.
+  const std::string disagreement = database.value(R"(
+    WITH RECURSIVE cases AS (
+        SELECT row_number() OVER () AS id, kodu_calendar_parse(text) AS calendar, text, zone,
+               start, start + length AS stop
+        FROM unnest(ARRAY['*/7 * * * *', '30 2 * * *', '0,15,30,59 2,3 * * *', '*/10 2 * * *',
+                          '0 9 * * mon-fri; 0 11 * * sat,sun; */30 * 1 * *', '0 0 L * *',
+                          '0 12 * * fri#2; 30 2 * * *; 0 3 * * *', '15 1,2 * 3,10,11 5L'])
+                 AS texts (text),
+             unnest(ARRAY['UTC', 'Europe/Paris', 'Australia/Lord_Howe']) AS zone,
+             unnest(ARRAY['2026-03-28 23:30', '2026-03-29 01:00', '2026-10-25 00:17',
+                          '2026-10-25 01:00', '2026-10-25 02:00', '2026-04-04 15:00',
+                          '2026-10-03 15:30', '2026-05-01 12:00:30']) AS begins,
+             LATERAL (SELECT (begins || ' UTC')::timestamptz AS start) AS moment,
+             unnest(ARRAY['40 minutes', '3 hours', '2 days 1 hour']::interval[]) AS length
+    ), walk AS (
+        SELECT id, kodu_calendar_next_parsed(calendar, zone, start - interval '1 microsecond') AS at
+        FROM cases
+        UNION ALL
+        SELECT id, kodu_calendar_next_parsed(calendar, zone, at)
+        FROM walk JOIN cases USING (id) WHERE at < stop
+    )
+    SELECT format('%s in %s from %s to %s', text, zone, start, stop) FROM cases
+    WHERE kodu_calendar_count(calendar, zone, start, stop)
+          <> (SELECT count(*) FROM walk WHERE walk.id = cases.id AND at < stop) LIMIT 1)");
+  EXPECT_EQ(disagreement, "");
+}
+
+TEST_F(CalendarTest, CountsTheTimesOfAYearWithoutAWalk) {
+  EXPECT_EQ(database.value("SELECT kodu_calendar_count(kodu_calendar_parse('* * * * *'), "
+                           "'Europe/Paris', '2026-01-01', '2027-01-01')"),
+            std::to_string(365 * 1440));
+  EXPECT_EQ(database.value("SELECT kodu_calendar_count(kodu_calendar_parse('0 2 * * *'), "
+                           "'Europe/Paris', '2027-01-01', '2026-01-01')"),
+            "0");
+}
+
 TEST_F(CalendarTest, IsForTheTwoRolesOnlyAndMayBeLoadedAgain) {
   database.query(readFile(projectFile("sql/functions.sql")));
   load();

@@ -110,7 +110,10 @@ TEST_F(SchemaTest, HasTheColumnsThatTheStatementsName) {
                                                {"pause_due", "timestamp without time zone"},
                                                {"ledger_to", "timestamp without time zone"},
                                                {"ledger_lost", "integer"},
-                                               {"run_attempt", "smallint"}}));
+                                               {"run_attempt", "smallint"},
+                                               {"cron_calendar", "text"},
+                                               {"cron_zone", "text"},
+                                               {"cron_slots", "ARRAY"}}));
   EXPECT_EQ(columns("kodu_plugins"), (Rows{{"plugin_id", "integer"},
                                            {"plugin_name", "text"},
                                            {"plugin_path", "text"},

@@ -154,7 +154,7 @@ TEST_F(AddTest, RefusesArgumentsThatNoTaskCanHave) {
 TEST_F(AddTest, RefusesAWrongCommandLine) {
   const std::vector<std::pair<Words, std::string>> cases = {
       {{}, "is required; see koductl add --help"},
-      {{"/bin/true"}, "--every is required; see koductl add --help"},
+      {{"/bin/true"}, "--every or --at is required; see koductl add --help"},
       {{"--every", "5m"}, "PLUGIN is required; see koductl add --help"},
       {{"/bin/true", "--every"}, "--every"},
       {{"/bin/true", "--every", "5m", "--retries", "-1"}, "--retries"},

@@ -124,7 +124,7 @@ TEST(DeclarationTest, SuggestsTheSettingThatIsMeant) {
 
 TEST(DeclarationTest, RefusesTasksThatLackWhatTheyNeed) {
   EXPECT_EQ(mistakesIn({{"f", "tasks:\n  k: {name: x}\n"}}),
-            "f:2: k: plugin: is missing\nf:2: k: every: is missing\nnothing was changed");
+            "f:2: k: plugin: is missing\nf:2: k: every: or at: is missing\nnothing was changed");
   EXPECT_THAT(mistakesIn({{"f", "tasks:\n  k:\n"}}), HasSubstr("f:2: k: settings are missing"));
   EXPECT_THAT(mistakesIn({{"f", "tasks: [a]\n"}}), HasSubstr("f:1: tasks must be a map"));
   EXPECT_THAT(mistakesIn({{"f", "tasks:\n"}}), HasSubstr("f:1: tasks must be a map"));
