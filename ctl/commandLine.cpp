@@ -61,6 +61,7 @@ class Parser {
     addDeclaringCommands();
     addPlanningCommands();
     addLedgerCommand();
+    addHostCommand();
     addSchemaCommand();
     addEarlierNames();
   }
@@ -595,6 +596,34 @@ class Parser {
         ->check(CLI::IsMember({"on", "off", "keep", "status"}));
     ledger->add_option("DAYS", options.ledgerDays, "With keep: from 1 to 30 days")
         ->check(CLI::Range(1, 30));
+  }
+
+  void addHostCommand() {
+    CLI::App* host = addCommand(
+        "host", "Show the hosts of several daemons, or give tasks of one to another", runHost);
+    host->footer(
+        "host list prints the names of the hosts, and host status what each does. host add HOST "
+        "adds a host with a role of this name; host remove HOST removes one that has no tasks. "
+        "host takeover HOST TARGET gives all tasks of a host that does not work any more to "
+        "another; runs in progress count as FAILED. host move HOST TARGET moves tasks between "
+        "hosts whose daemons work, and interrupts no run. takeover and move need --user ROLE, "
+        "where ROLE is a member of kodu_admin; add and remove need a superuser or the owner of "
+        "the tables.");
+    host->add_option("ACTION", options.hostAction,
+                     "What to do: list, status, add, remove, takeover or move")
+        ->option_text(valueWithDefault("ACTION", options.hostAction))
+        ->check(CLI::IsMember({"list", "status", "add", "remove", "takeover", "move"}));
+    host->add_option("HOST", options.hosts, "Name of a host; takeover and move need two")
+        ->expected(0, 2);
+    host->add_option("--tasks", options.hostTasks, "With move: move at most COUNT tasks")
+        ->option_text("COUNT (all)")
+        ->check(CLI::Range(1L, 2147483647L));
+    host->add_option("--password-file", options.passwordFile,
+                     "With add: give the role the password in the first line of FILE")
+        ->option_text("FILE (no password)");
+    host->add_flag("--yes", options.isConfirmed,
+                   "With takeover: also if a daemon of the host is connected");
+    host->add_flag("--dry-run", options.isDryRun, "Change nothing, and say what would be done");
   }
 
   void addSchemaCommand() {

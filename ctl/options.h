@@ -98,6 +98,12 @@ struct Options {
   std::string ledgerAction = "status";
   std::optional<int> ledgerDays;
 
+  // host
+  std::string hostAction = "status";
+  std::vector<std::string> hosts;
+  std::optional<long> hostTasks;  // nothing: all
+  std::string passwordFile;       // "": none
+
   // schema
   std::string schemaAction;  // "": show the state; "upgrade"
   int waitSeconds = 60;

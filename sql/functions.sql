@@ -1505,8 +1505,9 @@ BEGIN
           AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused',
                               'kodu_follow_request', 'kodu_follow_calendar', 'kodu_check_next_run',
                               'kodu_implied_key')
-          -- sql/ledger.sql and sql/events.sql grant these
+          -- sql/ledger.sql, sql/events.sql and sql/hosts.sql grant these
           AND proname NOT LIKE 'kodu\_ledger\_%' AND proname NOT LIKE 'kodu\_event%'
+          AND proname NOT LIKE 'kodu\_host\_%'
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);
         EXECUTE format('GRANT EXECUTE ON FUNCTION %s TO kodu_admin', function);

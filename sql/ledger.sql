@@ -406,7 +406,7 @@ DECLARE
     reason text := CASE current_setting('kodu.reason', TRUE) WHEN 'moved' THEN 'm'
                         WHEN 'maintenance' THEN 'w' WHEN 'paused' THEN 'p' ELSE 'c' END;
 BEGIN
-    IF task.cron_next_exec >= kodu_pause_time() THEN
+    IF reason = 'c' AND task.cron_next_exec >= kodu_pause_time() THEN
         reason := 'p';
     END IF;
     IF reason <> 'c' AND stop <> target THEN

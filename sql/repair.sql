@@ -11,9 +11,12 @@
 
 WITH abandoned AS (
     UPDATE public.kodu_cron_plugin AS task SET cron_status = 'FAILED'
-    FROM public.kodu_cron_plugin AS was  -- a trigger may move the time
+    FROM public.kodu_cron_plugin AS was,  -- a trigger may move the time
+         COALESCE(NULLIF(current_setting('kodu.daemon_role', TRUE), ''), 'kodu') AS daemon
     WHERE task.cron_id = was.cron_id AND task.cron_status = 'PROCESS'
       AND NOT (SELECT connected FROM public.kodu_daemon_state)
+      -- With sql/hosts.sql, another daemon may have runs in progress; without it, there is no such column.
+      AND COALESCE(to_jsonb(was) ->> 'cron_host', daemon) = daemon
     RETURNING was.cron_id, was.cron_next_exec
 )
 INSERT INTO public.kodu_cron_repair (cron_id, was_due)

@@ -36,3 +36,4 @@ int runApply(const Options& options);
 int runSchema(const Options& options);
 int runAccount(const Options& options);
 int runLedger(const Options& options);
+int runHost(const Options& options);

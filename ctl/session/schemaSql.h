@@ -21,8 +21,9 @@ extern const char* const functionsSql;
 extern const char* const ledgerSql;
 extern const char* const eventsSql;
 extern const char* const metricsSql;
-/// Loaded again only where it was loaded before.
+// These two are loaded again only where they were loaded before.
 extern const char* const calendarSql;
+extern const char* const hostsSql;
 /// One statement: ends the runs that no daemon ends.
 extern const char* const repairSql;
 /// sql/migrations/before.sql and after.sql, run around the first five above.

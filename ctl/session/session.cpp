@@ -6,6 +6,7 @@
 #include <cctype>
 #include <charconv>
 #include <chrono>
+#include <memory>
 #include <stdexcept>
 #include <string_view>
 
@@ -341,6 +342,19 @@ void Session::fail(const ResultPtr& result, const LockWatch& watch) const {
 void Session::execute(const std::string& sql) {
   PQsendQuery(connection.get(), sql.c_str());
   awaitResult(0);
+}
+
+// A password in a statement would stand in the server's log when the statement fails.
+void Session::setPassword(const std::string& role, const std::string& password) {
+  const std::unique_ptr<char, decltype(&PQfreemem)> encrypted(
+      PQencryptPasswordConn(connection.get(), password.c_str(), role.c_str(), nullptr), PQfreemem);
+  if (!encrypted) {
+    throw Failure(kRefused, serverMessage(PQerrorMessage(connection.get())));
+  }
+  const Rows statement =
+      query("SELECT format('ALTER ROLE %I PASSWORD %L', $1::text, $2::text) AS sql",
+            {role, encrypted.get()});
+  query(statement.text(0, "sql"));
 }
 
 bool isDaemonConnected(Session& session) {

@@ -101,6 +101,8 @@ class Session {
   /// Runs statements, separated by semicolons, and discards the results. Sets no limit: the
   /// statements may set one.
   void execute(const std::string& sql);
+  /// Gives a role a password, of which the server sees only what it keeps. Throws as query().
+  void setPassword(const std::string& role, const std::string& password);
 
  private:
   void send(const std::string& sql, const std::vector<std::string>& params);

@@ -60,6 +60,8 @@ constexpr const char* kTransactionSettings =
 constexpr const char* kHasCalendars =
     "SELECT to_regproc('public.kodu_calendar_parse') IS NOT NULL AS has_calendars";
 
+constexpr const char* kHasHosts = "SELECT to_regclass('public.kodu_host') IS NOT NULL AS has_hosts";
+
 void takeTurn(Session& session) {
   if (!session.query(kTakeTurn).isTrue(0, "is_mine")) {
     throw Failure(kRefused, "another upgrade of this database is in progress");
@@ -102,6 +104,7 @@ void redefine(Session& session) {
   // notifies it too, each new task would run twice.
   const bool hasFunctions = session.query(kHasFunctions).isTrue(0, "has_functions");
   const bool hasCalendars = session.query(kHasCalendars).isTrue(0, "has_calendars");
+  const bool hasHosts = session.query(kHasHosts).isTrue(0, "has_hosts");
   session.execute(beforeSql);
   session.execute(schemaSql);
   if (hasFunctions) {
@@ -112,6 +115,9 @@ void redefine(Session& session) {
   }
   if (hasCalendars) {
     session.execute(calendarSql);
+  }
+  if (hasHosts) {
+    session.execute(hostsSql);  // last: it copies the rights that the others have given
   }
   session.execute(afterSql);
 }

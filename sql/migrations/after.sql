@@ -26,7 +26,7 @@ BEGIN
         WHERE relnamespace = 'public'::regnamespace AND relkind IN ('r', 'p', 'v')
           AND starts_with(relname, 'kodu_') AND relowner <> owner::regrole
         UNION ALL
-        SELECT format('ALTER FUNCTION %s OWNER TO %I', oid::regprocedure, owner)
+        SELECT format('ALTER ROUTINE %s OWNER TO %I', oid::regprocedure, owner)
         FROM pg_proc
         WHERE pronamespace = 'public'::regnamespace AND starts_with(proname, 'kodu_')
           AND proowner <> owner::regrole

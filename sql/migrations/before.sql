@@ -46,7 +46,7 @@ $$;
 -- Rights that somebody granted, except those of the roles that these files know.
 INSERT INTO upgrade_keeps
 SELECT format('GRANT %s ON %s %s TO %s%s', privilege_type || columns,
-              CASE kind WHEN 'COLUMN' THEN 'TABLE' ELSE kind END, relation,
+              CASE kind WHEN 'COLUMN' THEN 'TABLE' WHEN 'FUNCTION' THEN 'ROUTINE' ELSE kind END, relation,
               CASE grantee WHEN 0 THEN 'PUBLIC' ELSE quote_ident(pg_get_userbyid(grantee)) END,
               CASE WHEN is_grantable THEN ' WITH GRANT OPTION' END), kind, object
 FROM (SELECT 'TABLE' AS kind, oid::regclass::text AS object, oid::regclass::text AS relation,
@@ -58,7 +58,7 @@ FROM (SELECT 'TABLE' AS kind, oid::regclass::text AS object, oid::regclass::text
       UNION ALL
       SELECT 'FUNCTION', oid::regprocedure::text, oid::regprocedure::text, '', proowner, acl.*
       FROM upgrade_functions, aclexplode(proacl) AS acl) AS granted
-WHERE grantee NOT IN (0, owner) AND pg_get_userbyid(grantee) NOT IN ('kodu', 'kodu_admin', 'kodu_reader', 'kodu_monitor');
+WHERE grantee NOT IN (0, owner) AND pg_get_userbyid(grantee) NOT IN ('kodu', 'kodu_admin', 'kodu_reader', 'kodu_monitor', 'kodu_hosts');
 
 -- A platform that notifies the daemon by itself has switched our triggers off.
 INSERT INTO upgrade_keeps
@@ -82,7 +82,7 @@ BEGIN
     FOREACH statement IN ARRAY triggers || views LOOP
         EXECUTE statement;
     END LOOP;
-    SELECT 'DROP FUNCTION ' || string_agg(oid::regprocedure::text, ', ') INTO statement
+    SELECT 'DROP ROUTINE ' || string_agg(oid::regprocedure::text, ', ') INTO statement
     FROM upgrade_functions;
     IF statement IS NOT NULL THEN
         EXECUTE statement;

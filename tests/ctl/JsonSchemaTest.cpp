@@ -128,6 +128,15 @@ TEST_F(JsonSchemaTest, DescribesTheLedger) {
   EXPECT_EQ(violations(), "");
 }
 
+TEST_F(JsonSchemaTest, DescribesTheHosts) {
+  database.query(
+      "ALTER TABLE kodu_plugins ALTER plugin_id RESTART 1000;"
+      "ALTER TABLE kodu_cron_plugin ALTER cron_id RESTART 1000");
+  database.query(readFile(projectFile("sql/hosts.sql")));
+  keep("host", {"host"});
+  EXPECT_EQ(violations(), "");
+}
+
 TEST_F(JsonSchemaTest, DescribesAnUpgradeOfTheTables) {
   keepText(
       "schema_upgrade",

@@ -13,7 +13,7 @@
 #include "tests/support/builtProgram.h"
 #include "tests/support/waitUntil.h"
 
-Daemon::Daemon(const Database& testDatabase) : database(testDatabase) {
+Daemon::Daemon(const Database& testDatabase) : role(testDatabase.user()), database(testDatabase) {
   writeConfig();
 }
 
@@ -32,10 +32,10 @@ void Daemon::writeConfig() const {
 }
 
 void Daemon::writeDatabaseConfig(const std::string& host, int port) const {
-  writeFile(databaseConfig(),
-            "[POSTGRESQL]\nPGSQL_host=" + host + "\nPGSQL_port=" + std::to_string(port) +
-                "\nPGSQL_db=" + database.name() + "\nPGSQL_username=" + database.user() +
-                "\nPGSQL_pwd=" + database.password() + "\n");
+  writeFile(databaseConfig(), "[POSTGRESQL]\nPGSQL_host=" + host +
+                                  "\nPGSQL_port=" + std::to_string(port) +
+                                  "\nPGSQL_db=" + database.name() + "\nPGSQL_username=" + role +
+                                  "\nPGSQL_pwd=" + database.password() + "\n");
 }
 
 void Daemon::start(const std::vector<std::string>& options) {

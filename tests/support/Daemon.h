@@ -24,6 +24,8 @@ class Daemon {
   // Values for the INI files; change them before start().
 
   std::string threadNumber = "2";
+  /// The role that it connects as, with the password of the database's.
+  std::string role;
   /// The environment variable that contains the program's path.
   std::string programVariable = "KODU_TEST_DAEMON";
   std::string mainConfig() const { return directory / "cron.conf"; }
@@ -32,7 +34,7 @@ class Daemon {
   std::string outputDirectory() const { return directory / "output"; }
   /// Standard output and standard error of the daemon.
   std::string consolePath() const { return directory / "console"; }
-  /// Writes both INI files again, with the present threadNumber.
+  /// Writes both INI files again, with the present threadNumber and role.
   void writeConfig() const;
   /// Writes the database's INI file alone, with these values of its host and port lines.
   void writeDatabaseConfig(const std::string& host, int port) const;

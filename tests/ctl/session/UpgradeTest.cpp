@@ -299,6 +299,16 @@ TEST_F(UpgradeTest, KeepsCalendarsWhereTheyWereLoaded) {
             "t");
 }
 
+TEST_F(UpgradeTest, KeepsHostsWhereTheyWereLoaded) {
+  upgrade();
+  EXPECT_EQ(database.value("SELECT to_regclass('kodu_host')"), "");
+  load(database, "sql/hosts.sql");
+  const std::string before = dump(database, "before.sql");
+  upgrade();
+  expectEqual(before, dump(database, "after.sql"));
+  EXPECT_THAT(readFile(before), HasSubstr("TRIGGER kodu_fence"));
+}
+
 TEST_F(UpgradeTest, GivesNewTablesTheOwnerOfTheOldOnes) {
   const std::string owner = "owner_of_" + database.name();
   database.query("CREATE ROLE " + owner + " CREATEROLE; GRANT CREATE ON SCHEMA public TO " + owner);

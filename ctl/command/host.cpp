@@ -1,0 +1,284 @@
+// koductl host: shows the hosts of sql/hosts.sql, adds and removes them, and gives tasks of one to
+// another.
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ctl/command/commands.h"
+#include "ctl/failure.h"
+#include "ctl/files/regularFile.h"
+#include "ctl/options.h"
+#include "ctl/session/session.h"
+#include "ctl/session/transaction.h"
+#include "ctl/terminal/print.h"
+#include "ctl/terminal/table.h"
+#include "ctl/terminal/text.h"
+
+namespace {
+
+constexpr const char* kHasHosts = R"(
+SELECT COALESCE(has_table_privilege(to_regclass('public.kodu_host_status'), 'SELECT'), FALSE)
+       AS has_hosts)";
+
+constexpr const char* kStatus = R"(
+SELECT host, is_default, tasks, running, late_seconds, leaving, sessions, listens, silent_seconds
+FROM kodu_host_status ORDER BY host)";
+
+constexpr const char* kMayCall =
+    "SELECT has_function_privilege(oid, 'EXECUTE') AS allowed, current_user AS role FROM pg_proc "
+    "WHERE proname = $1 AND pronamespace = 'public'::regnamespace";
+
+/// The longest line of a password file.
+constexpr std::size_t kMostPassword = 1000;
+
+/// How long a daemon may take to answer.
+constexpr std::chrono::seconds kPatience{10};
+constexpr std::chrono::milliseconds kPause{200};
+
+void requireHosts(Session& session) {
+  if (!session.query(kHasHosts).isTrue(0, "has_hosts")) {
+    throw Failure(kRefused,
+                  "the database has no hosts that this role may read: load sql/hosts.sql as the "
+                  "owner of the tables, or connect as another role with --user");
+  }
+}
+
+void requireRight(Session& session, const char* function, const char* who) {
+  const Rows answer = session.query(kMayCall, {function});
+  if (!answer.isTrue(0, "allowed")) {
+    throw Failure(kNotPermitted,
+                  fmt::format("role {} may not do this: connect as {} with --user ROLE; its "
+                              "password comes from PGPASSWORD or ~/.pgpass",
+                              answer.text(0, "role"), who));
+  }
+}
+
+/// What an action needs and has: 0 to 2 names, and perhaps options.
+struct Action {
+  const char* name;
+  std::size_t hosts;
+  const char* example;
+};
+
+constexpr std::array kActions = {Action{"list", 0, "koductl host list"},
+                                 Action{"status", 0, "koductl host status"},
+                                 Action{"add", 1, "koductl host add kodu_b"},
+                                 Action{"remove", 1, "koductl host remove kodu_b"},
+                                 Action{"takeover", 2, "koductl host takeover kodu kodu_b"},
+                                 Action{"move", 2, "koductl host move kodu kodu_b"}};
+
+void checkArguments(const Options& options) {
+  for (const Action& action : kActions) {
+    if (options.hostAction == action.name && options.hosts.size() != action.hosts) {
+      throw Failure(kWrongUsage,
+                    fmt::format("host {} needs {}, as in {}", action.name,
+                                counted(static_cast<long>(action.hosts), "host"), action.example));
+    }
+  }
+  if (options.hostTasks && options.hostAction != "move") {
+    throw Failure(kWrongUsage, "only host move has a number of tasks");
+  }
+  if (!options.passwordFile.empty() && options.hostAction != "add") {
+    throw Failure(kWrongUsage, "only host add has a password");
+  }
+}
+
+/// The row of a host in kStatus.
+int rowOf(const Rows& status, const std::string& host) {
+  for (int row = 0; row < status.count(); ++row) {
+    if (status.text(row, "host") == host) {
+      return row;
+    }
+  }
+  throw Failure(kNotFound,
+                fmt::format("there is no host {}; koductl host list lists the hosts", host));
+}
+
+/// The first line of the file.
+std::string passwordIn(const std::string& path) {
+  std::string password = readRegularFile(path, kMostPassword);
+  password.resize(std::min(password.find('\n'), password.size()));
+  if (password.empty()) {
+    throw Failure(kRefused, fmt::format("the first line of {} has no password", path));
+  }
+  return password;
+}
+
+void add(Session& session, const Options& options) {
+  requireRight(session, "kodu_host_add", "a superuser or the owner of the tables");
+  const std::string password = options.passwordFile.empty() ? "" : passwordIn(options.passwordFile);
+  Transaction transaction(session, kEndWithoutKoductl);
+  session.query("SELECT kodu_host_add($1)", {options.hosts[0]});
+  if (!password.empty()) {
+    session.setPassword(options.hosts[0], password);
+  }
+  if (!options.isDryRun) {
+    transaction.commit();
+  }
+}
+
+void remove(Session& session, const Options& options) {
+  requireRight(session, "kodu_host_remove", "a superuser or the owner of the tables");
+  Transaction transaction(session, kEndWithoutKoductl);
+  session.query("SELECT kodu_host_remove($1)", {options.hosts[0]});
+  if (!options.isDryRun) {
+    transaction.commit();
+  }
+}
+
+/// Asks the daemon of the host until it is known to listen.
+void awaitListener(Session& session, const std::string& host) {
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  while (!session.query("SELECT kodu_host_hear($1) AS listens", {host}).isTrue(0, "listens")) {
+    if (std::chrono::steady_clock::now() > end) {
+      throw Failure(kRefused, fmt::format("the daemon of the host {} does not answer; nothing was "
+                                          "changed: start it, or name another host",
+                                          host));
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+}
+
+/// The tasks that were given away, or would be. Nothing of a takeover can be tried: it ends
+/// sessions.
+long takeOver(Session& session, const Options& options) {
+  requireRight(session, "kodu_host_takeover", "a member of kodu_admin");
+  const std::string& dead = options.hosts[0];
+  const Rows status = session.query(kStatus);
+  const int row = rowOf(status, dead);
+  rowOf(status, options.hosts[1]);
+  if (options.isDryRun) {
+    return status.number(row, "tasks");
+  }
+  if (status.number(row, "sessions") > 0 && !options.isConfirmed) {
+    throw Failure(
+        kRefused,
+        fmt::format("a daemon of the host {} is connected, and a takeover ends it and the "
+                    "runs in progress: use koductl host move, or --yes if it hangs",
+                    dead));
+  }
+  awaitListener(session, options.hosts[1]);
+  return session.query("SELECT kodu_host_takeover($1, $2) AS tasks", {dead, options.hosts[1]})
+      .number(0, "tasks");
+}
+
+long move(Session& session, const Options& options) {
+  requireRight(session, "kodu_host_move", "a member of kodu_admin");
+  const Rows status = session.query(kStatus);
+  const int row = rowOf(status, options.hosts[0]);
+  rowOf(status, options.hosts[1]);
+  if (options.isDryRun) {
+    const long tasks = status.number(row, "tasks");
+    return std::min(options.hostTasks.value_or(tasks), tasks);
+  }
+  return session
+      .query("CALL kodu_host_move($1, $2, NULLIF($3, '')::bigint)",
+             {options.hosts[0], options.hosts[1],
+              options.hostTasks ? std::to_string(*options.hostTasks) : ""})
+      .number(0, "moved");
+}
+
+/// Carries the action out. The number of tasks that it is about, if any.
+std::optional<long> carryOut(Session& session, const Options& options) {
+  if (options.hostAction == "add") {
+    add(session, options);
+  } else if (options.hostAction == "remove") {
+    remove(session, options);
+  } else if (options.hostAction == "takeover") {
+    return takeOver(session, options);
+  } else if (options.hostAction == "move") {
+    return move(session, options);
+  }
+  return std::nullopt;
+}
+
+std::string wordOf(const Rows& status, int row) {
+  if (status.number(row, "sessions") == 0) {
+    return "not connected";
+  }
+  return status.isTrue(row, "listens") ? "listens" : "connected";
+}
+
+void printTable(const Rows& status) {
+  using Align = Table::Align;
+  Table table({{"HOST"},
+               {"TASKS", Align::kRight},
+               {"RUNNING", Align::kRight},
+               {"LATE", Align::kRight},
+               {"LEAVING", Align::kRight},
+               {"DAEMON"}});
+  for (int row = 0; row < status.count(); ++row) {
+    const long late = status.number(row, "late_seconds");
+    table.add({status.text(row, "host") + (status.isTrue(row, "is_default") ? " (default)" : ""),
+               grouped(status.number(row, "tasks")), grouped(status.number(row, "running")),
+               late > 2 ? durationText(late) : "-", grouped(status.number(row, "leaving")),
+               wordOf(status, row)});
+  }
+  table.print();
+}
+
+void printForPeople(const Options& options, const Rows& status, std::optional<long> tasks) {
+  if (options.hostAction == "list") {
+    for (int row = 0; row < status.count(); ++row) {
+      print("{}\n", status.text(row, "host"));
+    }
+  } else if (options.hostAction == "status") {
+    printTable(status);
+  } else if (tasks) {
+    print("{}{} of the host {} to the host {}\n",
+          options.isDryRun ? "would give at most " : "gave ", counted(*tasks, "task"),
+          options.hosts[0], options.hosts[1]);
+  } else {
+    print("{} the host {}\n",
+          options.hostAction == "add" ? (options.isDryRun ? "would add" : "added")
+                                      : (options.isDryRun ? "would remove" : "removed"),
+          options.hosts[0]);
+  }
+}
+
+void printAsJson(const Options& options, const Rows& status, std::optional<long> tasks) {
+  Json::Value json;
+  json["dry_run"] = options.isDryRun;
+  json["tasks"] = jsonNumber(tasks);
+  json["hosts"] = Json::Value(Json::arrayValue);
+  for (int row = 0; row < status.count(); ++row) {
+    Json::Value host;
+    host["host"] = status.text(row, "host");
+    for (const char* column : {"is_default", "listens"}) {
+      host[column] = status.isTrue(row, column);
+    }
+    for (const char* column : {"tasks", "running", "late_seconds", "leaving", "sessions"}) {
+      host[column] = Json::Int64{status.number(row, column)};
+    }
+    host["silent_seconds"] = jsonNumber(status.optionalNumber(row, "silent_seconds"));
+    json["hosts"].append(host);
+  }
+  printJson(json);
+}
+
+}  // namespace
+
+int runHost(const Options& options) {
+  checkArguments(options);
+  Options own = options;
+  if (options.hostAction == "move") {
+    own.statementTimeout = 0;  // it waits for runs, and has a limit of its own
+  }
+  Session session(own);
+  requireHosts(session);
+  const std::optional<long> tasks = carryOut(session, options);
+  const Rows status = session.query(kStatus);
+  if (options.asJson) {
+    printAsJson(options, status, tasks);
+  } else {
+    printForPeople(options, status, tasks);
+  }
+  return kDone;
+}
