@@ -126,6 +126,8 @@ TEST_F(ParserTest, FindsEachCommand) {
       {{"apply", "f"}, runApply},
       {{"ledger"}, runLedger},
       {{"repair"}, runRepair},
+      {{"next", "7"}, runNext},
+      {{"host"}, runHost},
   };
   for (const auto& [arguments, command] : cases) {
     const Request request = parse(arguments);

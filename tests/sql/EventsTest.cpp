@@ -456,7 +456,10 @@ TEST_F(EventsTest, LeaveNoTimeLimitForTheCommit) {
   }
 }
 
-TEST_F(EventsTest, DisconnectAReceiverThatDoesNotRead) {
+/// Whatever blocks the server's queue of notifications is ended, in any database.
+using AloneEventsTest = EventsTest;
+
+TEST_F(AloneEventsTest, DisconnectAReceiverThatDoesNotRead) {
   const ConnectionPtr listener = listen(database);
   const std::string pid = std::to_string(PQbackendPID(listener.get()));
   const auto isStuck = [&] {

@@ -369,9 +369,13 @@ TEST_F(ScheduleTest, UpdatesNoIndex) {
   PQclear(daemon.executeRequest("SELECT pg_stat_force_next_flush()"));
   PQclear(daemon.executeRequest("SELECT"));
 
-  EXPECT_EQ(database.query("SELECT n_tup_upd, n_tup_upd - n_tup_hot_upd FROM pg_stat_user_tables "
+  EXPECT_EQ(database.value("SELECT n_tup_upd FROM pg_stat_user_tables "
                            "WHERE relname = 'kodu_cron_plugin'"),
-            (Rows{{"100", "0"}}));
+            "100");
+  // Snapshots of other tests may keep old rows on the page; an index would make it 100.
+  EXPECT_LE(std::stoi(database.value("SELECT n_tup_upd - n_tup_hot_upd FROM pg_stat_user_tables "
+                                     "WHERE relname = 'kodu_cron_plugin'")),
+            10);
 }
 
 TEST_F(ScheduleTest, ForecastsTheRunsOfCalendars) {
