@@ -46,8 +46,9 @@ const char* const kLeft =
 
 /// True until the process has ended and its parent has waited for it.
 bool lives(pid_t pid) {
-  return kill(pid, 0) == 0 &&
-         readFile("/proc/" + std::to_string(pid) + "/stat").find(") Z") == std::string::npos;
+  const std::string state = readFile("/proc/" + std::to_string(pid) + "/stat");
+  return !state.empty() && state.find(") Z") == std::string::npos &&
+         state.find(") X") == std::string::npos;
 }
 
 /// Makes a system call fail with `error` in this process and its children.

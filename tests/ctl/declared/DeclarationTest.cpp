@@ -117,7 +117,7 @@ TEST(DeclarationTest, SuggestsTheSettingThatIsMeant) {
   EXPECT_THAT(mistakesInTask("retry_after: 5m"),
               StartsWith("f:5: k: there is no setting retry_after; did you mean retry-after?"));
   EXPECT_THAT(mistakesInTask("parameter: x"), HasSubstr("did you mean parameters?"));
-  EXPECT_THAT(mistakesInTask("interval: 5m"), HasSubstr("; there are plugin, name, every, "));
+  EXPECT_THAT(mistakesInTask("interval: 5m"), HasSubstr("; there are plugin, name, at, zone, "));
   EXPECT_THAT(mistakesIn({{"f", "task: {}\ntasks: {}\n"}}),
               StartsWith("f:1: there is no task here; did you mean tasks?"));
 }
