@@ -35,12 +35,12 @@ struct Task {
   bool isFlagged = false;                   // waits for the purge, or for a run's end before it
   bool isRunning = false;                   // a run, or its wait for a retry, is in progress
   bool awaitsRetry = false;                 // that wait: it occupies no worker
+  bool isParked = false;                    // paused, because the calendar has no coming time
   std::optional<long> retryDue;             // when the run's next retry is due, or was
   bool isLate = false;                      // its run is overdue
   long lateSeconds = 0;                     // since the due time; 0 before it and while paused
   std::optional<Pause> pause;
   std::string calendar, zone;  // "": it runs every interval
-  bool isParked = false;       // paused, because the calendar has no coming time
   long failuresHour = 0, failuresDay = 0;
   long failedAttempts = 0;  // of the present run, which has begun
   bool isFailing = false;
