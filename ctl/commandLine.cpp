@@ -146,9 +146,10 @@ class Parser {
     sub->add_option("--" + prefix + "name", selection.name,
                     "Only tasks whose name matches GLOB, with * for any characters and ? for one")
         ->option_text("GLOB");
-    sub->add_option("--" + prefix + "plugin", selection.plugin,
-                    "Only tasks whose program's path matches PATH, with * and ?; koduguard counts "
-                    "as the program that it runs")
+    sub->add_option(
+           "--" + prefix + "plugin", selection.plugin,
+           "Only tasks whose program's path matches PATH, with * and ?; for koduguard, the "
+           "program that it runs counts")
         ->option_text("PATH");
     sub->add_flag("--failed", selection.isFailed, "Only tasks that are failing");
     sub->add_flag("--late", selection.isLate, "Only tasks that are late");
@@ -165,7 +166,7 @@ class Parser {
         ->option_text("COUNT")
         ->check(CLI::Range(1L, 2147483647L));
     sub->add_option("--after", selection.after,
-                    "Only the tasks after KEY, which the last line of the previous page shows")
+                    "Only the tasks after KEY; the last line of the previous page shows it")
         ->option_text("KEY");
     sub->add_flag("--all", options.isAll, "All tasks");
     sub->option_defaults()->group("Options");
@@ -211,7 +212,7 @@ class Parser {
         ->option_text(valueWithDefault("COUNT", std::to_string(options.count)))
         ->check(CLI::Range(1, kMostListed));
     addOutputs();
-    addCommand("daemon", "Show how the daemon is doing", runDaemon)
+    addCommand("daemon", "Show the state of the daemon", runDaemon)
         ->footer(
             "This includes its version, start, restarts, workers and tasks, the version of the "
             "tables, and a verdict. The exit status is 0 if it works, 1 if it works but has a "
@@ -356,9 +357,9 @@ class Parser {
         runEvents);
     events->footer(
         "An event is printed when all older transactions have ended, so that none is missed. With "
-        "--reader, the database remembers which events have been printed, and a later call "
-        "continues after them. The first call creates the reader, which gets the events from then "
-        "on. With --follow and --json, each line is one event. After the word events, -f means "
+        "--reader, the database remembers which events have been printed. The first call creates "
+        "the reader; later calls print the events since the previous call. With --follow and "
+        "--json, each line is one event. After the word events, -f means "
         "--follow, not --config.");
     CLI::Option* follow =
         events->add_flag("-f,--follow", options.follow, "Print new events until Ctrl-C");
@@ -381,9 +382,10 @@ class Parser {
             ->excludes(follow)
             ->excludes(since);
     events
-        ->add_option("--redeliver", options.redelivery,
-                     "Let kodunotify deliver this undelivered event of the reader again; all "
-                     "stands for each of them")
+        ->add_option(
+            "--redeliver", options.redelivery,
+            "Let kodunotify deliver the event KEY of the reader again; the KEY all means all "
+            "undelivered events")
         ->option_text("KEY")
         ->needs(reader)
         ->excludes(follow)
@@ -434,7 +436,7 @@ class Parser {
     CLI::App* add = addCommand("add", "Add a task", runAdd);
     add->footer(
         "The daemon runs PLUGIN every INTERVAL, or at the times of a CALENDAR, with the arguments "
-        "that follow --. A plugin that cannot be run on this machine causes a warning.");
+        "that follow --. koductl warns if the plugin cannot be run on this machine.");
     add->add_option("PLUGIN", options.plugin,
                     "Name of the plugin in the catalogue, or path of its program")
         ->required();
@@ -461,16 +463,16 @@ class Parser {
         set->add_option("--timeout", options.timeout,
                         "End a run after this time, by running the plugin through koduguard")
             ->option_text("INTERVAL");
-    set->add_flag("--no-timeout", options.isUnlimited, "Let runs take any time")->excludes(timeout);
+    set->add_flag("--no-timeout", options.isUnlimited, "Remove the time limit")->excludes(timeout);
     set->add_flag("--no-at", options.isWithoutCalendar,
-                  "Run every INTERVAL again instead of at the times of a calendar")
+                  "Remove the calendar and run every INTERVAL again")
         ->excludes(set->get_option("--at"));
     set->add_option("--next", options.next,
                     "Time of the next run; later runs follow from it, or from the calendar")
         ->option_text("TIME");
     CLI::Option* metrics = set->add_flag(
         "--metrics", options.isMarked,
-        "Let koduexporter and koductl metrics show metrics of this task; at most 1000 tasks");
+        "Include this task in the metrics of koduexporter and koductl metrics; at most 1000 tasks");
     set->add_flag("--no-metrics", options.isUnmarked, "Show no metrics of this task")
         ->excludes(metrics);
   }
@@ -527,8 +529,9 @@ class Parser {
         ->allow_extra_args(false)
         ->take_all();
 
-    CLI::App* stagger = addCommand(
-        "stagger", "Propose times that evenly spread tasks with the same interval", runStagger);
+    CLI::App* stagger =
+        addCommand("stagger", "Propose next times that spread tasks with the same interval evenly",
+                   runStagger);
     stagger->footer(
         "Paused tasks are not moved, nor are tasks whose next run is more than one interval "
         "ahead.");
@@ -564,7 +567,7 @@ class Parser {
     addSelection(exported);
     exported
         ->add_option("--set", options.set,
-                     "Write only the tasks of this set, and the name of the set")
+                     "Write only the tasks of this set, with the name of the set")
         ->option_text("SET");
 
     CLI::App* apply = addCommand(
@@ -600,11 +603,11 @@ class Parser {
 
   void addHostCommand() {
     CLI::App* host = addCommand(
-        "host", "Show the hosts of several daemons, or give tasks of one to another", runHost);
+        "host", "Show the hosts of several daemons, or move tasks between them", runHost);
     host->footer(
         "host list prints the names of the hosts, and host status what each does. host add HOST "
         "adds a host with a role of this name; host remove HOST removes one that has no tasks. "
-        "host takeover HOST TARGET gives all tasks of a host that does not work any more to "
+        "host takeover HOST TARGET gives all tasks of a failed host to "
         "another; runs in progress count as FAILED. host move HOST TARGET moves tasks between "
         "hosts whose daemons work, and interrupts no run. takeover and move need --user ROLE, "
         "where ROLE is a member of kodu_admin; add and remove need a superuser or the owner of "
@@ -622,8 +625,8 @@ class Parser {
                      "With add: give the role the password in the first line of FILE")
         ->option_text("FILE (no password)");
     host->add_flag("--yes", options.isConfirmed,
-                   "With takeover: also if a daemon of the host is connected");
-    host->add_flag("--dry-run", options.isDryRun, "Change nothing, and say what would be done");
+                   "With takeover: proceed even if a daemon of the host is connected");
+    host->add_flag("--dry-run", options.isDryRun, "Show what would be done, but change nothing");
   }
 
   void addSchemaCommand() {
@@ -636,7 +639,7 @@ class Parser {
         "the tables or a superuser can upgrade them.");
     schema
         ->add_option("ACTION", options.schemaAction,
-                     "With upgrade, change the tables to the version of this koductl")
+                     "upgrade: bring the tables to the version of this koductl")
         ->check(CLI::IsMember({"upgrade"}));
     addCommand("repair", "Mark unfinished runs as FAILED before a start of the daemon", runRepair)
         ->footer(

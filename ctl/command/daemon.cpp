@@ -1,4 +1,4 @@
-// koductl daemon: how the daemon is doing.
+// koductl daemon: the state of the daemon.
 
 #include <fmt/format.h>
 
