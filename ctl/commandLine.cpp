@@ -639,7 +639,7 @@ class Parser {
         "the tables or a superuser can upgrade them.");
     schema
         ->add_option("ACTION", options.schemaAction,
-                     "upgrade: bring the tables to the version of this koductl")
+                     "With upgrade: bring the tables to the version of this koductl")
         ->check(CLI::IsMember({"upgrade"}));
     addCommand("repair", "Mark unfinished runs as FAILED before a start of the daemon", runRepair)
         ->footer(
