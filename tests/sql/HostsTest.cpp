@@ -25,7 +25,6 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 /// A session of a daemon with its statements.
 class Session {
