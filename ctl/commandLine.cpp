@@ -166,7 +166,7 @@ class Parser {
         ->option_text("COUNT")
         ->check(CLI::Range(1L, 2147483647L));
     sub->add_option("--after", selection.after,
-                    "Only the tasks after KEY; the last line of the previous page shows it")
+                    "Only the tasks after KEY; a list that was cut off shows KEY in its last line")
         ->option_text("KEY");
     sub->add_flag("--all", options.isAll, "All tasks");
     sub->option_defaults()->group("Options");
@@ -331,7 +331,8 @@ class Parser {
         "account", "Show for each task how many periods had a run, and why the others had none",
         runAccount);
     account->footer(
-        "Each period must have a run or a reason why there was none. If the counts do not add up, "
+        "A period is the time from one due time to the next. Each period must have a run or a "
+        "reason why there was none. If the counts do not add up, "
         "the ledger is at fault and the exit status is 1. A pattern may contain * and ?.");
     account->add_option("ID", options.selection.ids, "Id of a task")
         ->option_text("ID (all tasks)")
@@ -356,7 +357,8 @@ class Parser {
         "Show events: tasks that failed or recovered, runs that were interrupted or skipped",
         runEvents);
     events->footer(
-        "An event is printed when all older transactions have ended, so that none is missed. With "
+        "An event is printed only after all older transactions have ended, because they can still "
+        "add earlier events. With "
         "--reader, the database remembers which events have been printed. The first call creates "
         "the reader; later calls print the events since the previous call. With --follow and "
         "--json, each line is one event. After the word events, -f means "
@@ -382,10 +384,9 @@ class Parser {
             ->excludes(follow)
             ->excludes(since);
     events
-        ->add_option(
-            "--redeliver", options.redelivery,
-            "Let kodunotify deliver the event KEY of the reader again; the KEY all means all "
-            "undelivered events")
+        ->add_option("--redeliver", options.redelivery,
+                     "Let kodunotify deliver the event KEY of the reader again; with the word all "
+                     "as KEY, every undelivered event")
         ->option_text("KEY")
         ->needs(reader)
         ->excludes(follow)
@@ -487,7 +488,7 @@ class Parser {
         ->option_text("INTERVAL");
     sub->add_option("--at", options.calendar,
                     "Calendar of the runs, such as 0 3 * * mon-fri, in the time zone of --zone; "
-                    "INTERVAL then applies only if the calendar cannot be evaluated")
+                    "the interval of --every then applies only if the calendar cannot be evaluated")
         ->option_text("CALENDAR");
     sub->add_option("--retries", options.retries,
                     "Number of retries after a failed run; a new task has 1")
@@ -602,10 +603,10 @@ class Parser {
   }
 
   void addHostCommand() {
-    CLI::App* host = addCommand(
-        "host", "Show the hosts of several daemons, or move tasks between them", runHost);
+    CLI::App* host = addCommand("host", "Show the hosts, or move tasks between them", runHost);
     host->footer(
-        "host list prints the names of the hosts, and host status what each does. host add HOST "
+        "A host is the database role of one daemon and has its own tasks. host list prints the "
+        "names of the hosts, and host status what each does. host add HOST "
         "adds a host with a role of this name; host remove HOST removes one that has no tasks. "
         "host takeover HOST TARGET gives all tasks of a failed host to "
         "another; runs in progress count as FAILED. host move HOST TARGET moves tasks between "

@@ -201,7 +201,7 @@ TEST_F(ScheduleTest, AppliesTheIntervalWhenTheCalendarIsNoLongerValid) {
   const long first = database.nextExec(id);
   breakCalendar(id);
 
-  EXPECT_EQ(runOnce(id), first + 7 * 60);
+  EXPECT_EQ(runOnce(id), first + 420);
 
   EXPECT_THAT(ledger.rows(id), ElementsAre("calendar 0", "ok #1"));
   EXPECT_EQ(database.query("SELECT id, problem FROM kodu_calendar_fault"),
@@ -214,7 +214,7 @@ TEST_F(ScheduleTest, AppliesTheIntervalWhenTheFunctionsOfCalendarsAreMissing) {
   const long first = database.nextExec(id);
   database.query("DROP FUNCTION kodu_calendar_next_parsed CASCADE");
 
-  EXPECT_EQ(runOnce(id), first + 7 * 60);
+  EXPECT_EQ(runOnce(id), first + 420);
 }
 
 TEST_F(ScheduleTest, ParksATaskWhoseCalendarHasNoComingTime) {
@@ -320,7 +320,7 @@ TEST_F(ScheduleTest, ReturnsToTheIntervalWithoutACalendar) {
 
   EXPECT_EQ(database.query("SELECT cron_calendar, cron_zone, cron_slots FROM kodu_cron_plugin"),
             (Rows{{"", "", ""}}));
-  EXPECT_EQ(runOnce(id), due + 7 * 60);
+  EXPECT_EQ(runOnce(id), due + 420);
 }
 
 TEST_F(ScheduleTest, ChoosesAnIntervalThatFitsTheCalendar) {
