@@ -167,8 +167,7 @@ TEST_F(ExporterTest, CollectsTheCountersBesideTheScrapes) {
   start();
   ASSERT_EQ(sample("koducron_database_up"), 1);
   const std::string first = collectedAt();
-  EXPECT_TRUE(waitUntil([&] { return collectedAt() != first; }, kPatience))
-      << "nobody needs to scrape";
+  EXPECT_TRUE(waitUntil([&] { return collectedAt() != first; }, kPatience)) << "without a scrape";
   std::set<std::string> times;
   const auto begin = std::chrono::steady_clock::now();
   for (int number = 0; number < 20; ++number) {

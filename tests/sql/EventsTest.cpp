@@ -333,8 +333,8 @@ TEST_F(EventsTest, ReturnOnceMoreAfterTheyWerePutAside) {
   EXPECT_TRUE(waitUntil([&] { return take("r") == std::vector<std::string>{"failed 1"}; }));
   EXPECT_THAT(refusalOf("SELECT kodu_events_redeliver('r', '1')"),
               HasSubstr("no event 1 of the reader r was put aside"));
-  EXPECT_THAT(refusalOf("SELECT kodu_events_redeliver('nobody')"),
-              HasSubstr("there is no reader nobody"));
+  EXPECT_THAT(refusalOf("SELECT kodu_events_redeliver('missing')"),
+              HasSubstr("there is no reader missing"));
 }
 
 TEST_F(EventsTest, HaveOnlyPositionsThatWereReturned) {
@@ -342,8 +342,8 @@ TEST_F(EventsTest, HaveOnlyPositionsThatWereReturned) {
   EXPECT_THAT(refusalOf("SELECT kodu_events_done('r', NULL)"), HasSubstr("not a position"));
   EXPECT_THAT(refusalOf("SELECT kodu_events_done('r', '99999999999/1')"),
               HasSubstr("has not been reached yet"));
-  EXPECT_THAT(refusalOf("SELECT kodu_events_done('nobody', '3/1')"),
-              HasSubstr("there is no reader nobody"));
+  EXPECT_THAT(refusalOf("SELECT kodu_events_done('missing', '3/1')"),
+              HasSubstr("there is no reader missing"));
   EXPECT_THAT(refusalOf("SELECT kodu_events('two words')"), HasSubstr("name_is_one_word"));
 }
 

@@ -427,7 +427,7 @@ TEST_F(HostsTest, RefuseATakeoverByAHostThatDoesNotListen) {
   const Session second(otherConninfo());
   EXPECT_THAT(takeover("kodu", other), HasSubstr("is not known to listen"));
   EXPECT_THAT(takeover("kodu", "kodu"), HasSubstr("cannot take over from itself"));
-  EXPECT_THAT(takeover("nobody", other), HasSubstr("there is no host 'nobody'"));
+  EXPECT_THAT(takeover("missing", other), HasSubstr("there is no host 'missing'"));
   EXPECT_EQ(database.task(1, "cron_host"), "kodu");
 }
 
