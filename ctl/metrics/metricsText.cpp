@@ -71,7 +71,7 @@ void addDaemon(MetricsPage& page, const DaemonFigures& daemon) {
   page.single(Type::kGauge, "koducron_daemon_up", "Whether a daemon is connected to the database.",
               daemon.daemons > 0 ? 1 : 0);
   page.single(Type::kGauge, "koducron_daemon_sessions",
-              "Daemons that are connected. More than one run each task twice.",
+              "Daemons that are connected. Two daemons run each task twice.",
               static_cast<double>(daemon.daemons));
   page.single(Type::kGauge, "koducron_notification_queue_ratio",
               "Share of the notification queue in use. At 1 the daemon ends.", daemon.queueShare);
@@ -117,7 +117,7 @@ void addTaskSeries(MetricsPage& page, const TaskFigures& tasks) {
                "How long the latest run of a marked task took.",
                [](const TaskSeries& task) { return task.seconds; });
   addTaskGauge(page, tasks.markedTasks, "koducron_task_due_timestamp_seconds",
-               "When the next run of a marked task is due, or the one in progress was.",
+               "Due time of a marked task's run in progress, or else of its next run.",
                [](const TaskSeries& task) { return task.dueTime; });
 }
 
@@ -129,14 +129,14 @@ void addTasks(MetricsPage& page, const TaskFigures& tasks) {
   const auto gauge = [&](const char* name, const char* help, long value) {
     page.single(Type::kGauge, name, help, static_cast<double>(value));
   };
-  gauge("koducron_tasks_failing", "Tasks that are failing, those with a run in progress included.",
+  gauge("koducron_tasks_failing", "Failing tasks, including those with a run in progress.",
         tasks.failing);
   gauge("koducron_tasks_overdue", "Tasks due for more than two seconds whose run has not begun.",
         tasks.overdue);
-  gauge("koducron_oldest_overdue_seconds", "For how long the first of them has been due.",
+  gauge("koducron_oldest_overdue_seconds", "For how long the most overdue task has been due.",
         tasks.oldestOverdue);
   gauge("koducron_longest_run_seconds",
-        "Time since the oldest run in progress was due, those that wait for a retry left out.",
+        "Time since the oldest run in progress was due, without runs that wait for a retry.",
         tasks.longestRun);
   gauge("koducron_ledger_unwritten_rows", "Rows of the ledger that could not be written.",
         tasks.unwritten);
