@@ -91,23 +91,24 @@ class Parser {
         ->option_text(valueWithDefault("FILE", options.configFile))
         ->take_last();
     app.add_option("--user", options.user,
-                   "Connect to the database as ROLE; the password comes from PGPASSWORD or "
-                   "~/.pgpass; if the database file cannot be read, PGHOST, PGPORT and PGDATABASE, "
-                   "or PGSERVICE, name the database")
+                   "Connect to the database as ROLE; its password comes from PGPASSWORD or "
+                   "~/.pgpass. If the database file cannot be read, the environment names the "
+                   "database: PGHOST, PGPORT and PGDATABASE, or PGSERVICE")
         ->option_text("ROLE (the role of the daemon)");
     addTimeout("--lock-timeout", options.lockTimeout,
                "Wait at most SECONDS for a lock; 0 sets no limit");
     addTimeout("--statement-timeout", options.statementTimeout,
                "Wait at most SECONDS for a statement; 0 sets no limit");
-    app.add_option(
-           "--zone", options.zone,
-           "Read and show times in this time zone, such as Europe/Berlin; JSON always has UTC")
+    app.add_option("--zone", options.zone,
+                   "JSON always has UTC; read and show other times in this time zone, such as "
+                   "Europe/Berlin")
         ->option_text("ZONE (that of TZ, otherwise of the system)");
     app.add_flag("--json", options.asJson, "Print data as JSON");
     app.set_help_flag("-h,--help", "Print help and exit; after a command, help for that command");
     app.set_version_flag(
         "--version", [this] { return versionText(options.asJson); },
-        "Print the version and exit; with --json, also the versions of the JSON and of the tables");
+        "Print the version and exit; with --json, also the versions of the JSON format and of the "
+        "tables");
   }
 
   void addTimeout(const char* name, int& seconds, const char* description) {
@@ -148,8 +149,8 @@ class Parser {
         ->option_text("GLOB");
     sub->add_option(
            "--" + prefix + "plugin", selection.plugin,
-           "Only tasks whose program's path matches PATH, with * and ?; for koduguard, the "
-           "program that it runs counts")
+           "Only tasks whose program's path matches PATH, with * and ?; if a task runs koduguard, "
+           "the path of the program that koduguard runs is compared")
         ->option_text("PATH");
     sub->add_flag("--failed", selection.isFailed, "Only tasks that are failing");
     sub->add_flag("--late", selection.isLate, "Only tasks that are late");
@@ -235,7 +236,7 @@ class Parser {
     health->footer(
         "One line with performance data is printed. The exit status is 0 for OK, 1 for WARNING, 2 "
         "for CRITICAL and 3 for UNKNOWN. The result is also CRITICAL when no session of the daemon "
-        "is connected, and WARNING when more than one daemon is.");
+        "is connected, and WARNING when more than one daemon is connected.");
     health
         ->add_option("-w,--warning", options.warnOverdue,
                      "WARNING when a task is overdue by more than this")
@@ -261,7 +262,8 @@ class Parser {
 
   void addMetrics() {
     CLI::App* metrics = addCommand(
-        "metrics", "Write the metrics of koduexporter, for an agent that reads files", runMetrics);
+        "metrics", "Write the metrics that koduexporter serves, for an agent that reads files",
+        runMetrics);
     metrics->footer(
         "The text is in the classic format of Prometheus, which node_exporter's textfile collector "
         "reads. If the database does not answer, koducron_database_up is 0 and the exit status is "
@@ -280,9 +282,9 @@ class Parser {
     addSelection(status);
     status->add_flag("--output", options.withOutput,
                      "Show the first line of each task's last output");
-    status->add_flag("--watch", options.watch,
-                     "Refresh the list every second until Ctrl-C; with many tasks, count and sort "
-                     "them less often");
+    status->add_flag(
+        "--watch", options.watch,
+        "Refresh the list every second until Ctrl-C; many tasks are counted and sorted less often");
   }
 
   /// Commands about the runs of a task.
@@ -375,18 +377,18 @@ class Parser {
             ->add_option("--since", options.since,
                          "Begin with the events of this time or later, such as yesterday, 18:00, "
                          "or 2h for two hours ago")
-            ->option_text("TIME (a day ago; with --follow now)");
+            ->option_text("TIME (a day ago; with --follow, now)");
     CLI::Option* dead =
         events
             ->add_flag("--dead", options.onlyDead,
                        "Print the events that kodunotify could not deliver, each with its key, "
-                       "reader and error; with --reader those of this reader")
+                       "reader and error; with --reader, only those of this reader")
             ->excludes(follow)
             ->excludes(since);
     events
         ->add_option("--redeliver", options.redelivery,
-                     "Let kodunotify deliver the event KEY of the reader again; with the word all "
-                     "as KEY, every undelivered event")
+                     "With --reader: let kodunotify deliver the event KEY again; the KEY all means "
+                     "every undelivered event")
         ->option_text("KEY")
         ->needs(reader)
         ->excludes(follow)
@@ -439,7 +441,7 @@ class Parser {
         "The daemon runs PLUGIN every INTERVAL, or at the times of a CALENDAR, with the arguments "
         "that follow --. koductl warns if the plugin cannot be run on this machine.");
     add->add_option("PLUGIN", options.plugin,
-                    "Name of the plugin in the catalogue, or path of its program")
+                    "Name of a plugin in the table kodu_plugins, or path of a program")
         ->required();
     addDefinition(add);
     add->add_option("--first", options.next, "Time of the first run")
@@ -495,7 +497,7 @@ class Parser {
         ->option_text("COUNT")
         ->check(CLI::Range(0, 1000000));
     sub->add_option("--retry-after", options.retryAfter,
-                    "Time from a run's due time to that of its retry; a new task has 120s")
+                    "Time between the due times of a run and of its retry; a new task has 120s")
         ->option_text("INTERVAL");
     sub->add_option("--file", options.fileName,
                     "Name of the output file, with $DATE; a new task has $SERVICEID_$DATE.txt")
@@ -605,8 +607,8 @@ class Parser {
   void addHostCommand() {
     CLI::App* host = addCommand("host", "Show the hosts, or move tasks between them", runHost);
     host->footer(
-        "A host is the database role of one daemon and has its own tasks. host list prints the "
-        "names of the hosts, and host status what each does. host add HOST "
+        "A host is the database role that one daemon uses; each task belongs to one host. "
+        "host list prints the names of the hosts, and host status what each does. host add HOST "
         "adds a host with a role of this name; host remove HOST removes one that has no tasks. "
         "host takeover HOST TARGET gives all tasks of a failed host to "
         "another; runs in progress count as FAILED. host move HOST TARGET moves tasks between "

@@ -38,9 +38,9 @@ ExporterRequest parseExporterOptions(int argc, const char* const* argv) {
                  "Read the daemon's main INI file from FILE; it names the database file")
       ->option_text(fmt::format("FILE ({})", options.session.configFile));
   app.add_option("--user", options.session.user,
-                 "Connect to the database as ROLE, such as kodu_monitor; the password comes from "
-                 "PGPASSWORD or ~/.pgpass; if the database file cannot be read, PGHOST, PGPORT and "
-                 "PGDATABASE or PGSERVICE name the database")
+                 "Connect to the database as ROLE, such as kodu_monitor; its password comes from "
+                 "PGPASSWORD or ~/.pgpass. If the database file cannot be read, the environment "
+                 "names the database: PGHOST, PGPORT and PGDATABASE, or PGSERVICE")
       ->option_text("ROLE (the role of the daemon)");
   app.add_option("--listen", address,
                  "Listen on this IP address and port; port 0 selects a free port")
