@@ -12,8 +12,8 @@ import sys
 import time
 from pathlib import Path
 
+from lab.chaos import account, faults, ledger
 from lab.chaos import daemon as daemons
-from lab.chaos import faults, ledger
 from lab.chaos.case import Case
 from lab.chaos.journal import Journal
 from lab.chaos.judge import Judge
@@ -43,11 +43,19 @@ CREATE TRIGGER chaos_gone AFTER DELETE ON kodu_cron_plugin
 """
 
 
+# The driver sends the notifications itself.
+SILENT = """
+DROP TRIGGER kodu_task_added ON kodu_cron_plugin;
+DROP TRIGGER kodu_task_changed ON kodu_cron_plugin;
+DROP TRIGGER kodu_plugin_changed ON kodu_plugins;
+"""
+
+
 class Target:
     """Everything that a fault can change."""
 
-    def __init__(self, home, seed, has_tmpfs):
-        self.home, self.has_tmpfs = home, has_tmpfs
+    def __init__(self, home, seed, has_tmpfs, has_ledger):
+        self.home, self.has_tmpfs, self.has_ledger = home, has_tmpfs, has_ledger
         self.rng = random.Random(seed)
         self.output = home / 'output'
         self.ledger = home / 'ledger'
@@ -112,6 +120,8 @@ class Target:
 def prepare(target):
     """Creates the tasks, and the trigger that records each deletion."""
     target.database.query(GONE)
+    if target.has_ledger:
+        target.database.query(SILENT)
     if target.clock:
         faults.set_clock(target.clock, 0)
     target.population.create_all()
@@ -187,7 +197,8 @@ def read_rows(target):
                  for task, flagged, by_daemon, at in target.database.query(
                      'SELECT cron_id, flagged, by_daemon, extract(epoch FROM gone_at) '
                      'FROM chaos_gone')],
-        'history': target.database.query('SELECT cron_id, cron_logfile FROM kodu_cron_error')}
+        'history': target.database.query('SELECT cron_id, cron_logfile FROM kodu_cron_error'),
+        'account': account.read(target.database) if target.has_ledger else None}
 
 
 def end_in_order(*_):
@@ -202,8 +213,9 @@ def main():
     parser.add_argument('--seconds', type=int, required=True)
     parser.add_argument('--seed', type=int, required=True)
     parser.add_argument('--tmpfs', action='store_true')
+    parser.add_argument('--ledger', action='store_true')
     options = parser.parse_args()
-    target = Target(options.home, options.seed, options.tmpfs)
+    target = Target(options.home, options.seed, options.tmpfs, options.ledger)
     try:
         facts = run(target, options.seconds)
     finally:

@@ -7,6 +7,7 @@ An explanation always needs an event of its own moment.
 from collections import defaultdict
 from dataclasses import dataclass, field
 
+from lab.chaos import account
 from lab.chaos.case import NOTICED, PASS_END
 from lab.chaos.ends import explains_end
 from lab.chaos.evidence import longest_stretch, match_copies, median_in, overlapping
@@ -40,7 +41,7 @@ class Judge:
     def figures(self):
         return [self.recoveries(), self.restarts(), self.missed(), self.overlaps(),
                 self.next_times(), self.unfinished(), *self.archives(), self.after_purge(),
-                self.resources(), self.memory()]
+                *self.accounts(), self.resources(), self.memory()]
 
     def recoveries(self):
         figure = Figure('faults without recovery')
@@ -155,6 +156,11 @@ class Judge:
                                 f'task {task} at {self.case.time(run.begin)}, purged at '
                                 f'{self.case.time(at)}')
         return figure
+
+    def accounts(self):
+        """None without the ledger of the database."""
+        known = self.case.facts.get('account')
+        return account.figures(known, self.case, Figure) if known else ()
 
     def resources(self):
         figure = Figure('resources leaked')

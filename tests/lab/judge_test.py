@@ -6,6 +6,7 @@ import unittest
 from pathlib import Path
 from types import SimpleNamespace
 
+from lab.chaos.account import Account
 from lab.chaos.case import Case
 from lab.chaos.evidence import longest_stretch
 from lab.chaos.journal import Journal
@@ -61,6 +62,44 @@ class JudgeTest(unittest.TestCase):
     def test_finds_nothing_in_a_quiet_run(self):
         for figure in self.judge().figures():
             self.assertEqual([], figure.violations, figure.name)
+
+    def record(self, *lacking):
+        """The ledger of the database has all runs but these."""
+        account = Account()
+        account.attempts[1] = [(run.begin - 0.01, run.end + 0.01) for run in self.runs
+                               if run.begin not in lacking]
+        self.facts['account'] = account
+        return account
+
+    def test_accepts_a_ledger_with_every_attempt(self):
+        self.record()
+        self.assertEqual([0, 0, 0, 0], self.violations('accounts'))
+
+    def test_sees_an_attempt_that_the_ledger_lacks(self):
+        self.record(1100)
+        self.assertEqual([0, 0, 0, 1], self.violations('accounts'))
+
+    def test_sees_an_attempt_that_began_after_a_recorded_one_had_ended(self):
+        self.record()
+        self.runs.append(self.run_at(1100.2))
+        self.assertEqual([0, 0, 0, 1], self.violations('accounts'))
+
+    def test_excuses_a_lacking_attempt_by_a_crash_of_the_server_within_a_second(self):
+        self.record(1100)
+        self.journal.add('server', time=1101.0, until=1103.0)
+        self.assertEqual([0, 0, 0, 0], self.violations('accounts'))
+
+    def test_does_not_excuse_a_lacking_attempt_by_a_later_crash(self):
+        self.record(1100)
+        self.journal.add('server', time=1102.0, until=1104.0)
+        self.assertEqual([0, 0, 0, 1], self.violations('accounts'))
+
+    def test_sees_contradictions_sums_and_unwritten_rows_of_the_ledger(self):
+        account = self.record()
+        account.gaps = [['1', '7', 'expected', 'found']]
+        account.sums = [['1', '10', '8', '1', '1']]
+        account.unwritten = 3
+        self.assertEqual([1, 1, 1, 0], self.violations('accounts'))
 
     def test_sees_a_missing_run(self):
         self.runs = [run for run in self.runs if not 1100 < run.begin < 1130]
