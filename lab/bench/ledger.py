@@ -5,7 +5,7 @@ import random
 import time
 from statistics import mean, median
 
-from lab.bench import figures
+from lab.bench import figures, scrape
 from lab.bench.workload import Workload
 from lab.shared.database import ROOT
 
@@ -144,4 +144,5 @@ def measure(workload, table, sizes, rounds, rows):
     ledgered = with_ledger(workload)
     good = [measure_costs(workload, ledgered, table, loaded, rounds) for loaded in sizes]
     good.append(measure_reading(ledgered, table, rows))
+    good.append(scrape.measure(ledgered, table, sizes[-1]))
     return all(good)

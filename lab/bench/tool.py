@@ -126,6 +126,7 @@ def create_tasks(query, count):
         ALTER TABLE kodu_cron_plugin ENABLE TRIGGER USER""")
     for table in ('kodu_plugins', 'kodu_cron_plugin', 'kodu_cron_error'):
         query(f'VACUUM ANALYZE {table}')
+    query('CHECKPOINT')  # else the server writes all of this while the first pages are read
 
 
 def forget_runs(query):
