@@ -209,14 +209,23 @@ def check_fault(programs, name):
 def check_dashboard(programs):
     board = json.loads((ROOT / 'ops/metrics/koducron.dashboard.json').read_text())
     expressions = [target['expr'] for panel in board['panels'] for target in panel['targets']]
-    empty = []
-    for expression in expressions:
-        asked = expression.replace('$instance', '.*').replace('$__rate_interval', '1m')
-        if not programs.query(asked)['data']['result']:
-            empty.append(expression)
-    print(f'{len(expressions)} queries of the dashboard are valid, {len(empty)} have no result now', flush=True)
-    if any('failing_since' not in expression for expression in empty):
-        raise AssertionError(f'no result: {empty}')
+    empty = expressions
+
+    def have_results():
+        nonlocal empty
+        empty = [expression for expression in empty if not has_result(programs, expression)]
+        return all('failing_since' in expression for expression in empty)  # no task is failing
+
+    try:
+        wait_for('the dashboard', have_results, 90)  # a rate needs samples of a minute
+    except TimeoutError:
+        raise AssertionError(f'the dashboard: no result: {empty}') from None
+    print(f'{len(expressions)} queries of the dashboard are valid, {len(empty)} without a result', flush=True)
+
+
+def has_result(programs, expression):
+    asked = expression.replace('$instance', '.*').replace('$__rate_interval', '1m')
+    return bool(programs.query(asked)['data']['result'])
 
 
 def main():
