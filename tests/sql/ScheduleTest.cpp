@@ -74,11 +74,13 @@ class ScheduleTest : public testing::Test {
   }
   /// What loading the task does when its time is past.
   long skip(int id) {
-    return execute("updateCronExecTask",
-                   {std::to_string(id),
-                    database.task(id,
-                                  "ceil(EXTRACT(EPOCH FROM clock_timestamp() AT TIME ZONE 'UTC' "
-                                  "- cron_next_exec) / EXTRACT(EPOCH FROM cron_interval))")});
+    return skip(
+        id, std::stol(database.task(id,
+                                    "ceil(EXTRACT(EPOCH FROM clock_timestamp() AT TIME ZONE 'UTC' "
+                                    "- cron_next_exec) / EXTRACT(EPOCH FROM cron_interval))")));
+  }
+  long skip(int id, long intervals) {
+    return execute("updateCronExecTask", {std::to_string(id), std::to_string(intervals)});
   }
 
   /// The calendar's first time after an SQL expression of a timestamp.
@@ -194,6 +196,14 @@ TEST_F(ScheduleTest, ContinuesInItsTimesAfterAnOutage) {
                      "'1 minute') AS minute WHERE to_char(minute AT TIME ZONE 'Europe/Paris',"
                      " 'HH24:MI') = '03:00' AND date_part('isodow', minute AT TIME ZONE "
                      "'Europe/Paris') < 6"));
+}
+
+TEST_F(ScheduleTest, KeepsToItsTimesUnderADaemonWhoseClockIsAhead) {
+  const int id = add("*/5 * * * *", ", every => '7 minutes'");
+  makeDue(id, "date_trunc('second', now() AT TIME ZONE 'UTC') + interval '20 seconds'");
+  const std::string due = database.task(id, "cron_next_exec");
+
+  EXPECT_EQ(skip(id, 1), slotAfter("*/5 * * * *", "timestamp '" + due + "'"));
 }
 
 TEST_F(ScheduleTest, AppliesTheIntervalWhenTheCalendarIsNoLongerValid) {
