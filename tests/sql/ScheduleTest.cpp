@@ -198,6 +198,22 @@ TEST_F(ScheduleTest, ContinuesInItsTimesAfterAnOutage) {
                      "'Europe/Paris') < 6"));
 }
 
+TEST_F(ScheduleTest, CountsTheTimesOfAnOutageWithoutTheYearsToCome) {
+  const int id = add("0 0 29 2 *");
+  makeDue(id, "(now() - interval '1 day') AT TIME ZONE 'UTC'");
+  database.query("ALTER DATABASE " + database.name() + " SET track_functions = 'all'");
+  pgSafeThread counted(database.conninfo());
+  prepareNamedStatements(counted);
+
+  PQclear(counted.executePrepareRequest("updateCronExecTask", {std::to_string(id), "1"}));
+
+  PQclear(counted.executeRequest("SELECT pg_stat_force_next_flush()"));
+  EXPECT_LT(std::stol(database.value("SELECT COALESCE(pg_stat_get_function_calls("
+                                     "'kodu_calendar_count_readings'::regproc), 0)")),
+            20)
+      << "two for each pair of days";
+}
+
 TEST_F(ScheduleTest, KeepsToItsTimesUnderADaemonWhoseClockIsAhead) {
   const int id = add("*/5 * * * *", ", every => '7 minutes'");
   makeDue(id, "date_trunc('second', now() AT TIME ZONE 'UTC') + interval '20 seconds'");
