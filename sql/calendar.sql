@@ -78,7 +78,7 @@ RETURNS void LANGUAGE plpgsql PARALLEL SAFE AS $$
 DECLARE
     beginning text := substring(item, CASE
         WHEN field = 5 AND item ~ '^[0-9a-z]+#' THEN '^(?:[0-9]+|[a-z]+)(?:#[0-9]*)?'
-        ELSE '^(?:(?:\*|(?:[0-9]+|[a-z]+)(?:-(?:[0-9]+|[a-z]+)?)?)(?:/[0-9]*)?)?' END);
+        ELSE '^(?:(?:[*]|(?:[0-9]+|[a-z]+)(?:-(?:[0-9]+|[a-z]+)?)?)(?:/[0-9]*)?)?' END);
     unexpected text := substr(item, length(beginning) + 1, 1);
 BEGIN
     PERFORM kodu_calendar_refuse(
@@ -120,7 +120,7 @@ DECLARE
     bits bigint := 0;
 BEGIN
     IF item <> '*' THEN  -- the expression takes its time
-        parts := regexp_match(item, '^(?:\*|([0-9]+|[a-z]+)(?:-([0-9]+|[a-z]+))?)(?:/([0-9]+))?$');
+        parts := regexp_match(item, '^(?:[*]|([0-9]+|[a-z]+)(?:-([0-9]+|[a-z]+))?)(?:/([0-9]+))?$');
         IF parts IS NULL THEN
             PERFORM kodu_calendar_refuse_item(item, field, place);
         END IF;

@@ -134,8 +134,9 @@ DECLARE
 BEGIN
     IF new.cron_last_exec = old.cron_next_exec AND new.cron_status <> 'PROCESS'
        AND new.cron_next_exec = old.cron_next_exec + old.cron_interval
-       -- It catches up. People and tools change cron_wanted too, or say why they move the time.
-       OR old.cron_next_exec < utc AND new.cron_next_exec > old.cron_next_exec
+       -- It catches up, by a clock that may be ahead. People and tools change cron_wanted too, or say why
+       -- they move the time.
+       OR old.cron_next_exec < utc + interval '1 minute' AND new.cron_next_exec > old.cron_next_exec
           AND new.cron_next_exec <= utc + old.cron_interval + interval '1 minute'
           AND EXTRACT(EPOCH FROM new.cron_next_exec - old.cron_next_exec)
               % EXTRACT(EPOCH FROM old.cron_interval) = 0

@@ -46,11 +46,13 @@ CREATE TABLE IF NOT EXISTS kodu_host (
     -- The rest is written by kodu_host_hear and kodu_host_watch.
     asked_pid  integer,    -- the session that is asked whether it listens
     answers    integer NOT NULL DEFAULT 0,
-    heard_pid  integer,    -- the session that is known to listen
+    heard_pid  integer,    -- the session that is known to listen: the same one, or NULL
     seen       timestamp,  -- the latest sign of life
     asked      timestamp,  -- when one was asked for that has not come yet
-    watched    timestamp
+    watched    timestamp,
+    asked_began timestamptz  -- of the session: a later one may have the same pid
 );
+ALTER TABLE kodu_host ADD COLUMN IF NOT EXISTS asked_began timestamptz;
 
 -- A task on its way, parked at kodu_pause_time() on its former host.
 CREATE TABLE IF NOT EXISTS kodu_host_moving (
@@ -206,8 +208,9 @@ DECLARE
     role text := host;
     is_new boolean := NOT EXISTS (SELECT FROM pg_roles WHERE rolname = role);
 BEGIN
-    IF role IS NULL OR role !~ '^[a-z_][a-z0-9_]{0,62}$' OR role LIKE 'pg\_%'
-       OR role IN ('kodu_hosts', 'kodu_admin', 'kodu_reader', 'kodu_monitor') THEN
+    IF NOT EXISTS (SELECT FROM kodu_host WHERE host = role)  -- the first one has any name
+       AND (role !~ '^[a-z_][a-z0-9_]{0,62}$' OR starts_with(role, 'pg_')
+            OR role IN ('kodu_hosts', 'kodu_admin', 'kodu_reader', 'kodu_monitor')) IS NOT FALSE THEN
         RAISE EXCEPTION '% cannot be the name of a host', COALESCE(quote_literal(role), 'NULL') USING
             ERRCODE = 'invalid_parameter_value',
             HINT = 'Use at most 63 lower-case letters, digits and _, for example kodu_b.';
@@ -288,7 +291,7 @@ END
 $$;
 
 -- Removes a host that has no tasks and no daemon. Its role goes too if kodu_host_add created it and
--- nothing else depends on it; otherwise it loses its rights here.
+-- nothing else depends on it; otherwise it loses its rights, unless it is a host in another database too.
 CREATE OR REPLACE FUNCTION kodu_host_remove(host text) RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 #variable_conflict use_column
@@ -312,10 +315,14 @@ BEGIN
     DELETE FROM kodu_cron_plugin WHERE cron_id = present.ping_task;
     DELETE FROM kodu_host WHERE host = present.host;
     IF EXISTS (SELECT FROM pg_roles WHERE rolname = present.host) THEN
-        EXECUTE format('REVOKE kodu_hosts FROM %I', present.host);
         EXECUTE format('ALTER ROLE %I IN DATABASE %I RESET ALL', present.host, current_database());
-        IF present.made_role THEN
-            EXECUTE format('DROP ROLE %I', present.host);
+        -- With settings for another database, it is a host there.
+        IF NOT EXISTS (SELECT FROM pg_db_role_setting JOIN pg_roles ON pg_roles.oid = setrole
+                       WHERE rolname = present.host AND setdatabase <> 0) THEN
+            EXECUTE format('REVOKE kodu_hosts FROM %I', present.host);
+            IF present.made_role THEN
+                EXECUTE format('DROP ROLE %I', present.host);
+            END IF;
         END IF;
     END IF;
 EXCEPTION WHEN dependent_objects_still_exist THEN
@@ -369,6 +376,18 @@ BEGIN
 END
 $$;
 
+-- Whether the host's daemon is known to listen: the very session that has answered. A role without the
+-- right to see when sessions of others began compares their pids only.
+CREATE OR REPLACE FUNCTION kodu_host_listens(known kodu_host) RETURNS boolean
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    PERFORM pg_stat_clear_snapshot();
+    RETURN COALESCE((SELECT pid = known.heard_pid AND (began <> known.asked_began) IS NOT TRUE
+                     FROM kodu_host_sessions() AS session
+                     WHERE session.host = known.host ORDER BY began DESC LIMIT 1), FALSE);
+END
+$$;
+
 -- Asks the listener of a daemon for a sign: the ping task's time is set into the past, and the daemon told
 -- of it; to load the task it moves the time into the future. The listener takes one batch of notifications
 -- after the other. So two answers, the second asked for after the first, prove that everything has been
@@ -404,12 +423,13 @@ LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp 
 DECLARE
     present kodu_host := kodu_host_lock(host);
     session integer := kodu_host_session(host);
+    session_began timestamptz := max(began) FROM kodu_host_sessions() WHERE pid = session;
 BEGIN
-    IF session = present.heard_pid THEN
+    IF kodu_host_listens(present) THEN
         RETURN TRUE;
     ELSIF session IS NULL THEN
         NULL;
-    ELSIF session IS DISTINCT FROM present.asked_pid THEN
+    ELSIF (session, session_began) IS DISTINCT FROM (present.asked_pid, present.asked_began) THEN
         present.answers := 0;
         PERFORM kodu_host_ping(present.host);
     ELSIF NOT kodu_host_answered(present.host) THEN
@@ -421,7 +441,7 @@ BEGIN
         END IF;
     END IF;
     UPDATE kodu_host
-    SET asked_pid = session, answers = present.answers,
+    SET asked_pid = session, asked_began = session_began, answers = present.answers,
         heard_pid = CASE WHEN present.answers >= 2 THEN session END
     WHERE host = present.host;
     RETURN session IS NOT NULL AND present.answers >= 2;
@@ -430,14 +450,37 @@ $$;
 
 -- Takeover ---------------------------------------------------------------------------------------
 
--- The next time of a task that was parked with this one. A time that is past moves on by whole intervals.
--- A run of a parked task adds an interval to the parking time.
+-- The task's next regular time that is not past: `slot` itself, or one after it; after a run at `slot`, one
+-- after it. Without a coming time of its calendar, that of a pause; a calendar that cannot be evaluated is
+-- none, and must not keep the other tasks where they are.
+CREATE OR REPLACE FUNCTION kodu_host_slot(task kodu_cron_plugin, slot timestamp,
+                                          has_run boolean DEFAULT FALSE) RETURNS timestamp
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    soon timestamp := kodu_soon();
+BEGIN
+    IF slot >= soon AND NOT has_run THEN
+        RETURN slot;
+    ELSIF task.cron_slots IS NOT NULL THEN
+        BEGIN
+            RETURN COALESCE(kodu_slot_after(task, greatest(slot, soon - interval '1 microsecond')),
+                            kodu_pause_time());
+        EXCEPTION WHEN OTHERS THEN
+            NULL;
+        END;
+    END IF;
+    RETURN kodu_next_slot(slot + CASE WHEN has_run THEN task.cron_interval ELSE interval '0' END,
+                          task.cron_interval, soon);
+END
+$$;
+
+-- The next time of a task that was parked with this one. A run of a parked task has added an interval to
+-- the parking time.
 CREATE OR REPLACE FUNCTION kodu_host_due(task kodu_cron_plugin, parked timestamp) RETURNS timestamp
 LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
     SELECT CASE WHEN parked >= kodu_pause_time() THEN task.cron_next_exec
-                ELSE kodu_next_slot(parked + CASE WHEN task.cron_last_exec >= kodu_pause_time()
-                                                  THEN task.cron_interval ELSE interval '0' END,
-                                    task.cron_interval, kodu_soon()) END
+                ELSE kodu_host_slot(task, parked,
+                                    COALESCE(task.cron_last_exec >= kodu_pause_time(), FALSE)) END
 $$;
 
 -- Gives the tasks that are on their way from a host their own times back, and returns their number. Of a
@@ -491,6 +534,7 @@ CREATE OR REPLACE FUNCTION kodu_host_takeover(dead text, target text) RETURNS bi
 LANGUAGE plpgsql SECURITY DEFINER
 SET search_path = pg_catalog, public, pg_temp SET lock_timeout = '5s' SET kodu.reason = 'moved' AS $$
 DECLARE
+    known kodu_host;
     ping integer;
     taken bigint;
 BEGIN
@@ -499,9 +543,9 @@ BEGIN
             ERRCODE = 'invalid_parameter_value', HINT = 'Name two hosts.';
     END IF;
     PERFORM pg_advisory_xact_lock(6420241123);  -- one at a time, see kodu_host_watch
-    PERFORM kodu_host_lock(dead), kodu_host_lock(target);
-    IF kodu_host_session(target) IS DISTINCT FROM (SELECT heard_pid FROM kodu_host WHERE host = target)
-       OR kodu_host_session(target) IS NULL THEN
+    PERFORM kodu_host_lock(dead);
+    known := kodu_host_lock(target);
+    IF NOT kodu_host_listens(known) THEN
         RAISE EXCEPTION 'the daemon of the host % is not known to listen', target USING
             ERRCODE = 'object_not_in_prerequisite_state',
             HINT = 'Start it, and call kodu_host_hear until it returns TRUE.';
@@ -513,7 +557,7 @@ BEGIN
     WITH ended AS (
         UPDATE kodu_cron_plugin AS task
         SET cron_status = 'FAILED',
-            cron_next_exec = kodu_next_slot(was.cron_next_exec, was.cron_interval, kodu_soon())
+            cron_next_exec = kodu_host_slot(was, was.cron_next_exec)
         FROM kodu_cron_plugin AS was  -- a trigger may move the time
         WHERE task.cron_id = was.cron_id AND task.cron_host = dead AND task.cron_status = 'PROCESS'
         RETURNING was.cron_id, was.cron_next_exec
@@ -521,8 +565,7 @@ BEGIN
     INSERT INTO kodu_cron_repair (cron_id, was_due, cron_host)
     SELECT cron_id, cron_next_exec, dead FROM ended ORDER BY cron_id;
     -- The daemon would do the same as it loads them, but the ledger would not know why.
-    UPDATE kodu_cron_plugin
-    SET cron_next_exec = kodu_next_slot(cron_next_exec, cron_interval, kodu_soon())
+    UPDATE kodu_cron_plugin AS task SET cron_next_exec = kodu_host_slot(task, cron_next_exec)
     WHERE cron_host = dead AND cron_id IS DISTINCT FROM ping AND cron_next_exec < kodu_host_utc();
 
     WITH moved AS (
@@ -533,6 +576,12 @@ BEGIN
     SELECT count(pg_notify('koducronchannel',
                            format('{"TYPE":"SERVICE","COMMAND":"ADD","ID":%s}', cron_id)))
     INTO taken FROM moved;
+    -- A daemon that has started meanwhile has loaded its tasks already, and may not listen yet.
+    IF NOT kodu_host_listens(known) THEN
+        RAISE EXCEPTION 'the daemon of the host % has ended during the takeover', target USING
+            ERRCODE = 'object_not_in_prerequisite_state', HINT = 'Nothing has changed. Try again.';
+    END IF;
+    UPDATE kodu_host SET asked_pid = NULL, heard_pid = NULL, answers = 0 WHERE host = dead;
     PERFORM kodu_host_end_sessions(dead);
     RETURN taken;
 END
@@ -587,7 +636,7 @@ BEGIN
     LOOP
         dead := silent.host;
         SELECT host INTO target FROM kodu_host AS known
-        WHERE host <> dead AND seen > utc - dead_after AND kodu_host_session(host) = heard_pid
+        WHERE host <> dead AND seen > utc - dead_after AND kodu_host_listens(known)
         ORDER BY (SELECT count(*) FROM kodu_cron_plugin WHERE cron_host = known.host), host LIMIT 1;
         IF target IS NOT NULL THEN
             BEGIN
@@ -632,7 +681,8 @@ BEGIN
           AND cron_id NOT IN (SELECT ping_task FROM kodu_host WHERE ping_task IS NOT NULL)
           AND NOT EXISTS (SELECT FROM kodu_host_moving AS moving
                           WHERE moving.cron_id = kodu_cron_plugin.cron_id)
-        ORDER BY cron_id LIMIT how_many FOR NO KEY UPDATE
+        ORDER BY cron_id LIMIT how_many
+        FOR NO KEY UPDATE SKIP LOCKED  -- the daemon would wait for the others with this one
     ), noted AS (
         INSERT INTO kodu_host_moving (cron_id, source, target, next_exec, is_told, mover, mover_began)
         SELECT cron_id, kodu_host_park.source, kodu_host_park.target, cron_next_exec, is_told,
@@ -671,7 +721,7 @@ BEGIN
                OR NOT EXISTS (SELECT FROM kodu_cron_pause AS pause
                               WHERE pause.cron_id = moving.cron_id
                                 AND (resumes_at > kodu_host_utc()) IS NOT FALSE))
-        ORDER BY cron_id FOR NO KEY UPDATE OF task
+        ORDER BY cron_id FOR NO KEY UPDATE OF task SKIP LOCKED
     ), moved AS (
         UPDATE kodu_cron_plugin AS task
         SET cron_host = ready.target, cron_next_exec = kodu_host_due(task, ready.next_exec),
@@ -708,6 +758,7 @@ DECLARE
     sessions integer[];
     heard timestamp;
     parked bigint;
+    given bigint;
 BEGIN
     IF source = target THEN
         RAISE EXCEPTION 'the tasks of the host % are there already', pg_catalog.quote_literal(source) USING
@@ -752,7 +803,12 @@ BEGIN
                 COMMIT;
                 RETURN;
             END IF;
-            moved := moved + public.kodu_host_hand_over(source, heard);
+            given := public.kodu_host_hand_over(source, heard);
+            IF public.kodu_host_session(target) IS DISTINCT FROM sessions[2] THEN
+                ROLLBACK;  -- the new session has loaded its tasks, and may not listen yet
+                CONTINUE;
+            END IF;
+            moved := moved + given;
             COMMIT;
             EXIT WHEN NOT public.kodu_host_is_at_work(source, TRUE);
             PERFORM pg_catalog.pg_sleep(0.2);
@@ -779,8 +835,7 @@ SELECT known.host, known.host = kodu_host_default() AS is_default,
        tasks, running, late_seconds,
        (SELECT count(*) FROM kodu_host_moving WHERE source = known.host) AS leaving,
        (SELECT count(*) FROM kodu_host_sessions() AS session WHERE session.host = known.host) AS sessions,
-       COALESCE((SELECT pid FROM kodu_host_sessions() AS session WHERE session.host = known.host
-                 ORDER BY began DESC LIMIT 1) = heard_pid, FALSE) AS listens,
+       kodu_host_listens(known) AS listens,
        greatest(0, floor(EXTRACT(EPOCH FROM now() AT TIME ZONE 'UTC' - seen)))::bigint AS silent_seconds
 FROM kodu_host AS known
 CROSS JOIN LATERAL (
@@ -810,7 +865,8 @@ BEGIN
 END
 $$;
 -- What the view calls, and what people call.
-GRANT EXECUTE ON FUNCTION kodu_host_default, kodu_host_sessions, kodu_host_utc TO kodu, kodu_admin;
+GRANT EXECUTE ON FUNCTION kodu_host_default, kodu_host_sessions, kodu_host_listens, kodu_host_utc
+    TO kodu, kodu_admin;
 GRANT SELECT ON kodu_host, kodu_host_status TO kodu, kodu_admin;
 GRANT EXECUTE ON FUNCTION kodu_host_session, kodu_host_ping, kodu_host_answered, kodu_host_hear,
                           kodu_host_takeover, kodu_host_give_back, kodu_host_park, kodu_host_hand_over,
@@ -820,7 +876,12 @@ GRANT EXECUTE ON FUNCTION kodu_host_watch TO kodu, kodu_admin;
 
 DO $$
 BEGIN
-    PERFORM kodu_host_add(host) FROM kodu_host WHERE ping_task IS NULL;
+    -- A copy of the database has the hosts, but not the settings of their roles.
+    PERFORM kodu_host_add(host) FROM kodu_host
+    WHERE ping_task IS NULL
+       OR NOT EXISTS (SELECT FROM pg_db_role_setting AS setting JOIN pg_roles ON pg_roles.oid = setrole
+                      JOIN pg_database ON pg_database.oid = setdatabase
+                      WHERE rolname = host AND datname = current_database());
     PERFORM kodu_host_grant();
 END
 $$;

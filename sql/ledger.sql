@@ -540,7 +540,14 @@ BEGIN
             END IF;
             IF is_by_calendar AND new.cron_next_exec > COALESCE(following, place)
                AND new.cron_next_exec < kodu_pause_time() THEN
-                slots := kodu_ledger_begun(old, COALESCE(following, place), new.cron_next_exec);
+                -- The calendar has chosen its first time that is not past: the years up to that of a rare
+                -- one have none, and are not counted day by day.
+                reached := greatest(clock_timestamp() AT TIME ZONE 'UTC',
+                                    COALESCE(following, place) + interval '1 microsecond');
+                slots := kodu_ledger_begun(
+                    old, COALESCE(following, place),
+                    CASE WHEN new.cron_next_exec = said.cron_next_exec THEN new.cron_next_exec
+                         ELSE least(new.cron_next_exec, reached) END);
             END IF;
         EXCEPTION WHEN OTHERS THEN
             old.cron_slots := NULL;  -- from here on, the interval counts

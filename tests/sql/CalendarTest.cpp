@@ -208,6 +208,10 @@ TEST_F(CalendarTest, DoesNotDependOnTheSession) {
       "SET timezone = 'Pacific/Apia'");
   EXPECT_EQ(next("30 2 * * *", "2026-10-24 12:00+00", "Europe/Paris"), "2026-10-25 00:30");
   EXPECT_EQ(next("*/5 0 29 2 *", "2026-10-24 12:00+00", "Europe/Paris"), "2028-02-28 23:00");
+  database.query("SET standard_conforming_strings = off; SET escape_string_warning = off");
+  EXPECT_EQ(next("*/5 1-5 29 2 *", "2026-10-24 12:00+00", "Europe/Paris"), "2028-02-29 00:00");
+  expectRefused("* 1- * * *", "5: a value is missing", "An hour is");
+  database.query("RESET standard_conforming_strings");
   database.query("SET search_path = pg_temp; CREATE TEMP TABLE pg_timezone_abbrevs (abbrev text)");
   EXPECT_EQ(
       database.value("SELECT public.kodu_calendar_next('@daily', 'Japan', '2026-01-01 00:00+00')"

@@ -198,6 +198,17 @@ TEST_F(HostsTest, CanBeginWithAnotherRoleOfTheDaemon) {
             other);
 }
 
+TEST_F(HostsTest, CanBeginWithARoleOfAnyName) {
+  const Database plain;
+  const Ledger plainLedger(plain);
+  const std::string role = database.name() + " Kodu's \"first\" \u00e9";
+  const std::string quoted = plain.value("SELECT quote_ident($$" + role + "$$)");
+  plain.query("CREATE ROLE " + quoted + " LOGIN; SET kodu.daemon_role = $$" + role + "$$");
+  loadHosts(plain);
+  EXPECT_EQ(plain.value("SELECT host FROM kodu_host_status WHERE is_default AND tasks = 0"), role);
+  plain.query("DROP OWNED BY " + quoted + "; DROP ROLE " + quoted);
+}
+
 TEST_F(HostsTest, SeeOnlyTheirOwnTasks) {
   addOther();
   insertTask(1, "kodu");
@@ -339,6 +350,40 @@ TEST_F(HostsTest, AreRemovedOnceTheyHaveNothing) {
   EXPECT_THAT(refusalOf("SELECT kodu_host_remove('kodu')"), HasSubstr("new tasks are its own"));
 }
 
+TEST_F(HostsTest, StayHostsInOtherDatabases) {
+  const Database neighbour;
+  const Ledger neighbourLedger(neighbour);
+  loadHosts(neighbour);
+  addOther();
+  neighbour.query("SELECT kodu_host_add('" + other + "')");
+  database.query("SELECT kodu_host_remove('" + other + "')");
+  EXPECT_EQ(neighbour.value("SELECT pg_has_role('" + other + "', 'kodu_hosts', 'MEMBER')"), "t");
+  neighbour.query("SELECT kodu_host_remove('" + other + "')");
+}
+
+TEST_F(HostsTest, GetTheirSettingsInACopyOfTheDatabase) {
+  addOther();
+  // What a restored dump lacks.
+  database.query("ALTER ROLE " + other + " IN DATABASE " + database.name() + " RESET ALL");
+  database.query(readFile(projectFile("sql/hosts.sql")));
+  const Session second(otherConninfo());
+  EXPECT_EQ(second.value("SHOW kodu.daemon_role"), other);
+}
+
+TEST_F(HostsTest, MustListenAgainInANewSessionWithTheSamePid) {
+  addOther();
+  insertTask(1, "kodu");
+  const Session second(otherConninfo());
+  makeListen(second, other);
+  ASSERT_EQ(status(other, "listens"), "t");
+  database.query("UPDATE kodu_host SET asked_began = asked_began - interval '1 hour'");
+  EXPECT_EQ(status(other, "listens"), "f");
+  EXPECT_THAT(refusalOf("SELECT kodu_host_takeover('kodu', '" + other + "')"),
+              HasSubstr("is not known to listen"));
+  EXPECT_FALSE(hear(other));
+  makeListen(second, other);
+}
+
 TEST_F(HostsTest, ListenAfterTwoAnswers) {
   addOther();
   EXPECT_FALSE(hear(other)) << "no session";
@@ -429,6 +474,107 @@ TEST_F(HostsTest, RefuseATakeoverByAHostThatDoesNotListen) {
   EXPECT_THAT(takeover("kodu", "kodu"), HasSubstr("cannot take over from itself"));
   EXPECT_THAT(takeover("missing", other), HasSubstr("there is no host 'missing'"));
   EXPECT_EQ(database.task(1, "cron_host"), "kodu");
+}
+
+/// A session of its own that has locked the row of a task until it goes.
+class RowLock {
+ public:
+  RowLock(const Database& database, int id)
+      : session(PQconnectdb(database.adminConninfo().c_str()), PQfinish) {
+    PQclear(PQexec(session.get(), ("BEGIN; SELECT FROM kodu_cron_plugin WHERE cron_id = " +
+                                   std::to_string(id) + " FOR UPDATE")
+                                      .c_str()));
+  }
+
+ private:
+  std::unique_ptr<PGconn, decltype(&PQfinish)> session;
+};
+
+TEST_F(HostsTest, RefuseATakeoverByAHostThatStartsAgainMeanwhile) {
+  addOther();
+  insertTask(1, "kodu");
+  auto second = std::make_unique<Session>(otherConninfo());
+  makeListen(*second, other);
+  auto lock = std::make_unique<RowLock>(database, 1);
+  std::future<std::string> takeover = std::async(std::launch::async, [&] {
+    const Session admin(database.adminConninfo());
+    return failureOf([&] { admin.value("SELECT kodu_host_takeover('kodu', '" + other + "')"); });
+  });
+  ASSERT_TRUE(waitUntil([&] { return database.waitingSessions() > 0; }));
+  second.reset();
+  const Session again(otherConninfo());
+  EXPECT_EQ(again.tasks(), 1) << "it loads only its ping task";
+  lock.reset();
+  EXPECT_THAT(takeover.get(), HasSubstr("has ended during the takeover"));
+  EXPECT_EQ(database.task(1, "cron_host"), "kodu");
+}
+
+TEST_F(HostsTest, TakeNothingBackWithASessionThatTheTakeoverEnds) {
+  addOther();
+  insertTask(1, "kodu");
+  const Session first(database.conninfo());
+  const Session second(otherConninfo());
+  makeListen(first, "kodu");
+  makeListen(second, other);
+  database.query(
+      "CREATE OR REPLACE FUNCTION kodu_host_end_sessions(host text) RETURNS void LANGUAGE sql AS "
+      "'SELECT'");
+  EXPECT_EQ(take("kodu", other), "1");
+  EXPECT_THAT(refusalOf("SELECT kodu_host_takeover('" + other + "', 'kodu')"),
+              HasSubstr("is not known to listen"));
+}
+
+TEST_F(HostsTest, KeepTasksInTheTimesOfTheirCalendars) {
+  database.query(readFile(projectFile("sql/calendar.sql")));
+  addOther();
+  const Session first(database.conninfo());
+  const Session second(otherConninfo());
+  makeListen(first, "kodu");
+  makeListen(second, other);
+  for (int id = 1; id <= 4; ++id) {
+    insertTask(id, "kodu", "7 minutes");
+  }
+  // The last day of February, which is none of the times that the interval would lead to.
+  database.query(
+      "UPDATE kodu_cron_plugin SET cron_calendar = '30 4 29 2 *' WHERE cron_id < 4;"
+      "UPDATE kodu_cron_plugin SET cron_next_exec = now() - interval '1 minute'"
+      " WHERE cron_id < 5");
+  database.query(
+      "SET session_replication_role = replica; UPDATE kodu_cron_plugin SET"
+      " cron_slots = kodu_calendar_parse('30 4 29 2 *'), cron_calendar = '30 4 29 2 *',"
+      " cron_zone = 'Europe/Atlantis' WHERE cron_id = 4;"
+      "SET session_replication_role = origin");
+  first.begin(1);
+  const std::string slot =
+      database.value("SELECT kodu_calendar_next('30 4 29 2 *', 'UTC', now()) AT TIME ZONE 'UTC'");
+
+  EXPECT_EQ(take("kodu", other), "4");
+
+  EXPECT_EQ(database.task(1, "cron_next_exec"), slot) << "its run was interrupted";
+  EXPECT_EQ(database.task(2, "cron_next_exec"), slot) << "its time is past";
+  EXPECT_EQ(database.value("SELECT cron_next_exec < now() + interval '8 minutes' FROM"
+                           " kodu_cron_plugin WHERE cron_id = 4"),
+            "t")
+      << "a zone that the server does not know";
+
+  database.query("SELECT kodu_host_park('" + other + "', 'kodu', 10)");
+  database.query(
+      "UPDATE kodu_host_moving SET next_exec = now() - interval '1 minute'"
+      " WHERE cron_id = 3");
+  database.query("SELECT kodu_host_give_back('" + other + "')");
+  EXPECT_EQ(database.task(2, "cron_next_exec"), slot);
+  EXPECT_EQ(database.task(3, "cron_next_exec"), slot) << "its time has passed on the way";
+  ledger.expectComplete();
+}
+
+TEST_F(HostsTest, LeaveARowThatSomebodyHasLockedWhereItIs) {
+  addOther();
+  insertTask(1, "kodu");
+  insertTask(2, "kodu");
+  const RowLock lock(database, 1);
+  database.query("SET lock_timeout = '1s'");
+  EXPECT_EQ(database.value("SELECT kodu_host_park('kodu', '" + other + "', NULL)"), "1");
+  EXPECT_EQ(status("kodu", "leaving"), "1");
 }
 
 TEST_F(HostsTest, TakeOverFromOneThatIsSilent) {

@@ -74,11 +74,13 @@ class ScheduleTest : public testing::Test {
   }
   /// What loading the task does when its time is past.
   long skip(int id) {
-    return execute("updateCronExecTask",
-                   {std::to_string(id),
-                    database.task(id,
-                                  "ceil(EXTRACT(EPOCH FROM clock_timestamp() AT TIME ZONE 'UTC' "
-                                  "- cron_next_exec) / EXTRACT(EPOCH FROM cron_interval))")});
+    return skip(
+        id, std::stol(database.task(id,
+                                    "ceil(EXTRACT(EPOCH FROM clock_timestamp() AT TIME ZONE 'UTC' "
+                                    "- cron_next_exec) / EXTRACT(EPOCH FROM cron_interval))")));
+  }
+  long skip(int id, long intervals) {
+    return execute("updateCronExecTask", {std::to_string(id), std::to_string(intervals)});
   }
 
   /// The calendar's first time after an SQL expression of a timestamp.
@@ -194,6 +196,30 @@ TEST_F(ScheduleTest, ContinuesInItsTimesAfterAnOutage) {
                      "'1 minute') AS minute WHERE to_char(minute AT TIME ZONE 'Europe/Paris',"
                      " 'HH24:MI') = '03:00' AND date_part('isodow', minute AT TIME ZONE "
                      "'Europe/Paris') < 6"));
+}
+
+TEST_F(ScheduleTest, CountsTheTimesOfAnOutageWithoutTheYearsToCome) {
+  const int id = add("0 0 29 2 *");
+  makeDue(id, "(now() - interval '1 day') AT TIME ZONE 'UTC'");
+  database.query("ALTER DATABASE " + database.name() + " SET track_functions = 'all'");
+  pgSafeThread counted(database.conninfo());
+  prepareNamedStatements(counted);
+
+  PQclear(counted.executePrepareRequest("updateCronExecTask", {std::to_string(id), "1"}));
+
+  PQclear(counted.executeRequest("SELECT pg_stat_force_next_flush()"));
+  EXPECT_LT(std::stol(database.value("SELECT COALESCE(pg_stat_get_function_calls("
+                                     "'kodu_calendar_count_readings'::regproc), 0)")),
+            20)
+      << "two for each pair of days";
+}
+
+TEST_F(ScheduleTest, KeepsToItsTimesUnderADaemonWhoseClockIsAhead) {
+  const int id = add("*/5 * * * *", ", every => '7 minutes'");
+  makeDue(id, "date_trunc('second', now() AT TIME ZONE 'UTC') + interval '20 seconds'");
+  const std::string due = database.task(id, "cron_next_exec");
+
+  EXPECT_EQ(skip(id, 1), slotAfter("*/5 * * * *", "timestamp '" + due + "'"));
 }
 
 TEST_F(ScheduleTest, AppliesTheIntervalWhenTheCalendarIsNoLongerValid) {
