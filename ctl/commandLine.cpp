@@ -566,12 +566,15 @@ class Parser {
     exported->footer(
         "Without conditions, all tasks are written, always in the order of their keys. Settings "
         "that have their default are left out. A task without a key is written with the key "
-        "task-ID. koductl apply reads both formats.");
+        "task-ID. koductl apply reads both formats. If a task cannot be written, a warning says "
+        "why, and the exit status is 65.");
     addSelection(exported);
     exported
         ->add_option("--set", options.set,
                      "Write only the tasks of this set, with the name of the set")
         ->option_text("SET");
+    exported->add_flag("--partial", options.isPartial,
+                       "Exit with status 0 even if tasks cannot be written");
 
     CLI::App* apply = addCommand(
         "apply", "Make the tasks in the database match the declarations in files", runApply);

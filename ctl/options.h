@@ -83,8 +83,9 @@ struct Options {
   std::string olderThan;  // prune
 
   // export, apply
-  std::string set;     // "": any
-  std::string source;  // a file, a directory or "-"
+  std::string set;         // "": any
+  std::string source;      // a file, a directory or "-"
+  bool isPartial = false;  // export: without tasks that cannot be written
   bool isPruning = false;
 
   std::optional<std::string> since;  // account, events; nothing: the default of the command

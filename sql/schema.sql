@@ -521,6 +521,10 @@ WHERE usename = COALESCE(NULLIF(current_setting('kodu.daemon_role', TRUE), ''), 
 -- no run can have succeeded, as far as the history goes. The daemon records no successes: a gap of more
 -- than one and a half intervals (of runs or of retries, whichever is longer) is taken for one. A task in
 -- PROCESS fails when the present run has failed already, or the last one had no retry left.
+--
+-- One task may have millions of failures. So failing_since looks back over the latest 10,000 of them and
+-- then says since when at least. The counts stop where the daemon, which begins at most one run of a task
+-- a second, cannot come; the server counts attempts again for each column that depends on it.
 CREATE OR REPLACE VIEW kodu_task_state AS
 SELECT task.cron_id AS id,
        plugin_name AS name,
@@ -547,12 +551,14 @@ SELECT task.cron_id AS id,
        -- A run that ends during a pause of an older version of sql/functions.sql was due in 2036.
        CASE WHEN cron_last_exec >= kodu_pause_time() THEN next_exec
             WHEN isfinite(cron_last_exec) THEN cron_last_exec END AS last_due,
-       (SELECT count(*) FROM kodu_cron_error AS error
-        WHERE error.cron_id = task.cron_id AND cron_date > utc - interval '1 hour'
-       ) AS failures_hour,
-       (SELECT count(*) FROM kodu_cron_error AS error
-        WHERE error.cron_id = task.cron_id AND cron_date > utc - interval '1 day'
-       ) AS failures_day,
+       (SELECT count(*)
+        FROM (SELECT FROM kodu_cron_error AS error
+              WHERE error.cron_id = task.cron_id AND cron_date > utc - interval '1 hour'
+              LIMIT 10000) AS failure) AS failures_hour,
+       (SELECT count(*)
+        FROM (SELECT FROM kodu_cron_error AS error
+              WHERE error.cron_id = task.cron_id AND cron_date > utc - interval '1 day'
+              LIMIT 100000) AS failure) AS failures_day,
        failing,
        CASE WHEN failing THEN COALESCE(
            CASE WHEN ledger_to = COALESCE(pause_due, cron_next_exec)
@@ -560,8 +566,9 @@ SELECT task.cron_id AS id,
            -- From the latest failure back to the first gap, no further.
            SELECT cron_date
            FROM (SELECT cron_date, lead(cron_date) OVER latest_first AS earlier
-                 FROM kodu_cron_error AS error
-                 WHERE error.cron_id = task.cron_id AND isfinite(cron_date)
+                 FROM (SELECT cron_date FROM kodu_cron_error AS error
+                       WHERE error.cron_id = task.cron_id AND isfinite(cron_date)
+                       ORDER BY cron_date DESC LIMIT 10000) AS latest
                  WINDOW latest_first AS (ORDER BY cron_date DESC)) AS failure
            WHERE earlier IS NULL
               OR cron_date - earlier > 1.5 * greatest(cron_interval, retry_after)
@@ -590,6 +597,7 @@ LEFT JOIN kodu_cron_pause AS pause ON pause.cron_id = task.cron_id
 CROSS JOIN LATERAL (
     SELECT now() AT TIME ZONE 'UTC' AS utc,
            COALESCE(cron_retries, 1) AS retries,
+           greatest(COALESCE(cron_retries, 1), 0) + 1::bigint AS most,  -- failures of a run
            COALESCE(cron_retries_interval, interval '120 seconds') AS retry_after,
            ltrim(split_part(cron_parameter, '-- ', 2)) AS guarded
 ) AS present
@@ -601,9 +609,11 @@ CROSS JOIN LATERAL (
 ) AS moment
 CROSS JOIN LATERAL (
     SELECT CASE WHEN running THEN (
-               SELECT count(*) FROM kodu_cron_error AS error
-               WHERE error.cron_id = task.cron_id AND isfinite(cron_date)
-                 AND cron_date >= cron_next_exec)
+               SELECT count(*)
+               FROM (SELECT FROM kodu_cron_error AS error
+                     WHERE error.cron_id = task.cron_id AND isfinite(cron_date)
+                       AND cron_date >= cron_next_exec
+                     LIMIT most) AS failure)
            ELSE 0 END AS attempts
 ) AS present_run
 CROSS JOIN LATERAL (
@@ -612,9 +622,11 @@ CROSS JOIN LATERAL (
            CASE cron_status
                WHEN 'FAILED' THEN TRUE
                WHEN 'PROCESS' THEN attempts > 0 OR (
-                   SELECT count(*) FROM kodu_cron_error AS error
-                   WHERE error.cron_id = task.cron_id
-                     AND cron_date >= cron_last_exec AND cron_date < cron_next_exec) > retries
+                   SELECT count(*)
+                   FROM (SELECT FROM kodu_cron_error AS error
+                         WHERE error.cron_id = task.cron_id
+                           AND cron_date >= cron_last_exec AND cron_date < cron_next_exec
+                         LIMIT most) AS failure) > retries
                ELSE FALSE END AS failing
 ) AS outcome;
 

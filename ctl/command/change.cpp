@@ -7,6 +7,7 @@
 #include <cctype>
 #include <iostream>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "ctl/command/report.h"
@@ -74,14 +75,54 @@ void ask(Session& session, const Options& options, std::string verb, const std::
   printError("{} {}? [y/N] ", verb, countText(ids.size()));
 }
 
-void printIds(const Options& options, const std::vector<int>& ids) {
+/// The tasks that a change is about.
+struct Chosen {
+  std::vector<int> ids;        // those that it changes
+  std::vector<int> unchanged;  // those that are already as it would make them
+
+  std::size_t count() const { return ids.size() + unchanged.size(); }
+};
+
+Json::Value jsonIds(const std::vector<int>& ids) {
+  Json::Value list(Json::arrayValue);
+  for (const int id : ids) {
+    list.append(id);
+  }
+  return list;
+}
+
+void printIds(const Options& options, const Chosen& chosen) {
   Json::Value json;
   json["dry_run"] = options.isDryRun;
-  json["tasks"] = Json::Value(Json::arrayValue);
-  for (const int id : ids) {
-    json["tasks"].append(id);
-  }
+  json["tasks"] = jsonIds(chosen.ids);
+  json["unchanged"] = jsonIds(chosen.unchanged);
   printJson(json);
+}
+
+/// "; 3 were paused already", or "".
+std::string unchangedText(const TaskChange& change, const Chosen& chosen) {
+  return chosen.unchanged.empty()
+             ? ""
+             : fmt::format("; {} {} {}", grouped(static_cast<long>(chosen.unchanged.size())),
+                           chosen.unchanged.size() == 1 ? "was" : "were", change.already);
+}
+
+/// One task is always changed: the database says what there is to say about it.
+Chosen choose(Session& session, const Options& options, const TaskChange& change) {
+  Chosen chosen{selectedIds(session, options, change.verb, change.takesDeleted), {}};
+  if (chosen.ids.size() < 2 || change.unaffected.empty()) {
+    return chosen;
+  }
+  std::unordered_set<int> asTheyAre;
+  session.forEachRow(fmt::format("SELECT id FROM kodu_task_state WHERE id = ANY ($1::int[]) AND {}",
+                                 change.unaffected),
+                     {fmt::format("{{{}}}", fmt::join(chosen.ids, ","))},
+                     [&](Fields& row) { asTheyAre.insert(static_cast<int>(row.number())); });
+  const auto end = std::stable_partition(chosen.ids.begin(), chosen.ids.end(),
+                                         [&](int id) { return asTheyAre.count(id) == 0; });
+  chosen.unchanged.assign(end, chosen.ids.end());
+  chosen.ids.erase(end, chosen.ids.end());
+  return chosen;
 }
 
 /// The rows are locked in the order of their ids: two changes at a time must not wait for each
@@ -107,7 +148,8 @@ std::string conditional(const std::string& result) {
 }
 
 void changeOnTrial(Session& session, const Options& options, const TaskChange& change,
-                   const std::vector<int>& ids) {
+                   const Chosen& chosen) {
+  const std::vector<int>& ids = chosen.ids;
   std::vector<Task> first;
   {
     const Transaction transaction(session, kEndWithoutKoductl);
@@ -115,11 +157,12 @@ void changeOnTrial(Session& session, const Options& options, const TaskChange& c
     first = readFirst(session, options, ids);
   }
   if (options.asJson) {
-    printIds(options, ids);
+    printIds(options, chosen);
     return;
   }
   printTable(options, first, ids.size());
-  print("{} {}; nothing was changed\n", countText(ids.size()), conditional(change.result));
+  print("{} {}{}; nothing was changed\n", countText(ids.size()), conditional(change.result),
+        unchangedText(change, chosen));
 }
 
 void changeOne(Session& session, const Options& options, const TaskChange& change,
@@ -139,14 +182,25 @@ void changeOne(Session& session, const Options& options, const TaskChange& chang
 }
 
 void changeMany(Session& session, const Options& options, const TaskChange& change,
-                const std::vector<int>& ids) {
+                const Chosen& chosen) {
   Transaction transaction(session, kEndWithoutKoductl);
-  apply(session, change, ids);
+  apply(session, change, chosen.ids);
   transaction.commit();
   if (options.asJson) {
-    printIds(options, ids);
+    printIds(options, chosen);
   } else {
-    print("{} {}\n", countText(ids.size()), change.result);
+    print("{} {}{}\n", countText(chosen.ids.size()), change.result, unchangedText(change, chosen));
+  }
+}
+
+/// Without a task to change.
+void reportNone(const Options& options, const TaskChange& change, const Chosen& chosen) {
+  if (options.asJson) {
+    printIds(options, chosen);
+  } else if (chosen.unchanged.empty()) {
+    print("no task is selected; nothing was changed\n");
+  } else {
+    print("nothing was changed{}\n", unchangedText(change, chosen));
   }
 }
 
@@ -184,23 +238,22 @@ void confirm(Session& session, const Options& options, const std::string& verb,
 }
 
 int changeTasks(Session& session, const Options& options, const TaskChange& change) {
-  const std::vector<int> ids = selectedIds(session, options, change.verb, change.takesDeleted);
+  const Chosen chosen = choose(session, options, change);
+  const std::vector<int>& ids = chosen.ids;
   change.call.requireRight(session);
   if (change.further) {
     change.further->requireRight(session);
   }
-  if (ids.empty() && options.asJson) {
-    printIds(options, ids);
-  } else if (ids.empty()) {
-    print("no task is selected; nothing was changed\n");
+  if (ids.empty()) {
+    reportNone(options, change, chosen);
   } else if (options.isDryRun) {
-    changeOnTrial(session, options, change, ids);
+    changeOnTrial(session, options, change, chosen);
   } else {
     confirm(session, options, change.verb, change.loss, ids);
-    if (ids.size() == 1) {
+    if (chosen.count() == 1) {
       changeOne(session, options, change, readTask(session, ids.front()));
     } else {
-      changeMany(session, options, change, ids);
+      changeMany(session, options, change, chosen);
     }
     if (change.afterwards) {
       change.afterwards(ids.front());

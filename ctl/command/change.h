@@ -26,6 +26,9 @@ struct TaskChange {
   std::function<void(int id)> afterwards = nullptr;
   /// A second call for each task, in the same transaction.
   std::optional<Call> further{};
+  /// Of several tasks, those that meet this condition of kodu_task_state are left as they are, and
+  /// counted by these words: "paused", "paused already". "": all are changed.
+  std::string unaffected{}, already{};
 };
 
 /// The ids of the tasks that the options select for `verb`, in the order of the selection; without

@@ -48,7 +48,7 @@ std::string oldestText(const DaemonCondition& condition) {
   if (!condition.oldestId) {
     return "no task waits";
   }
-  const long wait = condition.oldestDue - condition.now;
+  const long wait = condition.oldestDue - condition.databaseNow;
   return fmt::format("task {} ({}), at {} ({})", *condition.oldestId, condition.oldestName,
                      zonedTime(condition.oldestDue),
                      wait > 0 ? "in " + durationText(wait) : durationText(-wait) + " ago");

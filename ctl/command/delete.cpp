@@ -12,8 +12,10 @@
 int runDelete(const Options& options) {
   Session session(options);
   TaskChange change{Call("kodu_task_delete"), "delete",
-                    "will be deleted with their files within four minutes"};
+                    "will be deleted within four minutes, with files and history"};
   change.takesDeleted = true;
+  change.unaffected = "deleting";
+  change.already = "being deleted already";
   change.loss = "its output, archive and history";
   change.report = [](const Task& task) {
     print("the daemon deletes task {} ({}) and its files within four minutes{}\n", task.id,

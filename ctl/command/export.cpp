@@ -18,6 +18,7 @@
 #include "ctl/task/arguments.h"
 #include "ctl/task/selection.h"
 #include "ctl/terminal/print.h"
+#include "ctl/terminal/text.h"
 #include "task/serviceSafe.h"
 
 namespace {
@@ -60,7 +61,7 @@ class Writer {
 
   void write(const StoredTask& task) {
     if (const std::string reason = whyNot(task); !reason.empty()) {
-      printError("koductl: warning: task {} is left out: {}\n", task.id, reason);
+      leaveOut(task.id, reason);
       return;
     }
     if (asJson) {
@@ -73,6 +74,16 @@ class Writer {
     }
     ++count;
   }
+
+  void leaveOut(int id, const std::string& reason) {
+    constexpr long kNamed = 10;
+    if (++leftOut <= kNamed) {
+      printError("koductl: warning: task {} is left out: {}\n", id, reason);
+    }
+  }
+
+  /// How many could not be written.
+  long countLeftOut() const { return leftOut; }
 
   void end() const {
     if (asJson) {
@@ -157,7 +168,23 @@ class Writer {
 
   const bool asJson;
   long count = 0;
+  long leftOut = 0;
 };
+
+/// Of the tasks that were named, those that forEachStored() passes over.
+void sayWhichArePassedOver(Session& session, const std::vector<int>& ids, Writer& writer) {
+  session.forEachRow(
+      "SELECT id, deleting, plugin_type FROM kodu_task_state"
+      " WHERE id = ANY ($1::int[]) AND (deleting OR plugin_type <> 'cron') ORDER BY id",
+      {fmt::format("{{{}}}", fmt::join(ids, ","))}, [&](Fields& fields) {
+        const auto id = static_cast<int>(fields.number());
+        const bool isDeleting = fields.isTrue();
+        writer.leaveOut(id, isDeleting ? "it is being deleted"
+                                       : fmt::format("its plugin is of type '{}', which the daemon "
+                                                     "does not run",
+                                                     fields.text()));
+      });
+}
 
 }  // namespace
 
@@ -169,6 +196,12 @@ int runExport(const Options& options) {
   Writer writer(options.set, options.asJson);
   forEachStored(session, options.selection, options.set, guard,
                 [&writer](const StoredTask& task) { writer.write(task); });
+  sayWhichArePassedOver(session, options.selection.ids, writer);
   writer.end();
+  if (writer.countLeftOut() > 0 && !options.isPartial) {
+    flushOutput();
+    throw Failure(kRefused, fmt::format("the export lacks {}; --partial accepts that",
+                                        counted(writer.countLeftOut(), "task")));
+  }
   return kDone;
 }

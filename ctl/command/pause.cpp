@@ -12,5 +12,10 @@ int runPause(const Options& options) {
   Call call("kodu_task_pause");
   call.with("reason", "text", options.reason)
       .with("until", "timestamptz", momentOf(session, options.until, MomentRule::kNextOrDuration));
-  return changeTasks(session, options, {call, "pause", "paused"});
+  TaskChange change{call, "pause", "paused"};
+  if (!options.until) {  // a pause can get another end
+    change.unaffected = "paused AND NOT deleting";
+    change.already = "paused already";
+  }
+  return changeTasks(session, options, change);
 }

@@ -8,5 +8,8 @@
 
 int runResume(const Options& options) {
   Session session(options);
-  return changeTasks(session, options, {Call("kodu_task_resume"), "resume", "resumed"});
+  TaskChange change{Call("kodu_task_resume"), "resume", "resumed"};
+  change.unaffected = "NOT paused AND NOT deleting";
+  change.already = "not paused";
+  return changeTasks(session, options, change);
 }

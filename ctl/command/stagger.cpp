@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
@@ -40,6 +39,9 @@ constexpr int kChartRows = 4;
 /// The runs of each second of the next hour.
 class Load {
  public:
+  /// `time`: of the server, in seconds since the epoch.
+  explicit Load(long time) : now(time) {}
+
   /// A task that is due at `first`, a time of the database, and then every so many seconds.
   void add(const std::string& first, long every) {
     const long ahead = utcTime(first).value_or(now) - now;
@@ -54,7 +56,7 @@ class Load {
   }
 
  private:
-  const long now = std::time(nullptr);
+  const long now;
   std::vector<long> runs = std::vector<long>(static_cast<std::size_t>(kHour), 0);
 };
 
@@ -85,8 +87,9 @@ Plan readPlan(const Options& options, Session& session) {
                         .run(session);
   Plan plan;
   plan.tasks = rows.count();
-  Load before;
-  Load after;
+  const long now = serverTime(session);
+  Load before(now);
+  Load after(now);
   for (int row = 0; row < rows.count(); ++row) {
     const long every = secondsOf(rows.text(row, "interval"));
     before.add(rows.text(row, "next_run"), every);

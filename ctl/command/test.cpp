@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -114,11 +115,41 @@ Run runOnce(const std::shared_ptr<serviceCron>& record) {
   return run;
 }
 
+/// Ends the plugin before this process: a signal that only koductl gets, from kill or timeout,
+/// would otherwise leave the plugin running. Calls only what a signal handler may.
+void endWithPlugin(int signal) {
+  std::array<char, 64> text{};
+  const int file = open("/proc/thread-self/children", O_RDONLY | O_CLOEXEC);
+  const ssize_t length = read(file, text.data(), text.size() - 1);
+  pid_t child = 0;
+  for (ssize_t i = 0; i < length; ++i) {
+    const char c = text[static_cast<std::size_t>(i)];
+    if (c >= '0' && c <= '9') {
+      child = child * 10 + (c - '0');
+    } else if (child > 1) {
+      kill(child, SIGTERM);
+      child = 0;
+    }
+  }
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
+}
+
+/// A signal that is ignored stays so.
+void passSignalsToPlugin() {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    if (std::signal(signal, endWithPlugin) == SIG_IGN) {
+      std::signal(signal, SIG_IGN);
+    }
+  }
+}
+
 /// Runs the plugin in this process, which becomes one of the daemon's user for good.
 Run runHere(const Task& task, const DaemonIdentity& daemon) {
   becomeDaemonUser(daemon);
   closeInput();
   leaveTerminal();
+  passSignalsToPlugin();
   return runOnce(task.record());
 }
 

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <ctime>
 #include <optional>
 #include <string>
 
@@ -92,7 +91,7 @@ class Top {
       if (refreshes++ % kCountsEvery == 0) {
         model.setCounts(readTopCounts(*reader));
       }
-      model.setRows(readTop(*reader, model.query()), std::time(nullptr));
+      model.setRows(readTop(*reader, model.query()), serverTime(*reader));
     });
     took = std::chrono::duration_cast<milliseconds>(Clock::now() - begin);
     draw();

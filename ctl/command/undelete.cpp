@@ -8,5 +8,8 @@
 
 int runUndelete(const Options& options) {
   Session session(options);
-  return changeTasks(session, options, {Call("kodu_task_undelete"), "undelete", "kept", true});
+  TaskChange change{Call("kodu_task_undelete"), "undelete", "kept", true};
+  change.unaffected = "NOT deleting";
+  change.already = "not being deleted";
+  return changeTasks(session, options, change);
 }

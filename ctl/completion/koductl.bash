@@ -28,7 +28,7 @@ _koductl() {
     ['delete']='--name --plugin --failed --late --running --paused --deleting --never-ran --sort --limit --after --all --yes --dry-run'
     ['events']='-f --follow --reader --since --dead --redeliver'
     ['explain']=''
-    ['export']='--name --plugin --failed --late --running --paused --deleting --never-ran --sort --limit --after --all --set'
+    ['export']='--name --plugin --failed --late --running --paused --deleting --never-ran --sort --limit --after --all --set --partial'
     ['forecast']='--run-seconds --took'
     ['health']='-w --warning -c --critical -p --in-process -e --failures -t --timeout'
     ['history']='-n --count'

@@ -55,6 +55,7 @@ void readDatabase(DaemonCondition& condition, const Options& options) {
   condition.late = counts.number(0, "late");
   condition.busy = counts.number(0, "busy");
   condition.daemons = counts.number(0, "daemons");
+  condition.databaseNow = serverTime(session);
   const Rows oldest = session.query(kOldest);
   if (oldest.count() > 0) {
     condition.oldestId = static_cast<int>(oldest.number(0, "id"));

@@ -29,7 +29,8 @@ struct DaemonCondition {
   long oldestDue = 0, oldestLate = 0;  // seconds since the epoch; seconds
   int schemaVersion = 0;
   bool isSchemaKnown = true;  // it is the version that this koductl knows
-  long now = 0;
+  long now = 0;               // the clock of this machine, and with it of the process
+  long databaseNow = 0;       // the server's clock, and with it of the tasks
 };
 
 /// What a condition comes to.

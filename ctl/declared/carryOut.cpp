@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <unordered_set>
 
 #include <json/json.h>
 
@@ -11,6 +12,7 @@
 #include "ctl/declared/sqlText.h"
 #include "ctl/failure.h"
 #include "ctl/session/session.h"
+#include "ctl/task/task.h"
 
 namespace {
 
@@ -202,6 +204,43 @@ void resume(Session& session, Plan& plan) {
   session.query("SELECT kodu_task_resume(id) FROM unnest($1::integer[]) AS id", {idsOf(resumed)});
 }
 
+/// The name of a task's output file before a change and after it; nothing when it stays.
+const SettingChange* fileChangeOf(const Change& change) {
+  const auto found = std::find_if(change.settings.begin(), change.settings.end(),
+                                  [](const SettingChange& one) { return one.name == "file"; });
+  const bool isThere = change.kind == Change::Kind::kChange && found != change.settings.end();
+  return isThere ? &*found : nullptr;
+}
+
+/// The file that a name means: two names can mean the same one.
+std::string fileOf(int id, const std::optional<std::string>& name) {
+  Task task;
+  task.id = id;
+  task.fileName = name.value_or(kDefaultFile);
+  return task.outputPath();
+}
+
+/// Tasks are changed one after the other, and no two may have the same output file in between. So
+/// those whose file another one gets have a name of their own until they get theirs.
+void freeFiles(Session& session, Plan& plan) {
+  std::unordered_set<std::string> wanted;
+  for (const Change& change : plan.changes) {
+    if (const SettingChange* file = fileChangeOf(change)) {
+      wanted.insert(fileOf(change.id, file->after));
+    }
+  }
+  const Changes leaving = those(plan, [&](const Change& change) {
+    const SettingChange* file = fileChangeOf(change);
+    return file != nullptr && wanted.count(fileOf(change.id, file->before)) > 0;
+  });
+  if (!leaving.empty()) {
+    session.query(
+        "SELECT kodu_task_set(id, file_name => '$SERVICEID_$DATE.moving')"
+        " FROM unnest($1::integer[]) AS id",
+        {idsOf(leaving)});
+  }
+}
+
 void define(Batches& batches, Plan& plan) {
   batches.run(defineStatement(), those(plan, [](const Change& c) { return c.isDefined; }),
               [](const Rows&, const Changes&) {});
@@ -237,6 +276,7 @@ void remove(Session& session, Plan& plan) {
 void carryOut(Session& session, Plan& plan, Mistakes& mistakes) {
   Batches batches(session, plan, mistakes);
   resume(session, plan);
+  freeFiles(session, plan);
   define(batches, plan);
   add(batches, plan);
   if (mistakes.areThere()) {

@@ -84,7 +84,7 @@ bool collectCounters(Session& session) {
 }
 
 MetricsReading readMetrics(Session& session) {
-  const auto begin = std::chrono::system_clock::now();
+  const auto begin = std::chrono::steady_clock::now();
   MetricsReading reading;
   const Rows rows = session.query(kCounters);
   for (int row = 0; row < rows.count(); ++row) {
@@ -93,7 +93,7 @@ MetricsReading readMetrics(Session& session) {
   }
   reading.daemon = readDaemon(session);
   reading.isDatabaseUp = true;
-  reading.seconds = seconds(std::chrono::system_clock::now() - begin);
+  reading.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
   return reading;
 }
 

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "ctl/description.h"
 #include "ctl/reference/sections.h"
 #include "ctl/reference/words.h"
@@ -86,6 +88,20 @@ std::string subcommandLines(const Commands& commands, const char* indent) {
   return names.empty() ? "" : fmt::format("{}'1:command:({})'{}", indent, names, options);
 }
 
+/// Makes the names that a command has for options of its own unknown as common ones: the first
+/// entry of a name counts.
+std::string redefinitions(const CommandDescription& program, const CommandDescription& command) {
+  std::string names;
+  for (const OptionDescription& own : command.options) {
+    const bool isCommon = std::any_of(
+        program.options.begin(), program.options.end(), [&](const OptionDescription& common) {
+          return !own.shortName.empty() && own.shortName == common.shortName;
+        });
+    names += isCommon ? fmt::format("_koductl_redefine {}; ", own.shortName) : "";
+  }
+  return names;
+}
+
 }  // namespace
 
 std::string zshArrays(const CommandDescription& program) {
@@ -102,8 +118,8 @@ std::string zshCases(const CommandDescription& program) {
   constexpr const char* kIndent = " \\\n          ";
   std::string text;
   for (const CommandDescription& command : program.commands) {
-    text += fmt::format("        {}) _arguments $common{}{}{} ;;\n", command.name,
-                        argumentLines(command.arguments, kIndent),
+    text += fmt::format("        {}) {}_arguments $common{}{}{} ;;\n", command.name,
+                        redefinitions(program, command), argumentLines(command.arguments, kIndent),
                         optionLines(command.options, kIndent),
                         subcommandLines(command.commands, kIndent));
   }

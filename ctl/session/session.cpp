@@ -365,6 +365,10 @@ long countDaemons(Session& session) {
   return session.query("SELECT daemons FROM kodu_daemon_state").number(0, "daemons");
 }
 
+long serverTime(Session& session) {
+  return session.query("SELECT floor(EXTRACT(EPOCH FROM now()))::bigint AS now").number(0, "now");
+}
+
 std::string serverMessage(const std::string& text) {
   std::string message = text;
   // "ERROR:  42501: ..."; the severity comes in the server's language, the code is five letters or

@@ -123,5 +123,9 @@ bool isDaemonConnected(Session& session);
 /// The number of daemons that are connected to the database, each with one session.
 long countDaemons(Session& session);
 
+/// The server's clock, in seconds since the epoch: the times of tasks go by it, not by this
+/// machine's.
+long serverTime(Session& session);
+
 /// The server's message without severity, code and context.
 std::string serverMessage(const std::string& text);

@@ -159,12 +159,34 @@ TEST_F(BulkTest, TellsTheDaemonOfEachTaskInOneTransaction) {
 
 TEST_F(BulkTest, PrintsNoStackOfMessages) {
   insertTasks(10);
-  ASSERT_EQ(runAsAdmin({"pause", "--all", "--yes"}).exitCode, 0);
-  const CtlResult result = runAsAdmin({"pause", "--all", "--yes"});
+  replaceRunNow("plpgsql", "BEGIN RAISE NOTICE 'task % waits', task; END");
+  const CtlResult result = runAsAdmin({"run", "--all", "--yes"});
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.err,
-            "koductl: task 1 is paused already\nkoductl: task 2 is paused already\n"
-            "koductl: task 3 is paused already\nkoductl: … and 7 more like these\n");
+            "koductl: task 1 waits\nkoductl: task 2 waits\nkoductl: task 3 waits\n"
+            "koductl: … and 7 more like these\n");
+}
+
+TEST_F(BulkTest, CountsOnlyTheTasksThatItChanges) {
+  insertTasks(4);
+  ASSERT_EQ(runAsAdmin({"pause", "2", "--reason", "disks"}).exitCode, 0);
+  EXPECT_THAT(runAsAdmin({"pause", "--all", "--dry-run"}).out,
+              HasSubstr("3 tasks would be paused; 1 was paused already; nothing was changed\n"));
+  EXPECT_EQ(runAsAdmin({"pause", "1", "2", "--yes"}).out, "1 task paused; 1 was paused already\n");
+  const CtlResult rest = runAsAdmin({"pause", "--all", "--yes"});
+  EXPECT_EQ(rest.out, "2 tasks paused; 2 were paused already\n");
+  EXPECT_EQ(rest.err, "");
+  EXPECT_EQ(runAsAdmin({"pause", "--all", "--yes"}).out,
+            "nothing was changed; 4 were paused already\n");
+  EXPECT_EQ(runAsAdmin({"pause", "--all", "--until", "2h", "--yes"}).out, "4 tasks paused\n");
+  EXPECT_EQ(runAsAdmin({"resume", "1", "--yes"}).exitCode, 0);
+  const Json::Value json = parsed(runAsAdmin({"resume", "--all", "--yes", "--json"}).out);
+  EXPECT_EQ(json["tasks"].size(), 3U);
+  ASSERT_EQ(json["unchanged"].size(), 1U);
+  EXPECT_EQ(json["unchanged"][0].asInt(), 1);
+  ASSERT_EQ(runAsAdmin({"delete", "3", "--yes"}).exitCode, 0);
+  EXPECT_EQ(runAsAdmin({"undelete", "--all", "--yes"}).out,
+            "1 task kept; 3 were not being deleted\n");
 }
 
 TEST_F(BulkTest, SetsSeveralTasksByTheNameThatTheyHave) {
@@ -185,7 +207,7 @@ TEST_F(BulkTest, SetsSeveralTasksByTheNameThatTheyHave) {
 TEST_F(BulkTest, DeletesAndTakesItBack) {
   insertTasks(3);
   EXPECT_EQ(runAsAdmin({"delete", "1", "2", "--yes"}).out,
-            "2 tasks will be deleted with their files within four minutes\n");
+            "2 tasks will be deleted within four minutes, with files and history\n");
   EXPECT_EQ(run({"ids", "--deleting"}).out, "1\n2\n");
   EXPECT_EQ(runAsAdmin({"undelete", "--deleting", "--yes"}).out, "2 tasks kept\n");
   EXPECT_EQ(run({"ids", "--deleting"}).out, "");
@@ -225,7 +247,8 @@ TEST_F(BulkTest, LeavesOutWhatIsBeingDeletedUnlessItIsNamed) {
   }
   EXPECT_EQ(paused(), "");
   EXPECT_EQ(runAsAdmin({"delete", "--all", "--yes"}).out,
-            "3 tasks will be deleted with their files within four minutes\n");
+            "2 tasks will be deleted within four minutes, with files and history; 1 was being "
+            "deleted already\n");
   EXPECT_EQ(runAsAdmin({"undelete", "--all", "--yes"}).out, "3 tasks kept\n");
 }
 
@@ -397,7 +420,7 @@ TEST_F(BulkTest, PerformsADryRunOfEachChange) {
   for (const auto& [command, result] : {std::pair("pause", "1 task would be paused"),
                                         {"resume", "1 task would be resumed"},
                                         {"run", "1 task would run"},
-                                        {"delete", "1 task would be deleted with "}}) {
+                                        {"delete", "1 task would be deleted within "}}) {
     const std::string id = std::string(command) == "resume" ? "2" : "1";
     const CtlResult trial = runAsAdmin({command, id, "--dry-run"});
     EXPECT_EQ(trial.exitCode, 0) << command << trial.err;

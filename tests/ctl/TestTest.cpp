@@ -1,6 +1,8 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <filesystem>
 #include <string>
 
 #include "tests/ctl/CtlTest.h"
@@ -46,6 +48,26 @@ TEST_F(TestTest, PassesTheArgumentsAndNoEnvironment) {
       test(R"(echo "$# <$1> <$2>"; /usr/bin/tr '\0' '\n' </proc/$$/environ; read x; echo "[$x]")",
            "-m \"two words\"");
   EXPECT_THAT(result.out, StartsWith("2 <-m> <two words>\n[]\n--- return code 0 (OK)"));
+}
+
+TEST_F(TestTest, LeavesNoPluginBehindWhenItIsStopped) {
+  const std::string pidFile = daemon.directory / "pid";
+  TaskRow row = quietTask(1);
+  writePlugin(row.path, "echo $$ >" + pidFile + ".new; /bin/mv " + pidFile + ".new " + pidFile +
+                            "; exec /bin/sleep 300");
+  database.insertTask(row);
+  for (const int signal : {SIGINT, SIGTERM}) {
+    std::filesystem::remove(pidFile);
+    const pid_t process = start({"-f", daemon.mainConfig(), "test", "1"});
+    ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(pidFile); }));
+    const pid_t plugin = std::stoi(readFile(pidFile));
+    kill(process, signal);
+    int status = 0;
+    waitpid(process, &status, 0);
+    EXPECT_EQ(signalOf(status), signal);
+    EXPECT_TRUE(waitUntil([&] { return kill(plugin, 0) != 0; }));
+    EXPECT_EQ(readFile(errPath()), "");
+  }
 }
 
 TEST_F(TestTest, RunsThePluginWithoutATerminal) {

@@ -617,6 +617,26 @@ TEST_F(StateTest, ShowsAFailingTaskDuringItsNextRunToo) {
             (Database::Row{"t", "300"}));
 }
 
+TEST_F(StateTest, LooksBackOnlyAsFarAsItCanAtOnce) {
+  set("cron_status = 'FAILED'");
+  database.query(
+      "INSERT INTO kodu_cron_error (cron_id, cron_date, cron_logfile)"
+      " SELECT 1, now() - n * interval '100 s', 'a' FROM generate_series(1, 9999) AS n");
+  const std::string distance = "round(EXTRACT(EPOCH FROM now() - failing_since))";
+  EXPECT_EQ(state(distance), (Database::Row{"999900"}));
+  failAgo(1000000);
+  EXPECT_EQ(state(distance), (Database::Row{"1000000"}));
+  failAgo(1000100);
+  EXPECT_EQ(state(distance), (Database::Row{"1000000"})) << "the latest 10,000";
+  // More than the daemon can have recorded.
+  database.query(
+      "INSERT INTO kodu_cron_error (cron_id, cron_date, cron_logfile)"
+      " SELECT 1, now() - n * interval '1 ms', 'a' FROM generate_series(1, 101000) AS n");
+  EXPECT_EQ(state("failures_hour, failures_day"), (Database::Row{"10000", "100000"}));
+  set("cron_status = 'PROCESS', cron_next_exec = now() - interval '10000 s'");
+  EXPECT_EQ(state("attempts, retry_due, failing"), (Database::Row{"3", "", "t"}));
+}
+
 TEST_F(StateTest, ShowsAPauseOnlyWhileItLasts) {
   database.query(
       "INSERT INTO kodu_cron_pause VALUES (1, '2026-01-01', '2026-01-02', 'alice', 'new disks')");

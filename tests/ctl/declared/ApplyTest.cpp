@@ -656,6 +656,30 @@ TEST_F(ApplyTest, RefusesTwoTasksWithOneOutputFile) {
   EXPECT_EQ(count(), "0");
 }
 
+TEST_F(ApplyTest, LetsTasksTakeEachOthersOutputFiles) {
+  const auto files = [&] {
+    return database.value(
+        "SELECT string_agg(cron_log_file, ' ' ORDER BY cron_id) FROM kodu_cron_plugin");
+  };
+  const auto content = [](const std::string& a, const std::string& b, const std::string& c) {
+    return "tasks:\n" + task("a", "every: 5m, file: " + a) + task("b", "every: 5m, file: " + b) +
+           task("c", "every: 5m, file: " + c);
+  };
+  applied(content("x_$DATE", "y_$DATE", "z_$DATE"));
+  applied(content("y_$DATE", "x_$DATE", "z_$DATE"));
+  EXPECT_EQ(files(), "y_$DATE x_$DATE z_$DATE");
+  applied(content("x_$DATE", "z_$DATE", "new_$DATE"));  // a chain, whose end is free
+  EXPECT_EQ(files(), "x_$DATE z_$DATE new_$DATE");
+  // By names that mean the file of another task without being its name.
+  applied(content("2_$DATE.txt", "$SERVICEID_$DATE", "z_$DATE"));
+  applied(content("$SERVICEID_$DATE", "$SERVICEID_$DATE.txt", "z_$DATE"));
+  EXPECT_EQ(files(), "$SERVICEID_$DATE $SERVICEID_$DATE.txt z_$DATE");
+  const CtlResult taken = apply(content("z_$DATE", "x_$DATE", "z_$DATE"));
+  EXPECT_EQ(taken.exitCode, 65);
+  EXPECT_THAT(taken.err, HasSubstr(":2: a: another task has this output file"));
+  EXPECT_EQ(files(), "$SERVICEID_$DATE $SERVICEID_$DATE.txt z_$DATE");
+}
+
 TEST_F(ApplyTest, AddsATaskOfAKeyOnce) {
   const std::vector<std::string> add = {"add", "/bin/true", "--every", "5m", "--key", "web/load"};
   ASSERT_EQ(runAsAdmin(add).exitCode, 0);

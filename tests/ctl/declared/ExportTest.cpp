@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdlib>
 #include <random>
 #include <string>
@@ -162,12 +163,43 @@ TEST_F(ExportTest, WarnsOfATaskThatCannotBeDeclared) {
   TaskRow row = quietTask(1);
   row.path = "relative";
   database.insertTask(row);
+  const std::string warning =
+      "koductl: warning: task 1 is left out: the path of its plugin is not absolute\n";
   const CtlResult result = run({"export"});
-  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.exitCode, 65);
   EXPECT_EQ(result.out, "tasks: {}\n");
+  EXPECT_EQ(result.err, warning + "koductl: the export lacks 1 task; --partial accepts that\n");
+  const CtlResult partial = run({"export", "--partial"});
+  EXPECT_EQ(partial.exitCode, 0);
+  EXPECT_EQ(partial.out, result.out);
+  EXPECT_EQ(partial.err, warning);
+}
+
+TEST_F(ExportTest, SaysWhyANamedTaskIsMissing) {
+  for (const int id : {1, 2, 3}) {
+    TaskRow row = quietTask(id);
+    row.pluginType = id == 2 ? "other" : "cron";
+    database.insertTask(row);
+  }
+  ASSERT_EQ(runAsAdmin({"delete", "1", "--yes"}).exitCode, 0);
+  const CtlResult result = run({"export", "1", "2", "3", "--json"});
+  EXPECT_EQ(result.exitCode, 65);
+  EXPECT_EQ(parsed(result.out)["tasks"].size(), 1U) << "the document is complete";
   EXPECT_EQ(result.err,
-            "koductl: warning: task 1 is left out: the path of its plugin is not "
-            "absolute\n");
+            "koductl: warning: task 1 is left out: it is being deleted\n"
+            "koductl: warning: task 2 is left out: its plugin is of type 'other', which the daemon "
+            "does not run\n"
+            "koductl: the export lacks 2 tasks; --partial accepts that\n");
+}
+
+TEST_F(ExportTest, PrintsNoStackOfWarnings) {
+  database.query(
+      "INSERT INTO kodu_plugins (plugin_name, plugin_path) VALUES ('p', 'relative');"
+      "INSERT INTO kodu_cron_plugin (cron_plugin_id, cron_interval, cron_log_file)"
+      " SELECT 1, '1 hour', '$SERVICEID_$DATE.txt' FROM generate_series(1, 30)");
+  const std::string err = run({"export"}).err;
+  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 11);
+  EXPECT_THAT(err, HasSubstr("the export lacks 30 tasks"));
 }
 
 TEST_F(ExportTest, EndsWith74WhenItsOutputCannotBeWritten) {

@@ -93,6 +93,14 @@ TEST(SectionsTest, QuotesCharactersThatZshInterprets) {
               HasSubstr("\n    '(-f --config)-f[Read it'\\''s \\[file\\]\\: now]:FILE:_files'\n"));
 }
 
+TEST(SectionsTest, TellsZshOfAnOptionThatHasTheNameOfACommonOne) {
+  CommandDescription program = programWithCommands();
+  program.commands[0].options = {{"-f", "--follow", "", "Follow", ""}};
+  EXPECT_THAT(zshCases(program),
+              HasSubstr("        show) _koductl_redefine -f; _arguments $common \\\n"));
+  EXPECT_THAT(zshCases(program), HasSubstr("        set) _arguments $common \\\n"));
+}
+
 TEST(SectionsTest, GivesZshTheArgumentsOfACommand) {
   EXPECT_EQ(zshCases(programWithCommands()),
             "        show) _arguments $common \\\n"
