@@ -591,6 +591,35 @@ class Parser {
     apply->add_flag("--prune", options.isPruning,
                     "Delete the set's tasks that the files no longer declare");
     apply->add_flag("--yes", options.isConfirmed, "Do not ask for confirmation of deletions");
+    addImport();
+  }
+
+  void addImport() {
+    CLI::App* imported = addCommand(
+        "import", "Write the jobs of other schedulers as YAML that koductl apply reads", runImport);
+    imported->footer(
+        "The format crontab reads crontabs as crontab(5) describes them. Standard error reports "
+        "each "
+        "line that is left out, with the reason, and what else differs from the original. The "
+        "database is not used. A second import of a changed file gives the same tasks the same "
+        "keys.");
+    imported->add_option("FORMAT", options.importFormat, "Format of the files: crontab")
+        ->required()
+        ->check(CLI::IsMember({"crontab"}));
+    imported
+        ->add_option("FILE", options.sources,
+                     "A file, - for standard input, or a directory: of crontabs, the files that "
+                     "cron reads")
+        ->required();
+    imported
+        ->add_option("--set", options.set,
+                     "Declare the tasks as those of this set, and begin their keys with its name")
+        ->option_text("SET (no set; the name of the file begins the keys)");
+    imported->add_flag("--strict", options.isStrict,
+                       "Write nothing and exit with status 65 if a line is left out");
+    imported->add_flag("--system", options.hasUsers,
+                       "The lines of crontabs name a user before the command, as in /etc/crontab "
+                       "and the files of a directory cron.d, which are recognized");
   }
 
   void addLedgerCommand() {

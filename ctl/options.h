@@ -82,11 +82,17 @@ struct Options {
 
   std::string olderThan;  // prune
 
-  // export, apply
+  // export, apply, import
   std::string set;         // "": any
   std::string source;      // a file, a directory or "-"
   bool isPartial = false;  // export: without tasks that cannot be written
   bool isPruning = false;
+
+  // import
+  std::string importFormat;
+  std::vector<std::string> sources;  // as `source`
+  bool hasUsers = false;             // the lines of crontabs name users
+  bool isStrict = false;
 
   std::optional<std::string> since;  // account, events; nothing: the default of the command
 

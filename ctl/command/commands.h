@@ -33,6 +33,7 @@ int runStagger(const Options& options);
 int runPrune(const Options& options);
 int runExport(const Options& options);
 int runApply(const Options& options);
+int runImport(const Options& options);
 int runSchema(const Options& options);
 int runAccount(const Options& options);
 int runLedger(const Options& options);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <optional>
-#include <string_view>
 #include <unordered_map>
 
 #include "ctl/declared/document.h"
@@ -15,21 +14,6 @@
 #include "ctl/task/arguments.h"
 
 namespace {
-
-/// What the table of keys accepts.
-bool isOneWord(std::string_view text) {
-  constexpr std::size_t kLongest = 200;
-  constexpr std::string_view kMarks = "._:/@-";
-  const auto isPart = [kMarks](char c) {
-    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-           kMarks.find(c) != std::string_view::npos;
-  };
-  return !text.empty() && text.size() <= kLongest &&
-         kMarks.find(text.front()) == std::string_view::npos &&
-         std::all_of(text.begin(), text.end(), isPart);
-}
-
-constexpr const char* kWordRule = "must be one word of at most 200 letters, digits and . _ : / @ -";
 
 /// Reads the settings of one task.
 class TaskReader {
@@ -231,6 +215,19 @@ class DeclarationReader {
 };
 
 }  // namespace
+
+// What the table of keys accepts.
+bool isOneWord(std::string_view text) {
+  constexpr std::size_t kLongest = 200;
+  constexpr std::string_view kMarks = "._:/@-";
+  const auto isPart = [kMarks](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+           kMarks.find(c) != std::string_view::npos;
+  };
+  return !text.empty() && text.size() <= kLongest &&
+         kMarks.find(text.front()) == std::string_view::npos &&
+         std::all_of(text.begin(), text.end(), isPart);
+}
 
 Place DeclaredTask::placeOf(const std::string& setting) const {
   const auto found = lines.find(setting);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ctl/declared/definition.h"
@@ -24,6 +25,10 @@ struct Declaration {
   std::string set;  // "": the files name none
   std::vector<DeclaredTask> tasks;
 };
+
+/// True for what can be a key or the name of a set; kWordRule says what that is.
+bool isOneWord(std::string_view text);
+constexpr const char* kWordRule = "must be one word of at most 200 letters, digits and . _ : / @ -";
 
 /// Reads the files together: a key may stand in one of them only. What is wrong is added to
 /// `mistakes`, and left out.

@@ -25,12 +25,11 @@ constexpr std::size_t kMostBytes = 16UL << 20;
 }
 
 [[noreturn]] void refuseLarge(const std::string& path) {
-  refuse(path, fmt::format("more than {} MB in all; apply it in parts", kMostBytes >> 20),
-         kRefused);
+  refuse(path, fmt::format("more than {} MB in all; split it", kMostBytes >> 20), kRefused);
 }
 
 Source readStandardInput() {
-  Source source = {"standard input", ""};
+  Source source = {kStandardInput, ""};
   std::array<char, 65536> chunk{};
   ssize_t length = 0;
   while ((length = read(STDIN_FILENO, chunk.data(), chunk.size())) != 0) {
@@ -45,38 +44,52 @@ Source readStandardInput() {
   return source;
 }
 
-bool isDeclaration(const fs::path& path) {
-  const std::string ending = path.extension();
-  return (ending == ".yaml" || ending == ".yml") && !path.filename().string().starts_with('.');
-}
-
-/// Those of a directory; a file stands for itself.
-std::vector<std::string> pathsOf(const std::string& path) {
-  if (!fs::is_directory(path)) {
-    return {path};
-  }
+template <typename Iterator>
+std::vector<std::string> pathsIn(const std::string& directory, const FileChoice& choice) {
   std::vector<std::string> paths;
-  for (const fs::directory_entry& entry : fs::directory_iterator(path)) {
-    if (isDeclaration(entry.path())) {
+  for (const fs::directory_entry& entry : Iterator(directory)) {
+    const bool isFolder = choice.isRecursive && entry.is_directory();  // with files of its own
+    if (choice.takes(entry.path().filename()) && !isFolder) {
       paths.push_back(entry.path());
     }
-  }
-  if (paths.empty()) {
-    refuse(path, "the directory has no files *.yaml or *.yml", kNotFound);
   }
   std::sort(paths.begin(), paths.end());
   return paths;
 }
 
+/// Those of a directory; a file stands for itself.
+std::vector<std::string> pathsOf(const std::string& path, const FileChoice& choice) {
+  if (!fs::is_directory(path)) {
+    return {path};
+  }
+  std::vector<std::string> paths = choice.isRecursive
+                                       ? pathsIn<fs::recursive_directory_iterator>(path, choice)
+                                       : pathsIn<fs::directory_iterator>(path, choice);
+  if (paths.empty()) {
+    refuse(path, "the directory has no " + choice.description, kNotFound);
+  }
+  return paths;
+}
+
+bool isDeclaration(const std::string& name) {
+  const std::string ending = fs::path(name).extension();
+  return (ending == ".yaml" || ending == ".yml") && !name.starts_with('.');
+}
+
 }  // namespace
 
-std::vector<Source> readSources(const std::string& path) try {
+const FileChoice& declarationFiles() {
+  static const FileChoice choice = {"files *.yaml or *.yml", isDeclaration};
+  return choice;
+}
+
+std::vector<Source> readSources(const std::string& path, const FileChoice& choice) try {
   if (path == "-") {
     return {readStandardInput()};
   }
   std::vector<Source> sources;
   std::size_t bytes = 0;
-  for (const std::string& file : pathsOf(path)) {
+  for (const std::string& file : pathsOf(path, choice)) {
     sources.push_back({file, readRegularFile(file, kMostBytes + 1)});
     bytes += sources.back().content.size();
     if (bytes > kMostBytes) {

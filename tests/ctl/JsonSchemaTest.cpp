@@ -100,6 +100,8 @@ TEST_F(JsonSchemaTest, DescribesTheCommandsThatChange) {
   keep("apply", {"apply", declared, "--dry-run"});
   keep("apply", {"apply", declared});
   keep("export", {"export", "--set", "s"});
+  writeFile(declared, "@daily /bin/true\n");
+  keep("import", {"import", "crontab", declared});
   writeFile(declared, "set: s\ntasks: {}\n");
   keep("apply", {"apply", declared, "--prune", "--yes"});
   keep("prune", {"prune", "--older-than", "1s"});
