@@ -598,23 +598,29 @@ class Parser {
     CLI::App* imported = addCommand(
         "import", "Write the jobs of other schedulers as YAML that koductl apply reads", runImport);
     imported->footer(
-        "The format crontab reads crontabs as crontab(5) describes them. Standard error reports "
-        "each "
-        "line that is left out, with the reason, and what else differs from the original. The "
-        "database is not used. A second import of a changed file gives the same tasks the same "
-        "keys.");
-    imported->add_option("FORMAT", options.importFormat, "Format of the files: crontab")
+        "The format crontab reads crontabs as crontab(5) describes them. The format nagios reads "
+        "files with definitions of objects, and files with values of $USER1$ and so on; give all "
+        "of them in one call. The format pg_cron reads "
+        "the table cron.job, as psql --csv -c 'SELECT * FROM cron.job' or psql -c "
+        "'COPY cron.job TO STDOUT' writes it; its times are in UTC unless --zone is given. "
+        "Standard error reports each line that is left out, with the reason, and what else differs "
+        "from the original. The database is not used. A second import of a changed file gives the "
+        "same tasks the same keys.");
+    imported
+        ->add_option("FORMAT", options.importFormat,
+                     "Format of the files: crontab, nagios or pg_cron")
         ->required()
-        ->check(CLI::IsMember({"crontab"}));
+        ->check(CLI::IsMember({"crontab", "nagios", "pg_cron"}));
     imported
         ->add_option("FILE", options.sources,
-                     "A file, - for standard input, or a directory: of crontabs, the files that "
-                     "cron reads")
-        ->required();
+                     "A file, - for standard input, or a directory; of a directory with crontabs, "
+                     "the files that cron reads, of one with objects, all files *.cfg below it")
+        ->required()
+        ->take_all();
     imported
         ->add_option("--set", options.set,
                      "Declare the tasks as those of this set, and begin their keys with its name")
-        ->option_text("SET (no set; the name of the file begins the keys)");
+        ->option_text("SET (no set; the name of the crontab or the format begins the keys)");
     imported->add_flag("--strict", options.isStrict,
                        "Write nothing and exit with status 65 if a line is left out");
     imported->add_flag("--system", options.hasUsers,

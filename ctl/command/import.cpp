@@ -17,7 +17,9 @@
 #include "ctl/declared/sources.h"
 #include "ctl/failure.h"
 #include "ctl/import/crontab.h"
+#include "ctl/import/nagios.h"
 #include "ctl/import/names.h"
+#include "ctl/import/pgCron.h"
 #include "ctl/options.h"
 #include "ctl/terminal/text.h"
 #include "ctl/terminal/zone.h"
@@ -29,6 +31,10 @@ namespace {
 bool isCrontabName(const std::string& name) {
   return std::all_of(name.begin(), name.end(),
                      [](unsigned char c) { return std::isalnum(c) != 0 || c == '_' || c == '-'; });
+}
+
+bool isCsvName(const std::string& name) {
+  return name.ends_with(".csv") && !name.starts_with('.');
 }
 
 std::vector<Source> sourcesOf(const Options& options, const FileChoice& choice) {
@@ -60,9 +66,33 @@ void importCrontabs(const Options& options, Import& import) {
   }
 }
 
+void importPgCron(const Options& options, Import& import) {
+  // Its times are in GMT unless the server's cron.timezone says otherwise.
+  const std::string zone = options.zone.empty() ? kDefaultZone : options.zone;
+  const std::string prefix = prefixOf(options, "");
+  for (const Source& source : sourcesOf(options, {"files *.csv", isCsvName})) {
+    importPgCron(source, zone, prefix, import);
+  }
+}
+
+bool isObjectFile(const std::string& name) {
+  return name.ends_with(".cfg") && !name.starts_with('.');
+}
+
+void importNagios(const Options& options, Import& import) {
+  importNagios(sourcesOf(options, {"files *.cfg", isObjectFile, true}), zoneName(),
+               prefixOf(options, ""), import);
+}
+
 Import importAll(const Options& options) {
   Import import;
-  importCrontabs(options, import);
+  if (options.importFormat == "pg_cron") {
+    importPgCron(options, import);
+  } else if (options.importFormat == "nagios") {
+    importNagios(options, import);
+  } else {
+    importCrontabs(options, import);
+  }
   return import;
 }
 

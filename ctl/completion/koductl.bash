@@ -69,7 +69,7 @@ _koductl() {
     ['history']='ID'
     ['host']='ACTION HOST'
     ['ids']='ID...'
-    ['import']='FORMAT FILE'
+    ['import']='FORMAT FILE...'
     ['ledger']='ACTION DAYS'
     ['logs']='ID'
     ['metrics']=''

@@ -13,6 +13,7 @@ namespace {
 
 /// A few objects with wildcards can stand for any number of tasks.
 constexpr std::size_t kMostTasks = 100000;
+constexpr long kMostLeftOut = 100000;
 
 /// In one line, so that no text of a file can look like another sentence.
 std::string line(const Place& place, const std::string& sentence) {
@@ -39,6 +40,11 @@ std::string Import::add(const std::string& prefix, const std::string& word, Defi
 }
 
 void Import::leaveOut(const Place& place, const std::string& sentence) {
+  if (leftOutLines == kMostLeftOut) {
+    throw Failure(kRefused, fmt::format("{}: more than {} lines cannot be translated: is this the "
+                                        "right format?",
+                                        place.file, kMostLeftOut));
+  }
   sentences.push_back(line(place, "left out: " + sentence));
   ++leftOutLines;
 }

@@ -20,7 +20,8 @@ class Import {
   /// key. Throws Failure (kRefused) when there are more than 100,000 tasks.
   std::string add(const std::string& prefix, const std::string& word, Definition definition);
 
-  /// A line that is not translated, or not in full: `sentence` says why.
+  /// A line that is not translated, or not in full: `sentence` says why. Throws Failure (kRefused)
+  /// when there are more than 100,000: a file of another format.
   void leaveOut(const Place& place, const std::string& sentence);
 
   /// What the operator should know about the translation.

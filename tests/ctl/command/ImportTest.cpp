@@ -1,4 +1,6 @@
+#include <cstdlib>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -94,6 +96,78 @@ TEST_F(ImportTest, ReadsTheFilesOfADirectoryThatCronReads) {
   EXPECT_THAT(imported.out, AllOf(HasSubstr("  a/a-"), Not(HasSubstr("old"))));
   EXPECT_THAT(imported.err, HasSubstr("not as root\n"));
   EXPECT_THAT(imported.err, HasSubstr("\n2 tasks, 0 lines left out\n"));
+}
+
+TEST_F(ImportTest, TranslatesRowsThatThisServerWrites) {
+  database.query(
+      "CREATE SCHEMA cron; CREATE TABLE cron.job (jobid bigint, schedule text, command text,"
+      " nodename text, nodeport int, database text, username text, active boolean, jobname text);"
+      "INSERT INTO cron.job VALUES"
+      " (1, '0 3 $ * *', E'DELETE FROM \\x22T\\x22\\n\\tWHERE a = \\'x,\\\\ \\' ', 'localhost', "
+      "5432, 'app', 'bob',"
+      " true, 'nightly'), (2, '30 seconds', 'CALL p()', '', 5432, 'app', 'bob', false, NULL)");
+  const std::string psql = "psql -X -d \"" + database.adminConninfo() + "\" ";
+  std::vector<std::string> written;
+  for (const char* options : {"--csv -c 'TABLE cron.job'", "-c 'COPY cron.job TO STDOUT'",
+                              "-c 'COPY cron.job TO STDOUT (FORMAT csv, HEADER)'"}) {
+    ASSERT_EQ(std::system((psql + options + " >" + path("rows")).c_str()), 0);  // NOLINT
+    const CtlResult imported = run({"import", "pg_cron", path("rows")});
+    EXPECT_THAT(imported.err, HasSubstr("\n2 tasks, 0 lines left out\n"));
+    written.push_back(imported.out);
+  }
+  EXPECT_EQ(written[0], written[1]);
+  EXPECT_EQ(written[0], written[2]);
+  EXPECT_THAT(apply({0, written[0], ""}).out, HasSubstr("2 tasks added"));
+  EXPECT_EQ(apply({0, written[0], ""}).out, "0 tasks added, 0 changed, 0 deleted, 2 unchanged\n");
+}
+
+/// One service for each command that the package monitoring-plugins-basic defines.
+TEST_F(ImportTest, TranslatesTheCommandsOfThisMachinesPlugins) {
+  const std::string folder = "/etc/nagios-plugins/config";
+  ASSERT_TRUE(std::filesystem::exists(folder)) << "scripts/setup installs the package";
+  std::string objects = "define host {\nhost_name h\naddress 192.0.2.1\n}\n";
+  long commands = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    std::istringstream lines(readFile(entry.path()));
+    for (std::string line; std::getline(lines, line);) {
+      std::istringstream words(line);
+      std::string word;
+      std::string name;
+      if (words >> word >> name && word == "command_name") {
+        objects += "define service {\nhost_name h\nservice_description " + name +
+                   "\ncheck_command " + name + "!1!2!a b!4\n}\n";
+        ++commands;
+      }
+    }
+  }
+  EXPECT_GT(commands, 20);
+  writeFile(path("objects.cfg"), objects);
+  const CtlResult imported = run({"import", "nagios", folder, path("objects.cfg")});
+  // One of them lacks a "$".
+  EXPECT_THAT(imported.err,
+              HasSubstr("check_https_auth_hostname_4: the macro $HOSTNAME' -I '$ has"));
+  EXPECT_THAT(imported.err,
+              HasSubstr("\n" + std::to_string(--commands) + " tasks, 1 line left out\n"));
+  EXPECT_THAT(imported.out, HasSubstr("plugin: /usr/lib/nagios/plugins/check_disk"));
+  EXPECT_THAT(apply(imported, {"--dry-run"}).out,
+              HasSubstr(std::to_string(commands) + " tasks to be added"));
+}
+
+TEST_F(ImportTest, ReadsObjectsOfAFolderAndItsFolders) {
+  std::filesystem::create_directories(path("objects/hosts"));
+  writeFile(path("objects/hosts/web.cfg"),
+            "define host {\nuse t\nhost_name web\ncheck_period work\n}\n");
+  writeFile(path("objects/commands.cfg"),
+            "define command {\ncommand_name c\ncommand_line $USER1$/c 'a' \"\"\n}\n"
+            "define host {\nname t\nregister 0\ncheck_command c\nmax_check_attempts 3\n}\n"
+            "define timeperiod {\ntimeperiod_name work\nmonday 09:00-17:00\n}\n");
+  writeFile(path("objects/old.cfg~"), "x");
+  writeFile(path("resource.cfg"), "$USER1$=/opt\n");
+  const CtlResult imported = run({"import", "nagios", path("objects"), path("resource.cfg")});
+  EXPECT_THAT(imported.err, HasSubstr("\n1 task, 0 lines left out\n"));
+  EXPECT_THAT(imported.out, HasSubstr("exec /opt/c a \\\\0047\\\\0047"));
+  EXPECT_THAT(apply(imported).out, HasSubstr("1 task added"));
+  EXPECT_EQ(apply(imported).out, "0 tasks added, 0 changed, 0 deleted, 1 unchanged\n");
 }
 
 TEST_F(ImportTest, SaysWhatIsWrongWithTheCall) {

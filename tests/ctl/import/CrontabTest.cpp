@@ -69,8 +69,8 @@ TEST_F(CrontabTest, MakesATaskOfALine) {
 }
 
 TEST_F(CrontabTest, SpellsTheEnvironmentOut) {
-  EXPECT_EQ(outputOf("A = two  words \n'B'=\"  x\"\nC=\nD=it's $A `b`\nPATH=/bin\n"
-                     "@daily echo \"$A,$B,$C,$D,$PATH,$SHELL\""),
+  EXPECT_EQ(outputOf("A = two  words \n'B'=\"  x\"\nC=\nE=it's $A `b`\nPATH=/bin\n"
+                     "@daily echo \"$A,$B,$C,$E,$PATH,$SHELL\""),
             "two  words,  x,,it's $A `b`,/bin,/bin/sh\nexit status 0\n");
   EXPECT_EQ(outputOf("HOME=/usr\n@daily pwd; echo $HOME"), "/usr\n/usr\nexit status 0\n");
   EXPECT_THAT(outputOf("HOME=/no such\n@daily pwd"), HasSubstr("exit status 1\n"));
