@@ -721,7 +721,7 @@ BEGIN
         PERFORM public.kodu_check_next_run(OLD, NEW);  -- accepts what the daemon writes
     END IF;
     DECLARE
-        asked kodu_cron_plugin := NEW;
+        asked public.kodu_cron_plugin := NEW;
     BEGIN
         IF OLD.cron_slots IS NOT NULL AND NEW.cron_next_exec <> OLD.cron_next_exec THEN
             asked := public.kodu_follow_calendar(OLD, NEW);

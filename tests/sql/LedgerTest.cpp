@@ -1034,4 +1034,12 @@ TEST_F(LedgerTest, CountsNoToolAsALifeOfTheDaemon) {
   EXPECT_EQ(database.value("SELECT life FROM kodu_run WHERE outcome = 'interrupted'"), "0");
 }
 
+TEST_F(LedgerTest, NeedsNoSearchPathOfTheSessionThatChangesATask) {
+  pgSafeThread session(database.adminConninfo());
+  PQclear(session.executeRequest("SET search_path = pg_temp"));
+  PQclear(session.executeRequest(
+      "UPDATE public.kodu_cron_plugin SET cron_next_exec = cron_next_exec + interval '1 minute'"));
+  EXPECT_THAT(ledger.rows(1), testing::ElementsAre("changed 1"));
+}
+
 }  // namespace
