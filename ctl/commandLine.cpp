@@ -614,14 +614,17 @@ class Parser {
         "host list prints the names of the hosts, and host status what each does. host add HOST "
         "adds a host with a role of this name; host remove HOST removes one that has no tasks. "
         "host takeover HOST TARGET gives all tasks of a failed host to "
-        "another; runs in progress count as FAILED. host move HOST TARGET moves tasks between "
+        "another; runs in progress count as FAILED. host watch does so by itself whenever a host "
+        "is "
+        "silent, until SIGTERM or Ctrl-C; koducron-watch.service runs it. host move HOST TARGET "
+        "moves tasks between "
         "hosts whose daemons work, and interrupts no run. takeover and move need --user ROLE, "
         "where ROLE is a member of kodu_admin; add and remove need a superuser or the owner of "
         "the tables.");
     host->add_option("ACTION", options.hostAction,
-                     "What to do: list, status, add, remove, takeover or move")
+                     "What to do: list, status, add, remove, takeover, move or watch")
         ->option_text(valueWithDefault("ACTION", options.hostAction))
-        ->check(CLI::IsMember({"list", "status", "add", "remove", "takeover", "move"}));
+        ->check(CLI::IsMember({"list", "status", "add", "remove", "takeover", "move", "watch"}));
     host->add_option("HOST", options.hosts, "Name of a host; takeover and move need two")
         ->expected(0, 2);
     host->add_option("--tasks", options.hostTasks, "With move: move at most COUNT tasks")
@@ -630,6 +633,13 @@ class Parser {
     host->add_option("--password-file", options.passwordFile,
                      "With add: give the role the password in the first line of FILE")
         ->option_text("FILE (no password)");
+    host->add_flag("--spread", options.isSpread,
+                   "With takeover and watch: give the tasks to all hosts that listen, in equal "
+                   "shares; watch otherwise chooses the host with the fewest tasks");
+    host->add_option("--dead-after", options.deadAfter,
+                     "With watch: take over from a host that has been silent for SECONDS")
+        ->option_text(valueWithDefault("SECONDS", std::to_string(options.deadAfter)))
+        ->check(CLI::Range(3, 86400));
     host->add_flag("--yes", options.isConfirmed,
                    "With takeover: proceed even if a daemon of the host is connected");
     host->add_flag("--dry-run", options.isDryRun, "Show what would be done, but change nothing");

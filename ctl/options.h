@@ -104,6 +104,8 @@ struct Options {
   std::vector<std::string> hosts;
   std::optional<long> hostTasks;  // nothing: all
   std::string passwordFile;       // "": none
+  bool isSpread = false;          // takeover, watch: to all hosts that listen
+  int deadAfter = 6;              // watch: seconds
 
   // schema
   std::string schemaAction;  // "": show the state; "upgrade"

@@ -526,30 +526,32 @@ EXCEPTION WHEN insufficient_privilege THEN
 END
 $$;
 
--- Gives all tasks of the host `dead` to `target`, in one transaction, and returns their number. Runs in
--- progress there become FAILED, with a row in kodu_cron_repair each. It is safe whatever `dead` still does:
--- a run begins with an update of its row. Either that comes first, and the run is in progress, or it waits
--- for this transaction and then meets the fence.
-CREATE OR REPLACE FUNCTION kodu_host_takeover(dead text, target text) RETURNS bigint
-LANGUAGE plpgsql SECURITY DEFINER
+-- Gives all tasks of the host `dead` to `targets` in equal shares, in one transaction, and returns a row for
+-- each target. Runs in progress there become FAILED, with a row in kodu_cron_repair each. It is safe
+-- whatever `dead` still does: a run begins with an update of its row. Either that comes first, and the run
+-- is in progress, or it waits for this transaction and then meets the fence.
+CREATE OR REPLACE FUNCTION kodu_host_hand_out(dead text, targets text[])
+RETURNS TABLE (target text, tasks bigint)
+LANGUAGE plpgsql
 SET search_path = pg_catalog, public, pg_temp SET lock_timeout = '5s' SET kodu.reason = 'moved' AS $$
 DECLARE
-    known kodu_host;
+    known kodu_host[] := '{}';
     ping integer;
-    taken bigint;
 BEGIN
-    IF dead = target THEN
+    IF dead = ANY (targets) THEN
         RAISE EXCEPTION 'the host % cannot take over from itself', quote_literal(dead) USING
             ERRCODE = 'invalid_parameter_value', HINT = 'Name two hosts.';
     END IF;
     PERFORM pg_advisory_xact_lock(6420241123);  -- one at a time, see kodu_host_watch
     PERFORM kodu_host_lock(dead);
-    known := kodu_host_lock(target);
-    IF NOT kodu_host_listens(known) THEN
-        RAISE EXCEPTION 'the daemon of the host % is not known to listen', target USING
-            ERRCODE = 'object_not_in_prerequisite_state',
-            HINT = 'Start it, and call kodu_host_hear until it returns TRUE.';
-    END IF;
+    FOREACH target IN ARRAY targets LOOP
+        known := known || kodu_host_lock(target);
+        IF NOT kodu_host_listens(known[cardinality(known)]) THEN
+            RAISE EXCEPTION 'the daemon of the host % is not known to listen', target USING
+                ERRCODE = 'object_not_in_prerequisite_state',
+                HINT = 'Start it, and call kodu_host_hear until it returns TRUE.';
+        END IF;
+    END LOOP;
     ping := ping_task FROM kodu_host WHERE host = dead;
     PERFORM FROM kodu_cron_plugin WHERE cron_host = dead ORDER BY cron_id FOR NO KEY UPDATE;
     PERFORM kodu_host_give_back(dead);
@@ -568,40 +570,71 @@ BEGIN
     UPDATE kodu_cron_plugin AS task SET cron_next_exec = kodu_host_slot(task, cron_next_exec)
     WHERE cron_host = dead AND cron_id IS DISTINCT FROM ping AND cron_next_exec < kodu_host_utc();
 
-    WITH moved AS (
-        UPDATE kodu_cron_plugin SET cron_host = target
-        WHERE cron_host = dead AND cron_id IS DISTINCT FROM ping
-        RETURNING cron_id
+    RETURN QUERY
+    WITH share AS (
+        SELECT cron_id, targets[1 + row_number() OVER (ORDER BY cron_interval, cron_id)
+                                    % cardinality(targets)] AS host
+        FROM kodu_cron_plugin WHERE cron_host = dead AND cron_id IS DISTINCT FROM ping
+    ), moved AS (
+        UPDATE kodu_cron_plugin AS task SET cron_host = share.host
+        FROM share WHERE task.cron_id = share.cron_id
+        RETURNING task.cron_id, task.cron_host
     )
-    SELECT count(pg_notify('koducronchannel',
-                           format('{"TYPE":"SERVICE","COMMAND":"ADD","ID":%s}', cron_id)))
-    INTO taken FROM moved;
+    SELECT cron_host, count(pg_notify('koducronchannel',
+                                      format('{"TYPE":"SERVICE","COMMAND":"ADD","ID":%s}', cron_id)))
+    FROM moved GROUP BY cron_host ORDER BY cron_host;
     -- A daemon that has started meanwhile has loaded its tasks already, and may not listen yet.
-    IF NOT kodu_host_listens(known) THEN
+    FOR target IN SELECT host FROM unnest(known) AS taker WHERE NOT kodu_host_listens(taker) LOOP
         RAISE EXCEPTION 'the daemon of the host % has ended during the takeover', target USING
             ERRCODE = 'object_not_in_prerequisite_state', HINT = 'Nothing has changed. Try again.';
-    END IF;
+    END LOOP;
     UPDATE kodu_host SET asked_pid = NULL, heard_pid = NULL, answers = 0 WHERE host = dead;
     PERFORM kodu_host_end_sessions(dead);
-    RETURN taken;
 END
+$$;
+
+-- The same for one target, or for all hosts that are known to listen if `target` is NULL. Returns the number
+-- of tasks.
+CREATE OR REPLACE FUNCTION kodu_host_takeover(dead text, target text) RETURNS bigint
+LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    targets text[] := CASE WHEN target IS NULL THEN kodu_host_listening(dead) ELSE ARRAY[target] END;
+BEGIN
+    IF targets = '{}' THEN
+        RAISE EXCEPTION 'no other host than % is known to listen', quote_literal(dead) USING
+            ERRCODE = 'object_not_in_prerequisite_state',
+            HINT = 'Start a daemon, and call kodu_host_hear for its host until it returns TRUE.';
+    END IF;
+    RETURN (SELECT COALESCE(sum(tasks), 0) FROM kodu_host_hand_out(dead, targets));
+END
+$$;
+
+-- The hosts except this one that are known to listen, those with the fewest tasks first.
+CREATE OR REPLACE FUNCTION kodu_host_listening(except_host text) RETURNS text[]
+LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT COALESCE(array_agg(host ORDER BY tasks, host), '{}')
+    FROM kodu_host AS known CROSS JOIN LATERAL (
+        SELECT count(*) AS tasks FROM kodu_cron_plugin WHERE cron_host = known.host) AS own
+    WHERE host <> except_host AND kodu_host_listens(known)
 $$;
 
 -- Watching ---------------------------------------------------------------------------------------
 
 -- Takes over from each host whose daemon has given no sign of life for `dead_after`: its tasks go to the
--- host that listens and has the fewest. Returns a row for each. Call it on every host every two seconds,
--- outside the daemon: all its workers may be busy.
+-- host that listens and has the fewest, or with `spread` to all hosts that listen. Returns a row for each host
+-- that gets tasks. Call it on every host every two seconds, outside the daemon: all its workers may be
+-- busy. kodu_host_watch_pause says when exactly.
 --
 -- A silent daemon is asked for a sign: it is told of a task that does not exist, which costs it one query
--- without a result. When no call came for half of `dead_after`, the server was away, and all hosts
--- count as seen now: otherwise the first daemon to come back would take the tasks of all.
-CREATE OR REPLACE FUNCTION kodu_host_watch(dead_after interval DEFAULT '6 seconds')
+-- without a result.
+DROP FUNCTION IF EXISTS kodu_host_watch(interval);
+CREATE OR REPLACE FUNCTION kodu_host_watch(dead_after interval DEFAULT '6 seconds',
+                                           spread boolean DEFAULT FALSE)
 RETURNS TABLE (dead text, target text, tasks bigint)
 LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     utc timestamp := kodu_host_utc();
-    silent record;
+    targets text[];
 BEGIN
     IF dead_after IS NULL OR dead_after < interval '3 seconds' THEN
         RAISE EXCEPTION 'dead_after must be 3 seconds or more' USING
@@ -609,16 +642,12 @@ BEGIN
             HINT = 'A daemon answers once a second. Use kodu_host_watch(''6 seconds''), for example.';
     END IF;
     IF NOT pg_try_advisory_xact_lock(6420241123)
-       OR (SELECT max(watched) FROM kodu_host) > utc - interval '1 second' THEN
+       OR EXISTS (SELECT FROM kodu_host HAVING max(watched) > utc - interval '1 second'
+                  -- Nor has the time of a silent host ended since.
+                  AND bool_and(seen >= utc - dead_after OR seen < watched - dead_after)) THEN
         RETURN;  -- another host is at it
     END IF;
-    PERFORM pg_stat_clear_snapshot();
-    UPDATE kodu_host AS known SET watched = utc, seen =
-        CASE WHEN watched IS NULL OR utc - watched > dead_after / 2 THEN utc
-             ELSE greatest(seen, (SELECT max(sign) FROM kodu_host_sessions() AS session
-                                  WHERE session.host = known.host)) END;
-    UPDATE kodu_host SET asked = CASE WHEN seen > utc - dead_after / 6 THEN NULL
-                                      WHEN asked > seen THEN asked ELSE utc END;
+    PERFORM kodu_host_see(utc, dead_after);
     IF EXISTS (SELECT FROM kodu_host WHERE asked = utc) THEN
         PERFORM kodu_tell_update(-1);
     END IF;
@@ -627,29 +656,62 @@ BEGIN
           WHERE NOT kodu_host_is_moving(moving)) AS aborted;
     PERFORM kodu_host_hear(host) FROM kodu_host ORDER BY host;
 
-    FOR silent IN
+    FOR dead IN
         SELECT host FROM kodu_host AS known
         WHERE seen < utc - dead_after AND asked < utc - dead_after / 3
           AND EXISTS (SELECT FROM kodu_cron_plugin
                       WHERE cron_host = known.host AND cron_id IS DISTINCT FROM ping_task)
         ORDER BY host
     LOOP
-        dead := silent.host;
-        SELECT host INTO target FROM kodu_host AS known
-        WHERE host <> dead AND seen > utc - dead_after AND kodu_host_listens(known)
-        ORDER BY (SELECT count(*) FROM kodu_cron_plugin WHERE cron_host = known.host), host LIMIT 1;
-        IF target IS NOT NULL THEN
-            BEGIN
-                tasks := kodu_host_takeover(dead, target);
+        -- Not one that has been asked in vain: it may be down as well.
+        targets := ARRAY(SELECT host FROM unnest(kodu_host_listening(dead)) WITH ORDINALITY AS able (host, place)
+                         JOIN kodu_host USING (host)
+                         WHERE seen > utc - dead_after
+                           AND (asked IS NULL OR asked > utc - dead_after / 3) ORDER BY place);
+        CONTINUE WHEN targets = '{}';
+        BEGIN
+            FOR target, tasks IN
+                SELECT * FROM kodu_host_hand_out(dead, CASE WHEN spread THEN targets ELSE targets[:1] END)
+            LOOP
                 RETURN NEXT;
-            EXCEPTION WHEN OTHERS THEN
-                RAISE WARNING 'the tasks of the host % were not taken over: %', dead, SQLERRM USING
-                    HINT = 'The next call tries it again.';
-            END;
-            UPDATE kodu_host SET watched = kodu_host_utc();  -- that may have taken seconds
-        END IF;
+            END LOOP;
+        EXCEPTION WHEN OTHERS THEN
+            RAISE WARNING 'the tasks of the host % were not taken over: %', dead, SQLERRM USING
+                HINT = 'The next call tries it again.';
+        END;
+        UPDATE kodu_host SET watched = kodu_host_utc();  -- that may have taken seconds
     END LOOP;
 END
+$$;
+
+-- Notes the signs of life, and which daemons are to be asked for one.
+--
+-- When no call came for a while, or no session of a daemon is older than the last call, the server was
+-- away, and all hosts count as seen: otherwise the first daemon to come back would take the tasks of all. A
+-- start can take longer than `dead_after`, so they get five times as long.
+CREATE OR REPLACE FUNCTION kodu_host_see(utc timestamp, dead_after interval) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    PERFORM pg_stat_clear_snapshot();
+    UPDATE kodu_host AS known SET watched = utc, seen =
+        CASE WHEN watched IS NULL OR utc - watched > interval '6 seconds'
+                  OR NOT EXISTS (SELECT FROM kodu_host_sessions() AS session
+                                 WHERE began AT TIME ZONE 'UTC' < watched) THEN utc + 4 * dead_after
+             WHEN utc - watched > interval '3 seconds' THEN greatest(seen, utc)
+             ELSE greatest(seen, (SELECT max(sign) FROM kodu_host_sessions() AS session
+                                  WHERE session.host = known.host)) END;
+    UPDATE kodu_host SET asked = CASE WHEN seen > utc - dead_after / 6 THEN NULL
+                                      WHEN asked > seen THEN asked ELSE utc END;
+END
+$$;
+
+-- When to call kodu_host_watch again, in seconds: after two, or as soon as the time of a silent host ends.
+CREATE OR REPLACE FUNCTION kodu_host_watch_pause(dead_after interval DEFAULT '6 seconds')
+RETURNS double precision
+LANGUAGE sql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT COALESCE(least(2, min(EXTRACT(EPOCH FROM seen + dead_after - kodu_host_utc())) + 0.02), 2)
+           ::double precision
+    FROM kodu_host WHERE seen + dead_after > kodu_host_utc()
 $$;
 
 -- Moving between hosts whose daemons work ----------------------------------------------------------
@@ -872,7 +934,7 @@ GRANT EXECUTE ON FUNCTION kodu_host_session, kodu_host_ping, kodu_host_answered,
                           kodu_host_takeover, kodu_host_give_back, kodu_host_park, kodu_host_hand_over,
                           kodu_host_is_at_work TO kodu_admin;
 GRANT EXECUTE ON PROCEDURE kodu_host_move TO kodu_admin;
-GRANT EXECUTE ON FUNCTION kodu_host_watch TO kodu, kodu_admin;
+GRANT EXECUTE ON FUNCTION kodu_host_watch, kodu_host_watch_pause TO kodu, kodu_admin;
 
 DO $$
 BEGIN

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ctl/command/commands.h"
+#include "ctl/command/hostWatch.h"
 #include "ctl/failure.h"
 #include "ctl/files/regularFile.h"
 #include "ctl/options.h"
@@ -60,7 +61,7 @@ void requireRight(Session& session, const char* function, const char* who) {
   }
 }
 
-/// What an action needs and has: 0 to 2 names, and perhaps options.
+/// What an action needs: 0 to 2 names.
 struct Action {
   const char* name;
   std::size_t hosts;
@@ -72,11 +73,18 @@ constexpr std::array kActions = {Action{"list", 0, "koductl host list"},
                                  Action{"add", 1, "koductl host add kodu_b"},
                                  Action{"remove", 1, "koductl host remove kodu_b"},
                                  Action{"takeover", 2, "koductl host takeover kodu kodu_b"},
-                                 Action{"move", 2, "koductl host move kodu kodu_b"}};
+                                 Action{"move", 2, "koductl host move kodu kodu_b"},
+                                 Action{"watch", 0, "koductl host watch"}};
+
+/// A takeover by all hosts names none of them.
+bool isSpread(const Options& options) {
+  return options.isSpread && options.hostAction == "takeover";
+}
 
 void checkArguments(const Options& options) {
   for (const Action& action : kActions) {
-    if (options.hostAction == action.name && options.hosts.size() != action.hosts) {
+    const std::size_t hosts = options.hosts.size() + (isSpread(options) ? 1 : 0);
+    if (options.hostAction == action.name && hosts != action.hosts) {
       throw Failure(kWrongUsage,
                     fmt::format("host {} needs {}, as in {}", action.name,
                                 counted(static_cast<long>(action.hosts), "host"), action.example));
@@ -84,6 +92,9 @@ void checkArguments(const Options& options) {
   }
   if (options.hostTasks && options.hostAction != "move") {
     throw Failure(kWrongUsage, "only host move has a number of tasks");
+  }
+  if (options.isSpread && options.hostAction != "takeover" && options.hostAction != "watch") {
+    throw Failure(kWrongUsage, "only host takeover and host watch have --spread");
   }
   if (!options.passwordFile.empty() && options.hostAction != "add") {
     throw Failure(kWrongUsage, "only host add has a password");
@@ -133,16 +144,41 @@ void remove(Session& session, const Options& options) {
   }
 }
 
-/// Asks the daemon of the host until it is known to listen.
-void awaitListener(Session& session, const std::string& host) {
+/// Asks the daemons of the hosts until they are known to listen. False when one is not in time.
+bool awaitListeners(Session& session, const std::vector<std::string>& hosts) {
   const auto end = std::chrono::steady_clock::now() + kPatience;
-  while (!session.query("SELECT kodu_host_hear($1) AS listens", {host}).isTrue(0, "listens")) {
+  const auto listens = [&](const std::string& host) {
+    return session.query("SELECT kodu_host_hear($1) AS listens", {host}).isTrue(0, "listens");
+  };
+  while (std::count_if(hosts.begin(), hosts.end(), listens) < static_cast<long>(hosts.size())) {
     if (std::chrono::steady_clock::now() > end) {
-      throw Failure(kRefused, fmt::format("the daemon of the host {} does not answer; nothing was "
-                                          "changed: start it, or name another host",
-                                          host));
+      return false;
     }
     std::this_thread::sleep_for(kPause);
+  }
+  return true;
+}
+
+/// The hosts except one whose daemons are connected.
+std::vector<std::string> connectedHosts(const Rows& status, const std::string& except) {
+  std::vector<std::string> hosts;
+  for (int row = 0; row < status.count(); ++row) {
+    const std::string host = status.text(row, "host");
+    if (host != except && status.number(row, "sessions") > 0) {
+      hosts.push_back(host);
+    }
+  }
+  return hosts;
+}
+
+/// Waits for the daemons that are to take tasks: for the one that is named, or for all.
+void awaitTargets(Session& session, const Options& options, const Rows& status) {
+  if (options.isSpread) {
+    awaitListeners(session, connectedHosts(status, options.hosts[0]));
+  } else if (!awaitListeners(session, {options.hosts[1]})) {
+    throw Failure(kRefused, fmt::format("the daemon of the host {} does not answer; nothing was "
+                                        "changed: start it, or name another host",
+                                        options.hosts[1]));
   }
 }
 
@@ -153,7 +189,9 @@ long takeOver(Session& session, const Options& options) {
   const std::string& dead = options.hosts[0];
   const Rows status = session.query(kStatus);
   const int row = rowOf(status, dead);
-  rowOf(status, options.hosts[1]);
+  if (!options.isSpread) {
+    rowOf(status, options.hosts[1]);
+  }
   if (options.isDryRun) {
     return status.number(row, "tasks");
   }
@@ -164,8 +202,10 @@ long takeOver(Session& session, const Options& options) {
                     "runs in progress: use koductl host move, or --yes if it hangs",
                     dead));
   }
-  awaitListener(session, options.hosts[1]);
-  return session.query("SELECT kodu_host_takeover($1, $2) AS tasks", {dead, options.hosts[1]})
+  awaitTargets(session, options, status);
+  return session
+      .query("SELECT kodu_host_takeover($1, NULLIF($2, '')) AS tasks",
+             {dead, options.isSpread ? "" : options.hosts[1]})
       .number(0, "tasks");
 }
 
@@ -232,9 +272,9 @@ void printForPeople(const Options& options, const Rows& status, std::optional<lo
   } else if (options.hostAction == "status") {
     printTable(status);
   } else if (tasks) {
-    print("{}{} of the host {} to the host {}\n",
-          options.isDryRun ? "would give at most " : "gave ", counted(*tasks, "task"),
-          options.hosts[0], options.hosts[1]);
+    print("{}{} of the host {} to {}\n", options.isDryRun ? "would give at most " : "gave ",
+          counted(*tasks, "task"), options.hosts[0],
+          options.isSpread ? "all hosts that listen" : "the host " + options.hosts[1]);
   } else {
     print("{} the host {}\n",
           options.hostAction == "add" ? (options.isDryRun ? "would add" : "added")
@@ -267,6 +307,9 @@ void printAsJson(const Options& options, const Rows& status, std::optional<long>
 
 int runHost(const Options& options) {
   checkArguments(options);
+  if (options.hostAction == "watch") {
+    return watchHosts(options);
+  }
   Options own = options;
   if (options.hostAction == "move") {
     own.statementTimeout = 0;  // it waits for runs, and has a limit of its own
