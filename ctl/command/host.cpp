@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ctl/command/commands.h"
+#include "ctl/command/hostPlan.h"
 #include "ctl/command/hostWatch.h"
 #include "ctl/failure.h"
 #include "ctl/files/regularFile.h"
@@ -29,7 +30,8 @@ SELECT COALESCE(has_table_privilege(to_regclass('public.kodu_host_status'), 'SEL
        AS has_hosts)";
 
 constexpr const char* kStatus = R"(
-SELECT host, is_default, tasks, running, late_seconds, leaving, sessions, listens, silent_seconds
+SELECT host, is_default, tasks, running, late_seconds, leaving, sessions, listens, silent_seconds,
+       instead, lent
 FROM kodu_host_status ORDER BY host)";
 
 constexpr const char* kMayCall =
@@ -74,6 +76,10 @@ constexpr std::array kActions = {Action{"list", 0, "koductl host list"},
                                  Action{"remove", 1, "koductl host remove kodu_b"},
                                  Action{"takeover", 2, "koductl host takeover kodu kodu_b"},
                                  Action{"move", 2, "koductl host move kodu kodu_b"},
+                                 Action{"drain", 1, "koductl host drain kodu"},
+                                 Action{"return", 1, "koductl host return kodu"},
+                                 Action{"balance", 0, "koductl host balance"},
+                                 Action{"default", 1, "koductl host default kodu_b"},
                                  Action{"watch", 0, "koductl host watch"}};
 
 /// A takeover by all hosts names none of them.
@@ -95,6 +101,9 @@ void checkArguments(const Options& options) {
   }
   if (options.isSpread && options.hostAction != "takeover" && options.hostAction != "watch") {
     throw Failure(kWrongUsage, "only host takeover and host watch have --spread");
+  }
+  if (options.isReturning && options.hostAction != "watch") {
+    throw Failure(kWrongUsage, "only host watch has --return");
   }
   if (!options.passwordFile.empty() && options.hostAction != "add") {
     throw Failure(kWrongUsage, "only host add has a password");
@@ -225,21 +234,94 @@ long move(Session& session, const Options& options) {
       .number(0, "moved");
 }
 
-/// Carries the action out. The number of tasks that it is about, if any.
-std::optional<long> carryOut(Session& session, const Options& options) {
+/// What an action did, or would do.
+struct Outcome {
+  std::optional<long> tasks;  // how many it gave away
+  std::optional<HostPlan> plan;
+};
+
+Outcome drain(Session& session, const Options& options) {
+  requireRight(session, "kodu_host_drain", "a member of kodu_admin");
+  const std::string& host = options.hosts[0];
+  const Rows status = session.query(kStatus);
+  const int row = rowOf(status, host);
+  if (!options.isDryRun) {
+    awaitListeners(session, connectedHosts(status, host));
+    session.query("SELECT kodu_host_drain($1)", {host});
+  }
+  Outcome outcome{0, readPlan(session)};
+  empty(*outcome.plan, static_cast<std::size_t>(row));  // both are in the order of the names
+  outcome.tasks = options.isDryRun ? outcome.plan->moves() : carryOut(session, *outcome.plan, true);
+  return outcome;
+}
+
+Outcome balance(Session& session, const Options& options) {
+  requireRight(session, "kodu_host_drain", "a member of kodu_admin");
+  Outcome outcome{0, readPlan(session)};
+  evenOut(*outcome.plan);
+  outcome.tasks =
+      options.isDryRun ? outcome.plan->moves() : carryOut(session, *outcome.plan, false);
+  return outcome;
+}
+
+/// Gives a host back what others have taken over from it, or got as it was drained.
+long giveBack(Session& session, const Options& options) {
+  requireRight(session, "kodu_host_lent_tasks", "the role of the host or a member of kodu_admin");
+  const std::string& host = options.hosts[0];
+  const Rows status = session.query(kStatus);
+  const int row = rowOf(status, host);
+  if (options.isDryRun) {
+    return status.number(row, "lent");
+  }
+  if (!status.isNull(row, "instead")) {
+    requireRight(session, "kodu_host_reopen", "a member of kodu_admin");
+    session.query("SELECT kodu_host_reopen($1)", {host});
+  }
+  const Rows lent = session.query("SELECT source, tasks FROM kodu_host_lent_tasks($1)", {host});
+  long moved = 0;
+  for (int i = 0; i < lent.count(); ++i) {
+    moved +=
+        session
+            .query("CALL kodu_host_move($1, $2, NULL, tasks => $3::integer[], is_lent => TRUE)",
+                   {lent.text(i, "source"), host, lent.text(i, "tasks")})
+            .number(0, "moved");
+  }
+  return moved;
+}
+
+void makeDefault(Session& session, const Options& options) {
+  requireRight(session, "kodu_host_set_default", "a member of kodu_admin");
+  rowOf(session.query(kStatus), options.hosts[0]);
+  if (!options.isDryRun) {
+    session.query("SELECT kodu_host_set_default($1)", {options.hosts[0]});
+  }
+}
+
+Outcome carryOut(Session& session, const Options& options) {
   if (options.hostAction == "add") {
     add(session, options);
   } else if (options.hostAction == "remove") {
     remove(session, options);
   } else if (options.hostAction == "takeover") {
-    return takeOver(session, options);
+    return {takeOver(session, options), {}};
   } else if (options.hostAction == "move") {
-    return move(session, options);
+    return {move(session, options), {}};
+  } else if (options.hostAction == "drain") {
+    return drain(session, options);
+  } else if (options.hostAction == "balance") {
+    return balance(session, options);
+  } else if (options.hostAction == "return") {
+    return {giveBack(session, options), {}};
+  } else if (options.hostAction == "default") {
+    makeDefault(session, options);
   }
-  return std::nullopt;
+  return {};
 }
 
 std::string wordOf(const Rows& status, int row) {
+  if (!status.isNull(row, "instead")) {
+    return "drained, new tasks go to " + status.text(row, "instead");
+  }
   if (status.number(row, "sessions") == 0) {
     return "not connected";
   }
@@ -253,40 +335,88 @@ void printTable(const Rows& status) {
                {"RUNNING", Align::kRight},
                {"LATE", Align::kRight},
                {"LEAVING", Align::kRight},
+               {"LENT", Align::kRight},
                {"DAEMON"}});
   for (int row = 0; row < status.count(); ++row) {
     const long late = status.number(row, "late_seconds");
     table.add({status.text(row, "host") + (status.isTrue(row, "is_default") ? " (default)" : ""),
                grouped(status.number(row, "tasks")), grouped(status.number(row, "running")),
                late > 2 ? durationText(late) : "-", grouped(status.number(row, "leaving")),
-               wordOf(status, row)});
+               grouped(status.number(row, "lent")), wordOf(status, row)});
   }
   table.print();
 }
 
-void printForPeople(const Options& options, const Rows& status, std::optional<long> tasks) {
+/// What the action did, in one line.
+std::string doneText(const Options& options, std::optional<long> tasks) {
+  const std::string& action = options.hostAction;
+  const bool isDry = options.isDryRun;
+  const std::string host = options.hosts.empty() ? "" : "the host " + options.hosts[0];
+  if (action == "add" || action == "remove") {
+    const std::string verb = action == "add" ? "add" : "remove";
+    return fmt::format("{} {}", isDry ? "would " + verb : verb + (action == "add" ? "ed" : "d"),
+                       host);
+  }
+  if (action == "default") {
+    return fmt::format("new tasks {} to {}", isDry ? "would go" : "go", host);
+  }
+  if (action == "balance" || action == "drain") {
+    return fmt::format("{} {}", isDry ? "would move" : "moved", counted(*tasks, "task"));
+  }
+  const std::string verb = isDry ? "would give at most" : "gave";
+  if (action == "return") {
+    return fmt::format("{} {} back to {}", verb, counted(*tasks, "task"), host);
+  }
+  return fmt::format("{} {} of {} to {}", verb, counted(*tasks, "task"), host,
+                     options.isSpread ? "all hosts that listen" : "the host " + options.hosts[1]);
+}
+
+void printForPeople(const Options& options, const Rows& status, const Outcome& outcome) {
   if (options.hostAction == "list") {
     for (int row = 0; row < status.count(); ++row) {
       print("{}\n", status.text(row, "host"));
     }
-  } else if (options.hostAction == "status") {
+    return;
+  }
+  if (options.hostAction == "status") {
     printTable(status);
-  } else if (tasks) {
-    print("{}{} of the host {} to {}\n", options.isDryRun ? "would give at most " : "gave ",
-          counted(*tasks, "task"), options.hosts[0],
-          options.isSpread ? "all hosts that listen" : "the host " + options.hosts[1]);
-  } else {
-    print("{} the host {}\n",
-          options.hostAction == "add" ? (options.isDryRun ? "would add" : "added")
-                                      : (options.isDryRun ? "would remove" : "removed"),
-          options.hosts[0]);
+    return;
+  }
+  if (outcome.plan) {
+    printPlan(*outcome.plan);
+  }
+  print("{}\n", doneText(options, outcome.tasks));
+  if (outcome.plan && *outcome.tasks < outcome.plan->moves()) {
+    print("{} stayed, because their runs take long or they changed: call it again\n",
+          counted(outcome.plan->moves() - *outcome.tasks, "task"));
   }
 }
 
-void printAsJson(const Options& options, const Rows& status, std::optional<long> tasks) {
+Json::Value jsonOf(const HostLoad& load, bool isMeasured) {
+  Json::Value json;
+  json["tasks"] = Json::Int64{load.tasks};
+  json["runs_per_second"] = std::max(0.0, load.runs);
+  json["busy_workers"] = isMeasured ? Json::Value(std::max(0.0, load.weight)) : Json::Value();
+  return json;
+}
+
+Json::Value jsonOf(const HostPlan& plan) {
+  Json::Value hosts(Json::arrayValue);
+  for (const PlannedHost& host : plan.hosts) {
+    Json::Value json;
+    json["host"] = host.name;
+    json["now"] = jsonOf(host.now, plan.isMeasured);
+    json["then"] = jsonOf(host.then, plan.isMeasured);
+    hosts.append(json);
+  }
+  return hosts;
+}
+
+void printAsJson(const Options& options, const Rows& status, const Outcome& outcome) {
   Json::Value json;
   json["dry_run"] = options.isDryRun;
-  json["tasks"] = jsonNumber(tasks);
+  json["tasks"] = jsonNumber(outcome.tasks);
+  json["plan"] = outcome.plan ? jsonOf(*outcome.plan) : Json::Value();
   json["hosts"] = Json::Value(Json::arrayValue);
   for (int row = 0; row < status.count(); ++row) {
     Json::Value host;
@@ -294,9 +424,10 @@ void printAsJson(const Options& options, const Rows& status, std::optional<long>
     for (const char* column : {"is_default", "listens"}) {
       host[column] = status.isTrue(row, column);
     }
-    for (const char* column : {"tasks", "running", "late_seconds", "leaving", "sessions"}) {
+    for (const char* column : {"tasks", "running", "late_seconds", "leaving", "sessions", "lent"}) {
       host[column] = Json::Int64{status.number(row, column)};
     }
+    host["instead"] = jsonText(status.optionalText(row, "instead"));
     host["silent_seconds"] = jsonNumber(status.optionalNumber(row, "silent_seconds"));
     json["hosts"].append(host);
   }
@@ -311,17 +442,18 @@ int runHost(const Options& options) {
     return watchHosts(options);
   }
   Options own = options;
-  if (options.hostAction == "move") {
+  if (const std::string& action = options.hostAction;
+      action == "move" || action == "drain" || action == "balance" || action == "return") {
     own.statementTimeout = 0;  // it waits for runs, and has a limit of its own
   }
   Session session(own);
   requireHosts(session);
-  const std::optional<long> tasks = carryOut(session, options);
+  const Outcome outcome = carryOut(session, options);
   const Rows status = session.query(kStatus);
   if (options.asJson) {
-    printAsJson(options, status, tasks);
+    printAsJson(options, status, outcome);
   } else {
-    printForPeople(options, status, tasks);
+    printForPeople(options, status, outcome);
   }
   return kDone;
 }

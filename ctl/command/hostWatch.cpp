@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 #include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +11,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "ctl/failure.h"
 #include "ctl/options.h"
@@ -27,6 +30,14 @@ constexpr const char* kMayWatch = R"(
 SELECT COALESCE(has_function_privilege(oid, 'EXECUTE'), FALSE) AS allowed, current_user AS role
 FROM (SELECT to_regprocedure('public.kodu_host_watch(interval, boolean)')::oid AS oid) AS watch)";
 
+// The host's daemon works, and has done so for a while: one that keeps failing gets nothing.
+constexpr const char* kMayFetch = R"(
+SELECT host FROM kodu_host_status
+WHERE host = current_user AND lent > 0 AND listens AND instead IS NULL
+  AND (SELECT max(began) FROM kodu_host_sessions() AS session WHERE session.host = current_user)
+      < now() - interval '30 seconds')";
+
+constexpr int kCallsBetweenFetches = 10;  // to count what is lent takes longer than a call
 constexpr int kShortestBreak = 1000, kLongestBreak = 8000;  // milliseconds between two connections
 
 volatile std::sig_atomic_t isStopping = 0;
@@ -85,6 +96,40 @@ void report(const Rows& rows) {
   }
 }
 
+/// A koductl of its own that gives the host back what it has lent: that takes longer than the watch
+/// may pause. One at a time.
+class Fetch {
+ public:
+  explicit Fetch(const Options& given) : options(given) {}
+
+  bool isRunning() {
+    if (child > 0 && waitpid(child, nullptr, WNOHANG) == child) {
+      child = 0;
+    }
+    return child > 0;
+  }
+
+  void start(const std::string& host) {
+    std::vector<std::string> words = {"koductl", "-f", options.configFile};
+    if (!options.user.empty()) {
+      words.insert(words.end(), {"--user", options.user});
+    }
+    words.insert(words.end(), {"host", "return", host});
+    std::vector<char*> arguments;
+    for (std::string& word : words) {
+      arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    if (posix_spawn(&child, "/proc/self/exe", nullptr, nullptr, arguments.data(), environ) != 0) {
+      child = 0;
+    }
+  }
+
+ private:
+  const Options& options;
+  pid_t child = 0;
+};
+
 /// The service: one session, and another one when it is lost.
 class Watch {
  public:
@@ -115,7 +160,18 @@ class Watch {
     const Rows takeovers = session->query(kWatch, {seconds, options.isSpread ? "true" : "false"});
     noteSuccess();
     report(takeovers);
+    fetch();
     pause(static_cast<int>(session->query(kPause, {seconds}).number(0, "milliseconds")));
+  }
+
+  void fetch() {
+    if (!options.isReturning || ++calls % kCallsBetweenFetches != 0 || fetcher.isRunning()) {
+      return;
+    }
+    const Rows lender = session->query(kMayFetch);
+    if (lender.count() > 0) {
+      fetcher.start(lender.text(0, "host"));
+    }
   }
 
   void connect() {
@@ -146,6 +202,8 @@ class Watch {
   }
 
   Options options;
+  Fetch fetcher{options};
+  int calls = 0;
   std::optional<Session> session;
   bool isFirst = true;  // no session has shown yet that the watch is possible
   bool isWatching = false;

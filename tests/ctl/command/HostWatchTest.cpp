@@ -193,7 +193,7 @@ TEST_F(HostWatchTest, TakesOverOnceWhateverTheNumberOfWatches) {
 TEST_F(HostWatchTest, SpreadsTasksOverAllHosts) {
   insertTasks(1, 11, "kodu", "1 second");
   startDaemons(3);
-  startWatch(1, {"--spread", "--dead-after", "3"});
+  startWatch(1, {"--spread"});
   endGrace();
   ASSERT_TRUE(waitForRuns(10));
   daemons[0]->signal(SIGKILL);
@@ -227,6 +227,25 @@ TEST_F(HostWatchTest, DoesNotCascadeToBusyHosts) {
   EXPECT_EQ(takeovers().size(), 1U) << errors();
   EXPECT_GE(tasksOf(hosts[1]), 10);
   EXPECT_GE(tasksOf(hosts[2]), 10);
+}
+
+TEST_F(HostWatchTest, GivesTasksBackOnceTheirHostWorksAgain) {
+  insertTasks(1, 6, "kodu", "1 second");
+  startDaemons(2);
+  startWatch(0, {"--return"});
+  startWatch(1);
+  endGrace();
+  ASSERT_TRUE(waitForRuns(6));
+  daemons[0]->signal(SIGKILL);
+  ASSERT_TRUE(waitForTakeover()) << errors();
+  EXPECT_EQ(number("SELECT lent FROM kodu_host_status WHERE host = 'kodu'"), 6);
+  daemons[0]->waitForEnd();
+  ASSERT_TRUE(daemons[0]->startAndWait());
+  EXPECT_TRUE(waitUntil([&] { return tasksOf("kodu") == 6; }, std::chrono::seconds(110)))
+      << errors();
+  ASSERT_TRUE(waitForRuns(12));
+  EXPECT_EQ(takeovers().size(), 1U);
+  EXPECT_TRUE(daemons[1]->isRunning()) << daemons[1]->console();
 }
 
 TEST_F(HostWatchTest, EndsWithTheCallAtSigterm) {
