@@ -449,6 +449,8 @@ class Parser {
     add->add_option("--timeout", options.timeout,
                     "End a run after this time, by running the plugin through koduguard")
         ->option_text("INTERVAL (no limit)");
+    add->add_option("--host", options.host, "Add the task for this host, where there are hosts")
+        ->option_text("HOST (the default host)");
     add->add_flag("--if-missing", options.ifMissing,
                   "Do nothing if a task with this key exists already")
         ->needs("--key");
@@ -645,18 +647,28 @@ class Parser {
   void addHostCommand() {
     CLI::App* host = addCommand("host", "Show the hosts, or move tasks between them", runHost);
     host->footer(
-        "A host is the database role that one daemon uses; each task belongs to one host. "
-        "host list prints the names of the hosts, and host status what each does. host add HOST "
-        "adds a host with a role of this name; host remove HOST removes one that has no tasks. "
-        "host takeover HOST TARGET gives all tasks of a failed host to "
-        "another; runs in progress count as FAILED. host move HOST TARGET moves tasks between "
-        "hosts whose daemons work, and interrupts no run. takeover and move need --user ROLE, "
-        "where ROLE is a member of kodu_admin; add and remove need a superuser or the owner of "
-        "the tables.");
+        "A host is the database role that one daemon uses; each task belongs to one host. host "
+        "list prints the names of the hosts, and host status what each does. host add HOST adds a "
+        "host with a role of this name; host remove HOST removes one that has no tasks. host "
+        "default HOST makes it the host of new tasks. host takeover HOST TARGET gives all tasks of "
+        "a failed host to "
+        "another; runs in progress count as FAILED. host watch does so by itself whenever a host "
+        "is silent, until SIGTERM or Ctrl-C; koducron-watch.service runs it. The other actions "
+        "move tasks between hosts whose daemons work, and interrupt no run. host move HOST TARGET "
+        "moves tasks to another host. host drain HOST prepares maintenance: its tasks and all new "
+        "ones go to the other hosts. host return HOST ends that, and gives back the tasks that "
+        "others got from it by drain or takeover. host balance moves tasks until all hosts have "
+        "the same expected load, with the time of runs from the ledger if it is loaded. Actions "
+        "that change tasks need --user ROLE, where ROLE is a member of kodu_admin; add and remove "
+        "need a superuser or the owner of the tables.");
+    const std::vector<std::string> actions = {"list",    "status",   "add",    "remove",
+                                              "move",    "drain",    "return", "balance",
+                                              "default", "takeover", "watch"};
     host->add_option("ACTION", options.hostAction,
-                     "What to do: list, status, add, remove, takeover or move")
+                     "What to do: list, status, add, remove, move, drain, return, balance, "
+                     "default, takeover or watch")
         ->option_text(valueWithDefault("ACTION", options.hostAction))
-        ->check(CLI::IsMember({"list", "status", "add", "remove", "takeover", "move"}));
+        ->check(CLI::IsMember(actions));
     host->add_option("HOST", options.hosts, "Name of a host; takeover and move need two")
         ->expected(0, 2);
     host->add_option("--tasks", options.hostTasks, "With move: move at most COUNT tasks")
@@ -665,9 +677,23 @@ class Parser {
     host->add_option("--password-file", options.passwordFile,
                      "With add: give the role the password in the first line of FILE")
         ->option_text("FILE (no password)");
+    addWatchOptions(host);
     host->add_flag("--yes", options.isConfirmed,
                    "With takeover: proceed even if a daemon of the host is connected");
     host->add_flag("--dry-run", options.isDryRun, "Show what would be done, but change nothing");
+  }
+
+  void addWatchOptions(CLI::App* host) {
+    host->add_flag("--spread", options.isSpread,
+                   "With takeover and watch: give the tasks to all hosts that listen, in equal "
+                   "shares; watch otherwise chooses the host with the fewest tasks");
+    host->add_flag("--return", options.isReturning,
+                   "With watch: once the daemon of this machine has worked for half a minute, give "
+                   "it back the tasks that others have taken over from it");
+    host->add_option("--dead-after", options.deadAfter,
+                     "With watch: take over from a host that has been silent for SECONDS")
+        ->option_text(valueWithDefault("SECONDS", std::to_string(options.deadAfter)))
+        ->check(CLI::Range(3, 86400));
   }
 
   void addSchemaCommand() {

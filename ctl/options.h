@@ -65,7 +65,8 @@ struct Options {
   bool isMarked = false, isUnmarked = false;
   std::optional<int> retries;
   std::optional<std::string> key;
-  bool ifMissing = false;  // add
+  bool ifMissing = false;           // add
+  std::optional<std::string> host;  // add; nothing: the default host
   /// The arguments after "--"; nothing without "--".
   std::optional<std::vector<std::string>> pluginArguments;
 
@@ -110,6 +111,9 @@ struct Options {
   std::vector<std::string> hosts;
   std::optional<long> hostTasks;  // nothing: all
   std::string passwordFile;       // "": none
+  bool isSpread = false;          // takeover, watch: to all hosts that listen
+  bool isReturning = false;       // watch: fetch what the own host has lent
+  int deadAfter = 6;              // watch: seconds
 
   // schema
   std::string schemaAction;  // "": show the state; "upgrade"

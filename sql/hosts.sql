@@ -53,6 +53,8 @@ CREATE TABLE IF NOT EXISTS kodu_host (
     asked_began timestamptz  -- of the session: a later one may have the same pid
 );
 ALTER TABLE kodu_host ADD COLUMN IF NOT EXISTS asked_began timestamptz;
+-- The host that gets new tasks instead of this one, which is drained; NULL: it is not.
+ALTER TABLE kodu_host ADD COLUMN IF NOT EXISTS instead text REFERENCES kodu_host (host);
 
 -- A task on its way, parked at kodu_pause_time() on its former host.
 CREATE TABLE IF NOT EXISTS kodu_host_moving (
@@ -65,6 +67,9 @@ CREATE TABLE IF NOT EXISTS kodu_host_moving (
     mover       integer NOT NULL,    -- the session that moves it
     mover_began timestamptz NOT NULL
 );
+
+-- The task goes back to the host that has lent it.
+ALTER TABLE kodu_host_moving ADD COLUMN IF NOT EXISTS is_lent boolean NOT NULL DEFAULT FALSE;
 
 -- No rewrite of a table, and no function of ours in a default: an upgrade drops and creates them. A session
 -- that adds tasks for another host names it: SET kodu.host = '...'.
@@ -92,11 +97,20 @@ BEGIN
 END
 $$;
 
+ALTER TABLE kodu_cron_plugin
+    ADD COLUMN IF NOT EXISTS cron_home text,  -- the host that it was taken over from, or drained
+    ADD COLUMN IF NOT EXISTS cron_moved_from text, ADD COLUMN IF NOT EXISTS cron_moved_at timestamp;
+CREATE INDEX IF NOT EXISTS kodu_cron_plugin_of_home ON kodu_cron_plugin (cron_home)
+    WHERE cron_home IS NOT NULL;
+
 -- The load and the takeover of one host among many. The daemon never writes the column, so its updates
 -- change no index.
 CREATE INDEX IF NOT EXISTS kodu_cron_plugin_of_host ON kodu_cron_plugin (cron_host);
 
 COMMENT ON COLUMN kodu_cron_plugin.cron_host IS 'The role of the daemon that runs the task';
+COMMENT ON COLUMN kodu_cron_plugin.cron_home IS 'The host that koductl host return gives it back to';
+COMMENT ON COLUMN kodu_cron_plugin.cron_moved_from IS 'Its previous host: earlier outputs are there';
+COMMENT ON COLUMN kodu_cron_plugin.cron_moved_at IS 'When it left that host; UTC';
 COMMENT ON COLUMN kodu_cron_error.cron_host IS
     'The role of the daemon that ran it: the output''s copy is on its machine';
 COMMENT ON COLUMN kodu_cron_repair.cron_host IS 'The role of the daemon whose run it was';
@@ -303,7 +317,7 @@ BEGIN
     IF present.host = kodu_host_default() THEN
         RAISE EXCEPTION 'the host % cannot be removed: new tasks are its own', present.host USING
             ERRCODE = 'object_not_in_prerequisite_state',
-            HINT = 'Change the default of kodu_cron_plugin.cron_host first.';
+            HINT = 'Make another host the default first, with kodu_host_set_default.';
     ELSIF tasks > 0 THEN
         RAISE EXCEPTION 'the host % still has % tasks', present.host, tasks USING
             ERRCODE = 'object_not_in_prerequisite_state',
@@ -312,6 +326,13 @@ BEGIN
         RAISE EXCEPTION 'the daemon of the host % is connected', present.host USING
             ERRCODE = 'object_not_in_prerequisite_state', HINT = 'Stop it first.';
     END IF;
+    IF EXISTS (SELECT FROM kodu_host WHERE instead = present.host) THEN
+        RAISE EXCEPTION 'the host % cannot be removed: it gets the new tasks of a drained host',
+            present.host USING
+            ERRCODE = 'object_not_in_prerequisite_state',
+            HINT = 'Call kodu_host_reopen for that one first, or kodu_host_drain for this one.';
+    END IF;
+    UPDATE kodu_cron_plugin SET cron_home = NULL WHERE cron_home = present.host;
     DELETE FROM kodu_cron_plugin WHERE cron_id = present.ping_task;
     DELETE FROM kodu_host WHERE host = present.host;
     IF EXISTS (SELECT FROM pg_roles WHERE rolname = present.host) THEN
@@ -374,6 +395,12 @@ BEGIN
     RETURN (SELECT pid FROM kodu_host_sessions() AS session
             WHERE session.host = kodu_host_session.host ORDER BY began DESC LIMIT 1);
 END
+$$;
+
+CREATE OR REPLACE FUNCTION kodu_host_sessions_of(hosts text[]) RETURNS integer[]
+LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT ARRAY(SELECT kodu_host_session(host) FROM unnest(hosts) WITH ORDINALITY AS known (host, place)
+                 ORDER BY place)
 $$;
 
 -- Whether the host's daemon is known to listen: the very session that has answered. A role without the
@@ -457,7 +484,8 @@ CREATE OR REPLACE FUNCTION kodu_host_slot(task kodu_cron_plugin, slot timestamp,
                                           has_run boolean DEFAULT FALSE) RETURNS timestamp
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
-    soon timestamp := kodu_soon();
+    -- A listener looks once a second. A later time would be lost time after a takeover.
+    soon timestamp := date_trunc('second', kodu_host_utc() + interval '2.5 seconds');
 BEGIN
     IF slot >= soon AND NOT has_run THEN
         RETURN slot;
@@ -526,30 +554,32 @@ EXCEPTION WHEN insufficient_privilege THEN
 END
 $$;
 
--- Gives all tasks of the host `dead` to `target`, in one transaction, and returns their number. Runs in
--- progress there become FAILED, with a row in kodu_cron_repair each. It is safe whatever `dead` still does:
--- a run begins with an update of its row. Either that comes first, and the run is in progress, or it waits
--- for this transaction and then meets the fence.
-CREATE OR REPLACE FUNCTION kodu_host_takeover(dead text, target text) RETURNS bigint
-LANGUAGE plpgsql SECURITY DEFINER
+-- Gives all tasks of the host `dead` to `targets` in equal shares, in one transaction, and returns a row for
+-- each target. Runs in progress there become FAILED, with a row in kodu_cron_repair each. It is safe
+-- whatever `dead` still does: a run begins with an update of its row. Either that comes first, and the run
+-- is in progress, or it waits for this transaction and then meets the fence.
+CREATE OR REPLACE FUNCTION kodu_host_hand_out(dead text, targets text[])
+RETURNS TABLE (target text, tasks bigint)
+LANGUAGE plpgsql
 SET search_path = pg_catalog, public, pg_temp SET lock_timeout = '5s' SET kodu.reason = 'moved' AS $$
 DECLARE
-    known kodu_host;
+    known kodu_host[] := '{}';
     ping integer;
-    taken bigint;
 BEGIN
-    IF dead = target THEN
+    IF dead = ANY (targets) THEN
         RAISE EXCEPTION 'the host % cannot take over from itself', quote_literal(dead) USING
             ERRCODE = 'invalid_parameter_value', HINT = 'Name two hosts.';
     END IF;
     PERFORM pg_advisory_xact_lock(6420241123);  -- one at a time, see kodu_host_watch
     PERFORM kodu_host_lock(dead);
-    known := kodu_host_lock(target);
-    IF NOT kodu_host_listens(known) THEN
-        RAISE EXCEPTION 'the daemon of the host % is not known to listen', target USING
-            ERRCODE = 'object_not_in_prerequisite_state',
-            HINT = 'Start it, and call kodu_host_hear until it returns TRUE.';
-    END IF;
+    FOREACH target IN ARRAY targets LOOP
+        known := known || kodu_host_lock(target);
+        IF NOT kodu_host_listens(known[cardinality(known)]) THEN
+            RAISE EXCEPTION 'the daemon of the host % is not known to listen', target USING
+                ERRCODE = 'object_not_in_prerequisite_state',
+                HINT = 'Start it, and call kodu_host_hear until it returns TRUE.';
+        END IF;
+    END LOOP;
     ping := ping_task FROM kodu_host WHERE host = dead;
     PERFORM FROM kodu_cron_plugin WHERE cron_host = dead ORDER BY cron_id FOR NO KEY UPDATE;
     PERFORM kodu_host_give_back(dead);
@@ -568,40 +598,75 @@ BEGIN
     UPDATE kodu_cron_plugin AS task SET cron_next_exec = kodu_host_slot(task, cron_next_exec)
     WHERE cron_host = dead AND cron_id IS DISTINCT FROM ping AND cron_next_exec < kodu_host_utc();
 
-    WITH moved AS (
-        UPDATE kodu_cron_plugin SET cron_host = target
-        WHERE cron_host = dead AND cron_id IS DISTINCT FROM ping
-        RETURNING cron_id
+    RETURN QUERY
+    WITH share AS (
+        SELECT cron_id, targets[1 + row_number() OVER (ORDER BY cron_interval, cron_id)
+                                    % cardinality(targets)] AS host
+        FROM kodu_cron_plugin WHERE cron_host = dead AND cron_id IS DISTINCT FROM ping
+    ), moved AS (
+        UPDATE kodu_cron_plugin AS task
+        SET cron_host = share.host, cron_home = NULLIF(COALESCE(cron_home, dead), share.host),
+            cron_moved_from = dead, cron_moved_at = kodu_host_utc()
+        FROM share WHERE task.cron_id = share.cron_id
+        RETURNING task.cron_id, task.cron_host
     )
-    SELECT count(pg_notify('koducronchannel',
-                           format('{"TYPE":"SERVICE","COMMAND":"ADD","ID":%s}', cron_id)))
-    INTO taken FROM moved;
+    SELECT cron_host, count(pg_notify('koducronchannel',
+                                      format('{"TYPE":"SERVICE","COMMAND":"ADD","ID":%s}', cron_id)))
+    FROM moved GROUP BY cron_host ORDER BY cron_host;
     -- A daemon that has started meanwhile has loaded its tasks already, and may not listen yet.
-    IF NOT kodu_host_listens(known) THEN
+    FOR target IN SELECT host FROM unnest(known) AS taker WHERE NOT kodu_host_listens(taker) LOOP
         RAISE EXCEPTION 'the daemon of the host % has ended during the takeover', target USING
             ERRCODE = 'object_not_in_prerequisite_state', HINT = 'Nothing has changed. Try again.';
-    END IF;
+    END LOOP;
     UPDATE kodu_host SET asked_pid = NULL, heard_pid = NULL, answers = 0 WHERE host = dead;
     PERFORM kodu_host_end_sessions(dead);
-    RETURN taken;
 END
+$$;
+
+-- The same for one target, or for all hosts that are known to listen if `target` is NULL. Returns the number
+-- of tasks.
+CREATE OR REPLACE FUNCTION kodu_host_takeover(dead text, target text) RETURNS bigint
+LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    targets text[] := CASE WHEN target IS NULL THEN kodu_host_listening(dead) ELSE ARRAY[target] END;
+BEGIN
+    IF targets = '{}' THEN
+        RAISE EXCEPTION 'no other host than % is known to listen', quote_literal(dead) USING
+            ERRCODE = 'object_not_in_prerequisite_state',
+            HINT = 'Start a daemon, and call kodu_host_hear for its host until it returns TRUE.';
+    END IF;
+    RETURN (SELECT COALESCE(sum(tasks), 0) FROM kodu_host_hand_out(dead, targets));
+END
+$$;
+
+-- The hosts except this one that are known to listen, those with the fewest tasks first. Drained ones only
+-- where there is no other.
+CREATE OR REPLACE FUNCTION kodu_host_listening(except_host text) RETURNS text[]
+LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT COALESCE(array_agg(host ORDER BY tasks, host) FILTER (WHERE instead IS NULL),
+                    array_agg(host ORDER BY tasks, host), '{}')
+    FROM kodu_host AS known CROSS JOIN LATERAL (
+        SELECT count(*) AS tasks FROM kodu_cron_plugin WHERE cron_host = known.host) AS own
+    WHERE host <> except_host AND kodu_host_listens(known)
 $$;
 
 -- Watching ---------------------------------------------------------------------------------------
 
 -- Takes over from each host whose daemon has given no sign of life for `dead_after`: its tasks go to the
--- host that listens and has the fewest. Returns a row for each. Call it on every host every two seconds,
--- outside the daemon: all its workers may be busy.
+-- host that listens and has the fewest, or with `spread` to all hosts that listen. Returns a row for each
+-- host that gets tasks. Call it on every host every two seconds, outside the daemon: all its workers may
+-- be busy. kodu_host_watch_pause says when exactly.
 --
 -- A silent daemon is asked for a sign: it is told of a task that does not exist, which costs it one query
--- without a result. When no call came for half of `dead_after`, the server was away, and all hosts
--- count as seen now: otherwise the first daemon to come back would take the tasks of all.
-CREATE OR REPLACE FUNCTION kodu_host_watch(dead_after interval DEFAULT '6 seconds')
+-- without a result.
+DROP FUNCTION IF EXISTS kodu_host_watch(interval);
+CREATE OR REPLACE FUNCTION kodu_host_watch(dead_after interval DEFAULT '6 seconds',
+                                           spread boolean DEFAULT FALSE)
 RETURNS TABLE (dead text, target text, tasks bigint)
 LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     utc timestamp := kodu_host_utc();
-    silent record;
+    targets text[];
 BEGIN
     IF dead_after IS NULL OR dead_after < interval '3 seconds' THEN
         RAISE EXCEPTION 'dead_after must be 3 seconds or more' USING
@@ -609,16 +674,12 @@ BEGIN
             HINT = 'A daemon answers once a second. Use kodu_host_watch(''6 seconds''), for example.';
     END IF;
     IF NOT pg_try_advisory_xact_lock(6420241123)
-       OR (SELECT max(watched) FROM kodu_host) > utc - interval '1 second' THEN
+       OR EXISTS (SELECT FROM kodu_host HAVING max(watched) > utc - interval '1 second'
+                  -- Nor has the time of a silent host ended since.
+                  AND bool_and(seen >= utc - dead_after OR seen < watched - dead_after)) THEN
         RETURN;  -- another host is at it
     END IF;
-    PERFORM pg_stat_clear_snapshot();
-    UPDATE kodu_host AS known SET watched = utc, seen =
-        CASE WHEN watched IS NULL OR utc - watched > dead_after / 2 THEN utc
-             ELSE greatest(seen, (SELECT max(sign) FROM kodu_host_sessions() AS session
-                                  WHERE session.host = known.host)) END;
-    UPDATE kodu_host SET asked = CASE WHEN seen > utc - dead_after / 6 THEN NULL
-                                      WHEN asked > seen THEN asked ELSE utc END;
+    PERFORM kodu_host_see(utc, dead_after);
     IF EXISTS (SELECT FROM kodu_host WHERE asked = utc) THEN
         PERFORM kodu_tell_update(-1);
     END IF;
@@ -627,29 +688,63 @@ BEGIN
           WHERE NOT kodu_host_is_moving(moving)) AS aborted;
     PERFORM kodu_host_hear(host) FROM kodu_host ORDER BY host;
 
-    FOR silent IN
+    FOR dead IN
         SELECT host FROM kodu_host AS known
         WHERE seen < utc - dead_after AND asked < utc - dead_after / 3
           AND EXISTS (SELECT FROM kodu_cron_plugin
                       WHERE cron_host = known.host AND cron_id IS DISTINCT FROM ping_task)
         ORDER BY host
     LOOP
-        dead := silent.host;
-        SELECT host INTO target FROM kodu_host AS known
-        WHERE host <> dead AND seen > utc - dead_after AND kodu_host_listens(known)
-        ORDER BY (SELECT count(*) FROM kodu_cron_plugin WHERE cron_host = known.host), host LIMIT 1;
-        IF target IS NOT NULL THEN
-            BEGIN
-                tasks := kodu_host_takeover(dead, target);
+        -- Not one that has been asked in vain: it may be down as well.
+        targets := ARRAY(SELECT host
+                         FROM unnest(kodu_host_listening(dead)) WITH ORDINALITY AS able (host, place)
+                         JOIN kodu_host USING (host)
+                         WHERE seen > utc - dead_after
+                           AND (asked IS NULL OR asked > utc - interval '2.5 seconds') ORDER BY place);
+        CONTINUE WHEN targets = '{}';
+        BEGIN
+            FOR target, tasks IN
+                SELECT * FROM kodu_host_hand_out(dead, CASE WHEN spread THEN targets ELSE targets[:1] END)
+            LOOP
                 RETURN NEXT;
-            EXCEPTION WHEN OTHERS THEN
-                RAISE WARNING 'the tasks of the host % were not taken over: %', dead, SQLERRM USING
-                    HINT = 'The next call tries it again.';
-            END;
-            UPDATE kodu_host SET watched = kodu_host_utc();  -- that may have taken seconds
-        END IF;
+            END LOOP;
+        EXCEPTION WHEN OTHERS THEN
+            RAISE WARNING 'the tasks of the host % were not taken over: %', dead, SQLERRM USING
+                HINT = 'The next call tries it again.';
+        END;
+        UPDATE kodu_host SET watched = kodu_host_utc();  -- that may have taken seconds
     END LOOP;
 END
+$$;
+
+-- Notes the signs of life, and which daemons are to be asked for one.
+--
+-- When no call came for a while, or no session of a daemon is older than the last call, the server was
+-- away, and all hosts count as seen: otherwise the first daemon to come back would take the tasks of all. A
+-- start can take longer than `dead_after`, so they get five times as long.
+CREATE OR REPLACE FUNCTION kodu_host_see(utc timestamp, dead_after interval) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    PERFORM pg_stat_clear_snapshot();
+    UPDATE kodu_host AS known SET watched = utc, seen =
+        CASE WHEN watched IS NULL OR utc - watched > interval '6 seconds'
+                  OR NOT EXISTS (SELECT FROM kodu_host_sessions() AS session
+                                 WHERE began AT TIME ZONE 'UTC' < watched) THEN utc + 4 * dead_after
+             WHEN utc - watched > interval '3 seconds' THEN greatest(seen, utc)
+             ELSE greatest(seen, (SELECT max(sign) FROM kodu_host_sessions() AS session
+                                  WHERE session.host = known.host)) END;
+    UPDATE kodu_host SET asked = CASE WHEN seen > utc - dead_after / 6 THEN NULL
+                                      WHEN asked > seen THEN asked ELSE utc END;
+END
+$$;
+
+-- When to call kodu_host_watch again, in seconds: after two, or as soon as the time of a silent host ends.
+CREATE OR REPLACE FUNCTION kodu_host_watch_pause(dead_after interval DEFAULT '6 seconds')
+RETURNS double precision
+LANGUAGE sql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT COALESCE(least(2, min(EXTRACT(EPOCH FROM seen + dead_after - kodu_host_utc())) + 0.02), 2)
+           ::double precision
+    FROM kodu_host WHERE seen + dead_after > kodu_host_utc()
 $$;
 
 -- Moving between hosts whose daemons work ----------------------------------------------------------
@@ -663,18 +758,47 @@ LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
 $$;
 
 -- The first half: parks up to `how_many` tasks of `source` that are not running, and tells its daemon of
--- those that are due later than in six seconds. One that is due sooner may be in the daemon's queue
--- already: the daemon runs it, and takes the parking time over from the row at the run's end.
-CREATE OR REPLACE FUNCTION kodu_host_park(source text, target text, how_many bigint) RETURNS bigint
+-- those that are due later than in six seconds, and in one more for each thousand tasks: it takes that long
+-- until the daemon knows. One that is due sooner may be in its queue already: the daemon runs it, and takes
+-- the parking time over from the row at the run's end.
+--
+-- With `tasks`, only these are parked, each for the host at its place in `targets`. One session at a time
+-- moves tasks of a host: the answers to its pings prove nothing for the tasks of another.
+DROP FUNCTION IF EXISTS kodu_host_park(text, text, bigint);
+CREATE OR REPLACE FUNCTION kodu_host_park(source text, target text, how_many bigint,
+                                          tasks integer[] DEFAULT NULL, targets text[] DEFAULT NULL,
+                                          is_lent boolean DEFAULT FALSE)
+RETURNS bigint
 LANGUAGE plpgsql SECURITY DEFINER
 SET search_path = pg_catalog, public, pg_temp SET kodu.reason = 'moved' AS $$
 DECLARE
+    -- A host may only fetch what it has lent.
+    is_host boolean := pg_has_role(session_user, 'kodu_hosts', 'MEMBER')
+                       AND NOT pg_has_role(session_user, 'kodu_admin', 'MEMBER');
+    margin interval := interval '6 seconds' + interval '1 millisecond' * least(
+        20000, how_many, cardinality(tasks), (SELECT count(*) FROM kodu_cron_plugin
+                                              WHERE cron_host = kodu_host_park.source));
     parked bigint;
 BEGIN
+    IF is_host AND (target = session_user AND targets IS NULL) IS NOT TRUE THEN
+        RAISE EXCEPTION 'the host % may not give tasks to others', session_user USING
+            ERRCODE = 'insufficient_privilege', HINT = 'Connect as a member of kodu_admin.';
+    END IF;
+    PERFORM kodu_host_lock(source);
+    IF EXISTS (SELECT FROM kodu_host_moving AS moving
+               WHERE moving.source = kodu_host_park.source AND mover <> pg_backend_pid()
+                 AND kodu_host_is_moving(moving)) THEN
+        RAISE EXCEPTION 'another session is moving tasks of the host %', source USING
+            ERRCODE = 'object_in_use', HINT = 'Try again when it has ended.';
+    END IF;
     WITH chosen AS (
-        SELECT cron_id, cron_next_exec, cron_next_exec > kodu_host_utc() + interval '6 seconds' AS is_told
+        SELECT cron_id, cron_next_exec, COALESCE(wish.host, kodu_host_park.target) AS host,
+               cron_next_exec > kodu_host_utc() + margin AS is_told
         FROM kodu_cron_plugin
+        LEFT JOIN unnest(kodu_host_park.tasks, targets) AS wish (task, host) ON wish.task = cron_id
         WHERE cron_host = kodu_host_park.source AND NOT cron_delete
+          AND (kodu_host_park.tasks IS NULL OR wish.task IS NOT NULL)
+          AND (NOT is_host OR cron_home = session_user)
           AND cron_status IS DISTINCT FROM 'PROCESS'
           -- A time that was asked for and has just come is not moved: the task runs now.
           AND (cron_wanted IS NULL OR cron_wanted > kodu_host_utc() + interval '6 seconds')
@@ -682,10 +806,11 @@ BEGIN
           AND NOT EXISTS (SELECT FROM kodu_host_moving AS moving
                           WHERE moving.cron_id = kodu_cron_plugin.cron_id)
         ORDER BY cron_id LIMIT how_many
-        FOR NO KEY UPDATE SKIP LOCKED  -- the daemon would wait for the others with this one
+        FOR NO KEY UPDATE OF kodu_cron_plugin SKIP LOCKED  -- the daemon would wait for the others with this one
     ), noted AS (
-        INSERT INTO kodu_host_moving (cron_id, source, target, next_exec, is_told, mover, mover_began)
-        SELECT cron_id, kodu_host_park.source, kodu_host_park.target, cron_next_exec, is_told,
+        INSERT INTO kodu_host_moving (cron_id, source, target, next_exec, is_told, is_lent, mover,
+                                      mover_began)
+        SELECT cron_id, kodu_host_park.source, host, cron_next_exec, is_told, kodu_host_park.is_lent,
                pid, backend_start
         FROM chosen, pg_stat_activity WHERE pid = pg_backend_pid()
         RETURNING *
@@ -725,6 +850,9 @@ BEGIN
     ), moved AS (
         UPDATE kodu_cron_plugin AS task
         SET cron_host = ready.target, cron_next_exec = kodu_host_due(task, ready.next_exec),
+            cron_home = CASE WHEN ready.is_lent THEN NULLIF(COALESCE(cron_home, ready.source), ready.target)
+                        END,
+            cron_moved_from = ready.source, cron_moved_at = kodu_host_utc(),
             cron_last_exec = CASE WHEN task.cron_last_exec >= kodu_pause_time()
                                        AND ready.next_exec < kodu_pause_time() THEN ready.next_exec
                                   ELSE task.cron_last_exec END
@@ -747,25 +875,33 @@ $$;
 --
 -- A call that is interrupted leaves tasks parked: kodu_host_watch and kodu_host_give_back put them back. A
 -- procedure that commits can have no SET clause; hence the full names.
+--
+-- With `tasks` and `targets`, as kodu_host_park has them, these move: CALL kodu_host_move('kodu', NULL, NULL,
+-- tasks => '{7,8}', targets => '{kodu_b,kodu_c}'). is_lent: kodu_host_lent_tasks lists them from then on.
+DROP PROCEDURE IF EXISTS kodu_host_move(text, text, bigint, bigint, interval);
 CREATE OR REPLACE PROCEDURE kodu_host_move(source text, target text, how_many bigint,
                                            INOUT moved bigint DEFAULT NULL,
-                                           patience interval DEFAULT '60 seconds')
+                                           patience interval DEFAULT '60 seconds',
+                                           tasks integer[] DEFAULT NULL, targets text[] DEFAULT NULL,
+                                           is_lent boolean DEFAULT FALSE)
 LANGUAGE plpgsql AS $$
 DECLARE
     until timestamptz := pg_catalog.clock_timestamp() + patience;
     asked text;
     answer_until timestamptz;
+    hosts text[] := ARRAY(SELECT DISTINCT host FROM pg_catalog.unnest(
+                              source || COALESCE(targets, ARRAY[target])) AS host);
     sessions integer[];
     heard timestamp;
     parked bigint;
     given bigint;
 BEGIN
-    IF source = target THEN
+    IF source = ANY (COALESCE(targets, ARRAY[target])) THEN
         RAISE EXCEPTION 'the tasks of the host % are there already', pg_catalog.quote_literal(source) USING
             ERRCODE = 'invalid_parameter_value', HINT = 'Name two hosts.';
     END IF;
     moved := 0;
-    FOREACH asked IN ARRAY ARRAY[source, target] LOOP
+    FOREACH asked IN ARRAY hosts LOOP
         answer_until := pg_catalog.clock_timestamp() + interval '10 seconds';
         WHILE NOT public.kodu_host_hear(asked) LOOP
             IF pg_catalog.clock_timestamp() > answer_until THEN
@@ -778,12 +914,12 @@ BEGIN
         END LOOP;
         COMMIT;
     END LOOP;
-    sessions := ARRAY[public.kodu_host_session(source), public.kodu_host_session(target)];
+    sessions := public.kodu_host_sessions_of(hosts);
     LOOP
-        parked := public.kodu_host_park(source, target, how_many - moved);
+        parked := public.kodu_host_park(source, target, how_many - moved, tasks, targets, is_lent);
         COMMIT;
         EXIT WHEN parked = 0 AND (moved >= how_many OR pg_catalog.clock_timestamp() > until
-                                  OR NOT public.kodu_host_is_at_work(source));
+                                  OR NOT public.kodu_host_is_at_work(source, tasks => tasks));
         FOR turn IN 1..2 LOOP
             PERFORM public.kodu_host_ping(source);
             COMMIT;
@@ -797,14 +933,14 @@ BEGIN
         heard := public.kodu_host_utc();
         LOOP
             -- The listener of another session may have missed something.
-            IF sessions <> ARRAY[public.kodu_host_session(source), public.kodu_host_session(target)]
+            IF sessions <> public.kodu_host_sessions_of(hosts)
                OR NOT public.kodu_host_answered(source) OR pg_catalog.clock_timestamp() > until THEN
                 PERFORM public.kodu_host_give_back(source);
                 COMMIT;
                 RETURN;
             END IF;
             given := public.kodu_host_hand_over(source, heard);
-            IF public.kodu_host_session(target) IS DISTINCT FROM sessions[2] THEN
+            IF public.kodu_host_sessions_of(hosts) <> sessions THEN
                 ROLLBACK;  -- the new session has loaded its tasks, and may not listen yet
                 CONTINUE;
             END IF;
@@ -817,26 +953,123 @@ BEGIN
 END
 $$;
 
--- Whether the host has runs in progress; with is_parked, whether some of its tasks are on their way.
-CREATE OR REPLACE FUNCTION kodu_host_is_at_work(host text, is_parked boolean DEFAULT FALSE)
+-- Whether the host has runs in progress, of these tasks or of any; with is_parked, whether some of its
+-- tasks are on their way.
+DROP FUNCTION IF EXISTS kodu_host_is_at_work(text, boolean);
+CREATE OR REPLACE FUNCTION kodu_host_is_at_work(host text, is_parked boolean DEFAULT FALSE,
+                                                tasks integer[] DEFAULT NULL)
 RETURNS boolean
 LANGUAGE sql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
     SELECT CASE WHEN is_parked THEN EXISTS (SELECT FROM kodu_host_moving WHERE source = host)
-                ELSE EXISTS (SELECT FROM kodu_cron_plugin WHERE cron_host = host AND cron_status = 'PROCESS')
+                WHEN tasks IS NULL THEN
+                    EXISTS (SELECT FROM kodu_cron_plugin WHERE cron_host = host AND cron_status = 'PROCESS')
+                ELSE EXISTS (SELECT FROM unnest(tasks) AS task JOIN kodu_cron_plugin ON cron_id = task
+                             WHERE cron_host = host AND cron_status = 'PROCESS')
            END
+$$;
+
+-- Maintenance ------------------------------------------------------------------------------------
+
+-- Keeps new tasks from a host that is to be emptied, and those of others while there are other hosts.
+-- Returns the host that gets new tasks instead.
+CREATE OR REPLACE FUNCTION kodu_host_drain(host text) RETURNS text
+LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
+#variable_conflict use_column
+DECLARE
+    drained text := (kodu_host_lock(host)).host;
+    other text := (SELECT known.host
+                   FROM unnest(kodu_host_listening(drained)) WITH ORDINALITY AS able (host, place)
+                   JOIN kodu_host AS known USING (host) WHERE instead IS NULL ORDER BY place LIMIT 1);
+BEGIN
+    IF other IS NULL THEN
+        RAISE EXCEPTION 'no other host than % listens and is open for tasks', drained USING
+            ERRCODE = 'object_not_in_prerequisite_state',
+            HINT = 'Start the daemon of another host, or open one with kodu_host_reopen.';
+    END IF;
+    UPDATE kodu_host SET instead = other WHERE host = drained OR instead = drained;
+    RETURN other;
+END
+$$;
+
+-- The opposite: the host gets new tasks again.
+CREATE OR REPLACE FUNCTION kodu_host_reopen(host text) RETURNS void
+LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
+#variable_conflict use_column
+DECLARE
+    drained text := (kodu_host_lock(host)).host;
+BEGIN
+    UPDATE kodu_host SET instead = NULL WHERE host = drained;
+END
+$$;
+
+-- The tasks that the host has lent to others, by a takeover or as it was drained.
+CREATE OR REPLACE FUNCTION kodu_host_lent_tasks(host text)
+RETURNS TABLE (source text, tasks integer[])
+LANGUAGE sql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT cron_host, array_agg(cron_id ORDER BY cron_id) FROM kodu_cron_plugin
+    WHERE cron_home = host AND cron_home IS NOT NULL AND cron_host <> host
+    GROUP BY cron_host ORDER BY cron_host
+$$;
+
+-- New tasks of a drained host go to another one. Once a statement: a look at each row would slow down the
+-- insertion of many.
+CREATE OR REPLACE FUNCTION kodu_host_redirect() RETURNS trigger
+LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    IF EXISTS (SELECT FROM kodu_host WHERE instead IS NOT NULL) THEN
+        UPDATE kodu_cron_plugin AS task SET cron_host = instead
+        FROM added JOIN kodu_host ON host = added.cron_host
+        WHERE task.cron_id = added.cron_id AND instead IS NOT NULL
+          AND task.cron_plugin_id NOT IN (SELECT plugin_id FROM kodu_plugins
+                                          WHERE plugin_name = 'kodu_host_ping');
+    END IF;
+    RETURN NULL;
+END
+$$;
+
+CREATE OR REPLACE TRIGGER kodu_host_redirect AFTER INSERT ON kodu_cron_plugin
+    REFERENCING NEW TABLE AS added FOR EACH STATEMENT EXECUTE FUNCTION kodu_host_redirect();
+
+-- Makes a host that of new tasks that name none.
+CREATE OR REPLACE FUNCTION kodu_host_set_default(host text) RETURNS void
+LANGUAGE plpgsql SECURITY DEFINER
+SET search_path = pg_catalog, public, pg_temp SET lock_timeout = '100ms' AS $$
+DECLARE
+    role text := known.host FROM kodu_host AS known WHERE known.host = kodu_host_set_default.host;
+BEGIN
+    IF role IS NULL THEN
+        PERFORM kodu_host_lock(host);  -- says that there is none
+    END IF;
+    -- The daemon queues behind the wait for the lock, so it is short.
+    FOR attempt IN 1..20 LOOP
+        BEGIN
+            EXECUTE format('ALTER TABLE kodu_cron_plugin ALTER COLUMN cron_host SET DEFAULT'
+                           ' COALESCE(NULLIF(current_setting(''kodu.host'', TRUE), ''''), %L)', role);
+            RETURN;
+        EXCEPTION WHEN lock_not_available THEN
+            PERFORM pg_sleep(0.2);
+        END;
+    END LOOP;
+    RAISE EXCEPTION 'the table of the tasks is in use' USING
+        ERRCODE = 'lock_not_available',
+        HINT = 'A long transaction uses it, see pg_stat_activity. Nothing has changed. Try again.';
+END
 $$;
 
 -- Looking ----------------------------------------------------------------------------------------
 
 -- One row a host. sessions: of its daemon. listens: it can take tasks. silent_seconds: since the last sign
--- of life, as the last kodu_host_watch saw it. late_seconds: of its task that has waited longest.
+-- of life, as the last kodu_host_watch saw it. late_seconds: of its task that has waited longest. instead:
+-- who gets new tasks of a drained host. lent: tasks that kodu_host_lent_tasks names.
 CREATE OR REPLACE VIEW kodu_host_status AS
 SELECT known.host, known.host = kodu_host_default() AS is_default,
        tasks, running, late_seconds,
        (SELECT count(*) FROM kodu_host_moving WHERE source = known.host) AS leaving,
        (SELECT count(*) FROM kodu_host_sessions() AS session WHERE session.host = known.host) AS sessions,
        kodu_host_listens(known) AS listens,
-       greatest(0, floor(EXTRACT(EPOCH FROM now() AT TIME ZONE 'UTC' - seen)))::bigint AS silent_seconds
+       greatest(0, floor(EXTRACT(EPOCH FROM now() AT TIME ZONE 'UTC' - seen)))::bigint AS silent_seconds,
+       instead,
+       (SELECT count(*) FROM kodu_cron_plugin WHERE cron_home = known.host) AS lent
 FROM kodu_host AS known
 CROSS JOIN LATERAL (
     SELECT count(*) AS tasks, count(*) FILTER (WHERE cron_status = 'PROCESS') AS running,
@@ -847,6 +1080,13 @@ CROSS JOIN LATERAL (
     WHERE cron_host = known.host AND cron_id IS DISTINCT FROM ping_task
 ) AS own;
 
+-- Where each task is: hosts see no other's rows of the table.
+CREATE OR REPLACE VIEW kodu_task_host AS
+SELECT cron_id AS id, cron_host AS host, cron_home AS home, cron_moved_from AS moved_from,
+       cron_moved_at AS moved_at
+FROM kodu_cron_plugin;
+
+COMMENT ON VIEW kodu_task_host IS 'One row a task: its host, and the one that it came from; times are UTC';
 COMMENT ON VIEW kodu_host_status IS 'One row a host: its tasks and its daemon';
 
 -- Rights, and the first host -----------------------------------------------------------------------
@@ -867,12 +1107,15 @@ $$;
 -- What the view calls, and what people call.
 GRANT EXECUTE ON FUNCTION kodu_host_default, kodu_host_sessions, kodu_host_listens, kodu_host_utc
     TO kodu, kodu_admin;
-GRANT SELECT ON kodu_host, kodu_host_status TO kodu, kodu_admin;
-GRANT EXECUTE ON FUNCTION kodu_host_session, kodu_host_ping, kodu_host_answered, kodu_host_hear,
-                          kodu_host_takeover, kodu_host_give_back, kodu_host_park, kodu_host_hand_over,
-                          kodu_host_is_at_work TO kodu_admin;
-GRANT EXECUTE ON PROCEDURE kodu_host_move TO kodu_admin;
-GRANT EXECUTE ON FUNCTION kodu_host_watch TO kodu, kodu_admin;
+GRANT SELECT ON kodu_host, kodu_host_status, kodu_task_host TO kodu, kodu_admin;
+GRANT EXECUTE ON FUNCTION kodu_host_takeover, kodu_host_drain, kodu_host_reopen, kodu_host_set_default
+    TO kodu_admin;
+-- A host may fetch what it has lent, see kodu_host_park.
+GRANT EXECUTE ON FUNCTION kodu_host_session, kodu_host_sessions_of, kodu_host_ping, kodu_host_answered,
+                          kodu_host_hear, kodu_host_give_back, kodu_host_park, kodu_host_hand_over,
+                          kodu_host_is_at_work, kodu_host_lent_tasks TO kodu, kodu_admin;
+GRANT EXECUTE ON PROCEDURE kodu_host_move TO kodu, kodu_admin;
+GRANT EXECUTE ON FUNCTION kodu_host_watch, kodu_host_watch_pause TO kodu, kodu_admin;
 
 DO $$
 BEGIN

@@ -1,6 +1,9 @@
 // koductl add: a task, by a function of the database, which tells the daemon.
 
+#include <fmt/format.h>
+
 #include <optional>
+#include <string>
 
 #include "ctl/command/commands.h"
 #include "ctl/command/definition.h"
@@ -32,7 +35,23 @@ bool isPresent(Session& session, const Options& options) {
   return present.has_value();
 }
 
+/// Chooses the host of the tasks that this session adds.
+void chooseHost(Session& session, const std::string& host) {
+  if (!session.query("SELECT to_regclass('public.kodu_host') IS NOT NULL AS has_hosts")
+           .isTrue(0, "has_hosts")) {
+    throw Failure(kRefused, "the database has no hosts: add the task without --host");
+  }
+  if (session.query("SELECT FROM kodu_host WHERE host = $1", {host}).count() == 0) {
+    throw Failure(kNotFound,
+                  fmt::format("there is no host {}; koductl host list lists the hosts", host));
+  }
+  session.query("SELECT set_config('kodu.host', $1, FALSE)", {host});
+}
+
 int addTask(Session& session, const Options& options) {
+  if (options.host) {
+    chooseHost(session, *options.host);
+  }
   Call call("kodu_task_add");
   call.with("plugin", "text", options.plugin)
       .with("first_run", "timestamptz", momentOf(session, options.next))

@@ -13,6 +13,7 @@
 #include "ctl/session/session.h"
 #include "ctl/task/archive.h"
 #include "ctl/task/explanation.h"
+#include "ctl/task/placement.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/printable.h"
@@ -34,7 +35,12 @@ std::vector<std::string> explainTask(Session& session, const Task& task) {
       context.isFailureSilent = runs.front().size == 0U;
     }
   }
-  return explain(task, context);
+  std::vector<std::string> sentences = explain(task, context);
+  if (const auto placement = readPlacement(session, task.id)) {
+    const std::vector<std::string> place = placement->sentences();
+    sentences.insert(sentences.begin() + 1, place.begin(), place.end());
+  }
+  return sentences;
 }
 
 int runExplain(const Options& options) {

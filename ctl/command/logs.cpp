@@ -20,6 +20,7 @@
 #include "ctl/session/session.h"
 #include "ctl/task/archive.h"
 #include "ctl/task/outputs.h"
+#include "ctl/task/placement.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/jsonList.h"
 #include "ctl/terminal/print.h"
@@ -196,15 +197,21 @@ void printOutputs(const std::vector<KeptOutput>& outputs, const Options& options
   }
 }
 
-void sayThatThereIsNone(const Task& task, bool onlyFailed) {
+/// Where else to look, in a database with hosts; each sentence is a line.
+std::string placeText(Session& session, const Task& task) {
+  const auto place = readPlacement(session, task.id);
+  return place ? fmt::format("\n{}", fmt::join(place->sentences(), "\n")) : "";
+}
+
+void sayThatThereIsNone(const Task& task, bool onlyFailed, const std::string& place) {
   if (onlyFailed) {
     print("No failed run of task {} ({}) is recorded.\n", task.id, oneLine(task.name));
     return;
   }
   const std::string due = task.next ? "; it is due at " + zonedTime(*task.next) : "";
-  throw Failure(kNotFound,
-                task.status ? fmt::format("task {} has no output in {}", task.id, task.outputPath())
-                            : fmt::format("task {} has not run yet{}", task.id, due));
+  throw Failure(kNotFound, task.status ? fmt::format("task {} has no output in {}{}", task.id,
+                                                     task.outputPath(), place)
+                                       : fmt::format("task {} has not run yet{}", task.id, due));
 }
 
 void showKept(Session& session, const Task& task, const Options& options) {
@@ -212,7 +219,7 @@ void showKept(Session& session, const Task& task, const Options& options) {
   const std::vector<KeptOutput> outputs =
       readOutputs(session, task, options.outputs, options.onlyFailed);
   if (outputs.empty() && !options.asJson && !options.follow) {
-    sayThatThereIsNone(task, options.onlyFailed);
+    sayThatThereIsNone(task, options.onlyFailed, placeText(session, task));
   }
   printOutputs(outputs, options);
   flushOutput();

@@ -24,8 +24,8 @@ constexpr std::size_t kMostBytes = 4UL << 20;
 constexpr const char* kEntries = R"(
 FROM jsonb_to_recordset($1::jsonb) AS task (
     id integer, key text, plugin text, name text, every text, retries integer, timeout text,
-    "retry-after" text, file text, arguments text, at text, zone text, first text,
-    is_moved boolean))";
+    "retry-after" text, file text, arguments text, at text, zone text, host text,
+    first text, is_moved boolean))";
 
 constexpr const char* kDefinition = R"(
     plugin => plugin, name => name, every => every::interval, retries => retries,
@@ -34,7 +34,9 @@ constexpr const char* kDefinition = R"(
 
 std::string addStatement() {
   return fmt::format(
-      "SELECT key, kodu_task_add({}, key => key, first_run => first::timestamptz) AS id {}",
+      "SELECT key, set_config('kodu.host', COALESCE(host, ''), TRUE),"  // of the task that is added
+                                                                        // next
+      " kodu_task_add({}, key => key, first_run => first::timestamptz) AS id {}",
       kDefinition, kEntries);
 }
 

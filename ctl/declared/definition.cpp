@@ -153,5 +153,6 @@ Definition definitionOf(const StoredTexts& texts, const std::string& guard) {
   set("retry-after", texts.retryAfter, kDefaultRetryAfter);
   set("file", texts.file, kDefaultFile);
   set("arguments", guarded ? guarded->arguments : texts.parameters, "");
+  set("host", texts.host, "");
   return definition;
 }

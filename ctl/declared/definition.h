@@ -11,10 +11,11 @@
 using Definition = std::map<std::string, std::string>;
 
 /// The settings in the order in which they are shown. Those after "arguments" are no part of a
-/// task's row that apply compares by itself: it only moves, pauses and resumes by them.
-constexpr std::array<const char*, 14> kSettings = {
-    "plugin",      "name", "at",        "zone",  "every",  "retries", "timeout",
-    "retry-after", "file", "arguments", "first", "paused", "reason",  "until"};
+/// task's row that apply compares by itself: it only moves, pauses and resumes by them, and adds a
+/// task for a host. "host" is left out for the default one.
+constexpr std::array<const char*, 15> kSettings = {
+    "plugin", "name",      "at",   "zone",  "every",  "retries", "timeout", "retry-after",
+    "file",   "arguments", "host", "first", "paused", "reason",  "until"};
 
 constexpr const char* kDefaultFile = "$SERVICEID_$DATE.txt";
 constexpr const char* kDefaultRetryAfter = "2m";
@@ -44,6 +45,7 @@ std::string declaredTime(long time);
 struct StoredTexts {
   std::string path, name, parameters, file, every, retries, retryAfter;
   std::string at = {}, zone = {};  // "": no calendar
+  std::string host = {};           // "": the default one
 };
 Definition definitionOf(const StoredTexts& texts, const std::string& guard);
 

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <set>
 #include <unordered_map>
@@ -105,6 +106,23 @@ std::set<std::string> calendarsIn(const Declaration& declaration) {
   return texts;
 }
 
+/// The hosts of the database, where one is declared.
+std::set<std::string> hostsFor(const Declaration& declaration, Session& session) {
+  std::set<std::string> hosts;
+  const bool areDeclared =
+      std::any_of(declaration.tasks.begin(), declaration.tasks.end(),
+                  [](const DeclaredTask& task) { return task.definition.count("host") > 0; });
+  if (areDeclared &&
+      session.query("SELECT to_regclass('public.kodu_host') IS NOT NULL AS has_hosts")
+          .isTrue(0, "has_hosts")) {
+    const Rows rows = session.query("SELECT host FROM kodu_host");
+    for (int row = 0; row < rows.count(); ++row) {
+      hosts.insert(rows.text(row, "host"));
+    }
+  }
+  return hosts;
+}
+
 /// Rewrites definitions with the database's answers.
 class Normalizer {
  public:
@@ -131,10 +149,15 @@ class Normalizer {
         plugins(session,
                 "SELECT text AS asked, path AS one, title AS other"
                 " FROM unnest($1::text[]) AS text, kodu_plugin_find(text)",
-                pluginNamesIn(declaration)) {}
+                pluginNamesIn(declaration)),
+        hosts(hostsFor(declaration, session)) {}
 
   void normalize(DeclaredTask& task) const {
     const bool arePeriodsRead = readPeriods(task) && readCalendar(task);
+    if (const std::string host = settingOf(task.definition, "host");
+        !host.empty() && hosts.count(host) == 0) {
+      isRefused(task, "host", fmt::format("there is no host {} in this database", host));
+    }
     const std::string plugin = settingOf(task.definition, "plugin");
     if (!isRefused(task, "plugin", isPath(plugin) ? "" : plugins.refusalOf(plugin)) &&
         arePeriodsRead) {
@@ -194,7 +217,7 @@ class Normalizer {
          setting("every", ""), setting("retries", "1"), setting("retry-after", kDefaultRetryAfter),
          setting("at", ""), setting("zone", definition.count("at") > 0 ? kDefaultZone : "")},
         timeout.empty() ? guard : "");
-    for (const char* other : {"timeout", "first", "paused", "reason", "until"}) {
+    for (const char* other : {"timeout", "host", "first", "paused", "reason", "until"}) {
       if (definition.count(other) > 0) {
         result[other] = definition.at(other);
       }
@@ -225,6 +248,7 @@ class Normalizer {
   Mistakes& mistakes;
   const long now;  // the server's clock
   const Answers periods, calendars, plugins;
+  const std::set<std::string> hosts;
 };
 
 }  // namespace

@@ -8,9 +8,22 @@
 
 namespace {
 
-/// The statement for tasks that fulfil a condition. The key of most tasks without one can be told
-/// without a call of kodu_implied_key().
-std::string selectWhere(const std::string& condition) {
+/// The column of a task's host, to which it is given back after a takeover; NULL for the default
+/// one.
+std::string hostColumn(Session& session) {
+  const bool hasHosts = session
+                            .query(
+                                "SELECT has_table_privilege(to_regclass('public.kodu_task_host'), "
+                                "'SELECT') AS has_hosts")
+                            .isTrue(0, "has_hosts");
+  return hasHosts ? "NULLIF(COALESCE(task.cron_home, task.cron_host),"
+                    " (SELECT kodu_host_default()))"
+                  : "NULL";
+}
+
+/// The statement for tasks that fulfil a condition, with an expression for their host. The key of
+/// most tasks without one can be told without a call of kodu_implied_key().
+std::string selectWhere(const std::string& condition, const std::string& host = "NULL") {
   return fmt::format(
       R"(SELECT task.cron_id AS id,
        COALESCE(task_key, CASE WHEN EXISTS (SELECT FROM kodu_cron_key
@@ -20,7 +33,7 @@ std::string selectWhere(const std::string& condition) {
        task_set, plugin.plugin_path AS path, plugin.plugin_name AS name,
        cron_parameter AS parameters, cron_log_file AS file,
        {} AS every, COALESCE(cron_retries, 1) AS retries,
-       COALESCE({}, '120') AS retry_after, cron_calendar AS at, cron_zone AS zone,
+       COALESCE({}, '120') AS retry_after, cron_calendar AS at, cron_zone AS zone, {} AS host,
        paused, pause_reason, EXTRACT(EPOCH FROM paused_until)::bigint AS paused_until,
        floor(EXTRACT(EPOCH FROM CASE WHEN paused THEN due_at_pause
                                      ELSE COALESCE(due_after_run, due) END))::bigint AS due,
@@ -30,7 +43,7 @@ JOIN kodu_plugins AS plugin ON plugin_id = cron_plugin_id
 JOIN kodu_task_state AS state ON state.id = task.cron_id
 LEFT JOIN kodu_cron_key AS own ON own.cron_id = task.cron_id
 WHERE plugin.plugin_type = 'cron' AND NOT deleting AND {})",
-      sqlPeriod("cron_interval"), sqlPeriod("cron_retries_interval"), condition);
+      sqlPeriod("cron_interval"), sqlPeriod("cron_retries_interval"), host, condition);
 }
 
 // The ids that could have one of the keys in $1, or belong to the set $2.
@@ -44,11 +57,12 @@ StoredTask taskOf(const Rows& rows, int row, const std::string& guard) {
   task.id = static_cast<int>(rows.number(row, "id"));
   task.key = rows.text(row, "key");
   task.set = rows.text(row, "task_set");
-  task.definition = definitionOf(
-      {rows.text(row, "path"), rows.text(row, "name"), rows.text(row, "parameters"),
-       rows.text(row, "file"), periodText(rows.text(row, "every")), rows.text(row, "retries"),
-       periodText(rows.text(row, "retry_after")), rows.text(row, "at"), rows.text(row, "zone")},
-      guard);
+  task.definition =
+      definitionOf({rows.text(row, "path"), rows.text(row, "name"), rows.text(row, "parameters"),
+                    rows.text(row, "file"), periodText(rows.text(row, "every")),
+                    rows.text(row, "retries"), periodText(rows.text(row, "retry_after")),
+                    rows.text(row, "at"), rows.text(row, "zone"), rows.text(row, "host")},
+                   guard);
   task.isPaused = rows.isTrue(row, "paused");
   task.pauseReason = rows.text(row, "pause_reason");
   task.pausedUntil = rows.optionalNumber(row, "paused_until");
@@ -94,7 +108,8 @@ void forEachStored(Session& session, const Selection& selection, const std::stri
   // keep the server from cleaning up behind the daemon's updates.
   session.query(
       "DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
-          selectWhere(fmt::format("{} AND {} ORDER BY key", conditionOf(selection, chosen), ofSet)),
+          selectWhere(fmt::format("{} AND {} ORDER BY key", conditionOf(selection, chosen), ofSet),
+                      hostColumn(session)),
       chosen.values);
   for (int count = 1; count > 0;) {
     const Rows rows = session.query("FETCH 1000 FROM export");

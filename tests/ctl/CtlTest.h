@@ -77,13 +77,13 @@ class CtlTest : public DaemonTest {
   }
 
   /// Starts it with its outputs in outPath() and errPath(); returns its pid at once.
-  pid_t start(std::vector<std::string> arguments) const {
+  pid_t start(std::vector<std::string> arguments, const std::string& name = "ctl") const {
     arguments.insert(arguments.begin(), program());
     const std::vector<char*> pointers = pointersTo(arguments);
     std::vector<std::string> variables = environment;
     const std::vector<char*> variablePointers = pointersTo(variables);
-    const std::string out = outPath();
-    const std::string err = errPath();
+    const std::string out = outPath(name);
+    const std::string err = errPath(name);
     const pid_t pid = fork();
     if (pid == 0) {
       redirect("/dev/null", O_RDONLY, STDIN_FILENO);
@@ -188,8 +188,12 @@ class CtlTest : public DaemonTest {
     return "no line " + first;
   }
 
-  std::string outPath() const { return daemon.directory / "ctl.out"; }
-  std::string errPath() const { return daemon.directory / "ctl.err"; }
+  std::string outPath(const std::string& name = "ctl") const {
+    return daemon.directory / (name + ".out");
+  }
+  std::string errPath(const std::string& name = "ctl") const {
+    return daemon.directory / (name + ".err");
+  }
 
   std::vector<std::string> environment;  // of koductl
 
