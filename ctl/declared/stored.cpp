@@ -57,6 +57,10 @@ StoredTask taskOf(const Rows& rows, int row, const std::string& guard) {
   return task;
 }
 
+// The tasks by which sql/hosts.sql asks daemons for a sign belong to one database's hosts.
+constexpr const char* kIsNoPing =
+    "NOT (plugin.plugin_name = 'kodu_host_ping' AND starts_with(cron_log_file, 'kodu_host_ping_'))";
+
 /// The condition of a selection; `ids` are its tasks.
 std::string conditionOf(const Selection& selection, const Statement& ids) {
   const bool isWhole = !selection.isLimitedToSome() && !selection.limit && selection.after.empty();
@@ -92,10 +96,10 @@ void forEachStored(Session& session, const Selection& selection, const std::stri
   const std::string ofSet = fmt::format("(${0} = '' OR task_set = ${0})", chosen.values.size());
   // Held, that is copied by the server: a reader of the export may be slow, and a transaction would
   // keep the server from cleaning up behind the daemon's updates.
-  session.query(
-      "DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
-          selectWhere(fmt::format("{} AND {} ORDER BY key", conditionOf(selection, chosen), ofSet)),
-      chosen.values);
+  session.query("DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
+                    selectWhere(fmt::format("{} AND {} AND {} ORDER BY key",
+                                            conditionOf(selection, chosen), ofSet, kIsNoPing)),
+                chosen.values);
   for (int count = 1; count > 0;) {
     const Rows rows = session.query("FETCH 1000 FROM export");
     count = rows.count();
