@@ -71,6 +71,10 @@ StoredTask taskOf(const Rows& rows, int row, const std::string& guard) {
   return task;
 }
 
+// The tasks by which sql/hosts.sql asks daemons for a sign belong to one database's hosts.
+constexpr const char* kIsNoPing =
+    "NOT (plugin.plugin_name = 'kodu_host_ping' AND starts_with(cron_log_file, 'kodu_host_ping_'))";
+
 /// The condition of a selection; `ids` are its tasks.
 std::string conditionOf(const Selection& selection, const Statement& ids) {
   const bool isWhole = !selection.isLimitedToSome() && !selection.limit && selection.after.empty();
@@ -108,7 +112,8 @@ void forEachStored(Session& session, const Selection& selection, const std::stri
   // keep the server from cleaning up behind the daemon's updates.
   session.query(
       "DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
-          selectWhere(fmt::format("{} AND {} ORDER BY key", conditionOf(selection, chosen), ofSet),
+          selectWhere(fmt::format("{} AND {} AND {} ORDER BY key", conditionOf(selection, chosen),
+                                  ofSet, kIsNoPing),
                       hostColumn(session)),
       chosen.values);
   for (int count = 1; count > 0;) {

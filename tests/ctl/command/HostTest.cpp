@@ -61,6 +61,11 @@ class HostCommandTest : public CtlTest {
   Daemon second{database};
 };
 
+TEST_F(HostCommandTest, LeavesPingTasksOutOfAnExport) {
+  addOther();
+  EXPECT_EQ(runAsOwner({"export"}).out, "tasks: {}\n") << "they belong to this database";
+}
+
 TEST_F(HostCommandTest, AddsAndRemovesAHost) {
   EXPECT_EQ(runAsOwner({"host", "add", other, "--dry-run"}).out,
             "would add the host " + other + "\n");
