@@ -17,7 +17,9 @@ struct Selection {
   std::optional<std::string> name, plugin;  // patterns with * and ?; \ takes the next one literally
   bool isFailed = false, isLate = false, isRunning = false, isPaused = false, isDeleting = false;
   bool isNeverRun = false;
-  bool isKept = false;  // not being deleted
+  bool hasFailedToday = false;  // in the last day
+  std::string search;           // in the name or the plugin, or where the id begins; "": any
+  bool isKept = false;          // not being deleted
 
   std::string sort;           // a key of sortKeys(), with ",desc" for the other direction; "": id
   std::optional<long> limit;  // nothing: all
