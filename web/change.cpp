@@ -72,6 +72,7 @@ HttpResponse Console::change(const Visit& visit, const std::string& path, const 
     session.query(kChange, {wanted.action, std::to_string(wanted.id), reason.value_or(""),
                             moment.value_or("")});
   });
+  watcher->tellChange(wanted.id);
   Json::Value done;
   done["done"] = true;
   return jsonAnswer(done);

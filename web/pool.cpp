@@ -14,9 +14,10 @@ constexpr std::chrono::seconds kPatience{5};
 // After a connection has failed, those who wait for their turn need not try the same.
 constexpr std::chrono::seconds kRest{1};
 
-// Local to the transaction. The role comes last: it may not be allowed to set anything.
+// Local to the transaction. A console that was stopped must not keep rows from the daemon.
 constexpr const char* kBecome =
     "SELECT set_config('client_min_messages', 'warning', true),"
+    " set_config('idle_in_transaction_session_timeout', '5s', true),"
     " set_config('application_name', $1, true), set_config('role', $2, true)";
 
 void become(Session& session, const std::string& role) {

@@ -88,7 +88,9 @@ TaskContext contextOf(Session& session, const Task& task) {
   TaskContext context;
   context.isConnected = isDaemonConnected(session);
   context.workers = stringToInt(session.config.threadNumber);
-  context.workload = countRunning(session);
+  if (task.isLate) {  // only then it matters, and all tasks are read
+    context.workload = countRunning(session);
+  }
   context.lastSkip = readLastSkip(session, task.id);
   takeFailure(session, task, context);
   return context;
@@ -116,7 +118,7 @@ std::string tasksPage(Session& session, const QueryValues& values) {
 
 std::string countPage(Session& session, const QueryValues& values) {
   Json::Value json;
-  json["tasks"] = Json::Int64{readTotals(session, selectionOf(values)).tasks};
+  json["tasks"] = Json::Int64{countTasks(session, selectionOf(values))};
   return compactJson(json);
 }
 

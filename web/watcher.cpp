@@ -94,6 +94,10 @@ void Watcher::beginWatch() {
   changed.notify_all();
 }
 
+void Watcher::tellChange(int id) {
+  feed.publish(eventText("tasks", fmt::format("{{\"ids\":[{}]}}", id)));
+}
+
 bool Watcher::isDatabaseUp() const {
   const std::lock_guard lock(mutex);
   return isAnswering();

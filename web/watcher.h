@@ -51,6 +51,8 @@ class Watcher {
   Json::Value overview();
   /// Call it when a viewer comes, so that the next look is at once. Any thread.
   void beginWatch();
+  /// Tells all viewers at once that a person has changed a task. Any thread.
+  void tellChange(int id);
   /// Whether the last look was answered, and not too long ago. Any thread.
   bool isDatabaseUp() const;
 

@@ -33,7 +33,7 @@ struct HttpResponse {
   /// With a feed, the body is only the beginning: the feed's messages follow until the client or
   /// the feed ends the connection.
   std::shared_ptr<HttpFeed> feed = nullptr;
-  std::string feedKey = "";
+  std::string feedKey = {};
 };
 
 /// An address that a server listens on, as given and as used.

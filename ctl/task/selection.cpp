@@ -386,6 +386,13 @@ std::string pageKeyOf(Session& session, const Selection& selection, int id) {
   return found.count() == 1 ? found.text(0, "key") : "";
 }
 
+long countTasks(Session& session, const Selection& selection) {
+  const Conditions conditions(selection, Order{}, false);
+  return session
+      .query("SELECT count(*) AS tasks FROM kodu_task_state" + conditions.sql(), conditions.values)
+      .number(0, "tasks");
+}
+
 Totals readTotals(Session& session, const Selection& selection) {
   const Conditions conditions(selection, Order{}, false);
   Totals totals;

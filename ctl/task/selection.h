@@ -74,8 +74,10 @@ std::vector<int> readIds(Session& session, const Selection& selection);
 /// The key of a task's place in the order, for `Selection::after`; "" when there is no such task.
 std::string pageKeyOf(Session& session, const Selection& selection, int id);
 
-/// How many tasks a selection has, without its limit and its key: by the word of their status, and
-/// those that are late or paused.
+/// How many tasks a selection has, without its limit and its key.
+long countTasks(Session& session, const Selection& selection);
+
+/// The same by the word of their status, and those that are late or paused.
 struct Totals {
   long tasks = 0, late = 0, paused = 0;
   std::map<std::string, long> words;  // "OK", "FAILED", "PROCESS", "-", "paused", "deleted"

@@ -116,6 +116,15 @@ TEST_F(WatcherTest, EndsTheStreamWithItsSession) {
   EXPECT_NE(other.await("event: alive\n"), "");
 }
 
+TEST_F(WatcherTest, TellsOfAChangeByAPerson) {
+  database.insertTask(TaskRow());
+  start();
+  const Stream stream(login(viewer));
+  EXPECT_NE(stream.await("event: alive\n"), "");
+  EXPECT_EQ(login(admin).post("tasks/1/pause").status, 200);
+  EXPECT_NE(stream.await("event: tasks\ndata: {\"ids\":[1]}"), "");
+}
+
 TEST_F(WatcherTest, AsksTheDatabaseOnceForAllViewers) {
   start();
   const Browser browser = login(viewer);
