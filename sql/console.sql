@@ -36,8 +36,8 @@ BEGIN
 END
 $$;
 
--- Why the console must not take a role; NULL when it may. Who can break into the console could otherwise
--- become whoever that role can become.
+-- Why the console must not take a role; NULL when it may. An intruder in the console can do what all of
+-- these roles can do.
 -- By the oid, of which a role that is being dropped does no harm here.
 CREATE OR REPLACE FUNCTION kodu_web_problem(person oid) RETURNS text
 LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
@@ -135,7 +135,7 @@ DECLARE
 BEGIN
     place := pg_current_snapshot();
     is_cut := FALSE;
-    IF since IS NULL OR next_one > pg_snapshot_xmax(place)::text::bigint THEN  -- another server counts anew
+    IF since IS NULL OR next_one > pg_snapshot_xmax(place)::text::bigint THEN  -- another server
         RETURN;
     END IF;
     -- One bucket more, for rows at the border of two.
@@ -175,8 +175,7 @@ LANGUAGE sql SET search_path = pg_catalog, public, pg_temp AS $$
     WHERE plugin.cron_id = task
 $$;
 
--- Writes a row of the audit. Only the console's own sessions can: nobody can write what somebody else, or
--- he himself, has not changed.
+-- Writes a row of the audit. Only the console's own sessions can, so that no row is forged.
 CREATE OR REPLACE FUNCTION kodu_web_note(action text, task integer, before jsonb, after jsonb) RETURNS void
 LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp AS $$
 BEGIN

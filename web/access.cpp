@@ -114,8 +114,7 @@ void Console::requirePassword(const Visit& visit, const std::string& role,
                     "password; pg_hba.conf must ask for one",
                     role));
     throw Refusal(403,
-                  "The database does not ask this role for a password, so nobody can log in "
-                  "with it.");
+                  "The database does not ask this role for a password, so it cannot log in here.");
   }
 }
 

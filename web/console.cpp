@@ -6,6 +6,7 @@
 #include <cctype>
 #include <chrono>
 #include <string_view>
+#include <utility>
 
 #include "ctl/failure.h"
 #include "ctl/session/session.h"
@@ -69,8 +70,8 @@ std::string sentenceOf(const Failure& failure) {
 
 }  // namespace
 
-Console::Console(const WebOptions& given, Pool& databaseSessions, PageFiles pageFiles)
-    : options(given), pool(databaseSessions), pages(std::move(pageFiles)) {}
+Console::Console(WebOptions given, Pool& databaseSessions, PageFiles pageFiles)
+    : options(std::move(given)), pool(databaseSessions), pages(std::move(pageFiles)) {}
 
 HttpResponse Console::answer(const HttpRequest& request) {
   ++requests;

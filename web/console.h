@@ -18,7 +18,7 @@
 /// answer() in several threads at once.
 class Console {
  public:
-  Console(const WebOptions& given, Pool& databaseSessions, PageFiles pageFiles);
+  Console(WebOptions given, Pool& databaseSessions, PageFiles pageFiles);
 
   HttpResponse answer(const HttpRequest& request);
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <unordered_map>
 
-/// How often logins have failed, by address and role: whoever guesses passwords has to wait. Any
-/// thread may call any member.
+/// How often logins have failed, by address and role: after some failures, further logins have to
+/// wait. Any thread may call any member.
 class FailedLogins {
  public:
   using Time = std::chrono::steady_clock::time_point;

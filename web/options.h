@@ -13,7 +13,7 @@ struct WebOptions {
   HttpAddress listen{"127.0.0.1", 9480};
   std::string pageDirectory = "/usr/share/koducron/web";
   std::optional<HttpTls> tls;
-  bool isReadOnly = false;               // nobody changes anything
+  bool isReadOnly = false;               // all changes are refused
   std::string anonymous;                 // the role of who is not logged in; "": none
   std::set<std::string> trustedProxies;  // addresses
 };

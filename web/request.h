@@ -25,8 +25,8 @@ std::map<std::string, std::string> queryValues(const std::string& query);
 /// The value of a cookie; "" when there is none.
 std::string cookieOf(const HttpRequest& request, const std::string& name);
 
-/// The body as a JSON object. Throws Refusal: 415 when it is not said to be JSON, 400 when it is no
-/// object.
+/// The body as a JSON object. Throws Refusal: 415 when it is not said to be JSON, 400 for another
+/// value.
 Json::Value objectIn(const HttpRequest& request);
 
 /// A text of such an object; nothing when it is missing or null. Throws Refusal (400) for another
