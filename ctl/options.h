@@ -18,6 +18,8 @@ struct Options {
 
   // Of the session, set by commands.
   std::string applicationName = "kodu_ctl";
+  // Look for the holder of a lock by a second session while a statement waits.
+  bool namesLockHolders = true;
   std::optional<int> connectTimeout;  // seconds; nothing: that of the database file, else 10
 
   int id = 0;  // of a command about one task

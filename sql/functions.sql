@@ -992,6 +992,15 @@ BEGIN
 END
 $$;
 
+-- Who changes something: the role of the session, and in a session of the console the role that it has taken
+-- for a person. Also within functions that have their owner's rights.
+CREATE OR REPLACE FUNCTION kodu_person() RETURNS text
+LANGUAGE sql STABLE SET search_path = pg_catalog, pg_temp AS $$
+    SELECT CASE WHEN session_user = 'kodu_web'
+                THEN COALESCE(NULLIF(current_setting('role'), 'none'), session_user)
+                ELSE session_user END
+$$;
+
 -- Prevents the task from running until kodu_task_resume, also after a restart of the daemon, or until a
 -- time: then its next run is its first regular one from that time on. A run in progress, including its
 -- retries, is completed first. A pause can get another end during it.
@@ -1017,8 +1026,8 @@ BEGIN
         SELECT * INTO present FROM kodu_cron_pause WHERE cron_id = task;
         was_due := COALESCE(present.next_exec, kodu_soon());
     END IF;
-    INSERT INTO kodu_cron_pause AS pause (cron_id, next_exec, reason, resumes_at)
-    VALUES (task, was_due, COALESCE(kodu_task_pause.reason, present.reason), ends)
+    INSERT INTO kodu_cron_pause AS pause (cron_id, next_exec, paused_by, reason, resumes_at)
+    VALUES (task, was_due, kodu_person(), COALESCE(kodu_task_pause.reason, present.reason), ends)
     ON CONFLICT (cron_id) DO UPDATE SET next_exec = EXCLUDED.next_exec,
         paused_at = EXCLUDED.paused_at, paused_by = EXCLUDED.paused_by, reason = EXCLUDED.reason,
         resumes_at = EXCLUDED.resumes_at;
@@ -1506,9 +1515,9 @@ BEGIN
           AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused',
                               'kodu_follow_request', 'kodu_follow_calendar', 'kodu_check_next_run',
                               'kodu_implied_key')
-          -- sql/ledger.sql, sql/events.sql and sql/hosts.sql grant these
+          -- sql/ledger.sql, sql/events.sql, sql/hosts.sql and sql/console.sql grant these
           AND proname NOT LIKE 'kodu\_ledger\_%' AND proname NOT LIKE 'kodu\_event%'
-          AND proname NOT LIKE 'kodu\_host\_%'
+          AND proname NOT LIKE 'kodu\_host\_%' AND proname NOT LIKE 'kodu\_web\_%'
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);
         EXECUTE format('GRANT EXECUTE ON FUNCTION %s TO kodu_admin', function);

@@ -2,22 +2,18 @@
 
 #include <fmt/format.h>
 
-#include <atomic>
 #include <charconv>
 #include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <optional>
 #include <stdexcept>
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/thread_pool.hpp>
-#include <boost/beast/core.hpp>
-#include <boost/beast/http.hpp>
+
+#include "common/http/client.h"
 
 namespace {
 
@@ -27,7 +23,30 @@ namespace http = beast::http;
 using asio::ip::tcp;
 using boost::system::error_code;
 
-HttpRequest requestOf(const http::request<http::string_body>& message) {
+/// Throws std::runtime_error, which names the file.
+asio::ssl::context tlsContext(const HttpTls& tls) {
+  asio::ssl::context context(asio::ssl::context::tls_server);
+  context.set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_tlsv1 |
+                      asio::ssl::context::no_tlsv1_1);
+  error_code error;
+  context.use_certificate_chain_file(tls.certificateFile, error);
+  if (error) {
+    throw std::runtime_error(
+        fmt::format("cannot read the certificate {}: {}", tls.certificateFile, error.message()));
+  }
+  context.use_private_key_file(tls.keyFile, asio::ssl::context::pem, error);
+  if (error) {
+    throw std::runtime_error(
+        fmt::format("cannot read the key {}, or it is not the certificate's: "
+                    "{}",
+                    tls.keyFile, error.message()));
+  }
+  return context;
+}
+
+}  // namespace
+
+HttpRequest requestOf(const HttpMessage& message, const std::string& peer) {
   HttpRequest request;
   request.method = std::string(message.method_string());
   const std::string target(message.target());
@@ -35,13 +54,13 @@ HttpRequest requestOf(const http::request<http::string_body>& message) {
   request.path = target.substr(0, mark);
   request.query = mark == std::string::npos ? "" : target.substr(mark + 1);
   request.body = message.body();
+  request.peer = peer;
   for (const auto& field : message) {
     request.headers.emplace_back(field.name_string(), field.value());
   }
   return request;
 }
 
-/// What a client gets for a request that cannot be read; nothing when it has gone or was idle.
 std::optional<HttpResponse> refusalOf(const error_code& error) {
   if (error == http::error::body_limit) {
     return HttpResponse{413, "The body is too large.\n"};
@@ -54,107 +73,22 @@ std::optional<HttpResponse> refusalOf(const error_code& error) {
   return isWrong ? std::optional(HttpResponse{400, "This is not HTTP.\n"}) : std::nullopt;
 }
 
-/// What the connections of a server share.
-struct Service {
-  const HttpServer::Handler handler;
-  const HttpLimits limits;
-  asio::thread_pool handlers;
-  std::atomic<std::size_t> connections = 0;
-
-  Service(HttpServer::Handler function, const HttpLimits& given)
-      : handler(std::move(function)), limits(given), handlers(given.handlers) {}
-
-  HttpResponse handle(const HttpRequest& request) const {
-    try {
-      return handler(request);
-    } catch (const std::exception& e) {
-      return {500, fmt::format("The request failed: {}\n", e.what())};
-    }
+HttpResponse HttpService::handle(const HttpRequest& request) const {
+  try {
+    return handler(request);
+  } catch (const std::exception& e) {
+    return {500, fmt::format("The request failed: {}\n", e.what())};
   }
-};
-
-/// One client. Its members run on the thread of the server, one after the other; only the handler
-/// runs on another one meanwhile. It lives as long as an operation refers to it.
-class Client : public std::enable_shared_from_this<Client> {
- public:
-  Client(tcp::socket socket, Service& owner) : stream(std::move(socket)), service(owner) {
-    ++service.connections;
-  }
-  ~Client() { --service.connections; }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-
-  void read() {
-    parser.emplace();
-    parser->header_limit(static_cast<std::uint32_t>(service.limits.headerBytes));
-    parser->body_limit(service.limits.bodyBytes);
-    stream.expires_after(service.limits.idle);
-    http::async_read(
-        stream, buffer, *parser,
-        [self = shared_from_this()](const error_code& error, std::size_t) { self->take(error); });
-  }
-
- private:
-  void take(const error_code& error) {
-    if (error) {
-      if (const auto refusal = refusalOf(error)) {
-        isLast = true;
-        send(*refusal);
-      }
-      return;
-    }
-    stream.expires_never();  // the handler has a limit of its own
-    isLast = !parser->get().keep_alive();
-    asio::post(service.handlers, [self = shared_from_this()] {
-      const HttpResponse answer = self->service.handle(requestOf(self->parser->get()));
-      asio::post(self->stream.get_executor(), [self, answer] { self->send(answer); });
-    });
-  }
-
-  void send(const HttpResponse& answer) {
-    response = {};
-    response.result(answer.status);
-    response.version(11);
-    response.set(http::field::content_type, answer.contentType);
-    for (const auto& [name, value] : answer.headers) {
-      response.set(name, value);
-    }
-    response.keep_alive(!isLast);
-    response.content_length(answer.body.size());
-    if (parser->get().method() != http::verb::head) {
-      response.body() = answer.body;
-    }
-    serializer.emplace(response);
-    stream.expires_after(service.limits.idle);
-    http::async_write(
-        stream, *serializer,
-        [self = shared_from_this()](const error_code& error, std::size_t) { self->finish(error); });
-  }
-
-  void finish(const error_code& error) {
-    if (!error && !isLast) {
-      read();
-      return;
-    }
-    error_code ignored;
-    stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
-  }
-
-  beast::tcp_stream stream;
-  Service& service;
-  beast::flat_buffer buffer;
-  std::optional<http::request_parser<http::string_body>> parser;
-  http::response<http::string_body> response;
-  std::optional<http::response_serializer<http::string_body>> serializer;
-  bool isLast = false;  // the connection is closed after this response
-};
-
-}  // namespace
+}
 
 class HttpServer::Implementation {
  public:
-  Implementation(const HttpAddress& address, Handler handler, const HttpLimits& limits)
+  Implementation(const HttpAddress& address, Handler handler, const HttpLimits& limits,
+                 const std::optional<HttpTls>& tls)
       : service(std::move(handler), limits), acceptor(context), pause(context), signals(context) {
+    if (tls) {
+      encryption.emplace(tlsContext(*tls));
+    }
     try {
       const tcp::endpoint endpoint(asio::ip::make_address(address.host), address.port);
       acceptor.open(endpoint.protocol());
@@ -173,6 +107,7 @@ class HttpServer::Implementation {
   Implementation& operator=(const Implementation&) = delete;
 
   unsigned short port() const { return acceptor.local_endpoint().port(); }
+  std::size_t connections() const { return service.connections; }
   void stop() { context.stop(); }
 
   void run() {
@@ -194,10 +129,20 @@ class HttpServer::Implementation {
         return;
       }
       if (service.connections < service.limits.connections) {
-        std::make_shared<Client>(std::move(socket), service)->read();
+        welcome(std::move(socket));
       }
       accept();
     });
+  }
+
+  void welcome(tcp::socket socket) {
+    if (encryption) {
+      using Client = HttpClientConnection<beast::ssl_stream<beast::tcp_stream>>;
+      std::make_shared<Client>(service, std::move(socket), *encryption)->begin();
+    } else {
+      std::make_shared<HttpClientConnection<beast::tcp_stream>>(service, std::move(socket))
+          ->begin();
+    }
   }
 
   /// There is no descriptor for the client, until other ones end.
@@ -206,7 +151,8 @@ class HttpServer::Implementation {
     pause.async_wait([this](const error_code&) { accept(); });
   }
 
-  Service service;  // outlives the clients, which the context owns
+  HttpService service;  // outlives the clients, which the context owns
+  std::optional<asio::ssl::context> encryption;
   asio::io_context context;
   tcp::acceptor acceptor;
   asio::steady_timer pause;
@@ -242,12 +188,17 @@ HttpAddress parseHttpAddress(const std::string& text) {
   return {host, port};
 }
 
-HttpServer::HttpServer(const HttpAddress& address, Handler handler, const HttpLimits& limits)
-    : implementation(std::make_unique<Implementation>(address, std::move(handler), limits)) {}
+HttpServer::HttpServer(const HttpAddress& address, Handler handler, const HttpLimits& limits,
+                       const std::optional<HttpTls>& tls)
+    : implementation(std::make_unique<Implementation>(address, std::move(handler), limits, tls)) {}
 HttpServer::~HttpServer() = default;
 
 unsigned short HttpServer::port() const {
   return implementation->port();
+}
+
+std::size_t HttpServer::connections() const {
+  return implementation->connections();
 }
 
 void HttpServer::run() {

@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 
 #include <string>
+#include <vector>
 
 #include "ctl/command/commands.h"
 #include "ctl/options.h"
 #include "ctl/session/session.h"
+#include "ctl/task/runs.h"
 #include "ctl/task/task.h"
 #include "ctl/terminal/print.h"
 #include "ctl/terminal/table.h"
@@ -29,26 +31,25 @@ std::string remark(const Task& task) {
   return task.isRunning ? "has a run in progress, which the list begins with" : "";
 }
 
-void printForPeople(const Task& task, const Rows& runs) {
+void printForPeople(const Task& task, const std::vector<long>& runs) {
   const std::string text = remark(task);
-  if (runs.count() == 0 || !text.empty()) {
+  if (runs.empty() || !text.empty()) {
     print("Task {} ({}) {}.\n", task.id, oneLine(task.name), text.empty() ? "has no runs" : text);
   }
-  if (runs.count() == 0) {
+  if (runs.empty()) {
     return;
   }
   Table table({{"DUE (" + zoneName() + ")"}, {"IN", Table::Align::kRight}});
-  for (int row = 0; row < runs.count(); ++row) {
-    const long due = runs.number(row, "due");
+  for (const long due : runs) {
     table.add({timeText(due), due > task.now ? durationText(due - task.now) : "-"});
   }
   table.print();
 }
 
-void printAsJson(const Rows& runs) {
+void printAsJson(const std::vector<long>& runs) {
   Json::Value list(Json::arrayValue);
-  for (int row = 0; row < runs.count(); ++row) {
-    list.append(jsonTime(runs.number(row, "due")));
+  for (const long due : runs) {
+    list.append(jsonTime(due));
   }
   printJson(list);
 }
@@ -59,10 +60,8 @@ int runNext(const Options& options) {
   Session session(options);
   session.makeReadOnly();
   const Task task = readTask(session, options.id);
-  const Rows runs = session.query(
-      "SELECT floor(EXTRACT(EPOCH FROM due))::bigint AS due"
-      " FROM kodu_coming_runs($1::integer, $2::integer) AS due",
-      {std::to_string(task.isFlagged ? -1 : task.id), std::to_string(options.count)});
+  const std::vector<long> runs =
+      readComingRuns(session, task.isFlagged ? -1 : task.id, options.count);
   if (options.asJson) {
     printAsJson(runs);
   } else {

@@ -110,12 +110,11 @@ void forEachStored(Session& session, const Selection& selection, const std::stri
   const std::string ofSet = fmt::format("(${0} = '' OR task_set = ${0})", chosen.values.size());
   // Held, that is copied by the server: a reader of the export may be slow, and a transaction would
   // keep the server from cleaning up behind the daemon's updates.
-  session.query(
-      "DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
-          selectWhere(fmt::format("{} AND {} AND {} ORDER BY key", conditionOf(selection, chosen),
-                                  ofSet, kIsNoPing),
-                      hostColumn(session)),
-      chosen.values);
+  session.query("DECLARE export NO SCROLL CURSOR WITH HOLD FOR " +
+                    selectWhere(fmt::format("{} AND {} AND {} ORDER BY key",
+                                            conditionOf(selection, chosen), ofSet, kIsNoPing),
+                                hostColumn(session)),
+                chosen.values);
   for (int count = 1; count > 0;) {
     const Rows rows = session.query("FETCH 1000 FROM export");
     count = rows.count();

@@ -21,8 +21,9 @@ extern const char* const functionsSql;
 extern const char* const ledgerSql;
 extern const char* const eventsSql;
 extern const char* const metricsSql;
-// These two are loaded again only where they were loaded before.
+// These three are loaded again only where they were loaded before.
 extern const char* const calendarSql;
+extern const char* const consoleSql;
 extern const char* const hostsSql;
 /// One statement: ends the runs that no daemon ends.
 extern const char* const repairSql;

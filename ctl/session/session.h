@@ -112,6 +112,7 @@ class Session {
 
   const std::string conninfo;
   const int lockTimeout, statementTimeout;  // seconds; 0 is no limit
+  const bool namesLockHolders;
   std::string advice;  // added to an error about a table, column or function that is missing
   Notices notices;     // outlives the connection, which writes to it
   Connection connection;

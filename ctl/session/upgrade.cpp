@@ -60,6 +60,9 @@ constexpr const char* kTransactionSettings =
 constexpr const char* kHasCalendars =
     "SELECT to_regproc('public.kodu_calendar_parse') IS NOT NULL AS has_calendars";
 
+constexpr const char* kHasConsole =
+    "SELECT to_regclass('public.kodu_audit') IS NOT NULL AS has_console";
+
 constexpr const char* kHasHosts = "SELECT to_regclass('public.kodu_host') IS NOT NULL AS has_hosts";
 
 void takeTurn(Session& session) {
@@ -104,6 +107,7 @@ void redefine(Session& session) {
   // notifies it too, each new task would run twice.
   const bool hasFunctions = session.query(kHasFunctions).isTrue(0, "has_functions");
   const bool hasCalendars = session.query(kHasCalendars).isTrue(0, "has_calendars");
+  const bool hasConsole = session.query(kHasConsole).isTrue(0, "has_console");
   const bool hasHosts = session.query(kHasHosts).isTrue(0, "has_hosts");
   session.execute(beforeSql);
   session.execute(schemaSql);
@@ -115,6 +119,9 @@ void redefine(Session& session) {
   }
   if (hasCalendars) {
     session.execute(calendarSql);
+  }
+  if (hasConsole) {
+    session.execute(consoleSql);
   }
   if (hasHosts) {
     session.execute(hostsSql);  // last: it copies the rights that the others have given

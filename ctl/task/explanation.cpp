@@ -236,7 +236,7 @@ std::string outputFile(const Task& task, const TaskContext& context) {
 
 }  // namespace
 
-std::vector<std::string> explain(const Task& task, const TaskContext& context) {
+std::vector<std::string> explainState(const Task& task, const TaskContext& context) {
   std::vector<std::string> sentences = {definition(task), lastRun(task), waitingFor(task, context)};
   if ((task.next || task.isPaused()) && task.every && *task.every > 0 && !task.isFlagged) {
     sentences.push_back(nextTimeRule(task, context.lastSkip.has_value()));
@@ -245,6 +245,11 @@ std::vector<std::string> explain(const Task& task, const TaskContext& context) {
     sentences.push_back(lastSkip(*context.lastSkip, task.now));
   }
   sentences.push_back(failing(task, context));
+  return sentences;
+}
+
+std::vector<std::string> explain(const Task& task, const TaskContext& context) {
+  std::vector<std::string> sentences = explainState(task, context);
   if (!context.daemon.canBeTaken()) {
     sentences.push_back(
         fmt::format("The following was checked with your rights, not with those of user {}.",

@@ -20,6 +20,9 @@ struct TaskContext {
 };
 
 /// Sentences: what the task is, how its last run ended, what it waits for, which rule set its next
-/// time, why periods were skipped, since when it has been failing and with which output, whether
-/// its plugin can be run, and whether its output can be written.
+/// time, why periods were skipped, since when it has been failing and with which output. Does not
+/// use the context's `daemon`.
+std::vector<std::string> explainState(const Task& task, const TaskContext& context);
+
+/// The same, and whether its plugin can be run and its output be written.
 std::vector<std::string> explain(const Task& task, const TaskContext& context);

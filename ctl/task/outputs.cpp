@@ -77,17 +77,21 @@ void printKept(const KeptOutput& output, bool withTask, bool asJson) {
   }
 }
 
-Json::Value toJson(const KeptOutput& output) {
+Json::Value toJson(const KeptOutput& output, const std::optional<std::string>& content) {
   Json::Value json;
   json["id"] = output.taskId;
   json["name"] = output.taskName;
   json["time"] = jsonTime(output.time);
   json["failed"] = output.isFailed;
   json["path"] = output.path;
-  try {
-    json["output"] = readOutput(output.path);
-  } catch (const Failure&) {
-    json["output"] = Json::Value();
-  }
+  json["output"] = jsonText(content);
   return json;
+}
+
+Json::Value toJson(const KeptOutput& output) {
+  try {
+    return toJson(output, readOutput(output.path));
+  } catch (const Failure&) {
+    return toJson(output, std::nullopt);
+  }
 }

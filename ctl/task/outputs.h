@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,5 +30,7 @@ void printKept(const KeptOutput& output, bool withTask, bool asJson);
 /// Prints an output alone. On a terminal, its last line ends.
 void printBytes(const std::string& output);
 
-/// The output as a JSON object.
+/// The output as a JSON object with that content; nothing for a file that cannot be read.
+Json::Value toJson(const KeptOutput& output, const std::optional<std::string>& content);
+/// The same with the content of the file.
 Json::Value toJson(const KeptOutput& output);

@@ -36,6 +36,10 @@ LEFT JOIN (SELECT cron_id AS failed_task, count(*) AS recent_failures FROM kodu_
            OFFSET 0) AS failed
 ON failed_task = id)";
 
+constexpr const char* kFailedToday =
+    "id = ANY (ARRAY(SELECT DISTINCT cron_id FROM kodu_cron_error"
+    " WHERE cron_date > now() AT TIME ZONE 'UTC' - interval '1 day'))";
+
 // Texts are compared byte by byte, which is many times faster than by the rules of a language.
 constexpr std::array<SortKey, 10> kSortKeys = {{
     {"id", "id", "int"},
@@ -114,6 +118,7 @@ class Conditions {
     }
     addPattern("name", selection.name);
     addPlugin(selection.plugin);
+    addSearch(selection.search);
     if (selection.isFailed) {
       add("failing");  // may look into the history
     }
@@ -164,7 +169,8 @@ class Conditions {
          {std::pair{selection.isLate, "late"}, std::pair{selection.isRunning, "running"},
           std::pair{selection.isPaused, "paused"}, std::pair{selection.isDeleting, "deleting"},
           std::pair{selection.isNeverRun, "status IS NULL"},
-          std::pair{selection.isKept, "NOT deleting"}}) {
+          std::pair{selection.isKept, "NOT deleting"},
+          std::pair{selection.hasFailedToday, kFailedToday}}) {
       if (isSet) {
         add(condition);
       }
@@ -185,6 +191,23 @@ class Conditions {
       add(fmt::format("(plugin_path LIKE {} OR plugin_path LIKE '%/koduguard')", pattern));
       add(fmt::format("program LIKE {}", pattern));
     }
+  }
+
+  /// Without regard to case.
+  void addSearch(const std::string& text) {
+    if (text.empty()) {
+      return;
+    }
+    std::string literal;
+    for (const char c : text) {
+      literal +=
+          std::string(std::string_view("*?\\").find(c) == std::string_view::npos ? "" : "\\");
+      literal += c;
+    }
+    const std::string begin = likePattern(literal);
+    const std::string anywhere = place("%" + begin + "%", "text");
+    add(fmt::format("(name ILIKE {0} OR program ILIKE {0} OR id::text LIKE {1})", anywhere,
+                    place(begin + "%", "text")));
   }
 
   void addAfter(const Order& order, const PageKey& key) {
@@ -257,7 +280,7 @@ void readAll(Session& session, const Statement& statement, bool isUnlimited,
 
 bool Selection::isLimitedToSome() const {
   return !ids.empty() || !prefix.empty() || name || plugin || isFailed || isLate || isRunning ||
-         isPaused || isDeleting || isNeverRun;
+         isPaused || isDeleting || isNeverRun || hasFailedToday || !search.empty();
 }
 
 const std::vector<std::string>& sortKeys() {
@@ -361,6 +384,13 @@ std::string pageKeyOf(Session& session, const Selection& selection, int id) {
                                 expressionOf(*order.key), sourceOf(order)),
                     {std::to_string(id)});
   return found.count() == 1 ? found.text(0, "key") : "";
+}
+
+long countTasks(Session& session, const Selection& selection) {
+  const Conditions conditions(selection, Order{}, false);
+  return session
+      .query("SELECT count(*) AS tasks FROM kodu_task_state" + conditions.sql(), conditions.values)
+      .number(0, "tasks");
 }
 
 Totals readTotals(Session& session, const Selection& selection) {

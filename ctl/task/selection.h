@@ -17,7 +17,9 @@ struct Selection {
   std::optional<std::string> name, plugin;  // patterns with * and ?; \ takes the next one literally
   bool isFailed = false, isLate = false, isRunning = false, isPaused = false, isDeleting = false;
   bool isNeverRun = false;
-  bool isKept = false;  // not being deleted
+  bool hasFailedToday = false;  // in the last day
+  std::string search;           // in the name or the plugin, or where the id begins; "": any
+  bool isKept = false;          // not being deleted
 
   std::string sort;           // a key of sortKeys(), with ",desc" for the other direction; "": id
   std::optional<long> limit;  // nothing: all
@@ -72,8 +74,10 @@ std::vector<int> readIds(Session& session, const Selection& selection);
 /// The key of a task's place in the order, for `Selection::after`; "" when there is no such task.
 std::string pageKeyOf(Session& session, const Selection& selection, int id);
 
-/// How many tasks a selection has, without its limit and its key: by the word of their status, and
-/// those that are late or paused.
+/// How many tasks a selection has, without its limit and its key.
+long countTasks(Session& session, const Selection& selection);
+
+/// The same by the word of their status, and those that are late or paused.
 struct Totals {
   long tasks = 0, late = 0, paused = 0;
   std::map<std::string, long> words;  // "OK", "FAILED", "PROCESS", "-", "paused", "deleted"

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -108,6 +109,70 @@ TEST_F(HttpServerTest, EndsSlowAndSurplusClients) {
     EXPECT_EQ(client->receive(), "") << "after a second";
   }
   EXPECT_TRUE(waitUntil([&] { return get("/").starts_with("HTTP/1.1 200 "); }));
+}
+
+/// A server whose answers a feed continues.
+class HttpFeedTest : public testing::Test {
+ protected:
+  HttpFeedTest() {
+    limits.feedBytes = 100000;
+    server.emplace(
+        HttpAddress{"127.0.0.1", 0},
+        [this](const HttpRequest& request) {
+          HttpResponse response{200, "begin\n"};
+          response.feed = feed;
+          response.feedKey = request.path;
+          return response;
+        },
+        limits);
+    thread = std::thread([this] { server->run(); });
+  }
+  ~HttpFeedTest() override {
+    server->stop();
+    thread.join();
+  }
+  std::unique_ptr<HttpClient> follow(const std::string& path) {
+    const std::size_t before = feed->count();
+    auto client = std::make_unique<HttpClient>(server->port());
+    client->send("GET " + path + " HTTP/1.1\r\nHost: x\r\n\r\n");
+    EXPECT_TRUE(waitUntil([&] { return feed->count() > before; }));
+    return client;
+  }
+
+  HttpLimits limits = smallLimits();
+  std::shared_ptr<HttpFeed> feed = std::make_shared<HttpFeed>();
+  std::optional<HttpServer> server;
+  std::thread thread;
+};
+
+TEST_F(HttpFeedTest, SendsMessagesToAllWhoFollow) {
+  feed->greet("hello\n");
+  const auto one = follow("/one");
+  const auto two = follow("/two");
+  feed->publish("news\n");
+  for (const auto& client : {one.get(), two.get()}) {
+    EXPECT_THAT(client->receive("news\n"), EndsWith("\r\n\r\nbegin\nhello\nnews\n"));
+  }
+  feed->end("/one");
+  EXPECT_EQ(one->receive(), "");
+  EXPECT_TRUE(waitUntil([&] { return feed->count() == 1; }));
+  feed->publish("more\n");
+  EXPECT_EQ(two->receive("more\n"), "more\n");
+}
+
+TEST_F(HttpFeedTest, ForgetsWhoHasGone) {
+  auto client = follow("/one");
+  client.reset();
+  EXPECT_TRUE(waitUntil([&] { return feed->count() == 0; }));
+}
+
+TEST_F(HttpFeedTest, DropsAFollowerThatDoesNotRead) {
+  const auto client = follow("/one");
+  const std::string large(50000, 'x');
+  EXPECT_TRUE(waitUntil([&] {
+    feed->publish(large);
+    return feed->count() == 0;
+  }));
 }
 
 TEST(HttpServerStopTest, EndsAtSigterm) {
