@@ -1298,6 +1298,53 @@ LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
            EXTRACT(EPOCH FROM state.every)::bigint
     FROM kodu_task_state AS state
     WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused AND calendar IS NULL
+      AND held_from IS NULL
+$$;
+
+-- When maintenance windows hold tasks, see kodu_window_spans.
+CREATE OR REPLACE FUNCTION kodu_spans(windows integer[], since timestamp, until timestamp)
+RETURNS TABLE (begins bigint, ends bigint, spread integer)
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    RETURN QUERY
+    SELECT EXTRACT(EPOCH FROM span.begins)::bigint, EXTRACT(EPOCH FROM span.ends)::bigint, span.spread
+    FROM kodu_window_spans(windows, since, until) AS span;
+END
+$$;
+
+-- The tasks in maintenance windows as a forecast needs them, in seconds since the epoch: the time of a run
+-- that a window holds, and the first regular time after it or that is not past.
+CREATE OR REPLACE FUNCTION kodu_windowed(OUT id integer, OUT windows integer[], OUT slots bigint[],
+                                         OUT zone text, OUT every bigint, OUT held bigint,
+                                         OUT first bigint)
+RETURNS SETOF record
+LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT cron_id, cron_windows, cron_slots, cron_zone, EXTRACT(EPOCH FROM cron_interval)::bigint,
+           CASE WHEN held_from IS NOT NULL THEN EXTRACT(EPOCH FROM cron_next_exec)::bigint END,
+           floor(EXTRACT(EPOCH FROM CASE
+               WHEN cron_slots IS NOT NULL AND held_from IS NULL THEN cron_next_exec
+               WHEN cron_slots IS NOT NULL THEN kodu_slot_after(task, cron_next_exec)
+               ELSE kodu_next_slot(
+                   COALESCE(held_from, cron_next_exec), cron_interval,
+                   CASE WHEN held_from IS NULL THEN date_trunc('second', now() AT TIME ZONE 'UTC')
+                        ELSE cron_next_exec + interval '1 microsecond' END) END))::bigint
+    FROM kodu_task_state AS state JOIN kodu_cron_plugin AS task ON cron_id = state.id
+    WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused AND cron_windows IS NOT NULL
+$$;
+
+-- The first regular time from a moment on, in seconds since the epoch, of a calendar or of an interval.
+CREATE OR REPLACE FUNCTION kodu_slot_from(slots bigint[], zone text, first bigint, every bigint,
+                                          moment bigint) RETURNS bigint
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    IF slots IS NULL THEN
+        RETURN first + every * ceil(greatest(moment - first, 0) / every::float)::bigint;
+    END IF;
+    RETURN EXTRACT(EPOCH FROM kodu_calendar_next_parsed(
+        slots, zone, to_timestamp(greatest(moment, first)) - interval '1 microsecond'))::bigint;
+EXCEPTION WHEN OTHERS THEN
+    RETURN NULL;
+END
 $$;
 
 -- Of a calendar: `first`, or its next time where that is past, and the times after it that are before
@@ -1503,12 +1550,43 @@ BEGIN
     END IF;
     ends := begins + ceil(hours * 3600);
     RETURN QUERY
-    WITH alike AS (
+    WITH windowed AS MATERIALIZED (
+        SELECT task.*, greatest(1, ceil(COALESCE((durations ->> id::text)::numeric, run_seconds)))::bigint
+                       AS took
+        FROM kodu_windowed() AS task
+    ), spans AS MATERIALIZED (
+        SELECT windows, span.*
+        FROM (SELECT DISTINCT windows FROM windowed) AS alike,
+             kodu_spans(windows, to_timestamp(begins) AT TIME ZONE 'UTC',
+                        to_timestamp(ends) AT TIME ZONE 'UTC') AS span
+    ), regular AS (
+        SELECT slots, zone, first, every, windows, took, count(*) AS tasks FROM windowed
+        GROUP BY slots, zone, first, every, windows, took
+    ), in_windows AS (
+        SELECT held AS second, took, count(*) AS tasks FROM windowed WHERE held < ends GROUP BY held, took
+        UNION ALL
+        SELECT second, took, sum(tasks)
+        FROM (SELECT windows, second, took, tasks
+              FROM regular, generate_series(first, ends - 1, every) AS second WHERE slots IS NULL
+              UNION ALL
+              SELECT windows, second, took, tasks
+              FROM regular, kodu_calendar_seconds(slots, zone, first, ends) AS second
+              WHERE slots IS NOT NULL) AS run
+        WHERE NOT EXISTS (SELECT FROM spans WHERE spans.windows = run.windows
+                                              AND second >= spans.begins AND second < spans.ends)
+        GROUP BY second, took
+        UNION ALL
+        SELECT span.ends + (hashint4(id) & 2147483647) % greatest(span.spread, 1), took, 1
+        FROM windowed JOIN spans AS span USING (windows)
+        WHERE kodu_slot_from(slots, zone, first, every, span.begins) < span.ends
+          AND kodu_slot_from(slots, zone, first, every, span.ends) >= span.ends + greatest(span.spread, 1)
+    ), alike AS (
         SELECT first, every, took, count(*) AS tasks
         FROM (SELECT first, every,
                      least(every, greatest(1, ceil(COALESCE((durations ->> id::text)::numeric,
                                                             run_seconds))))::bigint AS took
-              FROM kodu_schedule()) AS task
+              FROM kodu_schedule() AS task
+              WHERE NOT EXISTS (SELECT FROM windowed WHERE windowed.id = task.id)) AS task
         GROUP BY first, every, took
     ), calendars AS (
         SELECT cron_slots, cron_zone, floor(EXTRACT(EPOCH FROM scheduled))::bigint AS first,
@@ -1516,6 +1594,7 @@ BEGIN
                count(*) AS tasks
         FROM kodu_task_state JOIN kodu_cron_plugin ON cron_id = id
         WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused AND cron_slots IS NOT NULL
+          AND cron_windows IS NULL
         GROUP BY 1, 2, 3, 4
     ), started AS (
         SELECT second, took, sum(tasks) AS runs
@@ -1523,7 +1602,9 @@ BEGIN
               FROM alike, generate_series(first, ends - 1, every) AS second
               UNION ALL
               SELECT second, took, tasks
-              FROM calendars, kodu_calendar_seconds(cron_slots, cron_zone, first, ends) AS second) AS run
+              FROM calendars, kodu_calendar_seconds(cron_slots, cron_zone, first, ends) AS second
+              UNION ALL
+              SELECT second, took, tasks FROM in_windows WHERE second < ends) AS run
         GROUP BY second, took
     ), moved AS (
         SELECT second, sum(runs) AS due, sum(runs) AS change FROM started GROUP BY second

@@ -6,7 +6,7 @@
 -- A window moves the next time of a task: kodu_window_add does it with the times that are set, the end of
 -- each run with the one after it (kodu_follow_calendar in sql/functions.sql). cron_windows of a task has the
 -- numbers of the windows that concern it, so that all other tasks cost nothing, and cron_held the time
--- before it was moved. The end of a window needs nobody: the moved times lie behind it.
+-- before it was moved. A window ends by itself, since the moved times lie behind it.
 
 BEGIN;
 SET LOCAL client_min_messages = warning;  -- nothing about what exists already
@@ -227,7 +227,7 @@ BEGIN
         FROM placed WHERE task.cron_id = placed.cron_id AND cron_next_exec <> due
         RETURNING task.cron_id
     )
-    -- The number of notifications is of no use, but the server would leave out what nobody reads.
+    -- The number of notifications is not used, but the server would leave out what is not counted.
     SELECT max(cron_id), count(told) INTO last FROM (
         SELECT cron_id, NULL::text AS told FROM looked
         UNION ALL
@@ -416,6 +416,39 @@ BEGIN
         timezone('UTC', greatest(moment, present.begins_at - interval '1 microsecond'))));
 EXCEPTION WHEN OTHERS THEN
     RETURN NULL;
+END
+$$;
+
+-- The times between two moments in which one of the windows, or several one after the other, hold a task,
+-- and over how many seconds behind it the moved runs are spread.
+CREATE OR REPLACE FUNCTION kodu_window_spans(windows integer[], since timestamp, until timestamp)
+RETURNS TABLE (begins timestamp, ends timestamp, spread integer)
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+#variable_conflict use_variable
+DECLARE
+    place timestamp := since;
+    next record;
+BEGIN
+    FOR turn IN 1..10000 LOOP
+        begins := (SELECT min(CASE WHEN kodu_window_ends(present, place) IS NULL
+                                   THEN kodu_window_begins(present, place) ELSE place END)
+                   FROM kodu_window AS present
+                   WHERE window_id = ANY (windows) AND (ends_at > place) IS NOT FALSE);
+        EXIT WHEN begins IS NULL OR begins >= until;
+        ends := begins;
+        LOOP
+            SELECT moment, present.spread INTO next
+            FROM kodu_window AS present, kodu_window_ends(present, ends) AS moment
+            WHERE window_id = ANY (windows) AND moment IS NOT NULL ORDER BY moment DESC LIMIT 1;
+            EXIT WHEN NOT FOUND OR ends >= until;
+            ends := next.moment;
+            spread := next.spread;
+        END LOOP;
+        IF ends > begins THEN
+            RETURN NEXT;
+        END IF;
+        place := greatest(ends, begins + interval '1 second');
+    END LOOP;
 END
 $$;
 

@@ -26,8 +26,8 @@ constexpr long kMinute = 60;
 constexpr long kHour = 3600;
 constexpr long kDay = 86400;
 
-/// Maintenance windows under the daemon's statements. Times are seconds since the epoch; `now` is that of
-/// the server as the test began.
+/// Maintenance windows under the daemon's statements. Times are seconds since the epoch; `now` is
+/// that of the server as the test began.
 class WindowTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -40,9 +40,8 @@ class WindowTest : public testing::Test {
 
   /// A task of this interval that is due in so many seconds.
   int add(const std::string& every, long in, const std::string& more = "") {
-    const int id = std::stoi(
-        database.value("SELECT kodu_task_add('/bin/true', '" + every + "', first_run => " +
-                       momentOf(now + in) + more + ")"));
+    const int id = std::stoi(database.value("SELECT kodu_task_add('/bin/true', '" + every +
+                                            "', first_run => " + momentOf(now + in) + more + ")"));
     heard();
     return id;
   }
@@ -154,9 +153,10 @@ TEST_F(WindowTest, MovesARunThatIsDueInItToItsEnd) {
   EXPECT_THAT(heard(), ElementsAre(update(inside)));
   EXPECT_EQ(database.query("SELECT id FROM kodu_task_state WHERE held_from IS NOT NULL"),
             (Rows{{std::to_string(inside)}}));
-  EXPECT_EQ(database.query("SELECT concerns, holds, is_open, is_over, reason, made_by = session_user"
-                           " FROM kodu_window_status"),
-            (Rows{{"3", "1", "f", "f", "new disks", "t"}}));
+  EXPECT_EQ(
+      database.query("SELECT concerns, holds, is_open, is_over, reason, made_by = session_user"
+                     " FROM kodu_window_status"),
+      (Rows{{"3", "1", "f", "f", "new disks", "t"}}));
 }
 
 TEST_F(WindowTest, MovesTheRunAfterTheOneThatEnds) {
@@ -193,8 +193,9 @@ TEST_F(WindowTest, SpreadsTheRunsByTheirIds) {
                            "count(DISTINCT cron_held) FROM kodu_cron_plugin, kodu_window_status "
                            "GROUP BY ends"),
             (Rows{{"t", "t", "1"}}));
-  const std::string times = "SELECT string_agg(cron_next_exec::text, ' ' ORDER BY cron_id) FROM "
-                            "kodu_cron_plugin";
+  const std::string times =
+      "SELECT string_agg(cron_next_exec::text, ' ' ORDER BY cron_id) FROM "
+      "kodu_cron_plugin";
   const std::string before = database.value(times);
   call("kodu_window_settle(1)");
   EXPECT_EQ(database.value(times), before);
@@ -300,8 +301,8 @@ TEST_F(WindowTest, Recurs) {
   const int id = add("1 hour", begins + 30 * kMinute - now);
   const std::string calendar = database.value("SELECT to_char(" + momentOf(begins) +
                                               " AT TIME ZONE 'UTC', 'MI HH24 * * *')");
-  const int number = addWindow("names => '{*}', spread => '0', at => '" + calendar +
-                               "', lasts => '2 hours'");
+  const int number =
+      addWindow("names => '{*}', spread => '0', at => '" + calendar + "', lasts => '2 hours'");
 
   EXPECT_EQ(database.nextExec(id), begins + 2 * kHour);
   makeDue(id, begins + kDay - kHour);
@@ -333,7 +334,8 @@ TEST_F(WindowTest, EndsOnlyThisTime) {
 }
 
 TEST_F(WindowTest, HoldsTheTimesOfACalendar) {
-  const int id = std::stoi(database.value("SELECT kodu_task_add('/bin/true', at => '*/5 * * * *')"));
+  const int id =
+      std::stoi(database.value("SELECT kodu_task_add('/bin/true', at => '*/5 * * * *')"));
   const long first = database.nextExec(id);
   addWindow(first + 1 - now, first + kHour + 7 - now);
 
@@ -359,8 +361,9 @@ TEST_F(WindowTest, HoldsATaskThatTheDaemonLoadsInIt) {
 TEST_F(WindowTest, SkipsARunThatWasHeldAndMissed) {
   const int id = add("1 day", kHour);
   addWindow(0, 2 * kHour);
-  pretend("UPDATE kodu_window SET begins_at = begins_at - interval '1 day', ends_at = ends_at - "
-          "interval '1 day'");
+  pretend(
+      "UPDATE kodu_window SET begins_at = begins_at - interval '1 day', ends_at = ends_at - "
+      "interval '1 day'");
   makeDue(id, now + 2 * kHour - kDay);
   pretend("UPDATE kodu_cron_plugin SET cron_held = cron_next_exec - interval '1 hour'");
 
@@ -448,8 +451,8 @@ TEST_F(WindowTest, ConcernsTasksByIdPluginAndName) {
 
 TEST_F(WindowTest, ConcernsTasksThatComeLater) {
   addWindow("lasts => '2 hours', spread => '0', names => '{web*}'");
-  const long ends = std::stol(
-      database.value("SELECT EXTRACT(EPOCH FROM ends)::bigint FROM kodu_window_status"));
+  const long ends =
+      std::stol(database.value("SELECT EXTRACT(EPOCH FROM ends)::bigint FROM kodu_window_status"));
   const int id = add("1 day", kHour, ", name => 'web1'");
   const int other = add("1 day", kHour, ", name => 'disk'");
   EXPECT_EQ(database.nextExec(id), ends);
@@ -461,7 +464,8 @@ TEST_F(WindowTest, ConcernsTasksThatComeLater) {
   EXPECT_EQ(windowsOf(id), "{1}") << "while it is held";
   add("1 day", kHour, ", name => 'disk'");
   database.query("UPDATE kodu_plugins SET plugin_name = 'web3' WHERE plugin_name = 'disk'");
-  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin WHERE cron_held IS NOT NULL"), "3");
+  EXPECT_EQ(database.value("SELECT count(*) FROM kodu_cron_plugin WHERE cron_held IS NOT NULL"),
+            "3");
 }
 
 TEST_F(WindowTest, ListsTheComingRuns) {
@@ -470,6 +474,33 @@ TEST_F(WindowTest, ListsTheComingRuns) {
   EXPECT_EQ(database.query("SELECT EXTRACT(EPOCH FROM due)::bigint - " + std::to_string(now) +
                            " FROM kodu_coming_runs(" + std::to_string(id) + ", 3) AS due"),
             (Rows{{"3600"}, {"18090"}, {"21600"}}));
+}
+
+TEST_F(WindowTest, ForecastsTheRunsAroundIt) {
+  add("1 hour", kHour);
+  add("1 day", 2 * kHour);
+  add("10 minutes", 30 * kMinute);
+  add("1 hour", 30 * kMinute);  // held already
+  database.query("SELECT kodu_task_add('/bin/true', at => '*/20 * * * *')");
+  addWindow("names => '{*}', spread => '7 minutes', begins => " + momentOf(now + 20 * kMinute) +
+            ", ends => " + momentOf(now + 3 * kHour + 100));
+  addWindow("names => '{*}', spread => '7 minutes', lasts => '30 minutes', at => '17 */6 * * *'");
+
+  EXPECT_EQ(
+      database.value("SELECT sum(runs) FROM kodu_forecast(24)"),
+      database.value("SELECT count(*) FROM kodu_cron_plugin, kodu_coming_runs(cron_id, 1000) AS "
+                     "due WHERE due < now() + interval '24 hours'"));
+  EXPECT_EQ(
+      database.value("SELECT string_agg(runs::text, ' ') FROM kodu_forecast(3) WHERE minute > "
+                     "now() + interval '21 minutes' AND runs > 0"),
+      "");
+}
+
+TEST_F(WindowTest, LeavesTasksThatAreHeldWhereTheyAreWhenOthersAreStaggered) {
+  add("10 minutes", 5 * kMinute);
+  add("10 minutes", 5 * kMinute);
+  addWindow(0, kHour);
+  EXPECT_EQ(database.query("SELECT id FROM kodu_stagger(dry_run => FALSE)"), Rows());
 }
 
 TEST_F(WindowTest, RunsAtItsOwnTimesWithAnInvalidCalendar) {
@@ -499,9 +530,10 @@ TEST_F(WindowTest, WaitsForNoLock) {
   addWindow(90 * kMinute, 5 * kHour);
   makeDue(id, now + kHour);
   PQclear(daemon.executeRequest("SET statement_timeout = '20s'"));
-  database.query("BEGIN; LOCK TABLE kodu_cron_pause, kodu_plugins; UPDATE kodu_window SET reason = "
-                 "'x'; SELECT FROM kodu_cron_plugin WHERE cron_id = " +
-                 std::to_string(other) + " FOR UPDATE");
+  database.query(
+      "BEGIN; LOCK TABLE kodu_cron_pause, kodu_plugins; UPDATE kodu_window SET reason = "
+      "'x'; SELECT FROM kodu_cron_plugin WHERE cron_id = " +
+      std::to_string(other) + " FOR UPDATE");
   EXPECT_EQ(runOnce(id), now + 5 * kHour);
   database.query("COMMIT; BEGIN; LOCK TABLE kodu_window");
   EXPECT_EQ(runOnce(id), now + 6 * kHour) << "the interval applies after 100 ms";
