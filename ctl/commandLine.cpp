@@ -156,6 +156,7 @@ class Parser {
     sub->add_flag("--late", selection.isLate, "Only tasks that are late");
     sub->add_flag("--running", selection.isRunning, "Only tasks with a run in progress");
     sub->add_flag("--paused", selection.isPaused, "Only tasks that are paused");
+    sub->add_flag("--held", selection.isHeld, "Only tasks that a maintenance window holds");
     sub->add_flag("--deleting", selection.isDeleting, "Only tasks that are being deleted");
     sub->add_flag("--never-ran", selection.isNeverRun, "Only tasks that have not run yet");
     sub->add_option(
@@ -402,6 +403,7 @@ class Parser {
     addSet();
     addPause();
     addChange("resume", "Let paused tasks run again", runResume);
+    addWindow();
     CLI::App* now = addChange("run", "Run tasks now", runNow);
     now->footer(
         "The run is due in three seconds. If a run is in progress, the new run follows it. Later "
@@ -433,6 +435,66 @@ class Parser {
                      "End the pause at a time, such as 18:00, or after an interval, such as 2h; "
                      "the next run is the first regular one after it")
         ->option_text("TIME (no end)");
+  }
+
+  void addWindow() {
+    CLI::App* window = addCommand(
+        "window", "Keep tasks from running in maintenance windows, or list the windows", runWindow);
+    window->footer(
+        "window list shows the windows that have not ended; with --all, all of them. window add "
+        "adds a window for the tasks that ID, --name and --plugin choose, now or later: one match "
+        "is enough. A run that is due in a window is moved to its end; a run in progress is "
+        "completed. window end ID ends windows early: tasks whose time has passed run at once, "
+        "spread over the time of --spread.");
+    window->add_option("ACTION", options.windowAction, "What to do: list, add or end")
+        ->option_text(valueWithDefault("ACTION", options.windowAction))
+        ->check(CLI::IsMember({"list", "add", "end"}));
+    window
+        ->add_option("ID", options.selection.ids,
+                     "With add: id of a task; with end: number of a window")
+        ->check(CLI::Range(0, 2147483647))
+        ->take_all();
+    window
+        ->add_option("--name", options.windowNames,
+                     "With add: tasks whose name matches GLOB, with * for any characters and ? for "
+                     "one; can be repeated")
+        ->option_text("GLOB")
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->take_all();
+    window
+        ->add_option("--plugin", options.windowPlugins,
+                     "With add: tasks of this plugin, by its name or path; can be repeated")
+        ->option_text("PLUGIN")
+        ->expected(1)
+        ->allow_extra_args(false)
+        ->take_all();
+    window->add_flag("--all", options.isAll, "With add: all tasks; with list: all windows");
+    window->add_option("--reason", options.reason, "With add: the reason for the maintenance")
+        ->option_text("TEXT");
+    window
+        ->add_option("--from", options.windowBegin,
+                     "With add: the window begins at a time, such as 18:00, or after an interval")
+        ->option_text("TIME (now)");
+    window
+        ->add_option("--until", options.until,
+                     "With add: the window ends at a time, such as 20:00, or after an interval")
+        ->option_text("TIME");
+    window->add_option("--for", options.windowLength, "With add: the window has this length")
+        ->option_text("INTERVAL");
+    window
+        ->add_option(
+            "--at", options.calendar,
+            "With add and --for: the window recurs at the times of a calendar, such as 0 2 "
+            "* * sun, in the time zone of --zone")
+        ->option_text("CALENDAR");
+    window
+        ->add_option("--spread", options.windowSpread,
+                     "With add: spread the runs that the window moves over this time after its end")
+        ->option_text(valueWithDefault("INTERVAL", options.windowSpread));
+    window->add_flag("--once", options.isOnce,
+                     "With end: end a window that recurs only for this time");
+    window->add_flag("--dry-run", options.isDryRun, "Show what would be done, but change nothing");
   }
 
   void addAdd() {

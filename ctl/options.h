@@ -117,6 +117,13 @@ struct Options {
   bool isReturning = false;       // watch: fetch what the own host has lent
   int deadAfter = 6;              // watch: seconds
 
+  // window, with selection.ids, reason, until, calendar
+  std::string windowAction = "list";
+  std::vector<std::string> windowNames, windowPlugins;   // add: patterns; names or paths
+  std::optional<std::string> windowBegin, windowLength;  // add
+  std::string windowSpread = "1m";                       // add
+  bool isOnce = false;                                   // end: only the present occurrence
+
   // schema
   std::string schemaAction;  // "": show the state; "upgrade"
   int waitSeconds = 60;

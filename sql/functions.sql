@@ -120,9 +120,22 @@ BEGIN
 END
 $$;
 
--- `new` with the next time of the task's calendar, where the daemon's statements move that time by
--- intervals: the first one after the old time that is not past. A task whose calendar has none is due at
--- the time of a pause. An error would end the daemon; the interval applies then.
+-- When the run that is regularly due at `due` begins: after the maintenance windows that hold it.
+CREATE OR REPLACE FUNCTION kodu_held(task kodu_cron_plugin, due timestamp) RETURNS timestamp
+LANGUAGE plpgsql STABLE AS $$
+BEGIN
+    IF task.cron_windows IS NULL THEN
+        RETURN due;  -- there need not be a sql/windows.sql
+    END IF;
+    RETURN public.kodu_window_hold(task, due);
+END
+$$;
+
+-- `new` with the next time of the task's calendar and behind its maintenance windows, where the daemon's
+-- statements move that time by intervals. With a calendar, it is the first one after the old time that is
+-- not past; a task whose calendar has none is due at the time of a pause. After a run that a window has
+-- moved, the intervals are counted from where it was due before. An error would end the daemon; the
+-- interval applies then.
 --
 -- With the owner's rights, since the daemon's role may have another name than the files of sql/ know.
 CREATE OR REPLACE FUNCTION kodu_follow_calendar(old kodu_cron_plugin, new kodu_cron_plugin)
@@ -131,22 +144,50 @@ LANGUAGE plpgsql SECURITY DEFINER SET search_path = pg_catalog, public, pg_temp 
 DECLARE
     -- The daemon compares whole seconds, and a time equal to the present is not past.
     utc timestamp := date_trunc('second', clock_timestamp() AT TIME ZONE 'UTC');
+    reason text := COALESCE(current_setting('kodu.reason', TRUE), '');
+    ends_run boolean := COALESCE(new.cron_last_exec = old.cron_next_exec
+                                 AND new.cron_status <> 'PROCESS'
+                                 AND new.cron_next_exec = old.cron_next_exec + old.cron_interval, FALSE);
+    due timestamp;
 BEGIN
-    IF new.cron_last_exec = old.cron_next_exec AND new.cron_status <> 'PROCESS'
-       AND new.cron_next_exec = old.cron_next_exec + old.cron_interval
+    IF NOT ends_run
        -- It catches up, by a clock that may be ahead. People and tools change cron_wanted too, or say why
        -- they move the time.
-       OR old.cron_next_exec < utc + interval '1 minute' AND new.cron_next_exec > old.cron_next_exec
-          AND new.cron_next_exec <= utc + old.cron_interval + interval '1 minute'
-          AND EXTRACT(EPOCH FROM new.cron_next_exec - old.cron_next_exec)
-              % EXTRACT(EPOCH FROM old.cron_interval) = 0
-          AND (new.cron_status, new.cron_last_exec, new.cron_wanted, new.cron_delete)
-              IS NOT DISTINCT FROM
-              (old.cron_status, old.cron_last_exec, old.cron_wanted, old.cron_delete)
-          AND COALESCE(current_setting('kodu.reason', TRUE), '') = '' THEN
+       AND NOT COALESCE(
+           old.cron_next_exec < utc + interval '1 minute' AND new.cron_next_exec > old.cron_next_exec
+           AND new.cron_next_exec <= utc + old.cron_interval + interval '1 minute'
+           AND EXTRACT(EPOCH FROM new.cron_next_exec - old.cron_next_exec)
+               % EXTRACT(EPOCH FROM old.cron_interval) = 0
+           AND (new.cron_status, new.cron_last_exec, new.cron_wanted, new.cron_delete)
+               IS NOT DISTINCT FROM
+               (old.cron_status, old.cron_last_exec, old.cron_wanted, old.cron_delete)
+           AND reason = '', FALSE) THEN
+        IF new.cron_held IS NOT DISTINCT FROM old.cron_held AND reason NOT IN ('moved', 'maintenance') THEN
+            new.cron_held := NULL;  -- the time is another one
+        END IF;
+        RETURN new;
+    ELSIF ends_run AND old.cron_wanted = old.cron_next_exec THEN
+        RETURN new;  -- the run began as its time was moved: kodu_follow_request returns to that time
+    END IF;
+    new.cron_held := NULL;
+    IF old.cron_slots IS NOT NULL THEN
         new.cron_next_exec := COALESCE(
             kodu_slot_after(old, greatest(old.cron_next_exec, utc - interval '1 microsecond')),
             kodu_pause_time());
+    ELSIF old.cron_held IS NOT NULL THEN
+        new.cron_next_exec := kodu_next_slot(
+            old.cron_held, old.cron_interval,
+            CASE WHEN ends_run THEN old.cron_next_exec + interval '1 microsecond'
+                 ELSE greatest(utc, old.cron_next_exec + interval '1 microsecond') END);
+    END IF;
+    IF old.cron_windows IS NOT NULL THEN
+        due := kodu_window_hold(old, new.cron_next_exec);
+        IF due > new.cron_next_exec AND due > utc THEN
+            new.cron_held := new.cron_next_exec;
+            new.cron_next_exec := due;
+        ELSIF ends_run THEN
+            new.cron_windows := kodu_window_live(old.cron_windows);
+        END IF;
     END IF;
     RETURN new;
 EXCEPTION WHEN OTHERS THEN
@@ -208,17 +249,18 @@ BEGIN
 END
 $$;
 
--- In place of the function in sql/schema.sql. Reading five columns is all that a task without a request
--- and without a calendar costs.
+-- In place of the function in sql/schema.sql. Reading six columns is all that a task without a request, a
+-- calendar and a maintenance window costs.
 CREATE OR REPLACE FUNCTION kodu_follow_daemon() RETURNS trigger LANGUAGE plpgsql AS $$
 BEGIN
     IF OLD.cron_wanted IS NULL AND NOT OLD.cron_changed AND NOT OLD.cron_delete
-       AND OLD.cron_slots IS NULL
+       AND OLD.cron_slots IS NULL AND OLD.cron_windows IS NULL
        AND NEW.cron_next_exec BETWEEN timestamp '1970-01-01' AND timestamp '2036-01-01' THEN
         RETURN NEW;
     END IF;
     PERFORM public.kodu_check_next_run(OLD, NEW);
-    IF OLD.cron_slots IS NOT NULL AND NEW.cron_next_exec <> OLD.cron_next_exec THEN
+    IF (OLD.cron_slots IS NOT NULL OR OLD.cron_windows IS NOT NULL)
+       AND NEW.cron_next_exec <> OLD.cron_next_exec THEN
         NEW := public.kodu_follow_calendar(OLD, NEW);
     END IF;
     RETURN public.kodu_follow_request(OLD, NEW);
@@ -392,9 +434,10 @@ $$;
 
 -- Sets the time of the next run; during a run, of the one after it. NULL: an interval after it. All
 -- functions that move a time do it here. is_rhythm: a time that is past when the daemon is notified may
--- be moved by an interval, like a missed run.
+-- be moved by an interval, like a missed run. held: from when a maintenance window has moved it.
 CREATE OR REPLACE FUNCTION kodu_move(task kodu_cron_plugin, due timestamp,
-                                     is_rhythm boolean DEFAULT FALSE) RETURNS void
+                                     is_rhythm boolean DEFAULT FALSE, held timestamp DEFAULT NULL)
+RETURNS void
 LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 BEGIN
     IF kodu_runs_now(task) THEN
@@ -408,9 +451,30 @@ BEGIN
         END IF;
     ELSE
         UPDATE kodu_cron_plugin SET cron_next_exec = due,
-            cron_wanted = CASE WHEN NOT is_rhythm THEN due END
+            cron_wanted = CASE WHEN NOT is_rhythm THEN due END, cron_held = held
         WHERE cron_id = task.cron_id;
         PERFORM kodu_tell_update(task.cron_id);
+    END IF;
+END
+$$;
+
+-- The same with one of the task's regular times, which its maintenance windows hold.
+CREATE OR REPLACE FUNCTION kodu_move_to_regular(task kodu_cron_plugin, due timestamp) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+DECLARE
+    begins timestamp := kodu_held(task, due);
+BEGIN
+    PERFORM kodu_move(task, begins, is_rhythm => task.cron_slots IS NOT NULL AND begins = due,
+                      held => CASE WHEN begins <> due THEN due END);
+END
+$$;
+
+-- Says that a time which somebody sets lies in a maintenance window, which does not hold it.
+CREATE OR REPLACE FUNCTION kodu_note_window(task kodu_cron_plugin, due timestamp) RETURNS void
+LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    IF kodu_held(task, due) <> due THEN
+        RAISE NOTICE 'a maintenance window concerns task %; this run is not held', task.cron_id;
     END IF;
 END
 $$;
@@ -681,7 +745,7 @@ BEGIN
     END IF;
     IF due IS NOT NULL AND (pause.resumes_at IS NOT NULL
                             OR pause.cron_id IS NULL AND NOT kodu_runs_now(old)) THEN
-        PERFORM kodu_move(old, due, is_rhythm => TRUE);
+        PERFORM kodu_move_to_regular(wanted, due);
     END IF;
 END
 $$;
@@ -947,6 +1011,7 @@ BEGIN
     END IF;
     IF next_run IS NOT NULL THEN
         PERFORM kodu_move(old, kodu_check_time(next_run, wanted));
+        PERFORM kodu_note_window(old, date_trunc('second', next_run AT TIME ZONE 'UTC'));
     ELSE
         PERFORM kodu_enter_calendar(old, wanted);
     END IF;
@@ -1010,7 +1075,7 @@ LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     old kodu_cron_plugin := kodu_task_take(task);
     ends timestamp := date_trunc('second', until AT TIME ZONE 'UTC');
-    was_due timestamp := greatest(old.cron_next_exec, old.cron_wanted);
+    was_due timestamp := COALESCE(old.cron_held, greatest(old.cron_next_exec, old.cron_wanted));
     present kodu_cron_pause;
 BEGIN
     IF ends <= clock_timestamp() AT TIME ZONE 'UTC' OR ends >= timestamp '2035-01-01' THEN
@@ -1033,9 +1098,11 @@ BEGIN
         resumes_at = EXCLUDED.resumes_at;
     -- The ledger records why the times in between have no run.
     PERFORM set_config('kodu.reason', 'paused', TRUE);
-    PERFORM kodu_move(old, CASE WHEN ends IS NULL THEN kodu_pause_time()
-                                ELSE kodu_regular_time(old, was_due, ends) END,
-                      is_rhythm => old.cron_slots IS NOT NULL);
+    IF ends IS NULL THEN
+        PERFORM kodu_move(old, kodu_pause_time(), is_rhythm => old.cron_slots IS NOT NULL);
+    ELSE
+        PERFORM kodu_move_to_regular(old, kodu_regular_time(old, was_due, ends));
+    END IF;
     PERFORM set_config('kodu.reason', '', TRUE);
 END
 $$;
@@ -1065,7 +1132,7 @@ BEGIN
     END IF;
     -- Assigned, because PERFORM would plan these functions again at each call.
     next_slot := kodu_regular_time(old, COALESCE(was_due, kodu_soon()), kodu_soon());
-    PERFORM kodu_move(old, next_slot, is_rhythm => old.cron_slots IS NOT NULL);
+    PERFORM kodu_move_to_regular(old, next_slot);
 END
 $$;
 
@@ -1081,6 +1148,7 @@ BEGIN
     IF kodu_runs_now(old) THEN
         RAISE NOTICE 'a run of task % is in progress or waits for its retry: the new one follows', task;
     END IF;
+    PERFORM kodu_note_window(old, due);
     PERFORM kodu_move(old, due);
     RETURN due;
 END
@@ -1095,8 +1163,8 @@ LANGUAGE plpgsql SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     old kodu_cron_plugin := kodu_task_lock(task);
     -- Not the time of a pause: the daemon keeps the record of a purged task until its due time.
-    later timestamp := kodu_next_slot(old.cron_next_exec, old.cron_interval,
-                                      kodu_soon() + interval '5 minutes');
+    later timestamp := kodu_next_slot(COALESCE(old.cron_held, old.cron_next_exec), old.cron_interval,
+                                      greatest(kodu_soon() + interval '5 minutes', old.cron_next_exec));
 BEGIN
     IF old.cron_delete THEN
         RETURN;
@@ -1145,7 +1213,8 @@ BEGIN
                             EXTRACT(EPOCH FROM old.cron_next_exec - soon)
                             / EXTRACT(EPOCH FROM old.cron_interval)))::double precision,
                         old.cron_interval, soon) END;
-        UPDATE kodu_cron_plugin SET cron_delete = FALSE, cron_next_exec = due,
+        UPDATE kodu_cron_plugin SET cron_delete = FALSE, cron_next_exec = kodu_held(old, due),
+                                    cron_held = NULLIF(due, kodu_held(old, due)),
                                     cron_wanted = timestamp '1970-01-01'
         WHERE cron_id = task;
         PERFORM kodu_tell_update(task);
@@ -1180,7 +1249,8 @@ SELECT id,
        paused_at,
        paused_by,
        pause_reason,
-       paused_until
+       paused_until,
+       held_from
 FROM kodu_task_state
 WHERE plugin_type = 'cron';
 
@@ -1228,6 +1298,53 @@ LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
            EXTRACT(EPOCH FROM state.every)::bigint
     FROM kodu_task_state AS state
     WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused AND calendar IS NULL
+      AND held_from IS NULL
+$$;
+
+-- When maintenance windows hold tasks, see kodu_window_spans.
+CREATE OR REPLACE FUNCTION kodu_spans(windows integer[], since timestamp, until timestamp)
+RETURNS TABLE (begins bigint, ends bigint, spread integer)
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    RETURN QUERY
+    SELECT EXTRACT(EPOCH FROM span.begins)::bigint, EXTRACT(EPOCH FROM span.ends)::bigint, span.spread
+    FROM kodu_window_spans(windows, since, until) AS span;
+END
+$$;
+
+-- The tasks in maintenance windows as a forecast needs them, in seconds since the epoch: the time of a run
+-- that a window holds, and the first regular time after it or that is not past.
+CREATE OR REPLACE FUNCTION kodu_windowed(OUT id integer, OUT windows integer[], OUT slots bigint[],
+                                         OUT zone text, OUT every bigint, OUT held bigint,
+                                         OUT first bigint)
+RETURNS SETOF record
+LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+    SELECT cron_id, cron_windows, cron_slots, cron_zone, EXTRACT(EPOCH FROM cron_interval)::bigint,
+           CASE WHEN held_from IS NOT NULL THEN EXTRACT(EPOCH FROM cron_next_exec)::bigint END,
+           floor(EXTRACT(EPOCH FROM CASE
+               WHEN cron_slots IS NOT NULL AND held_from IS NULL THEN cron_next_exec
+               WHEN cron_slots IS NOT NULL THEN kodu_slot_after(task, cron_next_exec)
+               ELSE kodu_next_slot(
+                   COALESCE(held_from, cron_next_exec), cron_interval,
+                   CASE WHEN held_from IS NULL THEN date_trunc('second', now() AT TIME ZONE 'UTC')
+                        ELSE cron_next_exec + interval '1 microsecond' END) END))::bigint
+    FROM kodu_task_state AS state JOIN kodu_cron_plugin AS task ON cron_id = state.id
+    WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused AND cron_windows IS NOT NULL
+$$;
+
+-- The first regular time from a moment on, in seconds since the epoch, of a calendar or of an interval.
+CREATE OR REPLACE FUNCTION kodu_slot_from(slots bigint[], zone text, first bigint, every bigint,
+                                          moment bigint) RETURNS bigint
+LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
+BEGIN
+    IF slots IS NULL THEN
+        RETURN first + every * ceil(greatest(moment - first, 0) / every::float)::bigint;
+    END IF;
+    RETURN EXTRACT(EPOCH FROM kodu_calendar_next_parsed(
+        slots, zone, to_timestamp(greatest(moment, first)) - interval '1 microsecond'))::bigint;
+EXCEPTION WHEN OTHERS THEN
+    RETURN NULL;
+END
 $$;
 
 -- Of a calendar: `first`, or its next time where that is past, and the times after it that are before
@@ -1257,14 +1374,19 @@ LANGUAGE plpgsql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
 DECLARE
     row kodu_cron_plugin;
     due timestamp;
+    regular timestamp;
 BEGIN
     SELECT * INTO row FROM kodu_cron_plugin WHERE cron_id = task;
     due := row.cron_next_exec;
+    regular := COALESCE(row.cron_held, due);
     FOR n IN 1..many LOOP
         EXIT WHEN due IS NULL OR due >= kodu_pause_time();
         RETURN NEXT due;
-        due := CASE WHEN row.cron_slots IS NULL THEN due + row.cron_interval
-                    ELSE kodu_slot_after(row, due) END;
+        regular := CASE WHEN row.cron_slots IS NOT NULL THEN kodu_slot_after(row, due)
+                        ELSE regular + row.cron_interval * greatest(1, ceil(EXTRACT(
+                                 EPOCH FROM due + interval '1 microsecond' - regular)
+                                 / EXTRACT(EPOCH FROM row.cron_interval)))::double precision END;
+        due := kodu_held(row, regular);
     END LOOP;
 END
 $$;
@@ -1428,12 +1550,43 @@ BEGIN
     END IF;
     ends := begins + ceil(hours * 3600);
     RETURN QUERY
-    WITH alike AS (
+    WITH windowed AS MATERIALIZED (
+        SELECT task.*, greatest(1, ceil(COALESCE((durations ->> id::text)::numeric, run_seconds)))::bigint
+                       AS took
+        FROM kodu_windowed() AS task
+    ), spans AS MATERIALIZED (
+        SELECT windows, span.*
+        FROM (SELECT DISTINCT windows FROM windowed) AS alike,
+             kodu_spans(windows, to_timestamp(begins) AT TIME ZONE 'UTC',
+                        to_timestamp(ends) AT TIME ZONE 'UTC') AS span
+    ), regular AS (
+        SELECT slots, zone, first, every, windows, took, count(*) AS tasks FROM windowed
+        GROUP BY slots, zone, first, every, windows, took
+    ), in_windows AS (
+        SELECT held AS second, took, count(*) AS tasks FROM windowed WHERE held < ends GROUP BY held, took
+        UNION ALL
+        SELECT second, took, sum(tasks)
+        FROM (SELECT windows, second, took, tasks
+              FROM regular, generate_series(first, ends - 1, every) AS second WHERE slots IS NULL
+              UNION ALL
+              SELECT windows, second, took, tasks
+              FROM regular, kodu_calendar_seconds(slots, zone, first, ends) AS second
+              WHERE slots IS NOT NULL) AS run
+        WHERE NOT EXISTS (SELECT FROM spans WHERE spans.windows = run.windows
+                                              AND second >= spans.begins AND second < spans.ends)
+        GROUP BY second, took
+        UNION ALL
+        SELECT span.ends + (hashint4(id) & 2147483647) % greatest(span.spread, 1), took, 1
+        FROM windowed JOIN spans AS span USING (windows)
+        WHERE kodu_slot_from(slots, zone, first, every, span.begins) < span.ends
+          AND kodu_slot_from(slots, zone, first, every, span.ends) >= span.ends + greatest(span.spread, 1)
+    ), alike AS (
         SELECT first, every, took, count(*) AS tasks
         FROM (SELECT first, every,
                      least(every, greatest(1, ceil(COALESCE((durations ->> id::text)::numeric,
                                                             run_seconds))))::bigint AS took
-              FROM kodu_schedule()) AS task
+              FROM kodu_schedule() AS task
+              WHERE NOT EXISTS (SELECT FROM windowed WHERE windowed.id = task.id)) AS task
         GROUP BY first, every, took
     ), calendars AS (
         SELECT cron_slots, cron_zone, floor(EXTRACT(EPOCH FROM scheduled))::bigint AS first,
@@ -1441,6 +1594,7 @@ BEGIN
                count(*) AS tasks
         FROM kodu_task_state JOIN kodu_cron_plugin ON cron_id = id
         WHERE plugin_type = 'cron' AND NOT deleting AND NOT paused AND cron_slots IS NOT NULL
+          AND cron_windows IS NULL
         GROUP BY 1, 2, 3, 4
     ), started AS (
         SELECT second, took, sum(tasks) AS runs
@@ -1448,7 +1602,9 @@ BEGIN
               FROM alike, generate_series(first, ends - 1, every) AS second
               UNION ALL
               SELECT second, took, tasks
-              FROM calendars, kodu_calendar_seconds(cron_slots, cron_zone, first, ends) AS second) AS run
+              FROM calendars, kodu_calendar_seconds(cron_slots, cron_zone, first, ends) AS second
+              UNION ALL
+              SELECT second, took, tasks FROM in_windows WHERE second < ends) AS run
         GROUP BY second, took
     ), moved AS (
         SELECT second, sum(runs) AS due, sum(runs) AS change FROM started GROUP BY second
@@ -1497,7 +1653,8 @@ GRANT INSERT (cron_plugin_id, cron_interval, cron_next_exec, cron_log_file, cron
               cron_retries_interval, cron_parameter, cron_wanted, cron_calendar, cron_zone),
       UPDATE (cron_plugin_id, cron_interval, cron_next_exec, cron_log_file, cron_retries,
               cron_retries_interval, cron_parameter, cron_delete, cron_wanted, cron_calendar, cron_zone,
-              cron_last_exec)  -- after a run that ended during a pause
+              cron_last_exec,  -- after a run that ended during a pause
+              cron_windows, cron_held)
     ON kodu_cron_plugin TO kodu_admin;
 GRANT DELETE ON kodu_cron_error TO kodu_admin;
 GRANT INSERT, UPDATE, DELETE ON kodu_cron_pause, kodu_cron_key TO kodu_admin;
@@ -1515,9 +1672,11 @@ BEGIN
           AND proname NOT IN ('kodu_pause_time', 'kodu_is_running', 'kodu_is_paused',
                               'kodu_follow_request', 'kodu_follow_calendar', 'kodu_check_next_run',
                               'kodu_implied_key')
-          -- sql/ledger.sql, sql/events.sql, sql/hosts.sql and sql/console.sql grant these
+          -- sql/ledger.sql, sql/events.sql, sql/hosts.sql, sql/windows.sql and sql/console.sql grant
+          -- these
           AND proname NOT LIKE 'kodu\_ledger\_%' AND proname NOT LIKE 'kodu\_event%'
           AND proname NOT LIKE 'kodu\_host\_%' AND proname NOT LIKE 'kodu\_web\_%'
+          AND proname NOT LIKE 'kodu\_window\_%'
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);
         EXECUTE format('GRANT EXECUTE ON FUNCTION %s TO kodu_admin', function);
@@ -1525,6 +1684,6 @@ BEGIN
 END
 $$;
 GRANT SELECT ON kodu_calendar_fault TO kodu;  -- of the tools
-GRANT EXECUTE ON FUNCTION kodu_calendar_problem, kodu_coming_runs, kodu_slot_after TO kodu;
+GRANT EXECUTE ON FUNCTION kodu_calendar_problem, kodu_coming_runs, kodu_slot_after, kodu_held TO kodu;
 
 COMMIT;

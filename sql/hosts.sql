@@ -587,7 +587,7 @@ BEGIN
     WITH ended AS (
         UPDATE kodu_cron_plugin AS task
         SET cron_status = 'FAILED',
-            cron_next_exec = kodu_host_slot(was, was.cron_next_exec)
+            cron_next_exec = kodu_held(was, kodu_host_slot(was, was.cron_next_exec))
         FROM kodu_cron_plugin AS was  -- a trigger may move the time
         WHERE task.cron_id = was.cron_id AND task.cron_host = dead AND task.cron_status = 'PROCESS'
         RETURNING was.cron_id, was.cron_next_exec
@@ -595,7 +595,8 @@ BEGIN
     INSERT INTO kodu_cron_repair (cron_id, was_due, cron_host)
     SELECT cron_id, cron_next_exec, dead FROM ended ORDER BY cron_id;
     -- The daemon would do the same as it loads them, but the ledger would not know why.
-    UPDATE kodu_cron_plugin AS task SET cron_next_exec = kodu_host_slot(task, cron_next_exec)
+    UPDATE kodu_cron_plugin AS task
+    SET cron_next_exec = kodu_held(task, kodu_host_slot(task, cron_next_exec))
     WHERE cron_host = dead AND cron_id IS DISTINCT FROM ping AND cron_next_exec < kodu_host_utc();
 
     RETURN QUERY

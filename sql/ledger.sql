@@ -421,6 +421,19 @@ BEGIN
 END
 $$;
 
+-- How many periods a maintenance window skips that moves a run from `place` to the later `target`: those
+-- that begin in between, less the one whose run it moves. When it is ended early, the run moves back.
+CREATE OR REPLACE FUNCTION kodu_ledger_held(task kodu_cron_plugin, place timestamp, target timestamp)
+RETURNS integer
+LANGUAGE plpgsql STABLE AS $$
+BEGIN
+    IF task.cron_slots IS NULL THEN
+        RETURN kodu_ledger_periods(task, place, target);
+    END IF;
+    RETURN greatest(kodu_ledger_periods(task, place, target + interval '1 microsecond') - 1, 0);
+END
+$$;
+
 -- An attempt that UpdateCronState did not end: a failure with a retry to come, or a run that the end of
 -- the daemon has interrupted. Returns when it ended; NULL when it is still in progress.
 CREATE OR REPLACE FUNCTION kodu_ledger_close(task kodu_cron_plugin, new kodu_cron_plugin,
@@ -518,7 +531,11 @@ DECLARE
     following timestamp;
     slots integer;
     reached timestamp;
+    is_asked boolean := new.cron_wanted IS DISTINCT FROM old.cron_wanted
+                        OR ends_run AND old.cron_wanted IS NOT NULL;
     is_by_calendar boolean := FALSE;  -- and not by a request
+    is_by_window boolean := FALSE;
+    regular timestamp := new.cron_next_exec;  -- before a maintenance window moved it
 BEGIN
     IF pg_trigger_depth() = 0 THEN
         RAISE EXCEPTION 'only the trigger of the ledger calls this function' USING
@@ -531,23 +548,29 @@ BEGIN
     IF old.ledger_to <> place AND old.ledger_lost IS NULL THEN  -- it was off
         old.run_failing_since := '-infinity';
     END IF;
+    IF num_nonnulls(old.cron_held, new.cron_held) > 0 THEN
+        is_by_window := current_setting('kodu.reason', TRUE) IS NOT DISTINCT FROM 'maintenance'
+                        OR present.life_id IS NOT NULL AND NOT is_asked;
+        IF present.life_id IS NOT NULL AND NOT is_asked THEN
+            regular := COALESCE(new.cron_held, regular);
+        END IF;
+    END IF;
     IF old.cron_slots IS NOT NULL AND said.cron_next_exec <> old.cron_next_exec THEN
         BEGIN
-            is_by_calendar := new.cron_wanted IS NOT DISTINCT FROM old.cron_wanted
-                              AND NOT (ends_run AND old.cron_wanted IS NOT NULL);
+            is_by_calendar := NOT is_asked;
             IF ends_run THEN
                 following := kodu_ledger_following(old, place);
             END IF;
-            IF is_by_calendar AND new.cron_next_exec > COALESCE(following, place)
-               AND new.cron_next_exec < kodu_pause_time() THEN
+            IF is_by_calendar AND regular > COALESCE(following, place)
+               AND regular < kodu_pause_time() THEN
                 -- The calendar has chosen its first time that is not past: the years up to that of a rare
                 -- one have none, and are not counted day by day.
                 reached := greatest(clock_timestamp() AT TIME ZONE 'UTC',
                                     COALESCE(following, place) + interval '1 microsecond');
                 slots := kodu_ledger_begun(
                     old, COALESCE(following, place),
-                    CASE WHEN new.cron_next_exec = said.cron_next_exec THEN new.cron_next_exec
-                         ELSE least(new.cron_next_exec, reached) END);
+                    CASE WHEN regular = said.cron_next_exec THEN regular
+                         ELSE least(regular, reached) END);
             END IF;
         EXCEPTION WHEN OTHERS THEN
             old.cron_slots := NULL;  -- from here on, the interval counts
@@ -571,19 +594,18 @@ BEGIN
     END IF;
     new.run_failing_since := kodu_ledger_failing(old, new);
 
-    IF is_by_calendar AND present.life_id IS NOT NULL AND new.cron_next_exec > place
-       AND new.cron_next_exec < kodu_pause_time()
+    IF is_by_calendar AND present.life_id IS NOT NULL AND regular > place
+       AND regular < kodu_pause_time()
        AND (ends_run OR said.cron_status IS NOT DISTINCT FROM old.cron_status) THEN
         -- A calendar passes over what a run has taken too long for at once.
-        PERFORM kodu_ledger_skip(CASE WHEN ends_run THEN new ELSE old END, place, new.cron_next_exec,
-                                 present, slots);
-        place := new.cron_next_exec;
+        PERFORM kodu_ledger_skip(CASE WHEN ends_run THEN new ELSE old END, place, regular, present,
+                                 slots);
+        place := regular;
     ELSIF old.cron_slots IS NULL AND NOT ends_run AND present.life_id IS NOT NULL
           AND said.cron_next_exec > old.cron_next_exec AND said.cron_next_exec < kodu_pause_time()
           AND said.cron_status IS NOT DISTINCT FROM old.cron_status THEN
-        reached := CASE WHEN new.cron_next_exec = said.cron_next_exec THEN new.cron_next_exec
-                        ELSE place + old.cron_interval
-                                     * kodu_ledger_periods(old, place, new.cron_next_exec) END;
+        reached := CASE WHEN regular = said.cron_next_exec THEN regular
+                        ELSE place + old.cron_interval * kodu_ledger_periods(old, place, regular) END;
         PERFORM kodu_ledger_skip(old, place, reached, present);
         place := reached;
     END IF;
@@ -595,7 +617,10 @@ BEGIN
         END IF;
         new.pause_due := place;
     ELSE
-        IF new.cron_next_exec <> place THEN
+        IF new.cron_next_exec <> place AND is_by_window THEN
+            PERFORM kodu_ledger_put(old, 0, 'w', place, place, new.cron_next_exec,
+                                    kodu_ledger_held(old, place, new.cron_next_exec));
+        ELSIF new.cron_next_exec <> place THEN
             PERFORM kodu_ledger_move(old, place, new.cron_next_exec);
         END IF;
         new.pause_due := NULL;
@@ -683,6 +708,7 @@ BEGIN
     ELSIF NEW.cron_last_exec = OLD.cron_next_exec AND OLD.cron_status = 'PROCESS'
           AND OLD.ledger_to = OLD.cron_next_exec AND OLD.run_ended IS NULL
           AND OLD.run_due IS NOT NULL AND OLD.ledger_lost IS NULL AND OLD.cron_slots IS NULL
+          AND OLD.cron_windows IS NULL
           -- a run ends
           AND NEW.cron_next_exec BETWEEN timestamp '1970-01-01' AND timestamp '2036-01-01'
           -- Last, when all else is true; to the end of the statement, which is the daemon's whole
@@ -723,7 +749,8 @@ BEGIN
     DECLARE
         asked public.kodu_cron_plugin := NEW;
     BEGIN
-        IF OLD.cron_slots IS NOT NULL AND NEW.cron_next_exec <> OLD.cron_next_exec THEN
+        IF (OLD.cron_slots IS NOT NULL OR OLD.cron_windows IS NOT NULL)
+           AND NEW.cron_next_exec <> OLD.cron_next_exec THEN
             asked := public.kodu_follow_calendar(OLD, NEW);
         END IF;
         IF OLD.cron_wanted IS NOT NULL OR OLD.cron_changed OR OLD.cron_delete THEN
@@ -795,7 +822,7 @@ UNION ALL
 SELECT cron_id, ledger_id, moved_from + make_interval(secs => every) * periods, moved_to
 FROM kodu_ledger
 WHERE round(EXTRACT(EPOCH FROM moved_to - moved_from) / NULLIF(every, 0)) <> periods
-  AND outcome NOT IN ('n', 'c', 'z');
+  AND outcome NOT IN ('n', 'c', 'z', 'w');
 
 -- One row a task that has rows since then (by default, in the whole ledger). periods: from the first of
 -- its times to the last, counted by the interval; where a person or a tool has moved the time, the
@@ -837,7 +864,7 @@ LANGUAGE sql STABLE AS $$
                COALESCE(sum(row.periods) FILTER (WHERE outcome = 'm'), 0) AS moved,
                COALESCE(sum(row.periods) FILTER (WHERE outcome = 'w'), 0) AS maintenance,
                COALESCE(sum(row.periods) FILTER (WHERE outcome = 'z'), 0) AS unrecorded
-        FROM (SELECT *, outcome IN ('c', 'z')
+        FROM (SELECT *, outcome IN ('c', 'z', 'w')
                         AND moved_to <> moved_from + pg_catalog.make_interval(secs => every) * periods
                         AS is_shift
               FROM public.kodu_ledger

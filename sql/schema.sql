@@ -20,8 +20,8 @@ SET LOCAL search_path = public;
 
 -- The number and the title of the latest file in sql/migrations, which changed existing tables to what
 -- this file creates.
-SET LOCAL kodu.schema_version = '9';
-SET LOCAL kodu.schema_title = 'give tasks calendars';
+SET LOCAL kodu.schema_version = '10';
+SET LOCAL kodu.schema_title = 'hold tasks in windows';
 
 -- CREATE TABLE below does not change tables of another version, but the rest of this file would change.
 DO $$
@@ -103,7 +103,11 @@ CREATE TABLE IF NOT EXISTS kodu_cron_plugin (
     -- cron_calendar as kodu_calendar_parse returns it.
     cron_calendar text,
     cron_zone     text,
-    cron_slots    bigint[]
+    cron_slots    bigint[],
+    -- The maintenance windows that concern the task, see sql/windows.sql, and when its next run would be
+    -- due if none of them held it; NULL in all others.
+    cron_windows  integer[],
+    cron_held     timestamp
 ) WITH (fillfactor = 70);
 
 -- cron_id refers to a task without a foreign key. The daemon deletes a task's history and then its
@@ -590,7 +594,9 @@ SELECT task.cron_id AS id,
        cron_calendar AS calendar,
        cron_zone AS zone,
        -- Its calendar has no coming time, so the end of its last run has paused it.
-       paused AND cron_slots IS NOT NULL AND next_exec IS NULL AS parked
+       paused AND cron_slots IS NOT NULL AND next_exec IS NULL AS parked,
+       CASE WHEN NOT running AND NOT paused AND NOT cron_delete AND cron_next_exec >= utc
+            THEN cron_held END AS held_from
 FROM kodu_cron_plugin AS task
 LEFT JOIN kodu_plugins ON plugin_id = cron_plugin_id  -- never without one
 LEFT JOIN kodu_cron_pause AS pause ON pause.cron_id = task.cron_id
@@ -673,11 +679,17 @@ COMMENT ON COLUMN kodu_cron_plugin.cron_calendar IS
     'cron_interval';
 COMMENT ON COLUMN kodu_cron_plugin.cron_zone IS 'Time zone of the calendar';
 COMMENT ON COLUMN kodu_cron_plugin.cron_slots IS 'The calendar as kodu_calendar_parse returns it';
+COMMENT ON COLUMN kodu_cron_plugin.cron_windows IS
+    'The maintenance windows that concern the task, until its first run after they have ended; NULL: none';
+COMMENT ON COLUMN kodu_cron_plugin.cron_held IS
+    'UTC; when the next run would be due if no maintenance window held it; NULL: none does';
 COMMENT ON TABLE kodu_cron_pause IS 'One row a paused task; times are UTC';
 COMMENT ON COLUMN kodu_cron_pause.next_exec IS 'Next due time at the moment of the pause';
 COMMENT ON COLUMN kodu_cron_pause.resumes_at IS
     'When it ends by itself; NULL: never; past: it has ended';
 COMMENT ON COLUMN kodu_task_state.paused_until IS 'When the pause ends by itself; NULL: never';
+COMMENT ON COLUMN kodu_task_state.held_from IS
+    'When the next run would be due if no maintenance window held it; NULL: none does';
 COMMENT ON TABLE kodu_cron_key IS 'One row a task with a key, which it keeps when its name changes';
 COMMENT ON COLUMN kodu_cron_key.task_set IS 'The set of declared tasks that it belongs to; NULL: none';
 COMMENT ON VIEW kodu_daemon_state IS 'One row: whether the daemon is connected to this database';

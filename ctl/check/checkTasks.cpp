@@ -39,6 +39,19 @@ void lookAtCalendars(Session& session, Findings& findings) {
                      });
 }
 
+void lookAtWindows(Session& session, Findings& findings) {
+  if (!session.query("SELECT to_regclass('kodu_window_fault') IS NOT NULL AS is_there")
+           .isTrue(0, "is_there")) {
+    return;
+  }
+  session.forEachRow(
+      "SELECT id, problem FROM kodu_window_fault ORDER BY id", {}, [&](Fields& fields) {
+        const std::string id = fields.text();
+        findings.addError("maintenance window " + id +
+                          " holds no task, because its calendar sets no time: " + fields.text());
+      });
+}
+
 }  // namespace
 
 void checkTasks(Session& session, const DaemonIdentity& daemon, Findings& findings) {
@@ -46,4 +59,5 @@ void checkTasks(Session& session, const DaemonIdentity& daemon, Findings& findin
   const AsDaemon rights(daemon);
   forEachDefinition(session, [&](const Task& task) { rules.look(task); });
   lookAtCalendars(session, findings);
+  lookAtWindows(session, findings);
 }

@@ -38,3 +38,4 @@ int runSchema(const Options& options);
 int runAccount(const Options& options);
 int runLedger(const Options& options);
 int runHost(const Options& options);
+int runWindow(const Options& options);

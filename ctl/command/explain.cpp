@@ -19,6 +19,28 @@
 #include "ctl/terminal/printable.h"
 #include "ctl/terminal/text.h"
 
+namespace {
+
+constexpr const char* kWindow = R"(
+SELECT window_id || ' (' || reason || ')' AS window
+FROM kodu_window AS present, kodu_window_ends(present, timestamp '1970-01-01'
+                                                       + make_interval(secs => $2::bigint)) AS ends
+WHERE window_id = ANY ((SELECT cron_windows FROM kodu_cron_plugin WHERE cron_id = $1::int)::int[])
+  AND ends IS NOT NULL
+ORDER BY ends DESC LIMIT 1)";
+
+/// The maintenance window that the task's own time is in; "" for a task that none holds.
+std::string windowOf(Session& session, const Task& task) {
+  if (!task.heldFrom) {
+    return "";
+  }
+  const Rows found =
+      session.query(kWindow, {std::to_string(task.id), std::to_string(*task.heldFrom)});
+  return found.count() == 1 ? found.text(0, "window") : "";
+}
+
+}  // namespace
+
 std::vector<std::string> explainTask(Session& session, const Task& task) {
   TaskContext context;
   context.daemon = findDaemon(session.config);
@@ -26,6 +48,7 @@ std::vector<std::string> explainTask(Session& session, const Task& task) {
   context.workers = stringToInt(session.config.threadNumber);
   context.workload = countRunning(session);
   context.lastSkip = readLastSkip(session, task.id);
+  context.window = windowOf(session, task);
   {
     // Writers of rows and outputs choose which file is read: with root's rights, it could be any
     // file.

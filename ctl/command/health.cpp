@@ -39,6 +39,7 @@ struct Figures {
   std::optional<long> unwritten;  // rows of the ledger; nothing without one
   long unpruned = 0;              // since the ledger was pruned, or switched on
   long calendars = 0;             // tasks whose calendar sets no time
+  long windows = 0;               // maintenance windows whose calendar sets none
 };
 
 constexpr long kDay = 86400;
@@ -118,6 +119,11 @@ Figures readFigures(const Options& options, const Thresholds& limits) {
     found.calendars =
         session.query("SELECT count(*) AS faults FROM kodu_calendar_fault").number(0, "faults");
   }
+  if (session.query("SELECT to_regclass('kodu_window_fault') IS NOT NULL AS is_there")
+          .isTrue(0, "is_there")) {
+    found.windows =
+        session.query("SELECT count(*) AS faults FROM kodu_window_fault").number(0, "faults");
+  }
   return found;
 }
 
@@ -162,6 +168,10 @@ Judgement judgementOf(const Figures& found, const Thresholds& limits) {
     judgement.raise(kWarning, fmt::format("{} with a calendar that sets no time: see koductl check",
                                           counted(found.calendars, "task")));
   }
+  if (found.windows > 0) {
+    judgement.raise(kWarning, fmt::format("{} with a calendar that sets no time: see koductl check",
+                                          counted(found.windows, "maintenance window")));
+  }
   if (found.sessions == 0) {
     judgement.raise(kCritical, "no session of the daemon");
   }
@@ -192,6 +202,7 @@ Json::Value toJson(const Figures& found, const Judgement& judgement) {
   json["daemons"] = Json::Int64{found.daemons};
   json["ledger_unwritten"] = jsonNumber(found.unwritten);
   json["calendar_faults"] = Json::Int64{found.calendars};
+  json["window_faults"] = Json::Int64{found.windows};
   return json;
 }
 

@@ -28,6 +28,9 @@ std::string remark(const Task& task) {
   if (task.pause) {
     return oneLine(pauseText(*task.pause, task.now));
   }
+  if (task.heldFrom) {
+    return "is held by a maintenance window; its own time was " + zonedTime(*task.heldFrom);
+  }
   return task.isRunning ? "has a run in progress, which the list begins with" : "";
 }
 

@@ -43,6 +43,9 @@ std::string flagsText(const Task& task) {
   if (task.isParked) {
     return " (its calendar has no coming time)";
   }
+  if (task.heldFrom) {
+    return fmt::format(" (held by a maintenance window since {})", zonedTime(*task.heldFrom));
+  }
   return task.pause ? " (" + oneLine(pauseText(*task.pause, task.now)) + ")" : "";
 }
 

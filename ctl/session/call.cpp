@@ -16,7 +16,8 @@ FROM pg_proc WHERE proname = $1 AND pronamespace = 'public'::regnamespace)";
 const char* fileOf(const std::string& function) {
   for (const auto& [prefix, file] : {std::pair("kodu_ledger_", "ledger.sql"),
                                      {"kodu_events_", "events.sql"},
-                                     {"kodu_metric_", "metrics.sql"}}) {
+                                     {"kodu_metric_", "metrics.sql"},
+                                     {"kodu_window_", "windows.sql"}}) {
     if (function.starts_with(prefix)) {
       return file;
     }

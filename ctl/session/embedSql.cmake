@@ -8,7 +8,7 @@ function(read_sql name result)
 endfunction()
 
 set(source "// Made by ctl/session/embedSql.cmake.\n#include \"ctl/session/schemaSql.h\"\n\n")
-foreach(name schema functions ledger events metrics calendar console hosts repair before after)
+foreach(name schema functions ledger events metrics calendar windows console hosts repair before after)
   set(path ${name}.sql)
   if(name MATCHES "before|after")
     set(path migrations/${path})

@@ -23,6 +23,7 @@ extern const char* const eventsSql;
 extern const char* const metricsSql;
 // These three are loaded again only where they were loaded before.
 extern const char* const calendarSql;
+extern const char* const windowsSql;
 extern const char* const consoleSql;
 extern const char* const hostsSql;
 /// One statement: ends the runs that no daemon ends.

@@ -60,6 +60,9 @@ constexpr const char* kTransactionSettings =
 constexpr const char* kHasCalendars =
     "SELECT to_regproc('public.kodu_calendar_parse') IS NOT NULL AS has_calendars";
 
+constexpr const char* kHasWindows =
+    "SELECT to_regclass('public.kodu_window') IS NOT NULL AS has_windows";
+
 constexpr const char* kHasConsole =
     "SELECT to_regclass('public.kodu_audit') IS NOT NULL AS has_console";
 
@@ -107,6 +110,7 @@ void redefine(Session& session) {
   // notifies it too, each new task would run twice.
   const bool hasFunctions = session.query(kHasFunctions).isTrue(0, "has_functions");
   const bool hasCalendars = session.query(kHasCalendars).isTrue(0, "has_calendars");
+  const bool hasWindows = session.query(kHasWindows).isTrue(0, "has_windows");
   const bool hasConsole = session.query(kHasConsole).isTrue(0, "has_console");
   const bool hasHosts = session.query(kHasHosts).isTrue(0, "has_hosts");
   session.execute(beforeSql);
@@ -119,6 +123,9 @@ void redefine(Session& session) {
   }
   if (hasCalendars) {
     session.execute(calendarSql);
+  }
+  if (hasWindows) {
+    session.execute(windowsSql);
   }
   if (hasConsole) {
     session.execute(consoleSql);

@@ -143,11 +143,23 @@ std::string waitingFor(const Task& task, const TaskContext& context) {
   if (task.isLate) {
     return lateReason(task, context);
   }
+  if (task.heldFrom) {
+    return fmt::format("{} holds its run that was due at {} until {}.",
+                       context.window.empty() ? "A maintenance window that has been ended"
+                                              : "Maintenance window " + context.window,
+                       moment(*task.heldFrom, task.now), moment(*task.next, task.now));
+  }
   return fmt::format("Its next run is due at {}.", moment(*task.next, task.now));
 }
 
 /// Which rule has set the next time. The ledger knows better why periods were skipped.
 std::string nextTimeRule(const Task& task, bool hasSkip) {
+  if (task.heldFrom) {
+    return fmt::format(
+        "That time is after the window's end and within its spread. Then the task "
+        "returns to its own times. Run koductl run {} to run it in the window.",
+        task.id);
+  }
   if (!task.calendar.empty()) {
     return task.isRunning
                ? "The due time does not change until the run is completed. Then the next time of "

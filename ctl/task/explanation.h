@@ -17,6 +17,7 @@ struct TaskContext {
   std::string failureText;  // first line of the latest failed run; empty when it cannot be read
   bool isFailureSilent = false;       // the latest failed run's output exists and is empty
   std::optional<LedgerRow> lastSkip;  // as the ledger has it
+  std::string window;                 // "3 (new disks)", which holds the task; "": none
 };
 
 /// Sentences: what the task is, how its last run ended, what it waits for, which rule set its next

@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* kWord =
     "CASE WHEN running THEN status WHEN deleting THEN 'deleted' WHEN paused THEN 'paused'"
-    " ELSE coalesce(status, '-') END";
+    " WHEN held_from IS NOT NULL THEN 'held' ELSE coalesce(status, '-') END";
 
 /// An order. The expression is never NULL, so that a page can begin after any of its values.
 struct SortKey {
@@ -167,7 +167,9 @@ class Conditions {
   void addFlags(const Selection& selection) {
     for (const auto& [isSet, condition] :
          {std::pair{selection.isLate, "late"}, std::pair{selection.isRunning, "running"},
-          std::pair{selection.isPaused, "paused"}, std::pair{selection.isDeleting, "deleting"},
+          std::pair{selection.isPaused, "paused"},
+          std::pair{selection.isHeld, "held_from IS NOT NULL"},
+          std::pair{selection.isDeleting, "deleting"},
           std::pair{selection.isNeverRun, "status IS NULL"},
           std::pair{selection.isKept, "NOT deleting"},
           std::pair{selection.hasFailedToday, kFailedToday}}) {
@@ -255,11 +257,12 @@ std::string wholeTask() {
 }
 
 /// The same as kWord.
-std::string wordOf(bool isRunning, bool isDeleting, bool isPaused, const std::string& status) {
+std::string wordOf(bool isRunning, bool isDeleting, bool isPaused, bool isHeld,
+                   const std::string& status) {
   if (isRunning) {
     return status;
   }
-  return isDeleting ? "deleted" : isPaused ? "paused" : status;
+  return isDeleting ? "deleted" : isPaused ? "paused" : isHeld ? "held" : status;
 }
 
 /// Reads the rows of a statement. One without a limit may wait for a slow reader of koductl's
@@ -280,7 +283,7 @@ void readAll(Session& session, const Statement& statement, bool isUnlimited,
 
 bool Selection::isLimitedToSome() const {
   return !ids.empty() || !prefix.empty() || name || plugin || isFailed || isLate || isRunning ||
-         isPaused || isDeleting || isNeverRun || hasFailedToday || !search.empty();
+         isPaused || isHeld || isDeleting || isNeverRun || hasFailedToday || !search.empty();
 }
 
 const std::vector<std::string>& sortKeys() {
@@ -399,20 +402,22 @@ Totals readTotals(Session& session, const Selection& selection) {
   // Grouped by plain values: by the word itself the server would expect as many groups as tasks,
   // and sort them all.
   session.forEachRow(
-      fmt::format("SELECT running, deleting, paused, late, coalesce(max(status), '-'), count(*)\n"
-                  "FROM kodu_task_state{}\nGROUP BY running, deleting, paused, late, status",
+      fmt::format("SELECT running, deleting, paused, held_from IS NOT NULL AS held, late,"
+                  " coalesce(max(status), '-'), count(*)\nFROM kodu_task_state{}\n"
+                  "GROUP BY running, deleting, paused, held, late, status",
                   conditions.sql()),
       conditions.values, [&](Fields& fields) {
         const bool isRunning = fields.isTrue();
         const bool isDeleting = fields.isTrue();
         const bool isPaused = fields.isTrue();
+        const bool isHeld = fields.isTrue();
         const bool isLate = fields.isTrue();
         const std::string status = fields.text();
         const long count = fields.number();
         totals.tasks += count;
         totals.late += isLate ? count : 0;
         totals.paused += isPaused ? count : 0;
-        totals.words[wordOf(isRunning, isDeleting, isPaused, status)] += count;
+        totals.words[wordOf(isRunning, isDeleting, isPaused, isHeld, status)] += count;
       });
   return totals;
 }

@@ -17,6 +17,7 @@ struct Selection {
   std::optional<std::string> name, plugin;  // patterns with * and ?; \ takes the next one literally
   bool isFailed = false, isLate = false, isRunning = false, isPaused = false, isDeleting = false;
   bool isNeverRun = false;
+  bool isHeld = false;          // by a maintenance window
   bool hasFailedToday = false;  // in the last day
   std::string search;           // in the name or the plugin, or where the id begins; "": any
   bool isKept = false;          // not being deleted
@@ -80,6 +81,7 @@ long countTasks(Session& session, const Selection& selection);
 /// The same by the word of their status, and those that are late or paused.
 struct Totals {
   long tasks = 0, late = 0, paused = 0;
-  std::map<std::string, long> words;  // "OK", "FAILED", "PROCESS", "-", "paused", "deleted"
+  /// "OK", "FAILED", "PROCESS", "-", "paused", "held", "deleted".
+  std::map<std::string, long> words;
 };
 Totals readTotals(Session& session, const Selection& selection);

@@ -34,6 +34,7 @@ void giveMembers(const Task& task, const Give& give) {
   give("failing_since", jsonTimeText(task.failingSince));
   give("failures_day", task.failuresDay);
   give("failures_hour", task.failuresHour);
+  give("held_from", jsonTimeText(task.heldFrom));
   give("id", static_cast<long>(task.id));
   give("last_due", jsonTimeText(task.lastDue));
   give("late_seconds", task.lateSeconds);
@@ -165,7 +166,8 @@ const char* const kStateColumns = R"(,
        floor(date_part('epoch', paused_until))::bigint, paused_by, pause_reason,
        deleting, failures_hour, failures_day, attempts, failing,
        floor(date_part('epoch', failing_since))::bigint,
-       floor(date_part('epoch', now()))::bigint, calendar, zone, parked)";
+       floor(date_part('epoch', now()))::bigint, calendar, zone, parked,
+       floor(date_part('epoch', held_from))::bigint)";
 
 Task takeDefinition(Fields& fields, const std::string& outputDirectory) {
   Task task;
@@ -209,6 +211,7 @@ Task takeTask(Fields& fields, const std::string& outputDirectory) {
   task.calendar = fields.text();
   task.zone = fields.text();
   task.isParked = fields.isTrue();
+  task.heldFrom = fields.optionalNumber();
   return task;
 }
 

@@ -40,7 +40,8 @@ struct Task {
   bool isLate = false;                      // its run is overdue
   long lateSeconds = 0;                     // since the due time; 0 before it and while paused
   std::optional<Pause> pause;
-  std::string calendar, zone;  // "": it runs every interval
+  std::string calendar, zone;    // "": it runs every interval
+  std::optional<long> heldFrom;  // when it would be due if no maintenance window held it
   long failuresHour = 0, failuresDay = 0;
   long failedAttempts = 0;  // of the present run, which has begun
   bool isFailing = false;

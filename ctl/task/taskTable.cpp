@@ -84,12 +84,15 @@ std::string statusWord(const Task& task) {
   if (task.isPaused()) {
     return "paused";
   }
+  if (task.heldFrom) {
+    return "held";
+  }
   return task.status.value_or("-");
 }
 
 std::string totalsText(const Totals& totals) {
   std::string states;
-  for (const char* word : {"OK", "FAILED", "PROCESS", "-", "paused", "deleted"}) {
+  for (const char* word : {"OK", "FAILED", "PROCESS", "-", "paused", "held", "deleted"}) {
     if (const auto count = totals.words.find(word); count != totals.words.end()) {
       states += fmt::format("{}{} {}", states.empty() ? ": " : ", ", grouped(count->second),
                             std::string(word) == "-" ? "not run yet" : word);

@@ -139,6 +139,17 @@ TEST_F(JsonSchemaTest, DescribesTheHosts) {
   EXPECT_EQ(violations(), "");
 }
 
+TEST_F(JsonSchemaTest, DescribesTheWindows) {
+  database.query(readFile(projectFile("sql/calendar.sql")));
+  database.query(readFile(projectFile("sql/windows.sql")));
+  keep("window", {"window", "add", "1", "--for", "2h", "--reason", "x"});
+  keep("window", {"window", "add", "--all", "--at", "0 2 * * *", "--for", "2h", "--reason", "x"});
+  keep("status", {"status"});
+  keep("window", {"window", "end", "1"});
+  keep("window", {"window", "list", "--all"});
+  EXPECT_EQ(violations(), "");
+}
+
 TEST_F(JsonSchemaTest, DescribesAnUpgradeOfTheTables) {
   keepText(
       "schema_upgrade",

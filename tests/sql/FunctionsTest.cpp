@@ -1464,13 +1464,17 @@ TEST_F(FunctionsTest, HasOneTriggerForTheDaemonsUpdates) {
 TEST_F(FunctionsTest, GrantsTheDaemonNoFunctionAndNoTable) {
   EXPECT_EQ(database.query("SELECT proname FROM pg_proc WHERE proname LIKE 'kodu\\_%' "
                            "AND has_function_privilege('kodu', oid, 'EXECUTE') ORDER BY 1"),
-            (Rows{{"kodu_calendar_problem"}, {"kodu_check_next_run"},   {"kodu_coming_runs"},
-                  {"kodu_end_sharing"},      {"kodu_follow_calendar"},  {"kodu_follow_daemon"},
-                  {"kodu_follow_request"},   {"kodu_implied_key"},      {"kodu_is_paused"},
-                  {"kodu_is_running"},       {"kodu_notify_of_plugin"}, {"kodu_notify_of_task"},
-                  {"kodu_pause_time"},       {"kodu_read_calendar"},    {"kodu_refuse_next_run"},
-                  {"kodu_refuse_plugin"},    {"kodu_refuse_task"},      {"kodu_remember_change"},
-                  {"kodu_slot_after"},       {"kodu_spare_run"}}))
+            (Rows{{"kodu_calendar_problem"}, {"kodu_check_next_run"},
+                  {"kodu_coming_runs"},      {"kodu_end_sharing"},
+                  {"kodu_follow_calendar"},  {"kodu_follow_daemon"},
+                  {"kodu_follow_request"},   {"kodu_held"},
+                  {"kodu_implied_key"},      {"kodu_is_paused"},
+                  {"kodu_is_running"},       {"kodu_notify_of_plugin"},
+                  {"kodu_notify_of_task"},   {"kodu_pause_time"},
+                  {"kodu_read_calendar"},    {"kodu_refuse_next_run"},
+                  {"kodu_refuse_plugin"},    {"kodu_refuse_task"},
+                  {"kodu_remember_change"},  {"kodu_slot_after"},
+                  {"kodu_spare_run"}}))
       << "triggers, and what they, the views and the tools' reading commands call";
   EXPECT_EQ(
       database.query("SELECT proname FROM pg_proc WHERE proname LIKE 'kodu\\_%' AND prosecdef "

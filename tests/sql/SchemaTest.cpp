@@ -113,7 +113,9 @@ TEST_F(SchemaTest, HasTheColumnsThatTheStatementsName) {
                                                {"run_attempt", "smallint"},
                                                {"cron_calendar", "text"},
                                                {"cron_zone", "text"},
-                                               {"cron_slots", "ARRAY"}}));
+                                               {"cron_slots", "ARRAY"},
+                                               {"cron_windows", "ARRAY"},
+                                               {"cron_held", "timestamp without time zone"}}));
   EXPECT_EQ(columns("kodu_plugins"), (Rows{{"plugin_id", "integer"},
                                            {"plugin_name", "text"},
                                            {"plugin_path", "text"},
