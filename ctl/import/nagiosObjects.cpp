@@ -13,6 +13,7 @@
 #include "ctl/import/lines.h"
 #include "ctl/import/names.h"
 #include "ctl/import/shellCommand.h"
+#include "ctl/terminal/text.h"
 
 namespace {
 
@@ -173,7 +174,7 @@ void NagiosObjects::append(const std::string& inheritedValue, Directive& own) {
 
 void NagiosObjects::requireFewInherited() const {
   // Each takes some 170 bytes, and a small file can have any number of them.
-  constexpr long kMost = 3000000;
+  constexpr long kMost = 1000000;
   if (inheritedCount > kMost) {
     throw Failure(kRefused, fmt::format("objects inherit more than {} directives from templates; "
                                         "import the files in parts",
@@ -214,9 +215,9 @@ void NagiosObjects::reportOthers() {
     }
   }
   if (unneeded > 0) {
-    import.note(objects.front().place,
-                fmt::format("this and other files have {} definitions of contacts, escalations and "
-                            "groups, which do not change what is run",
-                            unneeded));
+    import.note({objects.front().place.file, 0},
+                fmt::format("{} of contacts, escalations and the like, here or in other files, do "
+                            "not change what is run",
+                            counted(unneeded, "definition")));
   }
 }

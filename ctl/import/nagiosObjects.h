@@ -41,12 +41,12 @@ class NagiosObjects {
 
   /// The objects of a type with what they inherit from templates, in the order of the files.
   /// Without those that are only templates (register 0). Templates that are missing or use
-  /// themselves are reported. Throws Failure (kRefused) when objects inherit more than three
+  /// themselves are reported. Throws Failure (kRefused) when objects inherit more than one
   /// million directives.
   std::vector<NagiosObject> registered(const std::string& type);
 
-  /// Definitions and lines of these types and names have been used, or are reported by the caller;
-  /// all others are left out.
+  /// Reports the definitions of types that registered() is of no use for: those that change what is
+  /// run as left out, the others by their number.
   void reportOthers();
 
   /// The values of $USER1$ and so on, by their names without "$".
