@@ -42,6 +42,9 @@ void giveDefinition(Call& call, const Options& options) {
       .with("name", "text", options.name)
       .with("key", "text", options.key);
   if (options.calendar) {
+    if (options.calendar->empty()) {  // to the function, that is none
+      throw Failure(kWrongUsage, "--at needs a calendar, such as '0 3 * * mon-fri'");
+    }
     call.with("at", "text", options.calendar).with("zone", "text", zoneName());
   }
 }

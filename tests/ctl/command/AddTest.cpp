@@ -160,6 +160,7 @@ TEST_F(AddTest, RefusesAWrongCommandLine) {
       {{"/bin/true", "--every", "5m", "--retries", "-1"}, "--retries"},
       {{"/bin/true", "--every", "5m", "--retries", "many"}, "--retries"},
       {{"/bin/true", "--every", "5m", "--retries", "1000001"}, "--retries"},
+      {{"/bin/true", "--at", ""}, "--at needs a calendar, such as"},
       {{"/bin/true", "--every", "5m", "extra"}, "extra"},
       {{"/bin/true", "--every", "5m", "--unknown"}, "--unknown"},
       {{"/bin/true", "--every", "5m", "--next", "tomorrow"}, "--next"},
