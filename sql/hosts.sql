@@ -771,7 +771,9 @@ CREATE OR REPLACE FUNCTION kodu_host_park(source text, target text, how_many big
                                           is_lent boolean DEFAULT FALSE)
 RETURNS bigint
 LANGUAGE plpgsql SECURITY DEFINER
-SET search_path = pg_catalog, public, pg_temp SET kodu.reason = 'moved' AS $$
+SET search_path = pg_catalog, public, pg_temp SET kodu.reason = 'moved'
+SET enable_nestloop = off  -- the planner expects a few tasks, and gets thousands
+AS $$
 DECLARE
     -- A host may only fetch what it has lent.
     is_host boolean := pg_has_role(session_user, 'kodu_hosts', 'MEMBER')
@@ -831,7 +833,9 @@ $$;
 -- had not come by then, and one whose run has ended since.
 CREATE OR REPLACE FUNCTION kodu_host_hand_over(source text, heard timestamp) RETURNS bigint
 LANGUAGE plpgsql SECURITY DEFINER
-SET search_path = pg_catalog, public, pg_temp SET kodu.reason = 'moved' AS $$
+SET search_path = pg_catalog, public, pg_temp SET kodu.reason = 'moved'
+SET enable_nestloop = off  -- the planner expects a few tasks, and gets thousands
+AS $$
 DECLARE
     given bigint;
 BEGIN
