@@ -232,7 +232,7 @@ class InterruptTest : public CtlTest {
     return state();
   }
 
-  /// Starts it with a pipe that nobody reads as standard output.
+  /// Starts it with a pipe without a reader as standard output.
   pid_t startIntoClosedPipe(const Words& call, bool isSignalIgnored) const {
     int ends[2];
     EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
@@ -311,7 +311,7 @@ TEST_F(InterruptTest, DoesAllOrNothingWhenACommandThatChangesIsStopped) {
         prepare(call);
         const std::string before = state();
         stop(call, took, random);
-        if (!after.empty()) {  // not of the run of a task that nobody waits for
+        if (!after.empty()) {  // not of the run of a task that the command does not wait for
           expectAllOrNothing(nameOf(call), before, after);
         }
       }
