@@ -36,6 +36,7 @@ inline std::map<std::string, std::vector<Words>> callsOfEveryCommand(const std::
       {"delete", {{"delete", "--all", "--yes"}}},
       {"undelete", {{"undelete", "--all", "--yes"}}},
       {"export", {{"export"}, {"export", "--json"}}},
+      {"import", {{"import", "crontab", "/etc/debian_version"}}},  // a line that is no job
       {"apply", {{"apply", declared}, {"apply", declared, "--dry-run"}}},
       {"forecast", {{"forecast"}}},
       {"stagger", {{"stagger"}, {"stagger", "--apply"}}},
