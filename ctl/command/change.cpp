@@ -34,6 +34,7 @@ Selection firstOf(const Options& options, std::vector<int> ids) {
   first.sort = options.selection.sort;
   const auto rows = static_cast<std::size_t>(std::max(1, terminalSize().rows - 4));
   ids.resize(std::min({ids.size(), kMost, isTerminal() ? rows : kMost}));
+  first.limit = static_cast<long>(ids.size());
   first.ids = std::move(ids);
   return first;
 }
@@ -41,7 +42,14 @@ Selection firstOf(const Options& options, std::vector<int> ids) {
 /// A table of tasks, read before it is printed: a terminal or a pipe may take its time, and the
 /// transaction that has changed them holds up the daemon.
 std::vector<Task> readFirst(Session& session, const Options& options, const std::vector<int>& ids) {
-  return readTasks(session, firstOf(options, ids));
+  std::vector<Task> tasks;
+  const Selection first = firstOf(options, ids);
+  tasks.reserve(first.ids.size());
+  forEachTask(session, first, [&](const Task& task) {
+    tasks.push_back(task);
+    tasks.back().parameter = std::string();  // may be long, and the table does not show it
+  });
+  return tasks;
 }
 
 void printTable(const Options& options, const std::vector<Task>& tasks, std::size_t count) {

@@ -116,7 +116,7 @@ void forEachStored(Session& session, const Selection& selection, const std::stri
                                 hostColumn(session)),
                 chosen.values);
   for (int count = 1; count > 0;) {
-    const Rows rows = session.query("FETCH 1000 FROM export");
+    const Rows rows = session.query("FETCH 50 FROM export");  // the parameters may be long
     count = rows.count();
     for (int row = 0; row < count; ++row) {
       use(taskOf(rows, row, guard));

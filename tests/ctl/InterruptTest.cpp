@@ -17,13 +17,12 @@
 #include "ctl/commandLine.h"
 #include "ctl/description.h"
 #include "tests/ctl/CtlTest.h"
+#include "tests/ctl/everyCommand.h"
 
 namespace {
 
 using std::chrono::microseconds;
 using std::chrono::steady_clock;
-
-using Words = std::vector<std::string>;
 
 constexpr int kTasks = 40;
 
@@ -72,43 +71,8 @@ class InterruptTest : public CtlTest {
     return text;
   }
 
-  /// Calls of each command, by its name; those of `top` and others as far as they get without a
-  /// terminal.
   std::map<std::string, std::vector<Words>> calls() const {
-    return {
-        {"status", {{"status"}, {"status", "--json"}, {"status", "--watch"}}},
-        {"top", {{"top", "--json"}}},
-        {"ids", {{"ids", "--names"}}},
-        {"show", {{"show", "1"}}},
-        {"explain", {{"explain", "1"}}},
-        {"next", {{"next", "1"}}},
-        {"history", {{"history", "1"}}},
-        {"account", {{"account"}}},
-        {"events", {{"events"}, {"events", "-f"}}},
-        {"logs", {{"logs", "1"}, {"logs", "-f"}, {"logs", "-f", "--failed"}}},
-        {"test", {{"test", "1"}}},
-        {"daemon", {{"daemon"}}},
-        {"check", {{"check"}}},
-        {"health", {{"health"}}},
-        {"metrics", {{"metrics"}, {"metrics", "--output", metrics()}}},
-        {"add", {{"add", "/bin/true", "--every", "1h", "--key", "mine"}}},
-        {"set", {{"set", "--all", "--every", "2h", "--metrics", "--yes"}}},
-        {"pause", {{"pause", "--all", "--yes"}}},
-        {"resume", {{"resume", "--all", "--yes"}}},
-        {"run", {{"run", "--all", "--yes"}, {"run", "1", "--wait"}}},
-        {"delete", {{"delete", "--all", "--yes"}}},
-        {"undelete", {{"undelete", "--all", "--yes"}}},
-        {"export", {{"export"}, {"export", "--json"}}},
-        {"apply", {{"apply", declared()}, {"apply", declared(), "--dry-run"}}},
-        {"forecast", {{"forecast"}}},
-        {"stagger", {{"stagger"}, {"stagger", "--apply"}}},
-        {"prune", {{"prune", "--older-than", "1s"}}},
-        {"ledger", {{"ledger"}}},
-        {"host", {{"host"}}},
-        {"schema", {{"schema"}, {"schema", "upgrade", "--dry-run"}}},
-        {"repair", {{"repair"}}},
-        {"output", {{"output", "1"}, {"output", "1", "--follow"}}},
-    };
+    return callsOfEveryCommand(declared(), metrics());
   }
 
   /// The database and the archive as they were at the beginning.
@@ -268,7 +232,7 @@ class InterruptTest : public CtlTest {
     return state();
   }
 
-  /// Starts it with a pipe that nobody reads as standard output.
+  /// Starts it with a pipe without a reader as standard output.
   pid_t startIntoClosedPipe(const Words& call, bool isSignalIgnored) const {
     int ends[2];
     EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
@@ -347,7 +311,7 @@ TEST_F(InterruptTest, DoesAllOrNothingWhenACommandThatChangesIsStopped) {
         prepare(call);
         const std::string before = state();
         stop(call, took, random);
-        if (!after.empty()) {  // not of the run of a task that nobody waits for
+        if (!after.empty()) {  // not of the run of a task that the command does not wait for
           expectAllOrNothing(nameOf(call), before, after);
         }
       }

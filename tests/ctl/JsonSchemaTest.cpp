@@ -5,6 +5,7 @@
 #include "ctl/commandLine.h"
 #include "ctl/description.h"
 #include "tests/ctl/CtlTest.h"
+#include "tests/ctl/everyCommand.h"
 #include "tests/support/Ledger.h"
 
 namespace {
@@ -57,6 +58,26 @@ class JsonSchemaTest : public CtlTest {
   int count = 0;
   std::string pairs;  // " DEFINITION FILE" each
 };
+
+TEST_F(JsonSchemaTest, DescribesEveryCommand) {
+  database.query(readFile(projectFile("sql/events.sql")));
+  database.query(
+      "ALTER TABLE kodu_plugins ALTER plugin_id RESTART 1000;"
+      "ALTER TABLE kodu_cron_plugin ALTER cron_id RESTART 1000");
+  database.query(readFile(projectFile("sql/hosts.sql")));
+  const std::string declared = daemon.directory / "declared.yaml";
+  writeFile(declared, "set: s\ntasks: {a: {plugin: /bin/true, every: 1h}}\n");
+  for (const auto& [command, forms] : callsOfEveryCommand(declared, daemon.directory / "metrics")) {
+    if (command == "repair" || command == "test") {  // which need the daemon's role
+      Words words = forms.front();
+      words.emplace_back("--json");
+      keepText(command, run(words).out);
+    } else {
+      keep(command, forms.front());
+    }
+  }
+  EXPECT_EQ(violations(), "");
+}
 
 TEST_F(JsonSchemaTest, DescribesTheCommandsThatRead) {
   keep("status", {"status"});
