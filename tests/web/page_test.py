@@ -437,6 +437,19 @@ class StreamTest(PageTest):
         driver.switch_to.window(second)
         browser.until(lambda: self.hears(222))
 
+    def test_ends_in_all_tabs_with_a_logout(self):
+        driver = browser.driver
+        self.addCleanup(LoginTest.log_in)
+        self.open('#/', 'The daemon is running')
+        first = driver.current_window_handle
+        driver.switch_to.new_window('tab')
+        self.open('#/tasks', 'check-0000003', hears=False)
+        browser.tab_to('.person > button:last-child')
+        browser.press(Keys.ENTER)
+        browser.until_text('h1', 'Log in')
+        driver.switch_to.window(first)
+        browser.until_text('h1', 'Log in')
+
     @staticmethod
     def hears(number):
         server.send('totals', server.totals() | {'late': number})

@@ -7,7 +7,7 @@ import { LoginView } from './login.js';
 import { closeMenu } from './menu.js';
 import { OverviewView } from './overview.js';
 import { go, place, router } from './router.js';
-import { start, stop } from './stream.js';
+import { end, start } from './stream.js';
 import { TaskView } from './task.js';
 import { TasksView } from './tasks.js';
 import { showsUtc, switchZone, zone } from './time.js';
@@ -105,7 +105,7 @@ function enter() {
 }
 
 events.addEventListener('logout', () => {
-  stop();
+  end();
   unwatch();
   route();
 });

@@ -62,7 +62,9 @@ async function reopenIfClosed() {
 
 // A tab that joins has missed the events that say what is silent.
 function hear({ data }) {
-  if (data.type !== 'hello') {
+  if (data.type === 'logout') {
+    resume().catch(() => {});
+  } else if (data.type !== 'hello') {
     receive(data);
   } else if (source && contact.silent) {
     channel.postMessage({ type: 'silent', detail: contact.silent });
@@ -89,8 +91,13 @@ export function start() {
   })).catch(() => {});
 }
 
-/** Ends the stream of this tab. */
-export function stop() {
+/** Ends the stream of this tab after a logout, and lets the other tabs find that they are logged out. */
+export function end() {
+  channel?.postMessage({ type: 'logout' });
+  stop();
+}
+
+function stop() {
   source?.close();
   source = null;
   channel?.close();

@@ -10,7 +10,7 @@ const kConditions = [['failed', 'Failed'], ['failed_today', 'Failed today'], ['l
   ['running', 'Running'], ['paused', 'Paused'], ['deleting', 'Being deleted'], ['never_ran', 'Never ran']];
 const kTexts = ['search', 'name', 'plugin'];
 const kTypingMilliseconds = 250;
-const kRefreshMilliseconds = 1500;  // between two refreshes of rows in view
+const kRefreshMilliseconds = 1000;  // between two refreshes of rows in view
 const kQuietMilliseconds = 5000;    // the same when only other tasks have changed
 const kCountMilliseconds = 10000;
 const kSlowMilliseconds = 20000;    // without any event: lateness grows
