@@ -133,8 +133,8 @@ void Pool::awaitTurn() {
   // Who waits keeps a thread from requests that need no database.
   const bool mayWait = busy < limit || waiting < kMostWaiting;
   ++waiting;
-  const bool isFree = freed.wait_for(lock, mayWait ? kPatience : kPatience.zero(),
-                                     [this] { return busy < limit; });
+  const bool isFree =
+      freed.wait_for(lock, mayWait ? kPatience : kPatience.zero(), [this] { return busy < limit; });
   --waiting;
   if (!isFree) {
     throw Failure(kNoDatabase, "all connections of the console to the database are busy");

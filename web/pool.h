@@ -36,7 +36,8 @@ class Pool {
 
   /// Calls `work` in a transaction with the rights of the role, and commits. The name of the
   /// session names the role meanwhile. Throws Failure, kNoDatabase also when all sessions are busy
-  /// for five seconds, or others wait for one; RoleRefused; and what `work` throws. Nothing has been changed then.
+  /// for five seconds, or others wait for one; RoleRefused; and what `work` throws. Nothing has
+  /// been changed then.
   void run(const std::string& role, Access access, const std::function<void(Session&)>& work);
 
   /// A session of the caller's own, which is not one of the pool. Throws Failure.

@@ -19,8 +19,8 @@ class PoolTest : public testing::Test {
   static Options optionsOf(const Database& database) {
     Options options;
     options.connection = "host=" + database.host() + " port=" + std::to_string(database.port()) +
-                         " dbname=" + database.name() + " user=kodu password=" +
-                         database.password();
+                         " dbname=" + database.name() +
+                         " user=kodu password=" + database.password();
     options.statementTimeout = 10;
     options.lockTimeout = 1;
     return options;
