@@ -51,10 +51,11 @@ LANGUAGE sql STABLE SET search_path = pg_catalog, public, pg_temp AS $$
             THEN ' is the owner of the tables'
         ELSE ' may do more than the console needs' END
     FROM pg_roles
-    WHERE (rolsuper OR rolcreaterole OR rolreplication OR rolbypassrls
+    -- pg_read_all_data reads the passwords of all roles in pg_authid.
+    WHERE (rolsuper OR rolcreaterole OR rolcreatedb OR rolreplication OR rolbypassrls
            OR rolname IN ('kodu', 'kodu_hosts', 'kodu_web', 'pg_execute_server_program',
-                          'pg_read_server_files', 'pg_write_server_files', 'pg_write_all_data',
-                          'pg_signal_backend', 'pg_database_owner')
+                          'pg_read_server_files', 'pg_write_server_files', 'pg_read_all_data',
+                          'pg_write_all_data', 'pg_signal_backend', 'pg_database_owner')
            OR oid = (SELECT relowner FROM pg_class WHERE oid = to_regclass('public.kodu_cron_plugin')))
       AND pg_has_role(person, oid, 'MEMBER')
     ORDER BY rolsuper DESC, oid <> person, rolname

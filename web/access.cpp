@@ -158,12 +158,11 @@ void Console::usePeople(const Watcher::People& people) {
     }
   }
   isAnonymousAllowed = isAllowed(options.anonymous);
-  if (!isAnonymousAllowed) {
-    feed->end("");
-  }
-  for (const std::string& id : sessions.endOld(std::chrono::steady_clock::now())) {
-    feed->end(id);
-  }
+  sessions.endOld(std::chrono::steady_clock::now());
+  // Also of sessions that made room for newer ones, or ended just before their stream began.
+  feed->endWhere([&](const std::string& key) {
+    return key.empty() ? !isAnonymousAllowed.load() : !sessions.contains(key);
+  });
 }
 
 void Console::endSessionsOf(const std::string& role) {

@@ -34,6 +34,15 @@ void addProtection(HttpResponse& response) {
   }
 }
 
+/// How many headers have this name.
+long countOf(const HttpRequest& request, std::string_view name) {
+  return std::ranges::count_if(request.headers, [&](const auto& header) {
+    return std::ranges::equal(header.first, name, [](unsigned char a, unsigned char b) {
+      return std::tolower(a) == std::tolower(b);
+    });
+  });
+}
+
 HttpResponse methodRefusal(const char* allowed) {
   HttpResponse refusal = errorAnswer(405, fmt::format("This address answers {} alone.", allowed));
   refusal.headers.emplace_back("Allow", allowed);
@@ -93,6 +102,10 @@ Console::Visit Console::visitOf(const HttpRequest& request) const {
   Visit visit{request, request.peer, options.tls.has_value()};
   if (options.trustedProxies.contains(request.peer)) {
     // A client can send such a header too, so the last address counts, which the proxy has added.
+    // Of several headers nobody knows which one is the proxy's: it may put its own first or last.
+    if (countOf(request, "X-Forwarded-For") > 1 || countOf(request, "X-Forwarded-Proto") > 1) {
+      throw Refusal(400, "The proxy must pass on one X-Forwarded-For and one X-Forwarded-Proto.");
+    }
     std::string list = request.header("X-Forwarded-For");
     list.erase(0, list.rfind(',') + 1);
     std::erase(list, ' ');
@@ -104,12 +117,7 @@ Console::Visit Console::visitOf(const HttpRequest& request) const {
 
 HttpResponse Console::route(const Visit& visit) {
   const HttpRequest& request = visit.request;
-  const auto hosts = std::ranges::count_if(request.headers, [](const auto& header) {
-    return std::ranges::equal(
-        header.first, std::string_view("host"),
-        [](unsigned char a, unsigned char b) { return std::tolower(a) == b; });
-  });
-  if (hosts != 1) {
+  if (countOf(request, "Host") != 1) {
     throw Refusal(400, "A request needs one Host header.");
   }
   if (request.path.starts_with(kApi)) {

@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <array>
 
+#include "web/secret.h"
+
 namespace {
 
 constexpr std::chrono::minutes kPeriod{1};
 
 std::string pairOf(const std::string& network, const std::string& role) {
-  return network + "\n" + role;
+  return network + "\n" + digestOf(role);  // a name from a request can be long
 }
 
 }  // namespace

@@ -34,7 +34,9 @@ HttpLimits limits() {
   HttpLimits limits;
   limits.connections = 1000;
   limits.headerBytes = 16384;
-  limits.bodyBytes = 1048576;
+  // No request needs more. Everybody can send a body before the login: 1,000 clients as much
+  // memory.
+  limits.bodyBytes = 65536;
   limits.idle = std::chrono::seconds(10);
   limits.handlers = 16;
   return limits;

@@ -66,6 +66,9 @@ PasswordCheck checkPassword(const DaemonConfig& config, const std::string& role,
                              static_cast<const char*>(nullptr)};
   const Connection connection(PQconnectStartParams(kNames.data(), values.data(), 1));
   PQsetErrorVerbosity(connection.get(), PQERRORS_VERBOSE);  // with the SQLSTATE
+  // A role's own settings can cause warnings, with any text, which libpq would print.
+  PQsetNoticeProcessor(
+      connection.get(), [](void*, const char*) {}, nullptr);
   const bool isConnected = awaitConnection(connection.get());
   reason = trim(PQerrorMessage(connection.get()));
   if (isConnected) {

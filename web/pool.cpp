@@ -20,14 +20,21 @@ constexpr const char* kBecome =
     " set_config('idle_in_transaction_session_timeout', '5s', true),"
     " set_config('application_name', $1, true), set_config('role', $2, true)";
 
+/// Other errors say nothing of the role: a lock, or a server that has no memory.
+bool isRefusal(const Failure& failure) {
+  constexpr const char* kNoRight = "42501";
+  constexpr const char* kNoRole = "22023";  // there is none of this name
+  return failure.sqlState == kNoRight || failure.sqlState == kNoRole;
+}
+
 void become(Session& session, const std::string& role) {
   try {
     session.query(kBecome, {"kodu_web " + role, role});
   } catch (const Failure& e) {
-    if (e.sqlState.empty()) {
-      throw;
+    if (isRefusal(e)) {
+      throw RoleRefused(e.what());
     }
-    throw RoleRefused(e.what());
+    throw;
   }
 }
 
@@ -123,7 +130,13 @@ void Pool::giveBack(std::unique_ptr<Session> session) {
 
 void Pool::awaitTurn() {
   std::unique_lock lock(mutex);
-  if (!freed.wait_for(lock, kPatience, [this] { return busy < limit; })) {
+  // Who waits keeps a thread from requests that need no database.
+  const bool mayWait = busy < limit || waiting < kMostWaiting;
+  ++waiting;
+  const bool isFree =
+      freed.wait_for(lock, mayWait ? kPatience : kPatience.zero(), [this] { return busy < limit; });
+  --waiting;
+  if (!isFree) {
     throw Failure(kNoDatabase, "all connections of the console to the database are busy");
   }
   ++busy;

@@ -26,6 +26,8 @@ enum class Access { kRead, kChange };
 /// any member.
 class Pool {
  public:
+  static constexpr std::size_t kMostWaiting = 3;  // for a session; more are refused at once
+
   /// Connects with `given` when a session is needed, at most `most` at a time.
   Pool(Options given, std::size_t most);
   ~Pool();
@@ -34,7 +36,8 @@ class Pool {
 
   /// Calls `work` in a transaction with the rights of the role, and commits. The name of the
   /// session names the role meanwhile. Throws Failure, kNoDatabase also when all sessions are busy
-  /// for five seconds; RoleRefused; and what `work` throws. Nothing has been changed then.
+  /// for five seconds, or others wait for one; RoleRefused; and what `work` throws. Nothing has
+  /// been changed then.
   void run(const std::string& role, Access access, const std::function<void(Session&)>& work);
 
   /// A session of the caller's own, which is not one of the pool. Throws Failure.
@@ -61,6 +64,6 @@ class Pool {
 
   std::mutex mutex;
   std::condition_variable freed;
-  std::size_t busy = 0;                        // guarded by mutex
+  std::size_t busy = 0, waiting = 0;           // guarded by mutex
   std::vector<std::unique_ptr<Session>> idle;  // guarded by mutex
 };

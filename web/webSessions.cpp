@@ -77,6 +77,11 @@ std::set<std::string> WebSessions::roles() const {
   return found;
 }
 
+bool WebSessions::contains(const std::string& id) const {
+  const std::lock_guard lock(mutex);
+  return sessions.contains(id);
+}
+
 std::size_t WebSessions::count() const {
   const std::lock_guard lock(mutex);
   return sessions.size();

@@ -44,6 +44,7 @@ class WebSessions {
   void setMayChange(const std::string& role, bool mayChange);
 
   std::set<std::string> roles() const;
+  bool contains(const std::string& id) const;
   std::size_t count() const;
 
  private:

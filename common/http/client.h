@@ -41,6 +41,14 @@ using HttpMessage = boost::beast::http::request<boost::beast::http::string_body>
 
 HttpRequest requestOf(const HttpMessage& message, const std::string& peer);
 
+/// An address as people write it: a socket for both versions of IP shows those of version 4 as
+/// "::ffff:192.0.2.1", and they are not one network of version 6.
+std::string textOf(const boost::asio::ip::address& address);
+
+/// Whether the end of the body is known for certain. After another coding than chunked alone, a
+/// proxy may see the end elsewhere, and what follows as another client's request.
+bool isBodyClear(const HttpMessage& message);
+
 /// What a client gets for a request that cannot be read; nothing when it has gone or was idle.
 std::optional<HttpResponse> refusalOf(const boost::system::error_code& error);
 
@@ -53,7 +61,10 @@ class HttpClientConnection : public std::enable_shared_from_this<HttpClientConne
   template <typename... Arguments>
   explicit HttpClientConnection(HttpService& owner, boost::asio::ip::tcp::socket socket,
                                 Arguments&... arguments)
-      : service(owner), peer(addressOf(socket)), stream(std::move(socket), arguments...) {
+      : service(owner),
+        peer(addressOf(socket)),
+        stream(std::move(socket), arguments...),
+        buffer(service.limits.headerBytes + kReadAhead) {
     ++service.connections;
   }
   ~HttpClientConnection() { --service.connections; }
@@ -107,7 +118,7 @@ class HttpClientConnection : public std::enable_shared_from_this<HttpClientConne
   static std::string addressOf(const boost::asio::ip::tcp::socket& socket) {
     Error error;
     const auto endpoint = socket.remote_endpoint(error);
-    return error ? "" : endpoint.address().to_string();
+    return error ? "" : textOf(endpoint.address());
   }
 
   boost::beast::tcp_stream& lowest() { return boost::beast::get_lowest_layer(stream); }
@@ -128,6 +139,11 @@ class HttpClientConnection : public std::enable_shared_from_this<HttpClientConne
         isLast = true;
         send(*refusal);
       }
+      return;
+    }
+    if (!isBodyClear(parser->get())) {
+      isLast = true;
+      send({501, "Of transfer codings, this server knows chunked alone.\n"});
       return;
     }
     lowest().expires_never();  // the handler has a limit of its own
@@ -238,12 +254,13 @@ class HttpClientConnection : public std::enable_shared_from_this<HttpClientConne
     lowest().close();
   }
 
+  static constexpr std::size_t kReadAhead = 65536;  // of a body, and of later requests
   static constexpr unsigned kNoContent = 204, kNotModified = 304;
 
   HttpService& service;
   const std::string peer;
   Stream stream;
-  boost::beast::flat_buffer buffer;
+  boost::beast::flat_buffer buffer;  // limited: a chunk's extension or a trailer may never end
   std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser;
   boost::beast::http::response<boost::beast::http::string_body> response;
   std::optional<boost::beast::http::response_serializer<boost::beast::http::string_body>>

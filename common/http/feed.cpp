@@ -16,8 +16,12 @@ void HttpFeed::greet(const std::string& message) {
 }
 
 void HttpFeed::end(const std::string& key) {
+  endWhere([&](const std::string& other) { return other == key; });
+}
+
+void HttpFeed::endWhere(const std::function<bool(const std::string&)>& condition) {
   for (const auto& follower : present()) {
-    if (follower->key == key) {
+    if (condition(follower->key)) {
       follower->end();
     }
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -32,6 +33,8 @@ class HttpFeed {
   void greet(const std::string& message);
   /// Ends the connections of the followers with this key.
   void end(const std::string& key);
+  /// Ends the connections of the followers whose key fulfils the condition.
+  void endWhere(const std::function<bool(const std::string&)>& condition);
   /// The number of followers.
   std::size_t count() const;
 

@@ -61,6 +61,17 @@ HttpRequest requestOf(const HttpMessage& message, const std::string& peer) {
   return request;
 }
 
+std::string textOf(const asio::ip::address& address) {
+  return address.is_v6() && address.to_v6().is_v4_mapped()
+             ? asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_string()
+             : address.to_string();
+}
+
+bool isBodyClear(const HttpMessage& message) {
+  const auto coding = message.find(http::field::transfer_encoding);
+  return coding == message.end() || beast::iequals(coding->value(), "chunked");
+}
+
 std::optional<HttpResponse> refusalOf(const error_code& error) {
   if (error == http::error::body_limit) {
     return HttpResponse{413, "The body is too large.\n"};

@@ -70,12 +70,14 @@ TEST_F(ConsoleTest, RefusesRolesThatCouldDoMore) {
   EXPECT_THAT(tryQuery("SELECT kodu_web_allow('kodu_nobody')"), HasSubstr("there is no role"));
   EXPECT_THAT(tryQuery("SELECT kodu_web_allow('kodu_admin')"), HasSubstr("that can log in"));
   EXPECT_THAT(tryQuery("SELECT kodu_web_allow(NULL)"), HasSubstr("there is no role"));
-  for (const char* attribute : {"SUPERUSER", "CREATEROLE", "REPLICATION", "BYPASSRLS"}) {
+  for (const char* attribute :
+       {"SUPERUSER", "CREATEROLE", "CREATEDB", "REPLICATION", "BYPASSRLS"}) {
     database.query("ALTER ROLE " + alice + " " + attribute);
     EXPECT_THAT(allow(), HasSubstr("the console must not act as this role")) << attribute;
     database.query("ALTER ROLE " + alice + " NO" + attribute);
   }
-  for (const char* role : {"postgres", "pg_execute_server_program", "pg_write_server_files"}) {
+  for (const char* role :
+       {"postgres", "pg_execute_server_program", "pg_write_server_files", "pg_read_all_data"}) {
     database.query(std::string("GRANT ") + role + " TO " + alice);
     EXPECT_THAT(allow(), HasSubstr(alice + " can become ")) << role;
     database.query(std::string("REVOKE ") + role + " FROM " + alice);

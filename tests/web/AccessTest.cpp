@@ -131,6 +131,21 @@ TEST_F(AccessTest, EndsSessionsWithTheGrant) {
   EXPECT_EQ(browser.api("tasks").status, 401) << "the session is over";
 }
 
+TEST_F(AccessTest, EndsTheStreamOfASessionThatMadeRoom) {
+  start();
+  const Browser first = login(viewer);
+  const HttpClient stream(port);
+  stream.send("GET /api/v1/stream HTTP/1.1\r\nHost: x\r\n" + first.headers() + "\r\n");
+  EXPECT_THAT(stream.receive("event: alive"), HasSubstr("event: alive"));
+  for (int i = 0; i < 50; ++i) {
+    login(viewer);
+  }
+  EXPECT_EQ(first.api("session").status, 401);
+  EXPECT_TRUE(waitUntil(
+      [&] { return stream.receive("event: alive").find("event: alive") == std::string::npos; },
+      kPatience));
+}
+
 TEST_F(AccessTest, EndsSessionsOfARoleThatCannotLogIn) {
   start();
   const Browser browser = login(viewer);
@@ -192,6 +207,8 @@ TEST_F(AccessTest, TakesAddressAndEncryptionFromATrustedProxyAlone) {
   const WebAnswer answer = tryFrom("10.0.0.8", "right");
   EXPECT_EQ(answer.status, 200);
   EXPECT_THAT(answer.header("Set-Cookie"), HasSubstr("; Secure"));
+  EXPECT_EQ(tryFrom("10.0.0.9\r\nX-Forwarded-For: 10.0.0.7", "right").status, 400)
+      << "the client's own, or the proxy's?";
 }
 
 TEST_F(AccessTest, SpeaksHttps) {

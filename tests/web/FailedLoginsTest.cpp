@@ -1,5 +1,9 @@
 #include "web/failedLogins.h"
 
+#include <malloc.h>
+
+#include <string>
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -46,6 +50,16 @@ TEST(FailedLoginsTest, KeepsABoundedNumber) {
   }
   EXPECT_FALSE(logins.begin(addressOf(half), "alice", kNow));
   EXPECT_TRUE(logins.begin(addressOf(half), "alice", kNow + std::chrono::minutes(1)));
+}
+
+TEST(FailedLoginsTest, KeepsNoLongNames) {
+  FailedLogins logins;
+  const auto used = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+  const std::size_t before = used();
+  for (int i = 0; i < 50; ++i) {
+    logins.begin("10.0.0.1", std::to_string(i) + std::string(1000000, 'x'), kNow);
+  }
+  EXPECT_LT(used(), before + 1000000);
 }
 
 TEST(FailedLoginsTest, TakesANetworkOfIpv6AsOne) {

@@ -18,6 +18,7 @@ namespace {
 
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 HttpLimits smallLimits() {
@@ -96,6 +97,36 @@ TEST_F(HttpServerTest, RefusesWhatIsTooLargeOrNoHttp) {
   const HttpClient client(server.port());
   client.send("hello\r\n\r\n");
   EXPECT_THAT(client.receive(), StartsWith("HTTP/1.1 400 "));
+}
+
+TEST_F(HttpServerTest, TakesNoBodyForARequest) {
+  for (const char* coding : {"xchunked", "chunked, identity", "identity"}) {
+    const HttpClient client(server.port());
+    client.send(std::string("POST /a HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: ") + coding +
+                "\r\n\r\nGET /hidden HTTP/1.1\r\nHost: x\r\n\r\n");
+    const std::string answer = client.receive();
+    EXPECT_THAT(answer, StartsWith("HTTP/1.1 501 ")) << coding;
+    EXPECT_THAT(answer, Not(HasSubstr("/hidden"))) << coding;
+  }
+}
+
+TEST_F(HttpServerTest, BoundsWhatComesBesideTheBody) {
+  for (const char* part : {"1;", "0\r\nX: "}) {  // a chunk's extension, and a trailer
+    const HttpClient client(server.port());
+    client.send(std::string("POST /a HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n") +
+                part + std::string(67000, 'a'));
+    EXPECT_THAT(client.receive(), StartsWith("HTTP/1.1 431 ")) << part;
+  }
+}
+
+TEST(HttpServerPeerTest, IsAnAddressOfVersionFourWhereItIsOne) {
+  HttpServer server({"::", 0}, [](const HttpRequest& request) {
+    return HttpResponse{200, "from " + request.peer};
+  });
+  std::thread thread([&] { server.run(); });
+  EXPECT_THAT(HttpClient::get(server.port(), "/"), EndsWith("from 127.0.0.1"));
+  server.stop();
+  thread.join();
 }
 
 TEST_F(HttpServerTest, EndsSlowAndSurplusClients) {
