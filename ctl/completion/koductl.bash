@@ -147,6 +147,7 @@ _koductl() {
     ['-t']='SECONDS'
     ['-w']='SECONDS'
     ['events -f']=''
+    ['host --spread']=''
     ['logs -f']=''
     ['run --wait']=''
     ['status --output']=''
