@@ -128,6 +128,8 @@ TEST_F(ParserTest, FindsEachCommand) {
       {{"repair"}, runRepair},
       {{"next", "7"}, runNext},
       {{"host"}, runHost},
+      {{"window"}, runWindow},
+      {{"import", "crontab", "f"}, runImport},
   };
   for (const auto& [arguments, command] : cases) {
     const Request request = parse(arguments);

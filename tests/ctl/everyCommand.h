@@ -43,6 +43,7 @@ inline std::map<std::string, std::vector<Words>> callsOfEveryCommand(const std::
       {"prune", {{"prune", "--older-than", "1s"}}},
       {"ledger", {{"ledger"}}},
       {"host", {{"host"}}},
+      {"window", {{"window"}}},
       {"schema", {{"schema"}, {"schema", "upgrade", "--dry-run"}}},
       {"repair", {{"repair"}}},
       {"output", {{"output", "1"}, {"output", "1", "--follow"}}},

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <chrono>
 #include <future>
 #include <memory>
 #include <set>
@@ -92,9 +93,15 @@ class EventsTest : public testing::Test {
   }
   /// The same, done at once, until so many are there: events become readable when all transactions
   /// that are older have ended, also those of other tests, which share the server.
+  /// A reader gets nothing that is newer than the oldest transaction of the whole server, and other
+  /// tests may have long ones.
+  template <class Condition>
+  static bool waitForReader(const Condition& condition) {
+    return waitUntil(condition, std::chrono::seconds(60));
+  }
   std::vector<std::string> takeAll(const std::string& reader, std::size_t count) const {
     std::vector<std::string> all;
-    waitUntil([&] {
+    waitForReader([&] {
       const std::vector<std::string> some = take(reader);
       all.insert(all.end(), some.begin(), some.end());
       if (!some.empty()) {
@@ -177,7 +184,7 @@ TEST_F(EventsTest, SayWhatHappened) {
 TEST_F(EventsTest, AreReturnedUntilTheyAreDone) {
   daemon.runOnce(1, "FAILED");
   daemon.runOnce(1);
-  ASSERT_TRUE(waitUntil([&] { return take("r").size() == 2; }));
+  ASSERT_TRUE(waitForReader([&] { return take("r").size() == 2; }));
   EXPECT_THAT(take("r", 1), ElementsAre("failed 1"));
   EXPECT_EQ(keys[keys.size() - 1], keys[keys.size() - 3]) << "the same key";
   const std::string first = lastPosition;
@@ -260,7 +267,7 @@ TEST_F(EventsTest, AreFoundByAReaderThatIsFarBehind) {
 TEST_F(EventsTest, MoveAReaderThatNothingHappensFor) {
   database.query("UPDATE kodu_event_reader SET moved = moved - interval '2 minutes'");
   const std::string before = database.value("SELECT xact FROM kodu_event_reader");
-  EXPECT_TRUE(waitUntil([&] {
+  EXPECT_TRUE(waitForReader([&] {
     daemon.runOnce(1);
     take("r");
     return database.value("SELECT xact FROM kodu_event_reader") != before;
@@ -289,7 +296,7 @@ TEST_F(EventsTest, BeginWhereAReaderIsStarted) {
 
 TEST_F(EventsTest, CanBePutAside) {
   daemon.runOnce(1, "FAILED");
-  ASSERT_TRUE(waitUntil([&] { return take("r").size() == 1; }));
+  ASSERT_TRUE(waitForReader([&] { return take("r").size() == 1; }));
   database.query(
       "SELECT kodu_events_bury('r', position, event, 10, 'HTTP 500') FROM"
       " kodu_events('r')");
@@ -303,7 +310,7 @@ TEST_F(EventsTest, ReturnOnceMoreAfterTheyWerePutAside) {
   daemon.runOnce(1);
   const std::string bury =
       "SELECT kodu_events_bury('r', position, event, 3, 'HTTP 500') FROM kodu_events('r', 1)";
-  ASSERT_TRUE(waitUntil([&] { return take("r").size() == 2; }));
+  ASSERT_TRUE(waitForReader([&] { return take("r").size() == 2; }));
   database.query(bury);
   database.query(bury);
   ASSERT_EQ(database.value("SELECT count(*) FROM kodu_event_dead"), "2");
@@ -330,7 +337,7 @@ TEST_F(EventsTest, ReturnOnceMoreAfterTheyWerePutAside) {
   database.query("SELECT kodu_events_done('r', max(position)) FROM kodu_events('r')");
   EXPECT_EQ(database.value("SELECT count(*) FROM kodu_event_dead"), "0");
   EXPECT_EQ(database.value("SELECT kodu_events_redeliver('r')"), "0");
-  EXPECT_TRUE(waitUntil([&] { return take("r") == std::vector<std::string>{"failed 1"}; }));
+  EXPECT_TRUE(waitForReader([&] { return take("r") == std::vector<std::string>{"failed 1"}; }));
   EXPECT_THAT(refusalOf("SELECT kodu_events_redeliver('r', '1')"),
               HasSubstr("no event 1 of the reader r was put aside"));
   EXPECT_THAT(refusalOf("SELECT kodu_events_redeliver('missing')"),
@@ -467,7 +474,7 @@ TEST_F(AloneEventsTest, DisconnectAReceiverThatDoesNotRead) {
     return database.value("SELECT wait_event = 'ClientWrite' FROM pg_stat_activity WHERE pid = " +
                           pid) == "t";
   };
-  ASSERT_TRUE(waitUntil([&] {
+  ASSERT_TRUE(waitForReader([&] {
     database.query(
         "SELECT pg_notify('kodu_run', n || repeat('x', 7900)) FROM generate_series(1, 1000) AS n");
     return isStuck();

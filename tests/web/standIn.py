@@ -60,6 +60,7 @@ def make_task(number, **changes):
         'due': text_of(begun + timedelta(minutes=5)), 'last_due': text_of(begun), 'late_seconds': 0,
         'every_seconds': 300, 'calendar': None, 'zone': None, 'retries': 1, 'retry_after_seconds': 30,
         'retries_used': 0, 'failures_hour': int(failed), 'failures_day': 3 * failed,
+        'held_from': None,
         'failing_since': text_of(begun - timedelta(hours=1)) if failed else None, 'running': False,
         'retry_due': None, 'paused': False, 'pause': None, 'deleted': False,
         'output_file': f'/var/lib/kodu/output/{number}_last.txt', 'archive': f'/var/lib/kodu/output/{number}'}
