@@ -218,10 +218,11 @@ BEGIN
     LOOP
         EXECUTE format('REVOKE EXECUTE ON FUNCTION %s FROM PUBLIC', function);
     END LOOP;
-    -- What kodu_coming_runs calls, where sql/calendar.sql is loaded.
+    -- What kodu_coming_runs calls, where sql/calendar.sql and sql/windows.sql are loaded.
     FOR function IN
         SELECT oid FROM pg_proc
-        WHERE pronamespace = 'public'::regnamespace AND proname LIKE 'kodu\_calendar\_%'
+        WHERE pronamespace = 'public'::regnamespace
+          AND (proname LIKE 'kodu\_calendar\_%' OR proname = 'kodu_window_hold')
     LOOP
         EXECUTE format('GRANT EXECUTE ON FUNCTION %s TO kodu_viewer', function);
     END LOOP;
@@ -235,7 +236,7 @@ GRANT EXECUTE ON FUNCTION kodu_web_daemon, kodu_web_changes, kodu_web_problem TO
 GRANT SELECT ON kodu_plugins, kodu_cron_plugin, kodu_cron_error, kodu_cron_repair, kodu_cron_pause,
                 kodu_cron_key, kodu_daemon_state, kodu_task_state, kodu_task_status, kodu_schema_version,
                 kodu_run, kodu_task_run, kodu_plugin_hour, kodu_task_day TO kodu_viewer;
-GRANT EXECUTE ON FUNCTION kodu_coming_runs, kodu_slot_after TO kodu_viewer;
+GRANT EXECUTE ON FUNCTION kodu_coming_runs, kodu_slot_after, kodu_held TO kodu_viewer;
 GRANT SELECT ON kodu_audit, kodu_web_person TO kodu_admin;
 GRANT EXECUTE ON FUNCTION kodu_web_change, kodu_web_note, kodu_web_values, kodu_web_problem TO kodu_admin;
 

@@ -102,7 +102,7 @@ Console::Visit Console::visitOf(const HttpRequest& request) const {
   Visit visit{request, request.peer, options.tls.has_value()};
   if (options.trustedProxies.contains(request.peer)) {
     // A client can send such a header too, so the last address counts, which the proxy has added.
-    // Of several headers nobody knows which one is the proxy's: it may put its own first or last.
+    // Of several headers, the proxy's is not known: it may be the first or the last.
     if (countOf(request, "X-Forwarded-For") > 1 || countOf(request, "X-Forwarded-Proto") > 1) {
       throw Refusal(400, "The proxy must pass on one X-Forwarded-For and one X-Forwarded-Proto.");
     }
