@@ -11,6 +11,8 @@ from selenium.webdriver.common.keys import Keys
 OPTIONS = ['--headless=new', '--no-sandbox', '--disable-dev-shm-usage', '--disable-gpu', '--lang=en',
            '--window-size=1300,900']
 
+PATIENCE = 60  # seconds: a busy machine is slow to show what it has
+
 # Everything that the page was refused, for the tests to find.
 WATCH = """
 window.refused = [];
@@ -37,7 +39,8 @@ class Browser:
         return self.driver.execute_script(script, *arguments)
 
     def find(self, selector):
-        return self.driver.find_element(By.CSS_SELECTOR, selector)
+        """The first element that matches, as soon as there is one."""
+        return self.until(lambda: self.all(selector), what=selector)[0]
 
     def all(self, selector):
         return self.driver.find_elements(By.CSS_SELECTOR, selector)
@@ -57,7 +60,7 @@ class Browser:
             self.press(Keys.TAB)
         raise AssertionError(f'Tab does not lead to {selector} within {most} steps')
 
-    def until(self, condition, seconds=10, what=None):
+    def until(self, condition, seconds=PATIENCE, what=None):
         """Waits until the condition is true, and returns its value."""
         end = time.monotonic() + seconds
         while True:
@@ -69,5 +72,5 @@ class Browser:
                                      f'{self.text()[:2000]}')
             time.sleep(0.02)
 
-    def until_text(self, selector, text, seconds=10):
+    def until_text(self, selector, text, seconds=PATIENCE):
         self.until(lambda: text in self.text(selector), seconds, f'{text!r} in {selector}')

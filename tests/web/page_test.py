@@ -115,8 +115,11 @@ class OverviewTest(PageTest):
 
     def test_follows_the_stream(self):
         self.open('#/', 'The daemon is running since')
-        server.send('totals', server.totals() | {'running': 4321})
-        browser.until_text('.tiles', '4,321')
+
+        def shows_what_was_sent():
+            server.send('totals', server.totals() | {'running': 4321})
+            return '4,321' in browser.text('.tiles')
+        browser.until(shows_what_was_sent)
 
     def test_escapes_the_characters_of_a_pattern_in_the_links_to_plugins(self):
         server.plugins = [{'plugin': '/opt/check[*?]\\x', 'failing': 2}]
@@ -340,6 +343,7 @@ class TaskTest(PageTest):
 
     def test_shows_gauges_for_the_performance_data(self):
         self.open('#/tasks/4', 'Definition')
+        browser.find('caption ~ tbody tr')
         rows = [row.text for row in browser.all('caption ~ tbody tr')]
         self.assertIn('load 0.5 ✓ ok', rows[0])
         self.assertIn('temp 91 % ✗ critical', rows[1])
