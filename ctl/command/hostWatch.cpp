@@ -11,6 +11,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ctl/failure.h"
@@ -116,6 +117,7 @@ class Fetch {
     }
     words.insert(words.end(), {"host", "return", host});
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
       arguments.push_back(word.data());
     }
@@ -133,7 +135,7 @@ class Fetch {
 /// The service: one session, and another one when it is lost.
 class Watch {
  public:
-  explicit Watch(const Options& given) : options(given) {
+  explicit Watch(Options given) : options(std::move(given)) {
     options.applicationName = "kodu_watch";
     options.connectTimeout = 5;
   }

@@ -38,7 +38,7 @@ std::string takeName(std::string_view& line) {
   if (end == std::string_view::npos) {
     return "";
   }
-  const std::string name(line.substr(isQuoted ? 1 : 0, end - (isQuoted ? 1 : 0)));
+  std::string name(line.substr(isQuoted ? 1 : 0, end - (isQuoted ? 1 : 0)));
   line.remove_prefix(end + (isQuoted ? 1 : 0));
   return name;
 }

@@ -36,7 +36,7 @@ std::string keyPart(std::string_view text) {
 }
 
 std::string distinctKeyPart(std::string_view text) {
-  const std::string part = keyPart(text);
+  std::string part = keyPart(text);
   if (part == text) {
     return part;
   }
@@ -54,6 +54,6 @@ std::string digest(std::string_view text) {
 
 std::string excerpt(std::string_view text) {
   constexpr int kColumns = 60;
-  constexpr std::size_t kMostBytes = 4 * kColumns;  // of these columns, and of a long text's rest
+  constexpr std::size_t kMostBytes = 240;  // of these columns, and of a long text's rest
   return cutTo(oneLine(text.substr(0, kMostBytes)), kColumns);
 }

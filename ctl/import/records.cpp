@@ -45,7 +45,7 @@ class CsvReader {
   }
 
   std::string plainValue() {
-    const std::string value(rest.substr(0, rest.find_first_of(",\r\n")));
+    std::string value(rest.substr(0, rest.find_first_of(",\r\n")));
     rest.remove_prefix(value.size());
     return value;
   }

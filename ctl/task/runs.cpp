@@ -78,6 +78,7 @@ std::vector<long> readComingRuns(Session& session, int id, int count) {
       " FROM kodu_coming_runs($1::integer, $2::integer) AS due",
       {std::to_string(id), std::to_string(count)});
   std::vector<long> times;
+  times.reserve(static_cast<std::size_t>(rows.count()));
   for (int row = 0; row < rows.count(); ++row) {
     times.push_back(rows.number(row, "due"));
   }
