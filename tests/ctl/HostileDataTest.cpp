@@ -14,7 +14,7 @@ class HostileDataTest : public CtlTest {
     CtlTest::SetUp();
     database.query(readFile(projectFile("sql/events.sql")));
     TaskRow row = quietTask(1);
-    row.path = writePlugin(daemon.directory / "plugin", "printf '\\033]0;x\\007\\302\\2332J\\377'");
+    row.path = writePlugin(daemon.directory / "plugin", R"(printf '\033]0;x\007\302\2332J\377')");
     database.insertTask(row);
     database.takeAnyRow();  // the tables refuse parameters that are this long
     database.query(

@@ -1,8 +1,10 @@
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -51,7 +53,7 @@ class InterruptTest : public CtlTest {
     writeFile(daemon.logPath(), "");
     writeFile(declared(), declaration());
     for (const std::string& table : tables()) {
-      database.query("CREATE TABLE backup_" + table + " AS TABLE " + table);
+      database.query(fmt::format("CREATE TABLE backup_{0} AS TABLE {0}", table));
     }
     restore();
     environment.emplace_back("PGPASSWORD=secret");
@@ -79,8 +81,8 @@ class InterruptTest : public CtlTest {
   void restore() const {
     std::string sql = "BEGIN; SET LOCAL session_replication_role = replica;";
     for (const std::string& table : tables()) {
-      sql += "DELETE FROM " + table + ";INSERT INTO " + table +
-             " OVERRIDING SYSTEM VALUE TABLE backup_" + table + ";";
+      sql += fmt::format(
+          "DELETE FROM {0};INSERT INTO {0} OVERRIDING SYSTEM VALUE TABLE backup_{0};", table);
     }
     database.query(sql + "COMMIT");
     std::filesystem::remove_all(archive(1));
@@ -234,8 +236,8 @@ class InterruptTest : public CtlTest {
 
   /// Starts it with a pipe without a reader as standard output.
   pid_t startIntoClosedPipe(const Words& call, bool isSignalIgnored) const {
-    int ends[2];
-    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
     close(ends[0]);
     Words all = commandOf(call);
     all.insert(all.begin(), program());

@@ -1,3 +1,5 @@
+#include <fmt/format.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
@@ -11,7 +13,6 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
-using testing::StartsWith;
 
 /// koductl import, and apply of what it wrote.
 class ImportTest : public CtlTest {
@@ -134,8 +135,10 @@ TEST_F(ImportTest, TranslatesTheCommandsOfThisMachinesPlugins) {
       std::string word;
       std::string name;
       if (words >> word >> name && word == "command_name") {
-        objects += "define service {\nhost_name h\nservice_description " + name +
-                   "\ncheck_command " + name + "!1!2!a b!4\n}\n";
+        objects += fmt::format(
+            "define service {{\nhost_name h\nservice_description {0}\n"
+            "check_command {0}!1!2!a b!4\n}}\n",
+            name);
         ++commands;
       }
     }
