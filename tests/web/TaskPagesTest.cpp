@@ -1,3 +1,5 @@
+#include <fmt/format.h>
+
 #include <filesystem>
 #include <set>
 
@@ -80,7 +82,8 @@ TEST_F(TaskPagesTest, GivesPagesByTheirKeys) {
     std::set<int> seen;
     std::string after;
     do {
-      const Json::Value page = browser.api("tasks?limit=1&sort=" + sort + "&after=" + after).json();
+      const Json::Value page =
+          browser.api(fmt::format("tasks?limit=1&sort={}&after={}", sort, after)).json();
       ASSERT_EQ(page["tasks"].size(), 1U) << sort;
       EXPECT_TRUE(seen.insert(page["tasks"][0]["id"].asInt()).second) << sort;
       after = page["next"].asString();

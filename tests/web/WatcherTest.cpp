@@ -92,9 +92,9 @@ TEST_F(WatcherTest, TellsThatTheDatabaseIsAway) {
   const Stream stream(browser);
   EXPECT_NE(stream.await("event: totals\n"), "");
   setDatabaseAway(true);
-  const std::string received = stream.await("\"what\":\"database\"}");
+  const std::string received = stream.await(R"("what":"database"})");
   const Stream later(browser);
-  const std::string greeting = later.await("\"what\":\"database\"}");
+  const std::string greeting = later.await(R"("what":"database"})");
   setDatabaseAway(false);
   EXPECT_NE(received, "");
   EXPECT_THAT(greeting, Not(HasSubstr("event: totals")));
