@@ -70,7 +70,7 @@ class Watcher {
 
   void look(Session& session);
   void lookAtPeople(Session& session);
-  void noteAnswer(const std::string& problem);
+  void noteAnswer(const std::string& failure);
   bool isWatched() const;
   bool isAnswering() const;
   void forgetCounts();
