@@ -65,6 +65,7 @@ TEST_F(JsonSchemaTest, DescribesEveryCommand) {
       "ALTER TABLE kodu_plugins ALTER plugin_id RESTART 1000;"
       "ALTER TABLE kodu_cron_plugin ALTER cron_id RESTART 1000");
   database.query(readFile(projectFile("sql/hosts.sql")));
+  database.query(readFile(projectFile("sql/windows.sql")));
   const std::string declared = daemon.directory / "declared.yaml";
   writeFile(declared, "set: s\ntasks: {a: {plugin: /bin/true, every: 1h}}\n");
   for (const auto& [command, forms] : callsOfEveryCommand(declared, daemon.directory / "metrics")) {
