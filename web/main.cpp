@@ -34,8 +34,7 @@ HttpLimits limits() {
   HttpLimits limits;
   limits.connections = 1000;
   limits.headerBytes = 16384;
-  // No request needs more. Everybody can send a body before the login: 1,000 clients as much
-  // memory.
+  // No request needs more. Bodies are accepted before the login, from each of the 1,000 clients.
   limits.bodyBytes = 65536;
   limits.idle = std::chrono::seconds(10);
   limits.handlers = 16;

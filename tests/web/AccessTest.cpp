@@ -9,7 +9,7 @@ using AccessTest = WebTest;
 
 TEST_F(AccessTest, GivesASessionForTheRightPassword) {
   start();
-  EXPECT_EQ(nobody().api("session").status, 401);
+  EXPECT_EQ(loggedOut().api("session").status, 401);
   const WebAnswer answer = tryLogin(admin, "right");
   EXPECT_EQ(answer.status, 200);
   EXPECT_EQ(answer.json()["role"], admin);
@@ -31,16 +31,16 @@ TEST_F(AccessTest, SaysTheSameOfEachWrongPair) {
   EXPECT_EQ(wrong.status, 401);
   EXPECT_EQ(wrong.json()["error"], "The role or the password is wrong.");
   EXPECT_EQ(wrong.header("Set-Cookie"), "");
-  for (const auto& [role, password] : {std::pair<std::string, std::string>{"nobody", "right"},
+  for (const auto& [role, password] : {std::pair<std::string, std::string>{"missing", "right"},
                                        {admin, ""},
                                        {"", "right"},
                                        {admin, std::string(2000, 'x')},
                                        {admin + " dbname=postgres", "right"}}) {
     EXPECT_EQ(tryLogin(role, password).body, wrong.body) << role;
   }
-  EXPECT_EQ(nobody().send("login", "{\"role\":[]}", "").status, 400);
-  EXPECT_EQ(nobody().send("login", "[", "").status, 400);
-  EXPECT_EQ(nobody().send("login", std::string(5000, '['), "").status, 400);
+  EXPECT_EQ(loggedOut().send("login", "{\"role\":[]}", "").status, 400);
+  EXPECT_EQ(loggedOut().send("login", "[", "").status, 400);
+  EXPECT_EQ(loggedOut().send("login", std::string(5000, '['), "").status, 400);
 }
 
 TEST_F(AccessTest, RefusesAfterFiveFailures) {
@@ -104,8 +104,8 @@ TEST_F(AccessTest, TakesNoChangeFromAnotherPageOrSession) {
         origin + "X-Kodu-Token: \r\n"}) {
     EXPECT_EQ(browser.send("logout", "", headers).status, 403) << headers;
   }
-  EXPECT_EQ(nobody().send("logout", "", token + origin).status, 401);
-  EXPECT_EQ(nobody().send("login", "{}", "Origin: http://evil\r\n").status, 403);
+  EXPECT_EQ(loggedOut().send("logout", "", token + origin).status, 401);
+  EXPECT_EQ(loggedOut().send("login", "{}", "Origin: http://evil\r\n").status, 403);
   EXPECT_EQ(browser.post("logout").status, 204);
 }
 
@@ -183,22 +183,23 @@ TEST_F(AccessTest, KeepsSessionsOverARestartOfTheDatabase) {
 TEST_F(AccessTest, ShowsTasksToEverybodyWhereThatIsWanted) {
   database.insertTask(makeTask(1, "echo"));
   start({"--anonymous", viewer});
-  ASSERT_TRUE(waitUntil([&] { return nobody().api("session").status == 200; }));
-  const Json::Value session = nobody().api("session").json();
+  ASSERT_TRUE(waitUntil([&] { return loggedOut().api("session").status == 200; }));
+  const Json::Value session = loggedOut().api("session").json();
   EXPECT_EQ(session["role"], viewer);
   EXPECT_TRUE(session["anonymous"].asBool());
   EXPECT_FALSE(session["may_change"].asBool());
-  EXPECT_EQ(nobody().api("tasks").json()["tasks"].size(), 1U);
-  EXPECT_EQ(nobody().post("tasks/1/run").status, 401);
+  EXPECT_EQ(loggedOut().api("tasks").json()["tasks"].size(), 1U);
+  EXPECT_EQ(loggedOut().post("tasks/1/run").status, 401);
   EXPECT_TRUE(login(admin).api("session").json()["may_change"].asBool());
 }
 
 TEST_F(AccessTest, TakesAddressAndEncryptionFromATrustedProxyAlone) {
   start({"--trusted-proxy", "127.0.0.1"});
   const auto tryFrom = [&](const std::string& address, const std::string& password) {
-    return nobody().send("login", R"({"role":")" + admin + R"(","password":")" + password + R"("})",
-                         "X-Forwarded-For: 10.0.0.1, " + address +
-                             "\r\nX-Forwarded-Proto: https\r\nOrigin: https://x\r\n");
+    return loggedOut().send("login",
+                            R"({"role":")" + admin + R"(","password":")" + password + R"("})",
+                            "X-Forwarded-For: 10.0.0.1, " + address +
+                                "\r\nX-Forwarded-Proto: https\r\nOrigin: https://x\r\n");
   };
   for (int i = 0; i < 5; ++i) {
     EXPECT_EQ(tryFrom("10.0.0.7", "wrong").status, 401);

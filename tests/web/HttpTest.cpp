@@ -14,17 +14,18 @@ using WebHttpTest = WebTest;
 
 TEST_F(WebHttpTest, ServesThePageWithAPolicy) {
   start();
-  const WebAnswer answer = nobody().get("/");
+  const WebAnswer answer = loggedOut().get("/");
   EXPECT_EQ(answer.status, 200);
   EXPECT_EQ(answer.header("Content-Type"), "text/html; charset=utf-8");
   EXPECT_THAT(answer.body, HasSubstr("<title>koducron</title>"));
-  for (const WebAnswer& each : {answer, nobody().get("/none"), nobody().api("tasks")}) {
+  for (const WebAnswer& each : {answer, loggedOut().get("/none"), loggedOut().api("tasks")}) {
     EXPECT_THAT(each.header("Content-Security-Policy"), HasSubstr("default-src 'none'; script-src "
                                                                   "'self';"));
     EXPECT_THAT(each.header("Content-Security-Policy"), Not(HasSubstr("unsafe")));
     EXPECT_EQ(each.header("X-Content-Type-Options"), "nosniff");
   }
-  EXPECT_EQ(nobody().get("/app/main.js").header("Content-Type"), "text/javascript; charset=utf-8");
+  EXPECT_EQ(loggedOut().get("/app/main.js").header("Content-Type"),
+            "text/javascript; charset=utf-8");
   const std::string tag = answer.header("ETag");
   EXPECT_EQ(WebAnswer(HttpClient::get(port, "/", "If-None-Match: " + tag + "\r\n")).status, 304);
 }
@@ -36,7 +37,7 @@ TEST_F(WebHttpTest, ServesNothingElse) {
         "/../page/index.html", "/app/..%2fsecret.html", "/%2e%2e/%2e%2e/etc/passwd",
         "/app/%2e%2e/secret.html", "//etc/passwd", "/app/main.js/", "/app/main.js%00.html",
         "/app\\..\\secret.html", "/./index.html", "/app/./main.js", "/APP/main.js"}) {
-    EXPECT_EQ(nobody().get(path).status, 404) << path;
+    EXPECT_EQ(loggedOut().get(path).status, 404) << path;
   }
   for (const char* path :
        {"", "tasks/../session", "tasks/1/../../session", "tasks/1/", "tasks//1", "tasks/1/none",
@@ -84,20 +85,20 @@ TEST_F(WebHttpTest, ServesAgainAfterConnectionsThatSayNothing) {
   for (int i = 0; i < 1000; ++i) {
     silent.push_back(std::make_unique<HttpClient>(port));
   }
-  EXPECT_EQ(nobody().get("/healthz").text, "") << "as many as the limit are connected";
-  EXPECT_TRUE(
-      waitUntil([&] { return nobody().get("/healthz").status == 200; }, std::chrono::seconds(30)));
+  EXPECT_EQ(loggedOut().get("/healthz").text, "") << "as many as the limit are connected";
+  EXPECT_TRUE(waitUntil([&] { return loggedOut().get("/healthz").status == 200; },
+                        std::chrono::seconds(30)));
 }
 
 TEST_F(WebHttpTest, ReportsAboutItself) {
   start();
   const Browser browser = login(viewer);
   tryLogin(viewer, "wrong");
-  EXPECT_THAT(nobody().get("/healthz").body, "koduweb is running.\n");
+  EXPECT_THAT(loggedOut().get("/healthz").body, "koduweb is running.\n");
   EXPECT_TRUE(waitUntil([&] {
-    return nobody().get("/metrics").body.find("\nkoduweb_database_up 1\n") != std::string::npos;
+    return loggedOut().get("/metrics").body.find("\nkoduweb_database_up 1\n") != std::string::npos;
   }));
-  const std::string metrics = nobody().get("/metrics").body;
+  const std::string metrics = loggedOut().get("/metrics").body;
   EXPECT_THAT(metrics, HasSubstr("\nkoduweb_sessions 1\n"));
   EXPECT_THAT(metrics, HasSubstr("\nkoduweb_refused_logins_total 1\n"));
   EXPECT_EQ(exitStatusOf(end(SIGTERM)), 0);

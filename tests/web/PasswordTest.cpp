@@ -73,7 +73,7 @@ TEST(PasswordTest, IsCheckedByTheServer) {
   EXPECT_EQ(checkPassword(config, "kodu", database.password(), reason), PasswordCheck::kRight);
   EXPECT_EQ(checkPassword(config, "kodu", database.password() + "x", reason),
             PasswordCheck::kWrong);
-  EXPECT_EQ(checkPassword(config, "kodu_nobody", "x", reason), PasswordCheck::kWrong);
+  EXPECT_EQ(checkPassword(config, "kodu_missing", "x", reason), PasswordCheck::kWrong);
 }
 
 TEST(PasswordTest, IsNotReplacedByOneOfTheEnvironment) {

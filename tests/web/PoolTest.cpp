@@ -36,7 +36,7 @@ class PoolTest : public testing::Test {
 TEST_F(PoolTest, RefusesARoleThatItMayNotTake) {
   EXPECT_NO_THROW(runAs("none"));
   EXPECT_THROW(runAs("postgres"), RoleRefused);
-  EXPECT_THROW(runAs("kodu_nobody"), RoleRefused);
+  EXPECT_THROW(runAs("kodu_missing"), RoleRefused);
   EXPECT_NO_THROW(runAs("none"));
 }
 

@@ -160,10 +160,10 @@ class WebTest : public DaemonTest {
           "POST"));
     }
   };
-  Browser nobody() const { return {port, "", ""}; }
+  Browser loggedOut() const { return {port, "", ""}; }
   WebAnswer tryLogin(const std::string& role, const std::string& password) const {
-    return nobody().send("login", R"({"role":")" + role + R"(","password":")" + password + R"("})",
-                         "");
+    return loggedOut().send("login",
+                            R"({"role":")" + role + R"(","password":")" + password + R"("})", "");
   }
   Browser login(const std::string& role) const {
     const WebAnswer answer = tryLogin(role, "right");
